@@ -1,0 +1,47 @@
+// lock.h - the driver's spin locks and the scope that holds one.
+//
+// A spin lock is taken only up to DISPATCH_LEVEL; above it the guarded data is used without the lock.
+// No path holds two of them at once. The one exception is the log's own lock, a leaf that log.cpp takes
+// by itself. clang's thread-safety analysis checks GUARDED_BY; other compilers see nothing of it.
+#pragma once
+
+#include <kernel.h>
+
+#if defined(__clang__)
+#define LOCK_ATTRIBUTE(attribute) __attribute__((attribute))
+#else
+#define LOCK_ATTRIBUTE(attribute)
+#endif
+#define GUARDED_BY(lock) LOCK_ATTRIBUTE(guarded_by(lock))
+#define REQUIRES_LOCK(lock) LOCK_ATTRIBUTE(requires_capability(lock))
+#define WITHOUT_LOCK_ANALYSIS LOCK_ATTRIBUTE(no_thread_safety_analysis)
+
+struct LOCK_ATTRIBUTE(capability("spin lock")) SpinLock {
+    KSPIN_LOCK Lock;
+};
+
+class LOCK_ATTRIBUTE(scoped_lockable) LockScope
+{
+public:
+    explicit LockScope(SpinLock& lock) LOCK_ATTRIBUTE(acquire_capability(lock))
+        : pLock(KeGetCurrentIrql() <= DISPATCH_LEVEL ? &lock.Lock : nullptr)
+    {
+        if (pLock != nullptr) {
+            OldIrql = KeAcquireSpinLockRaiseToDpc(pLock);
+        }
+    }
+
+    ~LockScope() LOCK_ATTRIBUTE(release_capability())
+    {
+        if (pLock != nullptr) {
+            KeReleaseSpinLock(pLock, OldIrql);
+        }
+    }
+
+    LockScope(const LockScope&) = delete;
+    LockScope& operator=(const LockScope&) = delete;
+
+private:
+    PKSPIN_LOCK pLock;
+    KIRQL OldIrql = 0;
+};

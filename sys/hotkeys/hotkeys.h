@@ -1,0 +1,75 @@
+// hotkeys.h - key definitions, hotkey matching, keys held back and given, whole reports to insert.
+#pragma once
+
+#include "driver/driver.h"
+
+// definitions.cpp: what the application defined. IRQL = PASSIVE. Lock: DefinitionMutex, then KeyDefLock.
+NTSTATUS AddKeyDefinition(PDEVICE_OBJECT device, const KeyDefinition* pDefinition);
+NTSTATUS AddKeyDefinitionByIndex(ULONG ulDeviceIndex, const KeyDefinition* pDefinition);
+NTSTATUS RemoveKeyDefinition(PDEVICE_OBJECT device, ULONG ulId);
+NTSTATUS RemoveKeyDefinitionByIndex(ULONG ulDeviceIndex, ULONG ulId);
+void FreeKeyDefinitions(PDEVICE_OBJECT device);
+void FreeAllKeyDefinitions();
+
+// definitionlookup.cpp: IRQL <= DISPATCH. The pointers stay valid only under KeyDefLock or DefinitionMutex.
+KeyDefinition* FindKeyDefinitionById(PDEVICE_OBJECT device, ULONG ulId, PUSHORT pusIndex);
+KeyDefinition* FindKeyDefinitionByType(PDEVICE_OBJECT device, ULONG ulType, PUSHORT pusIndex);
+KeyDefinition* FindKeyDefinition(PDEVICE_OBJECT device, const KeyDefinition* pDefinition, PUSHORT pusIndex);
+bool GetSwallowOf(PDEVICE_OBJECT device, ULONG ulId, PUCHAR pucSwallow);           // copies, false: unknown id
+bool GetDefinitionOfType(PDEVICE_OBJECT device, ULONG ulType, KeyDefinition* pCopy); // copies, false: none
+
+// hotkeylist.cpp: the hotkey list made from the definitions
+NTSTATUS BuildHotkeyList(PDEVICE_OBJECT device); // IRQL = PASSIVE. Lock: the caller holds DefinitionMutex.
+
+// convert.cpp
+NTSTATUS ConvertPS2ToHID(PDEVICE_OBJECT device, const KeyDefinition* pDefinition, HotkeyEntry* pEntry);
+
+// One walk of the published hotkey list: while it lives the list is not rebuilt under it.
+class HotkeyWalk
+{
+public:
+    explicit HotkeyWalk(DeviceContext* pContext);
+    ~HotkeyWalk();
+    HotkeyWalk(const HotkeyWalk&) = delete;
+    HotkeyWalk& operator=(const HotkeyWalk&) = delete;
+    HotkeyEntry* begin() const { return pFirst; }
+    HotkeyEntry* end() const; // the first entry whose ulId is 0
+
+private:
+    DeviceContext* pContext;
+    ULONG ulList;
+    HotkeyEntry* pFirst;
+};
+
+// matching.cpp: the hotkey pass, once a key of a report. IRQL <= DISPATCH.
+NTSTATUS ProcessHotkeyScan(PDEVICE_OBJECT device, UCHAR ucUsage, USHORT usReleased, PUCHAR pBuf,
+                           PULONG pIndex, PULONG pLen, PUCHAR pHotkeyReleased);
+bool UpdateHotkeyListByScan(PDEVICE_OBJECT device, UCHAR ucUsage, USHORT usReleased);
+
+// truematch.cpp
+UCHAR FindTrueMatch(PDEVICE_OBJECT device, PUCHAR pNoPartial, PUCHAR pSwallow, PUCHAR pHotkeyReleased);
+
+// typematic.cpp: the repeat timers
+KDEFERRED_ROUTINE TypematicDelayCallback;
+KDEFERRED_ROUTINE TypematicRepeatCallback;
+void StartTypematic(PDEVICE_OBJECT device);       // arms TypematicDelayTimer
+void CancelTypematicOf(PDEVICE_OBJECT device);    // this keyboard's two timers
+void CancelTypematicTimers();                     // of every keyboard
+
+// keybuffers.cpp: SwallowBuf and InsertBuf. IRQL <= DISPATCH. Lock: takes BufferLock.
+ULONG RemoveKeyFromBuffer(PUCHAR pBuf, ULONG ulLen, ULONG ulIndex);
+ULONG SwallowScan(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, ULONG ulIndex);
+bool GetDataFromSwallowBuffer(PDEVICE_OBJECT device, PUCHAR pOut);
+void DiscardSwallowBuffer(PDEVICE_OBJECT device);
+bool AddDataToInsertBuffer(PDEVICE_OBJECT device, const UCHAR* pUsage);
+bool GetDataFromInsertBuffer(PDEVICE_OBJECT device, PUCHAR pOut);
+
+// insertscans.cpp: IRQL = PASSIVE; pRequest: wait u32, count u16, scan bytes.
+NTSTATUS InsertScans(ULONG ulDeviceIndex, PUCHAR pRequest);
+
+// fifo.cpp: IRQL <= DISPATCH; InsertUSBPackets = PASSIVE; pRequest: count u16, unused u16, entries.
+NTSTATUS InsertUSBPacketFifin(PDEVICE_OBJECT device, const FifoEntry* pEntry);
+NTSTATUS GetUSBPacketFifo(ULONG ulDeviceIndex, FifoEntry* pEntry);
+NTSTATUS GetFifoCount(ULONG ulDeviceIndex, PULONG pulCount);
+NTSTATUS InsertUSBPackets(ULONG ulDeviceIndex, const UCHAR* pRequest);
+void ReportFifoDelivered(PDEVICE_OBJECT device); // after an entry was delivered: ends the waits of an empty queue

@@ -1,0 +1,64 @@
+// report.h - the report engine: one completed report in, the report the system shall see out.
+//
+// Everything here runs on the report road: IRQL <= DISPATCH, no allocation, the report rewritten in place.
+#pragma once
+
+#include "driver/driver.h"
+
+// A handler of one kind of report. IRQL <= DISPATCH. Owns: pBuf stays the caller's, rewritten in place.
+// Fails: a report of another shape is left untouched with STATUS_UNSUCCESSFUL.
+using ReportHandler = NTSTATUS(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf);
+
+enum : ULONG {
+    MODIFIER_CONTEXT_KEY = 0x00000200,
+    MODIFIER_ANY_CONTROL = 0x00000400,
+    MODIFIER_ANY_SHIFT = 0x00000800,
+    MODIFIER_ANY_ALT = 0x00001000,
+    MODIFIER_ANY_GUI = 0x00002000,
+    MODIFIER_POSKEY_PREFIX = 0x08000000,
+    MODIFIER_PREFIX1 = 0x10000000,
+    MODIFIER_PREFIX2 = 0x20000000,
+    MODIFIER_PREFIXES = 0x38000000,
+    MODIFIER_FN = 0x80000000,
+};
+
+enum : UCHAR {
+    USAGE_ESCAPE = 0x29,
+    USAGE_CAPS_LOCK = 0x39,
+    USAGE_SCROLL_LOCK = 0x47,
+    USAGE_NUM_LOCK = 0x53,
+    USAGE_CONTEXT_KEY = 0x65,
+    USAGE_FN = 0xA5,
+    USAGE_VOLUME_UP = 0xE9,
+    USAGE_VOLUME_DOWN = 0xEA,
+};
+
+// packet.cpp: what kind of report is it
+ReportHandler DiagUSBPacket;
+ULONG FirstKeyPosition(ULONG ulLen); // 2 for length 8, 1 for length 3, else 0
+bool IsRolloverPacket(ULONG ulLen, const UCHAR* pBuf);
+bool IsKeyInPacket(UCHAR ucUsage, const UCHAR* pBuf, ULONG ulLen);
+
+// normal.cpp: the standard report
+ReportHandler DiagNormalPacket;
+
+// normal02.cpp: the standard report, simple matching
+ReportHandler DiagNormalPacket02;
+
+// modifiers.cpp: the modifier word of all keyboards
+void UpdateModifierFlags(PDEVICE_OBJECT device, const UCHAR* pBuf, ULONG ulLen, UCHAR ucFlag);
+bool IsModifierMaskMatched(ULONG ulMask, ULONG ulFlags);
+bool IsPrefixUsage(UCHAR ucUsage); // one of the three prefix keys
+
+// hotkeymodifiers.cpp: what the modifier word means to the hotkeys
+void UpdateHotkeyModifierMatch(PDEVICE_OBJECT device);
+ReportHandler CheckModifierOnlyHotkeys;
+void NotifyHotkeyEvent(PDEVICE_OBJECT device, ULONG ulId, UCHAR ucDown);
+
+// extended.cpp: power, consumer and extended-controller reports
+ReportHandler DiagPowerPacket;
+ReportHandler DiagJaalaaPacket;
+ReportHandler DiagJaalaaPacketPower;
+
+// pointofsale.cpp
+ReportHandler HandleOPOSPacket;

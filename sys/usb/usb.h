@@ -1,0 +1,46 @@
+// usb.h - what goes between the HID stack and the USB stack, caught on its way down and up.
+#pragma once
+
+#include "driver/driver.h"
+
+// internalioctl.cpp: a request's way down and up
+DispatchRoutine DispatchInternalIoctl;
+NTSTATUS FilterInternalIoctl(PDEVICE_OBJECT DeviceObject, PIRP Irp, PUCHAR pucComplete);
+IO_COMPLETION_ROUTINE InternalIoctlCompletion;
+
+// urb.cpp: which URB is it
+// What became of a request on its way down.
+enum : UCHAR { URB_PASS = 0, URB_ANSWERED = 1, URB_PARKED = 2 };
+UCHAR ShowURBInfo(PDEVICE_OBJECT DeviceObject, PIRP Irp, UCHAR ucCompletion);
+
+// intercept.cpp: the road of a read
+struct ReportRead {
+    PURB pUrb;
+    PUCHAR pBuf;  // TransferBuffer, null when the transfer names only an MDL
+    ULONG ulLen;  // way down: what the stack asked for; completed: what came
+};
+UCHAR AnswerRead(PDEVICE_OBJECT device, PIRP Irp, const ReportRead* pRead); // way down
+void HandleReport(PDEVICE_OBJECT device, const ReportRead* pRead);          // completed
+
+// pendingreads.cpp: IRQL <= DISPATCH. Lock: takes PendingIrpLock.
+NTSTATUS AddPendingIrp(PDEVICE_OBJECT device, PIRP Irp);
+bool RemovePendingIrp(PDEVICE_OBJECT device, PIRP Irp); // true: the canceller completes it
+bool CancelPendingRead(PDEVICE_OBJECT device);          // false: none was pending
+
+// discard.cpp: IRQL <= DISPATCH. Lock: takes DiscardLock.
+NTSTATUS AddDiscardedPacket(PDEVICE_OBJECT device, const UCHAR* pValue, UCHAR ucIsModifier);
+NTSTATUS GetDiscardedPacketCount(ULONG ulDeviceIndex, PULONG pulCount);
+NTSTATUS GetDiscardedPacket(ULONG ulDeviceIndex, DiscardEntry* pEntry);
+
+// descriptors.cpp: what the keyboard says of itself
+void DiagSetupPacket(const UCHAR* pPacket);
+void DiagDescriptor(PDEVICE_OBJECT device, const UCHAR* pBuf, ULONG ulLen, UCHAR ucCompleted);
+
+// names.cpp: the field's names, for trace output
+const char* UrbFunctionName(USHORT usFunction);
+const char* DescriptorTypeName(UCHAR ucType);
+const char* StandardRequestName(UCHAR ucRequest);
+
+// leds.cpp: the two encodings of the lock LEDs
+USHORT LedReportToFlags(USHORT usReport);
+USHORT LedFlagsToReport(USHORT usFlags);
