@@ -1,0 +1,146 @@
+// A machine for one driver: the host, the emulated keyboards with their HID stacks, and the driver between
+// them.
+//
+// Tools, tests and benchmarks build one, plug keyboards, let them report, unplug them and unload the driver.
+// It owns every device it makes. In simulated mode everything that a call causes has happened when it
+// returns; in threaded mode the observers run in whatever thread completes a read.
+#pragma once
+
+#include <kernel.h>
+#include <host.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "emu/hid/hid.h"
+#include "emu/keyboard/keyboard.h"
+
+using EmuBytes = std::vector<UCHAR>;
+// A registry value of the driver's parameters key: a number (REG_DWORD) or text (REG_SZ, plain ASCII).
+using EmuSetting = std::variant<ULONG, std::string>;
+
+// What the HID stack received: one completed read.
+struct EmuReceived {
+    EmuBytes Bytes;
+    NTSTATUS Status;
+};
+
+// How a keyboard is plugged in.
+struct EmuPlugOptions {
+    ULONG Reads = 1;            // reads outstanding at once
+    ULONG PacketBytes = 0;      // size of a read, 0 = the endpoint's
+    bool Manual = false;        // reads go down only by EmuKeyboard::Read
+    bool NoEnumeration = false; // START sends no descriptor requests
+    bool LoopGuard = false;     // re-read by the outer loop instead of by recursion
+    bool Record = true;         // keep what is received for Received()
+    bool Start = true;          // send START_DEVICE at once
+    NTSTATUS StartStatus = 0;   // what the keyboard answers START with
+    ULONG StartDelayMs = 0;     // above 0: START is left pending for so long
+    // Answers control requests instead of the tables: setup packet, data (in: what goes out or the room for
+    // the answer; out: what was moved). STATUS_NOT_SUPPORTED leaves the request to the tables.
+    std::function<NTSTATUS(const UCHAR* pSetup, EmuBytes& Data)> Hook;
+    std::function<void(const EmuReceived&)> OnReceived; // every completed read
+    std::function<void(const EmuBytes&)> OnLed;         // every output report that reached the keyboard
+};
+
+struct EmuMachineOptions {
+    PDRIVER_INITIALIZE Entry = nullptr; // the driver's entry
+    HostMode Mode = HostSimulated;
+    std::map<std::string, EmuSetting>
+        Settings;             // values of the parameters key, absent = absent in the registry
+    std::string RegistryText; // more registry content, as .reg text with its head line or ""
+    std::string FileRoot;     // folder that NT paths map to
+};
+
+// One plugged keyboard with its three device objects: the keyboard, the driver's filter, the HID stack.
+class EmuKeyboard
+{
+public:
+    // The keyboard sends a report. False when it could not take it (unplugged, full).
+    bool Report(const EmuBytes& Bytes);
+    // Manual mode: sends one read down.
+    NTSTATUS Read();
+    // Completes the oldest read at the keyboard with an error.
+    NTSTATUS FailRead(NTSTATUS Status);
+    // A control request from the HID stack; Data as in EmuPlugOptions::Hook.
+    NTSTATUS Control(const UCHAR* pSetup, EmuBytes& Data, EmuHidRoute Route);
+    NTSTATUS SendLed(UCHAR ucLeds, EmuHidRoute Route = EmuHidRouteClass);
+
+    // What was received so far; Taken() returns it and starts over.
+    std::vector<EmuReceived> Received() const;
+    std::vector<EmuReceived> Taken();
+    ULONG PendingReads() const; // at the keyboard
+    ULONG KeptReports() const;  // at the keyboard
+
+    // Plug and Play, one request each, to the top of the stack. After Remove the device objects are gone.
+    NTSTATUS Start();
+    NTSTATUS SendPnp(UCHAR ucMinor);
+    NTSTATUS SurpriseRemove();
+    NTSTATUS Remove();
+    // Pulled out (surprise removal, then removal) or removed in order (query-remove, then removal).
+    // Returns the status of the removal. Nothing happens to a keyboard that is gone already.
+    NTSTATUS Unplug(bool bSurprise);
+    bool Plugged() const { return m_pPhysical != nullptr; }
+
+    NTSTATUS AddStatus() const { return m_AddStatus; }     // of the driver's AddDevice
+    NTSTATUS StartStatus() const { return m_StartStatus; } // of START_DEVICE
+    ULONG Index() const { return m_ulIndex; } // the driver's device index: devices added before it
+    PDEVICE_OBJECT Physical() const { return m_pPhysical; }
+    PDEVICE_OBJECT Filter() const { return m_pFilter; } // null when AddDevice was refused
+    PDEVICE_OBJECT Hid() const { return m_pHid; }
+
+    explicit EmuKeyboard(const EmuPlugOptions& options) : m_Options(options) {}
+    EmuKeyboard(const EmuKeyboard&) = delete;
+    EmuKeyboard& operator=(const EmuKeyboard&) = delete;
+
+private:
+    friend class EmuMachine;
+    static EmuRequestHook Hook;
+    static EmuLedObserver Led;
+    static EmuHidObserver Observe;
+
+    EmuPlugOptions m_Options;
+    PDEVICE_OBJECT m_pPhysical = nullptr, m_pFilter = nullptr, m_pHid = nullptr;
+    NTSTATUS m_AddStatus = STATUS_UNSUCCESSFUL, m_StartStatus = STATUS_UNSUCCESSFUL;
+    ULONG m_ulIndex = ~0u;
+    mutable std::mutex m_Lock; // guards m_Received; nothing of the host is called under it
+    std::vector<EmuReceived> m_Received;
+};
+
+class EmuMachine
+{
+public:
+    // Starts the host and loads the driver; LoadStatus() tells whether its entry succeeded.
+    explicit EmuMachine(const EmuMachineOptions& options);
+    // Unloads when that has not been done; leaks are then told on stderr by the host only.
+    ~EmuMachine();
+    EmuMachine(const EmuMachine&) = delete;
+    EmuMachine& operator=(const EmuMachine&) = delete;
+
+    NTSTATUS LoadStatus() const { return m_LoadStatus; }
+    PDRIVER_OBJECT Driver() const { return m_pDriver; }
+
+    // Plugs a keyboard in: makes it, adds the driver's filter and the HID stack, starts them. The handle
+    // stays valid until the machine ends; when AddDevice was refused the keyboard is gone again at once
+    // (AddStatus tells).
+    EmuKeyboard* Plug(const EmuDescriptors& descriptors = EmuBootKeyboard,
+                      const EmuPlugOptions& options = {});
+    // "normal", "power", "jaalaa", "chic" or "other"; null for another word.
+    static const EmuDescriptors* FindKind(const std::string& name);
+
+    // Unplugs what is still plugged, unloads every driver and ends the host. Returns the number of things
+    // left over, each told on stderr. Applications must be closed before.
+    unsigned Unload();
+
+private:
+    ULONG m_ulAdded = 0; // devices the driver accepted
+    NTSTATUS m_LoadStatus = STATUS_UNSUCCESSFUL;
+    PDRIVER_OBJECT m_pDriver = nullptr, m_pKeyboards = nullptr, m_pHid = nullptr;
+    bool m_bRunning = false;
+    std::vector<std::unique_ptr<EmuKeyboard>> m_Keyboards;
+};

@@ -1,0 +1,72 @@
+// The emulated keyboards: a bus driver whose physical device objects are USB keyboard interfaces.
+//
+// A keyboard answers the requests that a filter passes down to it: descriptors, control transfers, class
+// requests and interrupt-IN reads. Its reports come from EmuKeyboardReport, in the order in which they are
+// given; reports that no read waits for are kept for the next reads. Each controller kind lies in a file of
+// its own, which holds nothing but its descriptor tables. Plug and Play requests and control requests come at
+// PASSIVE_LEVEL, reads and reports at any level up to DISPATCH_LEVEL.
+#pragma once
+
+#include <kernel.h>
+
+// What one kind of keyboard interface is: the bytes of its descriptors and the strings the system shows for
+// it.
+struct EmuDescriptors {
+    const UCHAR* pDevice;        // device descriptor, 18 bytes
+    const UCHAR* pConfiguration; // configuration descriptor, whole
+    ULONG ulConfiguration;       // its length in bytes
+    const UCHAR* pReport;        // HID report descriptor
+    ULONG ulReport;              // its length in bytes
+    const WCHAR* pMaker;         // string 1
+    const WCHAR* pProduct;       // string 2, also the device description
+    const WCHAR* pHardwareId;    // the first hardware id
+};
+
+// The kinds, each in its own file.
+extern const EmuDescriptors EmuBootKeyboard;   // boot.cpp: interface 3/1/1, 8-byte reports
+extern const EmuDescriptors EmuPowerKeyboard;  // power.cpp: interface 3/0/0, 2-byte reports
+extern const EmuDescriptors EmuJaalaaKeyboard; // jaalaa.cpp: interface 3/1/2
+extern const EmuDescriptors EmuChicKeyboard;   // chic.cpp: interface 3/1/2, vendor 0x7A3C, product 0x0065
+extern const EmuDescriptors EmuOtherInterface; // other.cpp: interface 3/0/1
+
+// Answers one request of the control pipe instead of the descriptor tables. `pSetup` is the setup packet as
+// it would be on the wire, also for a descriptor or class request. `pBuffer` holds the data going out or
+// takes the answer; `*pulLength` is the buffer's length on entry and the bytes moved on return.
+// STATUS_NOT_SUPPORTED leaves the request to the tables; any other status completes it.
+// IRQL <= DISPATCH. Lock: none held.
+typedef NTSTATUS EmuRequestHook(PVOID pContext, const UCHAR* pSetup, PUCHAR pBuffer, PULONG pulLength);
+
+// Sees every output report (SET_REPORT of type 2) that reached the keyboard, before it is completed.
+// IRQL <= DISPATCH. Lock: none held.
+typedef VOID EmuLedObserver(PVOID pContext, const UCHAR* pReport, ULONG ulLength);
+
+// How a keyboard behaves; zeroed = an ordinary one.
+struct EmuKeyboardOptions {
+    EmuRequestHook* pHook;
+    PVOID pHookContext;
+    EmuLedObserver* pLed;
+    PVOID pLedContext;
+    NTSTATUS StartStatus; // what START_DEVICE completes with
+    ULONG ulStartDelayMs; // above 0: START_DEVICE is left pending for so long
+};
+
+// keyboard.cpp
+// The bus driver's entry.
+NTSTATUS NTAPI EmuKeyboardEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistryPath);
+// Makes a keyboard; its device object goes away with REMOVE_DEVICE. The tables must outlive it, the options
+// are copied. IRQL PASSIVE. Fails: STATUS_INSUFFICIENT_RESOURCES or the status of the device's creation.
+NTSTATUS EmuCreateKeyboard(PDRIVER_OBJECT pDriver, const EmuDescriptors* pDescriptors,
+                           const EmuKeyboardOptions* pOptions, PDEVICE_OBJECT* ppPhysical);
+
+// reads.cpp
+// The keyboard sends a report: completes the oldest waiting read at DISPATCH_LEVEL, or keeps it for the next
+// read. A read shorter than the report gets its beginning. IRQL <= DISPATCH. Fails: STATUS_INVALID_PARAMETER
+// above 64 bytes, STATUS_DEVICE_NOT_READY when removed, STATUS_INSUFFICIENT_RESOURCES when 1024 reports are
+// kept already.
+NTSTATUS EmuKeyboardReport(PDEVICE_OBJECT pPhysical, const UCHAR* pReport, ULONG ulLength);
+// The bus reports an error: completes the oldest waiting read with a failure status and no data.
+// IRQL <= DISPATCH. Fails: STATUS_NOT_FOUND when no read waits.
+NTSTATUS EmuKeyboardFailRead(PDEVICE_OBJECT pPhysical, NTSTATUS Status);
+// How many reads wait at the keyboard, how many reports wait for a read. IRQL <= DISPATCH.
+ULONG EmuKeyboardPendingReads(PDEVICE_OBJECT pPhysical);
+ULONG EmuKeyboardKeptReports(PDEVICE_OBJECT pPhysical);
