@@ -102,6 +102,10 @@ struct DeviceContext {
     PIRP pCancellingIrp GUARDED_BY(PendingIrpLock);       // being cancelled by CancelPendingRead
     UCHAR ucCancelledCompleted GUARDED_BY(PendingIrpLock); // its completion came meanwhile and waits
     ULONG ulIrpCancelledForInsert;      // (x)
+    SpinLock AnswerLock;                // reads answered above the keyboard that wait to be completed
+    PIRP pFirstAnswered GUARDED_BY(AnswerLock); // oldest first, linked through Tail.Overlay.ListEntry.Flink
+    PIRP pLastAnswered GUARDED_BY(AnswerLock);
+    UCHAR ucAnswering GUARDED_BY(AnswerLock);   // somebody is completing them
     SpinLock DiscardLock;
     DiscardEntry DiscardRing[DISCARD_RING_SIZE] GUARDED_BY(DiscardLock);
     ULONG ulDiscardWrite GUARDED_BY(DiscardLock);

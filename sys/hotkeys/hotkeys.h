@@ -24,16 +24,27 @@ NTSTATUS BuildHotkeyList(PDEVICE_OBJECT device); // IRQL = PASSIVE. Lock: the ca
 // convert.cpp
 NTSTATUS ConvertPS2ToHID(PDEVICE_OBJECT device, const KeyDefinition* pDefinition, HotkeyEntry* pEntry);
 
-// One walk of the published hotkey list: while it lives the list is not rebuilt under it.
+// One walk of the published hotkey list: while it lives the list is not rebuilt under it. Ends at the first
+// entry whose ulId is 0.
 class HotkeyWalk
 {
 public:
+    struct End {
+    };
+    struct Iterator {
+        HotkeyEntry* pEntry;
+        HotkeyEntry* pLimit;
+        HotkeyEntry& operator*() const { return *pEntry; }
+        void operator++() { pEntry++; }
+        bool operator!=(End) const { return pEntry < pLimit && pEntry->ulId != 0; }
+    };
+
     explicit HotkeyWalk(DeviceContext* pContext);
     ~HotkeyWalk();
     HotkeyWalk(const HotkeyWalk&) = delete;
     HotkeyWalk& operator=(const HotkeyWalk&) = delete;
-    HotkeyEntry* begin() const { return pFirst; }
-    HotkeyEntry* end() const; // the first entry whose ulId is 0
+    Iterator begin() const { return {pFirst, pFirst + HOTKEY_LIST_SIZE}; }
+    End end() const { return {}; }
 
 private:
     DeviceContext* pContext;
@@ -47,6 +58,7 @@ NTSTATUS ProcessHotkeyScan(PDEVICE_OBJECT device, UCHAR ucUsage, USHORT usReleas
 bool UpdateHotkeyListByScan(PDEVICE_OBJECT device, UCHAR ucUsage, USHORT usReleased);
 
 // truematch.cpp
+void SendHotkeyEvent(PDEVICE_OBJECT device, ULONG ulId, ULONG ulValue, ULONG ulEscAbort);
 UCHAR FindTrueMatch(PDEVICE_OBJECT device, PUCHAR pNoPartial, PUCHAR pSwallow, PUCHAR pHotkeyReleased);
 
 // typematic.cpp: the repeat timers

@@ -12,15 +12,28 @@ IO_COMPLETION_ROUTINE InternalIoctlCompletion;
 // What became of a request on its way down.
 enum : UCHAR { URB_PASS = 0, URB_ANSWERED = 1, URB_PARKED = 2 };
 UCHAR ShowURBInfo(PDEVICE_OBJECT DeviceObject, PIRP Irp, UCHAR ucCompletion);
+void RememberRequestedLength(PIRP Irp); // behind IoCopyCurrentIrpStackLocationToNext
+
+// One transfer as the report road sees it.
+struct Transfer {
+    PURB pUrb;
+    PUCHAR pBuf; // TransferBuffer, null when the transfer names only an MDL
+    ULONG ulLen; // way down: what the stack asked for; completed: what came, never more than that
+    PMDL pMdl;   // logged alone, never rewritten
+};
+
+// answer.cpp: reads that never reach the keyboard
+UCHAR AnswerRead(PDEVICE_OBJECT device, PIRP Irp, const Transfer& read); // way down
+NTSTATUS CompleteAnsweredRead(PDEVICE_OBJECT device, PIRP Irp);          // in order, without recursion
 
 // intercept.cpp: the road of a read
-struct ReportRead {
-    PURB pUrb;
-    PUCHAR pBuf;  // TransferBuffer, null when the transfer names only an MDL
-    ULONG ulLen;  // way down: what the stack asked for; completed: what came
-};
-UCHAR AnswerRead(PDEVICE_OBJECT device, PIRP Irp, const ReportRead* pRead); // way down
-void HandleReport(PDEVICE_OBJECT device, const ReportRead* pRead);          // completed
+UCHAR InterceptReport(PDEVICE_OBJECT device, PIRP Irp, const Transfer& read, UCHAR ucCompletion);
+
+// control.cpp: control transfers, LED reports and descriptor requests
+void InspectControlTransfer(PDEVICE_OBJECT device, const Transfer& transfer, UCHAR ucCompletion);
+void InspectDescriptorRequest(PDEVICE_OBJECT device, const Transfer& transfer, UCHAR ucCompletion);
+void InspectClassRequest(const Transfer& transfer, UCHAR ucCompletion);
+void DumpMdl(const char* pszTitle, PMDL pMdl);
 
 // pendingreads.cpp: IRQL <= DISPATCH. Lock: takes PendingIrpLock.
 NTSTATUS AddPendingIrp(PDEVICE_OBJECT device, PIRP Irp);
@@ -42,5 +55,7 @@ const char* DescriptorTypeName(UCHAR ucType);
 const char* StandardRequestName(UCHAR ucRequest);
 
 // leds.cpp: the two encodings of the lock LEDs
+enum : USHORT { LED_REPORT_NUM = 1, LED_REPORT_CAPS = 2, LED_REPORT_SCROLL = 4 };
+enum : USHORT { LED_FLAG_SCROLL = 1, LED_FLAG_NUM = 2, LED_FLAG_CAPS = 4 };
 USHORT LedReportToFlags(USHORT usReport);
 USHORT LedFlagsToReport(USHORT usFlags);

@@ -1,0 +1,208 @@
+// definitions.cpp - the key definitions that the application gives a keyboard.
+//
+// The list is packed from index 0 and owns its copies; its last slot stays null. One change at a time:
+// DefinitionMutex holds off other changes for the whole of it (the rebuild of the hotkey list included),
+// KeyDefLock only while the pointers move, so that the report road never sees a freed definition.
+#include "hotkeys/hotkeys.h"
+
+#include "control/control.h"
+#include "usb/usb.h"
+
+namespace
+{
+// Holds DefinitionMutex while it lives. IRQL = PASSIVE.
+class DefinitionChange
+{
+public:
+    explicit DefinitionChange(DeviceContext* pContext) : pContext(pContext)
+    {
+        (void)KeWaitForSingleObject(&pContext->DefinitionMutex, Executive, KernelMode, FALSE, nullptr);
+    }
+    ~DefinitionChange() { KeReleaseMutex(&pContext->DefinitionMutex, FALSE); }
+    DefinitionChange(const DefinitionChange&) = delete;
+    DefinitionChange& operator=(const DefinitionChange&) = delete;
+
+private:
+    DeviceContext* pContext;
+};
+
+// Renews the derived bits of ulKeyDefTypes; the macro feature's bit stays as it is, whoever changes it now.
+// Lock: the caller holds DefinitionMutex.
+void RecomputeKeyDefTypes(DeviceContext* pContext) WITHOUT_LOCK_ANALYSIS
+{
+    ULONG ulMask = 0;
+    for (const KeyDefinition* pDefinition : pContext->KeyDefinitions) {
+        if (pDefinition == nullptr) {
+            break;
+        }
+        if (pDefinition->ulType != 0) {
+            ulMask |= 1u << ((pDefinition->ulType - 1) % 32);
+        }
+    }
+    ULONG ulBefore = ReadShared(pContext->ulKeyDefTypes);
+    while (!CompareExchangeShared(pContext->ulKeyDefTypes, ulBefore, (ulBefore & KEYDEF_MACRO_MODE) | ulMask)) {
+    }
+}
+
+// Puts a copy of the record into the first free slot. Lock: the caller holds DefinitionMutex.
+NTSTATUS StoreCopy(PDEVICE_OBJECT device, const KeyDefinition* pDefinition)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    auto* pCopy = static_cast<KeyDefinition*>(
+        ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(KeyDefinition), POOL_TAG));
+    if (pCopy == nullptr) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    *pCopy = *pDefinition;
+    USHORT usIndex;
+    (void)FindKeyDefinition(device, nullptr, &usIndex);
+    if (usIndex >= KEY_DEFINITION_SLOTS - 1) {
+        ExFreePoolWithTag(pCopy, POOL_TAG);
+        return STATUS_UNSUCCESSFUL;
+    }
+    LockScope lock(pContext->KeyDefLock);
+    pContext->KeyDefinitions[usIndex] = pCopy;
+    return STATUS_SUCCESS;
+}
+
+// A definition of the point-of-sale family starts from an empty previous report.
+void ForgetOldOPOSPacket(DeviceContext* pContext)
+{
+    LockScope lock(pContext->BufferLock);
+    RtlZeroMemory(pContext->ucOldOPOSPacket, sizeof(pContext->ucOldOPOSPacket));
+}
+
+// Takes the first definition with this id out of the list and returns it, or null.
+KeyDefinition* TakeOut(PDEVICE_OBJECT device, ULONG ulId)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    LockScope lock(pContext->KeyDefLock);
+    USHORT usIndex;
+    KeyDefinition* pDefinition = FindKeyDefinitionById(device, ulId, &usIndex);
+    if (pDefinition != nullptr) {
+        KeyDefinition** ppSlots = pContext->KeyDefinitions;
+        RtlMoveMemory(&ppSlots[usIndex], &ppSlots[usIndex + 1],
+                      (KEY_DEFINITION_SLOTS - 1 - usIndex) * sizeof(ppSlots[0]));
+    }
+    return pDefinition;
+}
+
+// Discard mode has just ended: a read at the keyboard is called back so that the held reports come at once.
+void ReplayDiscardedReports(PDEVICE_OBJECT device)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    ULONG ulCount;
+    if (ReadShared(pContext->pPendingReadIrp) != nullptr &&
+        NT_SUCCESS(GetDiscardedPacketCount(pContext->ulDeviceIndex, &ulCount)) && ulCount != 0) {
+        (void)CancelPendingRead(device);
+    }
+}
+} // namespace
+
+// Adds a copy of the record. A hotkey definition rebuilds the hotkey list, whose status is the result.
+// IRQL = PASSIVE. Lock: takes DefinitionMutex, KeyDefLock. Owns: copies the record.
+// Fails: duplicate, more than 32 scan bytes, list full, no pool, last hotkey not convertible.
+NTSTATUS AddKeyDefinition(PDEVICE_OBJECT device, const KeyDefinition* pDefinition)
+{
+    IRQL_AT_MOST(PASSIVE_LEVEL);
+    DeviceContext* pContext = FilterContextOf(device);
+    if (pDefinition->usScanCount > sizeof(pDefinition->ucScans)) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    DefinitionChange change(pContext);
+    USHORT usIndex;
+    if (FindKeyDefinition(device, pDefinition, &usIndex) != nullptr) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    NTSTATUS status = StoreCopy(device, pDefinition);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    RecomputeKeyDefTypes(pContext);
+    if (pDefinition->ulType == 1) {
+        return BuildHotkeyList(device);
+    }
+    if (pDefinition->ulType >= 4 && pDefinition->ulType <= 8) {
+        ForgetOldOPOSPacket(pContext);
+    }
+    return STATUS_SUCCESS;
+}
+
+// Removes the first definition with this id. When the last one of discard mode goes, held reports are replayed.
+// IRQL = PASSIVE. Lock: takes DefinitionMutex, KeyDefLock. Fails: unknown id.
+NTSTATUS RemoveKeyDefinition(PDEVICE_OBJECT device, ULONG ulId)
+{
+    IRQL_AT_MOST(PASSIVE_LEVEL);
+    DeviceContext* pContext = FilterContextOf(device);
+    bool bWasDiscarding;
+    KeyDefinition* pDefinition;
+    {
+        DefinitionChange change(pContext);
+        bWasDiscarding = (ReadShared(pContext->ulKeyDefTypes) & KEYDEF_DISCARD) != 0;
+        pDefinition = TakeOut(device, ulId);
+        if (pDefinition != nullptr) {
+            RecomputeKeyDefTypes(pContext);
+            if (pDefinition->ulType == 1) {
+                (void)BuildHotkeyList(device); // the removal is done whatever became of the other hotkeys
+            }
+        }
+    }
+    if (bWasDiscarding && (ReadShared(pContext->ulKeyDefTypes) & KEYDEF_DISCARD) == 0) {
+        ReplayDiscardedReports(device);
+    }
+    if (pDefinition == nullptr) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    ExFreePoolWithTag(pDefinition, POOL_TAG);
+    return STATUS_SUCCESS;
+}
+
+// Empties one keyboard's list.
+// IRQL = PASSIVE. Lock: takes DefinitionMutex, KeyDefLock. Fails: never.
+void FreeKeyDefinitions(PDEVICE_OBJECT device)
+{
+    IRQL_AT_MOST(PASSIVE_LEVEL);
+    DeviceContext* pContext = FilterContextOf(device);
+    DefinitionChange change(pContext);
+    {
+        LockScope lock(pContext->KeyDefLock);
+        for (KeyDefinition*& pDefinition : pContext->KeyDefinitions) {
+            if (pDefinition != nullptr) {
+                ExFreePoolWithTag(pDefinition, POOL_TAG);
+                pDefinition = nullptr;
+            }
+        }
+    }
+    RecomputeKeyDefTypes(pContext);
+    (void)BuildHotkeyList(device); // nothing left that could fail to convert
+}
+
+// The application has closed its last handle: what it defined goes, on every keyboard.
+void FreeAllKeyDefinitions()
+{
+    for (PDEVICE_OBJECT device = FirstKeyboard(); device != nullptr; device = NextKeyboard(device)) {
+        FreeKeyDefinitions(device);
+    }
+}
+
+NTSTATUS AddKeyDefinitionByIndex(ULONG ulDeviceIndex, const KeyDefinition* pDefinition)
+{
+    PDEVICE_OBJECT device;
+    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
+    if (NT_SUCCESS(status)) {
+        status = AddKeyDefinition(device, pDefinition);
+        ReleaseDevice(device);
+    }
+    return status;
+}
+
+NTSTATUS RemoveKeyDefinitionByIndex(ULONG ulDeviceIndex, ULONG ulId)
+{
+    PDEVICE_OBJECT device;
+    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
+    if (NT_SUCCESS(status)) {
+        status = RemoveKeyDefinition(device, ulId);
+        ReleaseDevice(device);
+    }
+    return status;
+}

@@ -1,0 +1,185 @@
+// fifo.cpp - whole reports that the system shall see as if the keyboard had sent them.
+//
+//   InsertUSBPackets, macro playback ──► Fifo[16] ──► the keyboard's next reads
+//                  write ▲                   ▲ read      (answered above the keyboard)
+//
+// A ring of 16 under FifoLock; count 16 with equal positions is full. Taking a report starts the pacing timer
+// of the macro mode when a pace is set.
+#include "hotkeys/hotkeys.h"
+
+#include "control/control.h"
+#include "log/log.h"
+#include "usb/usb.h"
+
+namespace
+{
+enum { MAX_REQUEST_ENTRIES = 32 };
+
+void StartPacing(DeviceContext* pContext)
+{
+    ULONG ulDelayMs = ReadShared(Settings.ulKorvexDelay);
+    if (ulDelayMs == 0 || ExchangeShared(Globals.ucKorvexTimerRunning, 1) != 0) {
+        return;
+    }
+    LARGE_INTEGER due;
+    due.QuadPart = -static_cast<LONGLONG>(ulDelayMs) * 10000;
+    KeSetTimer(&pContext->KorvexDelay.Timer, due, &pContext->KorvexDelay.Dpc);
+}
+
+bool IsFifoEmpty(DeviceContext* pContext)
+{
+    LockScope lock(pContext->FifoLock);
+    return pContext->ulFifoCount == 0;
+}
+
+// Waits until the queue has run empty, the keyboard goes or the process ends. One set of the event lets one
+// waiter through, which then lets the next one through.
+NTSTATUS WaitForFifo(DeviceContext* pContext)
+{
+    InterlockedIncrement(&pContext->lFifoWaiters);
+    NTSTATUS status = STATUS_SUCCESS;
+    if (!ReadShared(pContext->ucRemoving)) { // else removal set the event before it was reset
+        status = KeWaitForSingleObject(&pContext->FifoEvent, UserRequest, UserMode, FALSE, nullptr);
+    }
+    if (InterlockedDecrement(&pContext->lFifoWaiters) > 0 &&
+        (ReadShared(pContext->ucRemoving) || IsFifoEmpty(pContext))) {
+        KeSetEvent(&pContext->FifoEvent, IO_NO_INCREMENT, FALSE);
+    }
+    return status == STATUS_SUCCESS ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
+}
+
+// Every entry fits a report buffer, and there are neither none nor too many.
+bool IsRequestSound(const UCHAR* pRequest, USHORT usCount)
+{
+    if (usCount == 0 || usCount > MAX_REQUEST_ENTRIES) {
+        return false;
+    }
+    for (USHORT i = 0; i < usCount; i++) {
+        FifoEntry entry;
+        RtlCopyMemory(&entry, pRequest + 4 + i * sizeof(entry), sizeof(entry));
+        if (entry.usLength > sizeof(entry.ucData)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Queues the entries up to the first refusal. Returns the flags of the last one handled.
+ULONG QueueEntries(PDEVICE_OBJECT device, const UCHAR* pRequest, USHORT usCount)
+{
+    FifoEntry entry = {};
+    for (USHORT i = 0; i < usCount; i++) {
+        RtlCopyMemory(&entry, pRequest + 4 + i * sizeof(entry), sizeof(entry));
+        if (!NT_SUCCESS(InsertUSBPacketFifin(device, &entry))) {
+            break;
+        }
+    }
+    return entry.ulFlags;
+}
+
+NTSTATUS InsertIntoFifo(PDEVICE_OBJECT device, const UCHAR* pRequest, USHORT usCount)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    KeResetEvent(&pContext->FifoEvent);
+    ULONG ulFlags = QueueEntries(device, pRequest, usCount);
+    if (CancelPendingRead(device)) {
+        WriteShared(pContext->ulIrpCancelledForInsert, 1u);
+    }
+    return ulFlags == 1 ? WaitForFifo(pContext) : STATUS_SUCCESS;
+}
+} // namespace
+
+// Appends one report.
+// IRQL <= DISPATCH. Lock: takes FifoLock. Owns: copies the entry. Fails: full, or more than 10 bytes.
+NTSTATUS InsertUSBPacketFifin(PDEVICE_OBJECT device, const FifoEntry* pEntry)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    if (pEntry->usLength > sizeof(pEntry->ucData)) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    LockScope lock(pContext->FifoLock);
+    if (pContext->ulFifoCount >= FIFO_SIZE) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    LogHexDump("(InsertUSBPacketFifin) adding entry:", pEntry->usLength, pEntry->ucData);
+    pContext->Fifo[pContext->ulFifoWrite] = *pEntry;
+    pContext->ulFifoCount++;
+    pContext->ulFifoWrite = (pContext->ulFifoWrite + 1) % FIFO_SIZE;
+    return STATUS_SUCCESS;
+}
+
+// Takes the oldest report and starts the pacing.
+// IRQL <= DISPATCH. Lock: takes FifoLock. Fails: unknown index, empty; *pEntry untouched.
+NTSTATUS GetUSBPacketFifo(ULONG ulDeviceIndex, FifoEntry* pEntry)
+{
+    PDEVICE_OBJECT device;
+    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    DeviceContext* pContext = FilterContextOf(device);
+    status = STATUS_UNSUCCESSFUL;
+    {
+        LockScope lock(pContext->FifoLock);
+        if (pContext->ulFifoCount != 0) {
+            *pEntry = pContext->Fifo[pContext->ulFifoRead];
+            pContext->ulFifoCount--;
+            pContext->ulFifoRead = (pContext->ulFifoRead + 1) % FIFO_SIZE;
+            status = STATUS_SUCCESS;
+        }
+    }
+    if (NT_SUCCESS(status)) {
+        StartPacing(pContext);
+    }
+    ReleaseDevice(device);
+    return status;
+}
+
+NTSTATUS GetFifoCount(ULONG ulDeviceIndex, PULONG pulCount)
+{
+    PDEVICE_OBJECT device;
+    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    DeviceContext* pContext = FilterContextOf(device);
+    {
+        LockScope lock(pContext->FifoLock);
+        *pulCount = pContext->ulFifoCount;
+    }
+    ReleaseDevice(device);
+    return STATUS_SUCCESS;
+}
+
+// The report that was taken last is in the system's hands: with it the waits for an empty queue end.
+// IRQL <= DISPATCH. Lock: takes FifoLock. Fails: never.
+void ReportFifoDelivered(PDEVICE_OBJECT device)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    if (IsFifoEmpty(pContext)) {
+        KeSetEvent(&pContext->FifoEvent, IO_KEYBOARD_INCREMENT, FALSE);
+    }
+}
+
+// The application's request: queues its reports, has the stack read anew and, when its last entry says so,
+// waits until they were delivered. Entries behind a full queue are not queued, which is no failure.
+// IRQL = PASSIVE. Fails: unknown index, no entries or more than 32, an entry above 10 bytes, end of the process.
+NTSTATUS InsertUSBPackets(ULONG ulDeviceIndex, const UCHAR* pRequest)
+{
+    IRQL_AT_MOST(PASSIVE_LEVEL);
+    PDEVICE_OBJECT device;
+    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    status = STATUS_UNSUCCESSFUL;
+    if (pRequest != nullptr) {
+        USHORT usCount;
+        RtlCopyMemory(&usCount, pRequest, sizeof(usCount));
+        if (IsRequestSound(pRequest, usCount)) {
+            status = InsertIntoFifo(device, pRequest, usCount);
+        }
+    }
+    ReleaseDevice(device);
+    return status;
+}

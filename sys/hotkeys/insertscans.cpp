@@ -1,0 +1,152 @@
+// insertscans.cpp - an application's wish that the system sees a modifier report now.
+//
+//   scan byte ──► ucInsertModifiers, ucInsertModifierPending = 1 ──► the read at the keyboard is called back
+//   the next read ──► answered above the keyboard with the modifier report ──► InsertModifierEvent
+//
+// Runs in the application's thread at PASSIVE_LEVEL. Requests that wait take turns; removal of the keyboard
+// and the end of the process end a wait.
+#include "hotkeys/hotkeys.h"
+
+#include "control/control.h"
+#include "log/log.h"
+#include "usb/usb.h"
+
+namespace
+{
+enum { MAX_SCANS = 510 };
+
+struct InsertScansRequest {
+    ULONG ulWait;
+    USHORT usCount;
+    PUCHAR pScans;
+};
+
+// What came before the byte at hand.
+struct ScanState {
+    bool bBreak;
+    bool bExtended;
+    bool bPause;
+};
+
+struct ModifierScan {
+    UCHAR ucScan;
+    bool bExtended;
+    UCHAR ucBit; // of the report's modifier byte
+};
+
+const ModifierScan ModifierScans[8] = {
+    {0x1D, false, 0x01}, {0x1D, true, 0x10}, {0x2A, false, 0x02}, {0x36, false, 0x20},
+    {0x38, false, 0x04}, {0x38, true, 0x40}, {0x5B, true, 0x08},  {0x5C, true, 0x80},
+};
+
+// The modifier byte after this key; a break code cannot clear what the keyboard itself holds.
+UCHAR ModifiersAfter(UCHAR ucScan, const ScanState& state, UCHAR ucKeyboard)
+{
+    UCHAR ucModifiers = ucKeyboard;
+    for (const ModifierScan& row : ModifierScans) {
+        if (row.ucScan == ucScan && row.bExtended == state.bExtended) {
+            ucModifiers = static_cast<UCHAR>(state.bBreak ? ucModifiers & ~row.ucBit : ucModifiers | row.ucBit);
+        }
+    }
+    return ucModifiers | ucKeyboard;
+}
+
+bool EndsSequence(UCHAR ucScan, const ScanState& state)
+{
+    return ucScan == 0x1D || ucScan == 0x2A || ucScan == 0x36 || ucScan == 0x38 ||
+           ((ucScan == 0x5B || ucScan == 0x5C) && state.bExtended);
+}
+
+// A wait that removal and the end of the calling process end.
+NTSTATUS WaitUnlessRemoved(DeviceContext* pContext, PKEVENT pEvent)
+{
+    NTSTATUS status = KeWaitForSingleObject(pEvent, UserRequest, UserMode, FALSE, nullptr);
+    return status == STATUS_SUCCESS && !ReadShared(pContext->ucRemoving) ? STATUS_SUCCESS
+                                                                         : STATUS_UNSUCCESSFUL;
+}
+
+NTSTATUS InjectModifierReport(PDEVICE_OBJECT device, UCHAR ucModifiers, bool bWait)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    WriteShared(pContext->ucInsertModifiers, ucModifiers);
+    if (bWait) {
+        KeClearEvent(&pContext->InsertModifierEvent);
+        if (ReadShared(pContext->ucRemoving)) {
+            return STATUS_UNSUCCESSFUL; // removal set the event before it was cleared
+        }
+    }
+    WriteShared(pContext->ucInsertModifierPending, 1);
+    (void)CancelPendingRead(device); // none there: the next read brings the report
+    return bWait ? WaitUnlessRemoved(pContext, &pContext->InsertModifierEvent) : STATUS_SUCCESS;
+}
+
+NTSTATUS WalkScans(PDEVICE_OBJECT device, const InsertScansRequest& request)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    ScanState state = {};
+    for (USHORT i = 0; i < request.usCount; i++) {
+        UCHAR& ucScan = request.pScans[i];
+        if (ucScan == 0xE1) {
+            state.bPause = true;
+            continue;
+        }
+        if (ucScan == 0xE0) {
+            state.bExtended = true;
+            continue;
+        }
+        if (ucScan & 0x80) {
+            ucScan &= 0x7F;
+            state.bBreak = true;
+        }
+        UCHAR ucModifiers = ModifiersAfter(ucScan, state, ReadShared(pContext->ucKbdModifiers));
+        if (EndsSequence(ucScan, state)) {
+            state = {};
+        }
+        NTSTATUS status = InjectModifierReport(device, ucModifiers, request.ulWait == 1);
+        if (!NT_SUCCESS(status)) {
+            return status;
+        }
+    }
+    return STATUS_SUCCESS;
+}
+
+// A waiting request has the keyboard's InsertModifierEvent to itself.
+NTSTATUS WalkScansInTurn(PDEVICE_OBJECT device, const InsertScansRequest& request)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    NTSTATUS status =
+        KeWaitForSingleObject(&pContext->InsertScansTurn, UserRequest, UserMode, FALSE, nullptr);
+    if (status != STATUS_SUCCESS) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    status = ReadShared(pContext->ucRemoving) ? STATUS_UNSUCCESSFUL : WalkScans(device, request);
+    KeSetEvent(&pContext->InsertScansTurn, IO_NO_INCREMENT, FALSE);
+    return status;
+}
+} // namespace
+
+// Makes the system see a modifier report for each scan code; with the wait field 1 each is waited for.
+// IRQL = PASSIVE. Owns: the request stays the caller's, its break bits are cleared.
+// Fails: more than 510 bytes, unknown index, not a NORMAL keyboard, removal or end of the process in a wait.
+NTSTATUS InsertScans(ULONG ulDeviceIndex, PUCHAR pRequest)
+{
+    IRQL_AT_MOST(PASSIVE_LEVEL);
+    InsertScansRequest request;
+    RtlCopyMemory(&request.ulWait, pRequest, sizeof(request.ulWait));
+    RtlCopyMemory(&request.usCount, pRequest + 4, sizeof(request.usCount));
+    request.pScans = pRequest + 6;
+    if (request.usCount > MAX_SCANS) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    LogHexDump("(InsertScans) pInsertScans ", request.usCount, request.pScans);
+    PDEVICE_OBJECT device;
+    if (!NT_SUCCESS(FindDeviceByIndex(ulDeviceIndex, &device))) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    NTSTATUS status = STATUS_UNSUCCESSFUL;
+    if (ReadShared(FilterContextOf(device)->KbdType) == NORMALKbdType) {
+        status = request.ulWait == 1 ? WalkScansInTurn(device, request) : WalkScans(device, request);
+    }
+    ReleaseDevice(device);
+    return status;
+}

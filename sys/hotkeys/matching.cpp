@@ -1,0 +1,213 @@
+// matching.cpp - the hotkey pass: one key of a report, released or pressed.
+//
+//   key of no armed hotkey    held keys are given back, then this one; an active hotkey ends
+//   key of an armed hotkey    pressed: held back; then: is a hotkey complete? (truematch.cpp)
+//                             complete and swallowing: the held keys are forgotten
+//                             none partly held: the held keys are given back
+//   Esc at a complete hotkey  leaves the report and marks the hotkey's coming up event
+//
+// Called once a key by normal.cpp and extended.cpp, on the report road of one keyboard.
+#include "hotkeys/hotkeys.h"
+
+#include "log/log.h"
+#include "report/report.h"
+
+namespace
+{
+// Where the caller's walk stands: the report, the key's position and the report's current length.
+struct Walker {
+    PUCHAR pBuf;
+    PULONG pIndex;
+    PULONG pLen;
+};
+
+// The key has left the report: the walk goes on at the position where it stood.
+void StepBack(const Walker& walker, ULONG ulNewLen)
+{
+    *walker.pIndex -= 1;
+    *walker.pLen = ulNewLen;
+}
+
+void RemoveKey(const Walker& walker)
+{
+    StepBack(walker, RemoveKeyFromBuffer(walker.pBuf, *walker.pLen, *walker.pIndex));
+}
+
+// Returns false when SwallowBuf is full: the key stays, and the walk goes on behind it.
+bool SwallowKey(PDEVICE_OBJECT device, const Walker& walker)
+{
+    ULONG ulNewLen = SwallowScan(device, walker.pBuf, *walker.pLen, *walker.pIndex);
+    if (ulNewLen == *walker.pLen) {
+        return false;
+    }
+    StepBack(walker, ulNewLen);
+    return true;
+}
+
+// Held keys go on to the system, but for Fn and prefix keys; other keyboards than NORMAL ones, and keys
+// after a released prefix, lose them.
+void GiveBackSwallowBuffer(PDEVICE_OBJECT device)
+{
+    bool bNormal = ReadShared(FilterContextOf(device)->KbdType) == NORMALKbdType;
+    UCHAR ucUsage;
+    while (GetDataFromSwallowBuffer(device, &ucUsage)) {
+        if (bNormal && ucUsage != USAGE_FN && !IsPrefixUsage(ucUsage) &&
+            ReadShared(Globals.ulPrefixReleased) == 0) {
+            (void)AddDataToInsertBuffer(device, &ucUsage); // a full buffer loses the key
+        }
+    }
+}
+
+// The active hotkey ends although its keys are still held: another key came.
+void EndActiveHotkey(PDEVICE_OBJECT device)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    ULONG ulId = ReadShared(pContext->ulActiveHotkeyId);
+    CancelTypematicTimers();
+    SendHotkeyEvent(device, ulId, 0, 0);
+    for (HotkeyEntry& entry : HotkeyWalk(pContext)) {
+        if (entry.ulId == ulId && entry.ucDown == 1) {
+            entry.ucDown = 0;
+        }
+    }
+    WriteShared(pContext->ucHotkeyActive, 0);
+}
+
+// A key that belongs to no hotkey whose mask matches.
+void PassForeignKey(PDEVICE_OBJECT device, USHORT usReleased, const Walker& walker)
+{
+    WriteShared(Globals.ucHotkeyComplete, 0);
+    if (ReadShared(Globals.ucSwallowPending) == 1 && usReleased == 0) {
+        (void)SwallowKey(device, walker); // a key that finds no room stays in the report
+        GiveBackSwallowBuffer(device);
+        WriteShared(Globals.ucSwallowPending, 0);
+    } else if (ReadShared(Globals.ulPrefixReleased) == 1 && usReleased == 0) {
+        RemoveKey(walker);
+    }
+    if (ReadShared(FilterContextOf(device)->ucHotkeyActive) == 1) {
+        EndActiveHotkey(device);
+    }
+}
+
+// A key of a hotkey whose mask matches.
+void PassHotkeyKey(PDEVICE_OBJECT device, USHORT usReleased, const Walker& walker, PUCHAR pHotkeyReleased)
+{
+    if (usReleased == 1) {
+        UCHAR ucScratch = 0; // neither output is used
+        WriteShared(Globals.ucHotkeyComplete, FindTrueMatch(device, &ucScratch, &ucScratch, pHotkeyReleased));
+    } else if (SwallowKey(device, walker)) {
+        WriteShared(Globals.ucSwallowPending, 1);
+    }
+    UCHAR ucNoPartial = 1;
+    UCHAR ucSwallow = 0;
+    UCHAR ucReleased = 0; // not used
+    UCHAR ucComplete = FindTrueMatch(device, &ucNoPartial, &ucSwallow, &ucReleased);
+    WriteShared(Globals.ucHotkeyComplete, ucComplete);
+    if (ucComplete == 1 && ucSwallow == 1) {
+        DiscardSwallowBuffer(device);
+        if (*walker.pLen > 3) {
+            walker.pBuf[0] = 0;
+        }
+    } else if (ucNoPartial == 1) {
+        GiveBackSwallowBuffer(device);
+    }
+}
+
+// Latched prefixes end with the key that followed them, or at once when no hotkey uses them.
+void ResetPrefixes(UCHAR ucUsage, USHORT usReleased)
+{
+    bool bUsed = !IsPrefixUsage(ucUsage) && usReleased == 1 && ReadShared(Globals.ulPrefixReleased) != 0;
+    if (bUsed || ReadShared(Globals.ulPrefixUnmatched) != 0) {
+        __atomic_fetch_and(&Globals.ulModifierFlags, ~static_cast<ULONG>(MODIFIER_PREFIXES), __ATOMIC_ACQ_REL);
+        WriteShared(Globals.ulPrefixReleased, 0u);
+        WriteShared(Globals.ulPrefixUnmatched, 0u);
+    }
+}
+
+// Marks the first occurrence of the usage that is not yet in the wanted state.
+bool MarkKey(HotkeyEntry& entry, UCHAR ucUsage, UCHAR ucDown)
+{
+    bool bHit = false;
+    for (ULONG i = 0; i < entry.ulKeyCount; i++) {
+        if (entry.ucKeys[i] != ucUsage) {
+            continue;
+        }
+        bHit = true;
+        if (entry.ucHotkeyDown[i] != ucDown) {
+            entry.ucHotkeyDown[i] = ucDown;
+            break;
+        }
+    }
+    return bHit;
+}
+
+// A released key of a hotkey whose mask does not match is forgotten all the same.
+void ClearKey(HotkeyEntry& entry, UCHAR ucUsage, ULONG ulEntry)
+{
+    for (ULONG i = 0; i < entry.ulKeyCount; i++) {
+        if (entry.ucKeys[i] != ucUsage) {
+            continue;
+        }
+        LogPrintf(LOG_DETAIL, 1,
+                  "(UpdateHotkeyListByScan) clearing down code %02x at index %u of entry %u",
+                  static_cast<unsigned>(ucUsage), static_cast<unsigned>(i), static_cast<unsigned>(ulEntry));
+        if (entry.ucHotkeyDown[i] != 0) {
+            entry.ucHotkeyDown[i] = 0;
+            break;
+        }
+    }
+}
+} // namespace
+
+// Follows one key: usReleased 1 for a key that left the report (pBuf is then the previous report), 0 for a
+// key in the new report. A key taken out shortens *pLen and steps *pIndex back.
+// IRQL <= DISPATCH. Owns: nothing; pBuf is rewritten. Fails: never.
+NTSTATUS ProcessHotkeyScan(PDEVICE_OBJECT device, UCHAR ucUsage, USHORT usReleased, PUCHAR pBuf,
+                           PULONG pIndex, PULONG pLen, PUCHAR pHotkeyReleased)
+{
+    Walker walker = {pBuf, pIndex, pLen};
+    if (ReadShared(Globals.ucHotkeyComplete) == 1 && ucUsage == USAGE_ESCAPE && usReleased == 0) {
+        RemoveKey(walker);
+        WriteShared(Globals.ucEscAbort, 1);
+        CancelTypematicTimers();
+        return STATUS_SUCCESS;
+    }
+    if (UpdateHotkeyListByScan(device, ucUsage, usReleased)) {
+        PassHotkeyKey(device, usReleased, walker, pHotkeyReleased);
+    } else {
+        PassForeignKey(device, usReleased, walker);
+    }
+    ResetPrefixes(ucUsage, usReleased);
+    return STATUS_SUCCESS;
+}
+
+// Tracks the held key bytes of every hotkey. A pressed key touches only hotkeys that are armed or down, a
+// released key all. Returns whether the key belongs to a hotkey whose mask matches.
+// IRQL <= DISPATCH. Fails: never.
+bool UpdateHotkeyListByScan(PDEVICE_OBJECT device, UCHAR ucUsage, USHORT usReleased)
+{
+    ULONG ulFlags = ReadShared(Globals.ulModifierFlags);
+    bool bTouchAll = usReleased == 1 || ReadShared(Globals.ulPrefixReleased) == 1;
+    bool bResult = false;
+    ULONG ulEntry = 0;
+    for (HotkeyEntry& entry : HotkeyWalk(FilterContextOf(device))) {
+        ULONG ulThis = ulEntry++;
+        if (!bTouchAll && entry.ucModMatch != 1 && entry.ucDown != 1) {
+            continue;
+        }
+        if (IsModifierMaskMatched(entry.ulModifiers, ulFlags)) {
+            bool bHit = MarkKey(entry, ucUsage, usReleased == 1 ? 0 : 1);
+            bResult = bResult || bHit;
+            LogHexDump("(UpdateHotkeyListByScan) ucHotkeyDown", entry.ulKeyCount, entry.ucHotkeyDown);
+            if (entry.ulKeyCount > 1) {
+                entry.ucModMatch = bHit ? 1 : 0;
+            }
+        } else {
+            entry.ucModMatch = 0;
+            if (usReleased == 1) {
+                ClearKey(entry, ucUsage, ulThis);
+            }
+        }
+    }
+    return bResult;
+}

@@ -1,0 +1,133 @@
+// modifiers.cpp - the modifier word, one for all keyboards.
+//
+//   report byte 0 ──► single bits 0x002..0x100 ──► derived bits 0x400..0x2000
+//   usage 0x65, 0xA5 ──► ContextKey, Fn          held while the key is held
+//   prefix usages ──► 0x08000000..0x20000000     latched by the press; the hotkey pass clears them
+//
+// Several keyboards write the word at once, so each update computes it anew until nobody came between.
+#include "report/report.h"
+
+#include "log/log.h"
+#include "siblings/siblings.h"
+
+namespace
+{
+struct ModifierBit {
+    UCHAR ucReportBit;
+    ULONG ulFlag;
+};
+
+const ModifierBit ModifierBits[8] = {
+    {0x01, 0x002}, {0x10, 0x004}, {0x02, 0x008}, {0x20, 0x010},
+    {0x04, 0x020}, {0x40, 0x040}, {0x08, 0x080}, {0x80, 0x100},
+};
+
+struct DerivedBit {
+    ULONG ulEither;
+    ULONG ulFlag;
+};
+
+const DerivedBit DerivedBits[4] = {
+    {0x006, MODIFIER_ANY_CONTROL},
+    {0x018, MODIFIER_ANY_SHIFT},
+    {0x060, MODIFIER_ANY_ALT},
+    {0x180, MODIFIER_ANY_GUI},
+};
+
+bool IsByteIn(const UCHAR* pBuf, ULONG ulLen, UCHAR ucValue)
+{
+    for (ULONG i = 0; i < ulLen; i++) {
+        if (pBuf[i] == ucValue) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// A prefix bit is set by its key and stays when the key is gone; pbReleased then becomes true.
+ULONG LatchPrefix(ULONG ulFlags, const UCHAR* pBuf, ULONG ulLen, UCHAR ucUsage, ULONG ulBit, bool* pbReleased)
+{
+    if (ucUsage != 0 && IsByteIn(pBuf, ulLen, ucUsage)) {
+        return ulFlags | ulBit;
+    }
+    if (ulFlags & ulBit) {
+        *pbReleased = true;
+    }
+    return ulFlags;
+}
+
+// Fn follows its key, the three prefixes latch. Returns the word with these bits renewed.
+ULONG TrackPrefixes(ULONG ulFlags, const UCHAR* pBuf, ULONG ulLen, bool* pbReleased)
+{
+    *pbReleased = false;
+    ulFlags = IsByteIn(pBuf, ulLen, USAGE_FN) ? ulFlags | MODIFIER_FN : ulFlags & ~MODIFIER_FN;
+    ulFlags = LatchPrefix(ulFlags, pBuf, ulLen, Globals.ucPrefix1Usage, MODIFIER_PREFIX1, pbReleased);
+    ulFlags = LatchPrefix(ulFlags, pBuf, ulLen, Globals.ucPrefix2Usage, MODIFIER_PREFIX2, pbReleased);
+    return LatchPrefix(ulFlags, pBuf, ulLen, Globals.ucPosKeyPrefixUsage, MODIFIER_POSKEY_PREFIX, pbReleased);
+}
+
+ULONG ApplyModifierByte(ULONG ulFlags, UCHAR ucModifiers)
+{
+    for (const ModifierBit& bit : ModifierBits) {
+        ulFlags = ucModifiers & bit.ucReportBit ? ulFlags | bit.ulFlag : ulFlags & ~bit.ulFlag;
+    }
+    return ulFlags;
+}
+
+ULONG DeriveEitherSide(ULONG ulFlags)
+{
+    for (const DerivedBit& bit : DerivedBits) {
+        ulFlags = ulFlags & bit.ulEither ? ulFlags | bit.ulFlag : ulFlags & ~bit.ulFlag;
+    }
+    return ulFlags;
+}
+} // namespace
+
+bool IsPrefixUsage(UCHAR ucUsage)
+{
+    return ucUsage != 0 && (ucUsage == Globals.ucPrefix1Usage || ucUsage == Globals.ucPrefix2Usage ||
+                            ucUsage == Globals.ucPosKeyPrefixUsage);
+}
+
+// A mask matches when it is the word itself, or when it names more than prefixes, agrees with the word in
+// the prefix bits, and every other bit of it is set in the word; extra keys held are allowed.
+bool IsModifierMaskMatched(ULONG ulMask, ULONG ulFlags)
+{
+    if (ulMask == ulFlags) {
+        return true;
+    }
+    ULONG ulOthers = ulMask & ~MODIFIER_PREFIXES;
+    return ulOthers != 0 && ((ulMask ^ ulFlags) & MODIFIER_PREFIXES) == 0 && (ulOthers & ~ulFlags) == 0;
+}
+
+// Lets the word follow a report; ucFlag 1 tracks Fn and the prefix keys too, on keyboards that have them.
+// Tells the mouse siblings of a change.
+// IRQL <= DISPATCH. Lock: none, the word is exchanged whole. Fails: never.
+void UpdateModifierFlags(PDEVICE_OBJECT device, const UCHAR* pBuf, ULONG ulLen, UCHAR ucFlag)
+{
+    IRQL_AT_MOST(DISPATCH_LEVEL);
+    bool bPrefixes = ucFlag == 1 && ReadShared(FilterContextOf(device)->KbdType) == NORMALKbdType;
+    bool bContextKey = IsByteIn(pBuf, ulLen, USAGE_CONTEXT_KEY);
+    bool bReleased = false;
+    ULONG ulBefore = ReadShared(Globals.ulModifierFlags);
+    ULONG ulFlags;
+    do {
+        ulFlags = ApplyModifierByte(ulBefore, pBuf[0]);
+        ulFlags = bContextKey ? ulFlags | MODIFIER_CONTEXT_KEY : ulFlags & ~MODIFIER_CONTEXT_KEY;
+        if (bPrefixes) {
+            ulFlags = TrackPrefixes(ulFlags, pBuf, ulLen, &bReleased);
+        }
+        ulFlags = DeriveEitherSide(ulFlags);
+    } while (!CompareExchangeShared(Globals.ulModifierFlags, ulBefore, ulFlags));
+    if (bReleased) {
+        WriteShared(Globals.ulPrefixReleased, 1u);
+    }
+    if (bContextKey) {
+        LogPrintf(LOG_DETAIL, 1, "(UpdateModifierFlags) ContextKey dn");
+    } else if (ulBefore & MODIFIER_CONTEXT_KEY) {
+        LogPrintf(LOG_DETAIL, 1, "(UpdateModifierFlags) ContextKey up");
+    }
+    if (ulFlags != ulBefore && IsMouseSiblingConnected()) {
+        (void)NotifyMouseModifiers(&ulFlags); // sent again at the next change
+    }
+}

@@ -1,0 +1,102 @@
+// normal.cpp - the standard report of 8 bytes and its 3-byte variant.
+//
+//   released keys of the previous report ─┐
+//   keys of this report ──────────────────┴► ProcessHotkeyScan, one by one
+//   keys still held back ──► InsertBuf
+//   Fn and prefix keys ──► out of the report
+//
+// One length serves all walks: the pass shortens it when it takes a key out.
+#include "report/report.h"
+
+#include "hotkeys/hotkeys.h"
+#include "log/log.h"
+
+namespace
+{
+bool IsFnOrPrefix(UCHAR ucUsage)
+{
+    return ucUsage == USAGE_FN || IsPrefixUsage(ucUsage);
+}
+
+// Hands each key that left the report to the pass. Returns 1 when a hotkey that had fired was released.
+UCHAR PassReleasedKeys(PDEVICE_OBJECT device, ULONG ulLen, const UCHAR* pBuf, PULONG pulLen)
+{
+    UCHAR* pOld = FilterContextOf(device)->ucOldPacket;
+    UCHAR ucHotkeyReleased = 0;
+    for (ULONG i = FirstKeyPosition(ulLen); i < *pulLen && pOld[i] != 0; i++) {
+        if (!IsKeyInPacket(pOld[i], pBuf, ulLen)) {
+            ProcessHotkeyScan(device, pOld[i], 1, pOld, &i, pulLen, &ucHotkeyReleased);
+        }
+    }
+    return ucHotkeyReleased;
+}
+
+// Hands each key of the report to the pass. Returns the position at which the walk ended.
+ULONG PassPressedKeys(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf, PULONG pulLen)
+{
+    UCHAR ucHotkeyReleased = 0; // not looked at: the report of the release is over
+    ULONG i = FirstKeyPosition(ulLen);
+    for (; i < *pulLen && pBuf[i] != 0; i++) {
+        ProcessHotkeyScan(device, pBuf[i], 0, pBuf, &i, pulLen, &ucHotkeyReleased);
+    }
+    return i;
+}
+
+// Keys held back for a hotkey that did not complete are given back.
+void GiveBackHeldKeys(PDEVICE_OBJECT device)
+{
+    UCHAR ucUsage;
+    while (GetDataFromSwallowBuffer(device, &ucUsage)) {
+        if (!IsFnOrPrefix(ucUsage)) {
+            (void)AddDataToInsertBuffer(device, &ucUsage); // a full buffer loses the key
+        }
+    }
+}
+
+// From ulFrom on, takes the Fn and prefix keys out; the same position is looked at again after each.
+ULONG StripFnAndPrefixKeys(PUCHAR pBuf, ULONG ulLen, ULONG ulFrom)
+{
+    ULONG i = ulFrom;
+    while (i < ulLen && pBuf[i] != 0) {
+        if (IsFnOrPrefix(pBuf[i])) {
+            ulLen = RemoveKeyFromBuffer(pBuf, ulLen, i);
+        } else {
+            i++;
+        }
+    }
+    return ulLen;
+}
+} // namespace
+
+// Compares a standard report with the previous one and hands its keys to the hotkey pass.
+// IRQL <= DISPATCH. Owns: nothing; pBuf is rewritten. Fails: never.
+NTSTATUS DiagNormalPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    LogHexDump("(DiagNormalPacket) new packet:", ulLen, pBuf);
+    LogHexDump("(DiagNormalPacket) old packet:", ulLen, pContext->ucOldPacket);
+    UCHAR ucReceived[8] = {};
+    RtlCopyMemory(ucReceived, pBuf, ulLen);
+    if (ulLen == 8) {
+        CheckModifierOnlyHotkeys(device, ulLen, pBuf);
+        UpdateModifierFlags(device, pBuf, 8, 1);
+    }
+    UpdateHotkeyModifierMatch(device);
+
+    ULONG ulCurrentLen = ulLen;
+    if (PassReleasedKeys(device, ulLen, pBuf, &ulCurrentLen)) {
+        for (ULONG i = FirstKeyPosition(ulLen); i < ulLen && pBuf[i] != 0; i++) {
+            pBuf[i] = 0;
+        }
+    }
+    ULONG ulStopped = PassPressedKeys(device, ulLen, pBuf, &ulCurrentLen);
+    if (ReadShared(pContext->usSwallowCount) != 0) {
+        GiveBackHeldKeys(device);
+    }
+    ULONG ulFrom = ulCurrentLen == 8 ? 2 : ulCurrentLen == 3 ? 1 : ulStopped;
+    ulCurrentLen = StripFnAndPrefixKeys(pBuf, ulCurrentLen, ulFrom);
+
+    RtlCopyMemory(pContext->ucOldPacket, ucReceived, ulLen);
+    LogHexDump("(DiagNormalPacket) new packet:", ulCurrentLen, pBuf);
+    return STATUS_SUCCESS;
+}

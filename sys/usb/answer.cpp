@@ -1,0 +1,203 @@
+// answer.cpp - reads that are answered above the keyboard, because something is queued for the system.
+//
+// In this order: a whole report (FIFO), the application's modifier report, a report held back in discard
+// mode, the release of inserted keys, inserted keys. What a pop returns decides, not an earlier count.
+//
+// The stack above reads again from its completion routine, and that read may be answered too, hundreds of
+// times in a row. So answered reads are completed one after the other: who comes while another one is
+// being completed leaves its read in the list and returns STATUS_PENDING.
+//
+//   read 1 ──► complete ─┬─► stack reads ──► read 2 answered ──► list ──► STATUS_PENDING
+//                        └◄─ back; then complete read 2, and so on until the list is empty
+#include "usb/usb.h"
+
+#include "control/control.h"
+#include "hotkeys/hotkeys.h"
+#include "log/log.h"
+#include "macro/macro.h"
+#include "report/report.h"
+
+namespace
+{
+ULONG LowerOf(ULONG ulFirst, ULONG ulSecond)
+{
+    return ulFirst < ulSecond ? ulFirst : ulSecond;
+}
+
+UCHAR Answered(const Transfer& read)
+{
+    read.pUrb->UrbHeader.Status = USBD_STATUS_SUCCESS; // the length stays what the stack asked for
+    return URB_ANSWERED;
+}
+
+// Puts the oldest whole report into the read. Fails: the FIFO is empty.
+NTSTATUS TakeFifoReport(PDEVICE_OBJECT device, const Transfer& read)
+{
+    FifoEntry entry;
+    NTSTATUS status = GetUSBPacketFifo(FilterContextOf(device)->ulDeviceIndex, &entry);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    ULONG ulBytes = LowerOf(LowerOf(entry.usLength, sizeof(entry.ucData)), read.ulLen);
+    LogHexDump("(ShowURBInfo) insertUSBPacket", ulBytes, entry.ucData);
+    RtlCopyMemory(read.pBuf, entry.ucData, ulBytes);
+    LogHexDump("(ShowURBInfo) Inserted TransferBuffer", read.ulLen, read.pBuf);
+    ReportFifoDelivered(device);
+    return STATUS_SUCCESS;
+}
+
+// The pacing timer runs: the read waits for it. One that finds no place is answered at once instead.
+UCHAR ParkRead(PDEVICE_OBJECT device, PIRP Irp, const Transfer& read)
+{
+    IoMarkIrpPending(Irp);
+    if (NT_SUCCESS(ParkReadRequest(device, Irp))) {
+        return URB_PARKED;
+    }
+    if (!NT_SUCCESS(TakeFifoReport(device, read))) {
+        RtlZeroMemory(read.pBuf, read.ulLen);
+    }
+    (void)Answered(read);
+    Irp->IoStatus.Status = STATUS_SUCCESS;
+    Irp->IoStatus.Information = 0;
+    IoCompleteRequest(Irp, IO_KEYBOARD_INCREMENT);
+    return URB_PARKED;
+}
+
+// A report of zeros with one byte set. The position lies inside the report or the byte is dropped.
+void PlaceSingleByte(const Transfer& read, ULONG ulPosition, UCHAR ucValue)
+{
+    RtlZeroMemory(read.pBuf, LowerOf(read.ulLen, 8));
+    if (ulPosition < read.ulLen) {
+        read.pBuf[ulPosition] = ucValue;
+    }
+}
+
+bool PlaceModifierReport(DeviceContext* pContext, const Transfer& read)
+{
+    if (ReadShared(pContext->ucInsertModifierPending) == 0 ||
+        ExchangeShared(pContext->ucInsertModifierPending, 0) == 0) {
+        return false;
+    }
+    PlaceSingleByte(read, 0, ReadShared(pContext->ucKbdModifiers) | ReadShared(pContext->ucInsertModifiers));
+    LogHexDump("(ShowURBInfo) insert modifier packet", LowerOf(read.ulLen, 8), read.pBuf);
+    KeSetEvent(&pContext->InsertModifierEvent, IO_KEYBOARD_INCREMENT, FALSE);
+    return true;
+}
+
+bool PlaceDiscardedReport(DeviceContext* pContext, const Transfer& read)
+{
+    DiscardEntry entry;
+    if ((ReadShared(pContext->ulKeyDefTypes) & KEYDEF_DISCARD) ||
+        !NT_SUCCESS(GetDiscardedPacket(pContext->ulDeviceIndex, &entry))) {
+        return false;
+    }
+    PlaceSingleByte(read, entry.ucIsModifier ? 0 : 2, entry.ucValue);
+    LogHexDump("(ShowURBInfo) insert discarded packet", LowerOf(read.ulLen, 8), read.pBuf);
+    return true;
+}
+
+bool PlaceEmptyReport(DeviceContext* pContext, const Transfer& read)
+{
+    if (ReadShared(pContext->ucSendEmptyPacket) == 0 || ExchangeShared(pContext->ucSendEmptyPacket, 0) == 0) {
+        return false;
+    }
+    ULONG ulFrom = FirstKeyPosition(read.ulLen);
+    RtlZeroMemory(read.pBuf + ulFrom, read.ulLen - ulFrom);
+    return true;
+}
+
+// The oldest inserted keys take the key positions; the last of them has the next read release them.
+bool PlaceInsertedKeys(PDEVICE_OBJECT device, const Transfer& read)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    if (ReadShared(pContext->usInsertCount) == 0) {
+        return false;
+    }
+    ULONG ulFrom = FirstKeyPosition(read.ulLen);
+    ULONG i = ulFrom;
+    while (i < read.ulLen && GetDataFromInsertBuffer(device, &read.pBuf[i])) {
+        i++;
+    }
+    if (i == ulFrom) {
+        return false;
+    }
+    LogHexDump("(ShowUSBInfo) completing irp with packet: ", read.ulLen, read.pBuf);
+    if (ReadShared(pContext->usInsertCount) == 0) {
+        WriteShared(pContext->ucSendEmptyPacket, 1);
+    }
+    return true;
+}
+
+PIRP NextAnsweredRead(DeviceContext* pContext)
+{
+    LockScope lock(pContext->AnswerLock);
+    PIRP Irp = pContext->pFirstAnswered;
+    if (Irp == nullptr) {
+        pContext->ucAnswering = 0;
+        return nullptr;
+    }
+    pContext->pFirstAnswered = reinterpret_cast<PIRP>(Irp->Tail.Overlay.ListEntry.Flink);
+    return Irp;
+}
+
+// Returns true when another one is completing and takes this read over.
+bool LeaveAnsweredRead(DeviceContext* pContext, PIRP Irp)
+{
+    LockScope lock(pContext->AnswerLock);
+    if (!pContext->ucAnswering) {
+        pContext->ucAnswering = 1;
+        return false;
+    }
+    IoMarkIrpPending(Irp);
+    Irp->Tail.Overlay.ListEntry.Flink = nullptr;
+    if (pContext->pFirstAnswered == nullptr) {
+        pContext->pFirstAnswered = Irp;
+    } else {
+        pContext->pLastAnswered->Tail.Overlay.ListEntry.Flink = reinterpret_cast<PLIST_ENTRY>(Irp);
+    }
+    pContext->pLastAnswered = Irp;
+    return true;
+}
+} // namespace
+
+// Answers a read on its way down, or lets it pass to the keyboard. A parked read is not touched again.
+// IRQL <= DISPATCH. Owns: URB_PARKED: the request is the macro mode's, or completed already.
+UCHAR AnswerRead(PDEVICE_OBJECT device, PIRP Irp, const Transfer& read)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    ULONG ulCount;
+    if (NT_SUCCESS(GetFifoCount(pContext->ulDeviceIndex, &ulCount)) && ulCount > 0) {
+        if (ReadShared(Globals.ucKorvexTimerRunning) == 1) {
+            return ParkRead(device, Irp, read);
+        }
+        if (NT_SUCCESS(TakeFifoReport(device, read))) {
+            return Answered(read);
+        }
+    }
+    if (ReadShared(pContext->KbdType) == NORMALKbdType &&
+        (PlaceModifierReport(pContext, read) || PlaceDiscardedReport(pContext, read))) {
+        return Answered(read);
+    }
+    if (PlaceEmptyReport(pContext, read) || PlaceInsertedKeys(device, read)) {
+        return Answered(read);
+    }
+    return URB_PASS;
+}
+
+// Completes an answered read with the status it carries, in the order in which reads were answered.
+// IRQL <= DISPATCH. Lock: takes AnswerLock. Owns: the request is gone when it returns. Returns: what the
+// dispatch routine shall return.
+NTSTATUS CompleteAnsweredRead(PDEVICE_OBJECT device, PIRP Irp)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    NTSTATUS status = Irp->IoStatus.Status;
+    Irp->IoStatus.Information = 0;
+    if (LeaveAnsweredRead(pContext, Irp)) {
+        return STATUS_PENDING;
+    }
+    while (Irp != nullptr) {
+        IoCompleteRequest(Irp, IO_KEYBOARD_INCREMENT);
+        Irp = NextAnsweredRead(pContext);
+    }
+    return status;
+}

@@ -1,0 +1,116 @@
+// control.cpp - control transfers, LED output reports and descriptor requests.
+//
+// From them the driver learns the keyboard's type (descriptors.cpp), its control pipe and its LEDs, and with
+// the macro feature on it lets the Scroll Lock LED show the macro mode.
+#include "usb/usb.h"
+
+#include "log/log.h"
+#include "log/trace.h"
+
+namespace
+{
+enum : UCHAR { REQUEST_GET_DESCRIPTOR = 6, REQUEST_SET_DESCRIPTOR = 7, REQUEST_GET_INTERFACE = 10 };
+enum : USHORT { VALUE_REPORT_DESCRIPTOR = 0x2200, VALUE_OUTPUT_REPORT_0 = 0x0200 };
+enum : UCHAR { CLASS_REQUEST_TYPE = 0x22, CLASS_SET_REPORT = 9 };
+
+// Class SET_REPORT, output report 0, one byte.
+const UCHAR SetLedSetup[8] = {0x21, 0x09, 0x00, 0x02, 0x00, 0x00, 0x01, 0x00};
+
+void DumpTransfer(const Transfer& transfer)
+{
+    if (transfer.pBuf != nullptr) {
+        LogHexDump("(ShowURBInfo) TransferBuffer", transfer.ulLen, transfer.pBuf);
+    } else if (transfer.pMdl != nullptr) {
+        DumpMdl("(ShowURBInfo) TransferBufferMDL", transfer.pMdl);
+    }
+}
+
+// An LED output report has reached the keyboard.
+void RememberLeds(PDEVICE_OBJECT device, const Transfer& transfer, const UCHAR* pSetup)
+{
+    if (transfer.pBuf == nullptr || transfer.ulLen == 0 ||
+        (transfer.pUrb->UrbControlTransfer.TransferFlags & USBD_TRANSFER_DIRECTION_IN) != 0 ||
+        !RtlEqualMemory(pSetup, SetLedSetup, sizeof(SetLedSetup))) {
+        return;
+    }
+    DeviceContext* pContext = FilterContextOf(device);
+    WriteShared(pContext->usLedReport, transfer.pBuf[0]);
+    WriteShared(pContext->usLedFlags, LedReportToFlags(transfer.pBuf[0]));
+}
+
+bool IsLedPacket(const Transfer& transfer)
+{
+    const auto& request = transfer.pUrb->UrbControlVendorClassRequest;
+    return (request.TransferFlags & USBD_TRANSFER_DIRECTION_IN) == 0 && transfer.pBuf != nullptr &&
+           transfer.ulLen == 1 && request.RequestTypeReservedBits == CLASS_REQUEST_TYPE &&
+           request.Request == CLASS_SET_REPORT && request.Value == VALUE_OUTPUT_REPORT_0 && request.Index == 0;
+}
+} // namespace
+
+// Dumps what an MDL describes; one that cannot be mapped is not dumped.
+void DumpMdl(const char* pszTitle, PMDL pMdl)
+{
+    if (!IsLogOn(LOG_TRAFFIC)) {
+        return;
+    }
+    const void* pBytes = pMdl->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL)
+                             ? pMdl->MappedSystemVa
+                             : MmMapLockedPagesSpecifyCache(pMdl, KernelMode, MmCached, nullptr, FALSE,
+                                                            NormalPagePriority);
+    if (pBytes != nullptr) {
+        LogHexDump(pszTitle, MmGetMdlByteCount(pMdl), pBytes);
+    }
+}
+
+// A control transfer with its setup packet.
+// IRQL <= DISPATCH. Fails: never.
+void InspectControlTransfer(PDEVICE_OBJECT device, const Transfer& transfer, UCHAR ucCompletion)
+{
+    const auto& control = transfer.pUrb->UrbControlTransfer;
+    const UCHAR* pSetup = control.SetupPacket;
+    WriteShared(FilterContextOf(device)->ulControlPipe,
+                static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(control.PipeHandle)));
+    DiagSetupPacket(pSetup);
+    USHORT usValue = static_cast<USHORT>(pSetup[2] | pSetup[3] << 8);
+    if (usValue == VALUE_REPORT_DESCRIPTOR) {
+        LogHexDump("(ShowURBInfo) HID class report descriptor", transfer.ulLen, transfer.pBuf);
+    } else if (pSetup[1] == REQUEST_GET_DESCRIPTOR || pSetup[1] == REQUEST_SET_DESCRIPTOR ||
+               pSetup[1] == REQUEST_GET_INTERFACE) {
+        DiagDescriptor(device, transfer.pBuf, transfer.ulLen, ucCompletion);
+    } else {
+        DumpTransfer(transfer);
+    }
+    if (ucCompletion) {
+        RememberLeds(device, transfer, pSetup);
+    }
+}
+
+// A descriptor asked for without a setup packet.
+// IRQL <= DISPATCH. Fails: never.
+void InspectDescriptorRequest(PDEVICE_OBJECT device, const Transfer& transfer, UCHAR ucCompletion)
+{
+    const auto& request = transfer.pUrb->UrbControlDescriptorRequest;
+    Trace("(ShowURBInfo) %s, index %u\n", DescriptorTypeName(request.DescriptorType),
+          static_cast<unsigned>(request.Index));
+    if (ucCompletion && transfer.pBuf != nullptr) {
+        DiagDescriptor(device, transfer.pBuf, transfer.ulLen, 1);
+    } else {
+        DumpTransfer(transfer);
+    }
+}
+
+// A class request to the interface; an LED report shows the macro mode while its feature is on.
+// IRQL <= DISPATCH. Owns: the one LED byte is rewritten in place. Fails: never.
+void InspectClassRequest(const Transfer& transfer, UCHAR ucCompletion)
+{
+    DumpTransfer(transfer);
+    if (ucCompletion || !IsLedPacket(transfer)) {
+        return;
+    }
+    LogHexDump("(ShowURBInfo) LED-Packet is going down", transfer.ulLen, transfer.pBuf);
+    if (ReadShared(Settings.ucKorvexLEDDisabled) == 0 && ReadShared(Settings.ulKorvexHotkey) != 0) {
+        UCHAR ucScroll = ReadShared(Globals.ucKorvexMode) ? LED_REPORT_SCROLL : 0;
+        transfer.pBuf[0] = static_cast<UCHAR>((transfer.pBuf[0] & ~LED_REPORT_SCROLL) | ucScroll);
+        LogHexDump("(ShowURBInfo) modified LED-Packet is going down", transfer.ulLen, transfer.pBuf);
+    }
+}

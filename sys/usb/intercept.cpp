@@ -1,0 +1,175 @@
+// intercept.cpp - the road of a read of the interrupt pipe.
+//
+//   way down    answer.cpp: is something queued to answer it with?  else on to the keyboard
+//   completed   modifier word ──► the first of: macro mode, discard mode, point of sale, report engine
+//
+// Interfaces of another kind, empty transfers and the controllers' foreign report IDs pass untouched, and so
+// does a completed rollover report. The report is rewritten in place, before the HID stack sees it.
+#include "usb/usb.h"
+
+#include "control/control.h"
+#include "hotkeys/hotkeys.h"
+#include "log/log.h"
+#include "macro/macro.h"
+#include "report/report.h"
+
+namespace
+{
+bool IsForeignReport(ULONG ulKbdType, UCHAR ucReportId)
+{
+    return (ulKbdType == JaalaaEXTENDEDKbdType && ucReportId == 3) ||
+           (ulKbdType == ChicEXTENDEDKbdType && ucReportId == 1);
+}
+
+// Too many keys at once: the key positions are all 0x01, whatever the modifiers are.
+bool IsRolloverReport(const Transfer& read)
+{
+    if (read.ulLen < 8) {
+        return false;
+    }
+    for (ULONG i = 2; i < 8; i++) {
+        if (read.pBuf[i] != 0x01) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The application records: it gets the report and the system an empty one.
+void CaptureReport(const Transfer& read)
+{
+    MacroRecord record = {};
+    record.usType = MACRO_RECORD_REPORT;
+    record.ucLength =
+        static_cast<UCHAR>(read.ulLen < sizeof(record.ucReport) ? read.ulLen : sizeof(record.ucReport));
+    RtlCopyMemory(record.ucReport, read.pBuf, record.ucLength);
+    (void)QueueMacroRecord(&record); // the application sees a loss as a gap
+    SignalMacroEvent();
+    RtlZeroMemory(read.pBuf, read.ulLen);
+}
+
+// The mode hotkey is in the report: its press flips the mode, and the report goes on without it.
+void PassModeHotkey(PDEVICE_OBJECT device, const Transfer& read)
+{
+    if (ExchangeShared(Globals.ucKorvexHotkeyHeld, 1) == 0) {
+        UCHAR ucMode = static_cast<UCHAR>(ReadShared(Globals.ucKorvexMode) ^ 1);
+        WriteShared(Globals.ucKorvexMode, ucMode);
+        MacroRecord record = {};
+        record.usType = MACRO_RECORD_MODE;
+        record.ucMode = ucMode;
+        (void)QueueMacroRecord(&record); // the application sees a loss as a gap
+        SignalMacroEvent();
+        if (!ReadShared(Settings.ucKorvexLEDDisabled)) {
+            (void)SetKorvexLed(ucMode); // the mode stays switched without its LED
+        }
+    }
+    (void)RemoveKorvexHotkeyFromPacket(device, read.ulLen, read.pBuf);
+}
+
+void PassMacroMode(PDEVICE_OBJECT device, const Transfer& read, ULONG ulKbdType, ULONG ulKeyDefTypes)
+{
+    UCHAR ucFound = 0;
+    if (ulKeyDefTypes & KEYDEF_MACRO_MODE) {
+        (void)CheckForKorvexModeSwitch(device, read.ulLen, read.pBuf, &ucFound);
+    }
+    if (ucFound) {
+        PassModeHotkey(device, read);
+        return;
+    }
+    WriteShared(Globals.ucKorvexHotkeyHeld, 0);
+    if (ReadShared(Globals.ucReportCapture) == 1 && ulKbdType == NORMALKbdType) {
+        CaptureReport(read);
+    } else if (ReadShared(Globals.ucKorvexMode) == 1) {
+        CheckForKorvexHotkey(device, read.pBuf, read.ulLen);
+    }
+}
+
+bool IsMacroModeReport(ULONG ulKeyDefTypes)
+{
+    return ReadShared(Settings.ulKorvexHotkey) != 0 &&
+           ((ulKeyDefTypes & KEYDEF_MACRO_MODE) || ReadShared(Globals.ucReportCapture) == 1 ||
+            ReadShared(Globals.ucKorvexMode) == 1);
+}
+
+void NotifyDiscardedEscape(PDEVICE_OBJECT device)
+{
+    KeyDefinition definition = {}; // no definition any more: ulId 0
+    (void)GetDefinitionOfType(device, 11, &definition);
+    NotifyRecord record = {};
+    record.ulValue = 1;
+    record.ucSource = NOTIFY_SOURCE_REPORT;
+    record.ucValid = 1;
+    record.ulTime = NotifyTime();
+    record.ulId = definition.ulId;
+    (void)QueueNotifyRecord(device, &record); // the application sees a loss as a gap
+    SignalNotifyEvent(device);
+}
+
+// The system sees nothing; modifier changes and lock keys are held back for the time after, Esc is told.
+void PassDiscardMode(PDEVICE_OBJECT device, const Transfer& read)
+{
+    UCHAR ucModifiers = read.pBuf[0];
+    if (ExchangeShared(Globals.ucDiscardLastModifiers, ucModifiers) != ucModifiers) {
+        (void)AddDiscardedPacket(device, &ucModifiers, 1); // a full ring drops it
+    }
+    for (ULONG i = read.ulLen == 8 ? 2 : 1; i < read.ulLen; i++) {
+        UCHAR ucUsage = read.pBuf[i];
+        if (ucUsage == USAGE_ESCAPE) {
+            NotifyDiscardedEscape(device);
+        } else if (ucUsage == USAGE_SCROLL_LOCK || ucUsage == USAGE_NUM_LOCK || ucUsage == USAGE_CAPS_LOCK) {
+            (void)AddDiscardedPacket(device, &ucUsage, 0); // a full ring drops it
+        }
+    }
+    ULONG ulFrom = read.ulLen == 8 ? 0 : 1;
+    RtlZeroMemory(read.pBuf + ulFrom, read.ulLen - ulFrom);
+}
+
+// What the keyboard sent goes to the first mode that applies.
+void HandleReport(PDEVICE_OBJECT device, const Transfer& read, ULONG ulKbdType)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    if (read.ulLen == 8) {
+        WriteShared(pContext->ucKbdModifiers, read.pBuf[0]);
+        UpdateModifierFlags(device, read.pBuf, 8, 1);
+    }
+    ULONG ulKeyDefTypes = ReadShared(pContext->ulKeyDefTypes);
+    bool bProcessing = ReadShared(pContext->ucReportProcessing) == 1;
+    if (IsMacroModeReport(ulKeyDefTypes)) {
+        PassMacroMode(device, read, ulKbdType, ulKeyDefTypes);
+    } else if (bProcessing && (ulKeyDefTypes & KEYDEF_DISCARD)) {
+        PassDiscardMode(device, read);
+    } else if (bProcessing && (ulKeyDefTypes & KEYDEF_POINT_OF_SALE)) {
+        (void)HandleOPOSPacket(device, read.ulLen, read.pBuf);
+    } else if (bProcessing && (ulKeyDefTypes & KEYDEF_HOTKEY)) {
+        (void)DiagUSBPacket(device, read.ulLen, read.pBuf); // a report without a handler goes on as it is
+    }
+}
+} // namespace
+
+// The road of one interrupt transfer, in the direction given. Returns what became of a read on its way down.
+// IRQL <= DISPATCH. Owns: as ShowURBInfo.
+UCHAR InterceptReport(PDEVICE_OBJECT device, PIRP Irp, const Transfer& read, UCHAR ucCompletion)
+{
+    ULONG ulKbdType = ReadShared(FilterContextOf(device)->KbdType);
+    if (ulKbdType == OTHERKbdType ||
+        (read.pUrb->UrbBulkOrInterruptTransfer.TransferFlags & USBD_TRANSFER_DIRECTION_IN) == 0) {
+        return URB_PASS;
+    }
+    if (read.pBuf == nullptr || read.ulLen == 0) {
+        if (read.pMdl != nullptr) {
+            DumpMdl("(ShowURBInfo) TransferBufferMDL", read.pMdl);
+        }
+        return URB_PASS;
+    }
+    if (IsForeignReport(ulKbdType, read.pBuf[0])) {
+        return URB_PASS;
+    }
+    LogHexDump("(ShowURBInfo) TransferBuffer", read.ulLen, read.pBuf);
+    if (!ucCompletion) {
+        return AnswerRead(device, Irp, read);
+    }
+    if (!IsRolloverReport(read)) {
+        HandleReport(device, read, ulKbdType);
+    }
+    return URB_PASS;
+}

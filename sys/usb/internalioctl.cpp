@@ -1,0 +1,117 @@
+// internalioctl.cpp - an internal device control request on its way down and on its way back.
+//
+//   HID stack ──► DispatchInternalIoctl ──► FilterInternalIoctl ── answered ──► completed here
+//                                                │ passed down
+//                                                ▼
+//   HID stack ◄── InternalIoctlCompletion ◄── USB stack
+//
+// A request that is passed down holds a reference on the keyboard until its completion. How much the stack
+// asked for is kept in the request's own stack location, because the USB stack overwrites it with what came.
+#include "usb/usb.h"
+
+#include "log/trace.h"
+
+namespace
+{
+// Whether the request is a read of the interrupt pipe: those alone are kept as pending reads.
+bool IsInterruptRead(PIRP Irp)
+{
+    PIO_STACK_LOCATION pStack = IoGetCurrentIrpStackLocation(Irp);
+    if (pStack->Parameters.DeviceIoControl.IoControlCode != IOCTL_INTERNAL_USB_SUBMIT_URB) {
+        return false;
+    }
+    PURB pUrb = static_cast<PURB>(pStack->Parameters.Others.Argument1);
+    return pUrb != nullptr && pUrb->UrbHeader.Function == URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER &&
+           pUrb->UrbHeader.Length >= sizeof(pUrb->UrbBulkOrInterruptTransfer) &&
+           (pUrb->UrbBulkOrInterruptTransfer.TransferFlags & USBD_TRANSFER_DIRECTION_IN) != 0;
+}
+
+NTSTATUS PassDown(PDEVICE_OBJECT DeviceObject, PIRP Irp)
+{
+    DeviceContext* pContext = FilterContextOf(DeviceObject);
+    if (IsInterruptRead(Irp)) {
+        WriteShared(pContext->ulIrpCancelledForInsert, 0u);
+        (void)AddPendingIrp(DeviceObject, Irp); // a full list leaves the read untracked
+    }
+    IoCopyCurrentIrpStackLocationToNext(Irp);
+    RememberRequestedLength(Irp);
+    IoSetCompletionRoutine(Irp, InternalIoctlCompletion, DeviceObject, TRUE, TRUE, TRUE);
+    return IoCallDriver(pContext->pLowerDevice, Irp);
+}
+} // namespace
+
+// Looks at a request on its way down. *pucComplete becomes 1 when the caller shall complete it.
+// IRQL <= DISPATCH. Owns: passed down, the request is the lower driver's; parked, the macro mode's.
+// Fails: the keyboard is being removed; else with what the lower driver returned.
+NTSTATUS FilterInternalIoctl(PDEVICE_OBJECT DeviceObject, PIRP Irp, PUCHAR pucComplete)
+{
+    switch (ShowURBInfo(DeviceObject, Irp, 0)) {
+    case URB_ANSWERED:
+        Irp->IoStatus.Status = STATUS_SUCCESS;
+        *pucComplete = 1;
+        return STATUS_SUCCESS;
+    case URB_PARKED:
+        return STATUS_PENDING;
+    default:
+        break;
+    }
+    if (!AcquireDevice(DeviceObject)) {
+        Irp->IoStatus.Status = STATUS_DELETE_PENDING;
+        *pucComplete = 1;
+        return STATUS_DELETE_PENDING;
+    }
+    return PassDown(DeviceObject, Irp);
+}
+
+// A request comes back: what it brought is looked at, and the request is no longer pending. Its status goes
+// up as it is, but a cancelled one reports success. A read whose canceller has not let go of it yet is
+// completed by the canceller.
+// IRQL <= DISPATCH. Lock: takes PendingIrpLock.
+NTSTATUS InternalIoctlCompletion(PDEVICE_OBJECT, PIRP Irp, PVOID Context)
+{
+    PDEVICE_OBJECT DeviceObject = static_cast<PDEVICE_OBJECT>(Context);
+    NTSTATUS status = Irp->IoStatus.Status;
+    if (Irp->PendingReturned) {
+        IoMarkIrpPending(Irp);
+    }
+    if (NT_SUCCESS(status)) {
+        (void)ShowURBInfo(DeviceObject, Irp, 1); // nothing is answered on the way back
+    } else if (status == STATUS_CANCELLED && Irp->Cancel) {
+        status = STATUS_SUCCESS;
+    } else {
+        Trace("(InternalIoctlCompletion) request failed with 0x%08x\n", static_cast<unsigned>(status));
+    }
+    if (RemovePendingIrp(DeviceObject, Irp)) {
+        status = STATUS_MORE_PROCESSING_REQUIRED;
+    }
+    ReleaseDevice(DeviceObject);
+    return status;
+}
+
+// The IRP_MJ_INTERNAL_DEVICE_CONTROL entry.
+NTSTATUS DispatchInternalIoctl(PDEVICE_OBJECT pDevice, PIRP pIrp)
+{
+    IRQL_AT_MOST(DISPATCH_LEVEL);
+    if (ControlContextOf(pDevice) != nullptr) {
+        return CompleteRequest(pIrp, STATUS_SUCCESS, 0);
+    }
+    DeviceContext* pContext = FilterContextOf(pDevice);
+    if (pContext == nullptr) {
+        return DispatchPassThrough(pDevice, pIrp);
+    }
+    if (!AcquireDevice(pDevice)) {
+        return CompleteRequest(pIrp, STATUS_DELETE_PENDING, 0);
+    }
+    NTSTATUS status = STATUS_UNSUCCESSFUL;
+    UCHAR ucComplete = 0;
+    if (pContext->pLowerDevice == nullptr) {
+        status = CompleteRequest(pIrp, STATUS_UNSUCCESSFUL, 0);
+    } else {
+        status = FilterInternalIoctl(pDevice, pIrp, &ucComplete);
+    }
+    if (ucComplete) {
+        status = CompleteAnsweredRead(pDevice, pIrp);
+    }
+    ReleaseDevice(pDevice);
+    return status;
+}

@@ -1,0 +1,86 @@
+// pendingreads.cpp - the interrupt reads that are at the keyboard, so that one can be called back.
+//
+//   CancelPendingRead: claim under the lock ──► IoCancelIrp outside it ──► let go under the lock
+//   completion meanwhile: the claimed read is marked and left to the canceller, who completes it
+//
+// So the request cannot be completed and freed while IoCancelIrp works on it. pPendingReadIrp mirrors the
+// oldest entry for those who only ask whether there is one.
+#include "usb/usb.h"
+
+// Appends a read that goes down.
+// IRQL <= DISPATCH. Lock: takes PendingIrpLock. Fails: 100 pending, the read goes down untracked.
+NTSTATUS AddPendingIrp(PDEVICE_OBJECT device, PIRP Irp)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    LockScope lock(pContext->PendingIrpLock);
+    if (pContext->ulPendingIrpCount >= PENDING_IRP_SIZE) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    pContext->PendingIrps[pContext->ulPendingIrpCount++] = Irp;
+    (void)InterlockedExchangePointer(reinterpret_cast<PVOID*>(&pContext->pPendingReadIrp),
+                                     pContext->PendingIrps[0]);
+    return STATUS_SUCCESS;
+}
+
+// Takes a completed read out; one that is not found changes nothing. Returns true when its canceller still
+// works on it and completes it.
+// IRQL <= DISPATCH. Lock: takes PendingIrpLock. Fails: never.
+bool RemovePendingIrp(PDEVICE_OBJECT device, PIRP Irp)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    LockScope lock(pContext->PendingIrpLock);
+    ULONG i = 0;
+    while (i < pContext->ulPendingIrpCount && pContext->PendingIrps[i] != Irp) {
+        i++;
+    }
+    if (i == pContext->ulPendingIrpCount) {
+        return false;
+    }
+    pContext->ulPendingIrpCount--;
+    RtlMoveMemory(&pContext->PendingIrps[i], &pContext->PendingIrps[i + 1],
+                  (pContext->ulPendingIrpCount - i) * sizeof(pContext->PendingIrps[0]));
+    pContext->PendingIrps[pContext->ulPendingIrpCount] = nullptr;
+    (void)InterlockedExchangePointer(reinterpret_cast<PVOID*>(&pContext->pPendingReadIrp),
+                                     pContext->PendingIrps[0]);
+    if (pContext->pCancellingIrp == Irp) {
+        pContext->ucCancelledCompleted = 1;
+        return true;
+    }
+    return false;
+}
+
+// The oldest pending read, marked as being cancelled; null when there is none or another canceller has it.
+static PIRP ClaimPendingRead(DeviceContext* pContext)
+{
+    LockScope lock(pContext->PendingIrpLock);
+    if (pContext->ulPendingIrpCount == 0 || pContext->pCancellingIrp != nullptr) {
+        return nullptr;
+    }
+    pContext->pCancellingIrp = pContext->PendingIrps[0];
+    pContext->ucCancelledCompleted = 0;
+    return pContext->pCancellingIrp;
+}
+
+// Returns true when the read's completion came meanwhile and was left to the canceller.
+static bool LetGoOfRead(DeviceContext* pContext)
+{
+    LockScope lock(pContext->PendingIrpLock);
+    pContext->pCancellingIrp = nullptr;
+    return pContext->ucCancelledCompleted != 0;
+}
+
+// Calls the oldest read back from the keyboard, so that the stack above issues a fresh one.
+// IRQL <= DISPATCH. Lock: takes PendingIrpLock. Fails: none pending, or one is being called back already.
+bool CancelPendingRead(PDEVICE_OBJECT device)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    PIRP Irp = ClaimPendingRead(pContext);
+    if (Irp == nullptr) {
+        return false;
+    }
+    IoCancelIrp(Irp);
+    if (LetGoOfRead(pContext)) {
+        IoCompleteRequest(Irp, IO_KEYBOARD_INCREMENT);
+    }
+    return true;
+}
