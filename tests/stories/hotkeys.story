@@ -1,0 +1,112 @@
+# Hotkeys: what the system sees of them and what the application is told.
+# Scan codes are PS/2 set 1: 3B = F1, 1E = A, 30 = B. Usages: 3A = F1, 04 = A, 05 = B, 29 = Esc.
+
+story Ctrl+F1 never reaches the system
+keyboard normal
+hotkey 7 ctrl 3B swallow
+report 01 00 00 00 00 00 00 00 -> 01 00 00 00 00 00 00 00
+report 01 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 7
+report 01 00 00 00 00 00 00 00 -> 01 00 00 00 00 00 00 00 | up 7
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+quiet
+
+story A hotkey that only listens gives its key back
+keyboard normal
+hotkey 7 ctrl 3B
+report 10 00 3A 00 00 00 00 00 -> 10 00 3A 00 00 00 00 00 | down 7   # either Control will do
+report 10 00 00 00 00 00 00 00 -> 10 00 00 00 00 00 00 00 | up 7
+quiet
+
+story More modifiers than asked for still fire the hotkey
+keyboard normal
+hotkey 7 lctrl 3B swallow
+report 07 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 7
+report 10 00 00 00 00 00 00 00 -> 10 00 00 00 00 00 00 00 | up 7
+report 10 00 3A 00 00 00 00 00 -> 10 00 3A 00 00 00 00 00            # the right one was not asked for
+
+story Esc while the hotkey is held aborts it
+keyboard normal
+hotkey 7 ctrl 3B swallow
+report 01 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 7
+report 01 00 3A 29 00 00 00 00 -> 00 00 00 00 00 00 00 00
+report 01 00 00 00 00 00 00 00 -> 01 00 00 00 00 00 00 00 | up 7 abort
+report 01 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 7   # the next one is no abort
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | up 7
+
+story Another key ends the hotkey and is typed
+keyboard normal
+hotkey 7 ctrl 3B swallow
+report 01 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 7
+report 01 00 3A 04 00 00 00 00 -> 00 00 04 00 00 00 00 00 | up 7
+report 01 00 00 00 00 00 00 00 -> 01 00 00 00 00 00 00 00
+
+story A and B together are a hotkey, A alone is an A
+keyboard normal
+hotkey 5 - 1E 30 swallow
+report 00 00 04 00 00 00 00 00 -> 00 00 04 00 00 00 00 00
+report 00 00 04 05 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 5
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | up 5
+quiet
+
+story Modifiers alone are a hotkey
+keyboard normal
+hotkey 3 lctrl+lalt swallow
+report 01 00 00 00 00 00 00 00 -> 01 00 00 00 00 00 00 00
+report 05 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 3
+report 01 00 00 00 00 00 00 00 -> 01 00 00 00 00 00 00 00 | up 3
+
+story The context key is a modifier and a key
+keyboard normal
+hotkey 6 context
+report 00 00 65 00 00 00 00 00 -> 00 00 65 00 00 00 00 00 | down 6
+modifiers context
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | up 6
+modifiers -
+
+story Two hotkeys that differ in their modifiers
+keyboard normal
+hotkey 1 ctrl 3B swallow
+hotkey 2 shift 3B swallow
+report 02 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 2
+report 02 00 00 00 00 00 00 00 -> 02 00 00 00 00 00 00 00 | up 2
+report 03 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 1, down 2
+report 03 00 00 00 00 00 00 00 -> 03 00 00 00 00 00 00 00 | up 1, up 2
+
+story Without report processing nothing is a hotkey
+keyboard normal
+hotkey 7 ctrl 3B swallow
+processing off
+report 01 00 3A 00 00 00 00 00 -> 01 00 3A 00 00 00 00 00
+modifiers lctrl+ctrl
+processing on
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+report 01 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 7
+
+story A removed hotkey is an ordinary key again
+keyboard normal
+hotkey 7 ctrl 3B swallow
+report 01 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 7
+remove 7
+report 01 00 00 00 00 00 00 00 -> 01 00 00 00 00 00 00 00
+report 01 00 3A 00 00 00 00 00 -> 01 00 3A 00 00 00 00 00
+
+story What cannot be a hotkey is refused
+keyboard normal
+refused hotkey 7 ctrl 7F        # no key has this scan code
+refused hotkey 7 ctrl E0        # a prefix without its key
+remove 7                        # it is kept as a definition all the same
+remove 7
+hotkey 8 ctrl 3B
+refused hotkey 8 ctrl 3B        # the same once more
+
+story The keyboard is pulled while a hotkey is held
+keyboard normal
+hotkey 7 ctrl 3B swallow
+report 01 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 7
+pull
+
+story Too many keys at once pass as they are
+keyboard normal
+hotkey 7 ctrl 3B swallow
+report 01 00 01 01 01 01 01 01 -> 01 00 01 01 01 01 01 01
+report 00 00 04 05 06 07 08 09 -> 00 00 04 05 06 07 08 09

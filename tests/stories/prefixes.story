@@ -1,0 +1,46 @@
+# Prefix keys are pressed and released before the key that they modify. Usage 89 is Prefix1, 8B Prefix2.
+
+story A prefix and then a key
+keyboard normal
+hotkey 9 prefix1 1E swallow
+report 00 00 89 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+modifiers prefix1
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+report 00 00 04 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 9
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | up 9
+modifiers -
+report 00 00 04 00 00 00 00 00 -> 00 00 04 00 00 00 00 00
+
+story Behind a prefix a key of no hotkey is dropped
+keyboard normal
+hotkey 9 prefix1 1E swallow
+report 00 00 89 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+report 00 00 05 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+modifiers -
+
+story A prefix that no hotkey uses is forgotten at once
+keyboard normal
+hotkey 7 ctrl 3B
+report 00 00 8B 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+modifiers -
+report 00 00 04 00 00 00 00 00 -> 00 00 04 00 00 00 00 00
+
+story Another key can be the prefix
+setting Prefix1 0x3F                # F5
+keyboard normal
+hotkey 9 prefix1 1E swallow
+report 00 00 3E 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+report 00 00 04 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 9
+
+story The Fn key is never seen by the system
+keyboard normal
+hotkey 4 fn 1E swallow
+report 00 00 A5 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+modifiers fn
+report 00 00 A5 04 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 4
+report 00 00 A5 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | up 4
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+modifiers -
