@@ -15,7 +15,7 @@
 // the stack goes. IRQL <= DISPATCH. Lock: none held.
 typedef VOID EmuHidObserver(PVOID pContext, const UCHAR* pReport, ULONG ulLength, NTSTATUS Status);
 
-enum { EmuHidMaximumReads = 128, EmuHidMaximumPacket = 64 };
+enum { EmuHidMaximumReads = 128, EmuHidMaximumPacket = 1024 };
 
 // How a HID stack behaves; zeroed = one automatic read, enumeration, plain recursion.
 struct EmuHidOptions {
@@ -26,7 +26,7 @@ struct EmuHidOptions {
     BOOLEAN bManual;        // reads go down only when EmuHidRead is called
     BOOLEAN bNoEnumeration; // START sends no requests of its own
     BOOLEAN
-        bLoopGuard; // a read that completes on its way down is sent again by the outer loop, not by recursion
+    bLoopGuard; // a read that completes on its way down is sent again by the outer loop, not by recursion
 };
 
 // How a control request travels.

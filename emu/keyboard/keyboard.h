@@ -36,8 +36,8 @@ extern const EmuDescriptors EmuOtherInterface; // other.cpp: interface 3/0/1
 // IRQL <= DISPATCH. Lock: none held.
 typedef NTSTATUS EmuRequestHook(PVOID pContext, const UCHAR* pSetup, PUCHAR pBuffer, PULONG pulLength);
 
-// Sees every output report (SET_REPORT of type 2) that reached the keyboard, before it is completed.
-// IRQL <= DISPATCH. Lock: none held.
+// Sees every output report (SET_REPORT of type 2) that reached the keyboard, by any route, before the hook
+// does. IRQL <= DISPATCH. Lock: none held.
 typedef VOID EmuLedObserver(PVOID pContext, const UCHAR* pReport, ULONG ulLength);
 
 // How a keyboard behaves; zeroed = an ordinary one.
@@ -61,7 +61,7 @@ NTSTATUS EmuCreateKeyboard(PDRIVER_OBJECT pDriver, const EmuDescriptors* pDescri
 // reads.cpp
 // The keyboard sends a report: completes the oldest waiting read at DISPATCH_LEVEL, or keeps it for the next
 // read. A read shorter than the report gets its beginning. IRQL <= DISPATCH. Fails: STATUS_INVALID_PARAMETER
-// above 64 bytes, STATUS_DEVICE_NOT_READY when removed, STATUS_INSUFFICIENT_RESOURCES when 1024 reports are
+// above 1024 bytes, STATUS_DEVICE_NOT_READY when removed, STATUS_INSUFFICIENT_RESOURCES when 1024 reports are
 // kept already.
 NTSTATUS EmuKeyboardReport(PDEVICE_OBJECT pPhysical, const UCHAR* pReport, ULONG ulLength);
 // The bus reports an error: completes the oldest waiting read with a failure status and no data.

@@ -1,0 +1,59 @@
+// The keyboard's own record, and what its source files share. Nobody outside this folder includes this.
+//
+// A read waits in `Waiting`, a report in the ring of kept reports; Deliver pairs the oldest of both. Only one
+// thread delivers at a time, so reports reach the stack above in the order in which they were sent:
+//
+//     EmuKeyboardReport --> [kept reports]--+
+//                                           +--> Deliver --> IoCompleteRequest
+//     interrupt-IN read --> [Waiting]-------+
+#pragma once
+
+#include "keyboard.h"
+
+enum : ULONG { MaximumReport = 1024, KeptBytes = 0x10000 };
+enum : ULONG { KeyboardTag = 0x64624B45 };
+
+// (i) set at creation, then constant; the rest as told.
+struct KeyboardDevice {
+    ULONG ulTag;                        // (i) KeyboardTag
+    PDEVICE_OBJECT pSelf;               // (i)
+    const EmuDescriptors* pDescriptors; // (i)
+    EmuKeyboardOptions Options;         // (i)
+    KSPIN_LOCK Lock;                    // guards what follows up to the timer
+    LIST_ENTRY Waiting;                 // reads, oldest first, linked by their ListEntry
+    PUCHAR pKept; // ring of KeptBytes: each report is its length in two bytes and its data; null when removed
+    ULONG ulKeptRead, ulKeptUsed; // bytes
+    ULONG ulKept;                 // reports
+    BOOLEAN bDelivering;          // a thread is inside Deliver and looks again before it leaves
+    BOOLEAN bGone;                // surprise-removed or removed: no read waits any more
+    KDPC DeliverDpc;              // pairs kept reports with a read that came later
+    KTIMER StartTimer;            // Plug and Play only: a delayed start
+    KDPC StartDpc;
+    PIRP pStart;
+};
+
+// keyboard.cpp
+KeyboardDevice* KeyboardOf(PDEVICE_OBJECT pDevice);
+
+// reads.cpp
+// Completes the request of a URB: sets both statuses. IRQL <= DISPATCH. Lock: none held.
+VOID CompleteUrb(PIRP pIrp, PURB pUrb, NTSTATUS Status);
+// Lets a read wait. IRQL <= DISPATCH. Lock: takes Lock.
+NTSTATUS WaitForReport(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pUrb);
+// Completes every waiting read with the status. IRQL <= DISPATCH. Lock: takes Lock.
+VOID PurgeReads(KeyboardDevice* pKeyboard, NTSTATUS Status);
+// The keyboard is not there any more: later reads fail. IRQL <= DISPATCH. Lock: takes Lock.
+VOID MarkGone(KeyboardDevice* pKeyboard);
+KDEFERRED_ROUTINE DeliverDpc;
+
+// urb.cpp
+// Serves one URB and completes its request. IRQL <= DISPATCH.
+NTSTATUS SubmitUrb(KeyboardDevice* pKeyboard, PIRP pIrp);
+// The transfer buffer, be it named by address or by MDL; null for none. IRQL <= DISPATCH.
+PUCHAR TransferBufferOf(PVOID pBuffer, PMDL pMdl);
+
+// answers.cpp
+// Answers one request of the control pipe; `*pulLength` as in EmuRequestHook. IRQL <= DISPATCH.
+NTSTATUS AnswerControl(KeyboardDevice* pKeyboard, const UCHAR* pSetup, PUCHAR pBuffer, PULONG pulLength);
+// The endpoint descriptor of the first interrupt-IN endpoint; null when the tables have none.
+const UCHAR* FindEndpoint(const EmuDescriptors* pDescriptors);
