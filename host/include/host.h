@@ -1,0 +1,86 @@
+// host.h - the host's own side: what an application, a tool or a test says to it.
+//
+// HostStart brings up a system without drivers; HostLoadDriver, HostAddDevice and HostSendPnp bring a
+// driver and its devices to life; HostOpen, HostDeviceControl and the events are an application's side.
+//
+// Simulated mode: threads are real, but exactly one runs, and the clock is virtual (0 at start). Timers
+// expire only when the clock moves: HostAdvanceToUs moves it, and so does the scheduler when every
+// thread waits. The same calls give the same run, always. A wait that nothing can end stops the run.
+// Threaded mode: threads run freely, the clock is real.
+//
+// A broken rule prints "HOST STOP <CODE>: <what>" on standard error and aborts.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "kernel.h"
+
+enum HostMode { HostSimulated, HostThreaded };
+
+struct HostOptions {
+    HostMode Mode = HostSimulated;
+    std::string RegistryText; // .reg text that the registry starts with
+    std::string FileRoot;     // the folder that holds C:\ and \SystemRoot; empty: no such files
+};
+
+// Starts the host; the calling thread becomes its first thread.
+void HostStart(const HostOptions& options);
+// Ends the host. Returns the number of things that were left behind, each printed on standard error.
+unsigned HostStop();
+
+// Creates the driver object, calls DriverEntry with the service's key path. A failed entry is audited,
+// its driver object is gone, its status returned.
+NTSTATUS HostLoadDriver(PDRIVER_INITIALIZE pEntry, const WCHAR* pServiceName, PDRIVER_OBJECT* ppDriver);
+// Calls DriverUnload and audits what the driver still owns. Returns the number of such things.
+unsigned HostUnloadDriver(PDRIVER_OBJECT pDriver);
+// Calls the driver's AddDevice routine.
+NTSTATUS HostAddDevice(PDRIVER_OBJECT pDriver, PDEVICE_OBJECT pPhysical);
+// Sends a Plug and Play or power request to the top of the device's stack and waits for its completion.
+NTSTATUS HostSendPnp(PDEVICE_OBJECT pInStack, UCHAR ucMinor);
+NTSTATUS HostSendPower(PDEVICE_OBJECT pInStack, UCHAR ucMinor);
+// What IoGetDeviceProperty answers for this device; null data takes the property away.
+void HostSetDeviceProperty(PDEVICE_OBJECT pPhysical, DEVICE_REGISTRY_PROPERTY property, const void* pData,
+                           ULONG ulBytes);
+
+typedef struct HostOpenFile* HostFile;
+// Opens a device by name ("\\.\X", "\??\X", "\DosDevices\X", "\Device\X", an interface's link).
+NTSTATUS HostOpen(const WCHAR* pName, HostFile* pFile);
+// Sends cleanup, then close.
+void HostClose(HostFile file);
+// Sends a device control request and waits for it. Bytes beyond *pulInformation stay untouched.
+NTSTATUS HostDeviceControl(HostFile file, ULONG ulCode, const void* pIn, ULONG ulIn, void* pOut, ULONG ulOut,
+                           ULONG* pulInformation);
+// This thread belongs to a 32-bit process from now on.
+void HostSetCaller32(bool b32);
+
+HANDLE HostCreateEvent(bool bManualReset);
+// True if the event is signalled; clears an auto-reset event.
+bool HostTakeEvent(HANDLE h);
+// STATUS_SUCCESS, STATUS_TIMEOUT, or STATUS_USER_APC after HostEndThreadWaits. A negative time: no limit.
+NTSTATUS HostWaitEvent(HANDLE h, LONGLONG llTimeoutUs);
+void HostCloseHandle(HANDLE h);
+
+unsigned long long HostNowUs();
+// Moves the clock, expiring what becomes due in order; everything runnable runs before and after each step.
+void HostAdvanceToUs(unsigned long long ullUs);
+// The time at which the next timer or timed wait is due; false if there is none.
+bool HostNextTimerUs(unsigned long long* pullUs);
+// Runs everything runnable now (DPCs, work items, woken threads) without moving the clock.
+void HostSettle();
+
+typedef struct HostThreadObject* HostThread;
+// A thread of the application. Stack bytes 0: the default size.
+HostThread HostStartThread(std::function<void()> body, size_t stackBytes = 0);
+void HostJoinThread(HostThread t);
+// Ends the thread's UserMode waits and cancels its requests, as the end of its process does.
+void HostEndThreadWaits(HostThread t);
+
+// The Nth fallible call from now on fails (of the kind pWhat: "pool", "irp", "device", ...; nullptr: any); 0:
+// none.
+void HostFailNth(const char* pWhat, unsigned ulNth);
+// How many calls could have failed since HostFailNth was called last.
+unsigned HostFallibleCalls();
+
+// The registry as .reg text.
+std::string HostRegistryText();

@@ -1,0 +1,77 @@
+// interlocked.h - the Interlocked family: whole, ordered operations on one 32-bit, 64-bit or pointer field.
+#pragma once
+
+#include "types.h"
+
+FORCEINLINE LONG InterlockedIncrement(LONG volatile* pTarget)
+{
+    return __atomic_add_fetch(pTarget, 1, __ATOMIC_SEQ_CST);
+}
+
+FORCEINLINE LONG InterlockedDecrement(LONG volatile* pTarget)
+{
+    return __atomic_sub_fetch(pTarget, 1, __ATOMIC_SEQ_CST);
+}
+
+FORCEINLINE LONG InterlockedExchange(LONG volatile* pTarget, LONG value)
+{
+    return __atomic_exchange_n(pTarget, value, __ATOMIC_SEQ_CST);
+}
+
+FORCEINLINE LONG InterlockedExchangeAdd(LONG volatile* pTarget, LONG value)
+{
+    return __atomic_fetch_add(pTarget, value, __ATOMIC_SEQ_CST);
+}
+
+FORCEINLINE LONG InterlockedCompareExchange(LONG volatile* pTarget, LONG exchange, LONG comparand)
+{
+    __atomic_compare_exchange_n(pTarget, &comparand, exchange, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+    return comparand;
+}
+
+FORCEINLINE LONG InterlockedAnd(LONG volatile* pTarget, LONG mask)
+{
+    return __atomic_fetch_and(pTarget, mask, __ATOMIC_SEQ_CST);
+}
+
+FORCEINLINE LONG InterlockedOr(LONG volatile* pTarget, LONG mask)
+{
+    return __atomic_fetch_or(pTarget, mask, __ATOMIC_SEQ_CST);
+}
+
+FORCEINLINE LONG InterlockedXor(LONG volatile* pTarget, LONG mask)
+{
+    return __atomic_fetch_xor(pTarget, mask, __ATOMIC_SEQ_CST);
+}
+
+FORCEINLINE LONG64 InterlockedIncrement64(LONG64 volatile* pTarget)
+{
+    return __atomic_add_fetch(pTarget, 1, __ATOMIC_SEQ_CST);
+}
+
+FORCEINLINE LONG64 InterlockedExchange64(LONG64 volatile* pTarget, LONG64 value)
+{
+    return __atomic_exchange_n(pTarget, value, __ATOMIC_SEQ_CST);
+}
+
+FORCEINLINE LONG64 InterlockedCompareExchange64(LONG64 volatile* pTarget, LONG64 exchange, LONG64 comparand)
+{
+    __atomic_compare_exchange_n(pTarget, &comparand, exchange, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+    return comparand;
+}
+
+FORCEINLINE PVOID InterlockedExchangePointer(PVOID volatile* pTarget, PVOID value)
+{
+    return __atomic_exchange_n(pTarget, value, __ATOMIC_SEQ_CST);
+}
+
+FORCEINLINE PVOID InterlockedCompareExchangePointer(PVOID volatile* pTarget, PVOID exchange, PVOID comparand)
+{
+    __atomic_compare_exchange_n(pTarget, &comparand, exchange, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+    return comparand;
+}
+
+FORCEINLINE void KeMemoryBarrier()
+{
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+}
