@@ -7,6 +7,29 @@
 DispatchRoutine DispatchDeviceControl; // PASSIVE
 BOOLEAN IsIoctlAllowed(PIRP pIrp);
 
+// keyboardrequests.cpp: requests passed to the keyboard. IRQL = PASSIVE. Fails: unknown index, nothing sent.
+NTSTATUS SubmitUrbSync(PDEVICE_OBJECT device, PURB pUrb);
+NTSTATUS GetDeviceDescriptor(ULONG ulDeviceIndex, PUCHAR pDescriptor); // 18 bytes
+NTSTATUS GetStringDescriptor(ULONG ulDeviceIndex, UCHAR ucIndex, USHORT usLanguage, PUCHAR pOut,
+                             ULONG ulCapacity, PULONG pulLength);
+NTSTATUS SetKeyboardLeds(ULONG ulDeviceIndex, UCHAR ucLedFlags);
+NTSTATUS SendKeyCommand(ULONG ulDeviceIndex, const KeyCommand* pCommand);
+// One family of keyboard memory; usLength 0 asks the EEPROM routines for the size.
+using MemoryReader = NTSTATUS(ULONG ulDeviceIndex, USHORT usAddress, USHORT usLength, PUCHAR pOut,
+                              PULONG pulLength);
+using MemoryWriter = NTSTATUS(ULONG ulDeviceIndex, USHORT usAddress, USHORT usLength, const UCHAR* pData,
+                              PULONG pulLength);
+MemoryReader ReadQuintoraEEprom, ReadDescriptorMemory, ReadVendorMemory;
+MemoryWriter WriteQuintoraEEprom, WriteDescriptorMemory, WriteVendorMemory;
+
+// information.cpp: what the driver knows of its keyboards
+NTSTATUS GetKeyboardInfo(USHORT usPosition, PVOID pBuffer); // KeyboardInfo
+NTSTATUS ListKeyboards(PVOID pBuffer);                      // KeyboardList
+NTSTATUS GetLedFlags(ULONG ulDeviceIndex, PUSHORT pusLedFlags);
+NTSTATUS GetReservedStatus(ULONG ulDeviceIndex, PUCHAR pucStatus);
+NTSTATUS GetControlPipe(ULONG ulDeviceIndex, PULONG pulControlPipe);
+NTSTATUS SetReportCapture(UCHAR ucValue);
+
 // find.cpp: the device comes referenced; the caller gives it back with ReleaseDevice.
 NTSTATUS FindDeviceByIndex(ULONG ulDeviceIndex, PDEVICE_OBJECT* ppDevice);
 NTSTATUS FindDeviceByInterfaceName(PCWSTR pszName, PULONG pulDeviceIndex);
@@ -18,8 +41,8 @@ NTSTATUS ReleaseNotifyEvent(ULONG ulDeviceIndex);
 NTSTATUS RegisterMacroEvent(ULONGLONG hEvent, KPROCESSOR_MODE mode);
 NTSTATUS ReleaseMacroEvent();
 NTSTATUS ReleaseAllEvents();
-void ReleaseApplicationEvent(PDEVICE_OBJECT pControlDevice);
-bool SignalApplicationEvent(PDEVICE_OBJECT pControlDevice); // false: none registered
+void ReleaseApplicationEvent(PDEVICE_OBJECT pControlDevice); // at deletion: after pControlDevice was nulled
+bool SignalApplicationEvent(PDEVICE_OBJECT pControlDevice);  // false: none registered
 void SignalNotifyEvent(PDEVICE_OBJECT device);
 void SignalMacroEvent();
 void DropNotifyEvent(PDEVICE_OBJECT device); // at removal: whatever is registered for this keyboard

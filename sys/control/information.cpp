@@ -1,0 +1,98 @@
+// information.cpp - what the driver knows of its keyboards, read from their records; no hardware is touched.
+//
+// List positions and entries follow the walk of the keyboards, newest first, which is not the order of their
+// indexes. Runs in the application's thread.
+#include "control/control.h"
+
+// Copies up to and including the first 0; what follows it in the field is not written.
+static void CopyText(char16_t (&To)[PROPERTY_CHARS], const WCHAR (&From)[PROPERTY_CHARS])
+{
+    ULONG i = 0;
+    while (i < PROPERTY_CHARS - 1 && From[i] != 0) {
+        To[i] = From[i];
+        i++;
+    }
+    To[i] = 0;
+}
+
+static void DescribeKeyboard(const DeviceContext* pContext, KeyboardInfo* pInfo)
+{
+    pInfo->ulDeviceIndex = pContext->ulDeviceIndex;
+    CopyText(pInfo->HardwareId, pContext->HardwareId);
+    CopyText(pInfo->DeviceObjectName, pContext->PhysicalDeviceObjectName);
+    CopyText(pInfo->Description, pContext->DeviceDescription);
+    pInfo->Reserved[0] = 0;
+}
+
+// IRQL = PASSIVE. Fails: never; a position behind the last keyboard writes nothing.
+NTSTATUS GetKeyboardInfo(USHORT usPosition, PVOID pBuffer)
+{
+    ULONG ulPosition = 0;
+    for (PDEVICE_OBJECT device = FirstKeyboard(); device != nullptr; device = NextKeyboard(device)) {
+        if (ulPosition == usPosition) {
+            DescribeKeyboard(FilterContextOf(device), static_cast<KeyboardInfo*>(pBuffer));
+            ReleaseDevice(device);
+            break;
+        }
+        ulPosition++;
+    }
+    return STATUS_SUCCESS;
+}
+
+// Keyboards that the list has no room for are left out.
+// IRQL <= DISPATCH. Fails: never.
+NTSTATUS ListKeyboards(PVOID pBuffer)
+{
+    KeyboardList* pList = static_cast<KeyboardList*>(pBuffer);
+    RtlZeroMemory(pList, sizeof(*pList));
+    for (PDEVICE_OBJECT device = FirstKeyboard(); device != nullptr; device = NextKeyboard(device)) {
+        if (pList->usCount == ARRAYSIZE(pList->Entries)) {
+            ReleaseDevice(device);
+            break;
+        }
+        const DeviceContext* pContext = FilterContextOf(device);
+        pList->Entries[pList->usCount] = {pContext->ulDeviceIndex, ReadShared(pContext->ulControlPipe)};
+        pList->usCount++;
+    }
+    return STATUS_SUCCESS;
+}
+
+// Copies one field of a keyboard's record.
+// IRQL <= DISPATCH. Fails: unknown index, *pValue untouched.
+template <typename Value>
+static NTSTATUS ReadField(ULONG ulDeviceIndex, Value DeviceContext::*pField, Value* pValue)
+{
+    PDEVICE_OBJECT device;
+    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    *pValue = ReadShared(FilterContextOf(device)->*pField);
+    ReleaseDevice(device);
+    return STATUS_SUCCESS;
+}
+
+// The lock LEDs in the platform's indicator encoding.
+NTSTATUS GetLedFlags(ULONG ulDeviceIndex, PUSHORT pusLedFlags)
+{
+    return ReadField(ulDeviceIndex, &DeviceContext::usLedFlags, pusLedFlags);
+}
+
+NTSTATUS GetReservedStatus(ULONG ulDeviceIndex, PUCHAR pucStatus)
+{
+    return ReadField(ulDeviceIndex, &DeviceContext::ucReservedStatus, pucStatus);
+}
+
+NTSTATUS GetControlPipe(ULONG ulDeviceIndex, PULONG pulControlPipe)
+{
+    return ReadField(ulDeviceIndex, &DeviceContext::ulControlPipe, pulControlPipe);
+}
+
+// Any value is kept; the report road acts on 1.
+// IRQL <= DISPATCH. Lock: takes CaptureLock. Fails: never.
+NTSTATUS SetReportCapture(UCHAR ucValue)
+{
+    LockScope lock(Globals.CaptureLock);
+    WriteShared(Globals.ucReportCapture, ucValue);
+    return STATUS_SUCCESS;
+}

@@ -1,0 +1,97 @@
+// notifyqueue.cpp - one keyboard's events for the application, oldest first.
+//
+//   report road, timers ── Queue ──► NotifyQueue[1024] ── Get ──► the application's requests
+//                            ulNotifyWrite ▲       ▲ ulNotifyRead
+//
+// A ring under NotifyLock; equal positions mean empty or full, ulNotifyCount says which. A full ring drops
+// the new record. Lives and dies with the keyboard's record; no close empties it.
+#include "control/control.h"
+
+// The stamp of a record: wraps about every five days.
+// IRQL any.
+ULONG NotifyTime()
+{
+    LARGE_INTEGER now;
+    KeQuerySystemTime(&now);
+    return static_cast<ULONG>(now.QuadPart / 1000);
+}
+
+// IRQL <= DISPATCH. Lock: takes NotifyLock. Owns: copies the record. Fails: ring full.
+NTSTATUS QueueNotifyRecord(PDEVICE_OBJECT device, const NotifyRecord* pRecord)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    LockScope lock(pContext->NotifyLock);
+    if (pContext->ulNotifyCount >= NOTIFY_QUEUE_SIZE) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    pContext->NotifyQueue[pContext->ulNotifyWrite] = *pRecord;
+    pContext->ulNotifyCount++;
+    pContext->ulNotifyWrite = (pContext->ulNotifyWrite + 1) % NOTIFY_QUEUE_SIZE;
+    return STATUS_SUCCESS;
+}
+
+// The oldest record; ucRemove 1 takes it, any other value leaves it queued.
+// Lock: takes NotifyLock. Fails: empty, *pRecord untouched.
+static NTSTATUS GetRecordOf(DeviceContext* pContext, NotifyRecord* pRecord, UCHAR ucRemove)
+{
+    LockScope lock(pContext->NotifyLock);
+    if (pContext->ulNotifyCount == 0) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    *pRecord = pContext->NotifyQueue[pContext->ulNotifyRead];
+    if (ucRemove == 1) {
+        pContext->ulNotifyCount--;
+        pContext->ulNotifyRead = (pContext->ulNotifyRead + 1) % NOTIFY_QUEUE_SIZE;
+    }
+    return STATUS_SUCCESS;
+}
+
+// IRQL <= DISPATCH. Lock: takes NotifyLock. Fails: unknown index, empty; *pRecord untouched.
+NTSTATUS GetNotifyRecord(ULONG ulDeviceIndex, NotifyRecord* pRecord, UCHAR ucRemove)
+{
+    PDEVICE_OBJECT device;
+    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    status = GetRecordOf(FilterContextOf(device), pRecord, ucRemove);
+    ReleaseDevice(device);
+    return status;
+}
+
+// IRQL <= DISPATCH. Lock: takes NotifyLock. Fails: unknown index.
+NTSTATUS GetNotifyCount(ULONG ulDeviceIndex, PULONG pulCount)
+{
+    PDEVICE_OBJECT device;
+    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    DeviceContext* pContext = FilterContextOf(device);
+    {
+        LockScope lock(pContext->NotifyLock);
+        *pulCount = pContext->ulNotifyCount;
+    }
+    ReleaseDevice(device);
+    return STATUS_SUCCESS;
+}
+
+// IRQL <= DISPATCH. Lock: takes NotifyLock. Fails: unknown index.
+NTSTATUS ClearNotifyQueue(ULONG ulDeviceIndex)
+{
+    PDEVICE_OBJECT device;
+    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    DeviceContext* pContext = FilterContextOf(device);
+    {
+        LockScope lock(pContext->NotifyLock);
+        RtlZeroMemory(pContext->NotifyQueue, sizeof(pContext->NotifyQueue));
+        pContext->ulNotifyWrite = 0;
+        pContext->ulNotifyRead = 0;
+        pContext->ulNotifyCount = 0;
+    }
+    ReleaseDevice(device);
+    return STATUS_SUCCESS;
+}

@@ -1,0 +1,41 @@
+// processing.cpp - the application's switch: are a keyboard's reports analysed?
+//
+// One byte a keyboard, changed at PASSIVE_LEVEL and read once a report on the report road. Two requests for
+// the same change at once: one makes it, the other fails.
+#include "control/control.h"
+
+// Fails: unknown index, the switch is there already.
+static NTSTATUS SwitchReportProcessing(ULONG ulDeviceIndex, UCHAR ucOn)
+{
+    PDEVICE_OBJECT device;
+    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    UCHAR ucBefore = ExchangeShared(FilterContextOf(device)->ucReportProcessing, ucOn);
+    ReleaseDevice(device);
+    return ucBefore != ucOn ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
+}
+
+// IRQL <= DISPATCH. Fails: unknown index, already on.
+NTSTATUS StartReportProcessing(ULONG ulDeviceIndex)
+{
+    return SwitchReportProcessing(ulDeviceIndex, 1);
+}
+
+// IRQL <= DISPATCH. Fails: unknown index, already off.
+NTSTATUS StopReportProcessing(ULONG ulDeviceIndex)
+{
+    return SwitchReportProcessing(ulDeviceIndex, 0);
+}
+
+// At the last close.
+// IRQL <= DISPATCH. Fails: the keyboards' statuses ORed, so one that was off counts.
+NTSTATUS StopAllReportProcessing()
+{
+    NTSTATUS status = STATUS_SUCCESS;
+    for (PDEVICE_OBJECT device = FirstKeyboard(); device != nullptr; device = NextKeyboard(device)) {
+        status |= StopReportProcessing(FilterContextOf(device)->ulDeviceIndex);
+    }
+    return status;
+}
