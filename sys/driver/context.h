@@ -229,10 +229,10 @@ struct DriverGlobals {
     UNICODE_STRING ParametersPath;
     ULONG ulNextDeviceIndex;            // (p)
     UCHAR ucRefuseAttach;               // (p)
-    USHORT usStartedKeyboards;          // (p)
+    USHORT usStartedKeyboards;          // KeyboardListLock
     SpinLock KeyboardListLock;
     PDEVICE_OBJECT pFirstKeyboard GUARDED_BY(KeyboardListLock); // newest first
-    PDEVICE_OBJECT pControlDevice;      // (x) written under ControlDeviceMutex
+    PDEVICE_OBJECT pControlDevice;      // (x) written under ControlDeviceMutex and KeyboardListLock
     USHORT usKeyboardCount;             // (x) written in Plug and Play
     USHORT usOpenCount;                 // ControlDeviceMutex
     KMUTEX ControlDeviceMutex;          // creation, deletion, open and close: one after the other
@@ -280,6 +280,7 @@ struct DriverGlobals {
     UCHAR ucLogEventPending;            // (x)
     UCHAR ucLogStop;                    // (x) the drain shall end
     UCHAR ucLogCut;                     // LogLock: text was cut or dropped since the last drain
+    KEVENT LogEnded;                    // notification: the drain is through
     PVOID pLogThread;                   // referenced thread object of the drain
 
     // Siblings.

@@ -13,6 +13,9 @@ using DispatchRoutine = NTSTATUS(PDEVICE_OBJECT pDevice, PIRP pIrp);
 // entry.cpp
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistryPath);
 
+// memory.cpp
+PVOID AllocateZeroed(POOL_TYPE poolType, SIZE_T ulBytes); // POOL_TAG; null when there is none
+
 // parameters.cpp
 NTSTATUS QueryDriverParameters(PUNICODE_STRING pRegistryPath);
 NTSTATUS BuildParametersPath(PUNICODE_STRING pRegistryPath, POOL_TYPE poolType, PUNICODE_STRING pPath);
@@ -41,6 +44,8 @@ DispatchRoutine DispatchPassThrough;
 DispatchRoutine DispatchRead;
 DispatchRoutine DispatchPower;
 NTSTATUS CompleteRequest(PIRP pIrp, NTSTATUS status, ULONG_PTR ulInformation);
+NTSTATUS ForwardRequest(DeviceContext* pContext, PIRP pIrp); // the caller holds the device
+NTSTATUS ForwardAndWait(DeviceContext* pContext, PIRP pIrp); // PASSIVE; the request comes back to the caller
 
 // pnp.cpp
 DispatchRoutine DispatchPnp; // PASSIVE

@@ -1,0 +1,222 @@
+// controldevice.cpp - the device that applications open, and each keyboard's device interface.
+//
+// The control device exists while at least one keyboard is counted: the start that finds none creates it,
+// the removal that finds one deletes it. With it live the registrations for the sibling drivers' arrivals.
+//
+//   pControlDevice   changed under ControlDeviceMutex and KeyboardListLock, so that ReferenceControlDevice
+//                    needs the spin lock only
+//
+// Runs at PASSIVE_LEVEL in Plug and Play threads. ControlDeviceMutex makes creation, deletion, open and close
+// come one after the other. Applications cannot open the device before its initialising flag is cleared.
+#include "driver/driver.h"
+
+#include "control/control.h"
+#include "siblings/siblings.h"
+
+static const GUID KeyboardInterfaceClass = {
+    0x3B7E91C4, 0x5A2D, 0x4F60, {0x9C, 0x1E, 0x7D, 0x84, 0xA2, 0xF0, 0xB6, 0x13}};
+static const GUID Ps2KeyboardClass = {
+    0x8E4A2D17, 0xC3B9, 0x4E52, {0xA7, 0xF1, 0x0B, 0x96, 0xD5, 0xE3, 0xC2, 0x84}};
+static const GUID Ps2MouseClass = {
+    0x5C19E7A3, 0x62F4, 0x4B8D, {0x9E, 0x07, 0xA1, 0xC3, 0xF8, 0x5D, 0x2B, 0x96}};
+static const GUID UsbMouseClass = {
+    0xE7D3B846, 0x1F2A, 0x4C95, {0xB6, 0xE8, 0x3A, 0x5C, 0x07, 0xF9, 0x1D, 0x42}};
+
+static const WCHAR ControlDeviceName[] = L"\\Device\\TvUSB_COMM";
+static const WCHAR ControlLinkName[] = L"\\DosDevices\\TvUSB";
+
+// IRQL = PASSIVE. Lock: takes KeyboardListLock.
+static void SetControlDevice(PDEVICE_OBJECT pControlDevice)
+{
+    LockScope lock(Globals.KeyboardListLock);
+    WriteShared(Globals.pControlDevice, pControlDevice);
+}
+
+// IRQL <= DISPATCH. Lock: takes KeyboardListLock. Owns: one reference, null when there is no control device.
+PDEVICE_OBJECT ReferenceControlDevice()
+{
+    IRQL_AT_MOST(DISPATCH_LEVEL);
+    LockScope lock(Globals.KeyboardListLock);
+    PDEVICE_OBJECT pControlDevice = ReadShared(Globals.pControlDevice);
+    if (pControlDevice != nullptr) {
+        ObReferenceObject(pControlDevice);
+    }
+    return pControlDevice;
+}
+
+// A registration that fails leaves the handle null: the arrivals of that class stay unseen, no more.
+// IRQL = PASSIVE.
+static void RegisterArrival(SiblingLink* pLink, const GUID& interfaceClass,
+                            PDRIVER_NOTIFICATION_CALLBACK_ROUTINE pCallback, PDEVICE_OBJECT pFilterDevice)
+{
+    PVOID hNotification = nullptr;
+    const NTSTATUS status = IoRegisterPlugPlayNotification(
+        EventCategoryDeviceInterfaceChange, PNPNOTIFY_DEVICE_INTERFACE_INCLUDE_EXISTING_INTERFACES,
+        const_cast<GUID*>(&interfaceClass), Globals.pDriverObject, pCallback, pFilterDevice, &hNotification);
+    pLink->hInterfaceNotification = NT_SUCCESS(status) ? hNotification : nullptr;
+}
+
+// IRQL = PASSIVE.
+static void UnregisterArrival(SiblingLink* pLink)
+{
+    if (pLink->hInterfaceNotification != nullptr) {
+        IoUnregisterPlugPlayNotification(pLink->hInterfaceNotification);
+        pLink->hInterfaceNotification = nullptr;
+    }
+}
+
+// The named device, open to those it is meant for only, and its link.
+// IRQL = PASSIVE, under ControlDeviceMutex. Fails: name or link taken, no memory; nothing is left.
+static NTSTATUS CreateNamedDevice(PDEVICE_OBJECT* ppControlDevice)
+{
+    UNICODE_STRING deviceName;
+    UNICODE_STRING linkName;
+    RtlInitUnicodeString(&deviceName, ControlDeviceName);
+    RtlInitUnicodeString(&linkName, ControlLinkName);
+
+    NTSTATUS status = IoCreateDevice(Globals.pDriverObject, sizeof(ControlContext), &deviceName,
+                                     FILE_DEVICE_UNKNOWN, FILE_DEVICE_SECURE_OPEN, FALSE, ppControlDevice);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    status = IoCreateSymbolicLink(&linkName, &deviceName);
+    if (!NT_SUCCESS(status)) {
+        IoDeleteDevice(*ppControlDevice);
+        *ppControlDevice = nullptr;
+    }
+    return status;
+}
+
+// The initialising flag is cleared last, so no open meets a half-made record.
+// IRQL = PASSIVE, under ControlDeviceMutex. Fails: as CreateNamedDevice.
+static NTSTATUS BuildControlDevice(PDEVICE_OBJECT pFilterDevice)
+{
+    PDEVICE_OBJECT pControlDevice = nullptr;
+    const NTSTATUS status = CreateNamedDevice(&pControlDevice);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    ControlContext* pControl = static_cast<ControlContext*>(pControlDevice->DeviceExtension);
+    pControlDevice->Flags |= DO_BUFFERED_IO;
+    RtlZeroMemory(pControl, sizeof(*pControl));
+    KeInitializeEvent(&pControl->ClosedEvent, NotificationEvent, FALSE);
+    WriteShared(pControl->ulDeviceKind, CONTROL_DEVICE_KIND);
+    SetControlDevice(pControlDevice);
+
+    RegisterArrival(&pControl->Ps2Keyboard, Ps2KeyboardClass, Ps2KeyboardArrival, pFilterDevice);
+    RegisterArrival(&pControl->Ps2Mouse, Ps2MouseClass, Ps2MouseArrival, pFilterDevice);
+    RegisterArrival(&pControl->UsbMouse, UsbMouseClass, UsbMouseArrival, pFilterDevice);
+    pControlDevice->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
+    return STATUS_SUCCESS;
+}
+
+// The event that an application registered goes with the device that held it, even if its handle is still
+// open. IRQL = PASSIVE, under ControlDeviceMutex.
+static void TearDownControlDevice(PDEVICE_OBJECT pControlDevice)
+{
+    ControlContext* pControl = ControlContextOf(pControlDevice);
+    UNICODE_STRING linkName;
+    UnregisterArrival(&pControl->Ps2Keyboard);
+    UnregisterArrival(&pControl->Ps2Mouse);
+    UnregisterArrival(&pControl->UsbMouse);
+    ReleaseAllEvents();
+
+    RtlInitUnicodeString(&linkName, ControlLinkName);
+    IoDeleteSymbolicLink(&linkName);
+    SetControlDevice(nullptr);
+    ReleaseApplicationEvent(pControlDevice);
+    IoDeleteDevice(pControlDevice);
+}
+
+// Registered once in the keyboard's life, however often it is started.
+// IRQL = PASSIVE. Lock: takes InterfaceLock. Owns: the link name until WithdrawInterface.
+static NTSTATUS PublishInterface(DeviceContext* pContext)
+{
+    if (pContext->ucInterfaceRegistered == 0) {
+        UNICODE_STRING linkName;
+        const NTSTATUS status =
+            IoRegisterDeviceInterface(pContext->pPhysicalDevice, &KeyboardInterfaceClass, nullptr, &linkName);
+        if (!NT_SUCCESS(status)) {
+            return status;
+        }
+        LockScope lock(pContext->InterfaceLock);
+        pContext->InterfaceLinkName = linkName;
+        pContext->ucInterfaceRegistered = 1;
+    }
+    IoSetDeviceInterfaceState(&pContext->InterfaceLinkName, TRUE);
+    return STATUS_SUCCESS;
+}
+
+// IRQL = PASSIVE. Lock: takes InterfaceLock.
+static void WithdrawInterface(DeviceContext* pContext)
+{
+    UNICODE_STRING linkName;
+    if (pContext->ucInterfaceRegistered != 1) {
+        return;
+    }
+    IoSetDeviceInterfaceState(&pContext->InterfaceLinkName, FALSE);
+    {
+        LockScope lock(pContext->InterfaceLock);
+        linkName = pContext->InterfaceLinkName;
+        RtlZeroMemory(&pContext->InterfaceLinkName, sizeof(pContext->InterfaceLinkName));
+        pContext->ucInterfaceRegistered = 0;
+    }
+    RtlFreeUnicodeString(&linkName);
+}
+
+// The first of the keyboards makes the control device; each is counted once and gets its interface.
+// IRQL = PASSIVE. Lock: takes ControlDeviceMutex. Fails: no control device (the keyboard is not counted), or
+// no interface.
+NTSTATUS CreateControlDevice(PDEVICE_OBJECT pFilterDevice)
+{
+    IRQL_AT_MOST(PASSIVE_LEVEL);
+    DeviceContext* pContext = FilterContextOf(pFilterDevice);
+    NTSTATUS status = STATUS_SUCCESS;
+    UCHAR ucUnused;
+
+    KeWaitForSingleObject(&Globals.ControlDeviceMutex, Executive, KernelMode, FALSE, nullptr);
+    if (Globals.usKeyboardCount == 0) {
+        status = BuildControlDevice(pFilterDevice);
+    }
+    if (NT_SUCCESS(status) && pContext->ucKeyboardCounted == 0) {
+        pContext->ucKeyboardCounted = 1;
+        WriteShared(Globals.usKeyboardCount, Globals.usKeyboardCount + 1);
+    }
+    KeReleaseMutex(&Globals.ControlDeviceMutex, FALSE);
+
+    if (!NT_SUCCESS(status)) {
+        UpdateErrorCount(ErrorCountLeave, &ucUnused);
+        return status;
+    }
+    return PublishInterface(pContext);
+}
+
+// The last of the counted keyboards takes the control device along.
+// IRQL = PASSIVE. Lock: takes ControlDeviceMutex.
+void DeleteControlDevice(PDEVICE_OBJECT pFilterDevice)
+{
+    IRQL_AT_MOST(PASSIVE_LEVEL);
+    DeviceContext* pContext = FilterContextOf(pFilterDevice);
+    WithdrawInterface(pContext);
+    if (pContext->ucKeyboardCounted == 0) {
+        return;
+    }
+    KeWaitForSingleObject(&Globals.ControlDeviceMutex, Executive, KernelMode, FALSE, nullptr);
+    if (Globals.usKeyboardCount == 1 && Globals.pControlDevice != nullptr) {
+        TearDownControlDevice(Globals.pControlDevice);
+    }
+    pContext->ucKeyboardCounted = 0;
+    WriteShared(Globals.usKeyboardCount, Globals.usKeyboardCount - 1);
+    KeReleaseMutex(&Globals.ControlDeviceMutex, FALSE);
+}
+
+// The control device has no relations to tell; every other minor function succeeds.
+// IRQL = PASSIVE.
+NTSTATUS DispatchControlPnp(PDEVICE_OBJECT pDevice, PIRP pIrp)
+{
+    IRQL_AT_MOST(PASSIVE_LEVEL);
+    if (IoGetCurrentIrpStackLocation(pIrp)->MinorFunction == IRP_MN_QUERY_DEVICE_RELATIONS) {
+        return CompleteRequest(pIrp, STATUS_NOT_IMPLEMENTED, 0);
+    }
+    return DispatchPassThrough(pDevice, pIrp);
+}

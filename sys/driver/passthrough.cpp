@@ -1,0 +1,93 @@
+// passthrough.cpp - the road of every request that nobody here has business with.
+//
+// In:  a request to the control device or to a filter device.
+// Out: the control device completes it with success; a filter device hands it to the device below.
+// Runs in whatever context the request arrives in, up to DISPATCH_LEVEL. A filter device is referenced
+// while a request passes, so that removal does not pull it away.
+#include "driver/driver.h"
+
+// IRQL <= DISPATCH. Owns: gives the request up. Fails: with the status it was completed with.
+NTSTATUS CompleteRequest(PIRP pIrp, NTSTATUS status, ULONG_PTR ulInformation)
+{
+    pIrp->IoStatus.Status = status;
+    pIrp->IoStatus.Information = ulInformation;
+    IoCompleteRequest(pIrp, IO_NO_INCREMENT);
+    return status;
+}
+
+// Hands a request on as it is. The caller holds the device.
+// IRQL <= DISPATCH. Owns: gives the request up. Fails: nothing below, or as the device below says.
+NTSTATUS ForwardRequest(DeviceContext* pContext, PIRP pIrp)
+{
+    if (pContext->pLowerDevice == nullptr) {
+        return CompleteRequest(pIrp, STATUS_UNSUCCESSFUL, 0);
+    }
+    IoSkipCurrentIrpStackLocation(pIrp);
+    return IoCallDriver(pContext->pLowerDevice, pIrp);
+}
+
+static NTSTATUS NTAPI SignalForwarded(PDEVICE_OBJECT, PIRP, PVOID pEvent)
+{
+    KeSetEvent(static_cast<PKEVENT>(pEvent), IO_NO_INCREMENT, FALSE);
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+// Sends a request down and waits until the drivers below are done with it; it comes back to the caller, who
+// completes it. The caller holds the device, which has a lower one.
+// IRQL = PASSIVE. Owns: the request stays the caller's. Fails: with the lower driver's final status.
+NTSTATUS ForwardAndWait(DeviceContext* pContext, PIRP pIrp)
+{
+    KEVENT done;
+    KeInitializeEvent(&done, NotificationEvent, FALSE);
+    IoCopyCurrentIrpStackLocationToNext(pIrp);
+    IoSetCompletionRoutine(pIrp, SignalForwarded, &done, TRUE, TRUE, TRUE);
+    if (IoCallDriver(pContext->pLowerDevice, pIrp) == STATUS_PENDING) {
+        KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
+    }
+    return pIrp->IoStatus.Status;
+}
+
+// IRQL <= DISPATCH. Fails: the device is being removed, or as the device below says.
+NTSTATUS DispatchPassThrough(PDEVICE_OBJECT pDevice, PIRP pIrp)
+{
+    IRQL_AT_MOST(DISPATCH_LEVEL);
+    if (ControlContextOf(pDevice) != nullptr) {
+        return CompleteRequest(pIrp, STATUS_SUCCESS, 0);
+    }
+    if (!AcquireDevice(pDevice)) {
+        return CompleteRequest(pIrp, STATUS_DELETE_PENDING, 0);
+    }
+    const NTSTATUS status = ForwardRequest(FilterContextOf(pDevice), pIrp);
+    ReleaseDevice(pDevice);
+    return status;
+}
+
+// IRQL <= DISPATCH.
+NTSTATUS DispatchRead(PDEVICE_OBJECT pDevice, PIRP pIrp)
+{
+    return DispatchPassThrough(pDevice, pIrp);
+}
+
+// Power requests are released one after the other to those below, completed here or not.
+// IRQL <= DISPATCH. Fails: the device is being removed, nothing below, or as the device below says.
+NTSTATUS DispatchPower(PDEVICE_OBJECT pDevice, PIRP pIrp)
+{
+    IRQL_AT_MOST(DISPATCH_LEVEL);
+    if (ControlContextOf(pDevice) != nullptr) {
+        return CompleteRequest(pIrp, STATUS_SUCCESS, 0);
+    }
+    PoStartNextPowerIrp(pIrp);
+    if (!AcquireDevice(pDevice)) {
+        return CompleteRequest(pIrp, STATUS_DELETE_PENDING, 0);
+    }
+    NTSTATUS status;
+    PDEVICE_OBJECT pLower = FilterContextOf(pDevice)->pLowerDevice;
+    if (pLower != nullptr) {
+        IoSkipCurrentIrpStackLocation(pIrp);
+        status = PoCallDriver(pLower, pIrp);
+    } else {
+        status = CompleteRequest(pIrp, STATUS_UNSUCCESSFUL, 0);
+    }
+    ReleaseDevice(pDevice);
+    return status;
+}

@@ -1,0 +1,34 @@
+// unload.cpp - the end of the driver: what driver entry took is given back.
+//
+// Runs at PASSIVE_LEVEL after the last device object is gone.
+#include "driver/driver.h"
+
+#include "log/log.h"
+#include "macro/macro.h"
+
+// IRQL = PASSIVE.
+static void FreeString(PUNICODE_STRING pString)
+{
+    if (pString->Buffer != nullptr) {
+        ExFreePoolWithTag(pString->Buffer, POOL_TAG);
+    }
+    RtlZeroMemory(pString, sizeof(*pString));
+}
+
+// IRQL = PASSIVE, nobody else runs in the driver.
+void FreeDriverMemory()
+{
+    FreeString(&Settings.LogFileName);
+    FreeString(&Globals.RegistryPathCopy);
+    FreeString(&Globals.ParametersPath);
+    FreeMacroTable();
+}
+
+// The log goes first: its last lines still need the file's name.
+// IRQL = PASSIVE.
+void UnloadDriver(PDRIVER_OBJECT)
+{
+    IRQL_AT_MOST(PASSIVE_LEVEL);
+    StopLog();
+    FreeDriverMemory();
+}

@@ -1,0 +1,162 @@
+// drain.cpp - the reader's side of the log: the text goes to the file, the buffer is emptied.
+//
+//   LogWrite ── LogEvent ──▶ drain thread ── WriteLogFile ──▶ file
+//      └─ LogDpc ──┘              └─ takes what was written off the buffer's front
+//
+// Writers only ever append, so the drain reads the text that was there without the lock, and takes it off
+// under the lock once it is in the file. A file that cannot be written (early in the start of the system)
+// leaves the text where it is until the next signal. The thread writes what is left before it ends.
+// A system thread at PASSIVE_LEVEL.
+#include "driver/driver.h"
+
+#include "log/file.h"
+#include "log/log.h"
+#include "log/text.h"
+
+static KDEFERRED_ROUTINE LogDpcRoutine;
+static KSTART_ROUTINE DrainThread;
+
+// A message came above DISPATCH_LEVEL.
+// IRQL = DISPATCH.
+static void NTAPI LogDpcRoutine(PKDPC, PVOID, PVOID, PVOID)
+{
+    WriteShared(Globals.ucLogDpcPending, 0);
+    KeSetEvent(&Globals.LogEvent, IO_NO_INCREMENT, FALSE);
+    WriteShared(Globals.ucLogEventPending, 1);
+}
+
+// IRQL = PASSIVE, once at driver entry.
+void InitializeLog()
+{
+    KeInitializeSpinLock(&Globals.LogLock);
+    KeInitializeDpc(&Globals.LogDpc, LogDpcRoutine, nullptr);
+    KeInitializeEvent(&Globals.LogEvent, SynchronizationEvent, FALSE);
+    KeInitializeEvent(&Globals.LogEnded, NotificationEvent, FALSE);
+}
+
+// What is to be written now, and whether text was lost behind it.
+// IRQL = PASSIVE. Lock: takes LogLock.
+static ULONG MeasureText(PUCHAR pucCut)
+{
+    LogScope scope;
+    *pucCut = Globals.ucLogCut;
+    return LogTextLength(Globals.pLogBuffer);
+}
+
+// Takes the written text off; a mark is settled only by the text that ended at it.
+// IRQL = PASSIVE. Lock: takes LogLock.
+static void TakeText(ULONG ulLength, UCHAR ucCut)
+{
+    LogScope scope;
+    char* pszRest = Globals.pLogBuffer + ulLength;
+    RtlMoveMemory(Globals.pLogBuffer, pszRest, LogTextLength(pszRest) + 1);
+    if (ucCut != 0) {
+        Globals.ucLogCut = 0;
+    }
+}
+
+// IRQL = PASSIVE. Fails: the file refuses; what was not written stays.
+static NTSTATUS DrainOnce()
+{
+    UCHAR ucCut = 0;
+    ULONG ulWritten = 0;
+    const ULONG ulLength = MeasureText(&ucCut);
+    if (ulLength == 0 && ucCut == 0) {
+        return STATUS_SUCCESS;
+    }
+    const NTSTATUS status = WriteLogFile(Globals.pLogBuffer, ulLength, ucCut, &ulWritten);
+    TakeText(ulWritten, NT_SUCCESS(status) ? ucCut : 0);
+    return status;
+}
+
+// IRQL = PASSIVE.
+static void NTAPI DrainThread(PVOID)
+{
+    bool bStop = false;
+    while (!bStop) {
+        KeWaitForSingleObject(&Globals.LogEvent, Executive, KernelMode, FALSE, nullptr);
+        WriteShared(Globals.ucLogEventPending, 0);
+        bStop = ReadShared(Globals.ucLogStop) != 0;
+        DrainOnce(); // a failure is tried again at the next signal
+    }
+    KeSetEvent(&Globals.LogEnded, IO_NO_INCREMENT, FALSE);
+    PsTerminateSystemThread(STATUS_SUCCESS);
+}
+
+// Ends the drain, which writes what is left first, and takes the buffer from the writers.
+// IRQL = PASSIVE, nobody writes any more.
+static void EndDrain()
+{
+    WriteShared(Globals.ucLogStop, 1);
+    KeSetEvent(&Globals.LogEvent, IO_NO_INCREMENT, FALSE);
+    KeWaitForSingleObject(&Globals.LogEnded, Executive, KernelMode, FALSE, nullptr);
+    if (Globals.pLogThread != nullptr) {
+        KeWaitForSingleObject(Globals.pLogThread, Executive, KernelMode, FALSE, nullptr);
+        ObDereferenceObject(Globals.pLogThread);
+        Globals.pLogThread = nullptr;
+    }
+}
+
+// IRQL = PASSIVE.
+static void FreeLogBuffer()
+{
+    char* pBuffer = ExchangeShared(Globals.pLogBuffer, static_cast<char*>(nullptr));
+    if (pBuffer != nullptr) {
+        ExFreePoolWithTag(pBuffer, POOL_TAG);
+    }
+}
+
+// The thread object is held, so that StopLog can wait until the last instruction of the drain is through.
+// IRQL = PASSIVE. Owns: the thread until EndDrain. Fails: no thread, no reference; no thread runs then.
+static NTSTATUS StartDrain()
+{
+    HANDLE hThread = nullptr;
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, nullptr, OBJ_KERNEL_HANDLE, nullptr, nullptr);
+    NTSTATUS status = PsCreateSystemThread(&hThread, THREAD_ALL_ACCESS, &attributes, nullptr, nullptr,
+                                           DrainThread, nullptr);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    status = ObReferenceObjectByHandle(hThread, THREAD_ALL_ACCESS, nullptr, KernelMode, &Globals.pLogThread,
+                                       nullptr);
+    ZwClose(hThread);
+    if (!NT_SUCCESS(status)) {
+        Globals.pLogThread = nullptr;
+        EndDrain();
+    }
+    return status;
+}
+
+// Without a log file name there is no log and nothing to start.
+// IRQL = PASSIVE, once. Owns: buffer and thread until StopLog. Fails: no memory, no thread; the log stays
+// off.
+NTSTATUS StartLog()
+{
+    IRQL_AT_MOST(PASSIVE_LEVEL);
+    if (Settings.LogFileName.Length == 0) {
+        return STATUS_SUCCESS;
+    }
+    char* pBuffer = static_cast<char*>(AllocateZeroed(NonPagedPoolNx, LOG_BUFFER_BYTES));
+    if (pBuffer == nullptr) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    WriteShared(Globals.pLogBuffer, pBuffer);
+    const NTSTATUS status = StartDrain();
+    if (!NT_SUCCESS(status)) {
+        FreeLogBuffer();
+    }
+    return status;
+}
+
+// IRQL = PASSIVE, nobody writes any more. Lock: takes LogLock.
+void StopLog()
+{
+    IRQL_AT_MOST(PASSIVE_LEVEL);
+    if (Globals.pLogThread != nullptr) {
+        KeRemoveQueueDpc(&Globals.LogDpc);
+        KeFlushQueuedDpcs();
+        EndDrain();
+    }
+    FreeLogBuffer();
+}

@@ -1,0 +1,196 @@
+// log.cpp - the writer's side of the driver's text log.
+//
+//   LogPrintf, LogHexDump ── format on the stack ──▶ LogWrite ── append ──▶ pLogBuffer ── signal ──▶ drain
+//
+// pLogBuffer holds one NUL-terminated text of at most 40,949 characters; ten bytes stay in reserve. Each call
+// that finds room adds one line: time, message, CR LF. What finds no room is cut or dropped and leaves a mark
+// from which the drain makes its OVERFLOW line.
+// Any routine, any level. Nothing is formatted for a message that would not be kept, and the formatting
+// buffers lie in frames of their own, so that a caller's frame stays small while the log is off.
+#include "log/log.h"
+
+#include "driver/context.h"
+#include "driver/shared.h"
+#include "log/text.h"
+
+enum : ULONG {
+    MESSAGE_BYTES = 2048,
+    DUMP_LINE_BYTES = 160,
+    DUMP_GROUP = 16,
+    LOG_FULL = LOG_BUFFER_BYTES - LOG_RESERVE_BYTES,
+    ONLY_LEVEL = 10, // this log level lets only messages of the same level pass
+};
+
+LogScope::LogScope() : OldIrql(KeGetCurrentIrql())
+{
+    if (OldIrql < DISPATCH_LEVEL) {
+        KeRaiseIrql(DISPATCH_LEVEL, &OldIrql);
+    }
+    if (OldIrql <= DISPATCH_LEVEL) {
+        KeAcquireSpinLockAtDpcLevel(&Globals.LogLock);
+    }
+}
+
+LogScope::~LogScope()
+{
+    if (OldIrql <= DISPATCH_LEVEL) {
+        KeReleaseSpinLockFromDpcLevel(&Globals.LogLock);
+    }
+    if (OldIrql < DISPATCH_LEVEL) {
+        KeLowerIrql(OldIrql);
+    }
+}
+
+// There is a buffer, a file name, and the level passes.
+// IRQL any.
+static bool IsLevelKept(UCHAR ucLevel)
+{
+    const WCHAR* pName = Settings.LogFileName.Buffer;
+    return ReadShared(Globals.pLogBuffer) != nullptr && pName != nullptr && pName[0] != UNICODE_NULL &&
+           ucLevel <= (Settings.ulLogLevel & 0xFF);
+}
+
+// IRQL any.
+bool IsLogOn(UCHAR ucLevel)
+{
+    return IsLevelKept(ucLevel) && (Settings.ulLogLevel != ONLY_LEVEL || ucLevel == ONLY_LEVEL);
+}
+
+// The time as a line's head. Returns the text's new length.
+// IRQL = DISPATCH or above, under LogLock. Fails: the end is cut; the mark is set.
+static ULONG AppendTime(char* pszLog, ULONG ulLength)
+{
+    LARGE_INTEGER now;
+    TIME_FIELDS time;
+    KeQuerySystemTime(&now);
+    RtlTimeToTimeFields(&now, &time);
+    const NTSTATUS status = LogFormat(
+        pszLog + ulLength, LOG_FULL - ulLength, "%02u/%02u/%04u %02u:%02u:%02u:%03u -- ",
+        static_cast<unsigned>(time.Day), static_cast<unsigned>(time.Month), static_cast<unsigned>(time.Year),
+        static_cast<unsigned>(time.Hour), static_cast<unsigned>(time.Minute),
+        static_cast<unsigned>(time.Second), static_cast<unsigned>(time.Milliseconds));
+    if (status != STATUS_SUCCESS) {
+        Globals.ucLogCut = 1;
+    }
+    return ulLength + LogTextLength(pszLog + ulLength);
+}
+
+// Returns the text's new length.
+// IRQL = DISPATCH or above, under LogLock. Fails: the end is cut; the mark is set.
+static ULONG AppendText(char* pszLog, ULONG ulLength, const char* pszText)
+{
+    while (*pszText != '\0' && ulLength < LOG_FULL - 1) {
+        pszLog[ulLength++] = *pszText++;
+    }
+    pszLog[ulLength] = '\0';
+    if (*pszText != '\0') {
+        Globals.ucLogCut = 1;
+    }
+    return ulLength;
+}
+
+// IRQL any. Lock: takes LogLock. Fails: a full text drops the line; the mark is set.
+static void AppendLine(char* pszLog, UCHAR ucTimestamp, const char* pszText)
+{
+    LogScope scope;
+    ULONG ulLength = LogTextLength(pszLog);
+    if (ulLength >= LOG_FULL) {
+        Globals.ucLogCut = 1;
+        return;
+    }
+    if (ucTimestamp == 1) {
+        ulLength = AppendTime(pszLog, ulLength);
+    }
+    ulLength = AppendText(pszLog, ulLength, pszText);
+    AppendText(pszLog, ulLength, "\r\n");
+}
+
+// Above DISPATCH_LEVEL an event cannot be set; the deferred call does it.
+// IRQL any.
+static void SignalDrain()
+{
+    if (KeGetCurrentIrql() > DISPATCH_LEVEL) {
+        WriteShared(Globals.ucLogDpcPending, 1);
+        KeInsertQueueDpc(&Globals.LogDpc, nullptr, nullptr);
+    } else {
+        KeSetEvent(&Globals.LogEvent, IO_NO_INCREMENT, FALSE);
+        WriteShared(Globals.ucLogEventPending, 1);
+    }
+}
+
+// Adds one line and signals the drain, room or no room.
+// IRQL any. Lock: takes LogLock. Fails: never; a full buffer drops the text.
+void LogWrite(UCHAR ucLevel, ULONG, UCHAR ucTimestamp, const char* pszText)
+{
+    if (!IsLevelKept(ucLevel)) {
+        return;
+    }
+    AppendLine(ReadShared(Globals.pLogBuffer), ucTimestamp, pszText);
+    SignalDrain();
+}
+
+// IRQL any. Lock: takes LogLock.
+__attribute__((noinline)) static void FormatAndWrite(UCHAR ucLevel, UCHAR ucTimestamp, const char* pszFormat,
+                                                     va_list arguments)
+{
+    char szMessage[MESSAGE_BYTES];
+    RtlZeroMemory(szMessage, sizeof(szMessage)); // a failed conversion leaves a gap
+    LogFormatArguments(szMessage, sizeof(szMessage), pszFormat, arguments);
+    LogWrite(ucLevel, 0, ucTimestamp, szMessage);
+}
+
+// At most 2,047 characters of the message are kept.
+// IRQL any. Lock: takes LogLock. Fails: never.
+void LogPrintf(UCHAR ucLevel, UCHAR ucTimestamp, const char* pszFormat, ...)
+{
+    if (pszFormat == nullptr || !IsLogOn(ucLevel)) {
+        return;
+    }
+    va_list arguments;
+    va_start(arguments, pszFormat);
+    FormatAndWrite(ucLevel, ucTimestamp, pszFormat, arguments);
+    va_end(arguments);
+}
+
+// One line of at most 16 bytes under its title and range.
+// IRQL any. Lock: takes LogLock.
+__attribute__((noinline)) static void DumpGroup(const char* pszTitle, ULONG ulFirst, ULONG ulCount,
+                                                const UCHAR* pBuf)
+{
+    static const char Digits[] = "0123456789abcdef";
+    char szLine[DUMP_LINE_BYTES];
+    char* pszEnd = szLine;
+    for (ULONG i = 0; i < ulCount; i++) {
+        const UCHAR ucByte = pBuf[ulFirst + i];
+        *pszEnd++ = Digits[ucByte >> 4];
+        *pszEnd++ = Digits[ucByte & 0x0F];
+        *pszEnd++ = ' ';
+    }
+    *pszEnd = '\0';
+    LogPrintf(LOG_TRAFFIC, 1, "%s[%02u-%02u]: %s", pszTitle, static_cast<unsigned>(ulFirst),
+              static_cast<unsigned>(ulFirst + ulCount - 1), szLine);
+}
+
+// The bytes in lines of 16, the rest in a last, shorter one.
+// IRQL any. Lock: takes LogLock. Fails: never.
+void LogHexDump(const char* pszTitle, ULONG ulLen, const void* pBuf)
+{
+    if (!IsLogOn(LOG_TRAFFIC)) {
+        return;
+    }
+    if (pBuf == nullptr) {
+        LogPrintf(LOG_TRAFFIC, 1, "%s pBuf is NULL", pszTitle);
+        return;
+    }
+    if (ulLen == 0) {
+        LogPrintf(LOG_TRAFFIC, 1, "%s ulLen is 0", pszTitle);
+        return;
+    }
+    ULONG i = 0;
+    for (; ulLen - i >= DUMP_GROUP; i += DUMP_GROUP) {
+        DumpGroup(pszTitle, i, DUMP_GROUP, static_cast<const UCHAR*>(pBuf));
+    }
+    if (i < ulLen) {
+        DumpGroup(pszTitle, i, ulLen - i, static_cast<const UCHAR*>(pBuf));
+    }
+}

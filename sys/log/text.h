@@ -1,0 +1,26 @@
+// text.h - what the files of the log share among themselves.
+#pragma once
+
+#include <kernel.h>
+
+// The log text's length. IRQL any; the caller holds LogLock, or nobody else writes.
+inline ULONG LogTextLength(const char* pszText)
+{
+    return static_cast<ULONG>(strlen(pszText));
+}
+
+// format.cpp
+NTSTATUS LogFormatArguments(char* pszOut, size_t cbOut, const char* pszFormat, va_list arguments);
+
+// Holds the log's lock, the leaf. Above DISPATCH_LEVEL the text is used without it.
+class LogScope
+{
+public:
+    LogScope();
+    ~LogScope();
+    LogScope(const LogScope&) = delete;
+    LogScope& operator=(const LogScope&) = delete;
+
+private:
+    KIRQL OldIrql;
+};
