@@ -63,6 +63,8 @@ public:
 
 private:
     NTSTATUS RegisterHandle(ULONG ulCode, ULONG ulIndex, HANDLE hEvent);
+    template <class Record>
+    std::vector<Record> Take(ULONG ulCountCode, ULONG ulTakeCode, ULONG ulIndex, NTSTATUS* pStatus);
 
     bool m_b32;
     NTSTATUS m_OpenStatus;

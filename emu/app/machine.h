@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -71,7 +72,7 @@ public:
     NTSTATUS Control(const UCHAR* pSetup, EmuBytes& Data, EmuHidRoute Route);
     NTSTATUS SendLed(UCHAR ucLeds, EmuHidRoute Route = EmuHidRouteClass);
 
-    // What was received so far; Taken() returns it and starts over.
+    // The successful reads so far; Taken() returns them and starts over. Failed ones come to OnReceived only.
     std::vector<EmuReceived> Received() const;
     std::vector<EmuReceived> Taken();
     ULONG PendingReads() const; // at the keyboard
@@ -85,7 +86,7 @@ public:
     // Pulled out (surprise removal, then removal) or removed in order (query-remove, then removal).
     // Returns the status of the removal. Nothing happens to a keyboard that is gone already.
     NTSTATUS Unplug(bool bSurprise);
-    bool Plugged() const { return m_pPhysical != nullptr; }
+    bool Plugged() const { return m_bPlugged; }
 
     NTSTATUS AddStatus() const { return m_AddStatus; }     // of the driver's AddDevice
     NTSTATUS StartStatus() const { return m_StartStatus; } // of START_DEVICE
@@ -103,8 +104,13 @@ private:
     static EmuRequestHook Hook;
     static EmuLedObserver Led;
     static EmuHidObserver Observe;
+    EmuKeyboardOptions KeyboardOptions();
+    EmuHidOptions HidOptions();
+    void Forget(); // drops the references
 
     EmuPlugOptions m_Options;
+    bool m_bPlugged = false; // its device objects have not been removed
+    // Physical and Hid are referenced until the machine unloads, the filter is not.
     PDEVICE_OBJECT m_pPhysical = nullptr, m_pFilter = nullptr, m_pHid = nullptr;
     NTSTATUS m_AddStatus = STATUS_UNSUCCESSFUL, m_StartStatus = STATUS_UNSUCCESSFUL;
     ULONG m_ulIndex = ~0u;
@@ -138,6 +144,8 @@ public:
     unsigned Unload();
 
 private:
+    bool BuildStack(EmuKeyboard& keyboard);
+
     ULONG m_ulAdded = 0; // devices the driver accepted
     NTSTATUS m_LoadStatus = STATUS_UNSUCCESSFUL;
     PDRIVER_OBJECT m_pDriver = nullptr, m_pKeyboards = nullptr, m_pHid = nullptr;

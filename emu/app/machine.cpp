@@ -1,0 +1,187 @@
+// Brings up the host, the three drivers and the devices between them, and takes everything down again.
+#include "machine.h"
+
+#include <cstdio>
+
+using std::string;
+
+// A registry value as a line of .reg text.
+static string SettingLine(const string& name, const EmuSetting& setting)
+{
+    string line = "\"" + name + "\"=";
+    if (const ULONG* pulNumber = std::get_if<ULONG>(&setting)) {
+        char text[32];
+        snprintf(text, sizeof text, "dword:%08x\n", *pulNumber);
+        return line + text;
+    }
+    line += '"';
+    for (char c : std::get<string>(setting)) {
+        if (c == '"' || c == '\\') {
+            line += '\\';
+        }
+        line += c;
+    }
+    return line + "\"\n";
+}
+
+// The registry that the driver finds: its parameters key with the settings, then the caller's own text.
+static string RegistryText(const EmuMachineOptions& options)
+{
+    string text = "Windows Registry Editor Version 5.00\n\n"
+                  "[HKEY_LOCAL_MACHINE\\System\\CurrentControlSet\\Services\\Tv64USB\\TolvenParams]\n";
+    for (const auto& [name, setting] : options.Settings) {
+        text += SettingLine(name, setting);
+    }
+    const string& more = options.RegistryText;
+    size_t head = more.rfind("Windows Registry Editor", 0) == 0 ? more.find('\n') : string::npos;
+    return text + "\n" + (head == string::npos ? more : more.substr(head + 1));
+}
+
+EmuMachine::EmuMachine(const EmuMachineOptions& options)
+{
+    HostOptions host;
+    host.Mode = options.Mode;
+    host.RegistryText = RegistryText(options);
+    host.FileRoot = options.FileRoot;
+    HostStart(host);
+    m_bRunning = true;
+    m_LoadStatus = HostLoadDriver(EmuKeyboardEntry, L"EmuKeyboard", &m_pKeyboards);
+    if (NT_SUCCESS(m_LoadStatus)) {
+        m_LoadStatus = HostLoadDriver(EmuHidEntry, L"EmuHid", &m_pHid);
+    }
+    if (NT_SUCCESS(m_LoadStatus) && options.Entry) {
+        m_LoadStatus = HostLoadDriver(options.Entry, L"Tv64USB", &m_pDriver);
+    }
+    if (!NT_SUCCESS(m_LoadStatus)) {
+        m_pDriver = nullptr;
+    }
+}
+
+EmuMachine::~EmuMachine()
+{
+    Unload();
+}
+
+const EmuDescriptors* EmuMachine::FindKind(const string& name)
+{
+    static const std::map<string, const EmuDescriptors*> kinds = {
+        {"normal", &EmuBootKeyboard}, {"power", &EmuPowerKeyboard},  {"jaalaa", &EmuJaalaaKeyboard},
+        {"chic", &EmuChicKeyboard},   {"other", &EmuOtherInterface},
+    };
+    auto kind = kinds.find(name);
+    return kind == kinds.end() ? nullptr : kind->second;
+}
+
+// What the system tells about a device: its description, and its hardware ids as a list that an empty text
+// ends.
+static void SetProperties(PDEVICE_OBJECT pPhysical, const EmuDescriptors& descriptors)
+{
+    size_t length = 0;
+    while (descriptors.pProduct[length]) {
+        length++;
+    }
+    std::vector<WCHAR> text(descriptors.pProduct, descriptors.pProduct + length + 1);
+    HostSetDeviceProperty(pPhysical, DevicePropertyDeviceDescription, text.data(),
+                          (ULONG)(text.size() * sizeof(WCHAR)));
+    length = 0;
+    while (descriptors.pHardwareId[length]) {
+        length++;
+    }
+    text.assign(descriptors.pHardwareId, descriptors.pHardwareId + length + 1);
+    text.push_back(0);
+    HostSetDeviceProperty(pPhysical, DevicePropertyHardwareID, text.data(),
+                          (ULONG)(text.size() * sizeof(WCHAR)));
+}
+
+// The keyboard's own options, with the handle behind the hooks.
+EmuKeyboardOptions EmuKeyboard::KeyboardOptions()
+{
+    EmuKeyboardOptions options = {};
+    options.pHook = m_Options.Hook ? Hook : nullptr;
+    options.pHookContext = this;
+    options.pLed = m_Options.OnLed ? Led : nullptr;
+    options.pLedContext = this;
+    options.StartStatus = m_Options.StartStatus;
+    options.ulStartDelayMs = m_Options.StartDelayMs;
+    return options;
+}
+
+EmuHidOptions EmuKeyboard::HidOptions()
+{
+    EmuHidOptions options = {};
+    options.pObserver = m_Options.OnReceived || m_Options.Record ? Observe : nullptr;
+    options.pObserverContext = this;
+    options.ulReads = m_Options.Reads;
+    options.ulPacketBytes = m_Options.PacketBytes;
+    options.bManual = m_Options.Manual;
+    options.bNoEnumeration = m_Options.NoEnumeration;
+    options.bLoopGuard = m_Options.LoopGuard;
+    return options;
+}
+
+// Puts the driver's filter and the HID stack on the keyboard. False when one of them could not be added.
+bool EmuMachine::BuildStack(EmuKeyboard& keyboard)
+{
+    keyboard.m_AddStatus = STATUS_SUCCESS;
+    if (m_pDriver) {
+        keyboard.m_AddStatus = HostAddDevice(m_pDriver, keyboard.m_pPhysical);
+        if (!NT_SUCCESS(keyboard.m_AddStatus)) {
+            return false;
+        }
+        keyboard.m_ulIndex = m_ulAdded++;
+        PDEVICE_OBJECT pTop = IoGetAttachedDeviceReference(keyboard.m_pPhysical);
+        keyboard.m_pFilter = pTop == keyboard.m_pPhysical ? nullptr : pTop;
+        ObDereferenceObject(pTop);
+    }
+    EmuHidOptions options = keyboard.HidOptions();
+    PDEVICE_OBJECT pHid;
+    keyboard.m_StartStatus = EmuHidAttach(m_pHid, keyboard.m_pPhysical, &options, &pHid);
+    if (!NT_SUCCESS(keyboard.m_StartStatus)) {
+        return false;
+    }
+    ObReferenceObject(pHid);
+    keyboard.m_pHid = pHid;
+    return true;
+}
+
+EmuKeyboard* EmuMachine::Plug(const EmuDescriptors& descriptors, const EmuPlugOptions& options)
+{
+    m_Keyboards.push_back(std::make_unique<EmuKeyboard>(options));
+    EmuKeyboard& keyboard = *m_Keyboards.back();
+    EmuKeyboardOptions keyboardOptions = keyboard.KeyboardOptions();
+    PDEVICE_OBJECT pPhysical;
+    keyboard.m_AddStatus = EmuCreateKeyboard(m_pKeyboards, &descriptors, &keyboardOptions, &pPhysical);
+    if (!NT_SUCCESS(keyboard.m_AddStatus)) {
+        return &keyboard;
+    }
+    ObReferenceObject(pPhysical);
+    keyboard.m_pPhysical = pPhysical;
+    keyboard.m_bPlugged = true;
+    SetProperties(pPhysical, descriptors);
+    if (!BuildStack(keyboard)) {
+        keyboard.Remove();
+    } else if (options.Start) {
+        keyboard.Start();
+    }
+    return &keyboard;
+}
+
+unsigned EmuMachine::Unload()
+{
+    if (!m_bRunning) {
+        return 0;
+    }
+    m_bRunning = false;
+    for (auto& keyboard : m_Keyboards) {
+        keyboard->Unplug(false);
+        keyboard->Forget();
+    }
+    unsigned leaks = 0;
+    for (PDRIVER_OBJECT* ppDriver : {&m_pDriver, &m_pHid, &m_pKeyboards}) {
+        if (*ppDriver) {
+            leaks += HostUnloadDriver(*ppDriver);
+        }
+        *ppDriver = nullptr;
+    }
+    return leaks + HostStop();
+}
