@@ -3,25 +3,6 @@
 
 #include <cstring>
 
-// The control codes that have a helper here.
-enum : ULONG {
-    CodeRegisterNotifyEvent = 0x222030,
-    CodeReleaseNotifyEvent = 0x222034,
-    CodeStartReportProcessing = 0x222038,
-    CodeStopReportProcessing = 0x22203C,
-    CodeAddDefinition = 0x22204C,
-    CodeRemoveDefinition = 0x222050,
-    CodeNotifyCount = 0x222054,
-    CodeTakeNotifyRecords = 0x222074,
-    CodeRegisterApplicationEvent = 0x22207C,
-    CodeInsertScans = 0x222084,
-    CodeInsertPackets = 0x2220CC,
-    CodeRegisterMacroEvent = 0x2220E0,
-    CodeReleaseMacroEvent = 0x2220E4,
-    CodeMacroCount = 0x2220E8,
-    CodeTakeMacroRecords = 0x2220F8,
-};
-
 EmuApplication::EmuApplication(bool b32) : m_b32(b32)
 {
     HostSetCaller32(m_b32);
@@ -87,22 +68,22 @@ NTSTATUS EmuApplication::RequestRecord(ULONG ulCode, ULONG ulIndex, const void* 
 
 NTSTATUS EmuApplication::AddDefinition(ULONG ulIndex, const KeyDefinition& definition)
 {
-    return RequestRecord(CodeAddDefinition, ulIndex, &definition, sizeof definition);
+    return RequestRecord(IOCTL_TVUSB_ADD_DEFINITION, ulIndex, &definition, sizeof definition);
 }
 
 NTSTATUS EmuApplication::RemoveDefinition(ULONG ulIndex, ULONG ulId)
 {
-    return RequestRecord(CodeRemoveDefinition, ulIndex, &ulId, sizeof ulId);
+    return RequestRecord(IOCTL_TVUSB_REMOVE_DEFINITION, ulIndex, &ulId, sizeof ulId);
 }
 
 NTSTATUS EmuApplication::StartReportProcessing(ULONG ulIndex)
 {
-    return RequestRecord(CodeStartReportProcessing, ulIndex, nullptr, 0);
+    return RequestRecord(IOCTL_TVUSB_START_PROCESSING, ulIndex, nullptr, 0);
 }
 
 NTSTATUS EmuApplication::StopReportProcessing(ULONG ulIndex)
 {
-    return RequestRecord(CodeStopReportProcessing, ulIndex, nullptr, 0);
+    return RequestRecord(IOCTL_TVUSB_STOP_PROCESSING, ulIndex, nullptr, 0);
 }
 
 // A handle is four bytes wide for a 32-bit process, eight for a 64-bit one.
@@ -113,7 +94,7 @@ NTSTATUS EmuApplication::RegisterHandle(ULONG ulCode, ULONG ulIndex, HANDLE hEve
 
 NTSTATUS EmuApplication::RegisterNotifyEvent(ULONG ulIndex, HANDLE hEvent)
 {
-    return RegisterHandle(CodeRegisterNotifyEvent, ulIndex, hEvent);
+    return RegisterHandle(IOCTL_TVUSB_REGISTER_NOTIFY_EVENT, ulIndex, hEvent);
 }
 
 NTSTATUS EmuApplication::RegisterNotifyEvent(ULONG ulIndex)
@@ -130,7 +111,7 @@ NTSTATUS EmuApplication::RegisterNotifyEvent(ULONG ulIndex)
 
 NTSTATUS EmuApplication::ReleaseNotifyEvent(ULONG ulIndex)
 {
-    NTSTATUS status = RequestRecord(CodeReleaseNotifyEvent, ulIndex, nullptr, 0);
+    NTSTATUS status = RequestRecord(IOCTL_TVUSB_RELEASE_NOTIFY_EVENT, ulIndex, nullptr, 0);
     auto made = m_Notify.find(ulIndex);
     if (NT_SUCCESS(status) && made != m_Notify.end()) {
         HostCloseHandle(made->second);
@@ -141,7 +122,7 @@ NTSTATUS EmuApplication::ReleaseNotifyEvent(ULONG ulIndex)
 
 NTSTATUS EmuApplication::RegisterMacroEvent(HANDLE hEvent)
 {
-    return RegisterHandle(CodeRegisterMacroEvent, 0, hEvent);
+    return RegisterHandle(IOCTL_TVUSB_REGISTER_MACRO_EVENT, 0, hEvent);
 }
 
 NTSTATUS EmuApplication::RegisterMacroEvent()
@@ -158,7 +139,7 @@ NTSTATUS EmuApplication::RegisterMacroEvent()
 
 NTSTATUS EmuApplication::ReleaseMacroEvent()
 {
-    NTSTATUS status = RequestRecord(CodeReleaseMacroEvent, 0, nullptr, 0);
+    NTSTATUS status = RequestRecord(IOCTL_TVUSB_RELEASE_MACRO_EVENT, 0, nullptr, 0);
     if (NT_SUCCESS(status) && m_hMacro) {
         HostCloseHandle(m_hMacro);
         m_hMacro = nullptr;
@@ -168,7 +149,7 @@ NTSTATUS EmuApplication::ReleaseMacroEvent()
 
 NTSTATUS EmuApplication::RegisterApplicationEvent(HANDLE hEvent)
 {
-    return RegisterHandle(CodeRegisterApplicationEvent, 0, hEvent);
+    return RegisterHandle(IOCTL_TVUSB_REGISTER_APPLICATION_EVENT, 0, hEvent);
 }
 
 HANDLE EmuApplication::NotifyEvent(ULONG ulIndex) const
@@ -216,12 +197,12 @@ std::vector<Record> EmuApplication::Take(ULONG ulCountCode, ULONG ulTakeCode, UL
 
 std::vector<NotifyRecord> EmuApplication::TakeRecords(ULONG ulIndex, NTSTATUS* pStatus)
 {
-    return Take<NotifyRecord>(CodeNotifyCount, CodeTakeNotifyRecords, ulIndex, pStatus);
+    return Take<NotifyRecord>(IOCTL_TVUSB_GET_NOTIFY_COUNT, IOCTL_TVUSB_TAKE_MANY_NOTIFY, ulIndex, pStatus);
 }
 
 std::vector<MacroRecord> EmuApplication::TakeMacroRecords(NTSTATUS* pStatus)
 {
-    return Take<MacroRecord>(CodeMacroCount, CodeTakeMacroRecords, 0, pStatus);
+    return Take<MacroRecord>(IOCTL_TVUSB_GET_MACRO_COUNT, IOCTL_TVUSB_TAKE_MANY_MACRO, 0, pStatus);
 }
 
 NTSTATUS EmuApplication::InsertScans(ULONG ulIndex, const std::vector<UCHAR>& Scans, bool bWait)
@@ -231,7 +212,7 @@ NTSTATUS EmuApplication::InsertScans(ULONG ulIndex, const std::vector<UCHAR>& Sc
     payload[4] = (UCHAR)Scans.size();
     payload[5] = (UCHAR)(Scans.size() >> 8);
     std::copy(Scans.begin(), Scans.end(), payload.begin() + 6);
-    return RequestRecord(CodeInsertScans, ulIndex, payload.data(), (ULONG)payload.size());
+    return RequestRecord(IOCTL_TVUSB_INSERT_SCANS, ulIndex, payload.data(), (ULONG)payload.size());
 }
 
 NTSTATUS EmuApplication::InsertUSBPackets(ULONG ulIndex, const std::vector<FifoEntry>& Entries)
@@ -242,5 +223,5 @@ NTSTATUS EmuApplication::InsertUSBPackets(ULONG ulIndex, const std::vector<FifoE
     if (!Entries.empty()) {
         memcpy(payload.data() + 4, Entries.data(), Entries.size() * sizeof(FifoEntry));
     }
-    return RequestRecord(CodeInsertPackets, ulIndex, payload.data(), (ULONG)payload.size());
+    return RequestRecord(IOCTL_TVUSB_INSERT_PACKETS, ulIndex, payload.data(), (ULONG)payload.size());
 }

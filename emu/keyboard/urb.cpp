@@ -6,7 +6,7 @@
 #include "device.h"
 
 // A control request on its way through the keyboard.
-struct ControlRequest {
+struct PipeRequest {
     UCHAR ucSetup[8];
     PUCHAR pBuffer;
     PULONG pulLength; // the URB's TransferBufferLength
@@ -34,7 +34,7 @@ static VOID PutSetup(PUCHAR pSetup, UCHAR ucType, UCHAR ucRequest, USHORT usValu
 }
 
 // Answers a control request and completes it. Output reports are shown to the LED observer. IRQL <= DISPATCH.
-static NTSTATUS ServeControl(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pUrb, const ControlRequest& request)
+static NTSTATUS ServeControl(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pUrb, const PipeRequest& request)
 {
     const UCHAR* pSetup = request.ucSetup;
     bool bOutputReport = (pSetup[0] & 0xE0) == 0x20 && pSetup[1] == 9 && pSetup[3] == 2;
@@ -67,7 +67,7 @@ static NTSTATUS ServeControl(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pUrb, co
 static NTSTATUS ServeDescriptor(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pUrb, UCHAR ucType)
 {
     auto& urb = pUrb->UrbControlDescriptorRequest;
-    ControlRequest request;
+    PipeRequest request;
     request.pBuffer = TransferBufferOf(urb.TransferBuffer, urb.TransferBufferMDL);
     request.pulLength = &urb.TransferBufferLength;
     PutSetup(request.ucSetup, ucType, 6, (USHORT)(urb.DescriptorType << 8 | urb.Index), urb.LanguageId,
@@ -82,7 +82,7 @@ static NTSTATUS ServeClassOrVendor(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pU
     if (urb.TransferFlags & USBD_TRANSFER_DIRECTION_IN) {
         ucType |= 0x80;
     }
-    ControlRequest request;
+    PipeRequest request;
     request.pBuffer = TransferBufferOf(urb.TransferBuffer, urb.TransferBufferMDL);
     request.pulLength = &urb.TransferBufferLength;
     PutSetup(request.ucSetup, ucType, urb.Request, urb.Value, urb.Index, urb.TransferBufferLength);
@@ -92,7 +92,7 @@ static NTSTATUS ServeClassOrVendor(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pU
 static NTSTATUS ServeTransfer(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pUrb)
 {
     auto& urb = pUrb->UrbControlTransfer;
-    ControlRequest request;
+    PipeRequest request;
     request.pBuffer = TransferBufferOf(urb.TransferBuffer, urb.TransferBufferMDL);
     request.pulLength = &urb.TransferBufferLength;
     RtlCopyMemory(request.ucSetup, urb.SetupPacket, sizeof request.ucSetup);
