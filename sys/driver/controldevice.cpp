@@ -1,4 +1,4 @@
-// controldevice.cpp - the device that applications open, and each keyboard's device interface.
+// controldevice.cpp - the device that applications open.
 //
 // The control device exists while at least one keyboard is counted: the start that finds none creates it,
 // the removal that finds one deletes it. With it live the registrations for the sibling drivers' arrivals.
@@ -13,8 +13,6 @@
 #include "control/control.h"
 #include "siblings/siblings.h"
 
-static const GUID KeyboardInterfaceClass = {
-    0x3B7E91C4, 0x5A2D, 0x4F60, {0x9C, 0x1E, 0x7D, 0x84, 0xA2, 0xF0, 0xB6, 0x13}};
 static const GUID Ps2KeyboardClass = {
     0x8E4A2D17, 0xC3B9, 0x4E52, {0xA7, 0xF1, 0x0B, 0x96, 0xD5, 0xE3, 0xC2, 0x84}};
 static const GUID Ps2MouseClass = {
@@ -126,42 +124,6 @@ static void TearDownControlDevice(PDEVICE_OBJECT pControlDevice)
     SetControlDevice(nullptr);
     ReleaseApplicationEvent(pControlDevice);
     IoDeleteDevice(pControlDevice);
-}
-
-// Registered once in the keyboard's life, however often it is started.
-// IRQL = PASSIVE. Lock: takes InterfaceLock. Owns: the link name until WithdrawInterface.
-static NTSTATUS PublishInterface(DeviceContext* pContext)
-{
-    if (pContext->ucInterfaceRegistered == 0) {
-        UNICODE_STRING linkName;
-        const NTSTATUS status =
-            IoRegisterDeviceInterface(pContext->pPhysicalDevice, &KeyboardInterfaceClass, nullptr, &linkName);
-        if (!NT_SUCCESS(status)) {
-            return status;
-        }
-        LockScope lock(pContext->InterfaceLock);
-        pContext->InterfaceLinkName = linkName;
-        pContext->ucInterfaceRegistered = 1;
-    }
-    IoSetDeviceInterfaceState(&pContext->InterfaceLinkName, TRUE);
-    return STATUS_SUCCESS;
-}
-
-// IRQL = PASSIVE. Lock: takes InterfaceLock.
-static void WithdrawInterface(DeviceContext* pContext)
-{
-    UNICODE_STRING linkName;
-    if (pContext->ucInterfaceRegistered != 1) {
-        return;
-    }
-    IoSetDeviceInterfaceState(&pContext->InterfaceLinkName, FALSE);
-    {
-        LockScope lock(pContext->InterfaceLock);
-        linkName = pContext->InterfaceLinkName;
-        RtlZeroMemory(&pContext->InterfaceLinkName, sizeof(pContext->InterfaceLinkName));
-        pContext->ucInterfaceRegistered = 0;
-    }
-    RtlFreeUnicodeString(&linkName);
 }
 
 // The first of the keyboards makes the control device; each is counted once and gets its interface.

@@ -60,6 +60,10 @@ void DeleteControlDevice(PDEVICE_OBJECT pFilterDevice);
 PDEVICE_OBJECT ReferenceControlDevice(); // referenced object, or null when there is none
 DispatchRoutine DispatchControlPnp;
 
+// interface.cpp: IRQL = PASSIVE
+NTSTATUS PublishInterface(DeviceContext* pContext);
+void WithdrawInterface(DeviceContext* pContext);
+
 // openclose.cpp
 DispatchRoutine DispatchCreate;
 DispatchRoutine DispatchClose;
