@@ -108,8 +108,8 @@ static NTSTATUS BuildControlDevice(PDEVICE_OBJECT pFilterDevice)
     return STATUS_SUCCESS;
 }
 
-// The event that an application registered goes with the device that held it, even if its handle is still
-// open. IRQL = PASSIVE, under ControlDeviceMutex.
+// The event that an application registered goes with the device, whether its handle is open or not.
+// IRQL = PASSIVE, under ControlDeviceMutex.
 static void TearDownControlDevice(PDEVICE_OBJECT pControlDevice)
 {
     ControlContext* pControl = ControlContextOf(pControlDevice);

@@ -8,8 +8,8 @@
 static const GUID KeyboardInterfaceClass = {
     0x3B7E91C4, 0x5A2D, 0x4F60, {0x9C, 0x1E, 0x7D, 0x84, 0xA2, 0xF0, 0xB6, 0x13}};
 
-// Moves the system's name into memory that may be read under a spin lock; the system's own lies in paged
-// pool. IRQL = PASSIVE. Owns: frees the system's name, the caller frees the copy. Fails: no memory.
+// Moves the system's name, which lies in paged pool, into memory that may be read under a spin lock.
+// IRQL = PASSIVE. Owns: frees the system's name, the caller frees the copy. Fails: no memory.
 static NTSTATUS MoveToNonPaged(PUNICODE_STRING pSystemName, PUNICODE_STRING pCopy)
 {
     pCopy->Length = pSystemName->Length;

@@ -84,8 +84,8 @@ PDEVICE_OBJECT FirstKeyboard()
     return AcquireFrom(Globals.pFirstKeyboard);
 }
 
-// The walk's step: hands the reference on to the next device. A walk that stops early releases pDevice
-// itself. IRQL <= DISPATCH. Lock: takes KeyboardListLock. Owns: one reference on the result, null at the end.
+// The walk's step: the reference moves on to the next device. A walk that stops early releases pDevice.
+// IRQL <= DISPATCH. Lock: takes KeyboardListLock. Owns: one reference on the result, null at the end.
 PDEVICE_OBJECT NextKeyboard(PDEVICE_OBJECT pDevice)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
