@@ -1,0 +1,25 @@
+// kernel.h - the driver's one door to the platform, on Windows: the toolchain's own kernel headers.
+//
+// The host's door (host/include/kernel.h) offers the same names to the same sources; what the driver asserts
+// there at run time is empty here.
+#pragma once
+
+// The compiler's intrinsics come first; two of them collide with the kernel headers' own.
+#define __INTRINSIC_DEFINED_InterlockedBitTestAndSet
+#define __INTRINSIC_DEFINED_InterlockedBitTestAndReset
+#include <intrin.h>
+
+#include <ntifs.h>
+#include <ntddk.h>
+#include <wdmguid.h>
+#include <ntddkbd.h>
+
+#include <stdarg.h>
+#include <usb.h>
+#include <usbioctl.h>
+
+#define IRQL_AT_MOST(level) ((void)0)
+#define IRQL_IS(level) ((void)0)
+
+// Exported by ntoskrnl.exe, declared by no kernel header of the toolchain.
+extern "C" int _vsnprintf(char* pszBuffer, size_t cchBuffer, const char* pszFormat, va_list arguments);
