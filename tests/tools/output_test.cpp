@@ -1,0 +1,145 @@
+// output_test.cpp - the printed lines: JSON to the letter, the table's way of putting things side by side.
+#include "tools/replay/output.h"
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+// What a printer prints for the calls that act() makes.
+template <typename Act> std::string Printed(std::unique_ptr<ReplayPrinter> (*make)(FILE*), Act act)
+{
+    char* pText = nullptr;
+    size_t cText = 0;
+    FILE* pOut = open_memstream(&pText, &cText);
+    {
+        std::unique_ptr<ReplayPrinter> printer = make(pOut);
+        act(*printer);
+    }
+    fclose(pOut);
+    std::string text(pText, cText);
+    free(pText);
+    return text;
+}
+
+std::unique_ptr<ReplayPrinter> PlainTable(FILE* pOut)
+{
+    return MakeTablePrinter(pOut, false);
+}
+
+std::unique_ptr<ReplayPrinter> ColourTable(FILE* pOut)
+{
+    return MakeTablePrinter(pOut, true);
+}
+
+const Bytes CtrlF1 = {1, 0, 0x3A, 0, 0, 0, 0, 0};
+const Bytes Empty(8);
+
+NotifyRecord Event(uint32_t ulId, uint32_t ulValue, uint32_t ulEscAbort = 0)
+{
+    NotifyRecord record{};
+    record.ulId = ulId;
+    record.ulValue = ulValue;
+    record.ulEscAbort = ulEscAbort;
+    return record;
+}
+
+} // namespace
+
+TEST(Json, PrintsEachThingToTheLetter)
+{
+    std::string text = Printed(MakeJsonPrinter, [](ReplayPrinter& printer) {
+        ScriptKeyboard keyboard;
+        keyboard.usVendor = 1575;
+        keyboard.usProduct = 1;
+        keyboard.name = "A \"b\\\" \t\xC3\xA9";
+        printer.Keyboard(0, 0, 0, 1, keyboard);
+        printer.Definition(0, 0, 7, 0);
+        printer.Definition(1, 1, 4294967295u, 0xC0000001);
+        printer.Report(12030927, 0, CtrlF1, Empty);
+        printer.Report(12030928, 0, std::nullopt, {1, 0xAB});
+        printer.Event(12030927, 0, Event(7, 1));
+        NotifyRecord key = Event(9, 0x1C, 0);
+        key.ucSource = NOTIFY_SOURCE_REPORT;
+        printer.Event(12030929, 0, key);
+        MacroRecord mode{MACRO_RECORD_MODE, 0, 1, 0, {}};
+        MacroRecord captured{MACRO_RECORD_REPORT, 0, 0, 3, {1, 2, 3, 4}};
+        printer.Macro(5, mode);
+        printer.Macro(6, captured);
+        printer.Led(7, 0, 4);
+        printer.Led(8, 0, 3);
+        printer.End(9, {1, 229, 6, 0});
+    });
+    EXPECT_EQ(
+        "{\"type\":\"keyboard\",\"t_us\":0,\"kbd\":0,\"index\":0,\"kbdtype\":1,\"vendor\":1575,\"product\":1,"
+        "\"name\":\"A \\\"b\\\\\\\" \\u0009\xC3\xA9\"}\n"
+        "{\"type\":\"definition\",\"t_us\":0,\"kbd\":0,\"id\":7,\"status\":\"0x00000000\"}\n"
+        "{\"type\":\"definition\",\"t_us\":1,\"kbd\":1,\"id\":4294967295,\"status\":\"0xc0000001\"}\n"
+        "{\"type\":\"report\",\"t_us\":12030927,\"kbd\":0,\"in\":\"01003a0000000000\","
+        "\"out\":\"0000000000000000\"}\n"
+        "{\"type\":\"report\",\"t_us\":12030928,\"kbd\":0,\"in\":null,\"out\":\"01ab\"}\n"
+        "{\"type\":\"event\",\"t_us\":12030927,\"kbd\":0,\"id\":7,\"value\":1,\"esc_abort\":0,\"source\":0}\n"
+        "{\"type\":\"event\",\"t_us\":12030929,\"kbd\":0,\"id\":9,\"value\":28,\"esc_abort\":0,\"source\":96}"
+        "\n"
+        "{\"type\":\"macro\",\"t_us\":5,\"record\":1,\"mode\":1,\"report\":\"\"}\n"
+        "{\"type\":\"macro\",\"t_us\":6,\"record\":2,\"mode\":0,\"report\":\"010203\"}\n"
+        "{\"type\":\"led\",\"t_us\":7,\"kbd\":0,\"report\":4,\"flags\":1}\n"
+        "{\"type\":\"led\",\"t_us\":8,\"kbd\":0,\"report\":3,\"flags\":6}\n"
+        "{\"type\":\"end\",\"t_us\":9,\"keyboards\":1,\"reports\":229,\"events\":6,\"leaks\":0}\n",
+        text);
+}
+
+TEST(Table, PutsEventsBesideTheirReport)
+{
+    std::string text = Printed(PlainTable, [](ReplayPrinter& printer) {
+        printer.Report(14301076, 0, CtrlF1, Empty);
+        printer.Event(14301076, 0, Event(7, 1));
+        printer.Event(14301076, 0, Event(8, 0, 1));
+        printer.Report(14301080, 0, std::nullopt, {0, 0, 1, 1, 1, 1, 1, 1});
+        printer.Event(14301090, 0, Event(9, 1)); // a timer's
+        printer.Report(14301091, 1, Bytes{5, 0x29, 0}, {5, 0, 0});
+        printer.End(16301091, {2, 3, 3, 0});
+    });
+    std::vector<std::string> lines;
+    for (size_t cAt = 0, cEnd; (cEnd = text.find('\n', cAt)) != text.npos; cAt = cEnd + 1)
+        lines.push_back(text.substr(cAt, cEnd - cAt));
+    ASSERT_EQ(8u, lines.size()) << text;
+    EXPECT_EQ("", lines[0]);
+    EXPECT_EQ("  14.301076    0  01 00 3a 00 00 00 00 00  Left Ctrl + F1      →  00 00 00 00 00 00 00 00"
+              "                       hotkey 7 down  hotkey 8 up (Esc)",
+              lines[2]);
+    EXPECT_EQ("  14.301080    0  (answered by the driver)                     →  00 00 01 01 01 01 01 01  "
+              "(overrun)",
+              lines[3]);
+    EXPECT_EQ("  14.301090    0  hotkey 9 down", lines[4]);
+    EXPECT_EQ("  14.301091    1  05 29 00  Esc                                →  05 00 00", lines[5]);
+    EXPECT_EQ("  16.301091  2 keyboards, 3 reports, 3 events; left behind by the driver: nothing", lines[7]);
+    EXPECT_EQ(text.npos, text.find('\x1b')) << "colours only on a terminal";
+}
+
+TEST(Table, ColoursWhatTheDriverChanged)
+{
+    std::string changed = Printed(ColourTable, [](ReplayPrinter& printer) {
+        printer.Report(0, 0, CtrlF1, Empty);
+        printer.End(0, {});
+    });
+    std::string same = Printed(ColourTable, [](ReplayPrinter& printer) {
+        printer.Report(0, 0, CtrlF1, CtrlF1);
+        printer.End(0, {});
+    });
+    EXPECT_NE(changed.npos, changed.find("\x1b[33m→")) << changed;
+    EXPECT_EQ(same.npos, same.find("\x1b[33m")) << same;
+}
+
+TEST(Table, KeepsADevicesNameFromDrivingTheTerminal)
+{
+    std::string text = Printed(PlainTable, [](ReplayPrinter& printer) {
+        ScriptKeyboard keyboard;
+        keyboard.name = "evil\x1b[2J";
+        printer.Keyboard(0, 0, 0, 1, keyboard);
+        printer.Definition(0, 0, 7, 0xC0000001);
+    });
+    EXPECT_EQ("   0.000000    0  keyboard 0000:0000 evil?[2J, normal (device 0)\n"
+              "   0.000000    0  definition 7 refused: status 0xc0000001\n",
+              text);
+}

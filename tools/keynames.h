@@ -1,0 +1,36 @@
+// keynames.h - the keys as people call them.
+//
+// One table: a key's HID usage, its PS/2 set 1 make code and its names. The configuration takes any of the
+// names, in any case; the printed table shows the first.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct KeyName {
+    uint16_t usUsage; // of the keyboard page, or of the consumer page for the media keys
+    bool bConsumer;
+    uint32_t ulMakeCode; // most significant byte first, or 0 when the key has none
+    const char* pNames;  // separated by '|', the one to show first
+};
+
+// All keys, keyboard page first, each page by usage.
+const std::vector<KeyName>& AllKeyNames();
+
+// The key of that name, or null.
+const KeyName* FindKeyByName(std::string_view name);
+
+// The name to show for a usage of the keyboard page: "F1", or "0xa7" when nobody named it.
+std::string ShownKeyName(uint8_t ucUsage);
+
+// The names of the modifier bits of a report's first byte, lowest bit first.
+std::vector<std::string> ShownModifiers(uint8_t ucModifiers);
+
+// A make code as the bytes a definition holds.
+std::vector<uint8_t> MakeCodeBytes(uint32_t ulMakeCode);
+
+// The bit of a hotkey's modifier mask for a name such as "ctrl" or "left shift".
+std::optional<uint32_t> FindModifierMask(std::string_view name);

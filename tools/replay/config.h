@@ -1,0 +1,26 @@
+// config.h - reads the configuration of a replay: settings of the driver and key definitions.
+//
+// The file is TOML. Everything in it is checked when it is read; an unknown key, an unknown key name or a bad
+// value is an InputError that names the line. Whether the driver takes a definition is the driver's affair.
+#pragma once
+
+#include "sys/control/requests.h"
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+struct ReplayConfig {
+    bool bReportProcessing = true;
+    std::map<std::string, std::variant<uint32_t, std::string>> settings; // registry values by name
+    std::string fileRoot; // the host folder that the driver's file names lie in
+    std::vector<KeyDefinition> definitions;
+};
+
+// Fails (InputError).
+ReplayConfig ReadConfig(const std::string& file);
+// The same from text; file is the name for messages, and file names are relative to its folder.
+ReplayConfig ParseConfig(const std::string& file, std::string_view text);

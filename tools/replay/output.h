@@ -1,0 +1,44 @@
+// output.h - what a replay tells: one call for each thing that happens, in the order in which it happens.
+//
+// Two printers: JSON objects for programs, one a line, and a table for people. They format and print; what
+// happened and when is the replay's to say.
+#pragma once
+
+#include "script.h"
+
+#include "sys/control/requests.h"
+
+#include <cstdio>
+#include <memory>
+#include <optional>
+
+struct ReplayTotals {
+    unsigned uKeyboards = 0;
+    unsigned uReports = 0;
+    unsigned uEvents = 0;
+    unsigned uLeaks = 0;
+};
+
+class ReplayPrinter
+{
+public:
+    virtual ~ReplayPrinter() = default;
+    virtual void Keyboard(uint64_t ullUs, unsigned uKeyboard, uint32_t ulIndex, unsigned uType,
+                          const ScriptKeyboard& keyboard) = 0;
+    virtual void Definition(uint64_t ullUs, unsigned uKeyboard, uint32_t ulId, uint32_t ulStatus) = 0;
+    // sent: what the keyboard sent, or nothing when the driver answered the read itself.
+    virtual void Report(uint64_t ullUs, unsigned uKeyboard, const std::optional<Bytes>& sent,
+                        const Bytes& seen) = 0;
+    virtual void Event(uint64_t ullUs, unsigned uKeyboard, const NotifyRecord& record) = 0;
+    virtual void Macro(uint64_t ullUs, const MacroRecord& record) = 0;
+    virtual void Led(uint64_t ullUs, unsigned uKeyboard, uint8_t ucReport) = 0;
+    virtual void End(uint64_t ullUs, const ReplayTotals& totals) = 0;
+};
+
+// The LEDs of an output report as indicator flags: Scroll Lock 1, Num Lock 2, Caps Lock 4.
+uint8_t LedFlagsOf(uint8_t ucReport);
+
+// json.cpp
+std::unique_ptr<ReplayPrinter> MakeJsonPrinter(FILE* pOut);
+// table.cpp; bColour only when the output is a terminal.
+std::unique_ptr<ReplayPrinter> MakeTablePrinter(FILE* pOut, bool bColour);

@@ -1,0 +1,352 @@
+// replay.cpp - the loop of a replay.
+//
+//   for each step of the script:   move the clock there (timers on the way go first)
+//                                  the keyboard reports, or a control request goes down
+//   after whatever happened:       the report's line -> its events -> macro records -> LED lines -> next read
+//
+// The stack above has one read at each keyboard and sends the next one when all that the last one caused has
+// been told. A read that completes although the keyboard sent nothing was answered by the driver. Everything
+// runs in the calling thread, at PASSIVE_LEVEL, on the virtual clock.
+#include "replay.h"
+#include "configuration.h"
+#include "kbdtype.h"
+
+#include "emu/app/application.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <deque>
+#include <stdexcept>
+
+namespace
+{
+
+constexpr uint64_t RunOnUs = 2000000; // the clock runs on for so long after the last report
+
+// One keyboard of the replay with what is known of it so far.
+struct Player {
+    const ScriptKeyboard* pScript = nullptr;
+    EmuKeyboard* pKeyboard = nullptr;
+    KeyboardType type;
+    bool bAnnounced = false;              // its line is printed, the application knows it
+    bool bReading = false;                // a read is on its way
+    bool bSilent = false;                 // its reads fail, none is sent any more
+    std::deque<Bytes> sent;               // by the keyboard, and not received above yet
+    const ScriptStep* pControl = nullptr; // the control request that is being replayed
+};
+
+// What came to pass and has not been told yet.
+struct Received {
+    unsigned uKeyboard;
+    std::optional<Bytes> sent;
+    Bytes seen;
+};
+
+NTSTATUS StatusOf(Outcome outcome)
+{
+    switch (outcome) {
+    case Outcome::Ok:
+        return STATUS_SUCCESS;
+    case Outcome::Cancelled:
+        return STATUS_CANCELLED;
+    case Outcome::Gone:
+        return STATUS_DEVICE_NOT_CONNECTED;
+    default:
+        return STATUS_UNSUCCESSFUL;
+    }
+}
+
+Bytes BytesAt(const UCHAR* pBytes, ULONG ulBytes)
+{
+    return Bytes(pBytes, pBytes + ulBytes);
+}
+
+class Replay
+{
+public:
+    Replay(const Script& script, const ReplaySetup& setup, ReplayPrinter& printer)
+        : m_script(script), m_setup(setup), m_printer(printer), m_players(script.keyboards.size())
+    {
+    }
+
+    unsigned Run()
+    {
+        StartMachine();
+        for (unsigned k = 0; k < m_players.size(); ++k)
+            PlugKeyboard(k);
+        OpenApplication();
+        if (!m_script.bEnumerates)
+            for (unsigned k = 0; k < m_players.size(); ++k)
+                Announce(k);
+        TellAll();
+
+        uint64_t ullEnd = RunOnUs;
+        for (const ScriptStep& step : m_script.steps)
+            if (step.kind == StepKind::Report)
+                ullEnd = step.ullUs + RunOnUs;
+        for (const ScriptStep& step : m_script.steps) {
+            if (step.ullUs > ullEnd)
+                break;
+            MoveClock(step.ullUs);
+            Play(step);
+            TellAll();
+        }
+        MoveClock(ullEnd);
+        return Finish();
+    }
+
+private:
+    void StartMachine()
+    {
+        EmuMachineOptions options;
+        options.Entry = m_setup.pEntry;
+        options.FileRoot = m_setup.config.fileRoot;
+        for (const auto& [name, value] : m_setup.config.settings)
+            std::visit([&, &key = name](const auto& content) { options.Settings[key] = content; }, value);
+        m_machine = std::make_unique<EmuMachine>(options);
+        if (!NT_SUCCESS(m_machine->LoadStatus()))
+            throw std::runtime_error(fmt::format("the driver does not load: status 0x{:08x}",
+                                                 static_cast<uint32_t>(m_machine->LoadStatus())));
+    }
+
+    // A keyboard of a capture says nothing of its own at the start: its descriptors come with the captured
+    // requests. One of a recording is enumerated by the stack above it.
+    void PlugKeyboard(unsigned uKeyboard)
+    {
+        Player& player = m_players[uKeyboard];
+        player.pScript = &m_script.keyboards[uKeyboard];
+        EmuPlugOptions options;
+        options.Manual = true;
+        options.Record = false;
+        options.NoEnumeration = m_script.bEnumerates;
+        options.PacketBytes = player.pScript->ulReadBytes;
+        if (!m_script.bEnumerates)
+            options.PacketBytes = std::max(options.PacketBytes, LearnKind(player));
+        options.PacketBytes = std::min<ULONG>(options.PacketBytes, EmuHidMaximumPacket);
+        options.Hook = [this, uKeyboard](const UCHAR* pSetup, EmuBytes& data) {
+            return AnswerControl(m_players[uKeyboard], pSetup, data);
+        };
+        options.OnReceived = [this, uKeyboard](const EmuReceived& received) { Receive(uKeyboard, received); };
+        options.OnLed = [this, uKeyboard](const EmuBytes& report) {
+            if (!report.empty())
+                m_leds.emplace_back(uKeyboard, report[0]);
+        };
+        player.pKeyboard = m_machine->Plug(*m_setup.pKind, options);
+        NTSTATUS status = player.pKeyboard->AddStatus();
+        if (NT_SUCCESS(status))
+            status = player.pKeyboard->StartStatus();
+        if (!NT_SUCCESS(status) || !player.pKeyboard->Filter())
+            throw std::runtime_error(fmt::format("the driver does not start keyboard {}: status 0x{:08x}",
+                                                 uKeyboard, static_cast<uint32_t>(status)));
+    }
+
+    // The type that a kind's descriptors make; returns its endpoint's packet size.
+    ULONG LearnKind(Player& player) const
+    {
+        const EmuDescriptors& kind = *m_setup.pKind;
+        Bytes configuration = BytesAt(kind.pConfiguration, kind.ulConfiguration);
+        player.type.LearnDescriptor(BytesAt(kind.pDevice, 18));
+        player.type.LearnDescriptor(configuration);
+        ULONG ulPacket = 0;
+        for (const InterfaceEndpoint& endpoint : EndpointsOf(configuration))
+            if (endpoint.ucEndpoint & 0x80)
+                ulPacket = std::max<ULONG>(ulPacket, endpoint.usPacketBytes);
+        return ulPacket;
+    }
+
+    void OpenApplication()
+    {
+        m_application = std::make_unique<EmuApplication>();
+        if (!NT_SUCCESS(m_application->OpenStatus()))
+            throw std::runtime_error(fmt::format("the driver's control device does not open: status 0x{:08x}",
+                                                 static_cast<uint32_t>(m_application->OpenStatus())));
+        m_application->RegisterMacroEvent();
+    }
+
+    // The application takes a keyboard up, once its type is known or its first report is about to come.
+    void Announce(unsigned uKeyboard)
+    {
+        Player& player = m_players[uKeyboard];
+        if (player.bAnnounced)
+            return;
+        player.bAnnounced = true;
+        ULONG ulIndex = player.pKeyboard->Index();
+        m_printer.Keyboard(HostNowUs(), uKeyboard, ulIndex, player.type.Type(), *player.pScript);
+        m_application->RegisterNotifyEvent(ulIndex);
+        if (m_setup.config.bReportProcessing)
+            m_application->StartReportProcessing(ulIndex);
+        for (const KeyDefinition& definition : m_setup.config.definitions) {
+            NTSTATUS status = m_application->AddDefinition(ulIndex, definition);
+            m_printer.Definition(HostNowUs(), uKeyboard, definition.ulId, static_cast<uint32_t>(status));
+        }
+    }
+
+    // Moves the clock to that time, stopping wherever something is due on the way to tell what it did.
+    void MoveClock(uint64_t ullUs)
+    {
+        unsigned long long ullDue = 0;
+        while (HostNextTimerUs(&ullDue) && ullDue <= ullUs) {
+            HostAdvanceToUs(ullDue);
+            TellAll();
+        }
+        if (HostNowUs() < ullUs)
+            HostAdvanceToUs(ullUs);
+        TellAll();
+    }
+
+    void Play(const ScriptStep& step)
+    {
+        Player& player = m_players[step.uKeyboard];
+        if (step.kind == StepKind::Control) {
+            SendControl(step.uKeyboard, step);
+            return;
+        }
+        Announce(step.uKeyboard);
+        TellAll();
+        player.sent.push_back(step.data);
+        if (!player.pKeyboard->Report(
+                step.data)) // too many wait for a read already: lost, as in a real keyboard
+            player.sent.pop_back();
+    }
+
+    // Sends a captured request down the stack, where the captured answer completes it.
+    void SendControl(unsigned uKeyboard, const ScriptStep& step)
+    {
+        Player& player = m_players[uKeyboard];
+        Bytes data = step.setup[0] & 0x80 ? Bytes() : step.data;
+        data.resize(step.setup[6] | step.setup[7] << 8);
+        player.pControl = &step;
+        NTSTATUS status = player.pKeyboard->Control(step.setup.data(), data,
+                                                    IsDescriptorRequest(step.setup) ? EmuHidRouteDescriptor
+                                                                                    : EmuHidRouteControl);
+        player.pControl = nullptr;
+        if (!NT_SUCCESS(status))
+            return;
+        player.type.Learn(step.setup, data);
+        if (player.type.Type() != 0)
+            Announce(uKeyboard);
+    }
+
+    // The keyboard's side of a control request: the captured answer, when it is the captured request. What
+    // the driver sends by itself is left to the emulated keyboard.
+    static NTSTATUS AnswerControl(const Player& player, const UCHAR* pSetup, EmuBytes& data)
+    {
+        const ScriptStep* pStep = player.pControl;
+        if (!pStep || !std::equal(pStep->setup.begin(), pStep->setup.end(), pSetup))
+            return STATUS_NOT_SUPPORTED;
+        if (pSetup[0] & 0x80) {
+            size_t cRoom = data.size();
+            data = pStep->data;
+            data.resize(std::min(data.size(), cRoom));
+        }
+        return StatusOf(pStep->outcome);
+    }
+
+    // A read completed. The keyboard's own reports come in the order in which it sent them; when as many are
+    // still kept by the keyboard as have not been received, this one came from the driver.
+    // IRQL <= DISPATCH: only notes what came.
+    void Receive(unsigned uKeyboard, const EmuReceived& received)
+    {
+        Player& player = m_players[uKeyboard];
+        player.bReading = false;
+        if (!NT_SUCCESS(received.Status)) {
+            player.bSilent |= received.Status != STATUS_CANCELLED;
+            return;
+        }
+        Received entry{uKeyboard, std::nullopt, received.Bytes};
+        if (player.sent.size() > player.pKeyboard->KeptReports()) {
+            entry.sent = std::move(player.sent.front());
+            player.sent.pop_front();
+        }
+        m_received.push_back(std::move(entry));
+    }
+
+    // Tells everything that has come to pass, and sends the reads that follow from it. What answers a
+    // report's next read comes before what another keyboard received meanwhile.
+    void TellAll()
+    {
+        HostSettle();
+        if (m_received.empty())
+            TellRecords();
+        while (SendReads(), !m_received.empty()) {
+            Received entry = std::move(m_received.front());
+            m_received.pop_front();
+            ++m_totals.uReports;
+            m_printer.Report(HostNowUs(), entry.uKeyboard, entry.sent, entry.seen);
+            TellRecords();
+            size_t cOthers = m_received.size();
+            SendRead(m_players[entry.uKeyboard]);
+            std::rotate(m_received.begin(), m_received.begin() + static_cast<ptrdiff_t>(cOthers),
+                        m_received.end());
+        }
+    }
+
+    void TellRecords()
+    {
+        for (unsigned k = 0; k < m_players.size(); ++k) {
+            ULONG ulIndex = m_players[k].pKeyboard->Index();
+            if (!m_players[k].bAnnounced || !m_application->NotifySignalled(ulIndex))
+                continue;
+            for (const NotifyRecord& record : m_application->TakeRecords(ulIndex)) {
+                ++m_totals.uEvents;
+                m_printer.Event(HostNowUs(), k, record);
+            }
+        }
+        if (m_application->MacroSignalled())
+            for (const MacroRecord& record : m_application->TakeMacroRecords())
+                m_printer.Macro(HostNowUs(), record);
+        for (; !m_leds.empty(); m_leds.pop_front())
+            m_printer.Led(HostNowUs(), m_leds.front().first, m_leds.front().second);
+    }
+
+    // Sends the keyboard's next read, unless one is on its way or there is something to tell first.
+    void SendRead(Player& player)
+    {
+        if (player.bReading || player.bSilent)
+            return;
+        player.bReading = true;
+        NTSTATUS status = player.pKeyboard->Read();
+        if (player.bReading && !NT_SUCCESS(status)) // it never went down
+            player.bSilent = true;
+        HostSettle();
+    }
+
+    // A read for every keyboard that has none, as long as there is nothing to tell.
+    void SendReads()
+    {
+        for (Player& player : m_players)
+            if (m_received.empty())
+                SendRead(player);
+    }
+
+    // The end: the application leaves, the keyboards are removed in order, the driver is unloaded.
+    unsigned Finish()
+    {
+        uint64_t ullNow = HostNowUs();
+        m_application.reset();
+        for (Player& player : m_players)
+            player.pKeyboard->Unplug(false);
+        m_totals.uKeyboards = static_cast<unsigned>(m_players.size());
+        m_totals.uLeaks = m_machine->Unload();
+        m_printer.End(ullNow, m_totals);
+        return m_totals.uLeaks;
+    }
+
+    const Script& m_script;
+    const ReplaySetup& m_setup;
+    ReplayPrinter& m_printer;
+    std::unique_ptr<EmuMachine> m_machine;
+    std::vector<Player> m_players;
+    std::unique_ptr<EmuApplication> m_application; // closes before the machine goes
+    std::deque<Received> m_received;
+    std::deque<std::pair<unsigned, uint8_t>> m_leds;
+    ReplayTotals m_totals;
+};
+
+} // namespace
+
+unsigned RunReplay(const Script& script, const ReplaySetup& setup, ReplayPrinter& printer)
+{
+    return Replay(script, setup, printer).Run();
+}

@@ -1,0 +1,194 @@
+// table.cpp - the replay as a table for people.
+//
+//       time  kbd  the keyboard sent                            the system sees                    the
+//       application
+//  14.301076    0  01 00 3a 00 00 00 00 00  Left Ctrl + F1   →  00 00 00 00 00 00 00 00  nothing   ▼ 7
+//
+// One line a report, with the events that it caused beside it; the line waits until the next thing happens.
+// What no report caused (a timer's event, an LED report from above) has a line of its own.
+#include "output.h"
+#include "text.h"
+#include "tools/keynames.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace
+{
+
+const char* const Plain = "";
+const char* const Dim = "\x1b[2m";
+const char* const Bold = "\x1b[1m";
+const char* const Yellow = "\x1b[33m";
+const char* const Green = "\x1b[32m";
+const char* const Red = "\x1b[31m";
+
+constexpr size_t SideWidth = 44; // columns of "bytes  names" on either side of the arrow
+
+// The modifiers and keys that a report tells of, by its length: 8 bytes with a modifier byte, 3 bytes with a
+// report ID; other reports have no key names.
+std::string KeysOf(const Bytes& report)
+{
+    std::vector<std::string> names;
+    size_t cFirst = report.size() == 8 ? 2 : report.size() == 3 ? 1 : report.size();
+    if (report.size() == 8)
+        names = ShownModifiers(report[0]);
+    if (report.size() == 8 && std::count(report.begin() + 2, report.end(), 1) == 6)
+        return "(overrun)";
+    for (size_t i = cFirst; i < report.size(); ++i)
+        if (report[i] != 0)
+            names.push_back(ShownKeyName(report[i]));
+    std::string text;
+    for (const std::string& name : names)
+        text += (text.empty() ? "" : " + ") + name;
+    return text;
+}
+
+std::string SideOf(const Bytes& report)
+{
+    return HexOf(report, " ") + "  " + KeysOf(report);
+}
+
+const char* TypeName(unsigned uType)
+{
+    static const char* const names[] = {"of unknown type", "normal", "power", "Jaalaa", "Chic", "other"};
+    return uType < 6 ? names[uType] : "?";
+}
+
+class TablePrinter final : public ReplayPrinter
+{
+public:
+    TablePrinter(FILE* pOut, bool bColour) : m_pOut(pOut), m_bColour(bColour) {}
+
+    void Keyboard(uint64_t ullUs, unsigned uKeyboard, uint32_t ulIndex, unsigned uType,
+                  const ScriptKeyboard& keyboard) override
+    {
+        Note(ullUs, uKeyboard, Bold,
+             fmt::format("keyboard {:04x}:{:04x} {}, {} (device {})", keyboard.usVendor, keyboard.usProduct,
+                         Printable(keyboard.name), TypeName(uType), ulIndex));
+    }
+
+    void Definition(uint64_t ullUs, unsigned uKeyboard, uint32_t ulId, uint32_t ulStatus) override
+    {
+        if (ulStatus == 0)
+            Note(ullUs, uKeyboard, Plain, fmt::format("definition {} added", ulId));
+        else
+            Note(ullUs, uKeyboard, Red,
+                 fmt::format("definition {} refused: status 0x{:08x}", ulId, ulStatus));
+    }
+
+    void Report(uint64_t ullUs, unsigned uKeyboard, const std::optional<Bytes>& sent,
+                const Bytes& seen) override
+    {
+        Flush();
+        if (!m_bHead) {
+            std::string head =
+                fmt::format("{:>11}  kbd  {:{}}    {:{}}  {}", "seconds", "the keyboard sent", SideWidth,
+                            "the system sees", SideWidth, "the application is told");
+            fmt::print(m_pOut, "\n{}\n", Painted(Dim, head));
+            m_bHead = true;
+        }
+        std::string left = sent ? SideOf(*sent) : "(answered by the driver)";
+        const char* pMark = !sent || *sent != seen ? Yellow : Plain;
+        m_line = fmt::format("{:4}.{:06}  {:>3}  {:{}} {}", ullUs / 1000000, ullUs % 1000000, uKeyboard, left,
+                             SideWidth, Painted(pMark, fmt::format("→  {:{}}", SideOf(seen), SideWidth)));
+        m_ullLine = ullUs;
+        m_uLine = uKeyboard;
+    }
+
+    void Event(uint64_t ullUs, unsigned uKeyboard, const NotifyRecord& record) override
+    {
+        std::string text;
+        if (record.ucSource == NOTIFY_SOURCE_HOTKEY)
+            text = fmt::format("hotkey {} {}{}", record.ulId, record.ulValue ? "down" : "up",
+                               record.ulEscAbort ? " (Esc)" : "");
+        else
+            text = fmt::format("key 0x{:x} of definition {}", record.ulValue, record.ulId);
+        Beside(ullUs, uKeyboard, Green, text);
+    }
+
+    void Macro(uint64_t ullUs, const MacroRecord& record) override
+    {
+        Bytes report(record.ucReport,
+                     record.ucReport + std::min<size_t>(record.ucLength, sizeof(record.ucReport)));
+        Beside(ullUs, m_uLine, Green,
+               record.usType == MACRO_RECORD_MODE ? fmt::format("macro mode {}", record.ucMode ? "on" : "off")
+                                                  : "captured " + HexOf(report, " "));
+    }
+
+    void Led(uint64_t ullUs, unsigned uKeyboard, uint8_t ucReport) override
+    {
+        std::string lit;
+        for (const auto& [ucBit, pName] :
+             {std::pair(1, " Num"), std::pair(2, " Caps"), std::pair(4, " Scroll")})
+            if (ucReport & ucBit)
+                lit += pName;
+        Beside(ullUs, uKeyboard, Dim, "LEDs:" + (lit.empty() ? " none" : lit));
+    }
+
+    void End(uint64_t ullUs, const ReplayTotals& totals) override
+    {
+        Flush();
+        fmt::print(m_pOut,
+                   "\n{:4}.{:06}  {} keyboard{}, {} reports, {} events; left behind by the driver: {}\n",
+                   ullUs / 1000000, ullUs % 1000000, totals.uKeyboards, totals.uKeyboards == 1 ? "" : "s",
+                   totals.uReports, totals.uEvents,
+                   totals.uLeaks ? fmt::format("{} things", totals.uLeaks) : "nothing");
+    }
+
+private:
+    // The text in that colour, when colours are on.
+    std::string Painted(const char* pColour, const std::string& text) const
+    {
+        return m_bColour && *pColour ? pColour + text + "\x1b[0m" : text;
+    }
+
+    // A name from a device, without what could drive a terminal.
+    static std::string Printable(std::string text)
+    {
+        for (char& c : text)
+            if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
+                c = '?';
+        return text;
+    }
+
+    void Flush()
+    {
+        if (!m_line.empty()) {
+            m_line.erase(m_line.find_last_not_of(' ') + 1);
+            fmt::print(m_pOut, "{}\n", m_line);
+        }
+        m_line.clear();
+    }
+
+    void Note(uint64_t ullUs, unsigned uKeyboard, const char* pColour, const std::string& text)
+    {
+        Flush();
+        fmt::print(m_pOut, "{:4}.{:06}  {:>3}  {}\n", ullUs / 1000000, ullUs % 1000000, uKeyboard,
+                   Painted(pColour, text));
+    }
+
+    // Beside the report's line when that is the same moment and keyboard, else on a line of its own.
+    void Beside(uint64_t ullUs, unsigned uKeyboard, const char* pColour, const std::string& text)
+    {
+        if (m_line.empty() || m_ullLine != ullUs || m_uLine != uKeyboard)
+            Note(ullUs, uKeyboard, pColour, text);
+        else
+            m_line += "  " + Painted(pColour, text);
+    }
+
+    FILE* m_pOut;
+    bool m_bColour;
+    bool m_bHead = false;
+    std::string m_line; // of the latest report, not printed yet
+    uint64_t m_ullLine = 0;
+    unsigned m_uLine = 0;
+};
+
+} // namespace
+
+std::unique_ptr<ReplayPrinter> MakeTablePrinter(FILE* pOut, bool bColour)
+{
+    return std::make_unique<TablePrinter>(pOut, bColour);
+}

@@ -1,0 +1,19 @@
+// text.h - small text helpers that the readers and the printers share.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// UTF-8 of little-endian UTF-16 bytes; a lone surrogate becomes the replacement character.
+std::string TextOfUtf16(const uint8_t* pBytes, size_t cBytes);
+
+// Lower-case ASCII copy.
+std::string LowerCase(std::string_view text);
+
+// Without blanks at either end.
+std::string_view Trim(std::string_view text);
+
+// Lower-case hexadecimal digits, with the separator between the bytes.
+std::string HexOf(const std::vector<uint8_t>& bytes, std::string_view separator = "");

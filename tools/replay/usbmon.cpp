@@ -1,0 +1,82 @@
+// usbmon.cpp - what one usbmon record holds.
+//
+// Header (host byte order; libpcap swaps it when the capture comes from the other kind of machine):
+//
+//   0 u64 id   8 type 'S' 'C' 'E'   9 transfer type   10 endpoint   11 device   12 u16 bus   14 setup flag
+//   15 data flag   16 s64 seconds   24 s32 microseconds   28 s32 status   32 u32 length   36 u32 captured
+//   length 40 setup packet   (long header only: 48 .. 63)   then the data
+#include "capture.h"
+
+#include <fmt/format.h>
+
+#include <cstring>
+
+namespace
+{
+
+constexpr uint8_t TypeInterrupt = 1, TypeControl = 2;
+
+template <typename T> T FieldAt(const uint8_t* pBytes, size_t cOffset)
+{
+    T value;
+    memcpy(&value, pBytes + cOffset, sizeof(value));
+    return value;
+}
+
+// The system's error numbers as they stand in usbmon records, which are those of Linux wherever they are
+// read.
+Outcome OutcomeOf(int32_t lStatus)
+{
+    switch (lStatus) {
+    case 0:
+        return Outcome::Ok;
+    case -32: // EPIPE
+        return Outcome::Stalled;
+    case -2:   // ENOENT
+    case -104: // ECONNRESET
+        return Outcome::Cancelled;
+    case -19:  // ENODEV
+    case -108: // ESHUTDOWN
+        return Outcome::Gone;
+    default:
+        return Outcome::Failed;
+    }
+}
+
+} // namespace
+
+// Records of other transfer types are left out; a failed submission ('E') counts as a completion with its
+// error. Fails (InputError): a record shorter than its header says.
+void DecodeUsbmon(const RawRecord& record, size_t cHeader, std::vector<Packet>& packets)
+{
+    const uint8_t* pBytes = record.pBytes;
+    if (record.cBytes < cHeader)
+        FailAtPacket(record.file, record.uNumber,
+                     fmt::format("truncated: {} of {} header bytes", record.cBytes, cHeader));
+    uint8_t ucTransfer = pBytes[9];
+    if (ucTransfer != TypeInterrupt && ucTransfer != TypeControl)
+        return;
+    uint32_t ulCaptured = FieldAt<uint32_t>(pBytes, 36);
+    if (ulCaptured > record.cBytes - cHeader)
+        FailAtPacket(record.file, record.uNumber,
+                     fmt::format("truncated: {} of {} data bytes", record.cBytes - cHeader, ulCaptured));
+
+    Packet packet;
+    packet.ullUs = record.ullUs;
+    packet.uNumber = record.uNumber;
+    packet.usBus = FieldAt<uint16_t>(pBytes, 12);
+    packet.usDevice = pBytes[11];
+    packet.ucEndpoint = pBytes[10];
+    packet.type = ucTransfer == TypeControl ? TransferType::Control : TransferType::Interrupt;
+    packet.bSubmit = pBytes[8] == 'S';
+    packet.ullTransfer = FieldAt<uint64_t>(pBytes, 0);
+    packet.data.assign(pBytes + cHeader, pBytes + cHeader + ulCaptured);
+    if (packet.bSubmit) {
+        packet.ulAsked = FieldAt<uint32_t>(pBytes, 32);
+        if (packet.type == TransferType::Control)
+            memcpy(packet.setup.data(), pBytes + 40, 8);
+    } else {
+        packet.outcome = OutcomeOf(FieldAt<int32_t>(pBytes, 28));
+    }
+    packets.push_back(std::move(packet));
+}
