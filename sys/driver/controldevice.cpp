@@ -7,7 +7,8 @@
 //                    needs the spin lock only
 //
 // Runs at PASSIVE_LEVEL in Plug and Play threads. ControlDeviceMutex makes creation, deletion, open and close
-// come one after the other. Applications cannot open the device before its initialising flag is cleared.
+// come one after the other; the arrival callbacks must not take it, because unregistering waits for them.
+// Applications cannot open the device before its initialising flag is cleared.
 #include "driver/driver.h"
 
 #include "control/control.h"
