@@ -1,9 +1,10 @@
 # packages.sh - sourced by run and test: installs the Debian packages that are missing.
-# Everything it says goes to standard error. A stamp in the build folder spares the question the next time.
+# Everything it says goes to standard error. A stamp in the build folder, which holds the list, spares the
+# question the next time.
 
 PACKAGES_RUN="g++ cmake ninja-build libpcap-dev libcli11-dev libtomlplusplus-dev libfmt-dev"
 PACKAGES_TEST="$PACKAGES_RUN clang clang-format llvm libclang-rt-14-dev libgtest-dev libbenchmark-dev
-    g++-mingw-w64-x86-64 binutils-mingw-w64-x86-64 git python3"
+    g++-mingw-w64-x86-64 binutils-mingw-w64-x86-64 python3"
 
 # ensure_packages STAMP-NAME PACKAGE...
 ensure_packages() {
@@ -17,12 +18,26 @@ ensure_packages() {
         dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing="$missing $package"
     done
     if [ -n "$missing" ]; then
-        echo "installing:$missing" >&2
-        local root=""
-        [ "$(id -u)" = 0 ] || root="sudo"
-        $root apt-get update -qq >&2
-        DEBIAN_FRONTEND=noninteractive $root apt-get install -y -qq --no-install-recommends $missing >&2
+        install_packages $missing || return 1
     fi
     mkdir -p build
     echo "$wanted" >"$stamp"
+}
+
+# install_packages PACKAGE...
+install_packages() {
+    local root=""
+    if [ "$(id -u)" != 0 ]; then
+        root="sudo"
+        command -v sudo >/dev/null || {
+            echo "these packages are missing, and there is no sudo to install them: $*" >&2
+            return 1
+        }
+    fi
+    echo "installing: $*" >&2
+    {
+        $root apt-get update -qq
+        $root env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 install -y -qq \
+            --no-install-recommends "$@"
+    } >&2
 }
