@@ -76,6 +76,20 @@ TEST(Capture, ReadsUsbmonWithEitherHeaderInEitherContainer)
     }
 }
 
+TEST(Capture, TakesCapturedLengthsThatCountTheHeader)
+{
+    Bytes report = ReportRecord(CtrlF1).Encode(64);
+    report[36] = 72;
+    UsbmonRecord submission;
+    submission.type = 'S';
+    Bytes read = submission.Encode(64);
+    read[36] = 64;
+    std::vector<Packet> packets = Read(PcapFile(220, {{0, read}, {1, report}}));
+    ASSERT_EQ(2u, packets.size());
+    EXPECT_TRUE(packets[0].data.empty());
+    EXPECT_EQ(CtrlF1, packets[1].data);
+}
+
 TEST(Capture, TellsHowTransfersEnded)
 {
     const std::pair<int32_t, Outcome> usbmon[] = {

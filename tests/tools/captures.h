@@ -13,7 +13,7 @@
 inline void Put(Bytes& bytes, uint64_t ullValue, size_t cWidth)
 {
     for (size_t i = 0; i < cWidth; ++i)
-        bytes.push_back(static_cast<uint8_t>(ullValue >> (8 * i)));
+        bytes.push_back(i < 8 ? static_cast<uint8_t>(ullValue >> (8 * i)) : 0);
 }
 
 inline Bytes Joined(Bytes first, const Bytes& second)

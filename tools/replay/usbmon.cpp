@@ -43,6 +43,22 @@ Outcome OutcomeOf(int32_t lStatus)
     }
 }
 
+// The number of data bytes behind the header. Some writers (virtual machines) count the header in the captured
+// length; the length of the transfer tells.
+// Fails (InputError): the record ends before its data.
+uint32_t DataBytes(const RawRecord& record, size_t cHeader)
+{
+    size_t cBehind = record.cBytes - cHeader;
+    uint32_t ulLength = FieldAt<uint32_t>(record.pBytes, 32);
+    uint32_t ulCaptured = FieldAt<uint32_t>(record.pBytes, 36);
+    if (ulCaptured == record.cBytes && ulLength == cBehind)
+        return ulLength;
+    if (ulCaptured > cBehind)
+        FailAtPacket(record.file, record.uNumber,
+                     fmt::format("truncated: {} of {} data bytes", cBehind, ulCaptured));
+    return ulCaptured;
+}
+
 } // namespace
 
 // Records of other transfer types are left out; a failed submission ('E') counts as a completion with its
@@ -56,10 +72,7 @@ void DecodeUsbmon(const RawRecord& record, size_t cHeader, std::vector<Packet>& 
     uint8_t ucTransfer = pBytes[9];
     if (ucTransfer != TypeInterrupt && ucTransfer != TypeControl)
         return;
-    uint32_t ulCaptured = FieldAt<uint32_t>(pBytes, 36);
-    if (ulCaptured > record.cBytes - cHeader)
-        FailAtPacket(record.file, record.uNumber,
-                     fmt::format("truncated: {} of {} data bytes", record.cBytes - cHeader, ulCaptured));
+    uint32_t ulCaptured = DataBytes(record, cHeader);
 
     Packet packet;
     packet.ullUs = record.ullUs;

@@ -1,0 +1,227 @@
+// replay_test.cpp - whole replays through the driver: captures in, lines out.
+#include "captures.h"
+
+#include "tools/replay/capture.h"
+#include "tools/replay/input.h"
+#include "tools/replay/keyboards.h"
+#include "tools/replay/recording.h"
+#include "tools/replay/replay.h"
+
+#include <gtest/gtest.h>
+
+extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistryPath);
+
+namespace
+{
+
+const TestInterface Boot = {3, 1, 1};
+const char* const CtrlF1 = "[[definition]]\nid = 7\nmodifiers = 0x400\nscans = [0x3B]\nswallow = 1\n";
+const char* const F1 = "[[definition]]\nid = 3\nkeys = [\"F1\"]\nswallow = 1\n";
+
+std::vector<std::string> LinesOf(const std::string& text)
+{
+    std::vector<std::string> lines;
+    for (size_t cAt = 0, cEnd; (cEnd = text.find('\n', cAt)) != text.npos; cAt = cEnd + 1)
+        lines.push_back(text.substr(cAt, cEnd - cAt));
+    return lines;
+}
+
+// The JSON lines of one replay.
+std::vector<std::string> Replayed(const Script& script, const std::string& config,
+                                  const char* pKind = "normal")
+{
+    char* pText = nullptr;
+    size_t cText = 0;
+    FILE* pOut = open_memstream(&pText, &cText);
+    ReplayConfig parsed = ParseConfig("my.toml", config);
+    unsigned uLeaks =
+        RunReplay(script, {DriverEntry, EmuMachine::FindKind(pKind), parsed}, *MakeJsonPrinter(pOut));
+    fclose(pOut);
+    std::string text(pText, cText);
+    free(pText);
+    EXPECT_EQ(0u, uLeaks);
+    return LinesOf(text);
+}
+
+std::vector<std::string> ReplayedCapture(const UsbmonStory& story, const std::string& config)
+{
+    TestFile file(story.File());
+    return Replayed(ReadInput(file.Path()), config);
+}
+
+std::vector<std::string> ReplayedRecording(const std::string& text, const std::string& config,
+                                           const char* pKind)
+{
+    return Replayed(ScriptOfRecording("my.hid", BytesOf(text)), config, pKind);
+}
+
+std::vector<std::string> Only(const std::vector<std::string>& lines, const std::string& part)
+{
+    std::vector<std::string> some;
+    for (const std::string& line : lines)
+        if (line.find(part) != line.npos)
+            some.push_back(line);
+    return some;
+}
+
+using Lines = std::vector<std::string>;
+
+} // namespace
+
+TEST(Replay, TellsCauseAndEffectInOrder)
+{
+    UsbmonStory story;
+    story.Enumerate(0x1234, 0x5678, ConfigurationOf({Boot}));
+    story.At(1000).Report({1, 0, 0, 0, 0, 0, 0, 0});
+    story.At(2000).Report({1, 0, 0x3A, 0, 0, 0, 0, 0});
+    story.At(2500).Control({0x21, 9, 0, 2, 0, 0, 1, 0}, {4});
+    story.At(3000).Report({1, 0, 0, 0, 0, 0, 0, 0});
+    EXPECT_EQ(
+        (Lines{
+            R"({"type":"keyboard","t_us":30,"kbd":0,"index":0,"kbdtype":1,"vendor":4660,"product":22136,"name":""})",
+            R"({"type":"definition","t_us":30,"kbd":0,"id":7,"status":"0x00000000"})",
+            R"({"type":"report","t_us":1000,"kbd":0,"in":"0100000000000000","out":"0100000000000000"})",
+            R"({"type":"report","t_us":2000,"kbd":0,"in":"01003a0000000000","out":"0000000000000000"})",
+            R"({"type":"event","t_us":2000,"kbd":0,"id":7,"value":1,"esc_abort":0,"source":0})",
+            R"({"type":"led","t_us":2500,"kbd":0,"report":4,"flags":1})",
+            R"({"type":"report","t_us":3000,"kbd":0,"in":"0100000000000000","out":"0100000000000000"})",
+            R"({"type":"event","t_us":3000,"kbd":0,"id":7,"value":0,"esc_abort":0,"source":0})",
+            R"({"type":"end","t_us":2003000,"keyboards":1,"reports":3,"events":2,"leaks":0})",
+        }),
+        ReplayedCapture(story, CtrlF1));
+}
+
+TEST(Replay, KeepsKeyboardsApart)
+{
+    UsbmonStory story;
+    story.Device(5).Enumerate(1, 5, ConfigurationOf({Boot}));
+    story.At(100).Device(6).Enumerate(1, 6, ConfigurationOf({Boot}));
+    story.At(1000).Device(6).Report({0, 0, 0x3A, 0, 0, 0, 0, 0});
+    story.At(2000).Device(5).Report({0, 0, 4, 0, 0, 0, 0, 0});
+    story.At(3000).Device(6).Report({0, 0, 0, 0, 0, 0, 0, 0});
+    Lines lines = ReplayedCapture(story, F1);
+    EXPECT_EQ(
+        (Lines{
+            R"({"type":"keyboard","t_us":30,"kbd":0,"index":0,"kbdtype":1,"vendor":1,"product":5,"name":""})",
+            R"({"type":"keyboard","t_us":130,"kbd":1,"index":1,"kbdtype":1,"vendor":1,"product":6,"name":""})",
+        }),
+        Only(lines, "\"keyboard\""));
+    EXPECT_EQ((Lines{
+                  R"({"type":"report","t_us":1000,"kbd":1,"in":"00003a0000000000","out":"0000000000000000"})",
+                  R"({"type":"report","t_us":2000,"kbd":0,"in":"0000040000000000","out":"0000040000000000"})",
+                  R"({"type":"report","t_us":3000,"kbd":1,"in":"0000000000000000","out":"0000000000000000"})",
+              }),
+              Only(lines, "\"report\","));
+    EXPECT_EQ((Lines{
+                  R"({"type":"event","t_us":1000,"kbd":1,"id":3,"value":1,"esc_abort":0,"source":0})",
+                  R"({"type":"event","t_us":3000,"kbd":1,"id":3,"value":0,"esc_abort":0,"source":0})",
+              }),
+              Only(lines, "\"event\""));
+}
+
+TEST(Replay, EndsAHotkeyWhoseKeyboardIsPulledOut)
+{
+    UsbmonStory story;
+    story.Enumerate(1, 2, ConfigurationOf({Boot}));
+    story.At(1000).Report({1, 0, 0x3A, 0, 0, 0, 0, 0});
+    story.At(1500).Report({}, 0x81, -84).Report({}, 0x81, -108);
+    Lines lines = ReplayedCapture(story, CtrlF1);
+    EXPECT_EQ(1u, Only(lines, "\"event\"").size());
+    EXPECT_EQ(1u, Only(lines, "\"value\":1").size());
+    EXPECT_EQ(R"({"type":"end","t_us":2001000,"keyboards":1,"reports":1,"events":1,"leaks":0})",
+              lines.back());
+}
+
+TEST(Replay, BeginsAtTheFirstReportWithoutEnumeration)
+{
+    UsbmonStory story;
+    story.At(0).Control({0x21, 9, 0, 2, 0, 0, 1, 0}, {1});
+    story.At(700).Report({0, 0, 0x3A, 0, 0, 0, 0, 0});
+    Lines lines = ReplayedCapture(story, F1);
+    ASSERT_EQ(6u, lines.size());
+    EXPECT_EQ(R"({"type":"led","t_us":0,"kbd":0,"report":1,"flags":2})", lines[0]);
+    EXPECT_EQ(
+        R"({"type":"keyboard","t_us":700,"kbd":0,"index":0,"kbdtype":0,"vendor":0,"product":0,"name":""})",
+        lines[1]);
+    EXPECT_EQ(R"({"type":"definition","t_us":700,"kbd":0,"id":3,"status":"0x00000000"})", lines[2]);
+    EXPECT_EQ(R"({"type":"report","t_us":700,"kbd":0,"in":"00003a0000000000","out":"0000000000000000"})",
+              lines[3]);
+    EXPECT_EQ(R"({"type":"event","t_us":700,"kbd":0,"id":3,"value":1,"esc_abort":0,"source":0})", lines[4]);
+}
+
+TEST(Replay, TakesReportsOfThreeAndTwoBytes)
+{
+    UsbmonStory story;
+    story.Report({9, 0x3A, 0}).At(10).Report({9, 0, 0}).At(20).Report({1, 2}, 0x82);
+    Lines lines = ReplayedCapture(story, F1);
+    EXPECT_EQ((Lines{
+                  R"({"type":"report","t_us":0,"kbd":0,"in":"093a00","out":"090000"})",
+                  R"({"type":"report","t_us":10,"kbd":0,"in":"090000","out":"090000"})",
+                  R"({"type":"report","t_us":20,"kbd":1,"in":"0102","out":"0102"})",
+              }),
+              Only(lines, "\"report\","));
+    EXPECT_EQ(2u, Only(lines, "\"event\"").size());
+}
+
+TEST(Replay, ReportsARefusedDefinitionAndGoesOn)
+{
+    std::string scans;
+    for (int i = 0; i < 33; ++i)
+        scans += "0x1E, ";
+    Lines lines = ReplayedRecording("E: 5.000000 8 00 00 3a 00 00 00 00 00\n",
+                                    "[[definition]]\nid = 1\nscans = [" + scans + "]\n" + F1, "normal");
+    EXPECT_EQ((Lines{
+                  R"({"type":"definition","t_us":0,"kbd":0,"id":1,"status":"0xc0000001"})",
+                  R"({"type":"definition","t_us":0,"kbd":0,"id":3,"status":"0x00000000"})",
+              }),
+              Only(lines, "\"definition\""));
+    EXPECT_EQ(1u, Only(lines, "\"event\"").size());
+}
+
+TEST(Replay, GivesARecordingTheKindThatWasAskedFor)
+{
+    const char* pRecording = "D: 0\nN: Mine\nI: 3 046d c31c\nE: 1.000000 2 00 00\nE: 1.5 2 01 00\n";
+    const std::pair<const char*, unsigned> kinds[] = {
+        {"normal", 1}, {"power", 2}, {"jaalaa", 3}, {"chic", 4}, {"other", 5}};
+    for (auto [pKind, uType] : kinds) {
+        Lines lines = ReplayedRecording(pRecording, F1, pKind);
+        ASSERT_FALSE(lines.empty());
+        EXPECT_EQ(R"({"type":"keyboard","t_us":0,"kbd":0,"index":0,"kbdtype":)" + std::to_string(uType) +
+                      R"(,"vendor":1133,"product":49948,"name":"Mine"})",
+                  lines[0]);
+        EXPECT_EQ(R"({"type":"end","t_us":2500000,"keyboards":1,"reports":2,"events":0,"leaks":0})",
+                  lines.back());
+    }
+}
+
+TEST(Replay, SwitchedOffLeavesReportsAlone)
+{
+    Lines lines = ReplayedRecording("E: 0.0 8 01 00 3a 00 00 00 00 00\n",
+                                    std::string("report_processing = false\n") + CtrlF1, "normal");
+    EXPECT_EQ(
+        (Lines{R"({"type":"report","t_us":0,"kbd":0,"in":"01003a0000000000","out":"01003a0000000000"})"}),
+        Only(lines, "\"report\","));
+    EXPECT_TRUE(Only(lines, "\"event\"").empty());
+}
+
+TEST(Replay, PlaysTheSample)
+{
+    std::string sample =
+        (std::filesystem::path(__FILE__).parent_path() / "../../samples/typing.pcap").string();
+    Lines lines = Replayed(ReadInput(sample), CtrlF1);
+    Lines events;
+    for (const auto& [pTime, iValue] :
+         {std::pair("14301076", 1), {"14342677", 0}, {"15222157", 1}, {"15263761", 0}, {"15566560", 1}})
+        events.push_back(std::string(R"({"type":"event","t_us":)") + pTime + R"(,"kbd":0,"id":7,"value":)" +
+                         std::to_string(iValue) + R"(,"esc_abort":0,"source":0})");
+    Lines told = Only(lines, "\"event\"");
+    ASSERT_EQ(6u, told.size());
+    EXPECT_EQ(events, Lines(told.begin(), told.end() - 1));
+    EXPECT_NE(told[5].npos, told[5].find("\"value\":0,\"esc_abort\":1")) << told[5]; // Esc during the hotkey
+    EXPECT_EQ(R"({"type":"end","t_us":19397246,"keyboards":1,"reports":229,"events":6,"leaks":0})",
+              lines.back());
+    EXPECT_EQ(5u, Only(lines, "\"led\"").size());
+    EXPECT_EQ(
+        R"({"type":"keyboard","t_us":200,"kbd":0,"index":0,"kbdtype":1,"vendor":1575,"product":1,"name":"QEMU USB Keyboard"})",
+        lines[0]);
+}
