@@ -1,0 +1,249 @@
+// core.h - the host's inner records: its state, threads, objects and the ways in to its parts.
+//
+// One mutex, HostState::Lock, guards the scheduler, dispatcher objects, timers, queues, handles and
+// ledgers in both modes. It is never held while a driver's code runs. Requests have a lock of their own
+// (irp.cpp), needed only when threads run freely.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+#include <pthread.h>
+
+#include <host.h>
+
+using HostLock = std::unique_lock<std::mutex>;
+using HostText = std::u16string;
+
+// --- verify.cpp
+[[noreturn]] void HostBug(const char* pCode, const char* pFormat, ...) __attribute__((format(printf, 2, 3)));
+void HostLeak(unsigned& uCount, const char* pFormat, ...) __attribute__((format(printf, 2, 3)));
+bool HostShouldFail(const char* pKind); // asked by every fallible call
+void HostRequireIrql(const char* pRoutine, KIRQL highest);
+
+// --- objects: a counted body behind a header (object.cpp)
+enum HostKind { HostKindEvent, HostKindThread, HostKindFile, HostKindDevice, HostKindKey, HostKindDiskFile };
+
+struct HostObject {
+    ULONG_PTR ulMagic;
+    HostKind Kind;
+    long lReferences;
+    PDRIVER_OBJECT pOwner;
+    void (*pDestroy)(void* pBody);
+    size_t bodySize;
+    void* pSpare;
+};
+
+void* HostNewObject(HostKind kind, size_t bodySize, void (*pDestroy)(void* pBody));
+HostObject* HostObjectOf(void* pBody, const char* pCall); // checks that the object lives
+void HostReference(void* pBody); // the host's own references: not in a driver's ledger
+void HostDereference(void* pBody);
+HANDLE HostNewHandle(void* pBody, bool bUser);                    // takes over a reference
+void* HostFromHandle(HANDLE h, HostKind kind, NTSTATUS* pStatus); // borrowed
+const char* HostKindName(HostKind kind);
+unsigned HostAuditObjects(PDRIVER_OBJECT pDriver);
+
+// --- threads and the scheduler (sched.cpp)
+struct HostOsThread {
+    pthread_t Os;
+    bool bEnded;
+};
+
+struct _KTHREAD {
+    DISPATCHER_HEADER Header; // signalled when the thread has ended
+    std::string Name;
+    std::function<void()> Body;
+    std::condition_variable Wake;
+    HostOsThread* pOs;
+    KIRQL Irql;
+    bool bMayRun; // simulated mode: holds the baton
+    bool bWaiting;
+    bool bTerminating;
+    bool b32;
+    KPROCESSOR_MODE WaitMode;
+    WAIT_TYPE WaitType;
+    NTSTATUS WaitStatus;
+    ULONG ulBlocks;
+    PKWAIT_BLOCK pBlocks;
+    std::pair<LONGLONG, ULONGLONG> Due; // key in HostState::Due while a timed wait runs
+    bool bTimed;
+    PKSPIN_LOCK Held[2];
+    unsigned uHeld;
+    bool bLeafHeld;
+    PDRIVER_OBJECT pDriver; // whose code runs
+    PIRP pRequest;          // the application's request that this thread waits for
+};
+
+struct HostThreadObject : _KTHREAD {
+};
+
+PKTHREAD HostSelf();
+PKTHREAD HostSpawn(const char* pName, std::function<void()> body, size_t stackBytes,
+                   PDRIVER_OBJECT pDriver = nullptr); // referenced for the caller
+void HostBlock(HostLock& lock, PKTHREAD pSelf);       // until bWaiting is false
+void HostWake(PKTHREAD pThread);                      // under Lock
+void HostRunDpcs();                                   // simulated mode, below DISPATCH_LEVEL
+void HostStartSystemThreads();
+bool HostEndSystemThreads(); // false: a thread could not be ended
+
+// Says whose code runs, and checks on leaving that it left level and locks as it found them.
+class HostDriverScope
+{
+public:
+    HostDriverScope(PDRIVER_OBJECT pDriver, const char* pWhat);
+    ~HostDriverScope();
+    HostDriverScope(const HostDriverScope&) = delete;
+    HostDriverScope& operator=(const HostDriverScope&) = delete;
+
+private:
+    PKTHREAD pThread;
+    PDRIVER_OBJECT pBefore;
+    const char* pWhat;
+    KIRQL Irql;
+    unsigned uHeld;
+};
+
+// --- dispatcher objects (wait.cpp)
+void HostInitHeader(DISPATCHER_HEADER* pHeader, UCHAR ucType, size_t size, LONG lState);
+void HostSignal(DISPATCHER_HEADER* pHeader);         // under Lock, SignalState already set
+void HostEndWait(PKTHREAD pThread, NTSTATUS status); // under Lock
+NTSTATUS HostWait(PVOID* ppObjects, ULONG ulCount, WAIT_TYPE type, KPROCESSOR_MODE mode,
+                  PLARGE_INTEGER pTimeout, PKWAIT_BLOCK pBlocks, const char* pCall);
+std::string HostDescribeWait(PKTHREAD pThread);
+
+// --- clock, timers, DPCs (timer.cpp, dpc.cpp), all under Lock
+LONGLONG HostNow();              // 100 ns since the start
+void HostExpire(LONGLONG llNow); // everything due at or before
+LONGLONG HostSystemBase();
+void HostQueueDpc(PKDPC pDpc, PVOID pArgument1, PVOID pArgument2);
+void HostRunOneDpc(HostLock& lock, PKTHREAD pSelf);
+void HostDpcThread();
+void HostTimerThread();
+
+// --- work (work.cpp)
+void HostQueueWork(std::function<void()> work, const void* pIdentity, PDRIVER_OBJECT pOwner); // takes Lock
+void HostEndWorkers();
+
+// --- memory (pool.cpp)
+void* HostAllocate(size_t bytes, const char* pKind, ULONG ulTag, PDRIVER_OBJECT pOwner);
+void HostRelease(void* p, const char* pKind);
+void HostCheckNoLiveThings(const void* p, size_t bytes, const char* pWhat);
+void HostGuardPaged(bool bGuard);
+bool HostIsFreed(const void* p); // as far as an address sanitizer knows
+bool HostFindUnwritten(const UCHAR* pData, size_t bytes, size_t* pOffset);
+void HostFillUnwritten(UCHAR* pData, size_t bytes);
+unsigned HostAuditPool(PDRIVER_OBJECT pDriver);
+void HostDropMemory(); // frees what is left
+extern const char HostPoolKind[];
+extern const char HostObjectKind[];
+
+// --- names, devices, requests
+struct HostName {
+    PDEVICE_OBJECT pDevice; // or null: a link
+    HostText Target;
+    PDRIVER_OBJECT pOwner;
+};
+HostText HostCanonicalName(const HostText& name);
+NTSTATUS HostLookUpDevice(const HostText& name, PDEVICE_OBJECT* ppDevice, HostText* pRest); // referenced
+NTSTATUS HostSendRequest(PDEVICE_OBJECT pTop, const IO_STACK_LOCATION& location, NTSTATUS initial,
+                         KPROCESSOR_MODE mode, ULONG_PTR* pInformation);
+NTSTATUS HostOpenDevice(const HostText& name, KPROCESSOR_MODE mode, PFILE_OBJECT* ppFile);
+void HostCleanupFile(PFILE_OBJECT pFile);
+NTSTATUS HostSendControl(PFILE_OBJECT pFile, ULONG ulCode, const void* pIn, ULONG ulIn, void* pOut,
+                         ULONG ulOut, ULONG_PTR* pInformation);
+void HostCancelRequestOf(PKTHREAD pThread);
+unsigned HostAuditNames(PDRIVER_OBJECT pDriver);
+unsigned HostAuditPnp(PDRIVER_OBJECT pDriver);
+void HostForgetDevice(PDEVICE_OBJECT pDevice); // its properties
+void HostDropPnp();
+void HostTargetEvent(PDEVICE_OBJECT pDevice, const GUID& event);
+
+// --- text (string.cpp)
+HostText HostTextOf(PCUNICODE_STRING pString);
+HostText HostTextOf(const WCHAR* pText);
+HostText HostTextOf(const std::string& utf8);
+std::string HostUtf8(const HostText& text);
+HostText HostUpper(HostText text);
+UNICODE_STRING
+HostPoolString(const HostText& text); // NUL-terminated, from the driver's pool; Buffer null: failed
+
+// --- registry (registry.cpp, regtext.cpp)
+struct HostValue {
+    HostText Name;
+    ULONG ulType;
+    std::vector<UCHAR> Data;
+};
+struct HostKey {
+    HostText Name;
+    std::map<HostText, std::unique_ptr<HostKey>> Keys; // by upper-case name
+    std::map<HostText, HostValue> Values;
+};
+HostKey* HostFindKey(const HostText& path, bool bCreate, bool* pbCreated);
+void HostParseRegistry(const std::string& text);
+
+struct HostState {
+    HostOptions Options;
+    bool bThreaded = false;
+    bool bStopping = false;
+    ULONGLONG ullGeneration = 0;
+
+    std::mutex Lock;
+    std::vector<PKTHREAD> Threads; // all that live
+    std::vector<std::unique_ptr<HostOsThread>> OsThreads;
+    std::vector<PKTHREAD> Adopted;
+    std::deque<PKTHREAD> Ready;
+    std::deque<PKTHREAD> Settling;
+    PKTHREAD pMain = nullptr;
+
+    LONGLONG llNow = 0; // simulated clock
+    LONGLONG llStart = 0;
+    ULONGLONG ullSequence = 0;
+    struct DueThing {
+        PKTIMER pTimer;
+        PKTHREAD pThread;
+    };
+    std::map<std::pair<LONGLONG, ULONGLONG>, DueThing> Due;
+    std::condition_variable TimerWake;
+    LIST_ENTRY DpcQueue;
+    bool bDpcRunning = false;
+    std::condition_variable DpcWake;
+    std::condition_variable DpcIdle;
+    std::vector<PKTHREAD> SystemThreads;
+
+    struct Work {
+        std::function<void()> Run;
+        const void* pIdentity;
+        PDRIVER_OBJECT pOwner;
+    };
+    std::deque<Work> WorkQueue;
+    std::vector<PKTHREAD> Workers;
+    std::vector<PKTHREAD> IdleWorkers;
+    unsigned uBusyWorkers = 0;
+
+    struct HandleEntry {
+        void* pBody;
+        PDRIVER_OBJECT pOwner;
+        bool bUser;
+    };
+    std::map<ULONG_PTR, HandleEntry> Handles;
+    ULONG_PTR ulNextHandle = 4;
+    std::map<std::pair<PDRIVER_OBJECT, void*>, long> References; // each driver's balance
+
+    std::map<HostText, HostName> Names;
+    std::vector<struct HostDriver*> Drivers;
+    std::mutex IrpLock;
+    KSPIN_LOCK CancelLock = 0;
+    HostKey Registry;
+
+    std::string FailKind;
+    unsigned uFailNth = 0;
+    unsigned uFallible = 0;
+};
+
+extern HostState* g;

@@ -1,0 +1,120 @@
+// dpc.cpp - deferred procedure calls.
+//
+// Simulated: the queue is emptied on the running thread as soon as its level is below DISPATCH_LEVEL.
+// Threaded: a thread of its own runs them at DISPATCH_LEVEL, one after the other.
+#include "core.h"
+
+enum : UCHAR { DPC_TYPE = 0x13 };
+
+void KeInitializeDpc(PRKDPC pDpc, PKDEFERRED_ROUTINE pRoutine, PVOID pContext)
+{
+    pDpc->Type = DPC_TYPE;
+    pDpc->Importance = 1;
+    pDpc->Number = 0;
+    pDpc->DpcListEntry = {nullptr, nullptr};
+    pDpc->DeferredRoutine = pRoutine;
+    pDpc->DeferredContext = pContext;
+    pDpc->SystemArgument1 = nullptr;
+    pDpc->SystemArgument2 = nullptr;
+    pDpc->DpcData = HostSelf()->pDriver; // whose code it is
+}
+
+// Appends the call; one that is queued already stays where it is.
+// Lock: held.
+void HostQueueDpc(PKDPC pDpc, PVOID pArgument1, PVOID pArgument2)
+{
+    if (pDpc->Type != DPC_TYPE) {
+        HostBug("DPC_NOT_INITIALISED", "a DPC that was never initialised is queued");
+    }
+    if (pDpc->DpcListEntry.Flink != nullptr) {
+        return;
+    }
+    pDpc->SystemArgument1 = pArgument1;
+    pDpc->SystemArgument2 = pArgument2;
+    InsertTailList(&g->DpcQueue, &pDpc->DpcListEntry);
+    g->DpcWake.notify_all();
+}
+
+// Takes the first call from the queue and makes it at DISPATCH_LEVEL on this thread.
+// Lock: held, released during the call.
+void HostRunOneDpc(HostLock& lock, PKTHREAD pSelf)
+{
+    PKDPC pDpc = CONTAINING_RECORD(RemoveHeadList(&g->DpcQueue), KDPC, DpcListEntry);
+    pDpc->DpcListEntry = {nullptr, nullptr};
+    PKDEFERRED_ROUTINE pRoutine = pDpc->DeferredRoutine;
+    PVOID pContext = pDpc->DeferredContext;
+    PVOID pArgument1 = pDpc->SystemArgument1;
+    PVOID pArgument2 = pDpc->SystemArgument2;
+    PDRIVER_OBJECT pDriver = static_cast<PDRIVER_OBJECT>(pDpc->DpcData);
+    g->bDpcRunning = true;
+    lock.unlock();
+    KIRQL before = KfRaiseIrql(DISPATCH_LEVEL);
+    {
+        HostDriverScope scope(pDriver, "a DPC routine");
+        pRoutine(pDpc, pContext, pArgument1, pArgument2);
+    }
+    pSelf->Irql = before;
+    if (!g->bThreaded && before < DISPATCH_LEVEL) {
+        HostGuardPaged(false);
+    }
+    lock.lock();
+    g->bDpcRunning = false;
+    g->DpcIdle.notify_all();
+}
+
+void HostRunDpcs()
+{
+    PKTHREAD pSelf = HostSelf();
+    HostLock lock(g->Lock);
+    while (!IsListEmpty(&g->DpcQueue)) {
+        HostRunOneDpc(lock, pSelf);
+    }
+}
+
+void HostDpcThread()
+{
+    PKTHREAD pSelf = HostSelf();
+    HostLock lock(g->Lock);
+    while (!g->bStopping) {
+        if (IsListEmpty(&g->DpcQueue)) {
+            g->DpcWake.wait(lock);
+        } else {
+            HostRunOneDpc(lock, pSelf);
+        }
+    }
+}
+
+BOOLEAN KeInsertQueueDpc(PRKDPC pDpc, PVOID pArgument1, PVOID pArgument2)
+{
+    bool bQueued;
+    {
+        HostLock lock(g->Lock);
+        bQueued = pDpc->DpcListEntry.Flink == nullptr;
+        HostQueueDpc(pDpc, pArgument1, pArgument2);
+    }
+    if (!g->bThreaded && KeGetCurrentIrql() < DISPATCH_LEVEL) {
+        HostRunDpcs();
+    }
+    return bQueued;
+}
+
+BOOLEAN KeRemoveQueueDpc(PRKDPC pDpc)
+{
+    HostLock lock(g->Lock);
+    if (pDpc->DpcListEntry.Flink == nullptr) {
+        return FALSE;
+    }
+    RemoveEntryList(&pDpc->DpcListEntry);
+    pDpc->DpcListEntry = {nullptr, nullptr};
+    return TRUE;
+}
+
+// Returns when every call that was queued before has been made. Simulated: none can be left.
+void KeFlushQueuedDpcs()
+{
+    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostLock lock(g->Lock);
+    while (g->bThreaded && (!IsListEmpty(&g->DpcQueue) || g->bDpcRunning)) {
+        g->DpcIdle.wait(lock);
+    }
+}

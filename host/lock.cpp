@@ -1,0 +1,143 @@
+// lock.cpp - the interrupt level of a thread, and spin locks.
+//
+// A spin lock's word holds its owner. A thread holds at most one lock taken with RaiseToDpc, and under it
+// at most one leaf taken with AtDpcLevel; nothing may be taken under a leaf. In simulated mode threads
+// never change while a lock is held, so a lock that is found taken can never be released.
+#include "core.h"
+
+#include <sched.h>
+
+KIRQL KeGetCurrentIrql()
+{
+    return HostSelf()->Irql;
+}
+
+static void SetIrql(PKTHREAD pSelf, KIRQL irql)
+{
+    bool bBefore = pSelf->Irql >= DISPATCH_LEVEL;
+    bool bAfter = irql >= DISPATCH_LEVEL;
+    pSelf->Irql = irql;
+    if (bBefore != bAfter && !g->bThreaded) {
+        HostGuardPaged(bAfter);
+    }
+}
+
+KIRQL KfRaiseIrql(KIRQL irql)
+{
+    PKTHREAD pSelf = HostSelf();
+    KIRQL before = pSelf->Irql;
+    if (irql < before) {
+        HostBug("IRQL_NOT_GREATER_OR_EQUAL", "KeRaiseIrql to %u from %u", irql, before);
+    }
+    SetIrql(pSelf, irql);
+    return before;
+}
+
+KIRQL KeRaiseIrqlToDpcLevel()
+{
+    return KfRaiseIrql(DISPATCH_LEVEL);
+}
+
+void KeLowerIrql(KIRQL irql)
+{
+    PKTHREAD pSelf = HostSelf();
+    if (irql > pSelf->Irql) {
+        HostBug("IRQL_NOT_LESS_OR_EQUAL", "KeLowerIrql to %u from %u", irql, pSelf->Irql);
+    }
+    if (pSelf->uHeld != 0 && irql < DISPATCH_LEVEL) {
+        HostBug("IRQL_NOT_GREATER_OR_EQUAL", "KeLowerIrql to %u while a spin lock is held", irql);
+    }
+    SetIrql(pSelf, irql);
+    if (irql < DISPATCH_LEVEL && !g->bThreaded && !IsListEmpty(&g->DpcQueue)) {
+        HostRunDpcs();
+    }
+}
+
+void KeInitializeSpinLock(PKSPIN_LOCK pLock)
+{
+    __atomic_store_n(pLock, 0, __ATOMIC_RELEASE);
+}
+
+static void Take(PKTHREAD pSelf, PKSPIN_LOCK pLock, const char* pCall)
+{
+    KSPIN_LOCK self = reinterpret_cast<KSPIN_LOCK>(pSelf);
+    if (__atomic_load_n(pLock, __ATOMIC_RELAXED) == self) {
+        HostBug("SPIN_LOCK_ALREADY_OWNED", "%s: the thread holds this lock already", pCall);
+    }
+    KSPIN_LOCK expected = 0;
+    while (!__atomic_compare_exchange_n(pLock, &expected, self, true, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
+        if (expected != 0 && !g->bThreaded) {
+            HostBug("SPIN_LOCK_ALREADY_OWNED",
+                    "%s: the lock is held by a thread that cannot run, or was never "
+                    "initialised",
+                    pCall);
+        }
+        expected = 0;
+        sched_yield();
+    }
+    pSelf->Held[pSelf->uHeld++] = pLock;
+}
+
+static void Give(PKTHREAD pSelf, PKSPIN_LOCK pLock, const char* pCall)
+{
+    if (pSelf->uHeld == 0 || pSelf->Held[pSelf->uHeld - 1] != pLock) {
+        HostBug("SPIN_LOCK_NOT_OWNED", "%s: the thread does not hold this lock, or took another after it",
+                pCall);
+    }
+    pSelf->uHeld--;
+    __atomic_store_n(pLock, 0, __ATOMIC_RELEASE);
+}
+
+KIRQL KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK pLock)
+{
+    PKTHREAD pSelf = HostSelf();
+    KIRQL before = pSelf->Irql;
+    if (before > DISPATCH_LEVEL) {
+        HostBug("IRQL_NOT_LESS_OR_EQUAL", "%s called at IRQL %u", __func__, before);
+    }
+    SetIrql(pSelf, DISPATCH_LEVEL);
+    if (pSelf->uHeld != 0) {
+        HostBug(pSelf->Held[pSelf->uHeld - 1] == pLock ? "SPIN_LOCK_ALREADY_OWNED" : "SPIN_LOCK_SECOND_LOCK",
+                "%s: the thread holds a spin lock already", __func__);
+    }
+    Take(pSelf, pLock, __func__);
+    return before;
+}
+
+void KeReleaseSpinLock(PKSPIN_LOCK pLock, KIRQL irql)
+{
+    PKTHREAD pSelf = HostSelf();
+    Give(pSelf, pLock, __func__);
+    KeLowerIrql(irql);
+}
+
+void KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK pLock)
+{
+    PKTHREAD pSelf = HostSelf();
+    if (pSelf->Irql < DISPATCH_LEVEL) {
+        HostBug("IRQL_NOT_GREATER_OR_EQUAL", "%s called at IRQL %u", __func__, pSelf->Irql);
+    }
+    if (pSelf->bLeafHeld) {
+        HostBug(pSelf->Held[pSelf->uHeld - 1] == pLock ? "SPIN_LOCK_ALREADY_OWNED" : "SPIN_LOCK_SECOND_LOCK",
+                "%s: a lock under a leaf lock", __func__);
+    }
+    Take(pSelf, pLock, __func__);
+    pSelf->bLeafHeld = true;
+}
+
+void KeReleaseSpinLockFromDpcLevel(PKSPIN_LOCK pLock)
+{
+    PKTHREAD pSelf = HostSelf();
+    Give(pSelf, pLock, __func__);
+    pSelf->bLeafHeld = false;
+}
+
+void IoAcquireCancelSpinLock(PKIRQL pIrql)
+{
+    *pIrql = KeAcquireSpinLockRaiseToDpc(&g->CancelLock);
+}
+
+void IoReleaseCancelSpinLock(KIRQL irql)
+{
+    KeReleaseSpinLock(&g->CancelLock, irql);
+}

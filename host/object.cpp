@@ -1,0 +1,194 @@
+// object.cpp - counted objects, handles, and the ledger of what each driver references.
+//
+//   HostObject | body      the header stands in front of the body that the driver sees
+//
+// The object goes when its count reaches 0. A handle holds one count. References that a driver takes are
+// booked on the driver whose code runs, and given back by whoever releases them.
+#include "core.h"
+
+enum : ULONG_PTR { OBJECT_MAGIC = 0x7463656a626f746e };
+
+struct _OBJECT_TYPE {
+    HostKind Kind;
+};
+
+static _OBJECT_TYPE EventType = {HostKindEvent};
+static _OBJECT_TYPE FileType = {HostKindFile};
+static _OBJECT_TYPE ThreadType = {HostKindThread};
+static POBJECT_TYPE pEventType = &EventType;
+static POBJECT_TYPE pFileType = &FileType;
+static POBJECT_TYPE pThreadType = &ThreadType;
+POBJECT_TYPE* ExEventObjectType = &pEventType;
+POBJECT_TYPE* IoFileObjectType = &pFileType;
+POBJECT_TYPE* PsThreadType = &pThreadType;
+
+const char* HostKindName(HostKind kind)
+{
+    static const char* const NAMES[] = {"event",  "thread",       "file object",
+                                        "device", "registry key", "disk file"};
+    return NAMES[kind];
+}
+
+// A zeroed body with one reference, the caller's.
+// IRQL: any.
+void* HostNewObject(HostKind kind, size_t bodySize, void (*pDestroy)(void* pBody))
+{
+    HostObject* pObject =
+        static_cast<HostObject*>(HostAllocate(sizeof(HostObject) + bodySize, HostObjectKind, 0, nullptr));
+    *pObject = {OBJECT_MAGIC, kind, 1, nullptr, pDestroy, bodySize, nullptr};
+    memset(pObject + 1, 0, bodySize);
+    return pObject + 1;
+}
+
+HostObject* HostObjectOf(void* pBody, const char* pCall)
+{
+    HostObject* pObject = static_cast<HostObject*>(pBody) - 1;
+    if (pBody == nullptr || HostIsFreed(pObject) || pObject->ulMagic != OBJECT_MAGIC) {
+        HostBug("REFERENCE_BY_POINTER", "%s on %p, which is no object or one that is gone", pCall, pBody);
+    }
+    return pObject;
+}
+
+void HostReference(void* pBody)
+{
+    __atomic_add_fetch(&HostObjectOf(pBody, "a reference")->lReferences, 1, __ATOMIC_RELAXED);
+}
+
+void HostDereference(void* pBody)
+{
+    HostObject* pObject = HostObjectOf(pBody, "a dereference");
+    long lLeft = __atomic_sub_fetch(&pObject->lReferences, 1, __ATOMIC_ACQ_REL);
+    if (lLeft > 0) {
+        return;
+    }
+    HostCheckNoLiveThings(pBody, pObject->bodySize, HostKindName(pObject->Kind));
+    if (pObject->pDestroy != nullptr) {
+        pObject->pDestroy(pBody);
+    }
+    pObject->ulMagic = 0;
+    HostRelease(pObject, HostObjectKind);
+}
+
+static void Book(void* pBody, long lChange)
+{
+    PDRIVER_OBJECT pDriver = HostSelf()->pDriver;
+    if (pDriver == nullptr) {
+        return;
+    }
+    HostLock lock(g->Lock);
+    long& lBalance = g->References[{pDriver, pBody}];
+    lBalance += lChange;
+    if (lBalance == 0) {
+        g->References.erase({pDriver, pBody});
+    }
+}
+
+LONG_PTR ObfReferenceObject(PVOID pBody)
+{
+    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostReference(pBody);
+    Book(pBody, 1);
+    return HostObjectOf(pBody, __func__)->lReferences;
+}
+
+LONG_PTR ObfDereferenceObject(PVOID pBody)
+{
+    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    Book(pBody, -1);
+    long lLeft = HostObjectOf(pBody, __func__)->lReferences - 1;
+    HostDereference(pBody);
+    return lLeft;
+}
+
+HANDLE HostNewHandle(void* pBody, bool bUser)
+{
+    PDRIVER_OBJECT pDriver = HostSelf()->pDriver;
+    HostLock lock(g->Lock);
+    ULONG_PTR ulHandle = g->ulNextHandle;
+    g->ulNextHandle += 4;
+    g->Handles[ulHandle] = {pBody, pDriver, bUser};
+    return reinterpret_cast<HANDLE>(ulHandle);
+}
+
+// The object behind a handle, as long as the handle stays open.
+// Lock: takes Lock. Fails: no such handle, another kind.
+void* HostFromHandle(HANDLE h, HostKind kind, NTSTATUS* pStatus)
+{
+    HostLock lock(g->Lock);
+    auto it = g->Handles.find(reinterpret_cast<ULONG_PTR>(h));
+    if (it == g->Handles.end()) {
+        *pStatus = STATUS_INVALID_HANDLE;
+        return nullptr;
+    }
+    void* pBody = it->second.pBody;
+    bool bRight = HostObjectOf(pBody, "a handle")->Kind == kind;
+    *pStatus = bRight ? STATUS_SUCCESS : STATUS_OBJECT_TYPE_MISMATCH;
+    return bRight ? pBody : nullptr;
+}
+
+NTSTATUS ObReferenceObjectByHandle(HANDLE h, ACCESS_MASK, POBJECT_TYPE pType, KPROCESSOR_MODE mode,
+                                   PVOID* ppBody, POBJECT_HANDLE_INFORMATION pInformation)
+{
+    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    *ppBody = nullptr;
+    if (HostShouldFail("handle")) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    {
+        HostLock lock(g->Lock);
+        auto it = g->Handles.find(reinterpret_cast<ULONG_PTR>(h));
+        if (it == g->Handles.end() || (mode == UserMode && !it->second.bUser)) {
+            return STATUS_INVALID_HANDLE;
+        }
+        HostObject* pObject = HostObjectOf(it->second.pBody, __func__);
+        if (pType != nullptr && pObject->Kind != pType->Kind) {
+            return STATUS_OBJECT_TYPE_MISMATCH;
+        }
+        HostReference(it->second.pBody);
+        *ppBody = it->second.pBody;
+    }
+    Book(*ppBody, 1);
+    if (pInformation != nullptr) {
+        *pInformation = {0, GENERIC_ALL};
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS ZwClose(HANDLE h)
+{
+    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    void* pBody;
+    {
+        HostLock lock(g->Lock);
+        auto it = g->Handles.find(reinterpret_cast<ULONG_PTR>(h));
+        if (it == g->Handles.end()) {
+            if (HostSelf()->pDriver != nullptr) {
+                HostBug("INVALID_KERNEL_HANDLE", "ZwClose of a handle that is not open");
+            }
+            return STATUS_INVALID_HANDLE;
+        }
+        pBody = it->second.pBody;
+        g->Handles.erase(it);
+    }
+    HostDereference(pBody);
+    return STATUS_SUCCESS;
+}
+
+// Tells the handles that a driver left open and the objects that it still references.
+unsigned HostAuditObjects(PDRIVER_OBJECT pDriver)
+{
+    unsigned uLeaks = 0;
+    HostLock lock(g->Lock);
+    for (const auto& handle : g->Handles) {
+        if (handle.second.pOwner == pDriver) {
+            HostLeak(uLeaks, "handle: %s", HostKindName(HostObjectOf(handle.second.pBody, "audit")->Kind));
+        }
+    }
+    for (const auto& reference : g->References) {
+        if (reference.first.first == pDriver && reference.second > 0) {
+            HostLeak(uLeaks, "reference: %ld on %s", reference.second,
+                     HostKindName(HostObjectOf(reference.first.second, "audit")->Kind));
+        }
+    }
+    return uLeaks;
+}

@@ -1,0 +1,157 @@
+// registry.cpp - the registry: a tree of keys and values in memory, and the native calls on it.
+//
+// Keys are found without case. A key handle's object holds the key's path; keys are never deleted, so the
+// pointer behind it stays good.
+#include "core.h"
+
+struct KeyBody {
+    HostKey* pKey;
+};
+
+static void DestroyKeyBody(void*) {}
+
+// Finds a key by its full path ("\Registry\Machine\..."), or makes it and what leads to it.
+// Lock: held.
+HostKey* HostFindKey(const HostText& path, bool bCreate, bool* pbCreated)
+{
+    HostKey* pKey = &g->Registry;
+    for (size_t begin = 0; begin < path.size();) {
+        if (path[begin] == u'\\') {
+            begin++;
+            continue;
+        }
+        size_t end = path.find(u'\\', begin);
+        HostText name = path.substr(begin, end == HostText::npos ? HostText::npos : end - begin);
+        begin += name.size();
+        std::unique_ptr<HostKey>& pChild = pKey->Keys[HostUpper(name)];
+        if (pChild == nullptr) {
+            if (!bCreate) {
+                pKey->Keys.erase(HostUpper(name));
+                return nullptr;
+            }
+            pChild = std::make_unique<HostKey>();
+            pChild->Name = name;
+            if (pbCreated != nullptr) {
+                *pbCreated = true;
+            }
+        }
+        pKey = pChild.get();
+    }
+    return pKey;
+}
+
+static NTSTATUS OpenKey(PHANDLE pHandle, POBJECT_ATTRIBUTES pAttributes, bool bCreate, bool* pbCreated)
+{
+    if (HostShouldFail("key")) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    HostText path = HostTextOf(pAttributes->ObjectName);
+    HostKey* pKey;
+    if (pAttributes->RootDirectory != nullptr) {
+        return STATUS_NOT_IMPLEMENTED;
+    }
+    {
+        HostLock lock(g->Lock);
+        if (HostUpper(path).compare(0, 10, u"\\REGISTRY\\") != 0) {
+            return STATUS_OBJECT_PATH_SYNTAX_BAD;
+        }
+        pKey = HostFindKey(path, bCreate, pbCreated);
+    }
+    if (pKey == nullptr) {
+        return STATUS_OBJECT_NAME_NOT_FOUND;
+    }
+    KeyBody* pBody = static_cast<KeyBody*>(HostNewObject(HostKindKey, sizeof(KeyBody), DestroyKeyBody));
+    pBody->pKey = pKey;
+    *pHandle = HostNewHandle(pBody, false);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS ZwCreateKey(PHANDLE pHandle, ACCESS_MASK, POBJECT_ATTRIBUTES pAttributes, ULONG, PUNICODE_STRING,
+                     ULONG, PULONG pulDisposition)
+{
+    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    bool bCreated = false;
+    NTSTATUS status = OpenKey(pHandle, pAttributes, true, &bCreated);
+    if (NT_SUCCESS(status) && pulDisposition != nullptr) {
+        *pulDisposition = bCreated ? REG_CREATED_NEW_KEY : REG_OPENED_EXISTING_KEY;
+    }
+    return status;
+}
+
+NTSTATUS ZwOpenKey(PHANDLE pHandle, ACCESS_MASK, POBJECT_ATTRIBUTES pAttributes)
+{
+    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    return OpenKey(pHandle, pAttributes, false, nullptr);
+}
+
+static HostKey* KeyOf(HANDLE h, NTSTATUS* pStatus)
+{
+    KeyBody* pBody = static_cast<KeyBody*>(HostFromHandle(h, HostKindKey, pStatus));
+    return pBody == nullptr ? nullptr : pBody->pKey;
+}
+
+NTSTATUS ZwQueryValueKey(HANDLE h, PUNICODE_STRING pName, KEY_VALUE_INFORMATION_CLASS infoClass,
+                         PVOID pBuffer, ULONG ulLength, PULONG pulResult)
+{
+    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    if (HostShouldFail("value")) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    NTSTATUS status;
+    HostKey* pKey = KeyOf(h, &status);
+    if (pKey == nullptr) {
+        return status;
+    }
+    if (infoClass != KeyValuePartialInformation) {
+        return STATUS_NOT_IMPLEMENTED;
+    }
+    HostLock lock(g->Lock);
+    auto it = pKey->Values.find(HostUpper(HostTextOf(pName)));
+    if (it == pKey->Values.end()) {
+        return STATUS_OBJECT_NAME_NOT_FOUND;
+    }
+    const HostValue& value = it->second;
+    const ULONG ulHead = offsetof(KEY_VALUE_PARTIAL_INFORMATION, Data);
+    *pulResult = ulHead + static_cast<ULONG>(value.Data.size());
+    if (ulLength < ulHead) {
+        return STATUS_BUFFER_TOO_SMALL;
+    }
+    PKEY_VALUE_PARTIAL_INFORMATION pPartial = static_cast<PKEY_VALUE_PARTIAL_INFORMATION>(pBuffer);
+    pPartial->TitleIndex = 0;
+    pPartial->Type = value.ulType;
+    pPartial->DataLength = static_cast<ULONG>(value.Data.size());
+    size_t fits = ulLength - ulHead < value.Data.size() ? ulLength - ulHead : value.Data.size();
+    memcpy(static_cast<UCHAR*>(pBuffer) + ulHead, value.Data.data(), fits);
+    return fits == value.Data.size() ? STATUS_SUCCESS : STATUS_BUFFER_OVERFLOW;
+}
+
+NTSTATUS ZwSetValueKey(HANDLE h, PUNICODE_STRING pName, ULONG, ULONG ulType, PVOID pData, ULONG ulSize)
+{
+    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    if (HostShouldFail("value")) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    NTSTATUS status;
+    HostKey* pKey = KeyOf(h, &status);
+    if (pKey == nullptr) {
+        return status;
+    }
+    HostText name = HostTextOf(pName);
+    const UCHAR* p = static_cast<const UCHAR*>(pData);
+    HostLock lock(g->Lock);
+    pKey->Values[HostUpper(name)] = {name, ulType, std::vector<UCHAR>(p, p + ulSize)};
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS ZwDeleteValueKey(HANDLE h, PUNICODE_STRING pName)
+{
+    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    NTSTATUS status;
+    HostKey* pKey = KeyOf(h, &status);
+    if (pKey == nullptr) {
+        return status;
+    }
+    HostLock lock(g->Lock);
+    return pKey->Values.erase(HostUpper(HostTextOf(pName))) != 0 ? STATUS_SUCCESS
+                                                                 : STATUS_OBJECT_NAME_NOT_FOUND;
+}

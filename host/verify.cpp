@@ -1,0 +1,107 @@
+// verify.cpp - how a broken rule ends the run, how a leak is told, and which call fails next.
+//
+// Every rule of the host ends in HostBug; its code is the name that the platform's own verifier uses
+// where it has one. Fault injection: each fallible call asks HostShouldFail once, by its kind.
+#include "core.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+HostState* g;
+
+// Prints the rule's code and what broke it, then aborts.
+// IRQL: any.
+void HostBug(const char* pCode, const char* pFormat, ...)
+{
+    char text[1024];
+    va_list arguments;
+    va_start(arguments, pFormat);
+    vsnprintf(text, sizeof(text), pFormat, arguments);
+    va_end(arguments);
+    fflush(stdout);
+    fprintf(stderr, "HOST STOP %s: %s\n", pCode, text);
+    fflush(stderr);
+    abort();
+}
+
+// Counts one thing that was left behind and tells what it is.
+// IRQL: any.
+void HostLeak(unsigned& uCount, const char* pFormat, ...)
+{
+    char text[512];
+    va_list arguments;
+    va_start(arguments, pFormat);
+    vsnprintf(text, sizeof(text), pFormat, arguments);
+    va_end(arguments);
+    fprintf(stderr, "HOST LEAK %s\n", text);
+    uCount++;
+}
+
+// True for the call that HostFailNth chose. Calls are counted whether or not one is chosen.
+// IRQL: any. Lock: takes Lock.
+bool HostShouldFail(const char* pKind)
+{
+    HostLock lock(g->Lock);
+    if (!g->FailKind.empty() && g->FailKind != pKind) {
+        return false;
+    }
+    return ++g->uFallible == g->uFailNth;
+}
+
+void HostFailNth(const char* pWhat, unsigned ulNth)
+{
+    HostLock lock(g->Lock);
+    g->FailKind = pWhat == nullptr ? "" : pWhat;
+    g->uFailNth = ulNth;
+    g->uFallible = 0;
+}
+
+unsigned HostFallibleCalls()
+{
+    HostLock lock(g->Lock);
+    return g->uFallible;
+}
+
+// The caller of a kernel service runs at this level or lower.
+// IRQL: any.
+void HostRequireIrql(const char* pRoutine, KIRQL highest)
+{
+    PKTHREAD pSelf = HostSelf();
+    if (pSelf->Irql > highest) {
+        HostBug("IRQL_NOT_LESS_OR_EQUAL", "%s called at IRQL %u, at most %u is allowed", pRoutine,
+                pSelf->Irql, highest);
+    }
+}
+
+void HostCheckIrqlAtMost(const char* pRoutine, KIRQL level)
+{
+    HostRequireIrql(pRoutine, level);
+}
+
+void HostCheckIrqlIs(const char* pRoutine, KIRQL level)
+{
+    PKTHREAD pSelf = HostSelf();
+    if (pSelf->Irql != level) {
+        HostBug(pSelf->Irql > level ? "IRQL_NOT_LESS_OR_EQUAL" : "IRQL_NOT_GREATER_OR_EQUAL",
+                "%s called at IRQL %u, it runs at %u", pRoutine, pSelf->Irql, level);
+    }
+}
+
+HostDriverScope::HostDriverScope(PDRIVER_OBJECT pDriver, const char* pWhat)
+    : pThread(HostSelf()), pBefore(pThread->pDriver), pWhat(pWhat), Irql(pThread->Irql), uHeld(pThread->uHeld)
+{
+    pThread->pDriver = pDriver;
+}
+
+HostDriverScope::~HostDriverScope()
+{
+    pThread->pDriver = pBefore;
+    if (pThread->uHeld != uHeld) {
+        HostBug("SPIN_LOCK_HELD_ON_RETURN", "%s returned with %u spin locks held, entered with %u", pWhat,
+                pThread->uHeld, uHeld);
+    }
+    if (pThread->Irql != Irql) {
+        HostBug("IRQL_UNEXPECTED_VALUE", "%s entered at IRQL %u and returned at %u", pWhat, Irql,
+                pThread->Irql);
+    }
+}
