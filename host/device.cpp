@@ -138,8 +138,9 @@ void IoDeleteDevice(PDEVICE_OBJECT pDevice)
         if (pMore->bDeleted) {
             HostBug("DEVICE_DELETED_TWICE", "IoDeleteDevice of a device that was deleted before");
         }
-        if (pMore->pAttachedTo != nullptr || pDevice->AttachedDevice != nullptr) {
-            HostBug("DEVICE_DELETED_WHILE_ATTACHED", "IoDeleteDevice of a device that is still in a stack");
+        // A device below may go first: who is attached above keeps its memory until it detaches.
+        if (pMore->pAttachedTo != nullptr) {
+            HostBug("DEVICE_DELETED_WHILE_ATTACHED", "IoDeleteDevice of a device that was not detached");
         }
         pMore->bDeleted = true;
         if (!pMore->Name.empty()) {
@@ -178,6 +179,7 @@ PDEVICE_OBJECT IoAttachDeviceToDeviceStack(PDEVICE_OBJECT pSource, PDEVICE_OBJEC
     if ((pTop->Flags & DO_DEVICE_INITIALIZING) || pTop->DeviceObjectExtension->bDeleted) {
         return nullptr;
     }
+    HostReference(pTop);
     pTop->AttachedDevice = pSource;
     pSource->DeviceObjectExtension->pAttachedTo = pTop;
     pSource->StackSize = static_cast<CCHAR>(pTop->StackSize + 1);
@@ -188,12 +190,15 @@ void IoDetachDevice(PDEVICE_OBJECT pTarget)
 {
     HostRequireIrql(__func__, DISPATCH_LEVEL);
     HostObjectOf(pTarget, __func__);
-    HostLock lock(g->Lock);
-    if (pTarget->AttachedDevice == nullptr) {
-        HostBug("DEVICE_NOT_ATTACHED", "IoDetachDevice: nothing is attached to the device");
+    {
+        HostLock lock(g->Lock);
+        if (pTarget->AttachedDevice == nullptr) {
+            HostBug("DEVICE_NOT_ATTACHED", "IoDetachDevice: nothing is attached to the device");
+        }
+        pTarget->AttachedDevice->DeviceObjectExtension->pAttachedTo = nullptr;
+        pTarget->AttachedDevice = nullptr;
     }
-    pTarget->AttachedDevice->DeviceObjectExtension->pAttachedTo = nullptr;
-    pTarget->AttachedDevice = nullptr;
+    HostDereference(pTarget);
 }
 
 PDEVICE_OBJECT IoGetAttachedDevice(PDEVICE_OBJECT pDevice)
