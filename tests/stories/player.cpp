@@ -324,8 +324,10 @@ void Player::Play(const std::string& line)
     } else {
         throw BadLine("unknown verb: " + verb);
     }
-    HostSettle();
-    ExpectEvents(parts.Events);
+    if (m_Machine) {
+        HostSettle();
+        ExpectEvents(parts.Events);
+    }
 }
 
 void Player::Finish()

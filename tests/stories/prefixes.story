@@ -35,12 +35,14 @@ report 00 00 3E 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
 report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
 report 00 00 04 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 9
 
-story The Fn key is never seen by the system
+# The keys are stripped from where the walk of the report ended once it has become shorter, so Fn is left
+# in the report whose other key was taken out.
+story The Fn key is a modifier of its own
 keyboard normal
 hotkey 4 fn 1E swallow
 report 00 00 A5 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
 modifiers fn
-report 00 00 A5 04 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 4
+report 00 00 A5 04 00 00 00 00 -> 00 00 A5 00 00 00 00 00 | down 4
 report 00 00 A5 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | up 4
 report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
 modifiers -

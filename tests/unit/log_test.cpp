@@ -1,0 +1,297 @@
+// log_test.cpp - the driver's text log: what is kept, how a line looks, what happens when it is full, and the
+// way into the file.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <host.h>
+
+#include "driver/driver.h"
+#include "log/log.h"
+
+namespace
+{
+// The writer's side alone: a buffer that nothing drains.
+class LogText : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        HostStart({});
+        memset((void*)&Settings, 0, sizeof(Settings));
+        memset((void*)&Globals, 0, sizeof(Globals));
+        InitializeLog();
+        Settings.LogFileName = {2, 4, m_Name};
+        Settings.ulLogLevel = LOG_TRAFFIC;
+        Globals.pLogBuffer = m_Buffer;
+    }
+    void TearDown() override
+    {
+        Globals.pLogBuffer = nullptr;
+        EXPECT_EQ(0u, HostStop());
+    }
+    std::string Take()
+    {
+        std::string text = m_Buffer;
+        m_Buffer[0] = 0;
+        return text;
+    }
+    bool Kept(UCHAR ucLevel)
+    {
+        LogPrintf(ucLevel, 0, "x");
+        return !Take().empty();
+    }
+
+    WCHAR m_Name[2] = L"f";
+    char m_Buffer[LOG_BUFFER_BYTES] = {};
+};
+
+TEST_F(LogText, LevelsThatPass)
+{
+    const struct {
+        ULONG ulLogLevel;
+        std::vector<UCHAR> Pass, Stop;
+    } cases[] = {
+        {0, {0}, {1, 3, 10}},         {3, {0, 1, 2, 3}, {4, 10}},
+        {10, {10}, {0, 1, 3, 9, 11}}, // 10 is special: nothing below passes either
+        {0x100, {0}, {1, 3, 10}},     // only the low byte counts
+        {0x10A, {0, 3, 10}, {11}},    // and only the whole word can be special
+    };
+    for (const auto& row : cases) {
+        Settings.ulLogLevel = row.ulLogLevel;
+        for (UCHAR ucLevel : row.Pass) {
+            EXPECT_TRUE(IsLogOn(ucLevel)) << row.ulLogLevel << " " << +ucLevel;
+            EXPECT_TRUE(Kept(ucLevel)) << row.ulLogLevel << " " << +ucLevel;
+        }
+        for (UCHAR ucLevel : row.Stop) {
+            EXPECT_FALSE(IsLogOn(ucLevel)) << row.ulLogLevel << " " << +ucLevel;
+            EXPECT_FALSE(Kept(ucLevel)) << row.ulLogLevel << " " << +ucLevel;
+        }
+    }
+}
+
+TEST_F(LogText, OffWithoutNameOrBuffer)
+{
+    m_Name[0] = 0;
+    EXPECT_FALSE(Kept(0));
+    EXPECT_EQ(0, KeReadStateEvent(&Globals.LogEvent)) << "nothing to drain";
+    EXPECT_EQ(0, Globals.ucLogEventPending);
+    Settings.LogFileName.Buffer = nullptr;
+    EXPECT_FALSE(Kept(0));
+    Settings.LogFileName.Buffer = m_Name;
+    m_Name[0] = 'f';
+    LogPrintf(1, 1, nullptr);
+    EXPECT_EQ("", Take());
+    EXPECT_TRUE(Kept(0));
+    EXPECT_EQ(1, Globals.ucLogEventPending);
+    Globals.pLogBuffer = nullptr;
+    LogPrintf(0, 1, "into nothing"); // and no fault
+    EXPECT_EQ("", Take());
+}
+
+TEST_F(LogText, DumpsInLinesOfSixteen)
+{
+    UCHAR bytes[20];
+    for (UCHAR i = 0; i < sizeof(bytes); i++) {
+        bytes[i] = static_cast<UCHAR>(0xF0 + i);
+    }
+    HostAdvanceToUs(123000);
+    const std::string time = "07/03/2014 09:41:05:123 -- ";
+    const std::string sixteen = time + "t[00-15]: f0 f1 f2 f3 f4 f5 f6 f7 f8 f9 fa fb fc fd fe ff \r\n";
+    LogHexDump("t", 16, bytes);
+    EXPECT_EQ(sixteen, Take());
+    LogHexDump("t", 20, bytes);
+    EXPECT_EQ(sixteen + time + "t[16-19]: 00 01 02 03 \r\n", Take());
+    LogHexDump("t", 0, bytes);
+    EXPECT_EQ(time + "t ulLen is 0\r\n", Take());
+    LogHexDump("t", 4, nullptr);
+    EXPECT_EQ(time + "t pBuf is NULL\r\n", Take());
+    LogHexDump("%s%n 100%:", 1, bytes); // a title is text, no format
+    EXPECT_EQ(time + "%s%n 100%:[00-00]: f0 \r\n", Take());
+    Settings.ulLogLevel = 0;
+    LogHexDump("t", 16, bytes);
+    EXPECT_EQ("", Take());
+}
+
+TEST_F(LogText, LongMessageIsCut)
+{
+    const std::string longText(3000, 'a');
+    LogPrintf(1, 0, "%s", longText.c_str());
+    EXPECT_EQ(std::string(2047, 'a') + "\r\n", Take());
+}
+
+TEST_F(LogText, FullBufferKeepsItsReserve)
+{
+    const std::string line(1000, 'b');
+    for (int i = 0; i < 50; i++) {
+        LogPrintf(1, 0, "%s", line.c_str());
+    }
+    EXPECT_EQ(40949u, strlen(m_Buffer));
+    EXPECT_EQ(0, memcmp(m_Buffer + 1002 * 40, line.data(), 40949 - 1002 * 40)) << "the last line is cut";
+    EXPECT_EQ(1, Globals.ucLogCut);
+    m_Buffer[40940] = 0; // nine characters of room: even the time is cut, and all ends at the same place
+    LogPrintf(1, 1, "c");
+    EXPECT_EQ("07/03/201", std::string(m_Buffer + 40940));
+    m_Buffer[40946] = 0; // room for one character of the line end
+    LogPrintf(1, 0, "cd");
+    EXPECT_EQ("cd\r", std::string(m_Buffer + 40946));
+}
+
+TEST_F(LogText, FromAnyLevel)
+{
+    KIRQL oldIrql;
+    SpinLock lock = {};
+    KeInitializeSpinLock(&lock.Lock);
+    {
+        LockScope scope(lock); // the log's own lock is the leaf
+        LogPrintf(1, 0, "dispatch");
+        EXPECT_EQ(DISPATCH_LEVEL, KeGetCurrentIrql());
+    }
+    KeResetEvent(&Globals.LogEvent);
+    KeRaiseIrql(HIGH_LEVEL, &oldIrql);
+    LogPrintf(1, 0, "above");
+    EXPECT_EQ(HIGH_LEVEL, KeGetCurrentIrql());
+    EXPECT_EQ(1, Globals.ucLogDpcPending);
+    KeLowerIrql(oldIrql);
+    HostSettle();
+    EXPECT_EQ(0, Globals.ucLogDpcPending);
+    EXPECT_NE(0, KeReadStateEvent(&Globals.LogEvent)) << "the deferred call signals the drain";
+    EXPECT_EQ("dispatch\r\nabove\r\n", Take());
+}
+
+TEST(LogFormat, AsTheBoundedPrintf)
+{
+    char out[8];
+    memset(out, 'x', sizeof(out));
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, LogFormat(out, 0, "ab"));
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, LogFormat(out, 0x80000000ull, "ab"));
+    EXPECT_EQ('x', out[0]);
+    EXPECT_EQ(STATUS_SUCCESS, LogFormat(out, 4, "%c%02u", 'a', 7u)); // fits exactly
+    EXPECT_STREQ("a07", out);
+    EXPECT_EQ(STATUS_BUFFER_OVERFLOW, LogFormat(out, 4, "abcd"));
+    EXPECT_STREQ("abc", out);
+    EXPECT_EQ('x', out[4]);
+    EXPECT_EQ(STATUS_BUFFER_OVERFLOW, LogFormat(out, 1, "a"));
+    EXPECT_STREQ("", out);
+}
+
+// The whole log: the driver's own entry starts it, its unload ends it.
+class LogInFile : public testing::Test
+{
+protected:
+    void Load(const std::string& values)
+    {
+        m_Root = std::filesystem::temp_directory_path() / ("tv64usb-log-" + std::to_string(getpid()));
+        std::filesystem::remove_all(m_Root);
+        std::filesystem::create_directories(m_Root);
+        HostOptions options;
+        options.FileRoot = m_Root.string();
+        options.RegistryText =
+            "Windows Registry Editor Version 5.00\r\n\r\n"
+            "[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\Tv64USB\\TolvenParams]\r\n"
+            "\"LogLevel\"=dword:00000001\r\n" +
+            values;
+        HostStart(options);
+        ASSERT_EQ(STATUS_SUCCESS, HostLoadDriver(DriverEntry, L"Tv64USB", &m_pDriver));
+        ASSERT_NE(nullptr, Globals.pLogBuffer);
+    }
+    void Unload()
+    {
+        EXPECT_EQ(0u, HostUnloadDriver(m_pDriver));
+        EXPECT_EQ(nullptr, Globals.pLogBuffer);
+        EXPECT_EQ(0u, HostStop());
+    }
+    void TearDown() override { std::filesystem::remove_all(m_Root); }
+    // The file of that name, wherever under the root the host puts it.
+    std::string Read(const std::string& name)
+    {
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(m_Root)) {
+            if (entry.is_regular_file() && entry.path().filename() == name) {
+                std::ostringstream text;
+                text << std::ifstream(entry.path(), std::ios::binary).rdbuf();
+                return text.str();
+            }
+        }
+        return "(no file)";
+    }
+
+    std::filesystem::path m_Root;
+    PDRIVER_OBJECT m_pDriver = nullptr;
+};
+
+const char* const DrivePath = "\"LogFile\"=\"\\\\??\\\\C:\\\\tv.log\"\r\n";
+
+TEST_F(LogInFile, DrainsAppendsAndLosesNothingAtUnload)
+{
+    Load("\"LogFile\"=\"C:\\\\tv.log\"\r\n"); // as people write it
+    LogPrintf(1, 0, "one");
+    HostSettle();
+    EXPECT_EQ("one\r\n", Read("tv.log"));
+    EXPECT_STREQ("", Globals.pLogBuffer);
+    EXPECT_EQ(0, Globals.ucLogEventPending);
+    LogPrintf(1, 0, "two");
+    HostSettle();
+    LogPrintf(1, 0, "three");
+    Unload();
+    EXPECT_EQ("one\r\ntwo\r\nthree\r\n", Read("tv.log"));
+}
+
+TEST_F(LogInFile, OverflowIsTold)
+{
+    Load(DrivePath);
+    const std::string line(998, 'l');
+    std::string expected;
+    KIRQL oldIrql;
+    KeRaiseIrql(DISPATCH_LEVEL, &oldIrql); // the drain cannot come between
+    for (int i = 0; i < 50; i++) {
+        LogPrintf(1, 0, "%s", line.c_str());
+        expected += line + "\r\n";
+    }
+    KeLowerIrql(oldIrql);
+    HostSettle();
+    LogPrintf(1, 0, "after");
+    Unload();
+    EXPECT_EQ(expected.substr(0, 40949) + "\r\nOVERFLOW\r\nafter\r\n", Read("tv.log"));
+}
+
+TEST_F(LogInFile, StartsOverAtItsSize)
+{
+    Load(std::string(DrivePath) + "\"LogFileSize\"=dword:00000064\r\n"); // 100 bytes: ten lines of ten
+    for (int i = 0; i < 25; i++) {
+        LogPrintf(1, 0, "line %03d", i);
+        HostSettle();
+    }
+    std::string older, newer;
+    for (int i = 10; i < 25; i++) {
+        char szLine[32];
+        snprintf(szLine, sizeof(szLine), "line %03d\r\n", i);
+        (i < 20 ? older : newer) += szLine;
+    }
+    EXPECT_EQ(newer, Read("tv.log"));
+    EXPECT_EQ(older, Read("tv.log.old"));
+    const std::string longLine(150, 'm'); // longer than the file may be: whole, and alone
+    LogPrintf(1, 0, "%s", longLine.c_str());
+    Unload();
+    EXPECT_EQ(longLine + "\r\n", Read("tv.log"));
+    EXPECT_EQ(newer, Read("tv.log.old"));
+}
+
+TEST_F(LogInFile, KeepsTheTextWhileTheFileRefuses)
+{
+    Load("\"LogFile\"=\"\\\\??\\\\C:\\\\later\\\\tv.log\"\r\n"); // the folder is not there yet
+    LogPrintf(1, 0, "early");
+    HostSettle();
+    EXPECT_STREQ("early\r\n", Globals.pLogBuffer);
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(m_Root)) {
+        if (entry.is_directory()) {
+            std::filesystem::create_directory(entry.path() / "later");
+        }
+    }
+    std::filesystem::create_directories(m_Root / "later");
+    LogPrintf(1, 0, "late");
+    Unload();
+    EXPECT_EQ("early\r\nlate\r\n", Read("tv.log"));
+}
+} // namespace
