@@ -194,14 +194,23 @@ NTSTATUS StartReads(HidDevice* pHid)
     return STATUS_SUCCESS;
 }
 
+// IRQL <= DISPATCH. Lock: takes Lock.
+static bool IsOut(HidRead* pRead)
+{
+    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pRead->pHid->Lock);
+    bool bOut = pRead->bOut != FALSE;
+    KeReleaseSpinLock(&pRead->pHid->Lock, irql);
+    return bOut;
+}
+
 VOID StopReads(HidDevice* pHid)
 {
     KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pHid->Lock);
     pHid->bOpen = FALSE;
     KeReleaseSpinLock(&pHid->Lock, irql);
     for (ULONG i = 0; pHid->pReads && i < pHid->Options.ulReads; i++) {
-        if (pHid->pReads[i]
-                .bOut) { // one that comes back meanwhile is cancelled in vain: it is freed here only
+        // One that comes back meanwhile is cancelled in vain; its request lives until FreeReads.
+        if (IsOut(&pHid->pReads[i])) {
             IoCancelIrp(pHid->pReads[i].pIrp);
         }
     }

@@ -144,7 +144,8 @@ NTSTATUS WaitForReport(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pUrb)
     IoMarkIrpPending(pIrp);
     InsertTailList(&pKeyboard->Waiting, &pIrp->Tail.Overlay.ListEntry);
     IoSetCancelRoutine(pIrp, CancelRead);
-    bool bCancelled = pIrp->Cancel && IoSetCancelRoutine(pIrp, nullptr);
+    // The canceller sets its mark, then looks for the routine; this side sets the routine, then looks for the mark.
+    bool bCancelled = __atomic_load_n(&pIrp->Cancel, __ATOMIC_SEQ_CST) && IoSetCancelRoutine(pIrp, nullptr);
     if (bCancelled) {
         RemoveEntryList(&pIrp->Tail.Overlay.ListEntry);
     }
