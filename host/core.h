@@ -142,6 +142,7 @@ unsigned HostAuditPool(PDRIVER_OBJECT pDriver);
 void HostDropMemory(); // frees what is left
 extern const char HostPoolKind[];
 extern const char HostObjectKind[];
+extern const char HostExtensionKind[]; // goes with its device
 
 // --- names, devices, requests
 struct HostName {

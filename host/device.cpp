@@ -12,8 +12,6 @@ struct _DEVOBJ_EXTENSION {
     size_t extensionSize;
 };
 
-static const char ExtensionKind[] = "device extension";
-
 HostText HostCanonicalName(const HostText& name)
 {
     HostText upper = HostUpper(name);
@@ -72,7 +70,7 @@ static void DestroyDevice(void* pBody)
     if (!g->bStopping) {
         HostForgetDevice(pDevice);
         if (pDevice->DeviceExtension != nullptr) {
-            HostRelease(pDevice->DeviceExtension, ExtensionKind);
+            HostRelease(pDevice->DeviceExtension, HostExtensionKind);
         }
     }
     delete pDevice->DeviceObjectExtension;
@@ -92,7 +90,7 @@ static PDEVICE_OBJECT NewDevice(PDRIVER_OBJECT pDriver, ULONG ulExtension, ULONG
     pDevice->StackSize = 1;
     pDevice->DeviceObjectExtension = new _DEVOBJ_EXTENSION{nullptr, {}, false, ulExtension};
     if (ulExtension != 0) {
-        pDevice->DeviceExtension = HostAllocate(ulExtension, ExtensionKind, 0, nullptr);
+        pDevice->DeviceExtension = HostAllocate(ulExtension, HostExtensionKind, 0, nullptr);
         memset(pDevice->DeviceExtension, 0, ulExtension);
     }
     return pDevice;
@@ -154,7 +152,7 @@ void IoDeleteDevice(PDEVICE_OBJECT pDevice)
     }
     if (pDevice->DeviceExtension != nullptr) {
         HostCheckNoLiveThings(pDevice->DeviceExtension, pDevice->DeviceObjectExtension->extensionSize,
-                              ExtensionKind);
+                              HostExtensionKind);
     }
     HostDereference(pDevice);
 }

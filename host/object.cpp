@@ -72,9 +72,6 @@ void HostDereference(void* pBody)
 static void Book(void* pBody, long lChange)
 {
     PDRIVER_OBJECT pDriver = HostSelf()->pDriver;
-    if (pDriver == nullptr) {
-        return;
-    }
     HostLock lock(g->Lock);
     long& lBalance = g->References[{pDriver, pBody}];
     lBalance += lChange;

@@ -28,6 +28,7 @@ enum { GUARD_BYTES = 16 };
 
 const char HostPoolKind[] = "pool memory";
 const char HostObjectKind[] = "object";
+const char HostExtensionKind[] = "device extension";
 static const char MdlKind[] = "MDL";
 
 enum : ULONG_PTR { LIVE = 0x6576696c6b636c62, FREED = 0x6465657266626c6b };
@@ -213,7 +214,9 @@ unsigned HostAuditPool(PDRIVER_OBJECT pDriver)
     std::lock_guard<std::mutex> lock(PoolLock);
     for (PLIST_ENTRY pEntry = Blocks.Flink; pEntry != &Blocks; pEntry = pEntry->Flink) {
         Block* pBlock = CONTAINING_RECORD(pEntry, Block, Link);
-        if (pBlock->pOwner == pDriver && pBlock->pKind != HostObjectKind) {
+        bool bTold =
+            pBlock->pKind == HostObjectKind || pBlock->pKind == HostExtensionKind; // by its own ledger
+        if (pBlock->pOwner == pDriver && !bTold) {
             char tag[5] = {};
             memcpy(tag, &pBlock->ulTag, 4);
             HostLeak(uLeaks, "%s: %zu bytes%s%s", pBlock->pKind, pBlock->bytes, tag[0] ? ", tag " : "", tag);

@@ -1,0 +1,94 @@
+// call.cpp - a request's way down: IoCallDriver and what a dispatch routine may return.
+//
+// Dispatch routines call each other through here, so the frames are kept small and the tests that rarely
+// fail stand in routines of their own.
+#include "irp.h"
+
+[[noreturn]] static void __attribute__((noinline))
+BugOnReturn(UCHAR ucMajor, NTSTATUS status, bool bCompleted)
+{
+    if (!bCompleted) {
+        HostBug("IRP_LOST",
+                "dispatch of major 0x%02x returned 0x%08x, but the request was neither completed nor kept "
+                "pending",
+                ucMajor, static_cast<unsigned>(status));
+    }
+    HostBug("IRP_PENDING_MISMATCH",
+            "dispatch of major 0x%02x returned 0x%08x, the pending mark says otherwise", ucMajor,
+            static_cast<unsigned>(status));
+}
+
+static void __attribute__((noinline)) CheckCall(PDEVICE_OBJECT pDevice, PIRP pIrp, PKTHREAD pSelf)
+{
+    if (pSelf->Irql > DISPATCH_LEVEL) {
+        HostBug("IRQL_NOT_LESS_OR_EQUAL", "IoCallDriver called at IRQL %u", pSelf->Irql);
+    }
+    if (pSelf->uHeld != 0) {
+        HostBug("IRP_UNDER_SPIN_LOCK", "IoCallDriver while the thread holds a spin lock");
+    }
+    HostObjectOf(pDevice, "IoCallDriver");
+    UCHAR ucMajor = IoGetNextIrpStackLocation(pIrp)->MajorFunction;
+    if (pIrp->CurrentLocation <= 1) {
+        HostBug("NO_MORE_IRP_STACK_LOCATIONS", "IoCallDriver on a request whose locations are used up");
+    }
+    if (pIrp->CancelRoutine != nullptr) {
+        HostBug("DRIVER_LEFT_CANCEL_ROUTINE", "IoCallDriver on a request with a cancel routine set");
+    }
+    if (ucMajor > IRP_MJ_MAXIMUM_FUNCTION) {
+        HostBug("INVALID_MAJOR_FUNCTION", "IoCallDriver with major 0x%02x", ucMajor);
+    }
+    if (pSelf->Irql != PASSIVE_LEVEL &&
+        (ucMajor == IRP_MJ_PNP || ucMajor == IRP_MJ_CREATE || ucMajor == IRP_MJ_CLOSE)) {
+        HostBug("IRQL_NOT_LESS_OR_EQUAL", "a request of major 0x%02x is sent at IRQL %u", ucMajor,
+                pSelf->Irql);
+    }
+}
+
+// Makes the next location the current one and calls the device's driver.
+// IRQL <= DISPATCH. Lock: none held.
+NTSTATUS IofCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp)
+{
+    HostIrp* pHost = HostLiveIrp(pIrp, "IoCallDriver");
+    CheckCall(pDevice, pIrp, HostSelf());
+    IoSetNextIrpStackLocation(pIrp);
+    PIO_STACK_LOCATION pLocation = IoGetCurrentIrpStackLocation(pIrp);
+    UCHAR ucMajor = pLocation->MajorFunction;
+    pLocation->DeviceObject = pDevice;
+    HostStep* pStep = pHost == nullptr ? nullptr : &pHost->pSteps[static_cast<int>(pIrp->CurrentLocation)];
+    HostCallFrame frame = {nullptr, false, false};
+    if (pStep != nullptr) {
+        HostStepLock lock;
+        frame.pBefore = pStep->pFrame;
+        pStep->pFrame = &frame;
+    }
+    NTSTATUS status;
+    {
+        HostDriverScope scope(pDevice->DriverObject, "a dispatch routine");
+        status = pDevice->DriverObject->MajorFunction[ucMajor](pDevice, pIrp);
+    }
+    if (pStep == nullptr) {
+        return status;
+    }
+    HostStepLock lock;
+    if (frame.bCompleted) {
+        if ((status == STATUS_PENDING) != frame.bMarked) {
+            BugOnReturn(ucMajor, status, true);
+        }
+    } else if (status == STATUS_PENDING) {
+        pStep->pFrame = frame.pBefore;
+        pStep->bReturnedPending = true;
+    } else {
+        BugOnReturn(ucMajor, status, false);
+    }
+    return status;
+}
+
+NTSTATUS PoCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp)
+{
+    return IofCallDriver(pDevice, pIrp);
+}
+
+void PoStartNextPowerIrp(PIRP)
+{
+    HostRequireIrql(__func__, DISPATCH_LEVEL);
+}

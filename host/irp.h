@@ -1,0 +1,63 @@
+// irp.h - what the host keeps beside a request.
+//
+//   HostIrp | IRP | stack locations 1..n | steps 1..n
+//
+// For each stack location a step remembers the call that is under way in it. So the host can compare what
+// a dispatch routine returned with what the request did: STATUS_PENDING and the pending mark belong together,
+// any other status means that the request was completed before the return.
+#pragma once
+
+#include "core.h"
+
+enum : ULONG_PTR { IRP_MAGIC = 0x2174736575716572, IRP_GONE = 0x656e6f672d707269 };
+enum : UCHAR { TRACKED = 0x80 };
+extern const char HostIrpKind[];
+
+// One dispatch call under way; lives on the stack of IofCallDriver.
+struct HostCallFrame {
+    HostCallFrame* pBefore; // an outer call in the same location (the driver skipped its own)
+    bool bCompleted;
+    bool bMarked;
+};
+
+struct HostStep {
+    HostCallFrame* pFrame;
+    bool bReturnedPending;
+};
+
+struct HostIrp {
+    ULONG_PTR ulMagic;
+    PDRIVER_OBJECT pOwner;
+    HostStep* pSteps; // by CurrentLocation
+    bool b32;
+    bool bSystem;   // the system frees it when it is complete
+    bool bComplete; // finalised while somebody held it
+    unsigned uHolds;
+    PIO_STATUS_BLOCK pResult; // written always, unlike UserIosb
+    PKTHREAD pRequester;
+    ULONG ulMethod;
+    ULONG ulOutput;
+};
+
+class HostStepLock
+{
+public:
+    HostStepLock()
+    {
+        if (g->bThreaded) {
+            g->IrpLock.lock();
+        }
+    }
+    ~HostStepLock()
+    {
+        if (g->bThreaded) {
+            g->IrpLock.unlock();
+        }
+    }
+};
+
+HostIrp* HostIrpOf(PIRP pIrp);                      // null for a request in a driver's own memory
+HostIrp* HostLiveIrp(PIRP pIrp, const char* pCall); // the same; stops the run if the request is gone
+PIRP HostNewIrp(CCHAR stackSize);
+void HostDeleteIrp(HostIrp* pHost);
+void HostCopyOut(PIRP pIrp, HostIrp* pHost); // the output to the requester; buffers freed
