@@ -62,6 +62,12 @@ void HostDereference(void* pBody)
         return;
     }
     HostCheckNoLiveThings(pBody, pObject->bodySize, HostKindName(pObject->Kind));
+    {
+        HostLock lock(g->Lock);
+        for (auto it = g->References.begin(); it != g->References.end();) {
+            it = it->first.second == pBody ? g->References.erase(it) : std::next(it);
+        }
+    }
     if (pObject->pDestroy != nullptr) {
         pObject->pDestroy(pBody);
     }
@@ -181,8 +187,12 @@ unsigned HostAuditObjects(PDRIVER_OBJECT pDriver)
             HostLeak(uLeaks, "handle: %s", HostKindName(HostObjectOf(handle.second.pBody, "audit")->Kind));
         }
     }
+    std::map<void*, long> all; // what one took, another may have given back
     for (const auto& reference : g->References) {
-        if (reference.first.first == pDriver && reference.second > 0) {
+        all[reference.first.second] += reference.second;
+    }
+    for (const auto& reference : g->References) {
+        if (reference.first.first == pDriver && reference.second > 0 && all[reference.first.second] > 0) {
             HostLeak(uLeaks, "reference: %ld on %s", reference.second,
                      HostKindName(HostObjectOf(reference.first.second, "audit")->Kind));
         }
