@@ -56,15 +56,10 @@ static void ReleaseApplication(PDEVICE_OBJECT pControlDevice)
     ReleaseApplicationEvent(pControlDevice);
 }
 
-// A control device that was deleted while handles of it were open has only its own event left to release.
 // IRQL = PASSIVE. Lock: takes ControlDeviceMutex. Fails: as the close was completed.
 NTSTATUS DispatchClose(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
-    const bool bControl = ControlContextOf(pDevice) != nullptr;
-    if (bControl) {
-        ObReferenceObject(pDevice); // the close may be what keeps it
-    }
     const NTSTATUS status = DispatchPassThrough(pDevice, pIrp);
 
     KeWaitForSingleObject(&Globals.ControlDeviceMutex, Executive, KernelMode, FALSE, nullptr);
@@ -74,13 +69,7 @@ NTSTATUS DispatchClose(PDEVICE_OBJECT pDevice, PIRP pIrp)
     if (Globals.pControlDevice != nullptr && Globals.usOpenCount == 0) {
         ReleaseApplication(Globals.pControlDevice);
     }
-    if (bControl && pDevice != Globals.pControlDevice) {
-        ReleaseApplicationEvent(pDevice);
-    }
     KeReleaseMutex(&Globals.ControlDeviceMutex, FALSE);
-    if (bControl) {
-        ObDereferenceObject(pDevice);
-    }
     return status;
 }
 

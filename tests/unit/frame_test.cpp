@@ -2,6 +2,8 @@
 // go, the control device, opens and closes.
 #include <gtest/gtest.h>
 
+#include <atomic>
+
 #include "emu/app/application.h"
 #include "emu/app/machine.h"
 
@@ -330,6 +332,37 @@ TEST(Keyboards, AFailedCreationIsNotCounted)
     EXPECT_EQ(0u, machine.Unload());
 }
 
+TEST(Keyboards, RemovalWaitsForItsUsers)
+{
+    EmuMachine machine(WithRegistry(""));
+    EmuKeyboard* pKeyboard = machine.Plug();
+    const PDEVICE_OBJECT pFilter = pKeyboard->Filter();
+    ULONG_PTR ulUnused = 0; // the keyboard itself can be opened too
+    EXPECT_EQ(STATUS_SUCCESS, Send(pFilter, IRP_MJ_CREATE, 0, &ulUnused));
+    EXPECT_EQ(1, Globals.usOpenCount);
+    EXPECT_EQ(STATUS_SUCCESS, Send(pFilter, IRP_MJ_CLOSE, 0, &ulUnused));
+    EXPECT_EQ(0, Globals.usOpenCount);
+    ASSERT_TRUE(AcquireDevice(pFilter));
+    HostThread thread = HostStartThread([pFilter] {
+        LARGE_INTEGER delay;
+        delay.QuadPart = -10000LL * 20;
+        KeDelayExecutionThread(KernelMode, FALSE, &delay);
+        EXPECT_FALSE(AcquireDevice(pFilter)) << "no new users";
+        EXPECT_EQ(nullptr, FirstKeyboard());
+        ULONG_PTR ulInformation = 0;
+        EXPECT_EQ(STATUS_DELETE_PENDING, Send(pFilter, IRP_MJ_READ, 0, &ulInformation));
+        EXPECT_EQ(STATUS_DELETE_PENDING, Send(pFilter, IRP_MJ_POWER, IRP_MN_SET_POWER, &ulInformation));
+        EXPECT_EQ(STATUS_DELETE_PENDING, Send(pFilter, IRP_MJ_CREATE, 0, &ulInformation));
+        EXPECT_EQ(0, Globals.usOpenCount) << "an open that failed does not count";
+        ReleaseDevice(pFilter);
+    });
+    pKeyboard->Remove();
+    EXPECT_EQ(20000u, HostNowUs());
+    HostJoinThread(thread);
+    EXPECT_EQ(nullptr, Globals.pFirstKeyboard);
+    EXPECT_EQ(0u, machine.Unload());
+}
+
 TEST(Keyboards, QueryRemoveForwardsAndMarksStay)
 {
     EmuMachine machine(WithRegistry(""));
@@ -482,6 +515,85 @@ TEST(ControlDevice, SurvivesItsOpenHandles)
     EXPECT_NE(0, KeReadStateEvent(&ControlContextOf(Globals.pControlDevice)->ClosedEvent));
     pSecond->Unplug(false);
     HostCloseHandle(hEvent);
+    EXPECT_EQ(0u, machine.Unload());
+}
+// A keyboard's whole life with an application beside it; what fails on the way is passed over.
+void LiveOnce(EmuMachine& machine)
+{
+    EmuKeyboard* pKeyboard = machine.Plug();
+    {
+        EmuApplication application;
+        HANDLE hEvent = HostCreateEvent(false);
+        application.RegisterApplicationEvent(hEvent);
+        application.RegisterNotifyEvent(0);
+        application.AddDefinition(0, Hotkey(7));
+        application.StartReportProcessing(0);
+        for (UCHAR ucKey : {0x04, 0x00}) {
+            pKeyboard->Report({0, 0, ucKey, 0, 0, 0, 0, 0});
+        }
+        pKeyboard->Unplug(true);
+        application.Close();
+        HostCloseHandle(hEvent);
+    }
+}
+
+TEST(Keyboards, EveryCallThatCanFailMayFail)
+{
+    for (unsigned ulNth = 1;; ulNth++) {
+        EmuMachine machine(
+            WithRegistry("\"LogFile\"=\"\\\\??\\\\C:\\\\none.log\"\r\n\"LogLevel\"=dword:00000001\r\n"));
+        HostFailNth(nullptr, ulNth);
+        LiveOnce(machine);
+        const bool bDone = HostFallibleCalls() < ulNth;
+        HostFailNth(nullptr, 0);
+        EXPECT_EQ(nullptr, Globals.pControlDevice) << ulNth;
+        EXPECT_EQ(0, Globals.usKeyboardCount) << ulNth;
+        EXPECT_EQ(0, Globals.usOpenCount) << ulNth;
+        ASSERT_EQ(0u, machine.Unload()) << ulNth;
+        if (bDone) {
+            EXPECT_LT(20u, ulNth);
+            break;
+        }
+    }
+}
+
+// Keyboards come and go while applications open, define, look for keyboards and close.
+TEST(Threads, RemovalMeetsItsUsers)
+{
+    EmuMachineOptions options = WithRegistry("");
+    options.Mode = HostThreaded;
+    EmuMachine machine(options);
+    EmuKeyboard* pStays = machine.Plug();
+    std::atomic<bool> bStop{false};
+    std::atomic<ULONG> ulNewest{0};
+    std::vector<HostThread> threads;
+    for (int i = 0; i < 2; i++) {
+        threads.push_back(HostStartThread([&bStop, &ulNewest, i] {
+            while (!bStop) {
+                EmuApplication application(i == 1);
+                for (ULONG ulIndex : {0u, ulNewest.load(), ulNewest + 1}) {
+                    application.AddDefinition(ulIndex, Hotkey(7 + i));
+                    application.RegisterNotifyEvent(ulIndex);
+                    application.StartReportProcessing(ulIndex);
+                    application.TakeRecords(ulIndex);
+                }
+            }
+        }));
+    }
+    for (ULONG i = 1; i <= 25; i++) {
+        EmuKeyboard* pKeyboard = machine.Plug();
+        ulNewest = i;
+        pKeyboard->Report({1, 0, 0x3A, 0, 0, 0, 0, 0});
+        pKeyboard->Report({0, 0, 0, 0, 0, 0, 0, 0});
+        pKeyboard->Unplug(i % 2 == 0);
+    }
+    bStop = true;
+    for (HostThread thread : threads) {
+        HostJoinThread(thread);
+    }
+    EXPECT_EQ(0, Globals.usOpenCount);
+    EXPECT_EQ(pStays->Filter(), Globals.pFirstKeyboard);
+    EXPECT_EQ(0u, FilterContextOf(pStays->Filter())->ulKeyDefTypes & ~KEYDEF_MACRO_MODE);
     EXPECT_EQ(0u, machine.Unload());
 }
 } // namespace
