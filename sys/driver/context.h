@@ -35,7 +35,7 @@ enum : ULONG {
 };
 
 enum {
-    PROPERTY_CHARS = 256,      // 512 bytes
+    PROPERTY_CHARS = 256,       // 512 bytes
     KEY_DEFINITION_SLOTS = 512, // the last slot stays null
     KEY_BUFFER_SIZE = 1024,
     FIFO_SIZE = 16,
@@ -73,54 +73,54 @@ struct TimerWithDpc {
 
 struct DeviceContext {
     // Frame.
-    ULONG ulDeviceKind;                 // (x) FILTER_DEVICE_KIND, written last, when the record is complete
-    ULONG ulDeviceIndex;                // (i) by which applications address the keyboard
-    PDEVICE_OBJECT pLowerDevice;        // (i)
-    PDEVICE_OBJECT pPhysicalDevice;     // (i)
+    ULONG ulDeviceKind;             // (x) FILTER_DEVICE_KIND, written last, when the record is complete
+    ULONG ulDeviceIndex;            // (i) by which applications address the keyboard
+    PDEVICE_OBJECT pLowerDevice;    // (i)
+    PDEVICE_OBJECT pPhysicalDevice; // (i)
     WCHAR DeviceDescription[PROPERTY_CHARS];        // (p) read at start
     WCHAR HardwareId[PROPERTY_CHARS];               // (p) multi-string
     WCHAR PhysicalDeviceObjectName[PROPERTY_CHARS]; // (p)
-    UCHAR ucSendUpEventImmediately;     // (i)
-    UCHAR ucRunDiagNormalPacket02;      // (i)
-    UCHAR ucStarted;                    // (p) counted in usStartedKeyboards
-    UCHAR ucKeyboardCounted;            // (p) counted in usKeyboardCount
-    UCHAR ucInterfaceRegistered;        // (p) InterfaceLinkName is owned
-    UNICODE_STRING InterfaceLinkName;   // (p) changed under InterfaceLock, which readers take too
+    UCHAR ucSendUpEventImmediately;                 // (i)
+    UCHAR ucRunDiagNormalPacket02;                  // (i)
+    UCHAR ucStarted;                                // (p) counted in usStartedKeyboards
+    UCHAR ucKeyboardCounted;                        // (p) counted in usKeyboardCount
+    UCHAR ucInterfaceRegistered;                    // (p) InterfaceLinkName is owned
+    UNICODE_STRING InterfaceLinkName;               // (p) changed under InterfaceLock, which readers take too
     SpinLock InterfaceLock;
 
     // Life: see driver/keyboards.cpp.
-    PDEVICE_OBJECT pNextKeyboard;       // KeyboardListLock
-    LONG lReferences;                   // (x) 1 while attached, + 1 a user
-    UCHAR ucRemoving;                   // (x) no new references
-    KEVENT ReferencesGone;              // notification, set when lReferences falls to 0
+    PDEVICE_OBJECT pNextKeyboard; // KeyboardListLock
+    LONG lReferences;             // (x) 1 while attached, + 1 a user
+    UCHAR ucRemoving;             // (x) no new references
+    KEVENT ReferencesGone;        // notification, set when lReferences falls to 0
 
     // URB interception.
     SpinLock PendingIrpLock;
     PIRP PendingIrps[PENDING_IRP_SIZE] GUARDED_BY(PendingIrpLock); // oldest first
     ULONG ulPendingIrpCount GUARDED_BY(PendingIrpLock);
-    PIRP pPendingReadIrp;               // (x) = PendingIrps[0], written under PendingIrpLock
-    PIRP pCancellingIrp GUARDED_BY(PendingIrpLock);       // being cancelled by CancelPendingRead
+    PIRP pPendingReadIrp;                           // (x) = PendingIrps[0], written under PendingIrpLock
+    PIRP pCancellingIrp GUARDED_BY(PendingIrpLock); // being cancelled by CancelPendingRead
     UCHAR ucCancelledCompleted GUARDED_BY(PendingIrpLock); // its completion came meanwhile and waits
-    ULONG ulIrpCancelledForInsert;      // (x)
-    SpinLock AnswerLock;                // reads answered above the keyboard that wait to be completed
+    ULONG ulIrpCancelledForInsert;                         // (x)
+    SpinLock AnswerLock;                        // reads answered above the keyboard that wait to be completed
     PIRP pFirstAnswered GUARDED_BY(AnswerLock); // oldest first, linked through Tail.Overlay.ListEntry.Flink
     PIRP pLastAnswered GUARDED_BY(AnswerLock);
-    UCHAR ucAnswering GUARDED_BY(AnswerLock);   // somebody is completing them
+    UCHAR ucAnswering GUARDED_BY(AnswerLock); // somebody is completing them
     SpinLock DiscardLock;
     DiscardEntry DiscardRing[DISCARD_RING_SIZE] GUARDED_BY(DiscardLock);
     ULONG ulDiscardWrite GUARDED_BY(DiscardLock);
     ULONG ulDiscardRead GUARDED_BY(DiscardLock);
     ULONG ulDiscardCount GUARDED_BY(DiscardLock);
-    UCHAR ucSendEmptyPacket;            // (x) the next read releases the inserted keys
-    UCHAR ucKbdModifiers;               // (x) byte 0 of the last completed 8-byte report
-    USHORT usLedReport;                 // (x) HID form: Num 1, Caps 2, Scroll 4
-    USHORT usLedFlags;                  // (x) indicator form: Scroll 1, Num 2, Caps 4
-    ULONG ulControlPipe;                // (x) low 32 bits of the last control pipe handle
-    UCHAR ucReservedStatus;             // (i) 0
+    UCHAR ucSendEmptyPacket; // (x) the next read releases the inserted keys
+    UCHAR ucKbdModifiers;    // (x) byte 0 of the last completed 8-byte report
+    USHORT usLedReport;      // (x) HID form: Num 1, Caps 2, Scroll 4
+    USHORT usLedFlags;       // (x) indicator form: Scroll 1, Num 2, Caps 4
+    ULONG ulControlPipe;     // (x) low 32 bits of the last control pipe handle
+    UCHAR ucReservedStatus;  // (i) 0
 
     // What the descriptors say.
-    ULONG KbdType;                      // (x) set once
-    UCHAR ucDeviceClass;                // (x) each
+    ULONG KbdType;       // (x) set once
+    UCHAR ucDeviceClass; // (x) each
     UCHAR ucDeviceSubClass;
     UCHAR ucInterfaceClass;
     UCHAR ucInterfaceSubClass;
@@ -129,39 +129,39 @@ struct DeviceContext {
     USHORT usProductID;
 
     // Report engine.
-    UCHAR ucOldPacket[8];               // (r) the previous standard report as sent
-    UCHAR ucOldPowerPacket[2];          // (r)
+    UCHAR ucOldPacket[8];      // (r) the previous standard report as sent
+    UCHAR ucOldPowerPacket[2]; // (r)
     UCHAR ucOldOPOSPacket[8] GUARDED_BY(BufferLock);
 
     // Key definitions and the hotkey lists made from them.
-    KMUTEX DefinitionMutex;             // one change of the definitions at a time, at PASSIVE_LEVEL
-    SpinLock KeyDefLock;                // a definition found under it is not freed
+    KMUTEX DefinitionMutex; // one change of the definitions at a time, at PASSIVE_LEVEL
+    SpinLock KeyDefLock;    // a definition found under it is not freed
     KeyDefinition* KeyDefinitions[KEY_DEFINITION_SLOTS] GUARDED_BY(KeyDefLock);
-    ULONG ulKeyDefTypes;                // (x)
+    ULONG ulKeyDefTypes;                          // (x)
     HotkeyEntry HotkeyLists[2][HOTKEY_LIST_SIZE]; // (r) the published one; the other: DefinitionMutex
-    ULONG ulHotkeyList;                 // (x) which of the two is published
-    LONG lHotkeyWalks[2];               // (x) walks under way in each
+    ULONG ulHotkeyList;                           // (x) which of the two is published
+    LONG lHotkeyWalks[2];                         // (x) walks under way in each
 
     // Hotkey matching.
-    UCHAR ucHotkeyActive;               // (x)
-    ULONG ulActiveHotkeyId;             // (x) the hotkey whose event was sent last
-    USHORT usTypematicScan;             // (x) the point-of-sale key to repeat
+    UCHAR ucHotkeyActive;   // (x)
+    ULONG ulActiveHotkeyId; // (x) the hotkey whose event was sent last
+    USHORT usTypematicScan; // (x) the point-of-sale key to repeat
     SpinLock TypematicLock;
-    TimerWithDpc TypematicDelay;        // TypematicDelayTimer and its deferred call
-    TimerWithDpc TypematicRepeat;       // TypematicRepeatTimer and its deferred call
-    ULONG ulTypematicCycle GUARDED_BY(TypematicLock); // which repeat it is, 0 = none may be armed
+    TimerWithDpc TypematicDelay;                       // TypematicDelayTimer and its deferred call
+    TimerWithDpc TypematicRepeat;                      // TypematicRepeatTimer and its deferred call
+    ULONG ulTypematicCycle GUARDED_BY(TypematicLock);  // which repeat it is, 0 = none may be armed
     ULONG ulTypematicStarts GUARDED_BY(TypematicLock); // repeats started so far
 
     // Keys held back and keys to give.
-    SpinLock BufferLock;                // leaf: guards the two buffers and ucOldOPOSPacket
+    SpinLock BufferLock; // leaf: guards the two buffers and ucOldOPOSPacket
     UCHAR SwallowBuf[KEY_BUFFER_SIZE] GUARDED_BY(BufferLock);
-    USHORT usSwallowCount;              // (x) written under BufferLock
+    USHORT usSwallowCount; // (x) written under BufferLock
     UCHAR InsertBuf[KEY_BUFFER_SIZE] GUARDED_BY(BufferLock);
-    USHORT usInsertCount;               // (x) written under BufferLock
-    UCHAR ucInsertModifiers;            // (x) modifier byte that InsertScans wants
-    UCHAR ucInsertModifierPending;      // (x)
-    KEVENT InsertModifierEvent;         // synchronization, set when that report was placed
-    KEVENT InsertScansTurn;             // synchronization, set: one waiting InsertScans at a time
+    USHORT usInsertCount;          // (x) written under BufferLock
+    UCHAR ucInsertModifiers;       // (x) modifier byte that InsertScans wants
+    UCHAR ucInsertModifierPending; // (x)
+    KEVENT InsertModifierEvent;    // synchronization, set when that report was placed
+    KEVENT InsertScansTurn;        // synchronization, set: one waiting InsertScans at a time
 
     // Whole reports to insert.
     SpinLock FifoLock;
@@ -169,22 +169,22 @@ struct DeviceContext {
     ULONG ulFifoWrite GUARDED_BY(FifoLock);
     ULONG ulFifoRead GUARDED_BY(FifoLock);
     ULONG ulFifoCount GUARDED_BY(FifoLock);
-    KEVENT FifoEvent;                   // synchronization, set when the queue has run empty
-    LONG lFifoWaiters;                  // (x)
+    KEVENT FifoEvent;  // synchronization, set when the queue has run empty
+    LONG lFifoWaiters; // (x)
 
     // Macro playback.
-    TimerWithDpc KorvexDelay;           // KorvexDelayTimer and its deferred call
+    TimerWithDpc KorvexDelay; // KorvexDelayTimer and its deferred call
     SpinLock ParkLock;
     ULONG ulParkedCount GUARDED_BY(ParkLock);
     PIRP ParkedRequests[PARKED_REQUEST_SIZE] GUARDED_BY(ParkLock); // oldest first
-    PIRP pFirstParked;                  // (x) = ParkedRequests[0]
-    PIO_WORKITEM pKorvexWorkItem;       // (x)
+    PIRP pFirstParked;                                             // (x) = ParkedRequests[0]
+    PIO_WORKITEM pKorvexWorkItem;                                  // (x)
 
     // Application notification.
     SpinLock NotifyLock;
     PKEVENT pNotifyEvent GUARDED_BY(NotifyLock); // referenced
     ULONGLONG hNotifyEvent GUARDED_BY(NotifyLock);
-    UCHAR ucReportProcessing;           // (x)
+    UCHAR ucReportProcessing; // (x)
     NotifyRecord NotifyQueue[NOTIFY_QUEUE_SIZE] GUARDED_BY(NotifyLock);
     ULONG ulNotifyWrite GUARDED_BY(NotifyLock);
     ULONG ulNotifyRead GUARDED_BY(NotifyLock);
@@ -193,33 +193,33 @@ struct DeviceContext {
 
 // What is known of one sibling driver.
 struct SiblingLink {
-    PVOID hInterfaceNotification;       // (p) null if the registration failed
-    PIO_WORKITEM pWorkItem;             // (x)
-    UCHAR ucConnected;                  // (x)
+    PVOID hInterfaceNotification; // (p) null if the registration failed
+    PIO_WORKITEM pWorkItem;       // (x)
+    UCHAR ucConnected;            // (x)
 };
 
 struct ControlContext {
-    ULONG ulDeviceKind;                 // (i) CONTROL_DEVICE_KIND
-    PKEVENT pApplicationEvent;          // EventLock; referenced
-    ULONGLONG hApplicationEvent;        // EventLock
-    KEVENT ClosedEvent;                 // notification: no handle of the driver is open
+    ULONG ulDeviceKind;          // (i) CONTROL_DEVICE_KIND
+    PKEVENT pApplicationEvent;   // EventLock; referenced
+    ULONGLONG hApplicationEvent; // EventLock
+    KEVENT ClosedEvent;          // notification: no handle of the driver is open
     SiblingLink Ps2Mouse;
     SiblingLink UsbMouse;
     SiblingLink Ps2Keyboard;
 };
 
-struct DriverSettings {                 // constant after driver entry, but for the macro settings (x)
+struct DriverSettings { // constant after driver entry, but for the macro settings (x)
     ULONG ulPrefix1;
     ULONG ulPrefix2;
     ULONG ulPosKeyPrefix;
     ULONG ulSendUpEventImmediately;
     ULONG ulRunDiagNormalPacket02;
-    UNICODE_STRING LogFileName;         // capacity 255 bytes in a 265-byte buffer
+    UNICODE_STRING LogFileName; // capacity 255 bytes in a 265-byte buffer
     ULONG ulLogLevel;
-    ULONG ulLogFileSize;                // bytes
-    ULONG ulKorvexHotkey;               // (x) 0 = the macro feature is off
-    UCHAR ucKorvexLEDDisabled;          // (x)
-    ULONG ulKorvexDelay;                // (x) milliseconds, 0 = no pacing
+    ULONG ulLogFileSize;       // bytes
+    ULONG ulKorvexHotkey;      // (x) 0 = the macro feature is off
+    UCHAR ucKorvexLEDDisabled; // (x)
+    ULONG ulKorvexDelay;       // (x) milliseconds, 0 = no pacing
 };
 
 struct DriverGlobals {
@@ -227,42 +227,42 @@ struct DriverGlobals {
     PDRIVER_OBJECT pDriverObject;
     UNICODE_STRING RegistryPathCopy;
     UNICODE_STRING ParametersPath;
-    ULONG ulNextDeviceIndex;            // (p)
-    UCHAR ucRefuseAttach;               // (p)
-    USHORT usStartedKeyboards;          // KeyboardListLock
+    ULONG ulNextDeviceIndex;   // (p)
+    UCHAR ucRefuseAttach;      // (p)
+    USHORT usStartedKeyboards; // KeyboardListLock
     SpinLock KeyboardListLock;
     PDEVICE_OBJECT pFirstKeyboard GUARDED_BY(KeyboardListLock); // newest first
-    PDEVICE_OBJECT pControlDevice;      // (x) written under ControlDeviceMutex and KeyboardListLock
-    USHORT usKeyboardCount;             // (x) written in Plug and Play
-    USHORT usOpenCount;                 // ControlDeviceMutex
-    KMUTEX ControlDeviceMutex;          // creation, deletion, open and close: one after the other
-    USHORT usTypematicRate;             // (x) index into TypematicPeriodTable
-    USHORT usTypematicDelay;            // (x) index into TypematicDelayTable
+    PDEVICE_OBJECT pControlDevice; // (x) written under ControlDeviceMutex and KeyboardListLock
+    USHORT usKeyboardCount;        // (x) written in Plug and Play
+    USHORT usOpenCount;            // ControlDeviceMutex
+    KMUTEX ControlDeviceMutex;     // creation, deletion, open and close: one after the other
+    USHORT usTypematicRate;        // (x) index into TypematicPeriodTable
+    USHORT usTypematicDelay;       // (x) index into TypematicDelayTable
 
     // Modifiers and prefixes of all keyboards.
-    ULONG ulModifierFlags;              // (x)
-    ULONG ulPrefixReleased;             // (x)
-    ULONG ulPrefixUnmatched;            // (x)
+    ULONG ulModifierFlags;   // (x)
+    ULONG ulPrefixReleased;  // (x)
+    ULONG ulPrefixUnmatched; // (x)
     UCHAR ucPrefix1Usage;
     UCHAR ucPrefix2Usage;
     UCHAR ucPosKeyPrefixUsage;
 
     // Hotkeys of all keyboards.
-    UCHAR ucHotkeyComplete;             // (x)
-    UCHAR ucEscAbort;                   // (x)
-    UCHAR ucSwallowPending;             // (x)
+    UCHAR ucHotkeyComplete; // (x)
+    UCHAR ucEscAbort;       // (x)
+    UCHAR ucSwallowPending; // (x)
 
     // Modes.
-    UCHAR ucDiscardLastModifiers;       // (x)
-    UCHAR ucKorvexMode;                 // (x)
-    UCHAR ucKorvexHotkeyHeld;           // (x)
-    UCHAR ucKorvexTimerRunning;         // (x)
-    UCHAR ucReportCapture;              // (x) written under CaptureLock
+    UCHAR ucDiscardLastModifiers; // (x)
+    UCHAR ucKorvexMode;           // (x)
+    UCHAR ucKorvexHotkeyHeld;     // (x)
+    UCHAR ucKorvexTimerRunning;   // (x)
+    UCHAR ucReportCapture;        // (x) written under CaptureLock
     SpinLock CaptureLock;
     MacroTableRecord* MacroTable[MACRO_TABLE_SIZE];
 
     // Application notification.
-    SpinLock EventLock;                 // the application event of the control device
+    SpinLock EventLock; // the application event of the control device
     SpinLock MacroLock;
     PKEVENT pMacroEvent GUARDED_BY(MacroLock); // referenced
     ULONGLONG hMacroEvent GUARDED_BY(MacroLock);
@@ -272,16 +272,16 @@ struct DriverGlobals {
     ULONG ulMacroCount GUARDED_BY(MacroLock);
 
     // Diagnostic log.
-    char* pLogBuffer;                   // (x) set before the first device, freed at unload
-    KSPIN_LOCK LogLock;                 // the leaf: taken by log.cpp alone, at DISPATCH_LEVEL
+    char* pLogBuffer;   // (x) set before the first device, freed at unload
+    KSPIN_LOCK LogLock; // the leaf: taken by log.cpp alone, at DISPATCH_LEVEL
     KDPC LogDpc;
-    KEVENT LogEvent;                    // synchronization
-    UCHAR ucLogDpcPending;              // (x)
-    UCHAR ucLogEventPending;            // (x)
-    UCHAR ucLogStop;                    // (x) the drain shall end
-    UCHAR ucLogCut;                     // LogLock: text was cut or dropped since the last drain
-    KEVENT LogEnded;                    // notification: the drain is through
-    PVOID pLogThread;                   // referenced thread object of the drain
+    KEVENT LogEvent;         // synchronization
+    UCHAR ucLogDpcPending;   // (x)
+    UCHAR ucLogEventPending; // (x)
+    UCHAR ucLogStop;         // (x) the drain shall end
+    UCHAR ucLogCut;          // LogLock: text was cut or dropped since the last drain
+    KEVENT LogEnded;         // notification: the drain is through
+    PVOID pLogThread;        // referenced thread object of the drain
 
     // Siblings.
     UCHAR ucPs2KeyboardArrivals;

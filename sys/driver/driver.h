@@ -25,12 +25,12 @@ enum : USHORT { ErrorCountCheck = 0, ErrorCountEnter = 1, ErrorCountLeave = 2 };
 NTSTATUS UpdateErrorCount(USHORT usMode, PUCHAR pucRefuse);
 
 // keyboards.cpp: which filter devices there are, and that none goes away while it is used
-DeviceContext* FilterContextOf(PDEVICE_OBJECT pDevice);    // null unless it is a filter device
-ControlContext* ControlContextOf(PDEVICE_OBJECT pDevice);  // null unless it is the control device
-bool AcquireDevice(PDEVICE_OBJECT pDevice);                // false: being removed
+DeviceContext* FilterContextOf(PDEVICE_OBJECT pDevice);   // null unless it is a filter device
+ControlContext* ControlContextOf(PDEVICE_OBJECT pDevice); // null unless it is the control device
+bool AcquireDevice(PDEVICE_OBJECT pDevice);               // false: being removed
 void ReleaseDevice(PDEVICE_OBJECT pDevice);
-PDEVICE_OBJECT FirstKeyboard();                            // newest first; referenced; null at the end
-PDEVICE_OBJECT NextKeyboard(PDEVICE_OBJECT pDevice);       // releases pDevice, references the next
+PDEVICE_OBJECT FirstKeyboard();                      // newest first; referenced; null at the end
+PDEVICE_OBJECT NextKeyboard(PDEVICE_OBJECT pDevice); // releases pDevice, references the next
 void PublishKeyboard(PDEVICE_OBJECT pDevice);
 void RefuseNewReferences(PDEVICE_OBJECT pDevice);
 void WaitForReferences(PDEVICE_OBJECT pDevice);
