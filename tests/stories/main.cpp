@@ -34,7 +34,8 @@ int main(int argc, char** argv)
         for (const auto& file : files) {
             for (const Story& story : ReadStories(file.string())) {
                 testing::RegisterTest(file.stem().c_str(), story.Title.c_str(), nullptr, nullptr,
-                                      file.c_str(), 1, [=]() -> testing::Test* { return new StoryTest(story); });
+                                      file.c_str(), 1,
+                                      [=]() -> testing::Test* { return new StoryTest(story); });
             }
         }
     } catch (const std::exception& error) {

@@ -94,10 +94,24 @@ std::string Text(const EmuBytes& bytes)
 }
 
 const std::map<std::string, ULONG> ModifierWords = {
-    {"-", 0},           {"lctrl", 0x2},    {"rctrl", 0x4},    {"lshift", 0x8},         {"rshift", 0x10},
-    {"lalt", 0x20},     {"ralt", 0x40},    {"lwin", 0x80},    {"rwin", 0x100},         {"context", 0x200},
-    {"ctrl", 0x400},    {"shift", 0x800},  {"alt", 0x1000},   {"win", 0x2000},         {"poskey", 0x8000000},
-    {"prefix1", 0x10000000}, {"prefix2", 0x20000000}, {"fn", 0x80000000},
+    {"-", 0},
+    {"lctrl", 0x2},
+    {"rctrl", 0x4},
+    {"lshift", 0x8},
+    {"rshift", 0x10},
+    {"lalt", 0x20},
+    {"ralt", 0x40},
+    {"lwin", 0x80},
+    {"rwin", 0x100},
+    {"context", 0x200},
+    {"ctrl", 0x400},
+    {"shift", 0x800},
+    {"alt", 0x1000},
+    {"win", 0x2000},
+    {"poskey", 0x8000000},
+    {"prefix1", 0x10000000},
+    {"prefix2", 0x20000000},
+    {"fn", 0x80000000},
 };
 
 ULONG Modifiers(const std::string& word)
@@ -303,13 +317,16 @@ void Player::Play(const std::string& line)
         }
         EXPECT_EQ(m_Application->InsertUSBPackets(Index(), {entry}), STATUS_SUCCESS);
     } else if (verb == "led") {
-        EXPECT_EQ(m_Keyboards.at(m_Current)->SendLed(Bytes(words, 1).at(0), EmuHidRouteControl), STATUS_SUCCESS);
+        EXPECT_EQ(m_Keyboards.at(m_Current)->SendLed(Bytes(words, 1).at(0), EmuHidRouteControl),
+                  STATUS_SUCCESS);
         std::vector<UCHAR> out;
-        EXPECT_EQ(m_Application->RequestRecord(IOCTL_TVUSB_GET_LEDS, Index(), nullptr, 0, 2, &out), STATUS_SUCCESS);
+        EXPECT_EQ(m_Application->RequestRecord(IOCTL_TVUSB_GET_LEDS, Index(), nullptr, 0, 2, &out),
+                  STATUS_SUCCESS);
         EXPECT_EQ(Text({out.at(0)}), Text(Bytes(SplitWords(parts.Right))));
     } else if (verb == "modifiers") {
         std::vector<UCHAR> out;
-        EXPECT_EQ(m_Application->RequestRecord(IOCTL_TVUSB_GET_MODIFIERS, Index(), nullptr, 0, 4, &out), STATUS_SUCCESS);
+        EXPECT_EQ(m_Application->RequestRecord(IOCTL_TVUSB_GET_MODIFIERS, Index(), nullptr, 0, 4, &out),
+                  STATUS_SUCCESS);
         ULONG ulFlags = 0;
         memcpy(&ulFlags, out.data(), sizeof(ulFlags));
         EXPECT_EQ(ulFlags, Modifiers(words.at(1)));

@@ -27,7 +27,8 @@ std::vector<Story> ReadStories(const std::string& path)
         if (line.rfind("story ", 0) == 0) {
             stories.push_back({path.substr(path.rfind('/') + 1), Trimmed(line.substr(6)), {}});
         } else if (stories.empty()) {
-            throw std::runtime_error(path + ":" + std::to_string(uNumber) + ": a line before the first story");
+            throw std::runtime_error(path + ":" + std::to_string(uNumber) +
+                                     ": a line before the first story");
         } else {
             stories.back().Lines.push_back({uNumber, line});
         }

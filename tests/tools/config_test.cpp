@@ -163,5 +163,5 @@ TEST(KeyNames, AreUniqueAndFound)
     EXPECT_EQ(0x4B, FindKeyByName("page_up")->usUsage);
     EXPECT_EQ("F1", ShownKeyName(0x3A));
     EXPECT_EQ("0xa7", ShownKeyName(0xA7));
-    EXPECT_EQ((std::vector<std::string>{"Left Ctrl", "Right Win"}), ShownModifiers(0x81));
+    EXPECT_EQ((std::vector<std::string>{"LCtrl", "RWin"}), ShownModifiers(0x81));
 }

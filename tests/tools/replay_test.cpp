@@ -214,10 +214,16 @@ TEST(Replay, PlaysTheSample)
         const char* pTime;
         int iValue, iEscAbort;
     } expected[] = {
-        {"14301076", 1, 0}, {"14342677", 0, 0}, {"15222157", 1, 0}, {"15263761", 0, 0}, {"15566560", 1, 0},
+        {"14301076", 1, 0},
+        {"14342677", 0, 0},
+        {"15222157", 1, 0},
+        {"15263761", 0, 0},
+        {"15566560", 1, 0},
         // Esc came and went while F1 was held: its release is a key of no hotkey, which ends the hotkey; F1,
         // still there, completes it again and carries the abort.
-        {"15659362", 0, 0}, {"15659362", 1, 1}, {"15702541", 0, 1},
+        {"15659362", 0, 0},
+        {"15659362", 1, 1},
+        {"15702541", 0, 1},
     };
     for (const auto& event : expected)
         events.push_back(std::string(R"({"type":"event","t_us":)") + event.pTime +

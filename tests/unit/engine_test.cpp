@@ -1,0 +1,304 @@
+// engine_test.cpp - the closed parts of the report engine: key table, conversion, hotkey list, key buffers,
+// FIFO, descriptors.
+#include "bench_keyboard.h"
+
+#include "hotkeys/hotkeys.h"
+#include "report/keytable.h"
+#include "report/report.h"
+#include "usb/usb.h"
+
+TEST(KeyTable, RowsAreInOrderAndSound)
+{
+    for (ULONG i = 0; i < KEY_TABLE_ROWS; i++) {
+        const KeyTableRow& row = KeyTable[i];
+        SCOPED_TRACE(i);
+        if (i < 255) {
+            EXPECT_EQ(row.usUsage, i + 1);
+            EXPECT_EQ(row.usUsageBytes, 1);
+            EXPECT_EQ(row.ulHIDChic | row.ulHIDJaalaa, 0u);
+        }
+        bool bSilent = row.ulScanCode == NO_SCAN_CODE || row.ulScanCode == RESERVED_SCAN_CODE;
+        EXPECT_FALSE(bSilent && (row.ucHasBreak || row.ucTypematic));
+        EXPECT_NE(row.pszName, nullptr);
+    }
+    EXPECT_STREQ(KeyTable[0x34 - 1].pszName, "' \"");
+    EXPECT_STREQ(KeyTable[291].pszName, "CD Open");
+    EXPECT_EQ(TypematicPeriodTable[23].ullPeriodMs, 67u);
+    EXPECT_EQ(TypematicPeriodTable[31].ullPeriodMs, 33u);
+}
+
+TEST(KeyTable, ScanCodesAndUsagesFindEachOther)
+{
+    struct {
+        ULONG ulScanCode;
+        NTSTATUS status;
+        USHORT usUsage, usBytes;
+    } byScan[] = {
+        {0x7D, STATUS_SUCCESS, 0x89, 1},       {0x7B, STATUS_SUCCESS, 0x8B, 1},
+        {0x79, STATUS_SUCCESS, 0x8A, 1},       {0xE02AE037, STATUS_SUCCESS, 0x46, 1},
+        {0xE11D45, STATUS_SUCCESS, 0x48, 1},   {0xE032, STATUS_SUCCESS, 0x223, 2},
+        {0xFFFFFFFF, STATUS_SUCCESS, 0x03, 1}, {0x7F, STATUS_UNSUCCESSFUL, 0x5555, 0x55},
+    };
+    for (const auto& row : byScan) {
+        USHORT usUsage = 0x5555, usBytes = 0x55;
+        EXPECT_EQ(PS2ToHID(row.ulScanCode, &usUsage, &usBytes), row.status) << std::hex << row.ulScanCode;
+        EXPECT_EQ(usUsage, row.usUsage);
+        EXPECT_EQ(usBytes, row.usBytes);
+    }
+    ULONG ulScanCode;
+    UCHAR ucBreak, ucRepeat;
+    EXPECT_EQ(HIDToPS2(0x48, &ulScanCode, &ucBreak, &ucRepeat), STATUS_SUCCESS);
+    EXPECT_EQ(ulScanCode, 0xE11D45u);
+    EXPECT_EQ(ucBreak | ucRepeat, 0);
+    EXPECT_EQ(HIDToPS2(0xA6, &ulScanCode, &ucBreak, &ucRepeat), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(ulScanCode, RESERVED_SCAN_CODE);
+    EXPECT_EQ(HIDToPS2Ex(0xE9, 1, &ulScanCode, &ucBreak, &ucRepeat), STATUS_SUCCESS);
+    EXPECT_EQ(ulScanCode, 0xE030u);
+    EXPECT_EQ(ucBreak & ucRepeat, 1);
+    EXPECT_EQ(HIDToPS2Ex(0xE2, 1, &ulScanCode, &ucBreak, &ucRepeat), STATUS_SUCCESS);
+    EXPECT_EQ(ulScanCode, 0x38u); // the keyboard row comes first
+    EXPECT_EQ(HIDToPS2Ex(0xB5, 1, &ulScanCode, &ucBreak, &ucRepeat), STATUS_SUCCESS);
+    EXPECT_EQ(ulScanCode, 0xE019u); // its keyboard row is reserved
+    EXPECT_EQ(HIDToPS2Ex(0x194, 1, &ulScanCode, &ucBreak, &ucRepeat), STATUS_UNSUCCESSFUL);
+}
+
+TEST(Modifiers, MaskMatchesTheWord)
+{
+    struct {
+        ULONG ulMask, ulFlags;
+        bool bMatched;
+    } cases[] = {
+        {0, 0, true},
+        {0, 0x402, false},
+        {0x400, 0x402, true},
+        {0x400, 0x404, true},
+        {0x402, 0x404, false},
+        {0x400, 0xC0A, true}, // extra keys may be held
+        {0x10000000, 0x10000000, true},
+        {0x10000000, 0x30000000, false},
+        {0x10000400, 0x10000402, true},
+        {0x400, 0x10000402, false},
+        {0x10000000, 0x10000402, false}, // a prefix alone is no other bit
+    };
+    for (const auto& row : cases) {
+        EXPECT_EQ(IsModifierMaskMatched(row.ulMask, row.ulFlags), row.bMatched)
+            << std::hex << row.ulMask << " " << row.ulFlags;
+    }
+}
+
+using Engine = KeyboardTest;
+
+TEST_F(Engine, ScanCodesBecomeKeyBytes)
+{
+    struct {
+        std::vector<uint8_t> scans;
+        NTSTATUS status;
+        std::vector<UCHAR> keys;
+    } cases[] = {
+        {{0x1D, 0x2E}, STATUS_SUCCESS, {0xE0, 0x06}},
+        {{0xE0, 0x2A, 0xE0, 0x37}, STATUS_SUCCESS, {0x46}},
+        {{0xE1, 0x1D, 0x45}, STATUS_SUCCESS, {0x48}},
+        {{0xE0, 0x32}, STATUS_SUCCESS, {0x02, 0x23}}, // a wide usage, high byte first
+        {{0xE0, 0x1D, 0x1E}, STATUS_SUCCESS, {0xE4, 0x04}},
+        {{}, STATUS_SUCCESS, {}},
+        {{0xE0}, STATUS_UNSUCCESSFUL, {}},
+        {{0x1E, 0xE1, 0x1D}, STATUS_UNSUCCESSFUL, {}},
+        {{0x7F}, STATUS_UNSUCCESSFUL, {}},
+    };
+    for (const auto& row : cases) {
+        KeyDefinition definition = Hotkey(1, 0, {});
+        definition.usScanCount = static_cast<uint16_t>(row.scans.size());
+        std::copy(row.scans.begin(), row.scans.end(), definition.ucScans);
+        HotkeyEntry entry;
+        EXPECT_EQ(ConvertPS2ToHID(Filter(), &definition, &entry), row.status);
+        if (NT_SUCCESS(row.status)) {
+            EXPECT_EQ(std::vector<UCHAR>(entry.ucKeys, entry.ucKeys + entry.ulKeyCount), row.keys);
+        }
+    }
+}
+
+TEST_F(Engine, DefinitionsAreBounded)
+{
+    KeyDefinition definition = Hotkey(1, 0x200, {});
+    definition.usScanCount = 32;
+    memset(definition.ucScans, 0x1E, 32);
+    EXPECT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_UNSUCCESSFUL); // no room for ContextKey's byte
+    definition.ulModifiers = 0x400;
+    EXPECT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_SUCCESS);
+    definition.usScanCount = 33;
+    EXPECT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(Context()->ulKeyDefTypes, static_cast<ULONG>(KEYDEF_HOTKEY) | KEYDEF_MACRO_MODE);
+
+    FreeKeyDefinitions(Filter());
+    EXPECT_EQ(Context()->ulKeyDefTypes, static_cast<ULONG>(KEYDEF_MACRO_MODE));
+    for (uint32_t ulId = 1; ulId <= 511; ulId++) {
+        definition = Hotkey(ulId, 0, {0x1E});
+        ASSERT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_SUCCESS);
+    }
+    definition.ulId = 512;
+    EXPECT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(RemoveKeyDefinition(Filter(), 100), STATUS_SUCCESS);
+    EXPECT_EQ(RemoveKeyDefinition(Filter(), 100), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_SUCCESS);
+}
+
+TEST_F(Engine, HotkeyListIsMadeFromTheDefinitions)
+{
+    KeyDefinition plain = Hotkey(1, 0x406, {0x1E});
+    KeyDefinition swallowing = plain;
+    swallowing.ulSwallow = 1;
+    KeyDefinition nameless = Hotkey(0, 0, {0x1E});
+    KeyDefinition prefixed = Hotkey(2, 0x10000200, {0x7D, 0x30, 0x7B});
+    for (const KeyDefinition* pDefinition : {&plain, &swallowing, &nameless, &prefixed}) {
+        EXPECT_EQ(AddKeyDefinition(Filter(), pDefinition), STATUS_SUCCESS);
+    }
+    std::vector<HotkeyEntry> entries;
+    for (const HotkeyEntry& entry : HotkeyWalk(Context())) {
+        entries.push_back(entry);
+    }
+    ASSERT_EQ(entries.size(), 2u); // alike but for the swallow byte: one entry; no id: none
+    EXPECT_EQ(entries[0].ulModifiers, 0x400u);
+    EXPECT_EQ(entries[1].ulModifiers, 0x10000200u);
+    ASSERT_EQ(entries[1].ulKeyCount, 2u); // the prefix keys are modifiers here, ContextKey is a key too
+    EXPECT_EQ(entries[1].ucKeys[0], 0x05);
+    EXPECT_EQ(entries[1].ucKeys[1], USAGE_CONTEXT_KEY);
+    USHORT usIndex;
+    EXPECT_EQ(FindKeyDefinitionById(Filter(), 2, &usIndex)->ulModifiers, prefixed.ulModifiers);
+    EXPECT_EQ(usIndex, 3);
+    EXPECT_EQ(FindKeyDefinitionByType(Filter(), 5, nullptr), nullptr);
+}
+
+TEST_F(Engine, KeyBuffersHold1024Keys)
+{
+    UCHAR ucKey = 0x77;
+    EXPECT_FALSE(GetDataFromSwallowBuffer(Filter(), &ucKey));
+    EXPECT_EQ(ucKey, 0x77);
+    for (ULONG i = 0; i < KEY_BUFFER_SIZE; i++) {
+        UCHAR ucReport[8] = {0, 0, static_cast<UCHAR>(i % 200 + 4), 5, 6};
+        ASSERT_EQ(SwallowScan(Filter(), ucReport, 8, 2), 7u);
+        ucKey = static_cast<UCHAR>(i % 200 + 4);
+        ASSERT_TRUE(AddDataToInsertBuffer(Filter(), &ucKey));
+    }
+    UCHAR ucReport[8] = {0, 0, 4, 5, 6};
+    EXPECT_EQ(SwallowScan(Filter(), ucReport, 8, 2), 8u); // full: the key stays
+    EXPECT_EQ(ucReport[2], 4);
+    EXPECT_FALSE(AddDataToInsertBuffer(Filter(), &ucKey));
+    for (ULONG i = 0; i < KEY_BUFFER_SIZE; i++) {
+        ASSERT_TRUE(GetDataFromInsertBuffer(Filter(), &ucKey));
+        ASSERT_EQ(ucKey, i % 200 + 4);
+    }
+    DiscardSwallowBuffer(Filter());
+    EXPECT_EQ(Context()->usSwallowCount, 0);
+    EXPECT_EQ(RemoveKeyFromBuffer(ucReport, 8, 3), 7u);
+    EXPECT_EQ(ucReport[3], 6);
+    EXPECT_EQ(RemoveKeyFromBuffer(ucReport, 8, 8), 8u);
+    EXPECT_EQ(RemoveKeyFromBuffer(ucReport, 8, ~0u), 8u);
+}
+
+TEST_F(Engine, AFullSwallowBufferDoesNotHoldTheWalkUp)
+{
+    KeyDefinition definition = Hotkey(7, 0, {0x1E, 0x30});
+    ASSERT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_SUCCESS);
+    for (ULONG i = 0; i < KEY_BUFFER_SIZE; i++) {
+        UCHAR ucFill[8] = {0, 0, 0x20};
+        SwallowScan(Filter(), ucFill, 8, 2);
+    }
+    UCHAR ucReport[8] = {0, 0, 4};
+    ULONG ulIndex = 2, ulLen = 8;
+    UCHAR ucReleased = 0;
+    UpdateHotkeyModifierMatch(Filter());
+    ProcessHotkeyScan(Filter(), 4, 0, ucReport, &ulIndex, &ulLen, &ucReleased);
+    EXPECT_EQ(ulIndex, 2u);
+    EXPECT_EQ(ulLen, 8u);
+    EXPECT_EQ(ucReport[2], 4);
+    EXPECT_EQ(Globals.ucSwallowPending, 0);
+}
+
+TEST_F(Engine, QueuedKeysTakeTheReportsPlaces)
+{
+    for (UCHAR ucKey = 0x10; ucKey < 0x18; ucKey++) {
+        AddDataToInsertBuffer(Filter(), &ucKey);
+    }
+    UCHAR ucReport[8] = {0, 0, 4};
+    EXPECT_EQ(DiagUSBPacket(Filter(), 8, ucReport), STATUS_SUCCESS);
+    const UCHAR ucFull[8] = {0, 0, 0x10, 0x11, 0x12, 0x13, 0x14, 0x15};
+    EXPECT_EQ(memcmp(ucReport, ucFull, 8), 0);
+    EXPECT_EQ(Context()->usInsertCount, 3); // two old ones, and the report's own key behind them
+    UCHAR ucThree[3] = {9, 0, 0};
+    EXPECT_EQ(DiagUSBPacket(Filter(), 3, ucThree), STATUS_SUCCESS);
+    EXPECT_EQ(ucThree[1], 0x16);
+    EXPECT_EQ(ucThree[2], 0x17);
+    UCHAR ucRollover[8] = {1, 1, 1, 1, 1, 1, 1, 1};
+    EXPECT_EQ(DiagUSBPacket(Filter(), 8, ucRollover), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(DiagUSBPacket(Filter(), 8, nullptr), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(DiagUSBPacket(Filter(), 0, ucReport), STATUS_UNSUCCESSFUL);
+}
+
+TEST_F(Engine, FifoIsARingOfSixteen)
+{
+    Keyboard->Unplug(false);
+    EmuPlugOptions options;
+    options.Manual = true;
+    Keyboard = Machine->Plug(EmuBootKeyboard, options);
+    Application = std::make_unique<EmuApplication>();
+    FifoEntry entry = {0, 11, {}};
+    EXPECT_EQ(InsertUSBPacketFifin(Filter(), &entry), STATUS_UNSUCCESSFUL);
+    ULONG ulIndex = Keyboard->Index();
+    for (UCHAR round = 0; round < 3; round++) {
+        for (UCHAR i = 0; i < 10; i++) {
+            entry = {0, 8, {round, i}};
+            ASSERT_EQ(InsertUSBPacketFifin(Filter(), &entry), STATUS_SUCCESS);
+        }
+        for (UCHAR i = 0; i < 10; i++) {
+            ASSERT_EQ(GetUSBPacketFifo(ulIndex, &entry), STATUS_SUCCESS);
+            ASSERT_EQ(entry.ucData[1], i);
+        }
+    }
+    EXPECT_EQ(GetUSBPacketFifo(ulIndex, &entry), STATUS_UNSUCCESSFUL);
+    std::vector<FifoEntry> seventeen(17, FifoEntry{0, 8, {1}});
+    EXPECT_EQ(Application->InsertUSBPackets(ulIndex, seventeen), STATUS_SUCCESS);
+    ULONG ulCount = 0;
+    EXPECT_EQ(GetFifoCount(ulIndex, &ulCount), STATUS_SUCCESS);
+    EXPECT_EQ(ulCount, 16u);
+    EXPECT_EQ(Application->InsertUSBPackets(ulIndex, {}), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(GetFifoCount(99, &ulCount), STATUS_UNSUCCESSFUL);
+}
+
+// The type is learnt once, from whole and completed descriptors alone.
+TEST_F(Engine, DescriptorsDecideTheType)
+{
+    struct {
+        const char* pszWhat;
+        std::vector<UCHAR> bytes;
+        UCHAR ucCompleted;
+        ULONG ulKbdType;
+    } cases[] = {
+        {"nine bytes of a longer one", {9, 2, 34, 0, 1, 1, 0, 0xA0, 50}, 1, 0},
+        {"no interface behind", {9, 2, 34, 0, 1, 1, 0, 0xA0, 50, 7, 5, 0x81, 3, 8, 0, 10, 0, 0}, 1, 0},
+        {"cut within the interface", {9, 2, 34, 0, 1, 1, 0, 0xA0, 50, 9, 4, 0, 0, 1, 3, 1}, 1, 0},
+        {"on its way down", {9, 2, 34, 0, 1, 1, 0, 0xA0, 50, 9, 4, 0, 0, 1, 3, 1, 1, 0}, 0, 0},
+        {"boot keyboard", {9, 2, 34, 0, 1, 1, 0, 0xA0, 50, 9, 4, 0, 0, 1, 3, 1, 1, 0}, 1, NORMALKbdType},
+        {"power", {9, 2, 34, 0, 1, 1, 0, 0xA0, 50, 9, 4, 0, 0, 1, 3, 0, 0, 0}, 1, POWERKbdType},
+        {"extended", {9, 2, 34, 0, 1, 1, 0, 0xA0, 50, 9, 4, 0, 0, 1, 3, 1, 2, 0}, 1, JaalaaEXTENDEDKbdType},
+        {"mass storage", {9, 2, 34, 0, 1, 1, 0, 0xA0, 50, 9, 4, 0, 0, 1, 8, 6, 80, 0}, 1, OTHERKbdType},
+        {"lone interface", {9, 4, 0, 0, 1, 3, 1, 1, 0}, 1, NORMALKbdType},
+        {"lone extended interface", {9, 4, 0, 0, 1, 3, 1, 2, 0}, 1, OTHERKbdType},
+        {"lone interface on its way down", {9, 4, 0, 0, 1, 3, 1, 1, 0}, 0, 0},
+        {"a report descriptor that looks like one", {5, 4, 9, 6, 0xA1, 3, 1, 1, 0}, 1, 0},
+        {"one byte", {9}, 1, 0},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.pszWhat);
+        WriteShared(Context()->KbdType, 0u);
+        DiagDescriptor(Filter(), row.bytes.data(), static_cast<ULONG>(row.bytes.size()), row.ucCompleted);
+        EXPECT_EQ(Context()->KbdType, row.ulKbdType);
+    }
+    WriteShared(Context()->KbdType, 0u);
+    std::vector<UCHAR> device = {18, 1, 0, 2, 0, 0, 0, 8, 0x3C, 0x7A, 0x65, 0, 0, 1, 1, 2, 0, 1};
+    DiagDescriptor(Filter(), device.data(), 18, 1);
+    DiagDescriptor(Filter(), cases[6].bytes.data(), 18, 1);
+    EXPECT_EQ(Context()->KbdType, static_cast<ULONG>(ChicEXTENDEDKbdType));
+    DiagDescriptor(Filter(), cases[4].bytes.data(), 18, 1);
+    EXPECT_EQ(Context()->KbdType, static_cast<ULONG>(ChicEXTENDEDKbdType)); // decided for good
+    DiagDescriptor(Filter(), nullptr, 18, 1);
+}
