@@ -336,12 +336,12 @@ private:
     const Script& m_script;
     const ReplaySetup& m_setup;
     ReplayPrinter& m_printer;
-    std::unique_ptr<EmuMachine> m_machine;
     std::vector<Player> m_players;
-    std::unique_ptr<EmuApplication> m_application; // closes before the machine goes
     std::deque<Received> m_received;
     std::deque<std::pair<unsigned, uint8_t>> m_leds;
     ReplayTotals m_totals;
+    std::unique_ptr<EmuMachine> m_machine;         // its keyboards tell the members above what they receive
+    std::unique_ptr<EmuApplication> m_application; // closes before the machine goes
 };
 
 } // namespace

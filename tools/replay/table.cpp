@@ -1,8 +1,7 @@
 // table.cpp - the replay as a table for people.
 //
-//       time  kbd  the keyboard sent                            the system sees                    the
-//       application
-//  14.301076    0  01 00 3a 00 00 00 00 00  Left Ctrl + F1   →  00 00 00 00 00 00 00 00  nothing   ▼ 7
+//      seconds  kbd  the keyboard sent                   the system sees           the application is told
+//    14.301076    0  01 00 3a 00 00 00 00 00  LCtrl+F1 →  00 00 00 00 00 00 00 00  hotkey 7 down
 //
 // One line a report, with the events that it caused beside it; the line waits until the next thing happens.
 // What no report caused (a timer's event, an LED report from above) has a line of its own.
@@ -24,7 +23,7 @@ const char* const Yellow = "\x1b[33m";
 const char* const Green = "\x1b[32m";
 const char* const Red = "\x1b[31m";
 
-constexpr size_t SideWidth = 44; // columns of "bytes  names" on either side of the arrow
+constexpr size_t SideWidth = 40; // columns of "bytes  names" on either side of the arrow
 
 // The modifiers and keys that a report tells of, by its length: 8 bytes with a modifier byte, 3 bytes with a
 // report ID; other reports have no key names.
@@ -41,7 +40,7 @@ std::string KeysOf(const Bytes& report)
             names.push_back(ShownKeyName(report[i]));
     std::string text;
     for (const std::string& name : names)
-        text += (text.empty() ? "" : " + ") + name;
+        text += (text.empty() ? "" : "+") + name;
     return text;
 }
 
