@@ -40,7 +40,8 @@ void RecomputeKeyDefTypes(DeviceContext* pContext) WITHOUT_LOCK_ANALYSIS
         }
     }
     ULONG ulBefore = ReadShared(pContext->ulKeyDefTypes);
-    while (!CompareExchangeShared(pContext->ulKeyDefTypes, ulBefore, (ulBefore & KEYDEF_MACRO_MODE) | ulMask)) {
+    while (
+        !CompareExchangeShared(pContext->ulKeyDefTypes, ulBefore, (ulBefore & KEYDEF_MACRO_MODE) | ulMask)) {
     }
 }
 
@@ -48,8 +49,8 @@ void RecomputeKeyDefTypes(DeviceContext* pContext) WITHOUT_LOCK_ANALYSIS
 NTSTATUS StoreCopy(PDEVICE_OBJECT device, const KeyDefinition* pDefinition)
 {
     DeviceContext* pContext = FilterContextOf(device);
-    auto* pCopy = static_cast<KeyDefinition*>(
-        ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(KeyDefinition), POOL_TAG));
+    auto* pCopy =
+        static_cast<KeyDefinition*>(ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(KeyDefinition), POOL_TAG));
     if (pCopy == nullptr) {
         return STATUS_UNSUCCESSFUL;
     }

@@ -15,7 +15,7 @@ void FreeAllKeyDefinitions();
 KeyDefinition* FindKeyDefinitionById(PDEVICE_OBJECT device, ULONG ulId, PUSHORT pusIndex);
 KeyDefinition* FindKeyDefinitionByType(PDEVICE_OBJECT device, ULONG ulType, PUSHORT pusIndex);
 KeyDefinition* FindKeyDefinition(PDEVICE_OBJECT device, const KeyDefinition* pDefinition, PUSHORT pusIndex);
-bool GetSwallowOf(PDEVICE_OBJECT device, ULONG ulId, PUCHAR pucSwallow);           // copies, false: unknown id
+bool GetSwallowOf(PDEVICE_OBJECT device, ULONG ulId, PUCHAR pucSwallow); // copies, false: unknown id
 bool GetDefinitionOfType(PDEVICE_OBJECT device, ULONG ulType, KeyDefinition* pCopy); // copies, false: none
 
 // hotkeylist.cpp: the hotkey list made from the definitions
@@ -64,9 +64,9 @@ UCHAR FindTrueMatch(PDEVICE_OBJECT device, PUCHAR pNoPartial, PUCHAR pSwallow, P
 // typematic.cpp: the repeat timers
 KDEFERRED_ROUTINE TypematicDelayCallback;
 KDEFERRED_ROUTINE TypematicRepeatCallback;
-void StartTypematic(PDEVICE_OBJECT device);       // arms TypematicDelayTimer
-void CancelTypematicOf(PDEVICE_OBJECT device);    // this keyboard's two timers
-void CancelTypematicTimers();                     // of every keyboard
+void StartTypematic(PDEVICE_OBJECT device);    // arms TypematicDelayTimer
+void CancelTypematicOf(PDEVICE_OBJECT device); // this keyboard's two timers
+void CancelTypematicTimers();                  // of every keyboard
 
 // keybuffers.cpp: SwallowBuf and InsertBuf. IRQL <= DISPATCH. Lock: takes BufferLock.
 ULONG RemoveKeyFromBuffer(PUCHAR pBuf, ULONG ulLen, ULONG ulIndex);
@@ -84,4 +84,4 @@ NTSTATUS InsertUSBPacketFifin(PDEVICE_OBJECT device, const FifoEntry* pEntry);
 NTSTATUS GetUSBPacketFifo(ULONG ulDeviceIndex, FifoEntry* pEntry);
 NTSTATUS GetFifoCount(ULONG ulDeviceIndex, PULONG pulCount);
 NTSTATUS InsertUSBPackets(ULONG ulDeviceIndex, const UCHAR* pRequest);
-void ReportFifoDelivered(PDEVICE_OBJECT device); // after an entry was delivered: ends the waits of an empty queue
+void ReportFifoDelivered(PDEVICE_OBJECT device); // an entry was delivered: ends the waits of an empty queue

@@ -45,7 +45,8 @@ UCHAR ModifiersAfter(UCHAR ucScan, const ScanState& state, UCHAR ucKeyboard)
     UCHAR ucModifiers = ucKeyboard;
     for (const ModifierScan& row : ModifierScans) {
         if (row.ucScan == ucScan && row.bExtended == state.bExtended) {
-            ucModifiers = static_cast<UCHAR>(state.bBreak ? ucModifiers & ~row.ucBit : ucModifiers | row.ucBit);
+            ucModifiers =
+                static_cast<UCHAR>(state.bBreak ? ucModifiers & ~row.ucBit : ucModifiers | row.ucBit);
         }
     }
     return ucModifiers | ucKeyboard;

@@ -118,7 +118,8 @@ void ResetPrefixes(UCHAR ucUsage, USHORT usReleased)
 {
     bool bUsed = !IsPrefixUsage(ucUsage) && usReleased == 1 && ReadShared(Globals.ulPrefixReleased) != 0;
     if (bUsed || ReadShared(Globals.ulPrefixUnmatched) != 0) {
-        __atomic_fetch_and(&Globals.ulModifierFlags, ~static_cast<ULONG>(MODIFIER_PREFIXES), __ATOMIC_ACQ_REL);
+        __atomic_fetch_and(&Globals.ulModifierFlags, ~static_cast<ULONG>(MODIFIER_PREFIXES),
+                           __ATOMIC_ACQ_REL);
         WriteShared(Globals.ulPrefixReleased, 0u);
         WriteShared(Globals.ulPrefixUnmatched, 0u);
     }
@@ -148,8 +149,7 @@ void ClearKey(HotkeyEntry& entry, UCHAR ucUsage, ULONG ulEntry)
         if (entry.ucKeys[i] != ucUsage) {
             continue;
         }
-        LogPrintf(LOG_DETAIL, 1,
-                  "(UpdateHotkeyListByScan) clearing down code %02x at index %u of entry %u",
+        LogPrintf(LOG_DETAIL, 1, "(UpdateHotkeyListByScan) clearing down code %02x at index %u of entry %u",
                   static_cast<unsigned>(ucUsage), static_cast<unsigned>(i), static_cast<unsigned>(ulEntry));
         if (entry.ucHotkeyDown[i] != 0) {
             entry.ucHotkeyDown[i] = 0;

@@ -10,14 +10,14 @@ enum { KEY_TABLE_ROWS = 292, TYPEMATIC_DELAYS = 4, TYPEMATIC_PERIODS = 32 };
 enum : ULONG { NO_SCAN_CODE = 0xFFFFFFFF, RESERVED_SCAN_CODE = 0xEEEEEEEE };
 
 struct KeyTableRow {
-    ULONG ulHIDChic;       // pattern in Chic extended reports, 0 = none
-    ULONG ulHIDJaalaa;     // pattern in Jaalaa extended reports, 0 = none
+    ULONG ulHIDChic;   // pattern in Chic extended reports, 0 = none
+    ULONG ulHIDJaalaa; // pattern in Jaalaa extended reports, 0 = none
     USHORT usUsage;
-    USHORT usUsageBytes;   // 1 or 2
-    UCHAR ucHasBreak;      // a release produces a break code
-    UCHAR ucTypematic;     // repeats while held
+    USHORT usUsageBytes; // 1 or 2
+    UCHAR ucHasBreak;    // a release produces a break code
+    UCHAR ucTypematic;   // repeats while held
     USHORT usReserved;
-    ULONG ulScanCode;      // or NO_SCAN_CODE, RESERVED_SCAN_CODE
+    ULONG ulScanCode; // or NO_SCAN_CODE, RESERVED_SCAN_CODE
     ULONG ulReserved;
     const char* pszName;
 };
@@ -29,8 +29,8 @@ struct TypematicPeriod {
 
 // keytable.cpp
 extern const KeyTableRow KeyTable[KEY_TABLE_ROWS];
-extern const char* const ModifierNames[8];                    // by bit of the modifier byte
-extern const USHORT TypematicDelayTable[TYPEMATIC_DELAYS];    // milliseconds
+extern const char* const ModifierNames[8];                 // by bit of the modifier byte
+extern const USHORT TypematicDelayTable[TYPEMATIC_DELAYS]; // milliseconds
 extern const TypematicPeriod TypematicPeriodTable[TYPEMATIC_PERIODS];
 
 // keylookup.cpp: linear, first match wins. IRQL any. Fails: no such row.

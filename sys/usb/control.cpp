@@ -43,7 +43,8 @@ bool IsLedPacket(const Transfer& transfer)
     const auto& request = transfer.pUrb->UrbControlVendorClassRequest;
     return (request.TransferFlags & USBD_TRANSFER_DIRECTION_IN) == 0 && transfer.pBuf != nullptr &&
            transfer.ulLen == 1 && request.RequestTypeReservedBits == CLASS_REQUEST_TYPE &&
-           request.Request == CLASS_SET_REPORT && request.Value == VALUE_OUTPUT_REPORT_0 && request.Index == 0;
+           request.Request == CLASS_SET_REPORT && request.Value == VALUE_OUTPUT_REPORT_0 &&
+           request.Index == 0;
 }
 } // namespace
 
@@ -53,10 +54,10 @@ void DumpMdl(const char* pszTitle, PMDL pMdl)
     if (!IsLogOn(LOG_TRAFFIC)) {
         return;
     }
-    const void* pBytes = pMdl->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL)
-                             ? pMdl->MappedSystemVa
-                             : MmMapLockedPagesSpecifyCache(pMdl, KernelMode, MmCached, nullptr, FALSE,
-                                                            NormalPagePriority);
+    const void* pBytes =
+        pMdl->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL)
+            ? pMdl->MappedSystemVa
+            : MmMapLockedPagesSpecifyCache(pMdl, KernelMode, MmCached, nullptr, FALSE, NormalPagePriority);
     if (pBytes != nullptr) {
         LogHexDump(pszTitle, MmGetMdlByteCount(pMdl), pBytes);
     }

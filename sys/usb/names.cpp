@@ -54,16 +54,16 @@ const char* const UrbFunctionNames[43] = {
 
 // By bRequest, 0 to 12.
 const char* const StandardRequestNames[13] = {
-    "GET_STATUS",     "CLEAR_FEATURE",  "Reserved",      "SET_FEATURE",       "Reserved",
-    "SET_ADDRESS",    "GET_DESCRIPTOR", "SET_DESCRIPTOR", "GET_CONFIGURATION", "SET_CONFIGURATION",
-    "GET_INTERFACE",  "SET_INTERFACE",  "SYNCH_FRAME",
+    "GET_STATUS",    "CLEAR_FEATURE",  "Reserved",       "SET_FEATURE",       "Reserved",
+    "SET_ADDRESS",   "GET_DESCRIPTOR", "SET_DESCRIPTOR", "GET_CONFIGURATION", "SET_CONFIGURATION",
+    "GET_INTERFACE", "SET_INTERFACE",  "SYNCH_FRAME",
 };
 
 // By bDescriptorType, the first run and the class descriptors from 33 on.
 const char* const DescriptorTypeNames[9] = {
-    "INVALID descriptor",   "Device descriptor",   "Configuration descriptor", "String descriptor",
-    "Interface descriptor", "Endpoint descriptor", "Device qualifier",         "Other speed configuration",
-    "Interface power",
+    "INVALID descriptor", "Device descriptor",         "Configuration descriptor",
+    "String descriptor",  "Interface descriptor",      "Endpoint descriptor",
+    "Device qualifier",   "Other speed configuration", "Interface power",
 };
 const char* const ClassDescriptorNames[3] = {
     "HID descriptor (class)",
