@@ -7,6 +7,8 @@
 #include "tools/replay/recording.h"
 #include "tools/replay/replay.h"
 
+#include "emu/app/application.h"
+
 #include <gtest/gtest.h>
 
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistryPath);
@@ -26,16 +28,58 @@ std::vector<std::string> LinesOf(const std::string& text)
     return lines;
 }
 
-// The JSON lines of one replay.
+// Prints through another printer and, when it is told of a report that the keyboard sent or of an LED report,
+// lets a second application insert reports.
+class InsertingPrinter final : public ReplayPrinter
+{
+public:
+    explicit InsertingPrinter(FILE* pOut) : m_json(MakeJsonPrinter(pOut)) {}
+
+    void Keyboard(uint64_t ullUs, unsigned uKeyboard, uint32_t ulIndex, unsigned uType,
+                  const ScriptKeyboard& keyboard) override
+    {
+        m_json->Keyboard(ullUs, uKeyboard, ulIndex, uType, keyboard);
+    }
+    void Definition(uint64_t, unsigned, uint32_t, uint32_t) override {}
+    void Report(uint64_t ullUs, unsigned uKeyboard, const std::optional<Bytes>& sent,
+                const Bytes& seen) override
+    {
+        m_json->Report(ullUs, uKeyboard, sent, seen);
+        if (sent && (*sent)[2] == 0x3A)
+            Insert({{0, 8, {0, 0, 5}}, {0, 3, {1, 2, 3}}});
+    }
+    void Event(uint64_t ullUs, unsigned uKeyboard, const NotifyRecord& record) override
+    {
+        m_json->Event(ullUs, uKeyboard, record);
+    }
+    void Macro(uint64_t, const MacroRecord&) override {}
+    void Led(uint64_t ullUs, unsigned uKeyboard, uint8_t ucReport) override
+    {
+        m_json->Led(ullUs, uKeyboard, ucReport);
+        Insert({{0, 8, {0, 0, 6}}});
+    }
+    void End(uint64_t ullUs, const ReplayTotals& totals) override { m_json->End(ullUs, totals); }
+
+private:
+    static void Insert(const std::vector<FifoEntry>& entries)
+    {
+        EmuApplication application;
+        EXPECT_EQ(STATUS_SUCCESS, application.InsertUSBPackets(0, entries));
+    }
+
+    std::unique_ptr<ReplayPrinter> m_json;
+};
+
+// The lines of one replay.
 std::vector<std::string> Replayed(const Script& script, const std::string& config,
-                                  const char* pKind = "normal")
+                                  const char* pKind = "normal",
+                                  std::unique_ptr<ReplayPrinter> (*make)(FILE*) = MakeJsonPrinter)
 {
     char* pText = nullptr;
     size_t cText = 0;
     FILE* pOut = open_memstream(&pText, &cText);
     ReplayConfig parsed = ParseConfig("my.toml", config);
-    unsigned uLeaks =
-        RunReplay(script, {DriverEntry, EmuMachine::FindKind(pKind), parsed}, *MakeJsonPrinter(pOut));
+    unsigned uLeaks = RunReplay(script, {DriverEntry, EmuMachine::FindKind(pKind), parsed}, *make(pOut));
     fclose(pOut);
     std::string text(pText, cText);
     free(pText);
@@ -161,6 +205,35 @@ TEST(Replay, TakesReportsOfThreeAndTwoBytes)
               }),
               Only(lines, "\"report\","));
     EXPECT_EQ(2u, Only(lines, "\"event\"").size());
+}
+
+// A read that the driver answers is told after all that the report before it caused, whether it came next or
+// the driver called the waiting one back for it.
+TEST(Replay, TellsAnsweredReadsInTheirPlace)
+{
+    UsbmonStory story;
+    story.Enumerate(1, 2, ConfigurationOf({Boot}));
+    story.At(1000).Report({1, 0, 0x3A, 0, 0, 0, 0, 0});
+    story.At(2000).Control({0x21, 9, 0, 2, 0, 0, 1, 0}, {2});
+    story.At(3000).Report({0, 0, 4, 0, 0, 0, 0, 0});
+    TestFile file(story.File());
+    Lines lines =
+        Replayed(ReadInput(file.Path()), CtrlF1, "normal", [](FILE* pOut) -> std::unique_ptr<ReplayPrinter> {
+            return std::make_unique<InsertingPrinter>(pOut);
+        });
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ((Lines{
+                  R"({"type":"report","t_us":1000,"kbd":0,"in":"01003a0000000000","out":"0000000000000000"})",
+                  R"({"type":"event","t_us":1000,"kbd":0,"id":7,"value":1,"esc_abort":0,"source":0})",
+                  R"({"type":"report","t_us":1000,"kbd":0,"in":null,"out":"0000050000000000"})",
+                  R"({"type":"report","t_us":1000,"kbd":0,"in":null,"out":"0102030000000000"})",
+                  R"({"type":"led","t_us":2000,"kbd":0,"report":2,"flags":4})",
+                  R"({"type":"report","t_us":2000,"kbd":0,"in":null,"out":"0000060000000000"})",
+                  R"({"type":"report","t_us":3000,"kbd":0,"in":"0000040000000000","out":"0000040000000000"})",
+                  R"({"type":"event","t_us":3000,"kbd":0,"id":7,"value":0,"esc_abort":0,"source":0})",
+                  R"({"type":"end","t_us":2003000,"keyboards":1,"reports":5,"events":2,"leaks":0})",
+              }),
+              Lines(lines.begin() + 1, lines.end()));
 }
 
 TEST(Replay, ReportsARefusedDefinitionAndGoesOn)
