@@ -44,6 +44,7 @@ void* HostNewObject(HostKind kind, size_t bodySize, void (*pDestroy)(void* pBody
 HostObject* HostObjectOf(void* pBody, const char* pCall); // checks that the object lives
 void HostReference(void* pBody); // the host's own references: not in a driver's ledger
 void HostDereference(void* pBody);
+void HostForgetSecurity(PDEVICE_OBJECT pDevice);                  // security.cpp
 HANDLE HostNewHandle(void* pBody, bool bUser);                    // takes over a reference
 void* HostFromHandle(HANDLE h, HostKind kind, NTSTATUS* pStatus); // borrowed
 const char* HostKindName(HostKind kind);

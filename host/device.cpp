@@ -72,6 +72,7 @@ static void DestroyDevice(void* pBody)
         if (pDevice->DeviceExtension != nullptr) {
             HostRelease(pDevice->DeviceExtension, HostExtensionKind);
         }
+        HostForgetSecurity(pDevice);
     }
     delete pDevice->DeviceObjectExtension;
 }

@@ -91,14 +91,14 @@ LONG_PTR ObfReferenceObject(PVOID pBody)
     HostRequireIrql(__func__, DISPATCH_LEVEL);
     HostReference(pBody);
     Book(pBody, 1);
-    return HostObjectOf(pBody, __func__)->lReferences;
+    return __atomic_load_n(&HostObjectOf(pBody, __func__)->lReferences, __ATOMIC_RELAXED);
 }
 
 LONG_PTR ObfDereferenceObject(PVOID pBody)
 {
     HostRequireIrql(__func__, DISPATCH_LEVEL);
     Book(pBody, -1);
-    long lLeft = HostObjectOf(pBody, __func__)->lReferences - 1;
+    long lLeft = __atomic_load_n(&HostObjectOf(pBody, __func__)->lReferences, __ATOMIC_RELAXED) - 1;
     HostDereference(pBody);
     return lLeft;
 }

@@ -78,7 +78,10 @@ static NTSTATUS CreateNamedDevice(PDEVICE_OBJECT* ppControlDevice)
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    status = IoCreateSymbolicLink(&linkName, &deviceName);
+    status = SecureControlDevice(*ppControlDevice); // before anybody can find it
+    if (NT_SUCCESS(status)) {
+        status = IoCreateSymbolicLink(&linkName, &deviceName);
+    }
     if (!NT_SUCCESS(status)) {
         IoDeleteDevice(*ppControlDevice);
         *ppControlDevice = nullptr;

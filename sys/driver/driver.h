@@ -60,6 +60,9 @@ void DeleteControlDevice(PDEVICE_OBJECT pFilterDevice);
 PDEVICE_OBJECT ReferenceControlDevice(); // referenced object, or null when there is none
 DispatchRoutine DispatchControlPnp;
 
+// security.cpp
+NTSTATUS SecureControlDevice(PDEVICE_OBJECT pControlDevice);
+
 // interface.cpp: IRQL = PASSIVE
 NTSTATUS PublishInterface(DeviceContext* pContext);
 void WithdrawInterface(DeviceContext* pContext);

@@ -515,6 +515,24 @@ TEST(ControlDevice, CompletesEveryMajorFunction)
     EXPECT_EQ(0u, machine.Unload());
 }
 
+TEST(ControlDevice, IsNotForTheWorld)
+{
+    EmuMachine machine(WithRegistry(""));
+    machine.Plug();
+    const UCHAR* pBytes = static_cast<const UCHAR*>(Globals.pControlDevice->SecurityDescriptor);
+    ASSERT_NE(nullptr, pBytes);
+    const UCHAR expected[92] = {
+        1, 0, 0x04, 0x80, 0,    0,    0,    0, 0, 0, 0, 0, 0, 0, 0, 0, 20, 0, 0, 0, // self-relative, access list at 20
+        2, 0, 72,   0,    3,    0,    0,    0,                                      // of three entries
+        0, 0, 20,   0,    0xFF, 0x01, 0x1F, 0, 1, 1, 0, 0, 0, 0, 0, 5, 18, 0, 0, 0, // system: all
+        0, 0, 24,   0,    0xFF, 0x01, 0x1F, 0, 1, 2, 0, 0, 0, 0, 0, 5, 32, 0, 0, 0, 32,
+        2, 0, 0,                                                                    // administrators: all
+        0, 0, 20,   0,    0x9F, 0x01, 0x12, 0, 1, 1, 0, 0, 0, 0, 0, 5, 4,  0, 0, 0, // interactive: read, write
+    };
+    EXPECT_EQ(0, memcmp(expected, pBytes, sizeof(expected)));
+    EXPECT_EQ(0u, machine.Unload());
+}
+
 TEST(ControlDevice, SurvivesItsOpenHandles)
 {
     EmuMachine machine(WithRegistry(""));

@@ -55,8 +55,18 @@ LONG_PTR ObfDereferenceObject(PVOID Object);
 #define ObReferenceObject(Object) ObfReferenceObject(Object)
 #define ObDereferenceObject(Object) ObfDereferenceObject(Object)
 
+// A second handle's worth of access to an object at hand, and an object's access list (devices only).
+NTSTATUS ObOpenObjectByPointer(PVOID Object, ULONG HandleAttributes, struct _ACCESS_STATE* PassedAccessState,
+                               ACCESS_MASK DesiredAccess, POBJECT_TYPE ObjectType, KPROCESSOR_MODE AccessMode,
+                               PHANDLE Handle);
+typedef ULONG SECURITY_INFORMATION;
+#define DACL_SECURITY_INFORMATION 0x00000004u
+NTSTATUS ZwSetSecurityObject(HANDLE Handle, SECURITY_INFORMATION SecurityInformation,
+                             PSECURITY_DESCRIPTOR SecurityDescriptor);
+
 #define DELETE 0x00010000u
 #define READ_CONTROL 0x00020000u
+#define WRITE_DAC 0x00040000u
 #define SYNCHRONIZE 0x00100000u
 #define STANDARD_RIGHTS_REQUIRED 0x000F0000u
 #define STANDARD_RIGHTS_READ READ_CONTROL
