@@ -1,0 +1,62 @@
+// threaded_test.cpp - four keyboards typed at once while an application defines, drains and pulls.
+#include "bench_keyboard.h"
+
+#include <atomic>
+#include <thread>
+
+TEST(Threaded, KeyboardsTypeWhileTheApplicationWorks)
+{
+    EmuMachineOptions options;
+    options.Entry = DriverEntry;
+    options.Mode = HostThreaded;
+    EmuMachine machine(options);
+    ASSERT_EQ(machine.LoadStatus(), STATUS_SUCCESS);
+    std::atomic<unsigned> received{0};
+    EmuPlugOptions plug;
+    plug.Record = false;
+    plug.OnReceived = [&](const EmuReceived& report) { received += NT_SUCCESS(report.Status) ? 1 : 0; };
+    std::vector<EmuKeyboard*> keyboards;
+    for (int i = 0; i < 4; i++) {
+        keyboards.push_back(machine.Plug(EmuBootKeyboard, plug));
+        ASSERT_EQ(keyboards.back()->StartStatus(), STATUS_SUCCESS);
+    }
+    EmuApplication application;
+    for (EmuKeyboard* pKeyboard : keyboards) {
+        ASSERT_EQ(application.RegisterNotifyEvent(pKeyboard->Index()), STATUS_SUCCESS);
+        ASSERT_EQ(application.StartReportProcessing(pKeyboard->Index()), STATUS_SUCCESS);
+    }
+
+    enum { ReportsEach = 400 };
+    std::atomic<unsigned> typing{4};
+    std::vector<HostThread> threads;
+    for (EmuKeyboard* pKeyboard : keyboards) {
+        threads.push_back(HostStartThread([&, pKeyboard] {
+            for (int i = 0; i < ReportsEach; i++) {
+                pKeyboard->Report(i % 2 ? EmuBytes{1, 0, 0, 0, 0, 0, 0, 0}
+                                        : EmuBytes{1, 0, 0x3A, 0, 0, 0, 0, 0});
+            }
+            typing--;
+        }));
+    }
+    threads.push_back(HostStartThread([&] {
+        EmuApplication own;
+        KeyDefinition definition = {};
+        definition.ulType = 1;
+        definition.ulModifiers = 0x400;
+        definition.usScanCount = 1;
+        definition.ucScans[0] = 0x3B;
+        for (uint32_t ulRound = 0; typing != 0; ulRound++) {
+            definition.ulId = 1 + ulRound % 7;
+            EmuKeyboard* pKeyboard = keyboards[ulRound % 4];
+            EXPECT_EQ(own.AddDefinition(pKeyboard->Index(), definition), STATUS_SUCCESS);
+            own.TakeRecords(pKeyboard->Index());
+            EXPECT_EQ(own.RemoveDefinition(pKeyboard->Index(), definition.ulId), STATUS_SUCCESS);
+        }
+    }));
+    for (HostThread thread : threads) {
+        HostJoinThread(thread);
+    }
+    EXPECT_GE(received, 4u * ReportsEach);
+    application.Close();
+    EXPECT_EQ(machine.Unload(), 0u);
+}
