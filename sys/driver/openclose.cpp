@@ -68,6 +68,9 @@ NTSTATUS DispatchClose(PDEVICE_OBJECT pDevice, PIRP pIrp)
     }
     if (Globals.pControlDevice != nullptr && Globals.usOpenCount == 0) {
         ReleaseApplication(Globals.pControlDevice);
+    } else if (Globals.usOpenCount == 0) {
+        (void)
+            ReleaseMacroEvent(); // registered through a handle that outlived its control device, or not at all
     }
     KeReleaseMutex(&Globals.ControlDeviceMutex, FALSE);
     return status;

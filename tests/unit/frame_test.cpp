@@ -547,10 +547,15 @@ TEST(ControlDevice, SurvivesItsOpenHandles)
     application.Close();
     EXPECT_EQ(0, Globals.usOpenCount);
     EXPECT_NE(0, KeReadStateEvent(&ControlContextOf(Globals.pControlDevice)->ClosedEvent));
-    pSecond->Unplug(false);
+    {
+        EmuApplication late; // registers when the last keyboard, and the control device with it, is gone
+        pSecond->Unplug(false);
+        EXPECT_EQ(STATUS_SUCCESS, late.RegisterMacroEvent());
+    }
     HostCloseHandle(hEvent);
     EXPECT_EQ(0u, machine.Unload());
 }
+
 // A keyboard's whole life with an application beside it; what fails on the way is passed over.
 void LiveOnce(EmuMachine& machine)
 {
