@@ -1,6 +1,6 @@
-# packages.sh - sourced by run and test: installs the Debian packages that are missing.
-# Everything it says goes to standard error. A stamp in the build folder, which holds the list, spares the
-# question the next time.
+# setup.sh - sourced by run and test: the Debian packages that are missing, the build folders.
+# What installing says goes to standard error. A stamp in the build folder, which holds the list of packages,
+# spares the question the next time.
 
 PACKAGES_RUN="g++ cmake ninja-build libpcap-dev libcli11-dev libtomlplusplus-dev libfmt-dev"
 PACKAGES_TEST="$PACKAGES_RUN clang clang-format llvm libclang-rt-14-dev libgtest-dev libbenchmark-dev
@@ -40,4 +40,14 @@ install_packages() {
         $root env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 install -y -qq \
             --no-install-recommends "$@"
     } >&2
+}
+
+# configure PRESET: a build folder that belongs to this tree (a copied or moved one is made anew).
+configure() {
+    if [ -f "build/$1/build.ninja" ] && grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$PWD" "build/$1/CMakeCache.txt"; then
+        [ CMakePresets.json -nt "build/$1/build.ninja" ] || return 0
+    else
+        rm -rf "build/$1"
+    fi
+    cmake --preset "$1"
 }
