@@ -31,7 +31,7 @@ static void __attribute__((noinline)) CheckCall(PDEVICE_OBJECT pDevice, PIRP pIr
     if (pIrp->CurrentLocation <= 1) {
         HostBug("NO_MORE_IRP_STACK_LOCATIONS", "IoCallDriver on a request whose locations are used up");
     }
-    if (pIrp->CancelRoutine != nullptr) {
+    if (__atomic_load_n(&pIrp->CancelRoutine, __ATOMIC_RELAXED) != nullptr) {
         HostBug("DRIVER_LEFT_CANCEL_ROUTINE", "IoCallDriver on a request with a cancel routine set");
     }
     if (ucMajor > IRP_MJ_MAXIMUM_FUNCTION) {

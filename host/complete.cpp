@@ -30,7 +30,7 @@ static void __attribute__((noinline)) CheckCompletion(PIRP pIrp, HostIrp*, PKTHR
     if (pIrp->IoStatus.Status == STATUS_PENDING) {
         HostBug("IRP_COMPLETED_PENDING", "IoCompleteRequest with the status STATUS_PENDING");
     }
-    if (pIrp->CancelRoutine != nullptr) {
+    if (__atomic_load_n(&pIrp->CancelRoutine, __ATOMIC_RELAXED) != nullptr) {
         HostBug("DRIVER_LEFT_CANCEL_ROUTINE", "IoCompleteRequest on a request with a cancel routine set");
     }
     if (pIrp->CurrentLocation <= pIrp->StackCount && pSelf->pDriver != nullptr) {
@@ -44,7 +44,7 @@ static void __attribute__((noinline)) CheckCompletion(PIRP pIrp, HostIrp*, PKTHR
 
 static bool Wants(PIRP pIrp, UCHAR ucControl)
 {
-    if (pIrp->Cancel && (ucControl & SL_INVOKE_ON_CANCEL)) {
+    if (__atomic_load_n(&pIrp->Cancel, __ATOMIC_RELAXED) && (ucControl & SL_INVOKE_ON_CANCEL)) {
         return true;
     }
     return ucControl & (NT_SUCCESS(pIrp->IoStatus.Status) ? SL_INVOKE_ON_SUCCESS : SL_INVOKE_ON_ERROR);

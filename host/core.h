@@ -42,10 +42,10 @@ struct HostObject {
 
 void* HostNewObject(HostKind kind, size_t bodySize, void (*pDestroy)(void* pBody));
 HostObject* HostObjectOf(void* pBody, const char* pCall); // checks that the object lives
-void HostReference(void* pBody); // the host's own references: not in a driver's ledger
-void HostDereference(void* pBody);
-void HostForgetSecurity(PDEVICE_OBJECT pDevice);                  // security.cpp
-HANDLE HostNewHandle(void* pBody, bool bUser);                    // takes over a reference
+void HostReference(void* pBody);                 // the host's own references: not in a driver's ledger
+long HostDereference(void* pBody);               // what is left
+void HostForgetSecurity(PDEVICE_OBJECT pDevice); // security.cpp
+HANDLE HostNewHandle(void* pBody, bool bUser);   // takes over a reference
 void* HostFromHandle(HANDLE h, HostKind kind, NTSTATUS* pStatus); // borrowed
 const char* HostKindName(HostKind kind);
 unsigned HostAuditObjects(PDRIVER_OBJECT pDriver);
@@ -140,7 +140,7 @@ bool HostIsFreed(const void* p); // as far as an address sanitizer knows
 bool HostFindUnwritten(const UCHAR* pData, size_t bytes, size_t* pOffset);
 void HostFillUnwritten(UCHAR* pData, size_t bytes);
 unsigned HostAuditPool(PDRIVER_OBJECT pDriver);
-void HostDropMemory(); // frees what is left
+void HostDropMemory(bool bFree); // frees what is left, or forgets it
 extern const char HostPoolKind[];
 extern const char HostObjectKind[];
 extern const char HostExtensionKind[]; // goes with its device

@@ -89,11 +89,13 @@ unsigned HostStop()
         }
     }
     if (!HostEndSystemThreads()) {
-        g = nullptr; // the threads that could not be ended keep what they use
+        HostDropPnp();
+        HostDropMemory(false); // the threads that could not be ended keep what they use
+        g = nullptr;
         return uLeaks;
     }
     HostDropPnp();
-    HostDropMemory();
+    HostDropMemory(true);
     for (HostDriver* pDriver : g->Drivers) {
         delete pDriver;
     }

@@ -129,9 +129,6 @@ BOOLEAN IoCancelIrp(PIRP pIrp)
 {
     HostRequireIrql(__func__, DISPATCH_LEVEL);
     HostLiveIrp(pIrp, __func__);
-    if (pIrp->CurrentLocation > pIrp->StackCount + 1) {
-        HostBug("CANCEL_STATE_IN_COMPLETED_IRP", "IoCancelIrp on a request that was completed before");
-    }
     KIRQL irql;
     IoAcquireCancelSpinLock(&irql);
     __atomic_store_n(&pIrp->Cancel, TRUE, __ATOMIC_SEQ_CST);

@@ -54,12 +54,12 @@ void HostReference(void* pBody)
     __atomic_add_fetch(&HostObjectOf(pBody, "a reference")->lReferences, 1, __ATOMIC_RELAXED);
 }
 
-void HostDereference(void* pBody)
+long HostDereference(void* pBody)
 {
     HostObject* pObject = HostObjectOf(pBody, "a dereference");
     long lLeft = __atomic_sub_fetch(&pObject->lReferences, 1, __ATOMIC_ACQ_REL);
     if (lLeft > 0) {
-        return;
+        return lLeft;
     }
     HostCheckNoLiveThings(pBody, pObject->bodySize, HostKindName(pObject->Kind));
     {
@@ -73,6 +73,7 @@ void HostDereference(void* pBody)
     }
     pObject->ulMagic = 0;
     HostRelease(pObject, HostObjectKind);
+    return 0;
 }
 
 static void Book(void* pBody, long lChange)
@@ -98,9 +99,7 @@ LONG_PTR ObfDereferenceObject(PVOID pBody)
 {
     HostRequireIrql(__func__, DISPATCH_LEVEL);
     Book(pBody, -1);
-    long lLeft = __atomic_load_n(&HostObjectOf(pBody, __func__)->lReferences, __ATOMIC_RELAXED) - 1;
-    HostDereference(pBody);
-    return lLeft;
+    return HostDereference(pBody);
 }
 
 HANDLE HostNewHandle(void* pBody, bool bUser)

@@ -225,8 +225,13 @@ unsigned HostAuditPool(PDRIVER_OBJECT pDriver)
     return uLeaks;
 }
 
-void HostDropMemory()
+void HostDropMemory(bool bFree)
 {
+    if (!bFree) {
+        InitializeListHead(&Blocks);
+        PagedBlocks.clear();
+        return;
+    }
     while (!IsListEmpty(&Blocks)) {
         Block* pBlock = CONTAINING_RECORD(RemoveHeadList(&Blocks), Block, Link);
         if (pBlock->pKind == HostObjectKind) {

@@ -6,7 +6,7 @@
 //
 // A thread that waits hands the baton on itself; when nobody is ready it plays the idle loop: it moves the
 // clock and runs the DPCs of the timers that expire, until somebody, maybe itself, is ready. With nothing
-// due either, no wait can ever end: the run stops and says who waits for what.
+// due either, or only timers that ended no wait for a whole day, the run stops and says who waits for what.
 #include "core.h"
 
 #include <cerrno>
@@ -83,12 +83,25 @@ void HostWake(PKTHREAD pThread)
             who += "\n  thread '" + pThread->Name + "' waits for " + HostDescribeWait(pThread);
         }
     }
-    HostBug("WAIT_NEVER_ENDS", "nothing can run and nothing is due%s", who.c_str());
+    HostBug("WAIT_NEVER_ENDS", "nothing that can still happen ends a wait%s", who.c_str());
+}
+
+enum : LONGLONG { IDLE_DAY = 864000000000 };
+
+static bool IsTimedWaitDue()
+{
+    for (const auto& due : g->Due) {
+        if (due.second.pThread != nullptr) {
+            return true;
+        }
+    }
+    return false;
 }
 
 // The next thread that may run; runs the idle loop on the calling thread until there is one.
 static PKTHREAD PickNext(HostLock& lock, PKTHREAD pSelf)
 {
+    const LONGLONG llBegin = g->llNow;
     for (;;) {
         std::deque<PKTHREAD>& queue = g->Ready.empty() ? g->Settling : g->Ready;
         if (!queue.empty()) {
@@ -96,7 +109,7 @@ static PKTHREAD PickNext(HostLock& lock, PKTHREAD pSelf)
             queue.pop_front();
             return pNext;
         }
-        if (g->Due.empty()) {
+        if (g->Due.empty() || (g->llNow - llBegin > IDLE_DAY && !IsTimedWaitDue())) {
             StopForDeadlock();
         }
         if (g->Due.begin()->first.first > g->llNow) {

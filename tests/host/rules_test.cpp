@@ -462,6 +462,14 @@ static const Rule OBJECTS[] = {
          KeInitializeEvent(pEvent, NotificationEvent, FALSE);
          KeWaitForSingleObject(pEvent, Executive, KernelMode, FALSE, nullptr);
      }},
+    {"WaitThatOnlyTimersOutlive", "WAIT_NEVER_ENDS",
+     [](SmallSystem& system) {
+         SmallExtension* p = system.Extension();
+         KeInitializeEvent(&p->Event, NotificationEvent, FALSE);
+         KeInitializeTimer(&p->Timer);
+         KeSetTimerEx(&p->Timer, Ms(1000), 1000, nullptr);
+         KeWaitForSingleObject(&p->Event, Executive, KernelMode, FALSE, nullptr);
+     }},
     {"WorkItemQueuedTwice", "WORK_ITEM_QUEUED_TWICE",
      [](SmallSystem& system) {
          IoQueueWorkItem(

@@ -287,3 +287,25 @@ TEST(Threaded, SpinLockGuardsACounterAcrossThreads)
     }
     EXPECT_EQ(6000, iCount);
 }
+
+TEST_P(BothModes, AThreadThatNeverEndsIsToldAndDoesNotSpoilTheNextHost)
+{
+    static KEVENT never;
+    {
+        SmallSystem system(GetParam());
+        KeInitializeEvent(&never, NotificationEvent, FALSE);
+        std::atomic<bool> bStarted{false};
+        HostStartThread([&] {
+            bStarted = true;
+            KeWaitForSingleObject(&never, Executive, KernelMode, FALSE, nullptr);
+        });
+        while (!bStarted) {
+            HostSettle();
+        }
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(1u, system.End());
+        EXPECT_EQ("HOST LEAK thread: application still runs\n", testing::internal::GetCapturedStderr());
+    }
+    SmallSystem next(GetParam());
+    EXPECT_EQ(0u, next.End());
+}
