@@ -76,7 +76,7 @@ NTSTATUS InternalIoctlCompletion(PDEVICE_OBJECT, PIRP Irp, PVOID Context)
     }
     if (NT_SUCCESS(status)) {
         (void)ShowURBInfo(DeviceObject, Irp, 1); // nothing is answered on the way back
-    } else if (status == STATUS_CANCELLED && Irp->Cancel) {
+    } else if (status == STATUS_CANCELLED && ReadShared(Irp->Cancel)) {
         status = STATUS_SUCCESS;
     } else {
         Trace("(InternalIoctlCompletion) request failed with 0x%08x\n", static_cast<unsigned>(status));
