@@ -95,8 +95,8 @@ TEST(Keyboards, AreFoundWithoutEnumeration)
                                  .Report(KeyA, 0x81)
                                  .File());
     ASSERT_EQ(2u, script.keyboards.size());
-    EXPECT_EQ(8u, script.keyboards[0].ulReadBytes);
-    EXPECT_EQ(3u, script.keyboards[1].ulReadBytes);
+    EXPECT_EQ(3u, script.keyboards[0].ulReadBytes); // in the order of their first reports
+    EXPECT_EQ(8u, script.keyboards[1].ulReadBytes);
     EXPECT_EQ(0u, script.keyboards[0].usVendor);
     EXPECT_EQ("", script.keyboards[0].name);
     // Nobody knows whose interface 0 is when there are two.

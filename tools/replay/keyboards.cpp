@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <map>
+#include <tuple>
 #include <utility>
 
 namespace
@@ -152,10 +153,14 @@ std::vector<Found> FindKeyboards(const std::map<DeviceKey, Device>& devices)
                 same->endpoints.push_back(ucEndpoint);
         }
     }
-    std::sort(found.begin(), found.end(), [](const Found& a, const Found& b) {
-        return std::make_pair(a.pDevice->cOrder, a.uInterface) <
-               std::make_pair(b.pDevice->cOrder, b.uInterface);
-    });
+    // Endpoints of which no descriptor was captured stand in the order of their first reports.
+    auto order = [](const Found& keyboard) {
+        bool bKnown = keyboard.uInterface < NoInterface;
+        unsigned uFirst = bKnown ? 0 : keyboard.pDevice->reporting.at(keyboard.endpoints[0]).uFirstReport;
+        return std::make_tuple(keyboard.pDevice->cOrder, bKnown ? keyboard.uInterface : NoInterface, uFirst);
+    };
+    std::sort(found.begin(), found.end(),
+              [&](const Found& a, const Found& b) { return order(a) < order(b); });
     return found;
 }
 
