@@ -3,17 +3,13 @@
 // Handlers of the dispatcher's table; they run in the application's thread at PASSIVE_LEVEL. What a request
 // asks for beyond its buffers is refused before anything is sent to the keyboard.
 #include "control/call.h"
+#include "driver/sums.h"
 #include "hotkeys/hotkeys.h"
 #include "siblings/siblings.h"
 
 namespace
 {
 enum : ULONG { DEVICE_DESCRIPTOR_BYTES = 18, MAX_STRING_BYTES = 256 };
-
-ULONG LowerOf(ULONG ulLeft, ULONG ulRight)
-{
-    return ulLeft < ulRight ? ulLeft : ulRight;
-}
 
 // The answer to a size query is the number of bytes reported, as far as the output reaches; the bytes are
 // zero.

@@ -30,6 +30,20 @@ NTSTATUS QueueNotifyRecord(PDEVICE_OBJECT device, const NotifyRecord* pRecord)
     return STATUS_SUCCESS;
 }
 
+// Queues a record made from these fields and stamped now. The application sees a loss as a gap.
+// IRQL <= DISPATCH. Lock: takes NotifyLock. Fails: ring full.
+NTSTATUS QueueEvent(PDEVICE_OBJECT device, ULONG ulId, ULONG ulValue, ULONG ulEscAbort, UCHAR ucSource)
+{
+    NotifyRecord record = {};
+    record.ulValue = ulValue;
+    record.ulEscAbort = ulEscAbort;
+    record.ucSource = ucSource;
+    record.ucValid = 1;
+    record.ulTime = NotifyTime();
+    record.ulId = ulId;
+    return QueueNotifyRecord(device, &record);
+}
+
 // The oldest record; ucRemove 1 takes it, any other value leaves it queued.
 // Lock: takes NotifyLock. Fails: empty, *pRecord untouched.
 static NTSTATUS GetRecordOf(DeviceContext* pContext, NotifyRecord* pRecord, UCHAR ucRemove)

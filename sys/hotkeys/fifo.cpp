@@ -8,6 +8,7 @@
 #include "hotkeys/hotkeys.h"
 
 #include "control/control.h"
+#include "driver/sums.h"
 #include "log/log.h"
 #include "usb/usb.h"
 
@@ -21,9 +22,7 @@ void StartPacing(DeviceContext* pContext)
     if (ulDelayMs == 0 || ExchangeShared(Globals.ucKorvexTimerRunning, 1) != 0) {
         return;
     }
-    LARGE_INTEGER due;
-    due.QuadPart = -static_cast<LONGLONG>(ulDelayMs) * 10000;
-    KeSetTimer(&pContext->KorvexDelay.Timer, due, &pContext->KorvexDelay.Dpc);
+    KeSetTimer(&pContext->KorvexDelay.Timer, RelativeMs(ulDelayMs), &pContext->KorvexDelay.Dpc);
 }
 
 bool IsFifoEmpty(DeviceContext* pContext)

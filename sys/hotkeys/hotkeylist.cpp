@@ -7,6 +7,7 @@
 // list aside is 0 nobody reads it, and the next rebuild may use it. Walks are short and never wait.
 #include "hotkeys/hotkeys.h"
 
+#include "driver/sums.h"
 #include "report/report.h"
 
 namespace
@@ -29,8 +30,7 @@ const MaskClear MaskClears[4] = {
 HotkeyEntry* ListAside(DeviceContext* pContext, PULONG pulList)
 {
     *pulList = ReadShared(pContext->ulHotkeyList) ^ 1;
-    LARGE_INTEGER delay;
-    delay.QuadPart = -10000; // 1 ms
+    LARGE_INTEGER delay = RelativeMs(1);
     while (ReadShared(pContext->lHotkeyWalks[*pulList]) != 0) {
         (void)KeDelayExecutionThread(KernelMode, FALSE, &delay);
     }

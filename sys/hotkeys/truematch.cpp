@@ -60,14 +60,7 @@ void ReleaseHotkey(PDEVICE_OBJECT device, HotkeyEntry& entry)
 // IRQL <= DISPATCH. Fails: a full queue drops the event.
 void SendHotkeyEvent(PDEVICE_OBJECT device, ULONG ulId, ULONG ulValue, ULONG ulEscAbort)
 {
-    NotifyRecord record = {};
-    record.ulValue = ulValue;
-    record.ulEscAbort = ulEscAbort;
-    record.ucSource = NOTIFY_SOURCE_HOTKEY;
-    record.ucValid = 1;
-    record.ulTime = NotifyTime();
-    record.ulId = ulId;
-    (void)QueueNotifyRecord(device, &record); // the application sees a loss as a gap
+    (void)QueueEvent(device, ulId, ulValue, ulEscAbort, NOTIFY_SOURCE_HOTKEY);
     SignalNotifyEvent(device);
 }
 

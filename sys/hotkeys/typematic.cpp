@@ -8,17 +8,11 @@
 #include "hotkeys/hotkeys.h"
 
 #include "control/control.h"
+#include "driver/sums.h"
 #include "report/keytable.h"
 
 namespace
 {
-LARGE_INTEGER RelativeMs(ULONGLONG ullMs)
-{
-    LARGE_INTEGER due;
-    due.QuadPart = -static_cast<LONGLONG>(ullMs) * 10000;
-    return due;
-}
-
 ULONGLONG RepeatPeriodMs()
 {
     USHORT usRate = ReadShared(Globals.usTypematicRate);
@@ -54,14 +48,8 @@ void ArmRepeat(DeviceContext* pContext, ULONG ulCycle)
 
 void QueueRepeat(PDEVICE_OBJECT device, ULONG ulValue, ULONG ulEscAbort)
 {
-    NotifyRecord record = {};
-    record.ulValue = ulValue;
-    record.ulEscAbort = ulEscAbort;
-    record.ucSource = NOTIFY_SOURCE_HOTKEY;
-    record.ucValid = 1;
-    record.ulTime = NotifyTime();
-    record.ulId = ReadShared(FilterContextOf(device)->ulActiveHotkeyId);
-    (void)QueueNotifyRecord(device, &record); // the application sees a loss as a gap
+    (void)QueueEvent(device, ReadShared(FilterContextOf(device)->ulActiveHotkeyId), ulValue, ulEscAbort,
+                     NOTIFY_SOURCE_HOTKEY);
 }
 
 // Without point of sale the active hotkey is sent again, with it the scan code bytes of the held key.

@@ -4,33 +4,7 @@
 // Runs at every standard report, before its keys are looked at.
 #include "report/report.h"
 
-#include "control/control.h"
 #include "hotkeys/hotkeys.h"
-
-namespace
-{
-struct MaskBit {
-    ULONG ulFlag;
-    UCHAR ucReportBit;
-};
-
-const MaskBit MaskBits[8] = {
-    {0x002, 0x01}, {0x004, 0x10}, {0x008, 0x02}, {0x010, 0x20},
-    {0x020, 0x04}, {0x040, 0x40}, {0x080, 0x08}, {0x100, 0x80},
-};
-
-// The report bits of a mask's single modifiers; the derived bits have none.
-UCHAR ReportBitsOf(ULONG ulModifiers)
-{
-    UCHAR ucBits = 0;
-    for (const MaskBit& bit : MaskBits) {
-        if (ulModifiers & bit.ulFlag) {
-            ucBits |= bit.ucReportBit;
-        }
-    }
-    return ucBits;
-}
-} // namespace
 
 // Arms the hotkeys whose mask matches now. A latched prefix that no hotkey uses is marked for the reset.
 // IRQL <= DISPATCH. Fails: never.
@@ -89,14 +63,6 @@ NTSTATUS CheckModifierOnlyHotkeys(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBu
 // IRQL <= DISPATCH. Fails: a full queue drops the event.
 void NotifyHotkeyEvent(PDEVICE_OBJECT device, ULONG ulId, UCHAR ucDown)
 {
-    NotifyRecord record = {};
-    record.ulValue = ucDown;
-    record.ulEscAbort = ReadShared(Globals.ucEscAbort);
-    record.ucSource = NOTIFY_SOURCE_HOTKEY;
-    record.ucValid = 1;
-    record.ulTime = NotifyTime();
-    record.ulId = ulId;
-    (void)QueueNotifyRecord(device, &record); // the application sees a loss as a gap
-    SignalNotifyEvent(device);
+    SendHotkeyEvent(device, ulId, ucDown, ReadShared(Globals.ucEscAbort));
     WriteShared(Globals.ucEscAbort, 0);
 }

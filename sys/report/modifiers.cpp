@@ -83,6 +83,18 @@ ULONG DeriveEitherSide(ULONG ulFlags)
 }
 } // namespace
 
+// The report bits of a mask's single modifiers; the derived bits have none.
+UCHAR ReportBitsOf(ULONG ulModifiers)
+{
+    UCHAR ucBits = 0;
+    for (const ModifierBit& bit : ModifierBits) {
+        if (ulModifiers & bit.ulFlag) {
+            ucBits |= bit.ucReportBit;
+        }
+    }
+    return ucBits;
+}
+
 bool IsPrefixUsage(UCHAR ucUsage)
 {
     return ucUsage != 0 && (ucUsage == Globals.ucPrefix1Usage || ucUsage == Globals.ucPrefix2Usage ||

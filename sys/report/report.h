@@ -48,7 +48,8 @@ ReportHandler DiagNormalPacket02;
 // modifiers.cpp: the modifier word of all keyboards
 void UpdateModifierFlags(PDEVICE_OBJECT device, const UCHAR* pBuf, ULONG ulLen, UCHAR ucFlag);
 bool IsModifierMaskMatched(ULONG ulMask, ULONG ulFlags);
-bool IsPrefixUsage(UCHAR ucUsage); // one of the three prefix keys
+UCHAR ReportBitsOf(ULONG ulModifiers); // bits of the report's modifier byte
+bool IsPrefixUsage(UCHAR ucUsage);     // one of the three prefix keys
 
 // hotkeymodifiers.cpp: what the modifier word means to the hotkeys
 void UpdateHotkeyModifierMatch(PDEVICE_OBJECT device);

@@ -12,6 +12,7 @@
 #include "usb/usb.h"
 
 #include "control/control.h"
+#include "driver/sums.h"
 #include "hotkeys/hotkeys.h"
 #include "log/log.h"
 #include "macro/macro.h"
@@ -19,11 +20,6 @@
 
 namespace
 {
-ULONG LowerOf(ULONG ulFirst, ULONG ulSecond)
-{
-    return ulFirst < ulSecond ? ulFirst : ulSecond;
-}
-
 UCHAR Answered(const Transfer& read)
 {
     read.pUrb->UrbHeader.Status = USBD_STATUS_SUCCESS; // the length stays what the stack asked for

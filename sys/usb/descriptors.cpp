@@ -8,6 +8,7 @@
 // when its bLength is that type's. Runs on the way down and completed; only completed ones decide.
 #include "usb/usb.h"
 
+#include "driver/sums.h"
 #include "log/log.h"
 #include "log/trace.h"
 #include "macro/macro.h"
@@ -27,11 +28,6 @@ enum : ULONG { FIRST_EXTENDED_HOTKEY = 0x1000000 };
 USHORT WordAt(const UCHAR* pBuf, ULONG ulOffset)
 {
     return static_cast<USHORT>(pBuf[ulOffset] | pBuf[ulOffset + 1] << 8);
-}
-
-ULONG LowerOf(ULONG ulFirst, ULONG ulSecond)
-{
-    return ulFirst < ulSecond ? ulFirst : ulSecond;
 }
 
 // The type is set once; who decides it first also says whether the keyboard takes part in the macro mode.

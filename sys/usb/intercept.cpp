@@ -95,13 +95,7 @@ void NotifyDiscardedEscape(PDEVICE_OBJECT device)
 {
     KeyDefinition definition = {}; // no definition any more: ulId 0
     (void)GetDefinitionOfType(device, 11, &definition);
-    NotifyRecord record = {};
-    record.ulValue = 1;
-    record.ucSource = NOTIFY_SOURCE_REPORT;
-    record.ucValid = 1;
-    record.ulTime = NotifyTime();
-    record.ulId = definition.ulId;
-    (void)QueueNotifyRecord(device, &record); // the application sees a loss as a gap
+    (void)QueueEvent(device, definition.ulId, 1, 0, NOTIFY_SOURCE_REPORT);
     SignalNotifyEvent(device);
 }
 
