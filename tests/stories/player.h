@@ -1,0 +1,49 @@
+// player.h - plays a story: the keyboard, the system and the application in one thread.
+//
+// The system reads by itself, as a real one does, so a read that the driver answers on its own is received
+// without a report; each such read must be told by an `answer` line before the next deed. Each verb is a
+// routine of the files verbs_*.cpp; the table in player.cpp names them all.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <memory>
+
+#include "emu/app/application.h"
+#include "emu/app/machine.h"
+#include "words.h"
+
+class Player
+{
+public:
+    void Play(const std::string& line);
+    void Finish();
+
+private:
+    typedef void Verb(const Words& words, const Parts& parts);
+    struct VerbRow;
+    static const VerbRow Verbs[];
+
+    // verbs_keyboard.cpp: the keyboard and the system
+    Verb Setting, Keyboard, On, Report, Answer, Led, Wait, Unplug, Quiet;
+    // verbs_hotkeys.cpp: definitions
+    Verb Hotkey, Refused, Define, Remove;
+    // verbs_requests.cpp: the application's other requests
+    Verb Processing, Scans, Packet, ExpectModifiers;
+
+    NTSTATUS AddHotkey(const Words& words);
+    void StartMachine();
+    void ExpectReceived(const std::string& expected);
+    void ExpectNothingReceived();
+    void ExpectEvents(const std::string& expected);
+    EmuKeyboard& Current() const { return *m_Keyboards.at(m_Current); }
+    ULONG Index() const { return Current().Index(); }
+
+    EmuMachineOptions m_Options;
+    std::unique_ptr<EmuMachine> m_Machine;
+    std::unique_ptr<EmuApplication> m_Application;
+    std::vector<EmuKeyboard*> m_Keyboards;
+    std::vector<std::unique_ptr<std::deque<EmuBytes>>> m_Received; // by keyboard
+    size_t m_Current = 0;
+};

@@ -1,0 +1,100 @@
+// verbs_keyboard.cpp - a story's keyboards and the system behind them: plugging, reports, LEDs, time.
+#include "driver/driver.h"
+#include "player.h"
+
+// setting NAME VALUE
+void Player::Setting(const Words& words, const Parts&)
+{
+    m_Options.Settings[words.at(1)] = Number32(words.at(2), 0);
+}
+
+void Player::StartMachine()
+{
+    m_Options.Entry = DriverEntry;
+    m_Machine = std::make_unique<EmuMachine>(m_Options);
+    ASSERT_EQ(m_Machine->LoadStatus(), STATUS_SUCCESS);
+}
+
+// keyboard KIND
+void Player::Keyboard(const Words& words, const Parts&)
+{
+    if (!m_Machine) {
+        ASSERT_NO_FATAL_FAILURE(StartMachine());
+    }
+    const EmuDescriptors* pKind = EmuMachine::FindKind(words.at(1));
+    if (pKind == nullptr) {
+        throw BadLine("unknown keyboard: " + words[1]);
+    }
+    m_Received.push_back(std::make_unique<std::deque<EmuBytes>>());
+    EmuPlugOptions options;
+    options.OnReceived = [pQueue = m_Received.back().get()](const EmuReceived& received) {
+        if (NT_SUCCESS(received.Status)) {
+            pQueue->push_back(received.Bytes);
+        }
+    };
+    m_Current = m_Keyboards.size();
+    m_Keyboards.push_back(m_Machine->Plug(*pKind, options));
+    ASSERT_EQ(Current().StartStatus(), STATUS_SUCCESS);
+    if (!m_Application) {
+        m_Application = std::make_unique<EmuApplication>();
+        ASSERT_EQ(m_Application->OpenStatus(), STATUS_SUCCESS);
+    }
+    EXPECT_EQ(m_Application->RegisterNotifyEvent(Index()), STATUS_SUCCESS);
+    EXPECT_EQ(m_Application->StartReportProcessing(Index()), STATUS_SUCCESS);
+}
+
+// on N
+void Player::On(const Words& words, const Parts&)
+{
+    m_Current = Number(words.at(1), 10);
+}
+
+// report BYTES -> BYTES
+void Player::Report(const Words& words, const Parts& parts)
+{
+    EXPECT_TRUE(Current().Report(Bytes(words, 1)));
+    HostSettle();
+    if (!parts.Right.empty()) { // otherwise it is kept by the keyboard: no read is there
+        ExpectReceived(parts.Right);
+    }
+}
+
+// answer -> BYTES
+void Player::Answer(const Words&, const Parts& parts)
+{
+    ExpectReceived(parts.Right);
+}
+
+// led BYTE -> BYTE
+void Player::Led(const Words& words, const Parts& parts)
+{
+    EXPECT_EQ(Current().SendLed(Bytes(words, 1).at(0), EmuHidRouteControl), STATUS_SUCCESS);
+    std::vector<UCHAR> out;
+    EXPECT_EQ(m_Application->RequestRecord(IOCTL_TVUSB_GET_LEDS, Index(), nullptr, 0, 2, &out),
+              STATUS_SUCCESS);
+    EXPECT_EQ(Text({out.at(0)}), Text(Bytes(parts.Right)));
+}
+
+// wait 250ms
+void Player::Wait(const Words& words, const Parts&)
+{
+    const std::string& word = words.at(1);
+    if (word.size() < 3 || word.substr(word.size() - 2) != "ms") {
+        throw BadLine("wait takes milliseconds: wait 250ms");
+    }
+    HostAdvanceToUs(HostNowUs() + Number(word.substr(0, word.size() - 2), 10) * 1000);
+}
+
+// unplug, or pull: without asking first
+void Player::Unplug(const Words& words, const Parts&)
+{
+    EXPECT_EQ(Current().Unplug(words[0] == "pull"), STATUS_SUCCESS);
+}
+
+// quiet
+void Player::Quiet(const Words&, const Parts&)
+{
+    for (EmuKeyboard* pKeyboard : m_Keyboards) {
+        EXPECT_EQ(pKeyboard->Plugged() ? pKeyboard->PendingReads() : 1, 1u);
+    }
+}
