@@ -18,73 +18,256 @@ constexpr uint32_t TvUsbControlCode(uint32_t ulFunction)
     return 0x00220000 + ulFunction * 4;
 }
 
-// What each request takes and gives stands in control/table.cpp. "Record": ControlRequest is the input.
+// The requests. Above each: its group, what it does, when it fails with UNSUCCESSFUL, which other statuses it
+// gives. Behind it: input -> output. "index" is a record (ControlRequest) whose ulDeviceIndex names a
+// keyboard, "record" one whose index is not looked at; behind it stands what its payload holds.
+// What is checked in which order stands in table.cpp. docs/requests.md and client/requesttexts.h are
+// made from all three by scripts/make-requests.
 enum : uint32_t {
+    // [driver] The driver's version: 0x00010300 is 1.3.0.
     IOCTL_TVUSB_GET_VERSION = TvUsbControlCode(0x803), // -> u32
-    IOCTL_TVUSB_GET_TIME = TvUsbControlCode(0x805),    // -> u32, as NotifyRecord's ulTime
-    IOCTL_TVUSB_REFUSED_806 = TvUsbControlCode(0x806), // always refused, as the next three
+
+    // [driver] The driver's clock, in the units of NotifyRecord's ulTime.
+    IOCTL_TVUSB_GET_TIME = TvUsbControlCode(0x805), // -> u32
+
+    // [reserved] Always refused with INVALID_DEVICE_REQUEST.
+    IOCTL_TVUSB_REFUSED_806 = TvUsbControlCode(0x806),
+
+    // [reserved] Always refused with INVALID_DEVICE_REQUEST.
     IOCTL_TVUSB_REFUSED_807 = TvUsbControlCode(0x807),
+
+    // [reserved] Always refused with INVALID_DEVICE_REQUEST.
     IOCTL_TVUSB_REFUSED_808 = TvUsbControlCode(0x808),
+
+    // [reserved] Always refused with INVALID_DEVICE_REQUEST.
     IOCTL_TVUSB_REFUSED_809 = TvUsbControlCode(0x809),
-    IOCTL_TVUSB_GET_ZERO = TvUsbControlCode(0x80A),              // -> u32 0
-    IOCTL_TVUSB_CHECK_ZERO = TvUsbControlCode(0x80B),            // Record -> u32 0, refused for some
-    IOCTL_TVUSB_REGISTER_NOTIFY_EVENT = TvUsbControlCode(0x80C), // Record: handle
-    IOCTL_TVUSB_RELEASE_NOTIFY_EVENT = TvUsbControlCode(0x80D),
-    IOCTL_TVUSB_START_PROCESSING = TvUsbControlCode(0x80E),
-    IOCTL_TVUSB_STOP_PROCESSING = TvUsbControlCode(0x80F),
+
+    // [reserved] Answers 0.
+    IOCTL_TVUSB_GET_ZERO = TvUsbControlCode(0x80A), // -> u32
+
+    // [reserved] Answers 0. Refused with INVALID_DEVICE_REQUEST when byte 8 of an input of at least 528
+    // bytes has bit 1 or 2 set, whatever the size of the process.
+    IOCTL_TVUSB_CHECK_ZERO = TvUsbControlCode(0x80B), // record -> u32
+
+    // [events] From now on each event of the keyboard sets this event object. Unsuccessful: no keyboard
+    // has this index, or it has an event already. Also: INVALID_HANDLE, OBJECT_TYPE_MISMATCH or
+    // ACCESS_DENIED for a handle that is no event which may be set.
+    IOCTL_TVUSB_REGISTER_NOTIFY_EVENT = TvUsbControlCode(0x80C), // index, event handle
+
+    // [events] Ends the registration; queued events stay. Unsuccessful: no keyboard has this index, or it
+    // has no event.
+    IOCTL_TVUSB_RELEASE_NOTIFY_EVENT = TvUsbControlCode(0x80D), // index
+
+    // [events] Hands the keyboard's reports to the hotkey machinery, until it is stopped or the last
+    // handle is closed. Unsuccessful: no keyboard has this index, or processing is on already.
+    IOCTL_TVUSB_START_PROCESSING = TvUsbControlCode(0x80E), // index
+
+    // [events] Leaves the keyboard's reports alone. Unsuccessful: no keyboard has this index, or
+    // processing is off already.
+    IOCTL_TVUSB_STOP_PROCESSING = TvUsbControlCode(0x80F), // index
+
+    // [keyboards] How many keyboards are started.
     IOCTL_TVUSB_GET_KEYBOARD_COUNT = TvUsbControlCode(0x810), // -> u16
-    IOCTL_TVUSB_GET_KEYBOARD_INFO = TvUsbControlCode(0x811),  // Record: position -> KeyboardInfo
-    IOCTL_TVUSB_REFUSED_812 = TvUsbControlCode(0x812),        // always refused
-    IOCTL_TVUSB_ADD_DEFINITION = TvUsbControlCode(0x813),     // Record: KeyDefinition
-    IOCTL_TVUSB_REMOVE_DEFINITION = TvUsbControlCode(0x814),  // Record: id
-    IOCTL_TVUSB_GET_NOTIFY_COUNT = TvUsbControlCode(0x815),   // -> u32
-    IOCTL_TVUSB_CLEAR_NOTIFY = TvUsbControlCode(0x816),
-    IOCTL_TVUSB_PEEK_NOTIFY = TvUsbControlCode(0x817),                // -> NotifyRecord, stays queued
-    IOCTL_TVUSB_TAKE_NOTIFY = TvUsbControlCode(0x818),                // -> NotifyRecord
-    IOCTL_TVUSB_GET_LEDS = TvUsbControlCode(0x819),                   // -> u16, LED flags
-    IOCTL_TVUSB_SET_LEDS = TvUsbControlCode(0x81A),                   // Record: LED flags
-    IOCTL_TVUSB_GET_TYPEMATIC = TvUsbControlCode(0x81B),              // -> u16 rate, u16 delay in ms
-    IOCTL_TVUSB_SET_TYPEMATIC = TvUsbControlCode(0x81C),              // Record: rate, delay index
-    IOCTL_TVUSB_TAKE_MANY_NOTIFY = TvUsbControlCode(0x81D),           // Record: n -> n NotifyRecord, 0 = none
-    IOCTL_TVUSB_FIND_KEYBOARD = TvUsbControlCode(0x81E),              // Record: interface name -> u32 index
-    IOCTL_TVUSB_REGISTER_APPLICATION_EVENT = TvUsbControlCode(0x81F), // Record: handle
-    IOCTL_TVUSB_GET_MODIFIERS = TvUsbControlCode(0x820),              // -> u32
-    IOCTL_TVUSB_INSERT_SCANS = TvUsbControlCode(0x821),               // Record: InsertScansPayload
-    IOCTL_TVUSB_READ_DEVICE_DESCRIPTOR = TvUsbControlCode(0x822),     // -> 18 bytes
-    IOCTL_TVUSB_READ_STRING_DESCRIPTOR = TvUsbControlCode(0x823),     // Record: DescriptorIndex -> text
-    IOCTL_TVUSB_READ_DESCRIPTOR_MEMORY = TvUsbControlCode(0x824),     // Record: MemoryAccess -> bytes
-    IOCTL_TVUSB_WRITE_DESCRIPTOR_MEMORY = TvUsbControlCode(0x825),    // Record: MemoryAccess
-    IOCTL_TVUSB_FAIL = TvUsbControlCode(0x826),                       // always STATUS_UNSUCCESSFUL
-    IOCTL_TVUSB_SEND_KEY_COMMAND = TvUsbControlCode(0x828),           // Record: KeyCommand
-    IOCTL_TVUSB_READ_EEPROM = TvUsbControlCode(0x829),                // Record: MemoryAccess -> bytes
-    IOCTL_TVUSB_WRITE_EEPROM = TvUsbControlCode(0x82A),               // Record: MemoryAccess
-    IOCTL_TVUSB_GET_RESERVED_STATUS = TvUsbControlCode(0x832),        // -> u8
-    IOCTL_TVUSB_INSERT_PACKETS = TvUsbControlCode(0x833),             // Record: InsertPacketsPayload
-    IOCTL_TVUSB_READ_VENDOR_MEMORY = TvUsbControlCode(0x834),         // Record: MemoryAccess -> bytes
-    IOCTL_TVUSB_WRITE_VENDOR_MEMORY = TvUsbControlCode(0x835),        // Record: MemoryAccess
-    IOCTL_TVUSB_GET_CONTROL_PIPE = TvUsbControlCode(0x836),           // -> u32
-    IOCTL_TVUSB_LIST_KEYBOARDS = TvUsbControlCode(0x837),             // -> KeyboardList
-    IOCTL_TVUSB_REGISTER_MACRO_EVENT = TvUsbControlCode(0x838),       // Record: handle
-    IOCTL_TVUSB_RELEASE_MACRO_EVENT = TvUsbControlCode(0x839),
-    IOCTL_TVUSB_GET_MACRO_COUNT = TvUsbControlCode(0x83A), // -> u32
-    IOCTL_TVUSB_CLEAR_MACRO = TvUsbControlCode(0x83B),
-    IOCTL_TVUSB_PEEK_MACRO = TvUsbControlCode(0x83C),      // -> MacroRecord, stays queued
-    IOCTL_TVUSB_TAKE_MACRO = TvUsbControlCode(0x83D),      // -> MacroRecord
-    IOCTL_TVUSB_TAKE_MANY_MACRO = TvUsbControlCode(0x83E), // Record: n -> n MacroRecord, 0 = none
-    IOCTL_TVUSB_GET_MACRO_MODE = TvUsbControlCode(0x83F),  // -> u32
-    IOCTL_TVUSB_RELOAD_MACROS = TvUsbControlCode(0x840),   // Record
-    IOCTL_TVUSB_GET_CAPTURE = TvUsbControlCode(0x841),     // -> u32
-    IOCTL_TVUSB_SET_CAPTURE = TvUsbControlCode(0x842),     // u32 at 0, not a record
+
+    // [keyboards] Which keyboard stands at this position of the list, 0 being the newest. All zero when
+    // the list became shorter meanwhile. Unsuccessful: there is no such position.
+    IOCTL_TVUSB_GET_KEYBOARD_INFO = TvUsbControlCode(0x811), // record: list position -> KeyboardInfo
+
+    // [reserved] Always refused with INVALID_DEVICE_REQUEST.
+    IOCTL_TVUSB_REFUSED_812 = TvUsbControlCode(0x812),
+
+    // [definitions] Adds a hotkey or another key definition, until it is removed or the last handle is
+    // closed. Unsuccessful: no keyboard has this index, it has the same definition or 511 already, a scan
+    // code is unknown, or memory is short.
+    IOCTL_TVUSB_ADD_DEFINITION = TvUsbControlCode(0x813), // index, KeyDefinition
+
+    // [definitions] Removes the first definition with this id. Unsuccessful: no keyboard has this index,
+    // or it has no definition with this id.
+    IOCTL_TVUSB_REMOVE_DEFINITION = TvUsbControlCode(0x814), // index, definition id
+
+    // [events] How many events are queued, at most 1024. Unsuccessful: no keyboard has this index.
+    IOCTL_TVUSB_GET_NOTIFY_COUNT = TvUsbControlCode(0x815), // index -> u32
+
+    // [events] Drops what is queued. Unsuccessful: no keyboard has this index.
+    IOCTL_TVUSB_CLEAR_NOTIFY = TvUsbControlCode(0x816), // index
+
+    // [events] The oldest event, which stays queued. Unsuccessful: no keyboard has this index, or nothing
+    // is queued.
+    IOCTL_TVUSB_PEEK_NOTIFY = TvUsbControlCode(0x817), // index -> NotifyRecord
+
+    // [events] Takes the oldest event. Unsuccessful: no keyboard has this index, or nothing is queued.
+    IOCTL_TVUSB_TAKE_NOTIFY = TvUsbControlCode(0x818), // index -> NotifyRecord
+
+    // [settings] Which LEDs are on. Unsuccessful: no keyboard has this index.
+    IOCTL_TVUSB_GET_LEDS = TvUsbControlCode(0x819), // index -> LED flags
+
+    // [settings] Switches the keyboard's LEDs; other bits are dropped. Unsuccessful: no keyboard has this
+    // index. Also: the status of the transfer.
+    IOCTL_TVUSB_SET_LEDS = TvUsbControlCode(0x81A), // index, LED flags
+
+    // [settings] The system's key repeat: characters per second, and milliseconds before the first.
+    // Unsuccessful: no keyboard has this index. Also: the status of the last keyboard class device that
+    // was asked.
+    IOCTL_TVUSB_GET_TYPEMATIC = TvUsbControlCode(0x81B), // index -> repeat rate, delay
+
+    // [settings] Sets the system's key repeat: 2 to 30 characters per second (less becomes 2, more becomes
+    // 20), and 250 ms before the first for delay index 0, 500, 750, 1000 ms for 3 and above. Unsuccessful:
+    // no keyboard has this index. Also: the status of the last keyboard class device that was asked.
+    IOCTL_TVUSB_SET_TYPEMATIC = TvUsbControlCode(0x81C), // index, repeat rate, delay index
+
+    // [events] Takes up to count events; records without an event are zero, all of them when no keyboard
+    // has this index. The output has at least 20 bytes, even for count 0. Unsuccessful: the output is
+    // shorter than count records.
+    IOCTL_TVUSB_TAKE_MANY_NOTIFY = TvUsbControlCode(0x81D), // index, count -> count NotifyRecord
+
+    // [keyboards] The index of the keyboard whose device interface has this name, in upper or lower case,
+    // without the leading four characters. Unsuccessful: no keyboard has this name.
+    IOCTL_TVUSB_FIND_KEYBOARD = TvUsbControlCode(0x81E), // record: interface name -> u32
+
+    // [events] This event object is set when the last keyboard was pulled out and the driver waits for all
+    // handles to be closed. It is released by the last close. Unsuccessful: an event is registered
+    // already. Also: INVALID_HANDLE, OBJECT_TYPE_MISMATCH or ACCESS_DENIED for a handle that is no event
+    // which may be set.
+    IOCTL_TVUSB_REGISTER_APPLICATION_EVENT = TvUsbControlCode(0x81F), // record: event handle
+
+    // [driver] The modifier and prefix keys that are down, on all keyboards together.
+    IOCTL_TVUSB_GET_MODIFIERS = TvUsbControlCode(0x820), // -> u32
+
+    // [injection] The system sees modifier keys go down and up. Unsuccessful: no keyboard has this index,
+    // it is no keyboard with ordinary reports, usCount is above 510, or the keyboard went while it waited.
+    IOCTL_TVUSB_INSERT_SCANS = TvUsbControlCode(0x821), // index, InsertScansPayload
+
+    // [memory] The USB device descriptor, or as much of it as the output takes. Unsuccessful: no keyboard
+    // has this index, or it gave no descriptor.
+    IOCTL_TVUSB_READ_DEVICE_DESCRIPTOR = TvUsbControlCode(0x822), // index -> 18 bytes
+
+    // [memory] A USB string as UTF-16 that ends with 0. With less room than it needs, only its length is
+    // told. Unsuccessful: no keyboard has this index, or it gave no such string.
+    IOCTL_TVUSB_READ_STRING_DESCRIPTOR = TvUsbControlCode(0x823), // index, DescriptorIndex -> text
+
+    // [memory] Reads the keyboard's memory through descriptor 0xFD; a length of 0 does nothing.
+    // Unsuccessful: no keyboard has this index. Also: BUFFER_TOO_SMALL when the output is shorter than
+    // usLength, INSUFFICIENT_RESOURCES, the status of the transfer.
+    IOCTL_TVUSB_READ_DESCRIPTOR_MEMORY = TvUsbControlCode(0x824), // index, MemoryAccess -> usLength bytes
+
+    // [memory] Writes the keyboard's memory through descriptor 0xFD; a length of 0 does nothing.
+    // Unsuccessful: no keyboard has this index. Also: BUFFER_TOO_SMALL when the input ends before usLength
+    // bytes, INSUFFICIENT_RESOURCES, the status of the transfer.
+    IOCTL_TVUSB_WRITE_DESCRIPTOR_MEMORY = TvUsbControlCode(0x825), // index, MemoryAccess
+
+    // [reserved] Never succeeds. Unsuccessful: always.
+    IOCTL_TVUSB_FAIL = TvUsbControlCode(0x826), // record -> 2 bytes
+
+    // [settings] Sends a command to the keyboard's firmware: vendor request 3 with the key's HID usage for
+    // ulCommand 1, vendor request 1 for any other. Unsuccessful: no keyboard has this index, or the scan
+    // code is unknown. Also: the status of the transfer.
+    IOCTL_TVUSB_SEND_KEY_COMMAND = TvUsbControlCode(0x828), // index, KeyCommand
+
+    // [memory] Reads the EEPROM by HID reports; of usAddress the low byte counts. A length of 0 asks for
+    // the size: that many bytes are reported, all zero. Unsuccessful: no keyboard has this index. Also:
+    // BUFFER_TOO_SMALL when the output is shorter than usLength or the size, INSUFFICIENT_RESOURCES, the
+    // status of the transfer.
+    IOCTL_TVUSB_READ_EEPROM = TvUsbControlCode(0x829), // index, MemoryAccess -> usLength bytes
+
+    // [memory] Writes the EEPROM by HID reports. A length of 0 asks for the size as a read does.
+    // Unsuccessful: no keyboard has this index. Also: BUFFER_TOO_SMALL when the input ends before usLength
+    // bytes or the output before the size, INSUFFICIENT_RESOURCES, the status of the transfer.
+    IOCTL_TVUSB_WRITE_EEPROM = TvUsbControlCode(0x82A), // index, MemoryAccess
+
+    // [reserved] Answers 0. Unsuccessful: no keyboard has this index.
+    IOCTL_TVUSB_GET_RESERVED_STATUS = TvUsbControlCode(0x832), // index -> u8
+
+    // [injection] The system sees these reports as if the keyboard had sent them. The keyboard's queue
+    // holds 16; what does not fit is dropped. Unsuccessful: no keyboard has this index, usCount is not 1
+    // to 32, an entry is longer than 10 bytes, or the wait was ended.
+    IOCTL_TVUSB_INSERT_PACKETS = TvUsbControlCode(0x833), // index, InsertPacketsPayload
+
+    // [memory] Reads the keyboard's memory by vendor requests. Unsuccessful: no keyboard has this index.
+    // Also: BUFFER_TOO_SMALL when the output is shorter than usLength, INSUFFICIENT_RESOURCES, the status
+    // of the transfer.
+    IOCTL_TVUSB_READ_VENDOR_MEMORY = TvUsbControlCode(0x834), // index, MemoryAccess -> usLength bytes
+
+    // [memory] Writes the keyboard's memory by vendor requests. Unsuccessful: no keyboard has this index.
+    // Also: BUFFER_TOO_SMALL when the input ends before usLength bytes, INSUFFICIENT_RESOURCES, the status
+    // of the transfer.
+    IOCTL_TVUSB_WRITE_VENDOR_MEMORY = TvUsbControlCode(0x835), // index, MemoryAccess
+
+    // [reserved] The low 32 bits of the handle of the control pipe that was used last; 0 = none yet.
+    // Unsuccessful: no keyboard has this index.
+    IOCTL_TVUSB_GET_CONTROL_PIPE = TvUsbControlCode(0x836), // index -> u32
+
+    // [keyboards] The indexes of all keyboards, newest first, at most 127.
+    IOCTL_TVUSB_LIST_KEYBOARDS = TvUsbControlCode(0x837), // record -> KeyboardList
+
+    // [macros] From now on each macro record sets this event object. Unsuccessful: an event is registered
+    // already. Also: INVALID_HANDLE, OBJECT_TYPE_MISMATCH or ACCESS_DENIED for a handle that is no event
+    // which may be set.
+    IOCTL_TVUSB_REGISTER_MACRO_EVENT = TvUsbControlCode(0x838), // record: event handle
+
+    // [macros] Ends the registration; queued records stay. Unsuccessful: no event is registered.
+    IOCTL_TVUSB_RELEASE_MACRO_EVENT = TvUsbControlCode(0x839), // record
+
+    // [macros] How many records are queued, at most 1024.
+    IOCTL_TVUSB_GET_MACRO_COUNT = TvUsbControlCode(0x83A), // record -> u32
+
+    // [macros] Drops what is queued.
+    IOCTL_TVUSB_CLEAR_MACRO = TvUsbControlCode(0x83B), // record
+
+    // [macros] The oldest record, which stays queued. Unsuccessful: nothing is queued.
+    IOCTL_TVUSB_PEEK_MACRO = TvUsbControlCode(0x83C), // record -> MacroRecord
+
+    // [macros] Takes the oldest record. Unsuccessful: nothing is queued.
+    IOCTL_TVUSB_TAKE_MACRO = TvUsbControlCode(0x83D), // record -> MacroRecord
+
+    // [macros] Takes up to count records; those without content are zero. The output has at least 16
+    // bytes, even for count 0. Unsuccessful: the output is shorter than count records.
+    IOCTL_TVUSB_TAKE_MANY_MACRO = TvUsbControlCode(0x83E), // record: count -> count MacroRecord
+
+    // [macros] 1 while the macro mode is on.
+    IOCTL_TVUSB_GET_MACRO_MODE = TvUsbControlCode(0x83F), // record -> u32
+
+    // [macros] Reads the macro settings and the macro file again; what cannot be read keeps its value.
+    IOCTL_TVUSB_RELOAD_MACROS = TvUsbControlCode(0x840), // record
+
+    // [macros] 1 while ordinary keyboards' reports come as macro records instead of reaching the system.
+    IOCTL_TVUSB_GET_CAPTURE = TvUsbControlCode(0x841), // -> u32
+
+    // [macros] Switches that capture on with 1; the low byte counts. It stays when the last handle is
+    // closed.
+    IOCTL_TVUSB_SET_CAPTURE = TvUsbControlCode(0x842), // u32
 };
 static_assert(IOCTL_TVUSB_GET_VERSION == 0x0022200C && IOCTL_TVUSB_SET_CAPTURE == 0x00222108,
               "the codes' range");
+
+// The modifier word: the modifier keys that are down and the prefix keys that are latched, on all keyboards
+// together. A definition asks for them by the same bits.
+enum : uint32_t {
+    MODIFIER_LEFT_CONTROL = 0x00000002,
+    MODIFIER_RIGHT_CONTROL = 0x00000004,
+    MODIFIER_LEFT_SHIFT = 0x00000008,
+    MODIFIER_RIGHT_SHIFT = 0x00000010,
+    MODIFIER_LEFT_ALT = 0x00000020,
+    MODIFIER_RIGHT_ALT = 0x00000040,
+    MODIFIER_LEFT_GUI = 0x00000080,
+    MODIFIER_RIGHT_GUI = 0x00000100,
+    MODIFIER_CONTEXT_KEY = 0x00000200,
+    MODIFIER_ANY_CONTROL = 0x00000400,
+    MODIFIER_ANY_SHIFT = 0x00000800,
+    MODIFIER_ANY_ALT = 0x00001000,
+    MODIFIER_ANY_GUI = 0x00002000,
+    MODIFIER_POSKEY_PREFIX = 0x08000000,
+    MODIFIER_PREFIX1 = 0x10000000,
+    MODIFIER_PREFIX2 = 0x20000000,
+    MODIFIER_PREFIXES = 0x38000000,
+    MODIFIER_FN = 0x80000000,
+};
 
 // A key definition as the application gives it; scan codes are PS/2 set 1 make codes with their prefixes.
 struct KeyDefinition {
     uint32_t ulId;        // chosen by the application, reported back in events
     uint32_t ulSwallow;   // low byte: 1 = the keys of the complete hotkey leave the report
-    uint32_t ulType;      // 1 hotkey, 5 point of sale, 11 discard mode
-    uint32_t ulModifiers; // mask in the encoding of the modifier word
+    uint32_t ulType;      // DEFINITION_HOTKEY, DEFINITION_POINT_OF_SALE, DEFINITION_DISCARD; others are kept
+    uint32_t ulModifiers; // MODIFIER bits
     uint16_t usScanCount; // valid bytes in ucScans, at most 32
     uint16_t usReserved;  // not read
     uint8_t ucScans[32];  // the key sequence
@@ -92,6 +275,12 @@ struct KeyDefinition {
 static_assert(sizeof(KeyDefinition) == 52, "KeyDefinition is 52 bytes");
 static_assert(offsetof(KeyDefinition, usScanCount) == 16, "usScanCount at 16");
 static_assert(offsetof(KeyDefinition, ucScans) == 20, "ucScans at 20");
+
+enum : uint32_t {
+    DEFINITION_HOTKEY = 1,
+    DEFINITION_POINT_OF_SALE = 5,
+    DEFINITION_DISCARD = 11,
+};
 
 // One event of one keyboard.
 struct NotifyRecord {
@@ -175,13 +364,20 @@ struct KeyCommand {
 static_assert(sizeof(KeyCommand) == 8, "KeyCommand is 8 bytes");
 static_assert(offsetof(KeyCommand, usScanCode) == 6, "usScanCode at 6");
 
+// The LEDs of a keyboard.
+enum : uint16_t {
+    LED_FLAG_SCROLL = 1,
+    LED_FLAG_NUM = 2,
+    LED_FLAG_CAPS = 4,
+};
+
 // What a request takes besides the keyboard's index. The code says which form.
 union RequestPayload {
     uint8_t ucBytes[516];
     int32_t lEvent;      // an event handle of a 32-bit process, widened with its sign
     uint32_t ulId;       // of a key definition
     uint16_t usCount;    // records to take, or a list position
-    uint16_t usLedFlags; // LED_FLAG bits: 1 Scroll Lock, 2 Num Lock, 4 Caps Lock
+    uint16_t usLedFlags; // LED_FLAG bits
     uint16_t usWords[2]; // repeat rate, delay index
     char16_t Name[258];  // of a device interface, ends with 0
     MemoryAccess Memory;

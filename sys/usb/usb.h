@@ -56,6 +56,5 @@ const char* StandardRequestName(UCHAR ucRequest);
 
 // leds.cpp: the two encodings of the lock LEDs
 enum : USHORT { LED_REPORT_NUM = 1, LED_REPORT_CAPS = 2, LED_REPORT_SCROLL = 4 };
-enum : USHORT { LED_FLAG_SCROLL = 1, LED_FLAG_NUM = 2, LED_FLAG_CAPS = 4 };
 USHORT LedReportToFlags(USHORT usReport);
 USHORT LedFlagsToReport(USHORT usFlags);
