@@ -8,7 +8,6 @@ DispatchRoutine DispatchDeviceControl; // PASSIVE
 BOOLEAN IsIoctlAllowed(PIRP pIrp);
 
 // keyboardrequests.cpp: requests passed to the keyboard. IRQL = PASSIVE. Fails: unknown index, nothing sent.
-NTSTATUS SubmitUrbSync(PDEVICE_OBJECT device, PURB pUrb);
 NTSTATUS GetDeviceDescriptor(ULONG ulDeviceIndex, PUCHAR pDescriptor); // 18 bytes
 NTSTATUS GetStringDescriptor(ULONG ulDeviceIndex, UCHAR ucIndex, USHORT usLanguage, PUCHAR pOut,
                              ULONG ulCapacity, PULONG pulLength);

@@ -14,13 +14,6 @@ static NTSTATUS CheckIndex(ULONG ulDeviceIndex)
     return status;
 }
 
-NTSTATUS SubmitUrbSync(PDEVICE_OBJECT device, PURB pUrb)
-{
-    UNREFERENCED_PARAMETER(device);
-    UNREFERENCED_PARAMETER(pUrb);
-    return STATUS_SUCCESS;
-}
-
 // Fails: always, no descriptor was read.
 NTSTATUS GetDeviceDescriptor(ULONG ulDeviceIndex, PUCHAR pDescriptor)
 {

@@ -35,6 +35,9 @@ void InspectDescriptorRequest(PDEVICE_OBJECT device, const Transfer& transfer, U
 void InspectClassRequest(const Transfer& transfer, UCHAR ucCompletion);
 void DumpMdl(const char* pszTitle, PMDL pMdl);
 
+// submit.cpp: the driver's own requests. IRQL = PASSIVE. Fails: being removed, no memory, as the USB stack says.
+NTSTATUS SubmitUrbSync(PDEVICE_OBJECT device, PURB pUrb);
+
 // pendingreads.cpp: IRQL <= DISPATCH. Lock: takes PendingIrpLock.
 NTSTATUS AddPendingIrp(PDEVICE_OBJECT device, PIRP Irp);
 bool RemovePendingIrp(PDEVICE_OBJECT device, PIRP Irp); // true: the canceller completes it
