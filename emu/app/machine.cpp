@@ -49,6 +49,9 @@ EmuMachine::EmuMachine(const EmuMachineOptions& options)
     if (NT_SUCCESS(m_LoadStatus)) {
         m_LoadStatus = HostLoadDriver(EmuHidEntry, L"EmuHid", &m_pHid);
     }
+    if (options.BeforeLoad) {
+        options.BeforeLoad();
+    }
     if (NT_SUCCESS(m_LoadStatus) && options.Entry) {
         m_LoadStatus = HostLoadDriver(options.Entry, L"Tv64USB", &m_pDriver);
     }
@@ -166,12 +169,8 @@ EmuKeyboard* EmuMachine::Plug(const EmuDescriptors& descriptors, const EmuPlugOp
     return &keyboard;
 }
 
-unsigned EmuMachine::Unload()
+unsigned EmuMachine::UnloadDrivers()
 {
-    if (!m_bRunning) {
-        return 0;
-    }
-    m_bRunning = false;
     for (auto& keyboard : m_Keyboards) {
         keyboard->Unplug(false);
         keyboard->Forget();
@@ -183,5 +182,15 @@ unsigned EmuMachine::Unload()
         }
         *ppDriver = nullptr;
     }
+    return leaks;
+}
+
+unsigned EmuMachine::Unload()
+{
+    if (!m_bRunning) {
+        return 0;
+    }
+    m_bRunning = false;
+    unsigned leaks = UnloadDrivers();
     return leaks + HostStop();
 }

@@ -53,9 +53,10 @@ struct EmuMachineOptions {
     PDRIVER_INITIALIZE Entry = nullptr; // the driver's entry
     HostMode Mode = HostSimulated;
     std::map<std::string, EmuSetting>
-        Settings;             // values of the parameters key, absent = absent in the registry
-    std::string RegistryText; // more registry content, as .reg text with its head line or ""
-    std::string FileRoot;     // folder that NT paths map to
+        Settings;                     // values of the parameters key, absent = absent in the registry
+    std::string RegistryText;         // more registry content, as .reg text with its head line or ""
+    std::string FileRoot;             // folder that NT paths map to
+    std::function<void()> BeforeLoad; // called when the host runs and before the driver's entry, unless empty
 };
 
 // One plugged keyboard with its three device objects: the keyboard, the driver's filter, the HID stack.
@@ -139,8 +140,10 @@ public:
     // "normal", "power", "jaalaa", "chic" or "other"; null for another word.
     static const EmuDescriptors* FindKind(const std::string& name);
 
-    // Unplugs what is still plugged, unloads every driver and ends the host. Returns the number of things
-    // left over, each told on stderr. Applications must be closed before.
+    // Unplugs what is still plugged and unloads every driver. Returns the number of things left over, each
+    // told on stderr. Applications must be closed before.
+    unsigned UnloadDrivers();
+    // The same, and ends the host. Nothing happens when that has been done.
     unsigned Unload();
 
 private:

@@ -1,0 +1,127 @@
+// world.cpp - the system of a scenario, and what must hold after it.
+#include "world.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "emu/hid/hid.h"
+
+// Two macros: F1 plays three reports, F2 plays twenty, which is more than fit at once.
+static void WriteMacros(const std::string& path)
+{
+    std::string text = "Korvex Configuration File V1.0.0.0";
+    text.resize(50);
+    for (auto [key, count] : {std::pair{0x3A, 3}, std::pair{0x3B, 20}}) {
+        const int bytes = count * 10;
+        text += {static_cast<char>(key), 0, static_cast<char>(bytes), static_cast<char>(bytes >> 8)};
+        for (int i = 0; i < count; i++) {
+            text += {0, 8, 0, 0, static_cast<char>(i % 2 ? 0 : 4 + i), 0, 0, 0, 0, 0};
+        }
+    }
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+World::World()
+{
+    std::string name = (std::filesystem::temp_directory_path() / "tv64usb-world-XXXXXX").string();
+    Folder = mkdtemp(name.data());
+    WriteMacros(Folder + "/macros.bin");
+}
+
+World::~World()
+{
+    std::filesystem::remove_all(Folder);
+}
+
+void World::Load(const std::function<void()>& beforeLoad)
+{
+    EmuMachineOptions options;
+    options.Entry = DriverEntry;
+    options.FileRoot = Folder;
+    options.BeforeLoad = beforeLoad;
+    options.Settings = {{"LogFile", "\\??\\C:\\driver.log"},
+                        {"LogLevel", 1u},
+                        {"KorvexHotkey", 0x00010039u},
+                        {"KorvexLEDDisabled", 0u},
+                        {"KorvexDelay", 10u},
+                        {"KorvexConfigFile", "\\??\\C:\\macros.bin"}};
+    Machine = std::make_unique<EmuMachine>(options);
+}
+
+EmuKeyboard* World::Plug(const EmuDescriptors& kind)
+{
+    Keyboards.push_back(Machine->Plug(kind));
+    return Keyboards.back();
+}
+
+void World::Open(EmuKeyboard* pKeyboard)
+{
+    if (!Application) {
+        Application = std::make_unique<EmuApplication>();
+    }
+    (void)Application->RegisterNotifyEvent(pKeyboard->Index());
+    (void)Application->StartReportProcessing(pKeyboard->Index());
+}
+
+void World::Press(EmuKeyboard* pKeyboard, UCHAR ucUsage, UCHAR ucModifiers)
+{
+    pKeyboard->Report({ucModifiers, 0, ucUsage, 0, 0, 0, 0, 0});
+    HostSettle();
+    pKeyboard->Report({0, 0, 0, 0, 0, 0, 0, 0});
+    HostSettle();
+}
+
+void World::Let(unsigned uMs)
+{
+    HostAdvanceToUs(HostNowUs() + uMs * 1000ull);
+}
+
+// Every read that the system above has out waits at the keyboard; the driver holds none back for ever.
+static void CheckReads(const World& world)
+{
+    for (EmuKeyboard* pKeyboard : world.Keyboards) {
+        if (pKeyboard->Plugged() && pKeyboard->Hid() != nullptr) {
+            EXPECT_EQ(EmuHidOutstandingReads(pKeyboard->Hid()), pKeyboard->PendingReads());
+        }
+    }
+}
+
+// A keyboard that is plugged in now types, and its hotkey is told once down and once up.
+static void CheckNewKeyboard(World& world)
+{
+    EmuKeyboard* pKeyboard = world.Plug();
+    ASSERT_EQ(pKeyboard->AddStatus(), STATUS_SUCCESS);
+    ASSERT_EQ(pKeyboard->StartStatus(), STATUS_SUCCESS);
+    EmuApplication application;
+    ASSERT_EQ(application.OpenStatus(), STATUS_SUCCESS);
+    const ULONG ulIndex = pKeyboard->Index();
+    ASSERT_EQ(application.RegisterNotifyEvent(ulIndex), STATUS_SUCCESS);
+    ASSERT_EQ(application.StartReportProcessing(ulIndex), STATUS_SUCCESS);
+    KeyDefinition hotkey = {};
+    hotkey.ulId = 77;
+    hotkey.ulType = 1;
+    hotkey.ulModifiers = 0x400;
+    hotkey.usScanCount = 1;
+    hotkey.ucScans[0] = 0x3B;
+    ASSERT_EQ(application.AddDefinition(ulIndex, hotkey), STATUS_SUCCESS);
+    (void)pKeyboard->Taken();
+    World::Press(pKeyboard, 0x04);
+    World::Press(pKeyboard, 0x3A, 0x01);
+    EXPECT_EQ(pKeyboard->Taken().size(), 4u) << "what a new keyboard types reaches the system";
+    EXPECT_EQ(application.TakeRecords(ulIndex).size(), 2u) << "its hotkey goes down and up";
+}
+
+void CheckAfterwards(World& world)
+{
+    if (world.Machine->Driver() != nullptr) {
+        World::Let(10000);
+        CheckReads(world);
+        // The macro mode is for all keyboards: a mode left on, or its settings, would take the hotkey.
+        Globals.ucKorvexMode = 0;
+        Settings.ulKorvexHotkey = 0;
+        CheckNewKeyboard(world);
+    }
+    world.Application.reset();
+    EXPECT_EQ(world.Machine->Unload(), 0u) << "things left over";
+}
