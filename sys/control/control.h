@@ -7,13 +7,15 @@
 DispatchRoutine DispatchDeviceControl; // PASSIVE
 BOOLEAN IsIoctlAllowed(PIRP pIrp);
 
-// keyboardrequests.cpp: requests passed to the keyboard. IRQL = PASSIVE. Fails: unknown index, nothing sent.
+// Requests passed to the keyboard. IRQL = PASSIVE. Fails: unknown index, nothing sent.
+// keyboarddescriptors.cpp
 NTSTATUS GetDeviceDescriptor(ULONG ulDeviceIndex, PUCHAR pDescriptor); // 18 bytes
 NTSTATUS GetStringDescriptor(ULONG ulDeviceIndex, UCHAR ucIndex, USHORT usLanguage, PUCHAR pOut,
                              ULONG ulCapacity, PULONG pulLength);
+// keyboardcommands.cpp
 NTSTATUS SetKeyboardLeds(ULONG ulDeviceIndex, UCHAR ucLedFlags);
 NTSTATUS SendKeyCommand(ULONG ulDeviceIndex, const KeyCommand* pCommand);
-// One family of keyboard memory; usLength 0 asks the EEPROM routines for the size.
+// keyboardmemory.cpp: one family of keyboard memory each; usLength 0 asks the EEPROM routines for the size.
 using MemoryReader = NTSTATUS(ULONG ulDeviceIndex, USHORT usAddress, USHORT usLength, PUCHAR pOut,
                               PULONG pulLength);
 using MemoryWriter = NTSTATUS(ULONG ulDeviceIndex, USHORT usAddress, USHORT usLength, const UCHAR* pData,

@@ -11,11 +11,15 @@ namespace
 {
 enum : ULONG { DEVICE_DESCRIPTOR_BYTES = 18, MAX_STRING_BYTES = 256 };
 
-// The answer to a size query is the number of bytes reported, as far as the output reaches; the bytes are
-// zero.
-void ReportSize(ControlCall* pCall, ULONG ulSize)
+// The answer to a size query is the number of bytes reported; the bytes are zero.
+// Fails: the output is shorter than that.
+NTSTATUS ReportSize(ControlCall* pCall, ULONG ulSize)
 {
-    BeginOutput(pCall, LowerOf(ulSize, pCall->ulOutLength));
+    if (pCall->ulOutLength < ulSize) {
+        return STATUS_BUFFER_TOO_SMALL;
+    }
+    BeginOutput(pCall, ulSize);
+    return STATUS_SUCCESS;
 }
 
 NTSTATUS ReadMemory(ControlCall* pCall, MemoryReader* pRead)
@@ -28,11 +32,10 @@ NTSTATUS ReadMemory(ControlCall* pCall, MemoryReader* pRead)
     ULONG ulLength = 0;
     PUCHAR pOut = BeginOutput(pCall, usLength);
     NTSTATUS status = pRead(pCall->ulDeviceIndex, usAddress, usLength, pOut, &ulLength);
-    if (usLength == 0) {
-        ReportSize(pCall, ulLength);
-    } else {
-        pCall->ulInformation = LowerOf(ulLength, usLength);
+    if (NT_SUCCESS(status) && usLength == 0) {
+        return ReportSize(pCall, ulLength);
     }
+    pCall->ulInformation = ulLength;
     return status;
 }
 
@@ -45,8 +48,7 @@ NTSTATUS WriteMemory(ControlCall* pCall, MemoryWriter* pWrite)
     }
     ULONG ulLength = 0;
     NTSTATUS status = pWrite(pCall->ulDeviceIndex, pMemory->usAddress, usLength, pMemory->ucData, &ulLength);
-    ReportSize(pCall, ulLength);
-    return status;
+    return NT_SUCCESS(status) ? ReportSize(pCall, ulLength) : status;
 }
 } // namespace
 
@@ -121,14 +123,16 @@ NTSTATUS HandleGetControlPipe(ControlCall* pCall)
     return NT_SUCCESS(status) ? Answer(pCall, ulControlPipe) : status;
 }
 
-// A shorter output takes the descriptor's beginning.
+// An output without room for all of it gets nothing.
 NTSTATUS HandleReadDeviceDescriptor(ControlCall* pCall)
 {
     UCHAR Descriptor[DEVICE_DESCRIPTOR_BYTES] = {};
+    if (pCall->ulOutLength < sizeof(Descriptor)) {
+        return STATUS_SUCCESS;
+    }
     NTSTATUS status = GetDeviceDescriptor(pCall->ulDeviceIndex, Descriptor);
     if (NT_SUCCESS(status)) {
-        ULONG ulBytes = LowerOf(sizeof(Descriptor), pCall->ulOutLength);
-        RtlCopyMemory(BeginOutput(pCall, ulBytes), Descriptor, ulBytes);
+        RtlCopyMemory(BeginOutput(pCall, sizeof(Descriptor)), Descriptor, sizeof(Descriptor));
     }
     return status;
 }

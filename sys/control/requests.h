@@ -137,8 +137,8 @@ enum : uint32_t {
     // it is no keyboard with ordinary reports, usCount is above 510, or the keyboard went while it waited.
     IOCTL_TVUSB_INSERT_SCANS = TvUsbControlCode(0x821), // index, InsertScansPayload
 
-    // [memory] The USB device descriptor, or as much of it as the output takes. Unsuccessful: no keyboard
-    // has this index, or it gave no descriptor.
+    // [memory] The USB device descriptor, nothing when the output is shorter. Unsuccessful: no keyboard has
+    // this index, or it gave no descriptor.
     IOCTL_TVUSB_READ_DEVICE_DESCRIPTOR = TvUsbControlCode(0x822), // index -> 18 bytes
 
     // [memory] A USB string as UTF-16 that ends with 0. With less room than it needs, only its length is

@@ -10,8 +10,7 @@
 namespace
 {
 enum : UCHAR { REQUEST_GET_DESCRIPTOR = 6, REQUEST_SET_DESCRIPTOR = 7, REQUEST_GET_INTERFACE = 10 };
-enum : USHORT { VALUE_REPORT_DESCRIPTOR = 0x2200, VALUE_OUTPUT_REPORT_0 = 0x0200 };
-enum : UCHAR { CLASS_REQUEST_TYPE = 0x22, CLASS_SET_REPORT = 9 };
+enum : USHORT { VALUE_REPORT_DESCRIPTOR = 0x2200 };
 
 // Class SET_REPORT, output report 0, one byte.
 const UCHAR SetLedSetup[8] = {0x21, 0x09, 0x00, 0x02, 0x00, 0x00, 0x01, 0x00};
@@ -43,8 +42,7 @@ bool IsLedPacket(const Transfer& transfer)
     const auto& request = transfer.pUrb->UrbControlVendorClassRequest;
     return (request.TransferFlags & USBD_TRANSFER_DIRECTION_IN) == 0 && transfer.pBuf != nullptr &&
            transfer.ulLen == 1 && request.RequestTypeReservedBits == CLASS_REQUEST_TYPE &&
-           request.Request == CLASS_SET_REPORT && request.Value == VALUE_OUTPUT_REPORT_0 &&
-           request.Index == 0;
+           request.Request == HID_SET_REPORT && request.Value == HID_OUTPUT_REPORT && request.Index == 0;
 }
 } // namespace
 

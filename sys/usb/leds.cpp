@@ -1,4 +1,5 @@
-// leds.cpp - the lock LEDs in the HID output report and as the platform's keyboard indicators.
+// leds.cpp - the lock LEDs in the HID output report and as the platform's keyboard indicators, and the report
+// with which the driver itself sets them.
 #include "usb/usb.h"
 
 USHORT LedReportToFlags(USHORT usReport)
@@ -13,4 +14,27 @@ USHORT LedFlagsToReport(USHORT usFlags)
     return static_cast<USHORT>((usFlags & LED_FLAG_NUM ? LED_REPORT_NUM : 0) |
                                (usFlags & LED_FLAG_CAPS ? LED_REPORT_CAPS : 0) |
                                (usFlags & LED_FLAG_SCROLL ? LED_REPORT_SCROLL : 0));
+}
+
+// Sets the LEDs of a keyboard; bits of usFlags that are no LED are dropped. The record tells the new LEDs even
+// if the keyboard does not get them.
+// IRQL = PASSIVE. Fails: no memory, or as SubmitUrbSync.
+NTSTATUS SendLedReport(PDEVICE_OBJECT device, USHORT usFlags)
+{
+    IRQL_AT_MOST(PASSIVE_LEVEL);
+    static const PipeRequest SetReport = {URB_FUNCTION_CLASS_INTERFACE, HID_SET_REPORT,
+                                          USBD_TRANSFER_DIRECTION_OUT, HID_OUTPUT_REPORT, 0};
+    DeviceContext* pContext = FilterContextOf(device);
+    USHORT usReport = LedFlagsToReport(usFlags);
+    WriteShared(pContext->usLedReport, usReport);
+    WriteShared(pContext->usLedFlags, LedReportToFlags(usReport));
+
+    PUCHAR pReport = static_cast<PUCHAR>(AllocateZeroed(NonPagedPoolNx, 1));
+    if (pReport == nullptr) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    *pReport = static_cast<UCHAR>(usReport);
+    NTSTATUS status = WriteToKeyboard(device, SetReport, pReport, 1);
+    ExFreePoolWithTag(pReport, POOL_TAG);
+    return status;
 }
