@@ -1,6 +1,7 @@
 // Brings up the host, the three drivers and the devices between them, and takes everything down again.
 #include "machine.h"
 
+#include <algorithm>
 #include <cstdio>
 
 using std::string;
@@ -167,6 +168,13 @@ EmuKeyboard* EmuMachine::Plug(const EmuDescriptors& descriptors, const EmuPlugOp
         keyboard.Start();
     }
     return &keyboard;
+}
+
+void EmuMachine::Forget(EmuKeyboard* pKeyboard)
+{
+    pKeyboard->Forget();
+    auto isIt = [pKeyboard](const auto& pHeld) { return pHeld.get() == pKeyboard; };
+    m_Keyboards.erase(std::remove_if(m_Keyboards.begin(), m_Keyboards.end(), isIt), m_Keyboards.end());
 }
 
 unsigned EmuMachine::UnloadDrivers()

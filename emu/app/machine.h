@@ -137,6 +137,8 @@ public:
     // (AddStatus tells).
     EmuKeyboard* Plug(const EmuDescriptors& descriptors = EmuBootKeyboard,
                       const EmuPlugOptions& options = {});
+    // Drops the handle of a keyboard that is unplugged.
+    void Forget(EmuKeyboard* pKeyboard);
     // "normal", "power", "jaalaa", "chic" or "other"; null for another word.
     static const EmuDescriptors* FindKind(const std::string& name);
 
