@@ -34,10 +34,11 @@ World::~World()
     std::filesystem::remove_all(Folder);
 }
 
-void World::Load(const std::function<void()>& beforeLoad)
+void World::Load(const std::function<void()>& beforeLoad, HostMode mode)
 {
     EmuMachineOptions options;
     options.Entry = DriverEntry;
+    options.Mode = mode;
     options.FileRoot = Folder;
     options.BeforeLoad = beforeLoad;
     options.Settings = {{"LogFile", "\\??\\C:\\driver.log"},

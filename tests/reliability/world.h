@@ -21,11 +21,11 @@ struct World {
     ~World();
 
     // Loads the driver; before that, `beforeLoad` is called.
-    void Load(const std::function<void()>& beforeLoad = {});
+    void Load(const std::function<void()>& beforeLoad = {}, HostMode mode = HostSimulated);
     EmuKeyboard* Plug(const EmuDescriptors& kind = EmuBootKeyboard);
     // Opens the application and lets it work with the keyboard.
     void Open(EmuKeyboard* pKeyboard);
-    // The index of the key whose usage is given, pressed and let go, with Ctrl held.
+    // A key goes down, with modifiers, and everything up again.
     static void Press(EmuKeyboard* pKeyboard, UCHAR ucUsage, UCHAR ucModifiers = 0);
     static void Let(unsigned uMs);
 

@@ -1,0 +1,129 @@
+// threads_test.cpp - eight threads at four keyboards for a while, for the thread sanitizer and the driver's own
+// rules: four people type, two applications work, one thread plugs and pulls, one sets LEDs and pulls reports back.
+//
+// TV64USB_SECONDS tells how long, 3 when it is not set.
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+
+#include "control/call.h"
+#include "world.h"
+
+namespace
+{
+using Clock = std::chrono::steady_clock;
+
+struct Crowd {
+    explicit Crowd(unsigned uSeconds) : End(Clock::now() + std::chrono::seconds(uSeconds)) {}
+    bool Working() const { return Clock::now() < End; }
+
+    Clock::time_point End;
+    World System;
+    std::atomic<unsigned> Received{0}, Typed{0}, Requests{0}, Pulled{0};
+    std::atomic<ULONG> ulNewest{3}; // index of the keyboard that comes and goes
+};
+
+// Plain keys, the mode hotkey, two macro keys, a hotkey with its modifier, Esc, Caps Lock.
+void Type(Crowd& crowd, EmuKeyboard* pKeyboard)
+{
+    static const UCHAR ucKeys[] = {0x04, 0x39, 0x3A, 0x3B, 0x29, 0x05, 0x39};
+    for (unsigned i = 0; crowd.Working(); i++) {
+        const UCHAR ucModifiers = i % 3 == 0 ? 0x01 : 0;
+        crowd.Typed += pKeyboard->Report({ucModifiers, 0, ucKeys[i % sizeof ucKeys], 0, 0, 0, 0, 0}) ? 1 : 0;
+        crowd.Typed += pKeyboard->Report({0, 0, 0, 0, 0, 0, 0, 0}) ? 1 : 0;
+        if (i % 64 == 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+}
+
+// Definitions of every routing type come and go, events are taken, keys and reports inserted, and each request
+// is sent now and then.
+void Apply(Crowd& crowd, bool b32)
+{
+    static const uint32_t ulTypes[] = {1, 1, 1, 5, 11};
+    RequestPayload payload = {};
+    payload.Memory.usLength = 8;
+    ULONG ulCode = 0x222000;
+    for (unsigned i = 0; crowd.Working(); i++) {
+        EmuApplication application(b32);
+        const ULONG ulIndex = i % 4 == 3 ? crowd.ulNewest.load() : i % 4;
+        (void)application.RegisterNotifyEvent(ulIndex);
+        (void)application.StartReportProcessing(ulIndex);
+        KeyDefinition definition = {};
+        definition.ulId = 1 + i % 9 + (b32 ? 100 : 0);
+        definition.ulType = ulTypes[i % 5];
+        definition.ulModifiers = definition.ulType == 1 ? 0x400 : 0;
+        definition.ulSwallow = i % 2;
+        definition.usScanCount = definition.ulType == 1 ? 1 : 0;
+        definition.ucScans[0] = 0x3B;
+        (void)application.AddDefinition(ulIndex, definition);
+        (void)application.InsertScans(ulIndex, {0x2A, 0x1E, 0x9E, 0xAA});
+        (void)application.InsertUSBPackets(ulIndex, {FifoEntry{0, 8, {0, 0, 6}}, FifoEntry{0, 8, {}}});
+        (void)application.TakeRecords(ulIndex);
+        (void)application.TakeMacroRecords();
+        (void)application.RemoveDefinition(ulIndex, definition.ulId);
+        do {
+            ulCode = ulCode < 0x222200 ? ulCode + 4 : 0x222000;
+        } while (FindRequestRow(ulCode) == nullptr || ulCode == IOCTL_TVUSB_INSERT_SCANS);
+        std::vector<UCHAR> out;
+        (void)application.RequestRecord(ulCode, ulIndex, &payload, sizeof payload, 2052, &out);
+        crowd.Requests += 10;
+    }
+}
+
+void PlugAndPull(Crowd& crowd, const EmuPlugOptions& plug)
+{
+    for (unsigned i = 0; crowd.Working(); i++) {
+        EmuKeyboard* pKeyboard = crowd.System.Machine->Plug(EmuBootKeyboard, plug);
+        crowd.ulNewest = pKeyboard->Index();
+        World::Press(pKeyboard, 0x3A, 0x01);
+        pKeyboard->Unplug(i % 2 == 0);
+        crowd.System.Machine->Forget(pKeyboard);
+        crowd.Pulled++;
+    }
+}
+
+void SetLeds(Crowd& crowd)
+{
+    for (unsigned i = 0; crowd.Working(); i++) {
+        EmuKeyboard* pKeyboard = crowd.System.Keyboards[i % crowd.System.Keyboards.size()];
+        (void)pKeyboard->SendLed(static_cast<UCHAR>(i % 8), i % 2 ? EmuHidRouteClass : EmuHidRouteControl);
+        (void)pKeyboard->FailRead(STATUS_CANCELLED);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+TEST(Threaded, ACrowdAtFourKeyboards)
+{
+    const char* pSeconds = getenv("TV64USB_SECONDS");
+    Crowd crowd(pSeconds != nullptr ? static_cast<unsigned>(atoi(pSeconds)) : 3);
+    crowd.System.Load({}, HostThreaded);
+    ASSERT_EQ(crowd.System.Machine->LoadStatus(), STATUS_SUCCESS);
+    EmuPlugOptions plug;
+    plug.Record = false;
+    plug.OnReceived = [&](const EmuReceived& report) { crowd.Received += NT_SUCCESS(report.Status) ? 1 : 0; };
+    for (int i = 0; i < 3; i++) {
+        crowd.System.Keyboards.push_back(crowd.System.Machine->Plug(EmuBootKeyboard, plug));
+        ASSERT_EQ(crowd.System.Keyboards.back()->StartStatus(), STATUS_SUCCESS);
+    }
+    std::vector<HostThread> threads;
+    for (EmuKeyboard* pKeyboard : crowd.System.Keyboards) {
+        threads.push_back(HostStartThread([&crowd, pKeyboard] { Type(crowd, pKeyboard); }));
+    }
+    threads.push_back(HostStartThread([&crowd] { Type(crowd, crowd.System.Keyboards[0]); }));
+    threads.push_back(HostStartThread([&crowd] { Apply(crowd, false); }));
+    threads.push_back(HostStartThread([&crowd] { Apply(crowd, true); }));
+    threads.push_back(HostStartThread([&crowd, &plug] { PlugAndPull(crowd, plug); }));
+    threads.push_back(HostStartThread([&crowd] { SetLeds(crowd); }));
+    for (HostThread thread : threads) {
+        HostJoinThread(thread);
+    }
+    printf("%u reports typed, %u received, about %u requests, %u keyboards pulled\n", crowd.Typed.load(),
+           crowd.Received.load(), crowd.Requests.load(), crowd.Pulled.load());
+    EXPECT_GT(crowd.Received, 0u);
+    EXPECT_GT(crowd.Pulled, 0u);
+    EXPECT_EQ(crowd.System.Machine->Unload(), 0u) << "things left over";
+}
+} // namespace
