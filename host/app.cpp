@@ -85,7 +85,7 @@ void HostCleanupFile(PFILE_OBJECT pFile)
 NTSTATUS IoGetDeviceObjectPointer(PUNICODE_STRING pName, ACCESS_MASK, PFILE_OBJECT* ppFile,
                                   PDEVICE_OBJECT* ppDevice)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     if (HostShouldFail("open")) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -104,7 +104,7 @@ NTSTATUS IoGetDeviceObjectPointer(PUNICODE_STRING pName, ACCESS_MASK, PFILE_OBJE
 
 NTSTATUS HostOpen(const WCHAR* pName, HostFile* pFile)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     PFILE_OBJECT pObject;
     NTSTATUS status = HostOpenDevice(HostTextOf(pName), UserMode, &pObject);
     *pFile = NT_SUCCESS(status) ? new HostOpenFile{pObject} : nullptr;
@@ -121,7 +121,7 @@ void HostClose(HostFile file)
 NTSTATUS HostDeviceControl(HostFile file, ULONG ulCode, const void* pIn, ULONG ulIn, void* pOut, ULONG ulOut,
                            ULONG* pulInformation)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     ULONG_PTR ulInformation = 0;
     NTSTATUS status = HostSendControl(file->pFile, ulCode, pIn, ulIn, pOut, ulOut, &ulInformation);
     if (pulInformation != nullptr) {
@@ -132,7 +132,7 @@ NTSTATUS HostDeviceControl(HostFile file, ULONG ulCode, const void* pIn, ULONG u
 
 static NTSTATUS SendToStack(PDEVICE_OBJECT pInStack, const IO_STACK_LOCATION& location)
 {
-    HostRequireIrql("a request of the system", PASSIVE_LEVEL);
+    HostEnter("a request of the system", PASSIVE_LEVEL);
     PDEVICE_OBJECT pTop = IoGetAttachedDeviceReference(pInStack);
     NTSTATUS status = HostSendRequest(pTop, location, STATUS_NOT_SUPPORTED, KernelMode, nullptr);
     ObfDereferenceObject(pTop);

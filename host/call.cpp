@@ -48,6 +48,7 @@ static void __attribute__((noinline)) CheckCall(PDEVICE_OBJECT pDevice, PIRP pIr
 // IRQL <= DISPATCH. Lock: none held.
 NTSTATUS IofCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
+    SCHEDULE_POINT();
     HostIrp* pHost = HostLiveIrp(pIrp, "IoCallDriver");
     CheckCall(pDevice, pIrp, HostSelf());
     IoSetNextIrpStackLocation(pIrp);
@@ -90,5 +91,5 @@ NTSTATUS PoCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp)
 
 void PoStartNextPowerIrp(PIRP)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
 }

@@ -125,6 +125,7 @@ static void __attribute__((noinline)) Finish(PIRP pIrp, HostIrp* pHost)
 // IRQL <= DISPATCH. Lock: none held.
 void IofCompleteRequest(PIRP pIrp, CCHAR)
 {
+    SCHEDULE_POINT();
     HostIrp* pHost = HostLiveIrp(pIrp, "IoCompleteRequest");
     CheckCompletion(pIrp, pHost, HostSelf());
     while (pIrp->CurrentLocation <= pIrp->StackCount) {

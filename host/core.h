@@ -18,6 +18,8 @@
 
 #include <host.h>
 
+#include "fiber.h"
+
 using HostLock = std::unique_lock<std::mutex>;
 using HostText = std::u16string;
 
@@ -25,7 +27,8 @@ using HostText = std::u16string;
 [[noreturn]] void HostBug(const char* pCode, const char* pFormat, ...) __attribute__((format(printf, 2, 3)));
 void HostLeak(unsigned& uCount, const char* pFormat, ...) __attribute__((format(printf, 2, 3)));
 bool HostShouldFail(const char* pKind); // asked by every fallible call
-void HostRequireIrql(const char* pRoutine, KIRQL highest);
+// A kernel service begins: its caller runs at this level or lower; with a seed, others may run first.
+void HostEnter(const char* pRoutine, KIRQL highest);
 
 // --- objects: a counted body behind a header (object.cpp)
 enum HostKind { HostKindEvent, HostKindThread, HostKindFile, HostKindDevice, HostKindKey, HostKindDiskFile };
@@ -50,7 +53,7 @@ void* HostFromHandle(HANDLE h, HostKind kind, NTSTATUS* pStatus); // borrowed
 const char* HostKindName(HostKind kind);
 unsigned HostAuditObjects(PDRIVER_OBJECT pDriver);
 
-// --- threads and the scheduler (sched.cpp)
+// --- threads (thread.cpp) and the scheduler (sched.cpp)
 struct HostOsThread {
     pthread_t Os;
     bool bEnded;
@@ -63,7 +66,9 @@ struct _KTHREAD {
     std::condition_variable Wake;
     HostOsThread* pOs;
     KIRQL Irql;
-    bool bMayRun; // simulated mode: holds the baton
+    HostFiber* pFiber;     // simulated mode: where it runs
+    unsigned uNumber;      // in the order of their starts
+    PKSPIN_LOCK pSpinsFor; // simulated mode: cannot run until this lock is free
     bool bWaiting;
     bool bTerminating;
     bool b32;
@@ -87,9 +92,14 @@ struct HostThreadObject : _KTHREAD {
 PKTHREAD HostSelf();
 PKTHREAD HostSpawn(const char* pName, std::function<void()> body, size_t stackBytes,
                    PDRIVER_OBJECT pDriver = nullptr); // referenced for the caller
-void HostBlock(HostLock& lock, PKTHREAD pSelf);       // until bWaiting is false
-void HostWake(PKTHREAD pThread);                      // under Lock
-void HostRunDpcs();                                   // simulated mode, below DISPATCH_LEVEL
+void HostSeedSchedule(ULONGLONG ullSeed);
+void HostSetSelf(PKTHREAD pThread);             // whose code runs on this thread of the system
+void HostBlock(HostLock& lock, PKTHREAD pSelf); // until bWaiting is false
+void HostWake(PKTHREAD pThread);                // under Lock
+void HostYield(HostLock& lock, PKTHREAD pSelf); // simulated mode: whoever can may run now
+void HostLeave(HostLock& lock, PKTHREAD pSelf); // simulated mode: a thread's end; does not return
+void HostArrived(HostLock& lock);               // simulated mode: first on a new thread's stack
+void HostRunDpcs();                             // simulated mode without a seed, below DISPATCH_LEVEL
 void HostStartSystemThreads();
 bool HostEndSystemThreads(); // false: a thread could not be ended
 
@@ -125,6 +135,7 @@ LONGLONG HostSystemBase();
 void HostQueueDpc(PKDPC pDpc, PVOID pArgument1, PVOID pArgument2);
 void HostRunOneDpc(HostLock& lock, PKTHREAD pSelf);
 void HostDpcThread();
+void HostWakeDpcThreads();
 void HostTimerThread();
 
 // --- work (work.cpp)
@@ -202,6 +213,13 @@ struct HostState {
     std::deque<PKTHREAD> Ready;
     std::deque<PKTHREAD> Settling;
     PKTHREAD pMain = nullptr;
+    PKTHREAD pEnded = nullptr; // simulated mode: whoever runs next lets it go
+    unsigned uThreads = 0;
+
+    bool bSeeded = false; // the seed chooses who runs next
+    ULONGLONG ullRandom = 0;
+    ULONGLONG ullDigest = 0; // of all choices so far
+    unsigned uOneIn = 1;     // of so many points, others may run first at one
 
     LONGLONG llNow = 0; // simulated clock
     LONGLONG llStart = 0;
@@ -213,7 +231,8 @@ struct HostState {
     std::map<std::pair<LONGLONG, ULONGLONG>, DueThing> Due;
     std::condition_variable TimerWake;
     LIST_ENTRY DpcQueue;
-    bool bDpcRunning = false;
+    unsigned uDpcsRunning = 0;
+    std::vector<PKTHREAD> IdleDpcThreads; // with a seed
     std::condition_variable DpcWake;
     std::condition_variable DpcIdle;
     std::vector<PKTHREAD> SystemThreads;

@@ -100,7 +100,7 @@ static PDEVICE_OBJECT NewDevice(PDRIVER_OBJECT pDriver, ULONG ulExtension, ULONG
 NTSTATUS IoCreateDevice(PDRIVER_OBJECT pDriver, ULONG ulExtension, PUNICODE_STRING pName, DEVICE_TYPE ulType,
                         ULONG ulCharacteristics, BOOLEAN bExclusive, PDEVICE_OBJECT* ppDevice)
 {
-    HostRequireIrql(__func__, APC_LEVEL);
+    HostEnter(__func__, APC_LEVEL);
     if (HostShouldFail("device")) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -129,7 +129,7 @@ NTSTATUS IoCreateDevice(PDRIVER_OBJECT pDriver, ULONG ulExtension, PUNICODE_STRI
 // IRQL <= APC. Lock: takes Lock.
 void IoDeleteDevice(PDEVICE_OBJECT pDevice)
 {
-    HostRequireIrql(__func__, APC_LEVEL);
+    HostEnter(__func__, APC_LEVEL);
     HostObjectOf(pDevice, __func__);
     {
         HostLock lock(g->Lock);
@@ -168,7 +168,7 @@ static PDEVICE_OBJECT TopOf(PDEVICE_OBJECT pDevice)
 
 PDEVICE_OBJECT IoAttachDeviceToDeviceStack(PDEVICE_OBJECT pSource, PDEVICE_OBJECT pTarget)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
     HostObjectOf(pTarget, __func__);
     if (HostShouldFail("attach")) {
         return nullptr;
@@ -187,7 +187,7 @@ PDEVICE_OBJECT IoAttachDeviceToDeviceStack(PDEVICE_OBJECT pSource, PDEVICE_OBJEC
 
 void IoDetachDevice(PDEVICE_OBJECT pTarget)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
     HostObjectOf(pTarget, __func__);
     {
         HostLock lock(g->Lock);
@@ -209,7 +209,7 @@ PDEVICE_OBJECT IoGetAttachedDevice(PDEVICE_OBJECT pDevice)
 
 PDEVICE_OBJECT IoGetAttachedDeviceReference(PDEVICE_OBJECT pDevice)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
     HostObjectOf(pDevice, __func__);
     PDEVICE_OBJECT pTop;
     {
@@ -224,7 +224,7 @@ PDEVICE_OBJECT IoGetAttachedDeviceReference(PDEVICE_OBJECT pDevice)
 
 NTSTATUS IoCreateSymbolicLink(PUNICODE_STRING pLink, PUNICODE_STRING pDevice)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     if (HostShouldFail("link")) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -239,7 +239,7 @@ NTSTATUS IoCreateSymbolicLink(PUNICODE_STRING pLink, PUNICODE_STRING pDevice)
 
 NTSTATUS IoDeleteSymbolicLink(PUNICODE_STRING pLink)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     HostLock lock(g->Lock);
     auto it = g->Names.find(HostCanonicalName(HostTextOf(pLink)));
     if (it == g->Names.end() || it->second.pDevice != nullptr) {

@@ -1,7 +1,8 @@
 // dpc.cpp - deferred procedure calls.
 //
 // Simulated: the queue is emptied on the running thread as soon as its level is below DISPATCH_LEVEL.
-// Threaded: a thread of its own runs them at DISPATCH_LEVEL, one after the other.
+// Threaded: a thread of its own runs them at DISPATCH_LEVEL, one after the other. With a seed: two threads,
+// so that two calls, even of the same DPC, may run at once, as they may on two processors.
 #include "core.h"
 
 enum : UCHAR { DPC_TYPE = 0x13 };
@@ -19,6 +20,17 @@ void KeInitializeDpc(PRKDPC pDpc, PKDEFERRED_ROUTINE pRoutine, PVOID pContext)
     pDpc->DpcData = HostSelf()->pDriver; // whose code it is
 }
 
+// Somebody has work for the threads that run the calls.
+// Lock: held.
+void HostWakeDpcThreads()
+{
+    g->DpcWake.notify_all();
+    for (PKTHREAD pThread : g->IdleDpcThreads) {
+        HostWake(pThread);
+    }
+    g->IdleDpcThreads.clear();
+}
+
 // Appends the call; one that is queued already stays where it is.
 // Lock: held.
 void HostQueueDpc(PKDPC pDpc, PVOID pArgument1, PVOID pArgument2)
@@ -32,7 +44,7 @@ void HostQueueDpc(PKDPC pDpc, PVOID pArgument1, PVOID pArgument2)
     pDpc->SystemArgument1 = pArgument1;
     pDpc->SystemArgument2 = pArgument2;
     InsertTailList(&g->DpcQueue, &pDpc->DpcListEntry);
-    g->DpcWake.notify_all();
+    HostWakeDpcThreads();
 }
 
 // Takes the first call from the queue and makes it at DISPATCH_LEVEL on this thread.
@@ -46,7 +58,7 @@ void HostRunOneDpc(HostLock& lock, PKTHREAD pSelf)
     PVOID pArgument1 = pDpc->SystemArgument1;
     PVOID pArgument2 = pDpc->SystemArgument2;
     PDRIVER_OBJECT pDriver = static_cast<PDRIVER_OBJECT>(pDpc->DpcData);
-    g->bDpcRunning = true;
+    g->uDpcsRunning++;
     lock.unlock();
     KIRQL before = KfRaiseIrql(DISPATCH_LEVEL);
     {
@@ -57,8 +69,9 @@ void HostRunOneDpc(HostLock& lock, PKTHREAD pSelf)
     if (!g->bThreaded && before < DISPATCH_LEVEL) {
         HostGuardPaged(false);
     }
+    SCHEDULE_POINT();
     lock.lock();
-    g->bDpcRunning = false;
+    g->uDpcsRunning--;
     g->DpcIdle.notify_all();
 }
 
@@ -66,7 +79,7 @@ void HostRunDpcs()
 {
     PKTHREAD pSelf = HostSelf();
     HostLock lock(g->Lock);
-    while (!IsListEmpty(&g->DpcQueue)) {
+    while (!g->bSeeded && !IsListEmpty(&g->DpcQueue)) {
         HostRunOneDpc(lock, pSelf);
     }
 }
@@ -76,7 +89,11 @@ void HostDpcThread()
     PKTHREAD pSelf = HostSelf();
     HostLock lock(g->Lock);
     while (!g->bStopping) {
-        if (IsListEmpty(&g->DpcQueue)) {
+        if (IsListEmpty(&g->DpcQueue) && g->bSeeded) {
+            g->IdleDpcThreads.push_back(pSelf);
+            pSelf->bWaiting = true;
+            HostBlock(lock, pSelf);
+        } else if (IsListEmpty(&g->DpcQueue)) {
             g->DpcWake.wait(lock);
         } else {
             HostRunOneDpc(lock, pSelf);
@@ -86,6 +103,7 @@ void HostDpcThread()
 
 BOOLEAN KeInsertQueueDpc(PRKDPC pDpc, PVOID pArgument1, PVOID pArgument2)
 {
+    SCHEDULE_POINT();
     bool bQueued;
     {
         HostLock lock(g->Lock);
@@ -100,6 +118,7 @@ BOOLEAN KeInsertQueueDpc(PRKDPC pDpc, PVOID pArgument1, PVOID pArgument2)
 
 BOOLEAN KeRemoveQueueDpc(PRKDPC pDpc)
 {
+    SCHEDULE_POINT();
     HostLock lock(g->Lock);
     if (pDpc->DpcListEntry.Flink == nullptr) {
         return FALSE;
@@ -109,12 +128,16 @@ BOOLEAN KeRemoveQueueDpc(PRKDPC pDpc)
     return TRUE;
 }
 
-// Returns when every call that was queued before has been made. Simulated: none can be left.
+// Returns when every call that was queued before has been made. Simulated without a seed: none can be left.
 void KeFlushQueuedDpcs()
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     HostLock lock(g->Lock);
-    while (g->bThreaded && (!IsListEmpty(&g->DpcQueue) || g->bDpcRunning)) {
-        g->DpcIdle.wait(lock);
+    while ((g->bThreaded || g->bSeeded) && (!IsListEmpty(&g->DpcQueue) || g->uDpcsRunning != 0)) {
+        if (g->bThreaded) {
+            g->DpcIdle.wait(lock);
+        } else {
+            HostYield(lock, HostSelf());
+        }
     }
 }

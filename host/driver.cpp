@@ -37,6 +37,7 @@ void HostStart(const HostOptions& options)
     g->Options = options;
     g->bThreaded = options.Mode == HostThreaded;
     InitializeListHead(&g->DpcQueue);
+    HostSeedSchedule(g->bThreaded ? 0 : options.Seed);
     g->llStart = HostNow();
     g->pMain = HostSelf();
     HostParseRegistry(options.RegistryText);
@@ -73,7 +74,7 @@ unsigned HostStop()
     if (HostSelf() != g->pMain) {
         HostBug("HOST_STOPPED_BY_OTHER", "HostStop from another thread than HostStart");
     }
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     HostSettle();
     unsigned uLeaks = 0;
     for (HostDriver* pDriver : g->Drivers) {
@@ -106,7 +107,7 @@ unsigned HostStop()
 
 NTSTATUS HostLoadDriver(PDRIVER_INITIALIZE pEntry, const WCHAR* pServiceName, PDRIVER_OBJECT* ppDriver)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     HostDriver* pHost = new HostDriver();
     g->Drivers.push_back(pHost);
     pHost->ServiceName = HostTextOf(pServiceName);
@@ -148,7 +149,7 @@ NTSTATUS HostLoadDriver(PDRIVER_INITIALIZE pEntry, const WCHAR* pServiceName, PD
 
 unsigned HostUnloadDriver(PDRIVER_OBJECT pDriver)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     HostDriver* pHost = CONTAINING_RECORD(pDriver, HostDriver, Object);
     unsigned uLeaks = 0;
     HostSettle();
@@ -165,7 +166,7 @@ unsigned HostUnloadDriver(PDRIVER_OBJECT pDriver)
 
 NTSTATUS HostAddDevice(PDRIVER_OBJECT pDriver, PDEVICE_OBJECT pPhysical)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     NTSTATUS status;
     {
         HostDriverScope scope(pDriver, "AddDevice");

@@ -127,7 +127,7 @@ NTSTATUS ZwCreateFile(PHANDLE pHandle, ACCESS_MASK access, POBJECT_ATTRIBUTES pA
                       PIO_STATUS_BLOCK pStatus, PLARGE_INTEGER, ULONG, ULONG, ULONG ulDisposition, ULONG,
                       PVOID, ULONG)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     if (HostShouldFail("file")) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -164,7 +164,7 @@ NTSTATUS ZwCreateFile(PHANDLE pHandle, ACCESS_MASK access, POBJECT_ATTRIBUTES pA
 
 static FileBody* Begin(HANDLE h, const char* pCall, const char* pKind, NTSTATUS* pStatus)
 {
-    HostRequireIrql(pCall, PASSIVE_LEVEL);
+    HostEnter(pCall, PASSIVE_LEVEL);
     if (HostShouldFail(pKind)) {
         *pStatus = STATUS_INSUFFICIENT_RESOURCES;
         return nullptr;
@@ -317,7 +317,7 @@ NTSTATUS ZwSetInformationFile(HANDLE h, PIO_STATUS_BLOCK pStatus, PVOID pBuffer,
 
 NTSTATUS ZwDeleteFile(POBJECT_ATTRIBUTES pAttributes)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     if (HostShouldFail("file")) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }

@@ -64,7 +64,7 @@ void HostDeleteIrp(HostIrp* pHost)
 
 PIRP IoAllocateIrp(CCHAR stackSize, BOOLEAN)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
     if (HostShouldFail("irp")) {
         return nullptr;
     }
@@ -87,7 +87,7 @@ static void CheckIdle(PIRP pIrp, const char* pCall)
 
 void IoFreeIrp(PIRP pIrp)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
     HostIrp* pHost = HostLiveIrp(pIrp, __func__);
     if (pHost == nullptr || pHost->bSystem) {
         HostBug("IRP_FREED_BY_OTHER", "IoFreeIrp of a request that IoAllocateIrp did not give");
@@ -120,6 +120,7 @@ BOOLEAN IoIs32bitProcess(PIRP pIrp)
 
 PDRIVER_CANCEL IoSetCancelRoutine(PIRP pIrp, PDRIVER_CANCEL pRoutine)
 {
+    SCHEDULE_POINT();
     return __atomic_exchange_n(&pIrp->CancelRoutine, pRoutine, __ATOMIC_SEQ_CST);
 }
 
@@ -127,7 +128,7 @@ PDRIVER_CANCEL IoSetCancelRoutine(PIRP pIrp, PDRIVER_CANCEL pRoutine)
 // IRQL <= DISPATCH. Lock: takes the cancel lock.
 BOOLEAN IoCancelIrp(PIRP pIrp)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
     HostLiveIrp(pIrp, __func__);
     KIRQL irql;
     IoAcquireCancelSpinLock(&irql);

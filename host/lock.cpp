@@ -1,8 +1,8 @@
 // lock.cpp - the interrupt level of a thread, and spin locks.
 //
 // A spin lock's word holds its owner. A thread holds at most one lock taken with RaiseToDpc, and under it
-// at most one leaf taken with AtDpcLevel; nothing may be taken under a leaf. In simulated mode threads
-// never change while a lock is held, so a lock that is found taken can never be released.
+// at most one leaf taken with AtDpcLevel; nothing may be taken under a leaf. In simulated mode without
+// a seed threads never change while a lock is held, so a lock that is found taken can never be released.
 #include "core.h"
 
 #include <sched.h>
@@ -51,6 +51,7 @@ void KeLowerIrql(KIRQL irql)
     if (irql < DISPATCH_LEVEL && !g->bThreaded && !IsListEmpty(&g->DpcQueue)) {
         HostRunDpcs();
     }
+    SCHEDULE_POINT();
 }
 
 void KeInitializeSpinLock(PKSPIN_LOCK pLock)
@@ -66,20 +67,27 @@ static void Take(PKTHREAD pSelf, PKSPIN_LOCK pLock, const char* pCall)
     }
     KSPIN_LOCK expected = 0;
     while (!__atomic_compare_exchange_n(pLock, &expected, self, true, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
-        if (expected != 0 && !g->bThreaded) {
+        if (g->bSeeded) {
+            HostLock lock(g->Lock);
+            pSelf->pSpinsFor = pLock;
+            HostYield(lock, pSelf);
+            pSelf->pSpinsFor = nullptr;
+        } else if (expected != 0 && !g->bThreaded) {
             HostBug("SPIN_LOCK_ALREADY_OWNED",
                     "%s: the lock is held by a thread that cannot run, or was never "
                     "initialised",
                     pCall);
+        } else {
+            sched_yield();
         }
         expected = 0;
-        sched_yield();
     }
     pSelf->Held[pSelf->uHeld++] = pLock;
 }
 
 static void Give(PKTHREAD pSelf, PKSPIN_LOCK pLock, const char* pCall)
 {
+    SCHEDULE_POINT();
     if (pSelf->uHeld == 0 || pSelf->Held[pSelf->uHeld - 1] != pLock) {
         HostBug("SPIN_LOCK_NOT_OWNED", "%s: the thread does not hold this lock, or took another after it",
                 pCall);
@@ -90,6 +98,7 @@ static void Give(PKTHREAD pSelf, PKSPIN_LOCK pLock, const char* pCall)
 
 KIRQL KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK pLock)
 {
+    SCHEDULE_POINT();
     PKTHREAD pSelf = HostSelf();
     KIRQL before = pSelf->Irql;
     if (before > DISPATCH_LEVEL) {
@@ -113,6 +122,7 @@ void KeReleaseSpinLock(PKSPIN_LOCK pLock, KIRQL irql)
 
 void KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK pLock)
 {
+    SCHEDULE_POINT();
     PKTHREAD pSelf = HostSelf();
     if (pSelf->Irql < DISPATCH_LEVEL) {
         HostBug("IRQL_NOT_GREATER_OR_EQUAL", "%s called at IRQL %u", __func__, pSelf->Irql);
@@ -130,6 +140,7 @@ void KeReleaseSpinLockFromDpcLevel(PKSPIN_LOCK pLock)
     PKTHREAD pSelf = HostSelf();
     Give(pSelf, pLock, __func__);
     pSelf->bLeafHeld = false;
+    SCHEDULE_POINT();
 }
 
 void IoAcquireCancelSpinLock(PKIRQL pIrql)

@@ -89,7 +89,7 @@ static void Book(void* pBody, long lChange)
 
 LONG_PTR ObfReferenceObject(PVOID pBody)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
     HostReference(pBody);
     Book(pBody, 1);
     return __atomic_load_n(&HostObjectOf(pBody, __func__)->lReferences, __ATOMIC_RELAXED);
@@ -97,7 +97,7 @@ LONG_PTR ObfReferenceObject(PVOID pBody)
 
 LONG_PTR ObfDereferenceObject(PVOID pBody)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
     Book(pBody, -1);
     return HostDereference(pBody);
 }
@@ -131,7 +131,7 @@ void* HostFromHandle(HANDLE h, HostKind kind, NTSTATUS* pStatus)
 NTSTATUS ObReferenceObjectByHandle(HANDLE h, ACCESS_MASK, POBJECT_TYPE pType, KPROCESSOR_MODE mode,
                                    PVOID* ppBody, POBJECT_HANDLE_INFORMATION pInformation)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     *ppBody = nullptr;
     if (HostShouldFail("handle")) {
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -158,7 +158,7 @@ NTSTATUS ObReferenceObjectByHandle(HANDLE h, ACCESS_MASK, POBJECT_TYPE pType, KP
 
 NTSTATUS ZwClose(HANDLE h)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     void* pBody;
     {
         HostLock lock(g->Lock);

@@ -133,7 +133,7 @@ static HostText InstanceOf(PDEVICE_OBJECT pDevice)
 NTSTATUS IoRegisterDeviceInterface(PDEVICE_OBJECT pDevice, const GUID* pClass, PUNICODE_STRING pReference,
                                    PUNICODE_STRING pLink)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     HostObjectOf(pDevice, __func__);
     if (HostShouldFail("interface")) {
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -163,7 +163,7 @@ NTSTATUS IoRegisterDeviceInterface(PDEVICE_OBJECT pDevice, const GUID* pClass, P
 
 NTSTATUS IoSetDeviceInterfaceState(PUNICODE_STRING pLink, BOOLEAN bEnable)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     if (bEnable && HostShouldFail("interface")) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -189,7 +189,7 @@ NTSTATUS IoSetDeviceInterfaceState(PUNICODE_STRING pLink, BOOLEAN bEnable)
 
 NTSTATUS IoGetDeviceInterfaces(const GUID* pClass, PDEVICE_OBJECT pDevice, ULONG ulFlags, PWSTR* ppList)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     HostText list;
     {
         HostLock lock(g->Lock);
@@ -210,7 +210,7 @@ NTSTATUS IoRegisterPlugPlayNotification(IO_NOTIFICATION_EVENT_CATEGORY category,
                                         PDRIVER_NOTIFICATION_CALLBACK_ROUTINE pRoutine, PVOID pContext,
                                         PVOID* ppEntry)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     if (HostShouldFail("notification")) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -243,7 +243,7 @@ NTSTATUS IoRegisterPlugPlayNotification(IO_NOTIFICATION_EVENT_CATEGORY category,
 // After the return the callback does not run and will not run again.
 NTSTATUS IoUnregisterPlugPlayNotification(PVOID pEntry)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     std::shared_ptr<Notification> pNotification;
     {
         HostLock lock(g->Lock);
@@ -302,7 +302,7 @@ void HostSetDeviceProperty(PDEVICE_OBJECT pDevice, DEVICE_REGISTRY_PROPERTY prop
 NTSTATUS IoGetDeviceProperty(PDEVICE_OBJECT pDevice, DEVICE_REGISTRY_PROPERTY property, ULONG ulLength,
                              PVOID pBuffer, PULONG pulResult)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     HostObjectOf(pDevice, __func__);
     *pulResult = 0;
     if (HostShouldFail("property")) {

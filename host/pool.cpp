@@ -251,7 +251,7 @@ void HostDropMemory(bool bFree)
 
 static PVOID AllocatePool(POOL_TYPE type, SIZE_T bytes, ULONG ulTag, const char* pCall)
 {
-    HostRequireIrql(pCall, type == PagedPool ? APC_LEVEL : DISPATCH_LEVEL);
+    HostEnter(pCall, type == PagedPool ? APC_LEVEL : DISPATCH_LEVEL);
     if (bytes == 0) {
         HostBug("BAD_POOL_CALLER", "%s of no bytes", pCall);
     }
@@ -283,12 +283,12 @@ PVOID ExAllocatePoolWithTag(POOL_TYPE type, SIZE_T bytes, ULONG ulTag)
 
 void ExFreePool(PVOID p)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
     if (p == nullptr) {
         HostBug("BAD_POOL_CALLER", "ExFreePool of a null pointer");
     }
     if (CheckBlock(p, HostPoolKind)->bPaged) {
-        HostRequireIrql("ExFreePool of paged memory", APC_LEVEL);
+        HostEnter("ExFreePool of paged memory", APC_LEVEL);
     }
     HostRelease(p, HostPoolKind);
 }
@@ -307,7 +307,7 @@ void ExFreePoolWithTag(PVOID p, ULONG ulTag)
 
 PMDL IoAllocateMdl(PVOID pAddress, ULONG ulLength, BOOLEAN, BOOLEAN, PIRP pIrp)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
     if (HostShouldFail("mdl")) {
         return nullptr;
     }
@@ -326,20 +326,20 @@ PMDL IoAllocateMdl(PVOID pAddress, ULONG ulLength, BOOLEAN, BOOLEAN, PIRP pIrp)
 
 void IoFreeMdl(PMDL pMdl)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
     HostRelease(pMdl, MdlKind);
 }
 
 void MmBuildMdlForNonPagedPool(PMDL pMdl)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
     pMdl->MappedSystemVa = MmGetMdlVirtualAddress(pMdl);
     pMdl->MdlFlags |= MDL_SOURCE_IS_NONPAGED_POOL;
 }
 
 PVOID MmMapLockedPagesSpecifyCache(PMDL pMdl, KPROCESSOR_MODE mode, MEMORY_CACHING_TYPE, PVOID, ULONG, ULONG)
 {
-    HostRequireIrql(__func__, mode == KernelMode ? DISPATCH_LEVEL : APC_LEVEL);
+    HostEnter(__func__, mode == KernelMode ? DISPATCH_LEVEL : APC_LEVEL);
     if (!(pMdl->MdlFlags & (MDL_PAGES_LOCKED | MDL_SOURCE_IS_NONPAGED_POOL))) {
         HostBug("MDL_NOT_LOCKED", "MmMapLockedPagesSpecifyCache of an MDL whose pages are not locked");
     }
@@ -353,6 +353,6 @@ PVOID MmMapLockedPagesSpecifyCache(PMDL pMdl, KPROCESSOR_MODE mode, MEMORY_CACHI
 
 void MmUnmapLockedPages(PVOID, PMDL pMdl)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
     pMdl->MdlFlags &= ~MDL_MAPPED_TO_SYSTEM_VA;
 }

@@ -69,7 +69,7 @@ static NTSTATUS OpenKey(PHANDLE pHandle, POBJECT_ATTRIBUTES pAttributes, bool bC
 NTSTATUS ZwCreateKey(PHANDLE pHandle, ACCESS_MASK, POBJECT_ATTRIBUTES pAttributes, ULONG, PUNICODE_STRING,
                      ULONG, PULONG pulDisposition)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     bool bCreated = false;
     NTSTATUS status = OpenKey(pHandle, pAttributes, true, &bCreated);
     if (NT_SUCCESS(status) && pulDisposition != nullptr) {
@@ -80,7 +80,7 @@ NTSTATUS ZwCreateKey(PHANDLE pHandle, ACCESS_MASK, POBJECT_ATTRIBUTES pAttribute
 
 NTSTATUS ZwOpenKey(PHANDLE pHandle, ACCESS_MASK, POBJECT_ATTRIBUTES pAttributes)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     return OpenKey(pHandle, pAttributes, false, nullptr);
 }
 
@@ -93,7 +93,7 @@ static HostKey* KeyOf(HANDLE h, NTSTATUS* pStatus)
 NTSTATUS ZwQueryValueKey(HANDLE h, PUNICODE_STRING pName, KEY_VALUE_INFORMATION_CLASS infoClass,
                          PVOID pBuffer, ULONG ulLength, PULONG pulResult)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     if (HostShouldFail("value")) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -127,7 +127,7 @@ NTSTATUS ZwQueryValueKey(HANDLE h, PUNICODE_STRING pName, KEY_VALUE_INFORMATION_
 
 NTSTATUS ZwSetValueKey(HANDLE h, PUNICODE_STRING pName, ULONG, ULONG ulType, PVOID pData, ULONG ulSize)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     if (HostShouldFail("value")) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -145,7 +145,7 @@ NTSTATUS ZwSetValueKey(HANDLE h, PUNICODE_STRING pName, ULONG, ULONG ulType, PVO
 
 NTSTATUS ZwDeleteValueKey(HANDLE h, PUNICODE_STRING pName)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     NTSTATUS status;
     HostKey* pKey = KeyOf(h, &status);
     if (pKey == nullptr) {

@@ -127,7 +127,7 @@ static NTSTATUS QueryOne(const HostKey* pKey, const RTL_QUERY_REGISTRY_TABLE* pE
 NTSTATUS RtlQueryRegistryValues(ULONG ulRelativeTo, PCWSTR pPath, PRTL_QUERY_REGISTRY_TABLE pTable,
                                 PVOID pContext, PVOID)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     if (HostShouldFail("value")) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }

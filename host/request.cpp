@@ -5,7 +5,7 @@ PIRP IoBuildDeviceIoControlRequest(ULONG ulCode, PDEVICE_OBJECT pDevice, PVOID p
                                    PVOID pOutput, ULONG ulOutput, BOOLEAN bInternal, PKEVENT pEvent,
                                    PIO_STATUS_BLOCK pStatus)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     HostObjectOf(pDevice, __func__);
     if (HostShouldFail("irp")) {
         return nullptr;

@@ -1,67 +1,20 @@
-// sched.cpp - threads, and in simulated mode the baton that lets exactly one of them run.
+// sched.cpp - in simulated mode: which thread runs.
 //
 //   ready queue   threads whose wait has ended, in the order in which it ended
 //   settling      threads that let all others run first (HostSettle)
 //   clock         moves when both are empty: to the next timer or timed wait
 //
-// A thread that waits hands the baton on itself; when nobody is ready it plays the idle loop: it moves the
+// A thread that waits hands on to the next; when nobody is ready it plays the idle loop: it moves the
 // clock and runs the DPCs of the timers that expire, until somebody, maybe itself, is ready. With nothing
 // due either, or only timers that ended no wait for a whole day, the run stops and says who waits for what.
+//
+// With a seed, chance takes the place of the queue's order. At every kernel call and shared access others
+// may run first, at any level: that is what several processors look like. A thread at DISPATCH_LEVEL keeps
+// its processor; when all are taken, only such threads go on. DPCs run on two threads of their own, and now and then the clock moves to the next timer although somebody could run.
 #include "core.h"
 
-#include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <unistd.h>
-
-static thread_local PKTHREAD tSelf;
-static thread_local ULONGLONG tGeneration;
-
-static void InitThread(PKTHREAD pThread, const char* pName)
-{
-    new (pThread) HostThreadObject();
-    HostInitHeader(&pThread->Header, 6, sizeof(DISPATCHER_HEADER), 0);
-    pThread->Name = pName;
-}
-
-static void DestroyThread(void* pBody)
-{
-    static_cast<HostThreadObject*>(pBody)->~HostThreadObject();
-}
-
-static PKTHREAD NewThread(const char* pName)
-{
-    PKTHREAD pThread =
-        static_cast<PKTHREAD>(HostNewObject(HostKindThread, sizeof(HostThreadObject), DestroyThread));
-    InitThread(pThread, pName);
-    return pThread;
-}
-
-// A thread that the host did not start: the one that started the host, or, when threads run freely, any.
-static PKTHREAD Adopt()
-{
-    if (g == nullptr) {
-        HostBug("HOST_NOT_STARTED", "a kernel service was called without HostStart");
-    }
-    if (!g->bThreaded && g->pMain != nullptr) {
-        HostBug("FOREIGN_THREAD", "simulated mode knows only threads that HostStartThread started");
-    }
-    PKTHREAD pThread = NewThread(g->pMain == nullptr ? "main" : "adopted");
-    tSelf = pThread;
-    tGeneration = g->ullGeneration;
-    HostLock lock(g->Lock);
-    g->Threads.push_back(pThread);
-    g->Adopted.push_back(pThread);
-    return pThread;
-}
-
-PKTHREAD HostSelf()
-{
-    if (__builtin_expect(tSelf != nullptr && g != nullptr && tGeneration == g->ullGeneration, 1)) {
-        return tSelf;
-    }
-    return Adopt();
-}
 
 // Ends the wait of a thread; it runs when its turn comes.
 // Lock: held.
@@ -86,7 +39,34 @@ void HostWake(PKTHREAD pThread)
     HostBug("WAIT_NEVER_ENDS", "nothing that can still happen ends a wait%s", who.c_str());
 }
 
-enum : LONGLONG { IDLE_DAY = 864000000000 };
+enum : LONGLONG { IDLE_DAY = 864000000000, NEAR_BY = 200000 }; // a day, 20 ms
+enum : unsigned { PROCESSORS = 3, CLOCK_ONE_IN = 16 };
+
+bool HostSeeded;
+
+// A small generator of our own: the same numbers everywhere.
+static unsigned Chance(unsigned uOneIn)
+{
+    g->ullRandom += 0x9e3779b97f4a7c15;
+    ULONGLONG ull = g->ullRandom;
+    ull = (ull ^ (ull >> 30)) * 0xbf58476d1ce4e5b9;
+    ull = (ull ^ (ull >> 27)) * 0x94d049bb133111eb;
+    return static_cast<unsigned>((ull ^ (ull >> 31)) % uOneIn);
+}
+
+// Before the first thread starts.
+void HostSeedSchedule(ULONGLONG ullSeed)
+{
+    static const unsigned ONE_IN[] = {1, 2, 3, 4, 8, 16, 32, 64};
+    HostSeeded = g->bSeeded = ullSeed != 0;
+    g->ullRandom = ullSeed * 0x2545f4914f6cdd1d;
+    g->uOneIn = ONE_IN[Chance(sizeof(ONE_IN) / sizeof(ONE_IN[0]))];
+}
+
+unsigned long long HostScheduleDigest()
+{
+    return g->ullDigest;
+}
 
 static bool IsTimedWaitDue()
 {
@@ -98,16 +78,53 @@ static bool IsTimedWaitDue()
     return false;
 }
 
+// A thread from the ready queue that can go on: its lock is free, and there is a processor for it.
+// Lock: held.
+static PKTHREAD ChooseReady()
+{
+    unsigned uHigh = 0;
+    for (PKTHREAD pThread : g->Ready) {
+        uHigh += pThread->Irql >= DISPATCH_LEVEL;
+    }
+    size_t able[64];
+    unsigned uAble = 0;
+    for (size_t i = 0; i < g->Ready.size() && uAble < 64; i++) {
+        PKTHREAD pThread = g->Ready[i];
+        bool bLockFree = pThread->pSpinsFor == nullptr || *pThread->pSpinsFor == 0;
+        if (bLockFree && (pThread->Irql >= DISPATCH_LEVEL || uHigh < PROCESSORS)) {
+            able[uAble++] = i;
+        }
+    }
+    if (uAble == 0) {
+        HostBug("SPIN_LOCK_DEADLOCK", "every thread that could run spins for a lock");
+    }
+    size_t chosen = able[Chance(uAble)];
+    PKTHREAD pNext = g->Ready[chosen];
+    g->Ready.erase(g->Ready.begin() + static_cast<long>(chosen));
+    return pNext;
+}
+
+static PKTHREAD TakeNext()
+{
+    std::deque<PKTHREAD>& queue = g->Ready.empty() ? g->Settling : g->Ready;
+    PKTHREAD pNext;
+    if (g->bSeeded && !g->Ready.empty()) {
+        pNext = ChooseReady();
+    } else {
+        pNext = queue.front();
+        queue.pop_front();
+    }
+    g->ullDigest = (g->ullDigest ^ pNext->uNumber) * 0x100000001b3;
+    return pNext;
+}
+
 // The next thread that may run; runs the idle loop on the calling thread until there is one.
 static PKTHREAD PickNext(HostLock& lock, PKTHREAD pSelf)
 {
     const LONGLONG llBegin = g->llNow;
     for (;;) {
-        std::deque<PKTHREAD>& queue = g->Ready.empty() ? g->Settling : g->Ready;
-        if (!queue.empty()) {
-            PKTHREAD pNext = queue.front();
-            queue.pop_front();
-            return pNext;
+        if (!g->Ready.empty() || !g->Settling.empty()) {
+            return TakeNext();
         }
         if (g->Due.empty() || (g->llNow - llBegin > IDLE_DAY && !IsTimedWaitDue())) {
             StopForDeadlock();
@@ -116,22 +133,71 @@ static PKTHREAD PickNext(HostLock& lock, PKTHREAD pSelf)
             g->llNow = g->Due.begin()->first.first;
         }
         HostExpire(g->llNow);
-        while (!IsListEmpty(&g->DpcQueue)) {
+        while (!g->bSeeded && !IsListEmpty(&g->DpcQueue)) {
             HostRunOneDpc(lock, pSelf);
         }
     }
 }
 
-static void PassBaton(HostLock& lock, PKTHREAD pSelf, PKTHREAD pNext)
+// Lets go of a thread that has ended: it could not while its own stack was in use.
+void HostArrived(HostLock& lock)
 {
-    if (pNext == pSelf) {
+    PKTHREAD pEnded = g->pEnded;
+    if (pEnded != nullptr) {
+        g->pEnded = nullptr;
+        lock.unlock();
+        HostDeleteFiber(pEnded->pFiber);
+        pEnded->pFiber = nullptr;
+        HostDereference(pEnded);
+        lock.lock();
+    }
+}
+
+static void Switch(HostLock& lock, PKTHREAD pSelf, PKTHREAD pNext, bool bEnds)
+{
+    bool bHigh = pNext->Irql >= DISPATCH_LEVEL;
+    if (bHigh != (pSelf->Irql >= DISPATCH_LEVEL)) {
+        HostGuardPaged(bHigh);
+    }
+    HostSetSelf(pNext);
+    lock.unlock();
+    HostSwitchFiber(pSelf->pFiber, pNext->pFiber, bEnds);
+    lock.lock();
+    HostArrived(lock);
+}
+
+void HostLeave(HostLock& lock, PKTHREAD pSelf)
+{
+    PKTHREAD pNext = PickNext(lock, pSelf);
+    g->pEnded = pSelf;
+    Switch(lock, pSelf, pNext, true);
+}
+
+void HostYield(HostLock& lock, PKTHREAD pSelf)
+{
+    g->Ready.push_back(pSelf);
+    PKTHREAD pNext = PickNext(lock, pSelf);
+    if (pNext != pSelf) {
+        Switch(lock, pSelf, pNext, false);
+    }
+}
+
+// With a seed: the place where others may run first.
+// IRQL: any. Lock: takes Lock.
+void HostPreempt()
+{
+    PKTHREAD pSelf = HostSelf();
+    if (Chance(g->uOneIn) != 0) {
         return;
     }
-    pSelf->bMayRun = false;
-    pNext->bMayRun = true;
-    pNext->Wake.notify_all();
-    while (!pSelf->bMayRun) {
-        pSelf->Wake.wait(lock);
+    HostLock lock(g->Lock);
+    if (Chance(CLOCK_ONE_IN) == 0 && !g->Due.empty() && g->Due.begin()->first.first <= g->llNow + NEAR_BY) {
+        LONGLONG llDue = g->Due.begin()->first.first;
+        g->llNow = llDue > g->llNow ? llDue : g->llNow;
+        HostExpire(g->llNow);
+    }
+    if (!g->Ready.empty()) {
+        HostYield(lock, pSelf);
     }
 }
 
@@ -140,7 +206,10 @@ static void PassBaton(HostLock& lock, PKTHREAD pSelf, PKTHREAD pNext)
 void HostBlock(HostLock& lock, PKTHREAD pSelf)
 {
     if (!g->bThreaded) {
-        PassBaton(lock, pSelf, PickNext(lock, pSelf));
+        PKTHREAD pNext = PickNext(lock, pSelf);
+        if (pNext != pSelf) {
+            Switch(lock, pSelf, pNext, false);
+        }
         return;
     }
     while (pSelf->bWaiting) {
@@ -160,7 +229,8 @@ void HostBlock(HostLock& lock, PKTHREAD pSelf)
 
 static void Quiet(HostLock& lock)
 {
-    while (!IsListEmpty(&g->DpcQueue) || g->bDpcRunning || !g->WorkQueue.empty() || g->uBusyWorkers != 0) {
+    while (!IsListEmpty(&g->DpcQueue) || g->uDpcsRunning != 0 || !g->WorkQueue.empty() ||
+           g->uBusyWorkers != 0) {
         lock.unlock();
         usleep(200);
         lock.lock();
@@ -169,7 +239,7 @@ static void Quiet(HostLock& lock)
 
 void HostSettle()
 {
-    HostRequireIrql("HostSettle", PASSIVE_LEVEL);
+    HostEnter("HostSettle", PASSIVE_LEVEL);
     PKTHREAD pSelf = HostSelf();
     HostLock lock(g->Lock);
     if (g->bThreaded) {
@@ -178,177 +248,9 @@ void HostSettle()
     }
     while (!g->Ready.empty()) {
         g->Settling.push_back(pSelf);
-        PassBaton(lock, pSelf, PickNext(lock, pSelf));
-    }
-}
-
-static void EndThread(HostLock& lock, PKTHREAD pSelf)
-{
-    pSelf->pOs->bEnded = true;
-    pSelf->Header.SignalState = 1;
-    HostSignal(&pSelf->Header);
-    for (size_t i = 0; i < g->Threads.size(); i++) {
-        if (g->Threads[i] == pSelf) {
-            g->Threads.erase(g->Threads.begin() + static_cast<long>(i));
-            break;
-        }
-    }
-    if (!g->bThreaded) {
         PKTHREAD pNext = PickNext(lock, pSelf);
-        pNext->bMayRun = true;
-        pNext->Wake.notify_all();
-    }
-}
-
-static void* RunThread(void* pContext)
-{
-    PKTHREAD pSelf = static_cast<PKTHREAD>(pContext);
-    tSelf = pSelf;
-    tGeneration = g->ullGeneration;
-    {
-        HostLock lock(g->Lock);
-        while (!g->bThreaded && !pSelf->bMayRun) {
-            pSelf->Wake.wait(lock);
+        if (pNext != pSelf) {
+            Switch(lock, pSelf, pNext, false);
         }
     }
-    {
-        HostDriverScope scope(pSelf->pDriver, pSelf->Name.c_str());
-        try {
-            pSelf->Body();
-        } catch (const NTSTATUS&) {
-            // PsTerminateSystemThread unwinds to here.
-        }
-    }
-    pSelf->Body = nullptr;
-    {
-        HostLock lock(g->Lock);
-        EndThread(lock, pSelf);
-    }
-    HostDereference(pSelf);
-    return nullptr;
-}
-
-// Starts a thread of the host. The caller gets a reference, the running thread holds another.
-// IRQL: PASSIVE_LEVEL. Lock: takes Lock.
-PKTHREAD HostSpawn(const char* pName, std::function<void()> body, size_t stackBytes, PDRIVER_OBJECT pDriver)
-{
-    PKTHREAD pThread = NewThread(pName);
-    pThread->Body = std::move(body);
-    pThread->pDriver = pDriver;
-    HostReference(pThread);
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    if (stackBytes != 0 && pthread_attr_setstacksize(&attributes, stackBytes) != 0) {
-        HostBug("BAD_STACK_SIZE", "a stack of %zu bytes is not possible", stackBytes);
-    }
-    HostLock lock(g->Lock);
-    g->OsThreads.push_back(std::make_unique<HostOsThread>());
-    pThread->pOs = g->OsThreads.back().get();
-    int iError = pthread_create(&pThread->pOs->Os, &attributes, RunThread, pThread);
-    if (iError != 0) {
-        HostBug("NO_THREAD", "%s", strerror(iError));
-    }
-    pthread_attr_destroy(&attributes);
-    g->Threads.push_back(pThread);
-    if (!g->bThreaded) {
-        g->Ready.push_back(pThread);
-    }
-    return pThread;
-}
-
-void HostStartSystemThreads()
-{
-    if (g->bThreaded) {
-        g->SystemThreads.push_back(HostSpawn("dpc", HostDpcThread, 0));
-        g->SystemThreads.push_back(HostSpawn("timer", HostTimerThread, 0));
-    }
-}
-
-// Ends workers and system threads and joins every thread that has ended. One that still runs is let go.
-// IRQL: PASSIVE_LEVEL. Lock: takes Lock.
-bool HostEndSystemThreads()
-{
-    if (!g->bThreaded) {
-        HostSettle();
-    }
-    {
-        HostLock lock(g->Lock);
-        g->bStopping = true;
-        g->DpcWake.notify_all();
-        g->TimerWake.notify_all();
-    }
-    HostEndWorkers();
-    for (PKTHREAD pThread : g->SystemThreads) {
-        KeWaitForSingleObject(pThread, Executive, KernelMode, FALSE, nullptr);
-        HostDereference(pThread);
-    }
-    bool bAllEnded = true;
-    for (auto& os : g->OsThreads) {
-        bool bEnded;
-        {
-            HostLock lock(g->Lock);
-            bEnded = os->bEnded;
-        }
-        bEnded ? pthread_join(os->Os, nullptr) : pthread_detach(os->Os);
-        bAllEnded = bAllEnded && bEnded;
-    }
-    return bAllEnded;
-}
-
-HostThread HostStartThread(std::function<void()> body, size_t stackBytes)
-{
-    return static_cast<HostThread>(HostSpawn("application", std::move(body), stackBytes));
-}
-
-void HostJoinThread(HostThread t)
-{
-    KeWaitForSingleObject(t, Executive, KernelMode, FALSE, nullptr);
-    HostDereference(t);
-}
-
-void HostSetCaller32(bool b32)
-{
-    HostSelf()->b32 = b32;
-}
-
-PKTHREAD KeGetCurrentThread()
-{
-    return HostSelf();
-}
-
-KPROCESSOR_MODE ExGetPreviousMode()
-{
-    return KernelMode;
-}
-
-void KeEnterCriticalRegion()
-{
-    HostRequireIrql(__func__, APC_LEVEL);
-}
-
-void KeLeaveCriticalRegion()
-{
-    HostRequireIrql(__func__, APC_LEVEL);
-}
-
-NTSTATUS PsCreateSystemThread(PHANDLE pHandle, ULONG, POBJECT_ATTRIBUTES, HANDLE, PCLIENT_ID pClient,
-                              PKSTART_ROUTINE pRoutine, PVOID pContext)
-{
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
-    if (HostShouldFail("thread")) {
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    PKTHREAD pThread = HostSpawn(
-        "system thread", [=] { pRoutine(pContext); }, 0, HostSelf()->pDriver);
-    *pHandle = HostNewHandle(pThread, false);
-    if (pClient != nullptr) {
-        *pClient = {nullptr, pThread};
-    }
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS PsTerminateSystemThread(NTSTATUS status)
-{
-    HostRequireIrql(__func__, APC_LEVEL);
-    throw status;
 }

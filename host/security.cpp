@@ -25,7 +25,7 @@ void HostForgetSecurity(PDEVICE_OBJECT pDevice)
 NTSTATUS ObOpenObjectByPointer(PVOID pBody, ULONG, struct _ACCESS_STATE*, ACCESS_MASK, POBJECT_TYPE,
                                KPROCESSOR_MODE mode, PHANDLE pHandle)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     if (HostShouldFail("handle")) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -36,7 +36,7 @@ NTSTATUS ObOpenObjectByPointer(PVOID pBody, ULONG, struct _ACCESS_STATE*, ACCESS
 
 NTSTATUS ZwSetSecurityObject(HANDLE h, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR pDescriptor)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     NTSTATUS status;
     PDEVICE_OBJECT pDevice = static_cast<PDEVICE_OBJECT>(HostFromHandle(h, HostKindDevice, &status));
     if (pDevice == nullptr) {

@@ -103,7 +103,7 @@ void RtlInitUnicodeString(PUNICODE_STRING pString, PCWSTR pSource)
 // Copies what fits; a NUL follows if there is room.
 void RtlCopyUnicodeString(PUNICODE_STRING pTarget, PCUNICODE_STRING pSource)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
     USHORT usLength = pSource == nullptr ? 0 : std::min(pSource->Length, pTarget->MaximumLength);
     if (usLength != 0) {
         memmove(pTarget->Buffer, pSource->Buffer, usLength);
@@ -116,7 +116,7 @@ void RtlCopyUnicodeString(PUNICODE_STRING pTarget, PCUNICODE_STRING pSource)
 
 NTSTATUS RtlAppendUnicodeStringToString(PUNICODE_STRING pTarget, PCUNICODE_STRING pSource)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
     size_t length = size_t(pTarget->Length) + pSource->Length;
     if (length > pTarget->MaximumLength) {
         return STATUS_BUFFER_TOO_SMALL;
@@ -143,7 +143,7 @@ NTSTATUS RtlAppendUnicodeToString(PUNICODE_STRING pTarget, PCWSTR pSource)
 
 void RtlFreeUnicodeString(PUNICODE_STRING pString)
 {
-    HostRequireIrql(__func__, APC_LEVEL);
+    HostEnter(__func__, APC_LEVEL);
     if (pString->Buffer != nullptr) {
         ExFreePool(pString->Buffer);
         *pString = {0, 0, nullptr};
@@ -152,7 +152,7 @@ void RtlFreeUnicodeString(PUNICODE_STRING pString)
 
 LONG RtlCompareUnicodeString(PCUNICODE_STRING pFirst, PCUNICODE_STRING pSecond, BOOLEAN bIgnoreCase)
 {
-    HostRequireIrql(__func__, APC_LEVEL);
+    HostEnter(__func__, APC_LEVEL);
     size_t count = std::min(pFirst->Length, pSecond->Length) / sizeof(WCHAR);
     for (size_t i = 0; i < count; i++) {
         WCHAR first = bIgnoreCase ? RtlUpcaseUnicodeChar(pFirst->Buffer[i]) : pFirst->Buffer[i];
@@ -275,6 +275,6 @@ void ExSystemTimeToLocalTime(PLARGE_INTEGER pSystem, PLARGE_INTEGER pLocal)
 
 PVOID MmGetSystemRoutineAddress(PUNICODE_STRING)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     return nullptr; // optional services: none
 }

@@ -127,7 +127,7 @@ void KeInitializeTimerEx(PKTIMER pTimer, TIMER_TYPE type)
 
 static void CheckTimer(PKTIMER pTimer, const char* pCall)
 {
-    HostRequireIrql(pCall, DISPATCH_LEVEL);
+    HostEnter(pCall, DISPATCH_LEVEL);
     if (pTimer->Header.Size == 0) {
         HostBug("DISPATCHER_OBJECT_NOT_INITIALISED", "%s on a timer that was never initialised", pCall);
     }
@@ -223,7 +223,7 @@ bool HostNextTimerUs(unsigned long long* pullUs)
 // IRQL: PASSIVE_LEVEL. Lock: takes Lock.
 void HostAdvanceToUs(unsigned long long ullUs)
 {
-    HostRequireIrql(__func__, PASSIVE_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     LONGLONG llTarget = static_cast<LONGLONG>(ullUs) * 10;
     if (g->bThreaded) {
         LARGE_INTEGER delay;

@@ -19,7 +19,11 @@ void HostBug(const char* pCode, const char* pFormat, ...)
     vsnprintf(text, sizeof(text), pFormat, arguments);
     va_end(arguments);
     fflush(stdout);
-    fprintf(stderr, "HOST STOP %s: %s\n", pCode, text);
+    if (g != nullptr && g->bSeeded) {
+        fprintf(stderr, "HOST STOP %s: %s (seed %llu)\n", pCode, text, g->Options.Seed);
+    } else {
+        fprintf(stderr, "HOST STOP %s: %s\n", pCode, text);
+    }
     fflush(stderr);
     abort();
 }
@@ -64,7 +68,7 @@ unsigned HostFallibleCalls()
 
 // The caller of a kernel service runs at this level or lower.
 // IRQL: any.
-void HostRequireIrql(const char* pRoutine, KIRQL highest)
+void HostCheckIrqlAtMost(const char* pRoutine, KIRQL highest)
 {
     PKTHREAD pSelf = HostSelf();
     if (pSelf->Irql > highest) {
@@ -73,9 +77,10 @@ void HostRequireIrql(const char* pRoutine, KIRQL highest)
     }
 }
 
-void HostCheckIrqlAtMost(const char* pRoutine, KIRQL level)
+void HostEnter(const char* pRoutine, KIRQL highest)
 {
-    HostRequireIrql(pRoutine, level);
+    HostCheckIrqlAtMost(pRoutine, highest);
+    SCHEDULE_POINT();
 }
 
 void HostCheckIrqlIs(const char* pRoutine, KIRQL level)

@@ -150,7 +150,7 @@ static void CheckWaitAllowed(PKTHREAD pSelf, PLARGE_INTEGER pTimeout, const char
     if (pSelf->uHeld != 0 && !bPoll) {
         HostBug("WAIT_UNDER_SPIN_LOCK", "%s while the thread holds a spin lock", pCall);
     }
-    HostRequireIrql(pCall, bPoll ? DISPATCH_LEVEL : APC_LEVEL);
+    HostEnter(pCall, bPoll ? DISPATCH_LEVEL : APC_LEVEL);
 }
 
 // The one wait under all the others.
@@ -232,7 +232,7 @@ void KeInitializeEvent(PRKEVENT pEvent, EVENT_TYPE type, BOOLEAN bState)
 
 LONG KeSetEvent(PRKEVENT pEvent, KPRIORITY, BOOLEAN bWait)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
     DISPATCHER_HEADER* pHeader = HeaderOf(pEvent, __func__);
     if (bWait) {
         HostBug("KE_SET_EVENT_WAIT", "KeSetEvent with Wait TRUE is not used here");
@@ -246,7 +246,7 @@ LONG KeSetEvent(PRKEVENT pEvent, KPRIORITY, BOOLEAN bWait)
 
 static LONG SetState(PRKEVENT pEvent, bool bClear, const char* pCall)
 {
-    HostRequireIrql(pCall, DISPATCH_LEVEL);
+    HostEnter(pCall, DISPATCH_LEVEL);
     DISPATCHER_HEADER* pHeader = HeaderOf(pEvent, pCall);
     HostLock lock(g->Lock);
     LONG lBefore = pHeader->SignalState;
@@ -282,7 +282,7 @@ void KeInitializeMutex(PRKMUTEX pMutex, ULONG)
 
 LONG KeReleaseMutex(PRKMUTEX pMutex, BOOLEAN)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
     DISPATCHER_HEADER* pHeader = HeaderOf(pMutex, __func__);
     PKTHREAD pSelf = HostSelf();
     HostLock lock(g->Lock);

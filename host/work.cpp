@@ -81,7 +81,7 @@ void HostEndWorkers()
 
 void ExQueueWorkItem(PWORK_QUEUE_ITEM pItem, WORK_QUEUE_TYPE)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
     {
         HostLock lock(g->Lock);
         if (pItem->List.Flink != nullptr) {
@@ -109,7 +109,7 @@ static const char WorkItemKind[] = "work item";
 
 PIO_WORKITEM IoAllocateWorkItem(PDEVICE_OBJECT pDevice)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
     if (HostShouldFail("workitem")) {
         return nullptr;
     }
@@ -122,7 +122,7 @@ PIO_WORKITEM IoAllocateWorkItem(PDEVICE_OBJECT pDevice)
 // Queues the routine; the device is referenced until the routine has returned.
 void IoQueueWorkItem(PIO_WORKITEM pItem, PIO_WORKITEM_ROUTINE pRoutine, WORK_QUEUE_TYPE, PVOID pContext)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
     PDEVICE_OBJECT pDevice = pItem->pDevice;
     {
         HostLock lock(g->Lock);
@@ -146,7 +146,7 @@ void IoQueueWorkItem(PIO_WORKITEM pItem, PIO_WORKITEM_ROUTINE pRoutine, WORK_QUE
 
 void IoFreeWorkItem(PIO_WORKITEM pItem)
 {
-    HostRequireIrql(__func__, DISPATCH_LEVEL);
+    HostEnter(__func__, DISPATCH_LEVEL);
     {
         HostLock lock(g->Lock);
         if (pItem->bQueued) {

@@ -20,6 +20,7 @@
 
 #define IRQL_AT_MOST(level) ((void)0)
 #define IRQL_IS(level) ((void)0)
+#define SCHEDULE_POINT() ((void)0)
 
 // Exported by ntoskrnl.exe, declared by no kernel header of the toolchain.
 extern "C" int _vsnprintf(char* pszBuffer, size_t cchBuffer, const char* pszFormat, va_list arguments);

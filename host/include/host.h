@@ -3,9 +3,11 @@
 // HostStart brings up a system without drivers; HostLoadDriver, HostAddDevice and HostSendPnp bring a
 // driver and its devices to life; HostOpen, HostDeviceControl and the events are an application's side.
 //
-// Simulated mode: threads are real, but exactly one runs, and the clock is virtual (0 at start). Timers
+// Simulated mode: threads take turns, exactly one runs, and the clock is virtual (0 at start). Timers
 // expire only when the clock moves: HostAdvanceToUs moves it, and so does the scheduler when every
 // thread waits. The same calls give the same run, always. A wait that nothing can end stops the run.
+// With a seed, the seed chooses at every kernel call and shared access who runs next, on three processors:
+// the same seed gives the same run.
 // Threaded mode: threads run freely, the clock is real.
 //
 // A broken rule prints "HOST STOP <CODE>: <what>" on standard error and aborts.
@@ -20,8 +22,9 @@ enum HostMode { HostSimulated, HostThreaded };
 
 struct HostOptions {
     HostMode Mode = HostSimulated;
-    std::string RegistryText; // .reg text that the registry starts with
-    std::string FileRoot;     // the folder that holds C:\ and \SystemRoot; empty: no such files
+    std::string RegistryText;    // .reg text that the registry starts with
+    unsigned long long Seed = 0; // simulated mode: 0, or what chooses who runs next
+    std::string FileRoot;        // the folder that holds C:\ and \SystemRoot; empty: no such files
 };
 
 // Starts the host; the calling thread becomes its first thread.
@@ -66,6 +69,8 @@ unsigned long long HostNowUs();
 void HostAdvanceToUs(unsigned long long ullUs);
 // The time at which the next timer or timed wait is due; false if there is none.
 bool HostNextTimerUs(unsigned long long* pullUs);
+// A sum over all choices of who ran so far: equal for equal runs.
+unsigned long long HostScheduleDigest();
 // Runs everything runnable now (DPCs, work items, woken threads) without moving the clock.
 void HostSettle();
 

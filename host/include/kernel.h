@@ -2,10 +2,11 @@
 //
 // On the host this is the NT kernel interface as host/ implements it: the platform's names, records
 // and signatures, sizes as on x86-64. A driver built for Windows finds the platform's own headers
-// behind a file of the same name. Besides the platform's names there are two checks, which cost
-// nothing on Windows:
+// behind a file of the same name. Besides the platform's names there are two checks and a mark, which
+// cost nothing on Windows:
 //   IRQL_AT_MOST(level)   the caller runs at that level or lower
 //   IRQL_IS(level)        the caller runs at exactly that level
+//   SCHEDULE_POINT()      other processors may come first here; a simulated run with a seed lets them
 // A check that does not hold stops the run.
 #pragma once
 

@@ -1,26 +1,33 @@
 // shared.h - single fields that several processors read and write without a lock.
 //
 // A field marked (x) in context.h is touched through these alone (or through the Interlocked family),
-// so that the compiler neither tears nor invents an access. They order nothing else.
+// so that the compiler neither tears nor invents an access. They order nothing else. Before
+// each access other processors may come first.
 #pragma once
+
+#include <kernel.h>
 
 template <typename Field> inline Field ReadShared(const Field& field)
 {
+    SCHEDULE_POINT();
     return __atomic_load_n(&field, __ATOMIC_ACQUIRE);
 }
 
 template <typename Field, typename Value> inline void WriteShared(Field& field, Value value)
 {
+    SCHEDULE_POINT();
     __atomic_store_n(&field, static_cast<Field>(value), __ATOMIC_RELEASE);
 }
 
 template <typename Field, typename Value> inline Field ExchangeShared(Field& field, Value value)
 {
+    SCHEDULE_POINT();
     return __atomic_exchange_n(&field, static_cast<Field>(value), __ATOMIC_ACQ_REL);
 }
 
 // Takes over `desired` unless somebody changed the field since `expected` was read; then refreshes it.
 template <typename Field> inline bool CompareExchangeShared(Field& field, Field& expected, Field desired)
 {
+    SCHEDULE_POINT();
     return __atomic_compare_exchange_n(&field, &expected, desired, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
 }

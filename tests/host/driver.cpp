@@ -57,13 +57,15 @@ NTSTATUS SmallEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING)
     return NT_SUCCESS(status) && hooks.Entry ? hooks.Entry(pDriver) : status;
 }
 
-SmallSystem::SmallSystem(HostMode mode, const std::string& registry, const std::string& root)
+SmallSystem::SmallSystem(HostMode mode, const std::string& registry, const std::string& root,
+                         unsigned long long ullSeed)
 {
     hooks = {};
     HostOptions options;
     options.Mode = mode;
     options.RegistryText = registry;
     options.FileRoot = root;
+    options.Seed = ullSeed;
     HostStart(options);
     EXPECT_EQ(STATUS_SUCCESS, HostLoadDriver(SmallEntry, L"Small", &pDriver));
     pDevice = pDriver->DeviceObject;

@@ -35,7 +35,7 @@ class SmallSystem
 {
 public:
     explicit SmallSystem(HostMode mode = HostSimulated, const std::string& registry = "",
-                         const std::string& root = "");
+                         const std::string& root = "", unsigned long long ullSeed = 0);
     ~SmallSystem();
     // Unloads and stops; the number of things left behind.
     unsigned End();

@@ -66,6 +66,10 @@ static_assert(sizeof(WCHAR) == 2, "compile with -fshort-wchar");
 #define ALIGN_UP_BY(length, alignment) (((ULONG_PTR)(length) + (alignment)-1) & ~(ULONG_PTR)((alignment)-1))
 #define PAGED_CODE() IRQL_AT_MOST(APC_LEVEL)
 
+extern bool HostSeeded;
+void HostPreempt();
+#define SCHEDULE_POINT() (__builtin_expect(HostSeeded, 0) ? HostPreempt() : (void)0)
+
 #define PASSIVE_LEVEL 0
 #define APC_LEVEL 1
 #define DISPATCH_LEVEL 2

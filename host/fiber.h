@@ -1,0 +1,14 @@
+// fiber.h - threads of control that take turns on one thread of the system: simulated mode's threads.
+//
+// Each has a stack of its own with an unmapped page below it; leaving one and entering another is one call.
+// Sanitizers are told of every change. A fiber that has ended is deleted by another one.
+#pragma once
+
+#include <cstddef>
+
+struct HostFiber;
+
+HostFiber* HostCallerFiber(); // stands for the calling thread's own stack
+HostFiber* HostNewFiber(size_t stackBytes, void (*pEntry)(void*), void* pContext);
+void HostSwitchFiber(HostFiber* pFrom, HostFiber* pTo, bool bFromEnds);
+void HostDeleteFiber(HostFiber* pFiber);

@@ -1,0 +1,257 @@
+// thread.cpp - threads: their start and end, who the caller is, and the threads of the host itself.
+//
+// Simulated mode: all threads are fibers of the thread that started the host (fiber.h), and sched.cpp
+// says which one runs. Threaded mode: each is a thread of the system.
+#include "core.h"
+
+#include <cstring>
+
+static thread_local PKTHREAD tSelf;
+static thread_local ULONGLONG tGeneration;
+
+static void InitThread(PKTHREAD pThread, const char* pName)
+{
+    new (pThread) HostThreadObject();
+    HostInitHeader(&pThread->Header, 6, sizeof(DISPATCHER_HEADER), 0);
+    pThread->Name = pName;
+}
+
+static void DestroyThread(void* pBody)
+{
+    HostThreadObject* pThread = static_cast<HostThreadObject*>(pBody);
+    if (pThread->pFiber != nullptr) {
+        HostDeleteFiber(pThread->pFiber);
+    }
+    pThread->~HostThreadObject();
+}
+
+static PKTHREAD NewThread(const char* pName)
+{
+    PKTHREAD pThread =
+        static_cast<PKTHREAD>(HostNewObject(HostKindThread, sizeof(HostThreadObject), DestroyThread));
+    InitThread(pThread, pName);
+    pThread->uNumber = __atomic_add_fetch(&g->uThreads, 1, __ATOMIC_RELAXED);
+    return pThread;
+}
+
+void HostSetSelf(PKTHREAD pThread)
+{
+    tSelf = pThread;
+    tGeneration = g->ullGeneration;
+}
+
+// A thread that the host did not start: the one that started the host, or, when threads run freely, any.
+static PKTHREAD Adopt()
+{
+    if (g == nullptr) {
+        HostBug("HOST_NOT_STARTED", "a kernel service was called without HostStart");
+    }
+    if (!g->bThreaded && g->pMain != nullptr) {
+        HostBug("FOREIGN_THREAD", "simulated mode knows only threads that HostStartThread started");
+    }
+    PKTHREAD pThread = NewThread(g->pMain == nullptr ? "main" : "adopted");
+    if (!g->bThreaded) {
+        pThread->pFiber = HostCallerFiber();
+    }
+    HostSetSelf(pThread);
+    HostLock lock(g->Lock);
+    g->Threads.push_back(pThread);
+    g->Adopted.push_back(pThread);
+    return pThread;
+}
+
+PKTHREAD HostSelf()
+{
+    if (__builtin_expect(tSelf != nullptr && g != nullptr && tGeneration == g->ullGeneration, 1)) {
+        return tSelf;
+    }
+    return Adopt();
+}
+
+static void EndThread(PKTHREAD pSelf)
+{
+    pSelf->pOs->bEnded = true;
+    pSelf->Header.SignalState = 1;
+    HostSignal(&pSelf->Header);
+    for (size_t i = 0; i < g->Threads.size(); i++) {
+        if (g->Threads[i] == pSelf) {
+            g->Threads.erase(g->Threads.begin() + static_cast<long>(i));
+            break;
+        }
+    }
+}
+
+static void RunBody(PKTHREAD pSelf)
+{
+    {
+        HostDriverScope scope(pSelf->pDriver, pSelf->Name.c_str());
+        try {
+            pSelf->Body();
+        } catch (const NTSTATUS&) {
+            // PsTerminateSystemThread unwinds to here.
+        }
+    }
+    pSelf->Body = nullptr;
+}
+
+static void RunFiber(void* pContext)
+{
+    PKTHREAD pSelf = static_cast<PKTHREAD>(pContext);
+    {
+        HostLock lock(g->Lock);
+        HostArrived(lock);
+    }
+    RunBody(pSelf);
+    HostLock lock(g->Lock);
+    EndThread(pSelf);
+    HostLeave(lock, pSelf);
+}
+
+static void* RunThread(void* pContext)
+{
+    PKTHREAD pSelf = static_cast<PKTHREAD>(pContext);
+    HostSetSelf(pSelf);
+    RunBody(pSelf);
+    {
+        HostLock lock(g->Lock);
+        EndThread(pSelf);
+    }
+    HostDereference(pSelf);
+    return nullptr;
+}
+
+static void StartOsThread(PKTHREAD pThread, size_t stackBytes)
+{
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    if (stackBytes != 0 && pthread_attr_setstacksize(&attributes, stackBytes) != 0) {
+        HostBug("BAD_STACK_SIZE", "a stack of %zu bytes is not possible", stackBytes);
+    }
+    int iError = pthread_create(&pThread->pOs->Os, &attributes, RunThread, pThread);
+    if (iError != 0) {
+        HostBug("NO_THREAD", "%s", strerror(iError));
+    }
+    pthread_attr_destroy(&attributes);
+}
+
+// Starts a thread of the host. The caller gets a reference, the running thread holds another.
+// IRQL: PASSIVE_LEVEL. Lock: takes Lock.
+PKTHREAD HostSpawn(const char* pName, std::function<void()> body, size_t stackBytes, PDRIVER_OBJECT pDriver)
+{
+    PKTHREAD pThread = NewThread(pName);
+    pThread->Body = std::move(body);
+    pThread->pDriver = pDriver;
+    HostReference(pThread);
+    HostLock lock(g->Lock);
+    g->OsThreads.push_back(std::make_unique<HostOsThread>());
+    pThread->pOs = g->OsThreads.back().get();
+    g->Threads.push_back(pThread);
+    if (g->bThreaded) {
+        StartOsThread(pThread, stackBytes);
+    } else {
+        pThread->pFiber = HostNewFiber(stackBytes, RunFiber, pThread);
+        g->Ready.push_back(pThread);
+    }
+    return pThread;
+}
+
+void HostStartSystemThreads()
+{
+    if (g->bThreaded) {
+        g->SystemThreads.push_back(HostSpawn("dpc", HostDpcThread, 0));
+        g->SystemThreads.push_back(HostSpawn("timer", HostTimerThread, 0));
+    } else if (g->bSeeded) {
+        g->SystemThreads.push_back(HostSpawn("dpc", HostDpcThread, 0));
+        g->SystemThreads.push_back(HostSpawn("dpc", HostDpcThread, 0));
+    }
+}
+
+// Ends workers and system threads and joins every thread that has ended. One that still runs freely is let go;
+// in simulated mode it never runs again.
+// IRQL: PASSIVE_LEVEL. Lock: takes Lock.
+bool HostEndSystemThreads()
+{
+    if (!g->bThreaded) {
+        HostSettle();
+    }
+    {
+        HostLock lock(g->Lock);
+        g->bStopping = true;
+        HostWakeDpcThreads();
+        g->TimerWake.notify_all();
+    }
+    HostEndWorkers();
+    for (PKTHREAD pThread : g->SystemThreads) {
+        KeWaitForSingleObject(pThread, Executive, KernelMode, FALSE, nullptr);
+        HostDereference(pThread);
+    }
+    bool bAllEnded = true;
+    for (size_t i = 0; g->bThreaded && i < g->OsThreads.size(); i++) {
+        bool bEnded;
+        {
+            HostLock lock(g->Lock);
+            bEnded = g->OsThreads[i]->bEnded;
+        }
+        bEnded ? pthread_join(g->OsThreads[i]->Os, nullptr) : pthread_detach(g->OsThreads[i]->Os);
+        bAllEnded = bAllEnded && bEnded;
+    }
+    return bAllEnded;
+}
+
+HostThread HostStartThread(std::function<void()> body, size_t stackBytes)
+{
+    return static_cast<HostThread>(HostSpawn("application", std::move(body), stackBytes));
+}
+
+void HostJoinThread(HostThread t)
+{
+    KeWaitForSingleObject(t, Executive, KernelMode, FALSE, nullptr);
+    HostDereference(t);
+}
+
+void HostSetCaller32(bool b32)
+{
+    HostSelf()->b32 = b32;
+}
+
+PKTHREAD KeGetCurrentThread()
+{
+    return HostSelf();
+}
+
+KPROCESSOR_MODE ExGetPreviousMode()
+{
+    return KernelMode;
+}
+
+void KeEnterCriticalRegion()
+{
+    HostEnter(__func__, APC_LEVEL);
+}
+
+void KeLeaveCriticalRegion()
+{
+    HostEnter(__func__, APC_LEVEL);
+}
+
+NTSTATUS PsCreateSystemThread(PHANDLE pHandle, ULONG, POBJECT_ATTRIBUTES, HANDLE, PCLIENT_ID pClient,
+                              PKSTART_ROUTINE pRoutine, PVOID pContext)
+{
+    HostEnter(__func__, PASSIVE_LEVEL);
+    if (HostShouldFail("thread")) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    PKTHREAD pThread = HostSpawn(
+        "system thread", [=] { pRoutine(pContext); }, 0, HostSelf()->pDriver);
+    *pHandle = HostNewHandle(pThread, false);
+    if (pClient != nullptr) {
+        *pClient = {nullptr, pThread};
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS PsTerminateSystemThread(NTSTATUS status)
+{
+    HostEnter(__func__, APC_LEVEL);
+    throw status;
+}
