@@ -57,7 +57,7 @@ enum : ULONG {
     KEYDEF_MACRO_MODE = 0x4000, // not derived: the keyboard takes part in the macro mode
 };
 
-struct MacroTableRecord; // one macro, owned by macro/
+struct MacroTable; // the macros in force, owned by macro/
 
 // A report value held back in discard mode.
 struct DiscardEntry {
@@ -178,7 +178,9 @@ struct DeviceContext {
     ULONG ulParkedCount GUARDED_BY(ParkLock);
     PIRP ParkedRequests[PARKED_REQUEST_SIZE] GUARDED_BY(ParkLock); // oldest first
     PIRP pFirstParked;                                             // (x) = ParkedRequests[0]
-    PIO_WORKITEM pKorvexWorkItem;                                  // (x)
+    UCHAR ucKorvexDelayArmed GUARDED_BY(ParkLock);                 // this keyboard's timer is armed
+    PIO_WORKITEM pKorvexWorkItem;                                  // (x) of the queued LED update
+    ULONG ulQueuedLeds; // (x) what it shall show, 0: none is queued
 
     // Application notification.
     SpinLock NotifyLock;
@@ -259,7 +261,9 @@ struct DriverGlobals {
     UCHAR ucKorvexTimerRunning;   // (x)
     UCHAR ucReportCapture;        // (x) written under CaptureLock
     SpinLock CaptureLock;
-    MacroTableRecord* MacroTable[MACRO_TABLE_SIZE];
+    KMUTEX MacroSettingsMutex; // one reading of the macro settings at a time, at PASSIVE_LEVEL
+    SpinLock MacroTableLock;
+    MacroTable* pMacroTable GUARDED_BY(MacroTableLock); // null: no macros
 
     // Application notification.
     SpinLock EventLock; // the application event of the control device

@@ -31,6 +31,8 @@ static void SetInitialState()
     KeInitializeSpinLock(&Globals.EventLock.Lock);
     KeInitializeSpinLock(&Globals.MacroLock.Lock);
     KeInitializeSpinLock(&Globals.CaptureLock.Lock);
+    KeInitializeSpinLock(&Globals.MacroTableLock.Lock);
+    KeInitializeMutex(&Globals.MacroSettingsMutex, 0);
     InitializeLog();
 }
 

@@ -93,6 +93,7 @@ static void WaitForApplicationClose()
 static NTSTATUS SurpriseRemoveKeyboard(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
     DeviceContext* pContext = FilterContextOf(pDevice);
+    CompleteParkedReads(pDevice);
     if (UncountStarted(pContext)) {
         WaitForApplicationClose();
     }

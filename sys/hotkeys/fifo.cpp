@@ -10,19 +10,19 @@
 #include "control/control.h"
 #include "driver/sums.h"
 #include "log/log.h"
+#include "macro/macro.h"
 #include "usb/usb.h"
 
 namespace
 {
 enum { MAX_REQUEST_ENTRIES = 32 };
 
-void StartPacing(DeviceContext* pContext)
+// Starts the pacing when a pace is set and no keyboard's timer runs.
+void StartPacing(PDEVICE_OBJECT device)
 {
-    ULONG ulDelayMs = ReadShared(Settings.ulKorvexDelay);
-    if (ulDelayMs == 0 || ExchangeShared(Globals.ucKorvexTimerRunning, 1) != 0) {
-        return;
+    if (ReadShared(Settings.ulKorvexDelay) != 0 && ReadShared(Globals.ucKorvexTimerRunning) == 0) {
+        StartKorvexDelay(device);
     }
-    KeSetTimer(&pContext->KorvexDelay.Timer, RelativeMs(ulDelayMs), &pContext->KorvexDelay.Dpc);
 }
 
 bool IsFifoEmpty(DeviceContext* pContext)
@@ -128,7 +128,7 @@ NTSTATUS GetUSBPacketFifo(ULONG ulDeviceIndex, FifoEntry* pEntry)
         }
     }
     if (NT_SUCCESS(status)) {
-        StartPacing(pContext);
+        StartPacing(device);
     }
     ReleaseDevice(device);
     return status;
@@ -150,14 +150,26 @@ NTSTATUS GetFifoCount(ULONG ulDeviceIndex, PULONG pulCount)
     return STATUS_SUCCESS;
 }
 
-// The report that was taken last is in the system's hands: with it the waits for an empty queue end.
-// IRQL <= DISPATCH. Lock: takes FifoLock. Fails: never.
-void ReportFifoDelivered(PDEVICE_OBJECT device)
+// Puts the oldest report into a read's buffer, dumped before and after under the two titles. With the last one
+// the waits for an empty queue end.
+// IRQL <= DISPATCH. Lock: takes FifoLock. Fails: unknown index, empty; the buffer is untouched.
+NTSTATUS TakeFifoReport(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, const char* pszEntryTitle,
+                        const char* pszBufferTitle)
 {
     DeviceContext* pContext = FilterContextOf(device);
+    FifoEntry entry;
+    NTSTATUS status = GetUSBPacketFifo(pContext->ulDeviceIndex, &entry);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    const ULONG ulBytes = LowerOf(LowerOf(entry.usLength, sizeof(entry.ucData)), ulLen);
+    LogHexDump(pszEntryTitle, ulBytes, entry.ucData);
+    RtlCopyMemory(pBuf, entry.ucData, ulBytes);
+    LogHexDump(pszBufferTitle, ulLen, pBuf);
     if (IsFifoEmpty(pContext)) {
         KeSetEvent(&pContext->FifoEvent, IO_KEYBOARD_INCREMENT, FALSE);
     }
+    return STATUS_SUCCESS;
 }
 
 // The application's request: queues its reports, has the stack read anew and, when its last entry says so,

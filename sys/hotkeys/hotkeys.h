@@ -84,4 +84,5 @@ NTSTATUS InsertUSBPacketFifin(PDEVICE_OBJECT device, const FifoEntry* pEntry);
 NTSTATUS GetUSBPacketFifo(ULONG ulDeviceIndex, FifoEntry* pEntry);
 NTSTATUS GetFifoCount(ULONG ulDeviceIndex, PULONG pulCount);
 NTSTATUS InsertUSBPackets(ULONG ulDeviceIndex, const UCHAR* pRequest);
-void ReportFifoDelivered(PDEVICE_OBJECT device); // an entry was delivered: ends the waits of an empty queue
+NTSTATUS TakeFifoReport(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, const char* pszEntryTitle,
+                        const char* pszBufferTitle);

@@ -1,18 +1,54 @@
-// macro.h - the macro mode: settings and file, mode hotkey, playback, parked reads.
+// macro.h - the macro mode: settings and file, mode hotkey, playback, LEDs, parked reads.
 #pragma once
 
 #include "driver/driver.h"
 
+enum : ULONG { MACRO_POOL_TAG = 0x76726F4B }; // "Korv" in memory order
+
+// One macro as the file describes it: what starts it, and the 8-byte reports that it plays.
+struct MacroTableRecord {
+    USHORT usKey; // high byte 0: a key, the low byte is its usage; else the low byte is a modifier mask
+    USHORT usActionCount;
+    UCHAR Actions[1][8]; // usActionCount of them
+};
+
+// The macros of one file, packed from index 0. It does not change once it is published; see table.cpp.
+struct MacroTable {
+    LONG lUsers; // Globals.MacroTableLock: 1 while published, + 1 a walk
+    MacroTableRecord* Records[MACRO_TABLE_SIZE];
+};
+
 // settings.cpp: IRQL = PASSIVE
 NTSTATUS ReadKorvexParameters(PUNICODE_STRING pRegistryPath);
 NTSTATUS SetKorvexKeyboard(PDEVICE_OBJECT device, UCHAR ucOn); // IRQL <= DISPATCH
-void FreeMacroTable();                                         // empties MacroTable
 
-// playback.cpp: IRQL <= DISPATCH
+// file.cpp: IRQL = PASSIVE
+NTSTATUS ReadKorvexConfigFile(HANDLE hFile);
+
+// table.cpp: IRQL <= DISPATCH. Lock: takes MacroTableLock.
+MacroTable* AcquireMacroTable(); // null: no macros
+void ReleaseMacroTable(MacroTable* pTable);
+void PublishMacroTable(MacroTable* pTable); // null: no macros any more
+void FreeMacroTable();                      // no macros any more
+
+// modeswitch.cpp: the mode hotkey in a report. IRQL <= DISPATCH
 NTSTATUS CheckForKorvexModeSwitch(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf, PUCHAR pFound);
 NTSTATUS RemoveKorvexHotkeyFromPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf);
+
+// playback.cpp: IRQL <= DISPATCH
 void CheckForKorvexHotkey(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen);
-NTSTATUS SetKorvexLed(UCHAR ucMode);
-NTSTATUS ParkReadRequest(PDEVICE_OBJECT device, PIRP request);
-void CompleteParkedReads(PDEVICE_OBJECT device); // at removal
 KDEFERRED_ROUTINE KorvexDelayCallback;
+
+// leds.cpp: the mode on the Scroll Lock LED
+NTSTATUS SetKorvexLed(UCHAR ucMode);                           // IRQL <= DISPATCH
+NTSTATUS SendLedReport(PDEVICE_OBJECT device, USHORT usFlags); // IRQL = PASSIVE
+IO_WORKITEM_ROUTINE KorvexLedWorkItem;
+
+// parked.cpp: reads that wait for the pacing timer. IRQL <= DISPATCH. Lock: takes ParkLock.
+NTSTATUS ParkReadRequest(PDEVICE_OBJECT device, PIRP request);
+NTSTATUS UnparkReadRequest(PDEVICE_OBJECT device, PIRP request);
+NTSTATUS GetFirstParkedRequest(PDEVICE_OBJECT device, PIRP* pRequest); // taken out; null: none
+void CompleteParkedRequest(PDEVICE_OBJECT device, PIRP request, NTSTATUS status);
+void CompleteParkedReads(PDEVICE_OBJECT device); // at removal
+void StartKorvexDelay(PDEVICE_OBJECT device);    // arms KorvexDelayTimer
+void EndKorvexDelay(PDEVICE_OBJECT device);      // it has expired

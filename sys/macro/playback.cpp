@@ -1,44 +1,106 @@
-// playback.cpp - the macro mode's road through the reports: mode hotkey, playback, pacing, parked reads.
+// playback.cpp - macros in a report, and the reports that they play, paced by a timer.
 //
-// The macro feature is off: no report holds a mode hotkey, nothing is played back, no timer is set and no
-// read is parked. Each routine leaves what it is given as it is.
+//   report ── macro keys leave it ──► FIFO ──► the next read at once ──► KorvexDelayTimer runs
+//                                       └────► reads parked meanwhile ◄── one at each expiry ─┘
+//
+// A macro key that stays held starts its macro again with every report that still carries it. What the FIFO
+// has no room for is not played.
 #include "macro/macro.h"
 
-// Finds no mode hotkey in the report.
-// IRQL <= DISPATCH. Fails: never.
-NTSTATUS CheckForKorvexModeSwitch(PDEVICE_OBJECT, ULONG, PUCHAR, PUCHAR pFound)
+#include "hotkeys/hotkeys.h"
+#include "log/log.h"
+#include "log/trace.h"
+
+namespace
 {
-    *pFound = 0;
-    return STATUS_SUCCESS;
+void PlayMacro(PDEVICE_OBJECT device, const MacroTableRecord* pRecord)
+{
+    FifoEntry entry = {};
+    entry.usLength = sizeof(pRecord->Actions[0]);
+    const UCHAR* pReport = pRecord->Actions[0];
+    for (ULONG i = 0; i < pRecord->usActionCount; i++, pReport += entry.usLength) {
+        RtlCopyMemory(entry.ucData, pReport, entry.usLength);
+        (void)InsertUSBPacketFifin(device, &entry); // no room: dropped, and the next one tried
+    }
 }
 
-// IRQL <= DISPATCH. Fails: never.
-NTSTATUS RemoveKorvexHotkeyFromPacket(PDEVICE_OBJECT, ULONG, PUCHAR)
+// The modifier byte: the bits that the macro asks for leave it.
+void PassModifiers(PDEVICE_OBJECT device, PUCHAR pBuf, const MacroTableRecord* pRecord)
 {
-    return STATUS_SUCCESS;
+    const UCHAR ucMask = static_cast<UCHAR>(pRecord->usKey);
+    if ((pRecord->usKey >> 8) == 0 || (pBuf[0] & ucMask) == 0) {
+        return;
+    }
+    Trace("(CheckForKorvexHotkey) modifier macro 0x%04x\n", static_cast<unsigned>(pRecord->usKey));
+    pBuf[0] = static_cast<UCHAR>(pBuf[0] & ~ucMask);
+    PlayMacro(device, pRecord);
 }
 
-// IRQL <= DISPATCH.
-void CheckForKorvexHotkey(PDEVICE_OBJECT, PUCHAR, ULONG) {}
-
-// Sends no LED report.
-// IRQL <= DISPATCH. Fails: never.
-NTSTATUS SetKorvexLed(UCHAR)
+// One position behind it: the key leaves the report, and the byte that moves in is there for the macros left.
+void PassKey(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, ULONG ulPosition,
+             const MacroTableRecord* pRecord)
 {
-    return STATUS_SUCCESS;
+    if ((pRecord->usKey >> 8) != 0 || static_cast<UCHAR>(pRecord->usKey) != pBuf[ulPosition]) {
+        return;
+    }
+    Trace("(CheckForKorvexHotkey) key macro 0x%04x\n", static_cast<unsigned>(pRecord->usKey));
+    (void)RemoveKeyFromBuffer(pBuf, ulLen, ulPosition); // the report keeps its length
+    PlayMacro(device, pRecord);
 }
 
-// Takes no request: it stays the caller's.
-// IRQL <= DISPATCH. Fails: always, there is no place.
-NTSTATUS ParkReadRequest(PDEVICE_OBJECT, PIRP)
+void PassPosition(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, ULONG ulPosition, const MacroTable* pTable)
 {
-    return STATUS_UNSUCCESSFUL;
+    for (const MacroTableRecord* pRecord : pTable->Records) {
+        if (pRecord == nullptr) {
+            return;
+        }
+        if (ulPosition == 0) {
+            PassModifiers(device, pBuf, pRecord);
+        } else {
+            PassKey(device, pBuf, ulLen, ulPosition, pRecord);
+        }
+    }
 }
 
-// None is parked.
-// IRQL = PASSIVE.
-void CompleteParkedReads(PDEVICE_OBJECT) {}
+// The oldest queued report, or else an empty one; a report that came out sets the pace for the next.
+void FillParkedRead(PDEVICE_OBJECT device, PIRP request)
+{
+    auto pUrb = static_cast<PURB>(IoGetCurrentIrpStackLocation(request)->Parameters.Others.Argument1);
+    auto pBuf = static_cast<PUCHAR>(pUrb->UrbBulkOrInterruptTransfer.TransferBuffer);
+    const ULONG ulLen = pUrb->UrbBulkOrInterruptTransfer.TransferBufferLength;
+    if (NT_SUCCESS(TakeFifoReport(device, pBuf, ulLen, "(KorvexDelayCallback) insertUSBPacket",
+                                  "(KorvexDelayCallback) Inserted TransferBuffer"))) {
+        StartKorvexDelay(device);
+    } else {
+        RtlZeroMemory(pBuf, ulLen);
+    }
+}
+} // namespace
 
-// The pacing timer, which nothing sets.
-// IRQL = DISPATCH.
-void NTAPI KorvexDelayCallback(PKDPC, PVOID, PVOID, PVOID) {}
+// Takes the macro keys out of a report and queues what they play.
+// IRQL <= DISPATCH. Lock: takes MacroTableLock, FifoLock. Owns: rewrites the report.
+void CheckForKorvexHotkey(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen)
+{
+    MacroTable* pTable = AcquireMacroTable();
+    if (pTable != nullptr) {
+        for (ULONG i = 0; i < ulLen; i++) {
+            PassPosition(device, pBuf, ulLen, i, pTable);
+        }
+        ReleaseMacroTable(pTable);
+    }
+    LogHexDump("(CheckForKorvexHotkey) leaving with", ulLen, pBuf);
+}
+
+// The pace is over: the oldest parked read gets the next report. With none parked the pacing stops.
+// IRQL = DISPATCH. Lock: takes ParkLock, FifoLock.
+void NTAPI KorvexDelayCallback(PKDPC, PVOID pDevice, PVOID, PVOID)
+{
+    PDEVICE_OBJECT device = static_cast<PDEVICE_OBJECT>(pDevice);
+    PIRP request;
+    EndKorvexDelay(device);
+    (void)GetFirstParkedRequest(device, &request); // null when none is parked
+    if (request != nullptr) {
+        FillParkedRead(device, request);
+        CompleteParkedRequest(device, request, STATUS_SUCCESS);
+    }
+}

@@ -26,34 +26,30 @@ UCHAR Answered(const Transfer& read)
     return URB_ANSWERED;
 }
 
-// Puts the oldest whole report into the read. Fails: the FIFO is empty.
-NTSTATUS TakeFifoReport(PDEVICE_OBJECT device, const Transfer& read)
+NTSTATUS PlaceFifoReport(PDEVICE_OBJECT device, const Transfer& read)
 {
-    FifoEntry entry;
-    NTSTATUS status = GetUSBPacketFifo(FilterContextOf(device)->ulDeviceIndex, &entry);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    ULONG ulBytes = LowerOf(LowerOf(entry.usLength, sizeof(entry.ucData)), read.ulLen);
-    LogHexDump("(ShowURBInfo) insertUSBPacket", ulBytes, entry.ucData);
-    RtlCopyMemory(read.pBuf, entry.ucData, ulBytes);
-    LogHexDump("(ShowURBInfo) Inserted TransferBuffer", read.ulLen, read.pBuf);
-    ReportFifoDelivered(device);
-    return STATUS_SUCCESS;
+    return TakeFifoReport(device, read.pBuf, read.ulLen, "(ShowURBInfo) insertUSBPacket",
+                          "(ShowURBInfo) Inserted TransferBuffer");
 }
 
 // The pacing timer runs: the read waits for it. One that finds no place is answered at once instead.
 UCHAR ParkRead(PDEVICE_OBJECT device, PIRP Irp, const Transfer& read)
 {
     IoMarkIrpPending(Irp);
-    if (NT_SUCCESS(ParkReadRequest(device, Irp))) {
+    NTSTATUS status = ParkReadRequest(device, Irp);
+    if (NT_SUCCESS(status)) {
         return URB_PARKED;
     }
-    if (!NT_SUCCESS(TakeFifoReport(device, read))) {
-        RtlZeroMemory(read.pBuf, read.ulLen);
+    if (status == STATUS_CANCELLED) {
+        read.pUrb->UrbHeader.Status = USBD_STATUS_CANCELED;
+    } else {
+        if (!NT_SUCCESS(PlaceFifoReport(device, read))) {
+            RtlZeroMemory(read.pBuf, read.ulLen);
+        }
+        (void)Answered(read);
+        status = STATUS_SUCCESS;
     }
-    (void)Answered(read);
-    Irp->IoStatus.Status = STATUS_SUCCESS;
+    Irp->IoStatus.Status = status;
     Irp->IoStatus.Information = 0;
     IoCompleteRequest(Irp, IO_KEYBOARD_INCREMENT);
     return URB_PARKED;
@@ -166,7 +162,7 @@ UCHAR AnswerRead(PDEVICE_OBJECT device, PIRP Irp, const Transfer& read)
         if (ReadShared(Globals.ucKorvexTimerRunning) == 1) {
             return ParkRead(device, Irp, read);
         }
-        if (NT_SUCCESS(TakeFifoReport(device, read))) {
+        if (NT_SUCCESS(PlaceFifoReport(device, read))) {
             return Answered(read);
         }
     }

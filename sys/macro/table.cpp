@@ -1,0 +1,61 @@
+// table.cpp - the macros that are in force.
+//
+//   file ── built aside ──► PublishMacroTable ──► Globals.pMacroTable (1 user)
+//                                                   ▲ walks of the report road (+ 1 each)
+//
+// A table never changes once it is published. The next one takes its place at once; who gives the old one
+// back last frees it, so a walk reads the macros it began with to its end.
+#include "macro/macro.h"
+
+// The macros in force, which stay until they are given back.
+// IRQL <= DISPATCH. Lock: takes MacroTableLock. Owns: one use of the table, if there is one.
+MacroTable* AcquireMacroTable()
+{
+    LockScope lock(Globals.MacroTableLock);
+    if (Globals.pMacroTable != nullptr) {
+        Globals.pMacroTable->lUsers++;
+    }
+    return Globals.pMacroTable;
+}
+
+static bool DropUse(MacroTable* pTable)
+{
+    LockScope lock(Globals.MacroTableLock);
+    return --pTable->lUsers == 0;
+}
+
+// Gives one use back; nothing happens to null.
+// IRQL <= DISPATCH. Lock: takes MacroTableLock. Owns: the last use frees the macros.
+void ReleaseMacroTable(MacroTable* pTable)
+{
+    if (pTable == nullptr || !DropUse(pTable)) {
+        return;
+    }
+    for (MacroTableRecord* pRecord : pTable->Records) {
+        if (pRecord != nullptr) {
+            ExFreePoolWithTag(pRecord, MACRO_POOL_TAG);
+        }
+    }
+    ExFreePoolWithTag(pTable, MACRO_POOL_TAG);
+}
+
+static MacroTable* ExchangeTable(MacroTable* pTable)
+{
+    LockScope lock(Globals.MacroTableLock);
+    MacroTable* pOld = Globals.pMacroTable;
+    Globals.pMacroTable = pTable;
+    return pOld;
+}
+
+// Puts a table in force, or none; its one use is the publication's.
+// IRQL <= DISPATCH. Lock: takes MacroTableLock. Owns: the table from now on.
+void PublishMacroTable(MacroTable* pTable)
+{
+    ReleaseMacroTable(ExchangeTable(pTable));
+}
+
+// IRQL <= DISPATCH. Lock: takes MacroTableLock.
+void FreeMacroTable()
+{
+    PublishMacroTable(nullptr);
+}
