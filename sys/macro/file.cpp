@@ -18,14 +18,14 @@ enum : ULONG {
     FIRST_RECORD = 50,
     RECORD_HEADER_BYTES = 4,
     ACTION_BYTES = 10,
-    REPORT_BYTES = 8,
+    REPORT_BYTES = MacroTableRecord::ReportBytes,
     RECORD_UNIT = 14, // bytes of a macro's memory for each action and its head
     SPARE_BYTES = 5,
 };
 enum : LONGLONG { MAX_FILE_BYTES = 1024 * 1024 };
 
 const char Header[HEADER_BYTES + 1] = "Korvex Configuration File V1.0.0.0";
-static_assert(RECORD_UNIT >= REPORT_BYTES && RECORD_UNIT >= offsetof(MacroTableRecord, Actions),
+static_assert(RECORD_UNIT >= REPORT_BYTES && RECORD_UNIT >= sizeof(MacroTableRecord),
               "a macro's memory holds its head and its actions");
 
 struct FileText {
@@ -99,7 +99,7 @@ MacroTableRecord* BuildRecord(const FileText& text, ULONG ulOffset)
     for (ULONG i = 0; i < ulActions; i++, pAction += ACTION_BYTES) {
         const ULONG ulDumped = pAction[1] < REPORT_BYTES ? pAction[1] : REPORT_BYTES;
         LogHexDump("(ReadKorvexConfigFile) Record:", ulDumped, pAction + 2);
-        RtlCopyMemory(pRecord->Actions[0] + i * REPORT_BYTES, pAction + 2, REPORT_BYTES);
+        RtlCopyMemory(pRecord->Action(i), pAction + 2, REPORT_BYTES);
     }
     return pRecord;
 }
@@ -122,7 +122,7 @@ NTSTATUS FillTable(const FileText& text, MacroTable* pTable)
     for (ULONG i = 0; i < ulMacro; i++) {
         const MacroTableRecord* pRecord = pTable->Records[i];
         LogHexDump("(ReadKorvexConfigFile) Actions:", pRecord->usActionCount * REPORT_BYTES,
-                   pRecord->Actions);
+                   pRecord->Action(0));
     }
     return STATUS_SUCCESS;
 }

@@ -5,12 +5,19 @@
 
 enum : ULONG { MACRO_POOL_TAG = 0x76726F4B }; // "Korv" in memory order
 
-// One macro as the file describes it: what starts it, and the 8-byte reports that it plays.
+// One macro as the file describes it: what starts it, and behind it the reports that it plays.
 struct MacroTableRecord {
     USHORT usKey; // high byte 0: a key, the low byte is its usage; else the low byte is a modifier mask
     USHORT usActionCount;
-    UCHAR Actions[1][8]; // usActionCount of them
+
+    enum : ULONG { ReportBytes = 8 };
+    UCHAR* Action(ULONG ulAction) { return reinterpret_cast<UCHAR*>(this + 1) + ulAction * ReportBytes; }
+    const UCHAR* Action(ULONG ulAction) const
+    {
+        return const_cast<MacroTableRecord*>(this)->Action(ulAction);
+    }
 };
+static_assert(sizeof(MacroTableRecord) == 4, "the reports lie right behind the head");
 
 // The macros of one file, packed from index 0. It does not change once it is published; see table.cpp.
 struct MacroTable {

@@ -16,10 +16,9 @@ namespace
 void PlayMacro(PDEVICE_OBJECT device, const MacroTableRecord* pRecord)
 {
     FifoEntry entry = {};
-    entry.usLength = sizeof(pRecord->Actions[0]);
-    const UCHAR* pReport = pRecord->Actions[0];
-    for (ULONG i = 0; i < pRecord->usActionCount; i++, pReport += entry.usLength) {
-        RtlCopyMemory(entry.ucData, pReport, entry.usLength);
+    entry.usLength = MacroTableRecord::ReportBytes;
+    for (ULONG i = 0; i < pRecord->usActionCount; i++) {
+        RtlCopyMemory(entry.ucData, pRecord->Action(i), entry.usLength);
         (void)InsertUSBPacketFifin(device, &entry); // no room: dropped, and the next one tried
     }
 }

@@ -20,27 +20,6 @@ scans 2A
 answer -> 06 00 00 00 00 00 00 00    # what the keyboard itself holds stays
 quiet
 
-story Discard mode hides the keyboard and replays its lock keys
-keyboard normal
-define 9 11
-report 00 00 39 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
-report 02 00 04 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
-report 02 00 29 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | key 01 9
-report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
-remove 9
-answer -> 00 00 39 00 00 00 00 00
-answer -> 02 00 00 00 00 00 00 00
-answer -> 00 00 00 00 00 00 00 00
-report 00 00 04 00 00 00 00 00 -> 00 00 04 00 00 00 00 00
-quiet
-
-story Leaving discard mode with nothing held back calls no read back
-keyboard normal
-define 9 11
-report 00 00 04 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
-remove 9
-quiet
-
 story The LEDs are remembered
 keyboard normal
 led 01 -> 02

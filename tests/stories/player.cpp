@@ -9,12 +9,14 @@ struct Player::VerbRow {
 };
 
 const Player::VerbRow Player::Verbs[] = {
-    {"setting", &Player::Setting}, {"keyboard", &Player::Keyboard}, {"on", &Player::On},
-    {"report", &Player::Report},   {"answer", &Player::Answer},     {"led", &Player::Led},
-    {"wait", &Player::Wait},       {"unplug", &Player::Unplug},     {"pull", &Player::Unplug},
-    {"quiet", &Player::Quiet},     {"hotkey", &Player::Hotkey},     {"refused", &Player::Refused},
-    {"define", &Player::Define},   {"remove", &Player::Remove},     {"processing", &Player::Processing},
-    {"scans", &Player::Scans},     {"packet", &Player::Packet},     {"modifiers", &Player::ExpectModifiers},
+    {"setting", &Player::Setting}, {"keyboard", &Player::Keyboard},   {"on", &Player::On},
+    {"report", &Player::Report},   {"answer", &Player::Answer},       {"led", &Player::Led},
+    {"wait", &Player::Wait},       {"unplug", &Player::Unplug},       {"pull", &Player::Unplug},
+    {"quiet", &Player::Quiet},     {"hotkey", &Player::Hotkey},       {"refused", &Player::Refused},
+    {"define", &Player::Define},   {"remove", &Player::Remove},       {"processing", &Player::Processing},
+    {"scans", &Player::Scans},     {"packet", &Player::Packet},       {"modifiers", &Player::ExpectModifiers},
+    {"macro", &Player::Macro},     {"macrofile", &Player::MacroFile}, {"reread", &Player::Reread},
+    {"capture", &Player::Capture}, {"classled", &Player::ClassLed},   {"shows", &Player::Shows},
 };
 
 void Player::ExpectReceived(const std::string& expected)
@@ -43,6 +45,14 @@ void Player::ExpectEvents(const std::string& expected)
             told += (told.empty() ? "" : ", ") + EventText(record);
         }
         EXPECT_EQ(bSignalled, !told.empty()) << "the application is signalled when there is something";
+    }
+    if (m_Application) {
+        bool bSignalled = m_Application->MacroSignalled();
+        std::vector<MacroRecord> records = m_Application->TakeMacroRecords();
+        EXPECT_EQ(bSignalled, !records.empty()) << "the application is signalled of macro records";
+        for (const MacroRecord& record : records) {
+            told += (told.empty() ? "" : ", ") + EventText(record);
+        }
     }
     std::string wanted;
     for (const std::string& word : SplitWords(expected)) {

@@ -12,6 +12,7 @@
 
 #include "emu/app/application.h"
 #include "emu/app/machine.h"
+#include "tests/macro_file.h"
 #include "words.h"
 
 class Player
@@ -32,18 +33,26 @@ private:
     // verbs_requests.cpp: the application's other requests
     Verb Processing, Scans, Packet, ExpectModifiers;
 
+    // verbs_macro.cpp: the macro mode
+    Verb Macro, MacroFile, Reread, Capture, ClassLed, Shows;
+
     NTSTATUS AddHotkey(const Words& words);
     void StartMachine();
+    void ChangeSetting(const std::string& name, const std::string& value);
+    void WriteMacroFile();
     void ExpectReceived(const std::string& expected);
     void ExpectNothingReceived();
     void ExpectEvents(const std::string& expected);
     EmuKeyboard& Current() const { return *m_Keyboards.at(m_Current); }
     ULONG Index() const { return Current().Index(); }
 
+    std::unique_ptr<DriveFolder> m_Drive; // holds the macro file, when there is one
+    FileBytes m_MacroFile;
     EmuMachineOptions m_Options;
     std::unique_ptr<EmuMachine> m_Machine;
     std::unique_ptr<EmuApplication> m_Application;
     std::vector<EmuKeyboard*> m_Keyboards;
     std::vector<std::unique_ptr<std::deque<EmuBytes>>> m_Received; // by keyboard
+    std::vector<std::unique_ptr<EmuBytes>> m_Leds;                 // by keyboard: what reached it
     size_t m_Current = 0;
 };

@@ -2,9 +2,12 @@
 #include "driver/driver.h"
 #include "player.h"
 
-// setting NAME VALUE
+// setting NAME VALUE; the value "-" takes it away
 void Player::Setting(const Words& words, const Parts&)
 {
+    if (m_Machine) {
+        return ChangeSetting(words.at(1), words.at(2));
+    }
     m_Options.Settings[words.at(1)] = Number32(words.at(2), 0);
 }
 
@@ -32,12 +35,17 @@ void Player::Keyboard(const Words& words, const Parts&)
             pQueue->push_back(received.Bytes);
         }
     };
+    m_Leds.push_back(std::make_unique<EmuBytes>());
+    options.OnLed = [pLeds = m_Leds.back().get()](const EmuBytes& report) {
+        pLeds->insert(pLeds->end(), report.begin(), report.end());
+    };
     m_Current = m_Keyboards.size();
     m_Keyboards.push_back(m_Machine->Plug(*pKind, options));
     ASSERT_EQ(Current().StartStatus(), STATUS_SUCCESS);
     if (!m_Application) {
         m_Application = std::make_unique<EmuApplication>();
         ASSERT_EQ(m_Application->OpenStatus(), STATUS_SUCCESS);
+        EXPECT_EQ(m_Application->RegisterMacroEvent(), STATUS_SUCCESS);
     }
     EXPECT_EQ(m_Application->RegisterNotifyEvent(Index()), STATUS_SUCCESS);
     EXPECT_EQ(m_Application->StartReportProcessing(Index()), STATUS_SUCCESS);

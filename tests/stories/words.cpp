@@ -127,3 +127,13 @@ std::string EventText(const NotifyRecord& record)
     text += std::to_string(record.ulId);
     return record.ulEscAbort ? text + " abort" : text;
 }
+
+std::string EventText(const MacroRecord& record)
+{
+    if (record.usType == MACRO_RECORD_MODE) {
+        return "mode " + std::to_string(record.ucMode);
+    }
+    std::string text = "captured " + Text(EmuBytes(record.ucReport, record.ucReport + record.ucLength));
+    text.pop_back(); // the space behind the last byte
+    return text;
+}

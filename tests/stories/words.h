@@ -38,3 +38,5 @@ ULONG Modifiers(const std::string& word);
 
 // An event as stories tell it: "down 7", "up 7 abort", "repeat 3B 7", "key 1E 0".
 std::string EventText(const NotifyRecord& record);
+// And of the macro mode: "mode 1", "captured 00 00 04".
+std::string EventText(const MacroRecord& record);

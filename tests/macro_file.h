@@ -1,0 +1,75 @@
+// macro_file.h - macro configuration files for tests: their bytes, and a folder to put them into.
+#pragma once
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+using FileBytes = std::vector<unsigned char>;
+
+inline FileBytes MacroFileHead(const std::string& text = "Korvex Configuration File V1.0.0.0")
+{
+    FileBytes bytes(text.begin(), text.end());
+    bytes.resize(50, 0xEE); // 16 bytes that nobody reads
+    return bytes;
+}
+
+inline void AppendWord(FileBytes& bytes, unsigned uWord)
+{
+    bytes.push_back(static_cast<unsigned char>(uWord));
+    bytes.push_back(static_cast<unsigned char>(uWord >> 8));
+}
+
+inline void AppendMacro(FileBytes& bytes, unsigned uKey, const std::vector<FileBytes>& reports)
+{
+    AppendWord(bytes, uKey);
+    AppendWord(bytes, static_cast<unsigned>(reports.size() * 10));
+    for (const FileBytes& report : reports) {
+        bytes.push_back(1);
+        bytes.push_back(8);
+        for (size_t i = 0; i < 8; i++) {
+            bytes.push_back(i < report.size() ? report[i] : 0);
+        }
+    }
+}
+
+// A folder of its own that holds C:\ for a machine; it goes with the object.
+class DriveFolder
+{
+public:
+    DriveFolder()
+    {
+        std::string name = (std::filesystem::temp_directory_path() / "tv64usb-XXXXXX").string();
+        if (mkdtemp(name.data()) == nullptr) {
+            perror("mkdtemp");
+            abort();
+        }
+        m_Path = name;
+    }
+    ~DriveFolder()
+    {
+        std::error_code ignored; // a folder left over is no test's failure
+        std::filesystem::remove_all(m_Path, ignored);
+    }
+    DriveFolder(const DriveFolder&) = delete;
+    DriveFolder& operator=(const DriveFolder&) = delete;
+
+    std::string Path() const { return m_Path.string(); }
+    void Write(const std::string& name, const FileBytes& bytes) const
+    {
+        FILE* pFile = fopen((m_Path / name).c_str(), "wb");
+        if (pFile == nullptr || fwrite(bytes.data(), 1, bytes.size(), pFile) != bytes.size()) {
+            perror("macro file");
+            abort();
+        }
+        fclose(pFile);
+    }
+
+private:
+    std::filesystem::path m_Path;
+};
