@@ -9,6 +9,7 @@
 // Runs where the settings are read, at PASSIVE_LEVEL; the text stays non-paged because it is dumped.
 #include "macro/macro.h"
 
+#include "driver/sums.h"
 #include "log/log.h"
 
 namespace
@@ -97,8 +98,7 @@ MacroTableRecord* BuildRecord(const FileText& text, ULONG ulOffset)
     pRecord->usActionCount = static_cast<USHORT>(ulActions);
     const UCHAR* pAction = text.pBytes + ulOffset + RECORD_HEADER_BYTES;
     for (ULONG i = 0; i < ulActions; i++, pAction += ACTION_BYTES) {
-        const ULONG ulDumped = pAction[1] < REPORT_BYTES ? pAction[1] : REPORT_BYTES;
-        LogHexDump("(ReadKorvexConfigFile) Record:", ulDumped, pAction + 2);
+        LogHexDump("(ReadKorvexConfigFile) Record:", LowerOf(pAction[1], REPORT_BYTES), pAction + 2);
         RtlCopyMemory(pRecord->Action(i), pAction + 2, REPORT_BYTES);
     }
     return pRecord;

@@ -7,7 +7,6 @@
 // the LEDs show the newest mode in the end, however often it is switched meanwhile.
 #include "macro/macro.h"
 
-#include "control/control.h"
 #include "log/trace.h"
 #include "usb/usb.h"
 
@@ -72,30 +71,6 @@ void NTAPI KorvexLedWorkItem(PDEVICE_OBJECT device, PVOID pFlags)
     IoFreeWorkItem(ExchangeShared(pContext->pKorvexWorkItem, static_cast<PIO_WORKITEM>(nullptr)));
     do {
         (void)SendLedReport(device, static_cast<USHORT>(ulLeds)); // the mode stays switched without its LED
-    } while (!CompareExchangeShared(pContext->ulQueuedLeds, ulLeds, 0u));
+    } while (!CompareExchangeShared(pContext->ulQueuedLeds, ulLeds, ULONG{0}));
     ReleaseDevice(device);
-}
-
-// Sets the LEDs, given as indicator flags.
-// IRQL = PASSIVE. Fails: as the keyboard's stack says.
-NTSTATUS SendLedReport(PDEVICE_OBJECT device, USHORT usFlags)
-{
-    IRQL_AT_MOST(PASSIVE_LEVEL);
-    DeviceContext* pContext = FilterContextOf(device);
-    const USHORT usReport = LedFlagsToReport(usFlags);
-    WriteShared(pContext->usLedReport, usReport);
-    WriteShared(pContext->usLedFlags, LedReportToFlags(usReport));
-
-    UCHAR ucLeds = static_cast<UCHAR>(usReport);
-    URB urb;
-    RtlZeroMemory(&urb, sizeof(urb));
-    auto& request = urb.UrbControlVendorClassRequest;
-    request.Hdr.Length = sizeof(request);
-    request.Hdr.Function = URB_FUNCTION_CLASS_INTERFACE;
-    request.TransferBuffer = &ucLeds;
-    request.TransferBufferLength = sizeof(ucLeds);
-    request.RequestTypeReservedBits = CLASS_REQUEST_TYPE;
-    request.Request = CLASS_SET_REPORT;
-    request.Value = VALUE_OUTPUT_REPORT_0;
-    return SubmitUrbSync(device, &urb);
 }

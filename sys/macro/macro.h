@@ -47,8 +47,7 @@ void CheckForKorvexHotkey(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen);
 KDEFERRED_ROUTINE KorvexDelayCallback;
 
 // leds.cpp: the mode on the Scroll Lock LED
-NTSTATUS SetKorvexLed(UCHAR ucMode);                           // IRQL <= DISPATCH
-NTSTATUS SendLedReport(PDEVICE_OBJECT device, USHORT usFlags); // IRQL = PASSIVE
+NTSTATUS SetKorvexLed(UCHAR ucMode); // IRQL <= DISPATCH
 IO_WORKITEM_ROUTINE KorvexLedWorkItem;
 
 // parked.cpp: reads that wait for the pacing timer. IRQL <= DISPATCH. Lock: takes ParkLock.

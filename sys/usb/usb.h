@@ -75,9 +75,6 @@ const char* StandardRequestName(UCHAR ucRequest);
 
 // leds.cpp: the lock LEDs, their two encodings, and how the driver itself sets them
 enum : USHORT { LED_REPORT_NUM = 1, LED_REPORT_CAPS = 2, LED_REPORT_SCROLL = 4 };
-// The class request that sets them: one byte to the interface.
-enum : UCHAR { CLASS_REQUEST_TYPE = 0x22, CLASS_SET_REPORT = 9 };
-enum : USHORT { VALUE_OUTPUT_REPORT_0 = 0x0200 };
 USHORT LedReportToFlags(USHORT usReport);
 USHORT LedFlagsToReport(USHORT usFlags);
 NTSTATUS SendLedReport(PDEVICE_OBJECT device, USHORT usFlags); // PASSIVE
