@@ -4,6 +4,14 @@
 // unloading, so that a thread which uses it during removal finds devices that answer that they are gone.
 #include "machine.h"
 
+EmuKeyboard::EmuKeyboard(const EmuPlugOptions& options) : m_Options(options)
+{
+    if (!m_Options.Memory) {
+        m_Options.Memory = std::make_shared<EmuMemory>();
+        EmuClearMemory(m_Options.Memory.get());
+    }
+}
+
 NTSTATUS EmuKeyboard::Hook(PVOID pContext, const UCHAR* pSetup, PUCHAR pBuffer, PULONG pulLength)
 {
     auto pKeyboard = static_cast<EmuKeyboard*>(pContext);
@@ -19,6 +27,15 @@ NTSTATUS EmuKeyboard::Hook(PVOID pContext, const UCHAR* pSetup, PUCHAR pBuffer, 
         memcpy(pBuffer, data.data(), *pulLength);
     }
     return status;
+}
+
+VOID EmuKeyboard::Request(PVOID pContext, const UCHAR* pSetup, const UCHAR* pData, ULONG ulLength)
+{
+    auto pKeyboard = static_cast<EmuKeyboard*>(pContext);
+    EmuRequest request = {{}, EmuBytes(pData, pData + ulLength)};
+    std::copy(pSetup, pSetup + request.Setup.size(), request.Setup.begin());
+    std::lock_guard<std::mutex> guard(pKeyboard->m_Lock);
+    pKeyboard->m_Requests.push_back(std::move(request));
 }
 
 VOID EmuKeyboard::Led(PVOID pContext, const UCHAR* pReport, ULONG ulLength)
@@ -68,6 +85,23 @@ NTSTATUS EmuKeyboard::Control(const UCHAR* pSetup, EmuBytes& Data, EmuHidRoute R
 NTSTATUS EmuKeyboard::SendLed(UCHAR ucLeds, EmuHidRoute Route)
 {
     return m_pHid ? EmuHidSendLed(m_pHid, ucLeds, Route) : STATUS_DEVICE_NOT_READY;
+}
+
+NTSTATUS EmuKeyboard::SetRules(const std::vector<EmuAnswerRule>& rules)
+{
+    return m_pPhysical ? EmuKeyboardSetRules(m_pPhysical, rules.data(), (ULONG)rules.size())
+                       : STATUS_DEVICE_NOT_READY;
+}
+
+ULONG EmuKeyboard::HeldRequests() const
+{
+    return m_pPhysical ? EmuKeyboardHeldRequests(m_pPhysical) : 0;
+}
+
+std::vector<EmuRequest> EmuKeyboard::TakenRequests()
+{
+    std::lock_guard<std::mutex> guard(m_Lock);
+    return std::exchange(m_Requests, {});
 }
 
 std::vector<EmuReceived> EmuKeyboard::Received() const

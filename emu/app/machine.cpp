@@ -103,6 +103,9 @@ EmuKeyboardOptions EmuKeyboard::KeyboardOptions()
     EmuKeyboardOptions options = {};
     options.pHook = m_Options.Hook ? Hook : nullptr;
     options.pHookContext = this;
+    options.pRequest = m_Options.Record ? Request : nullptr;
+    options.pRequestContext = this;
+    options.pMemory = m_Options.Memory.get();
     options.pLed = m_Options.OnLed ? Led : nullptr;
     options.pLedContext = this;
     options.StartStatus = m_Options.StartStatus;
@@ -161,8 +164,9 @@ EmuKeyboard* EmuMachine::Plug(const EmuDescriptors& descriptors, const EmuPlugOp
     ObReferenceObject(pPhysical);
     keyboard.m_pPhysical = pPhysical;
     keyboard.m_bPlugged = true;
+    keyboard.m_AddStatus = keyboard.SetRules(options.Rules);
     SetProperties(pPhysical, descriptors);
-    if (!BuildStack(keyboard)) {
+    if (!NT_SUCCESS(keyboard.m_AddStatus) || !BuildStack(keyboard)) {
         keyboard.Remove();
     } else if (options.Start) {
         keyboard.Start();

@@ -9,6 +9,7 @@
 #include <kernel.h>
 #include <host.h>
 
+#include <array>
 #include <functional>
 #include <map>
 #include <memory>
@@ -31,6 +32,12 @@ struct EmuReceived {
     NTSTATUS Status;
 };
 
+// One request of the control pipe, as the keyboard saw it.
+struct EmuRequest {
+    std::array<UCHAR, 8> Setup;
+    EmuBytes Data; // what went out
+};
+
 // How a keyboard is plugged in.
 struct EmuPlugOptions {
     ULONG Reads = 1;            // reads outstanding at once
@@ -38,10 +45,14 @@ struct EmuPlugOptions {
     bool Manual = false;        // reads go down only by EmuKeyboard::Read
     bool NoEnumeration = false; // START sends no descriptor requests
     bool LoopGuard = false;     // re-read by the outer loop instead of by recursion
-    bool Record = true;         // keep what is received for Received()
+    bool Record = true;         // keep what came for Received() and TakenRequests()
     bool Start = true;          // send START_DEVICE at once
     NTSTATUS StartStatus = 0;   // what the keyboard answers START with
     ULONG StartDelayMs = 0;     // above 0: START is left pending for so long
+    // What the keyboard remembers; given again, a keyboard finds what was written before it was unplugged. Null:
+    // a fresh one. EmuKeyboard::Memory() shows it.
+    std::shared_ptr<EmuMemory> Memory;
+    std::vector<EmuAnswerRule> Rules; // stalls, short, late and missing answers, from the start on
     // Answers control requests instead of the tables: setup packet, data (in: what goes out or the room for
     // the answer; out: what was moved). STATUS_NOT_SUPPORTED leaves the request to the tables.
     std::function<NTSTATUS(const UCHAR* pSetup, EmuBytes& Data)> Hook;
@@ -73,6 +84,14 @@ public:
     NTSTATUS Control(const UCHAR* pSetup, EmuBytes& Data, EmuHidRoute Route);
     NTSTATUS SendLed(UCHAR ucLeds, EmuHidRoute Route = EmuHidRouteClass);
 
+    // How requests of the control pipe are answered from now on; at most EmuMaximumRules.
+    NTSTATUS SetRules(const std::vector<EmuAnswerRule>& rules);
+    ULONG HeldRequests() const; // left pending at the keyboard by a rule
+    // Contents may be looked at and changed while no request is under way.
+    EmuMemory& Memory() const { return *m_Options.Memory; }
+    // The control requests that reached the keyboard since the last call.
+    std::vector<EmuRequest> TakenRequests();
+
     // The successful reads so far; Taken() returns them and starts over. Failed ones come to OnReceived only.
     std::vector<EmuReceived> Received() const;
     std::vector<EmuReceived> Taken();
@@ -96,13 +115,14 @@ public:
     PDEVICE_OBJECT Filter() const { return m_pFilter; } // null when AddDevice was refused
     PDEVICE_OBJECT Hid() const { return m_pHid; }
 
-    explicit EmuKeyboard(const EmuPlugOptions& options) : m_Options(options) {}
+    explicit EmuKeyboard(const EmuPlugOptions& options);
     EmuKeyboard(const EmuKeyboard&) = delete;
     EmuKeyboard& operator=(const EmuKeyboard&) = delete;
 
 private:
     friend class EmuMachine;
     static EmuRequestHook Hook;
+    static EmuRequestObserver Request;
     static EmuLedObserver Led;
     static EmuHidObserver Observe;
     EmuKeyboardOptions KeyboardOptions();
@@ -115,8 +135,9 @@ private:
     PDEVICE_OBJECT m_pPhysical = nullptr, m_pFilter = nullptr, m_pHid = nullptr;
     NTSTATUS m_AddStatus = STATUS_UNSUCCESSFUL, m_StartStatus = STATUS_UNSUCCESSFUL;
     ULONG m_ulIndex = ~0u;
-    mutable std::mutex m_Lock; // guards m_Received; nothing of the host is called under it
+    mutable std::mutex m_Lock; // guards what follows; nothing of the host is called under it
     std::vector<EmuReceived> m_Received;
+    std::vector<EmuRequest> m_Requests;
 };
 
 class EmuMachine

@@ -4,8 +4,7 @@
 // the stack above sees as STATUS_UNSUCCESSFUL.
 #include "device.h"
 
-// Copies an answer. IRQL any.
-static NTSTATUS Answer(const UCHAR* pAnswer, ULONG ulAnswer, PUCHAR pBuffer, PULONG pulLength)
+NTSTATUS Answer(const UCHAR* pAnswer, ULONG ulAnswer, PUCHAR pBuffer, PULONG pulLength)
 {
     if (*pulLength > ulAnswer) {
         *pulLength = ulAnswer;
@@ -16,33 +15,10 @@ static NTSTATUS Answer(const UCHAR* pAnswer, ULONG ulAnswer, PUCHAR pBuffer, PUL
     return STATUS_SUCCESS;
 }
 
-static NTSTATUS Stall(PULONG pulLength)
+NTSTATUS Stall(PULONG pulLength)
 {
     *pulLength = 0;
     return STATUS_UNSUCCESSFUL;
-}
-
-// A string descriptor: index 0 tells the one language, 1 the maker, 2 the product. IRQL any.
-static NTSTATUS AnswerString(const EmuDescriptors* pDescriptors, UCHAR ucIndex, PUCHAR pBuffer,
-                             PULONG pulLength)
-{
-    static const UCHAR ucLanguages[] = {4, 3, 0x09, 0x04};
-    if (ucIndex == 0) {
-        return Answer(ucLanguages, sizeof ucLanguages, pBuffer, pulLength);
-    }
-    if (ucIndex > 2) {
-        return Stall(pulLength);
-    }
-    const WCHAR* pText = ucIndex == 1 ? pDescriptors->pMaker : pDescriptors->pProduct;
-    UCHAR ucString[128];
-    ULONG ulBytes = 2;
-    for (; *pText && ulBytes + 2 <= sizeof ucString; pText++) {
-        ucString[ulBytes++] = (UCHAR)*pText;
-        ucString[ulBytes++] = (UCHAR)(*pText >> 8);
-    }
-    ucString[0] = (UCHAR)ulBytes;
-    ucString[1] = USB_STRING_DESCRIPTOR_TYPE;
-    return Answer(ucString, ulBytes, pBuffer, pulLength);
 }
 
 // The first descriptor of a type inside the configuration; null when there is none. IRQL any.
@@ -63,19 +39,20 @@ const UCHAR* FindEndpoint(const EmuDescriptors* pDescriptors)
     return FindInConfiguration(pDescriptors, USB_ENDPOINT_DESCRIPTOR_TYPE);
 }
 
-static NTSTATUS AnswerDescriptor(const EmuDescriptors* pDescriptors, UCHAR ucType, UCHAR ucIndex,
-                                 PUCHAR pBuffer, PULONG pulLength)
+static NTSTATUS AnswerDescriptor(const EmuDescriptors* pDescriptors, const UCHAR* pSetup, PUCHAR pBuffer,
+                                 PULONG pulLength)
 {
     const UCHAR* pHid;
-    switch (ucType) {
+    switch (pSetup[3]) {
     case USB_DEVICE_DESCRIPTOR_TYPE:
         return Answer(pDescriptors->pDevice, pDescriptors->pDevice[0], pBuffer, pulLength);
     case USB_CONFIGURATION_DESCRIPTOR_TYPE:
         return Answer(pDescriptors->pConfiguration, pDescriptors->ulConfiguration, pBuffer, pulLength);
     case USB_STRING_DESCRIPTOR_TYPE:
-        return AnswerString(pDescriptors, ucIndex, pBuffer, pulLength);
+        return AnswerString(pDescriptors, pSetup[2], (USHORT)(pSetup[4] | pSetup[5] << 8), pBuffer,
+                            pulLength);
     case 0x21: // HID descriptor
-        pHid = FindInConfiguration(pDescriptors, ucType);
+        pHid = FindInConfiguration(pDescriptors, pSetup[3]);
         return pHid ? Answer(pHid, pHid[0], pBuffer, pulLength) : Stall(pulLength);
     case 0x22: // report descriptor
         return Answer(pDescriptors->pReport, pDescriptors->ulReport, pBuffer, pulLength);
@@ -90,17 +67,23 @@ NTSTATUS AnswerControl(KeyboardDevice* pKeyboard, const UCHAR* pSetup, PUCHAR pB
     if (*pulLength > ulAsked) {
         *pulLength = ulAsked;
     }
+    NTSTATUS status = AnswerMemory(pKeyboard, pSetup, pBuffer, pulLength);
+    if (status != STATUS_NOT_SUPPORTED) {
+        return status;
+    }
     switch (pSetup[0]) {
     case 0x80: // standard, from the device
     case 0x81: // standard, from the interface
         if (pSetup[1] == 6) {
-            return AnswerDescriptor(pKeyboard->pDescriptors, pSetup[3], pSetup[2], pBuffer, pulLength);
+            return AnswerDescriptor(pKeyboard->pDescriptors, pSetup, pBuffer, pulLength);
         }
         return Stall(pulLength);
     case 0x00: // SET_ADDRESS, SET_CONFIGURATION
         return pSetup[1] == 5 || pSetup[1] == 9 ? STATUS_SUCCESS : Stall(pulLength);
     case 0x21: // SET_REPORT, SET_IDLE, SET_PROTOCOL
         return pSetup[1] >= 9 && pSetup[1] <= 11 ? STATUS_SUCCESS : Stall(pulLength);
+    case 0x41: // key commands, which only the observer sees
+        return pSetup[1] == 1 || pSetup[1] == 3 ? STATUS_SUCCESS : Stall(pulLength);
     default:
         return Stall(pulLength);
     }

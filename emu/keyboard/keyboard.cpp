@@ -16,8 +16,7 @@ KeyboardDevice* KeyboardOf(PDEVICE_OBJECT pDevice)
     return pKeyboard;
 }
 
-// Completes a request that moves no data. IRQL <= DISPATCH.
-static NTSTATUS Complete(PIRP pIrp, NTSTATUS Status)
+NTSTATUS CompleteIrp(PIRP pIrp, NTSTATUS Status)
 {
     pIrp->IoStatus.Status = Status;
     pIrp->IoStatus.Information = 0;
@@ -31,14 +30,14 @@ static VOID NTAPI StartDelayOver(PKDPC, PVOID pContext, PVOID, PVOID)
     auto pKeyboard = static_cast<KeyboardDevice*>(pContext);
     PIRP pIrp = pKeyboard->pStart;
     pKeyboard->pStart = nullptr;
-    Complete(pIrp, pKeyboard->Options.StartStatus);
+    CompleteIrp(pIrp, pKeyboard->Options.StartStatus);
 }
 
 // IRQL PASSIVE. Fails: with the status that the keyboard's options tell.
 static NTSTATUS StartKeyboard(KeyboardDevice* pKeyboard, PIRP pIrp)
 {
     if (pKeyboard->Options.ulStartDelayMs == 0) {
-        return Complete(pIrp, pKeyboard->Options.StartStatus);
+        return CompleteIrp(pIrp, pKeyboard->Options.StartStatus);
     }
     LARGE_INTEGER due;
     due.QuadPart = -(LONGLONG)pKeyboard->Options.ulStartDelayMs * 10000;
@@ -54,6 +53,9 @@ static NTSTATUS RemoveKeyboard(KeyboardDevice* pKeyboard, PIRP pIrp)
 {
     MarkGone(pKeyboard);
     PurgeReads(pKeyboard, STATUS_DELETE_PENDING);
+    PurgeHeld(pKeyboard);
+    KeCancelTimer(&pKeyboard->AnswerTimer);
+    KeRemoveQueueDpc(&pKeyboard->AnswerDpc);
     KeRemoveQueueDpc(&pKeyboard->DeliverDpc);
     KeFlushQueuedDpcs();
     KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pKeyboard->Lock);
@@ -63,7 +65,7 @@ static NTSTATUS RemoveKeyboard(KeyboardDevice* pKeyboard, PIRP pIrp)
     KeReleaseSpinLock(&pKeyboard->Lock, irql);
     ExFreePoolWithTag(pKept, KeyboardTag);
     IoDeleteDevice(pKeyboard->pSelf);
-    return Complete(pIrp, STATUS_SUCCESS);
+    return CompleteIrp(pIrp, STATUS_SUCCESS);
 }
 
 static NTSTATUS NTAPI KeyboardPnp(PDEVICE_OBJECT pDevice, PIRP pIrp)
@@ -78,15 +80,16 @@ static NTSTATUS NTAPI KeyboardPnp(PDEVICE_OBJECT pDevice, PIRP pIrp)
     case IRP_MN_QUERY_STOP_DEVICE:
     case IRP_MN_CANCEL_STOP_DEVICE:
     case IRP_MN_STOP_DEVICE:
-        return Complete(pIrp, STATUS_SUCCESS);
+        return CompleteIrp(pIrp, STATUS_SUCCESS);
     case IRP_MN_SURPRISE_REMOVAL:
         MarkGone(pKeyboard);
         PurgeReads(pKeyboard, STATUS_DELETE_PENDING);
-        return Complete(pIrp, STATUS_SUCCESS);
+        PurgeHeld(pKeyboard);
+        return CompleteIrp(pIrp, STATUS_SUCCESS);
     case IRP_MN_REMOVE_DEVICE:
         return RemoveKeyboard(pKeyboard, pIrp);
     default: // the bottom of a stack leaves the status of what it does not know
-        return Complete(pIrp, pIrp->IoStatus.Status);
+        return CompleteIrp(pIrp, pIrp->IoStatus.Status);
     }
 }
 
@@ -95,7 +98,7 @@ static NTSTATUS NTAPI KeyboardPower(PDEVICE_OBJECT, PIRP pIrp)
     UCHAR ucMinor = IoGetCurrentIrpStackLocation(pIrp)->MinorFunction;
     bool bKnown = ucMinor == IRP_MN_SET_POWER || ucMinor == IRP_MN_QUERY_POWER;
     PoStartNextPowerIrp(pIrp);
-    return Complete(pIrp, bKnown ? STATUS_SUCCESS : pIrp->IoStatus.Status);
+    return CompleteIrp(pIrp, bKnown ? STATUS_SUCCESS : pIrp->IoStatus.Status);
 }
 
 static NTSTATUS NTAPI KeyboardInternalControl(PDEVICE_OBJECT pDevice, PIRP pIrp)
@@ -103,19 +106,19 @@ static NTSTATUS NTAPI KeyboardInternalControl(PDEVICE_OBJECT pDevice, PIRP pIrp)
     IRQL_AT_MOST(DISPATCH_LEVEL);
     PIO_STACK_LOCATION pLocation = IoGetCurrentIrpStackLocation(pIrp);
     if (pLocation->Parameters.DeviceIoControl.IoControlCode != IOCTL_INTERNAL_USB_SUBMIT_URB) {
-        return Complete(pIrp, STATUS_INVALID_DEVICE_REQUEST);
+        return CompleteIrp(pIrp, STATUS_INVALID_DEVICE_REQUEST);
     }
     return SubmitUrb(KeyboardOf(pDevice), pIrp);
 }
 
 static NTSTATUS NTAPI KeyboardSucceed(PDEVICE_OBJECT, PIRP pIrp)
 {
-    return Complete(pIrp, STATUS_SUCCESS);
+    return CompleteIrp(pIrp, STATUS_SUCCESS);
 }
 
 static NTSTATUS NTAPI KeyboardRefuse(PDEVICE_OBJECT, PIRP pIrp)
 {
-    return Complete(pIrp, STATUS_INVALID_DEVICE_REQUEST);
+    return CompleteIrp(pIrp, STATUS_INVALID_DEVICE_REQUEST);
 }
 
 static VOID NTAPI KeyboardUnload(PDRIVER_OBJECT) {}
@@ -159,7 +162,10 @@ NTSTATUS EmuCreateKeyboard(PDRIVER_OBJECT pDriver, const EmuDescriptors* pDescri
     pKeyboard->pKept = pKept;
     KeInitializeSpinLock(&pKeyboard->Lock);
     InitializeListHead(&pKeyboard->Waiting);
+    InitializeListHead(&pKeyboard->Held);
     KeInitializeDpc(&pKeyboard->DeliverDpc, DeliverDpc, pKeyboard);
+    KeInitializeTimer(&pKeyboard->AnswerTimer);
+    KeInitializeDpc(&pKeyboard->AnswerDpc, AnswerDpc, pKeyboard);
     KeInitializeTimer(&pKeyboard->StartTimer);
     KeInitializeDpc(&pKeyboard->StartDpc, StartDelayOver, pKeyboard);
     pDevice->Flags |= DO_BUFFERED_IO | DO_BUS_ENUMERATED_DEVICE | DO_POWER_PAGABLE;

@@ -36,16 +36,58 @@ extern const EmuDescriptors EmuOtherInterface; // other.cpp: interface 3/0/1
 // IRQL <= DISPATCH. Lock: none held.
 typedef NTSTATUS EmuRequestHook(PVOID pContext, const UCHAR* pSetup, PUCHAR pBuffer, PULONG pulLength);
 
-// Sees every output report (SET_REPORT of type 2) that reached the keyboard, by any route, before the hook
-// does. IRQL <= DISPATCH. Lock: none held.
+// Sees every request of the control pipe that reached the keyboard, before anything answers it: the setup
+// packet and the data going out (none for a request that reads). IRQL <= DISPATCH. Lock: none held.
+typedef VOID EmuRequestObserver(PVOID pContext, const UCHAR* pSetup, const UCHAR* pData, ULONG ulLength);
+
+// Sees every output report (SET_REPORT of type 2, the memory's own excepted) that reached the keyboard, by
+// any route, before the hook does. IRQL <= DISPATCH. Lock: none held.
 typedef VOID EmuLedObserver(PVOID pContext, const UCHAR* pReport, ULONG ulLength);
 
-// How a keyboard behaves; zeroed = an ordinary one.
+enum { EmuEepromBytes = 256, EmuMemoryBytes = 4096 };
+
+// What a keyboard remembers when it is unplugged: one memory for each of the three ways to it. Reads that
+// reach beyond an end are cut there, writes stall. The EEPROM has ucEepromUnit * ucEepromCount / 8 bytes, at
+// most EmuEepromBytes of them used; the two numbers are the report size in bits and the report count that
+// interface 1's report descriptor tells.
+struct EmuMemory {
+    UCHAR ucEepromUnit, ucEepromCount;
+    UCHAR ucEeprom[EmuEepromBytes];       // by HID reports of interface 1
+    UCHAR ucByDescriptor[EmuMemoryBytes]; // by descriptor index 0xFD
+    UCHAR ucByVendor[EmuMemoryBytes];     // by vendor requests 1 and 9
+};
+
+// What a keyboard does with a request that a rule names.
+enum EmuAnswer {
+    EmuAnswerStatus,    // completes with Status and no data: a stall is STATUS_UNSUCCESSFUL
+    EmuAnswerUrbStatus, // moves no data, succeeds, and only the URB's own status tells the failure
+    EmuAnswerShort,     // moves at most ulAmount bytes
+    EmuAnswerLate,      // is left pending and answered ulAmount milliseconds later, by a DPC
+    EmuAnswerNever,     // is left pending until it is cancelled or the keyboard goes
+    EmuAnswerDeaf       // is left pending until the keyboard goes, cancelled or not
+};
+
+// A rule for requests of the control pipe. A field of the setup packet that is EmuAny may hold anything. The
+// first rule that names a request decides; without one the hook and the tables answer.
+enum { EmuAny = -1, EmuMaximumRules = 16 };
+struct EmuAnswerRule {
+    LONG lType, lRequest, lValue, lIndex;
+    EmuAnswer How;
+    ULONG ulAmount; // bytes or milliseconds
+    NTSTATUS Status;
+    ULONG ulSkip;  // so many requests that it names are answered in the ordinary way first
+    ULONG ulTimes; // it is used so often, 0 = always
+};
+
+// How a keyboard behaves; zeroed = an ordinary one without memory.
 struct EmuKeyboardOptions {
     EmuRequestHook* pHook;
     PVOID pHookContext;
+    EmuRequestObserver* pRequest;
+    PVOID pRequestContext;
     EmuLedObserver* pLed;
     PVOID pLedContext;
+    EmuMemory* pMemory;   // must outlive the keyboard; guarded by the keyboard while it is there
     NTSTATUS StartStatus; // what START_DEVICE completes with
     ULONG ulStartDelayMs; // above 0: START_DEVICE is left pending for so long
 };
@@ -57,6 +99,17 @@ NTSTATUS NTAPI EmuKeyboardEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistr
 // are copied. IRQL PASSIVE. Fails: STATUS_INSUFFICIENT_RESOURCES or the status of the device's creation.
 NTSTATUS EmuCreateKeyboard(PDRIVER_OBJECT pDriver, const EmuDescriptors* pDescriptors,
                            const EmuKeyboardOptions* pOptions, PDEVICE_OBJECT* ppPhysical);
+
+// behaviour.cpp
+// Replaces the keyboard's rules; requests that are held already stay so. IRQL <= DISPATCH.
+// Fails: STATUS_INVALID_PARAMETER above EmuMaximumRules.
+NTSTATUS EmuKeyboardSetRules(PDEVICE_OBJECT pPhysical, const EmuAnswerRule* pRules, ULONG ulRules);
+// How many requests of the control pipe the keyboard holds. IRQL <= DISPATCH.
+ULONG EmuKeyboardHeldRequests(PDEVICE_OBJECT pPhysical);
+
+// memory.cpp
+// A fresh memory: an EEPROM of 64 bytes, every byte erased (0xFF). IRQL any.
+VOID EmuClearMemory(EmuMemory* pMemory);
 
 // reads.cpp
 // The keyboard sends a report: completes the oldest waiting read at DISPATCH_LEVEL, or keeps it for the next

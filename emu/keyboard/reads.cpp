@@ -17,9 +17,16 @@ VOID CompleteUrb(PIRP pIrp, PURB pUrb, NTSTATUS Status)
         usbStatus = USBD_STATUS_DEVICE_GONE;
     }
     pUrb->UrbHeader.Status = usbStatus;
-    pIrp->IoStatus.Status = Status;
-    pIrp->IoStatus.Information = 0;
-    IoCompleteRequest(pIrp, IO_NO_INCREMENT);
+    CompleteIrp(pIrp, Status);
+}
+
+ULONG CountEntries(const LIST_ENTRY* pHead)
+{
+    ULONG ulEntries = 0;
+    for (const LIST_ENTRY* p = pHead->Flink; p != pHead; p = p->Flink) {
+        ulEntries++;
+    }
+    return ulEntries;
 }
 
 // Completes a read without data. IRQL <= DISPATCH. Lock: none held.
@@ -236,11 +243,8 @@ NTSTATUS EmuKeyboardFailRead(PDEVICE_OBJECT pPhysical, NTSTATUS Status)
 ULONG EmuKeyboardPendingReads(PDEVICE_OBJECT pPhysical)
 {
     KeyboardDevice* pKeyboard = KeyboardOf(pPhysical);
-    ULONG ulReads = 0;
     KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pKeyboard->Lock);
-    for (PLIST_ENTRY p = pKeyboard->Waiting.Flink; p != &pKeyboard->Waiting; p = p->Flink) {
-        ulReads++;
-    }
+    ULONG ulReads = CountEntries(&pKeyboard->Waiting);
     KeReleaseSpinLock(&pKeyboard->Lock, irql);
     return ulReads;
 }

@@ -2,15 +2,58 @@
 // answered.
 //
 // Descriptor, class and vendor requests become the setup packet that the wire would carry, so that the
-// tables, the hook and the LED observer see one kind of request only.
+// tables, the rules, the hook and the observers see one kind of request only.
 #include "device.h"
 
-// A control request on its way through the keyboard.
-struct PipeRequest {
-    UCHAR ucSetup[8];
-    PUCHAR pBuffer;
-    PULONG pulLength; // the URB's TransferBufferLength
+// How a URB function is served, the size that its layout has at least, and, for a control request, the type
+// byte of its setup packet; a class or vendor request gets its direction from the transfer flags.
+enum UrbForm { ConfigurationForm, PipeForm, InterruptForm, SetupForm, DescriptorForm, RequestForm };
+
+struct UrbRow {
+    USHORT usFunction;
+    UrbForm Form;
+    USHORT usLayout;
+    UCHAR ucType;
 };
+
+enum : USHORT {
+    TransferLayout = sizeof(struct _URB_CONTROL_TRANSFER),
+    DescriptorLayout = sizeof(struct _URB_CONTROL_DESCRIPTOR_REQUEST),
+    RequestLayout = sizeof(struct _URB_CONTROL_VENDOR_OR_CLASS_REQUEST)
+};
+
+static const UrbRow Rows[] = {
+    {URB_FUNCTION_SELECT_CONFIGURATION, ConfigurationForm, sizeof(struct _URB_SELECT_CONFIGURATION), 0},
+    {URB_FUNCTION_ABORT_PIPE, PipeForm, sizeof(struct _URB_PIPE_REQUEST), 0},
+    {URB_FUNCTION_SYNC_RESET_PIPE_AND_CLEAR_STALL, PipeForm, sizeof(struct _URB_PIPE_REQUEST), 0},
+    {URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER, InterruptForm, sizeof(struct _URB_BULK_OR_INTERRUPT_TRANSFER),
+     0},
+    {URB_FUNCTION_CONTROL_TRANSFER, SetupForm, TransferLayout, 0},
+    {URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE, DescriptorForm, DescriptorLayout, 0x80},
+    {URB_FUNCTION_GET_DESCRIPTOR_FROM_INTERFACE, DescriptorForm, DescriptorLayout, 0x81},
+    {URB_FUNCTION_GET_DESCRIPTOR_FROM_ENDPOINT, DescriptorForm, DescriptorLayout, 0x82},
+    {URB_FUNCTION_SET_DESCRIPTOR_TO_DEVICE, DescriptorForm, DescriptorLayout, 0x00},
+    {URB_FUNCTION_SET_DESCRIPTOR_TO_INTERFACE, DescriptorForm, DescriptorLayout, 0x01},
+    {URB_FUNCTION_SET_DESCRIPTOR_TO_ENDPOINT, DescriptorForm, DescriptorLayout, 0x02},
+    {URB_FUNCTION_CLASS_DEVICE, RequestForm, RequestLayout, 0x20},
+    {URB_FUNCTION_CLASS_INTERFACE, RequestForm, RequestLayout, 0x21},
+    {URB_FUNCTION_CLASS_ENDPOINT, RequestForm, RequestLayout, 0x22},
+    {URB_FUNCTION_CLASS_OTHER, RequestForm, RequestLayout, 0x23},
+    {URB_FUNCTION_VENDOR_DEVICE, RequestForm, RequestLayout, 0x40},
+    {URB_FUNCTION_VENDOR_INTERFACE, RequestForm, RequestLayout, 0x41},
+    {URB_FUNCTION_VENDOR_ENDPOINT, RequestForm, RequestLayout, 0x42},
+    {URB_FUNCTION_VENDOR_OTHER, RequestForm, RequestLayout, 0x43},
+};
+
+static const UrbRow* FindRow(USHORT usFunction)
+{
+    for (const UrbRow& row : Rows) {
+        if (row.usFunction == usFunction) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
 
 PUCHAR TransferBufferOf(PVOID pBuffer, PMDL pMdl)
 {
@@ -33,70 +76,39 @@ static VOID PutSetup(PUCHAR pSetup, UCHAR ucType, UCHAR ucRequest, USHORT usValu
     pSetup[7] = (UCHAR)(ulLength >> 8);
 }
 
-// Answers a control request and completes it. Output reports are shown to the LED observer. IRQL <= DISPATCH.
-static NTSTATUS ServeControl(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pUrb, const PipeRequest& request)
+PipeRequest PipeRequestOf(PURB pUrb)
 {
-    const UCHAR* pSetup = request.ucSetup;
-    bool bOutputReport = (pSetup[0] & 0xE0) == 0x20 && pSetup[1] == 9 && pSetup[3] == 2;
+    const UrbRow* pRow = FindRow(pUrb->UrbHeader.Function);
+    auto& transfer = pUrb->UrbControlTransfer; // buffer, MDL and length lie at one place in all three layouts
+    PipeRequest request;
+    request.pBuffer = TransferBufferOf(transfer.TransferBuffer, transfer.TransferBufferMDL);
+    request.pulLength = &transfer.TransferBufferLength;
+    if (pRow->Form == SetupForm) {
+        RtlCopyMemory(request.ucSetup, transfer.SetupPacket, sizeof request.ucSetup);
+    } else if (pRow->Form == DescriptorForm) { // the language is the interface's number where it is asked
+        auto& urb = pUrb->UrbControlDescriptorRequest;
+        UCHAR ucRequest = pRow->ucType & 0x80 ? 6 : 7;
+        PutSetup(request.ucSetup, pRow->ucType, ucRequest, (USHORT)(urb.DescriptorType << 8 | urb.Index),
+                 urb.LanguageId, urb.TransferBufferLength);
+    } else {
+        auto& urb = pUrb->UrbControlVendorClassRequest;
+        UCHAR ucDirection = urb.TransferFlags & USBD_TRANSFER_DIRECTION_IN ? 0x80 : 0;
+        PutSetup(request.ucSetup, pRow->ucType | ucDirection, urb.Request, urb.Value, urb.Index,
+                 urb.TransferBufferLength);
+    }
+    return request;
+}
+
+// Serves a control request that has a buffer for its length. IRQL <= DISPATCH.
+static NTSTATUS ServeControl(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pUrb)
+{
+    PipeRequest request = PipeRequestOf(pUrb);
     if (*request.pulLength != 0 && !request.pBuffer) {
         *request.pulLength = 0;
         CompleteUrb(pIrp, pUrb, STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
-    if (bOutputReport && pKeyboard->Options.pLed) {
-        pKeyboard->Options.pLed(pKeyboard->Options.pLedContext, request.pBuffer, *request.pulLength);
-    }
-    NTSTATUS status = STATUS_NOT_SUPPORTED;
-    if (pKeyboard->Options.pHook) {
-        ULONG ulLength = *request.pulLength;
-        status =
-            pKeyboard->Options.pHook(pKeyboard->Options.pHookContext, pSetup, request.pBuffer, &ulLength);
-        if (status != STATUS_NOT_SUPPORTED) {
-            *request.pulLength = ulLength;
-        }
-    }
-    if (status == STATUS_NOT_SUPPORTED) {
-        status = AnswerControl(pKeyboard, pSetup, request.pBuffer, request.pulLength);
-    }
-    CompleteUrb(pIrp, pUrb, status);
-    return status;
-}
-
-// GET_DESCRIPTOR: the language word is the interface number when the recipient is an interface. IRQL <=
-// DISPATCH.
-static NTSTATUS ServeDescriptor(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pUrb, UCHAR ucType)
-{
-    auto& urb = pUrb->UrbControlDescriptorRequest;
-    PipeRequest request;
-    request.pBuffer = TransferBufferOf(urb.TransferBuffer, urb.TransferBufferMDL);
-    request.pulLength = &urb.TransferBufferLength;
-    PutSetup(request.ucSetup, ucType, 6, (USHORT)(urb.DescriptorType << 8 | urb.Index), urb.LanguageId,
-             urb.TransferBufferLength);
-    return ServeControl(pKeyboard, pIrp, pUrb, request);
-}
-
-// A class or vendor request; `ucType` holds kind and recipient. IRQL <= DISPATCH.
-static NTSTATUS ServeClassOrVendor(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pUrb, UCHAR ucType)
-{
-    auto& urb = pUrb->UrbControlVendorClassRequest;
-    if (urb.TransferFlags & USBD_TRANSFER_DIRECTION_IN) {
-        ucType |= 0x80;
-    }
-    PipeRequest request;
-    request.pBuffer = TransferBufferOf(urb.TransferBuffer, urb.TransferBufferMDL);
-    request.pulLength = &urb.TransferBufferLength;
-    PutSetup(request.ucSetup, ucType, urb.Request, urb.Value, urb.Index, urb.TransferBufferLength);
-    return ServeControl(pKeyboard, pIrp, pUrb, request);
-}
-
-static NTSTATUS ServeTransfer(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pUrb)
-{
-    auto& urb = pUrb->UrbControlTransfer;
-    PipeRequest request;
-    request.pBuffer = TransferBufferOf(urb.TransferBuffer, urb.TransferBufferMDL);
-    request.pulLength = &urb.TransferBufferLength;
-    RtlCopyMemory(request.ucSetup, urb.SetupPacket, sizeof request.ucSetup);
-    return ServeControl(pKeyboard, pIrp, pUrb, request);
+    return ServeByRules(pKeyboard, pIrp, pUrb);
 }
 
 // SELECT_CONFIGURATION: hands out the pipe of the first interrupt-IN endpoint. IRQL <= DISPATCH.
@@ -136,65 +148,35 @@ static NTSTATUS ServeInterrupt(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pUrb)
     return STATUS_INVALID_PARAMETER;
 }
 
-// The size that a URB function's layout has at least; 0 for a function that a keyboard does not know.
-static USHORT LayoutOf(USHORT usFunction)
+// A pipe request; a reset changes nothing here. IRQL <= DISPATCH.
+static NTSTATUS ServePipe(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pUrb)
 {
-    switch (usFunction) {
-    case URB_FUNCTION_SELECT_CONFIGURATION:
-        return sizeof(struct _URB_SELECT_CONFIGURATION);
-    case URB_FUNCTION_ABORT_PIPE:
-    case URB_FUNCTION_SYNC_RESET_PIPE_AND_CLEAR_STALL:
-        return sizeof(struct _URB_PIPE_REQUEST);
-    case URB_FUNCTION_CONTROL_TRANSFER:
-        return sizeof(struct _URB_CONTROL_TRANSFER);
-    case URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER:
-        return sizeof(struct _URB_BULK_OR_INTERRUPT_TRANSFER);
-    case URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE:
-    case URB_FUNCTION_GET_DESCRIPTOR_FROM_INTERFACE:
-        return sizeof(struct _URB_CONTROL_DESCRIPTOR_REQUEST);
-    case URB_FUNCTION_VENDOR_DEVICE:
-    case URB_FUNCTION_VENDOR_INTERFACE:
-    case URB_FUNCTION_CLASS_DEVICE:
-    case URB_FUNCTION_CLASS_INTERFACE:
-        return sizeof(struct _URB_CONTROL_VENDOR_OR_CLASS_REQUEST);
-    default:
-        return 0;
+    if (pUrb->UrbHeader.Function == URB_FUNCTION_ABORT_PIPE) {
+        PurgeReads(pKeyboard, STATUS_CANCELLED);
     }
+    CompleteUrb(pIrp, pUrb, STATUS_SUCCESS);
+    return STATUS_SUCCESS;
 }
 
 NTSTATUS SubmitUrb(KeyboardDevice* pKeyboard, PIRP pIrp)
 {
     auto pUrb = static_cast<PURB>(IoGetCurrentIrpStackLocation(pIrp)->Parameters.Others.Argument1);
-    USHORT usLayout = LayoutOf(pUrb->UrbHeader.Function);
-    if (usLayout == 0 || pUrb->UrbHeader.Length < usLayout) {
+    if (!pUrb) {
+        return CompleteIrp(pIrp, STATUS_INVALID_PARAMETER);
+    }
+    const UrbRow* pRow = FindRow(pUrb->UrbHeader.Function);
+    if (!pRow || pUrb->UrbHeader.Length < pRow->usLayout) {
         CompleteUrb(pIrp, pUrb, STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
-    switch (pUrb->UrbHeader.Function) {
-    case URB_FUNCTION_SELECT_CONFIGURATION:
+    switch (pRow->Form) {
+    case ConfigurationForm:
         return ServeConfiguration(pKeyboard, pIrp, pUrb);
-    case URB_FUNCTION_CONTROL_TRANSFER:
-        return ServeTransfer(pKeyboard, pIrp, pUrb);
-    case URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER:
+    case PipeForm:
+        return ServePipe(pKeyboard, pIrp, pUrb);
+    case InterruptForm:
         return ServeInterrupt(pKeyboard, pIrp, pUrb);
-    case URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE:
-        return ServeDescriptor(pKeyboard, pIrp, pUrb, 0x80);
-    case URB_FUNCTION_GET_DESCRIPTOR_FROM_INTERFACE:
-        return ServeDescriptor(pKeyboard, pIrp, pUrb, 0x81);
-    case URB_FUNCTION_VENDOR_DEVICE:
-        return ServeClassOrVendor(pKeyboard, pIrp, pUrb, 0x40);
-    case URB_FUNCTION_VENDOR_INTERFACE:
-        return ServeClassOrVendor(pKeyboard, pIrp, pUrb, 0x41);
-    case URB_FUNCTION_CLASS_DEVICE:
-        return ServeClassOrVendor(pKeyboard, pIrp, pUrb, 0x20);
-    case URB_FUNCTION_CLASS_INTERFACE:
-        return ServeClassOrVendor(pKeyboard, pIrp, pUrb, 0x21);
-    case URB_FUNCTION_ABORT_PIPE:
-        PurgeReads(pKeyboard, STATUS_CANCELLED);
-        break;
-    default: // a pipe reset changes nothing here
-        break;
+    default:
+        return ServeControl(pKeyboard, pIrp, pUrb);
     }
-    CompleteUrb(pIrp, pUrb, STATUS_SUCCESS);
-    return STATUS_SUCCESS;
 }

@@ -1,0 +1,276 @@
+// emu_test.cpp - the emulated keyboard's control pipe without a driver above it: each URB form's setup packet,
+// strings, memory, and answers that fail, come short, late or never.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "emu/app/machine.h"
+
+namespace
+{
+// One control request, sent to the keyboard itself, and what became of it.
+struct Transfer {
+    Transfer(USHORT usFunction, UCHAR ucRequest, USHORT usValue, USHORT usIndex, EmuBytes data, bool bIn)
+        : Data(std::move(data))
+    {
+        auto& urb = Urb.UrbControlVendorClassRequest;
+        urb.Hdr.Length = sizeof urb;
+        urb.Hdr.Function = usFunction;
+        urb.TransferFlags = bIn ? USBD_TRANSFER_DIRECTION_IN : 0;
+        urb.TransferBufferLength = static_cast<ULONG>(Data.size());
+        urb.RequestTypeReservedBits = 0x22;
+        urb.Request = ucRequest;
+        urb.Value = usValue;
+        urb.Index = usIndex;
+        if (usFunction == URB_FUNCTION_CONTROL_TRANSFER) {
+            Urb.UrbControlTransfer.SetupPacket[0] = bIn ? 0x80 : 0x00;
+            Urb.UrbControlTransfer.SetupPacket[1] = ucRequest;
+            memcpy(&Urb.UrbControlTransfer.SetupPacket[2], &usValue, 2);
+            memcpy(&Urb.UrbControlTransfer.SetupPacket[4], &usIndex, 2);
+            Urb.UrbControlTransfer.SetupPacket[6] = static_cast<UCHAR>(Data.size());
+            Urb.UrbControlTransfer.SetupPacket[7] = static_cast<UCHAR>(Data.size() >> 8);
+        } else if (ucRequest == 6 || ucRequest == 7) {
+            Urb.UrbControlDescriptorRequest.Index = static_cast<UCHAR>(usValue);
+            Urb.UrbControlDescriptorRequest.DescriptorType = static_cast<UCHAR>(usValue >> 8);
+            Urb.UrbControlDescriptorRequest.LanguageId = usIndex;
+        }
+    }
+
+    ULONG Moved() const { return Urb.UrbControlTransfer.TransferBufferLength; }
+
+    EmuBytes Data;
+    URB Urb = {};
+    NTSTATUS Status = STATUS_PENDING;
+    PIRP pIrp = nullptr; // valid until it completes
+};
+
+NTSTATUS NTAPI Completed(PDEVICE_OBJECT, PIRP pIrp, PVOID pContext)
+{
+    auto pTransfer = static_cast<Transfer*>(pContext);
+    pTransfer->Status = pIrp->IoStatus.Status;
+    pTransfer->pIrp = nullptr;
+    IoFreeIrp(pIrp);
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+class EmuPipe : public testing::Test
+{
+protected:
+    void SetUp() override { Plug({}); }
+
+    void Plug(const EmuPlugOptions& options)
+    {
+        if (!Machine) {
+            Machine = std::make_unique<EmuMachine>(EmuMachineOptions());
+        }
+        Keyboard = Machine->Plug(EmuBootKeyboard, options);
+        ASSERT_EQ(Keyboard->StartStatus(), STATUS_SUCCESS);
+        Keyboard->TakenRequests();
+    }
+
+    void TearDown() override { EXPECT_EQ(Machine->Unload(), 0u); }
+
+    void Send(Transfer& transfer)
+    {
+        transfer.Urb.UrbControlTransfer.TransferBuffer = transfer.Data.data();
+        PIRP pIrp = transfer.pIrp = IoAllocateIrp(Keyboard->Physical()->StackSize, FALSE);
+        PIO_STACK_LOCATION pNext = IoGetNextIrpStackLocation(pIrp);
+        pNext->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+        pNext->Parameters.DeviceIoControl.IoControlCode = IOCTL_INTERNAL_USB_SUBMIT_URB;
+        pNext->Parameters.Others.Argument1 = &transfer.Urb;
+        IoSetCompletionRoutine(pIrp, Completed, &transfer, TRUE, TRUE, TRUE);
+        IoCallDriver(Keyboard->Physical(), pIrp);
+    }
+
+    NTSTATUS Write(USHORT usFunction, UCHAR ucRequest, USHORT usValue, USHORT usIndex, EmuBytes data)
+    {
+        Transfer transfer(usFunction, ucRequest, usValue, usIndex, std::move(data), false);
+        Send(transfer);
+        return transfer.Status;
+    }
+
+    // What came back; nothing when the request failed.
+    EmuBytes Read(USHORT usFunction, UCHAR ucRequest, USHORT usValue, USHORT usIndex, ULONG ulBytes)
+    {
+        Transfer transfer(usFunction, ucRequest, usValue, usIndex, EmuBytes(ulBytes), true);
+        Send(transfer);
+        transfer.Data.resize(transfer.Moved());
+        EXPECT_EQ(NT_SUCCESS(transfer.Status), NT_SUCCESS(transfer.Urb.UrbHeader.Status));
+        EXPECT_TRUE(NT_SUCCESS(transfer.Status) || transfer.Data.empty());
+        return transfer.Data;
+    }
+
+    EmuBytes String(UCHAR ucIndex, USHORT usLanguage, ULONG ulBytes = 256)
+    {
+        return Read(URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE, 6, 0x0300 | ucIndex, usLanguage, ulBytes);
+    }
+
+    std::unique_ptr<EmuMachine> Machine;
+    EmuKeyboard* Keyboard = nullptr;
+};
+
+TEST_F(EmuPipe, EveryUrbFormBecomesItsSetupPacket)
+{
+    struct {
+        USHORT usFunction;
+        UCHAR ucRequest;
+        bool bIn;
+        UCHAR ucType;
+    } cases[] = {
+        {URB_FUNCTION_CONTROL_TRANSFER, 6, true, 0x80},
+        {URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE, 6, true, 0x80},
+        {URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE, 6, false, 0x80}, // the function tells the direction
+        {URB_FUNCTION_SET_DESCRIPTOR_TO_DEVICE, 7, false, 0x00},
+        {URB_FUNCTION_GET_DESCRIPTOR_FROM_INTERFACE, 6, true, 0x81},
+        {URB_FUNCTION_SET_DESCRIPTOR_TO_INTERFACE, 7, false, 0x01},
+        {URB_FUNCTION_VENDOR_DEVICE, 1, true, 0xC0},
+        {URB_FUNCTION_VENDOR_DEVICE, 9, false, 0x40},
+        {URB_FUNCTION_VENDOR_INTERFACE, 3, false, 0x41},
+        {URB_FUNCTION_CLASS_INTERFACE, 1, true, 0xA1},
+        {URB_FUNCTION_CLASS_INTERFACE, 9, false, 0x21},
+        {URB_FUNCTION_CLASS_DEVICE, 9, false, 0x20},
+    };
+    for (const auto& c : cases) {
+        Transfer transfer(c.usFunction, c.ucRequest, 0x1203, 0x3456, EmuBytes(0x107, 0x55), c.bIn);
+        Send(transfer);
+        std::vector<EmuRequest> requests = Keyboard->TakenRequests();
+        ASSERT_EQ(requests.size(), 1u) << c.usFunction;
+        std::array<UCHAR, 8> expected = {c.ucType, c.ucRequest, 0x03, 0x12, 0x56, 0x34, 0x07, 0x01};
+        EXPECT_EQ(requests[0].Setup, expected) << c.usFunction;
+        EXPECT_EQ(requests[0].Data.size(), c.ucType & 0x80 ? 0u : 0x107u);
+    }
+}
+
+TEST_F(EmuPipe, StringsHaveLanguagesAndLengths)
+{
+    EXPECT_EQ(String(0, 0), (EmuBytes{8, 3, 0x09, 0x04, 0x07, 0x04, 0x0C, 0x04}));
+    struct {
+        UCHAR ucIndex;
+        USHORT usLanguage;
+        UCHAR ucLength, ucFirst;
+    } cases[] = {
+        {1, 0x0409, 38, 'E'}, {1, 0x0407, 38, 'E'},  {2, 0x0409, 28, 'B'},
+        {2, 0x0407, 46, 'N'}, {2, 0x040C, 28, 'C'},  {3, 0x0409, 10, '0'},
+        {4, 0x0409, 2, 0},    {5, 0x0409, 254, 'T'}, {6, 0x0409, 255, 'A'},
+    };
+    for (const auto& c : cases) {
+        EmuBytes bytes = String(c.ucIndex, c.usLanguage);
+        ASSERT_EQ(bytes.size(), c.ucLength) << int(c.ucIndex) << " " << c.usLanguage;
+        EXPECT_EQ(bytes[0], c.ucLength);
+        EXPECT_EQ(bytes[1], USB_STRING_DESCRIPTOR_TYPE);
+        EXPECT_TRUE(c.ucLength == 2 || (bytes[2] == c.ucFirst && bytes[3] == 0)) << int(c.ucIndex);
+    }
+    EXPECT_EQ(String(2, 0x040C)[18], 0xE9); // é
+    EXPECT_EQ(String(6, 0x0409, 4), (EmuBytes{255, 3, 'A', 0}));
+    EXPECT_EQ(String(7, 0x0409), EmuBytes());
+    EXPECT_EQ(String(1, 0x0410), EmuBytes());
+}
+
+TEST_F(EmuPipe, EachMemoryKeepsWhatWasWrittenThroughItsDoor)
+{
+    const USHORT toDevice = URB_FUNCTION_SET_DESCRIPTOR_TO_DEVICE;
+    const USHORT fromDevice = URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE;
+    const USHORT classInterface = URB_FUNCTION_CLASS_INTERFACE, vendor = URB_FUNCTION_VENDOR_DEVICE;
+    EXPECT_EQ(Write(classInterface, 9, 0x0203, 1, {0x3E, 0x00, 0xA1, 0xA2}), STATUS_SUCCESS);
+    EXPECT_EQ(Write(toDevice, 7, 0x01FD, 0, {0xFE, 0x0F, 0xB1, 0xB2}), STATUS_SUCCESS);
+    EXPECT_EQ(Write(vendor, 9, 0x0200, 0x0FFE, {0xC1, 0xC2}), STATUS_SUCCESS);
+    EXPECT_EQ(Read(classInterface, 1, 0x0203, 0x3D01, 8), (EmuBytes{0xFF, 0xA1, 0xA2})); // cut at the end
+    EXPECT_EQ(Read(fromDevice, 6, 0x01FD, 0x0FFD, 8), (EmuBytes{0xFF, 0xB1, 0xB2}));
+    EXPECT_EQ(Read(vendor, 1, 0x0200, 0x0FFD, 8), (EmuBytes{0xFF, 0xC1, 0xC2}));
+    EXPECT_EQ(Read(vendor, 1, 0x0200, 0x0FFE, 0), EmuBytes());
+
+    // Beyond the end, without an address, by a wrong interface or index: refused, nothing written.
+    EmuMemory before = Keyboard->Memory();
+    EXPECT_NE(Write(classInterface, 9, 0x0203, 1, {0x3F, 0x00, 1, 2}), STATUS_SUCCESS);
+    EXPECT_NE(Write(classInterface, 9, 0x0203, 1, {0x00, 0x01, 1}), STATUS_SUCCESS);
+    EXPECT_NE(Write(toDevice, 7, 0x01FD, 0, {0x00}), STATUS_SUCCESS);
+    EXPECT_NE(Write(toDevice, 7, 0x01FD, 1, {0x00, 0x00, 1}), STATUS_SUCCESS);
+    EXPECT_NE(Write(vendor, 9, 0x0200, 0x0FFF, {1, 2}), STATUS_SUCCESS);
+    EXPECT_EQ(memcmp(&before, &Keyboard->Memory(), sizeof before), 0);
+    EXPECT_EQ(Read(classInterface, 1, 0x0203, 0x4101, 1), EmuBytes());
+    EXPECT_EQ(Read(vendor, 1, 0x0200, 0x1001, 1), EmuBytes());
+
+    // Replugged with the same memory.
+    EmuPlugOptions options;
+    options.Memory = std::make_shared<EmuMemory>(before);
+    options.Memory->ucEepromCount = 0xFF;
+    Keyboard->Unplug(true);
+    Plug(options);
+    EXPECT_EQ(Read(classInterface, 1, 0x0203, 0x3E01, 2), (EmuBytes{0xA1, 0xA2}));
+    EmuBytes report = Read(URB_FUNCTION_GET_DESCRIPTOR_FROM_INTERFACE, 6, 0x2200, 1, 100);
+    ASSERT_EQ(report.size(), 77u);
+    EXPECT_EQ(report[73] * report[71] / 8, 255);
+    EXPECT_EQ(Read(URB_FUNCTION_GET_DESCRIPTOR_FROM_INTERFACE, 6, 0x2200, 0, 100).size(), 63u);
+}
+
+TEST_F(EmuPipe, RulesDecideInOrderAndCount)
+{
+    auto read = [this](ULONG ulBytes) {
+        return Read(URB_FUNCTION_VENDOR_DEVICE, 1, 0x0200, 0, ulBytes).size();
+    };
+    ASSERT_EQ(Keyboard->SetRules({
+                  {0xC0, 1, 0x0200, EmuAny, EmuAnswerStatus, 0, STATUS_UNSUCCESSFUL, 1, 1},
+                  {0xC0, EmuAny, EmuAny, EmuAny, EmuAnswerShort, 3, 0, 2, 0},
+              }),
+              STATUS_SUCCESS);
+    EXPECT_EQ(read(8), 8u); // the first rule skips it, the second too
+    EXPECT_EQ(read(8), 0u);
+    EXPECT_EQ(read(8), 8u); // the second skips one that it sees for the second time
+    EXPECT_EQ(read(8), 3u);
+    EXPECT_EQ(read(2), 2u);
+    EXPECT_EQ(Write(URB_FUNCTION_VENDOR_DEVICE, 9, 0x0200, 0, {1}), STATUS_SUCCESS); // no rule's business
+    EXPECT_EQ(Keyboard->SetRules(std::vector<EmuAnswerRule>(EmuMaximumRules + 1)), STATUS_INVALID_PARAMETER);
+
+    ASSERT_EQ(Keyboard->SetRules({{EmuAny, EmuAny, EmuAny, EmuAny, EmuAnswerUrbStatus, 0, 0, 0, 0}}),
+              STATUS_SUCCESS);
+    Transfer failed(URB_FUNCTION_VENDOR_DEVICE, 1, 0x0200, 0, EmuBytes(8), true);
+    Send(failed);
+    EXPECT_EQ(failed.Status, STATUS_SUCCESS);
+    EXPECT_TRUE(USBD_ERROR(failed.Urb.UrbHeader.Status));
+    EXPECT_EQ(failed.Moved(), 0u);
+}
+
+TEST_F(EmuPipe, LateNeverAndDeafRequestsEndAsTold)
+{
+    const LONG any = EmuAny;
+    ASSERT_EQ(Keyboard->SetRules({
+                  {0xC0, any, any, 1, EmuAnswerLate, 50, 0, 0, 0},
+                  {0xC0, any, any, 2, EmuAnswerLate, 20, 0, 0, 0},
+                  {0xC0, any, any, 3, EmuAnswerNever, 0, 0, 0, 0},
+                  {0xC0, any, any, 4, EmuAnswerDeaf, 0, 0, 0, 0},
+              }),
+              STATUS_SUCCESS);
+    auto make = [](USHORT usIndex) {
+        return Transfer(URB_FUNCTION_VENDOR_DEVICE, 1, 0x0200, usIndex, EmuBytes(4), true);
+    };
+    Transfer late = make(1), sooner = make(2), given = make(2), never = make(3), left = make(3),
+             deaf = make(4);
+    Transfer* all[] = {&late, &sooner, &given, &never, &left, &deaf};
+    for (Transfer* pTransfer : all) {
+        Send(*pTransfer);
+    }
+    EXPECT_EQ(Keyboard->HeldRequests(), 6u);
+    for (Transfer* pTransfer : {&given, &never, &deaf}) {
+        IoCancelIrp(pTransfer->pIrp);
+    }
+    EXPECT_EQ(given.Status, STATUS_CANCELLED);
+    EXPECT_EQ(never.Status, STATUS_CANCELLED);
+    EXPECT_EQ(Keyboard->HeldRequests(), 4u);
+    HostAdvanceToUs(HostNowUs() + 30000);
+    EXPECT_EQ(sooner.Status, STATUS_SUCCESS);
+    EXPECT_EQ(sooner.Moved(), 4u);
+    EXPECT_EQ(late.Status, STATUS_PENDING);
+    HostAdvanceToUs(HostNowUs() + 30000);
+    EXPECT_EQ(late.Status, STATUS_SUCCESS);
+    HostAdvanceToUs(HostNowUs() + 3600000000);
+    EXPECT_EQ(Keyboard->HeldRequests(), 2u);
+    Keyboard->SurpriseRemove();
+    EXPECT_EQ(left.Status, STATUS_DELETE_PENDING);
+    EXPECT_EQ(deaf.Status, STATUS_DELETE_PENDING);
+    EXPECT_EQ(deaf.Moved(), 0u);
+    Transfer after = make(1);
+    Send(after);
+    EXPECT_EQ(after.Status, STATUS_DELETE_PENDING);
+    Keyboard->Remove();
+}
+} // namespace
