@@ -19,7 +19,7 @@ constexpr uint32_t TvUsbControlCode(uint32_t ulFunction)
 }
 
 // The requests. Above each: its group, what it does, when it fails with UNSUCCESSFUL, which other statuses it
-// gives. Behind it: input -> output. "index" is a record (ControlRequest) whose ulDeviceIndex names a
+// gives, what it does without the keyboard if that is nothing the table tells. Behind it: input -> output. "index" is a record (ControlRequest) whose ulDeviceIndex names a
 // keyboard, "record" one whose index is not looked at; behind it stands what its payload holds.
 // What is checked in which order stands in table.cpp. docs/requests.md and client/requesttexts.h are
 // made from all three by scripts/make-requests.
@@ -115,9 +115,9 @@ enum : uint32_t {
     // no keyboard has this index. Also: the status of the last keyboard class device that was asked.
     IOCTL_TVUSB_SET_TYPEMATIC = TvUsbControlCode(0x81C), // index, repeat rate, delay index
 
-    // [events] Takes up to count events; records without an event are zero, all of them when no keyboard
-    // has this index. The output has at least 20 bytes, even for count 0. Unsuccessful: the output is
-    // shorter than count records.
+    // [events] Takes up to count events; records without an event are zero. The output has at least 20
+    // bytes, even for count 0. Unsuccessful: the output is shorter than count records. No keyboard:
+    // succeeds, and every record is zero.
     IOCTL_TVUSB_TAKE_MANY_NOTIFY = TvUsbControlCode(0x81D), // index, count -> count NotifyRecord
 
     // [keyboards] The index of the keyboard whose device interface has this name, in upper or lower case,
@@ -422,12 +422,13 @@ static_assert(offsetof(KeyboardInfo, DeviceObjectName) == 516, "DeviceObjectName
 static_assert(offsetof(KeyboardInfo, Description) == 1028, "Description at 1028");
 static_assert(offsetof(KeyboardInfo, Reserved) == 1540, "Reserved at 1540");
 
-// All keyboards.
+// One of the keyboards.
 struct KeyboardListEntry {
     uint32_t ulDeviceIndex;
     uint32_t ulControlPipe; // low 32 bits of the pipe handle seen last, 0 = none
 };
 
+// All keyboards, newest first.
 struct KeyboardList {
     uint16_t usCount;
     uint16_t usReserved; // 0

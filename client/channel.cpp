@@ -1,0 +1,90 @@
+// channel.cpp - builds the input records of both process sizes and sends them.
+#include "client/channel.h"
+
+#include <stddef.h>
+#include <string.h>
+
+#include <algorithm>
+
+namespace tvusb
+{
+namespace
+{
+template <class Record> std::vector<uint8_t> BuildRecord(uint32_t ulIndex, const Bytes& payload)
+{
+    std::vector<uint8_t> in(std::max<size_t>(sizeof(Record), offsetof(Record, Payload) + payload.ulLength));
+    memcpy(in.data(), &ulIndex, sizeof(ulIndex));
+    if (payload.ulLength != 0) {
+        memcpy(in.data() + offsetof(Record, Payload), payload.pData, payload.ulLength);
+    }
+    return in;
+}
+} // namespace
+
+Channel::Channel(std::unique_ptr<Transport> transport) : m_Shared(std::make_shared<Shared>())
+{
+    m_Shared->pTransport = std::move(transport);
+}
+
+Status Channel::Open() const
+{
+    if (System() == nullptr) {
+        return Status::NotOpen;
+    }
+    Status status = System()->Open();
+    m_Shared->bOpen = status.Ok();
+    return status;
+}
+
+void Channel::Close() const
+{
+    if (IsOpen()) {
+        System()->Close();
+        m_Shared->bOpen = false;
+    }
+}
+
+Status Channel::Send(uint32_t ulCode, const Bytes& in, std::vector<uint8_t>* pOut) const
+{
+    if (!IsOpen()) {
+        return {Status::NotOpen, ulCode};
+    }
+    auto ulOut = static_cast<uint32_t>(pOut->size());
+    uint32_t ulReported = 0;
+    uint32_t ulStatus = System()->Send(ulCode, in.pData, in.ulLength, pOut->data(), ulOut, &ulReported);
+    pOut->resize(std::min(ulReported, ulOut));
+    return {ulStatus, ulCode};
+}
+
+Status Channel::SendRecord(uint32_t ulCode, uint32_t ulIndex, const Bytes& payload,
+                           std::vector<uint8_t>* pOut) const
+{
+    if (!IsOpen()) {
+        return {Status::NotOpen, ulCode};
+    }
+    std::vector<uint8_t> in = System()->Is32() ? BuildRecord<ControlRequest32>(ulIndex, payload)
+                                               : BuildRecord<ControlRequest64>(ulIndex, payload);
+    return Send(ulCode, {in.data(), static_cast<uint32_t>(in.size())}, pOut);
+}
+
+Status Channel::SendRecord(uint32_t ulCode, uint32_t ulIndex, const Bytes& payload) const
+{
+    std::vector<uint8_t> none;
+    return SendRecord(ulCode, ulIndex, payload, &none);
+}
+
+Status Channel::SendHandle(uint32_t ulCode, uint32_t ulIndex, uint64_t hEvent) const
+{
+    bool b32 = IsOpen() && System()->Is32();
+    return SendRecord(ulCode, ulIndex, {&hEvent, b32 ? 4u : 8u});
+}
+
+bool Channel::Copy(const std::vector<uint8_t>& out, void* pTo, size_t length)
+{
+    if (out.size() < length) {
+        return false;
+    }
+    memcpy(pTo, out.data(), length);
+    return true;
+}
+} // namespace tvusb

@@ -1,0 +1,74 @@
+// status.cpp - what a status means in words: first for its request, then in general.
+#include "client/status.h"
+
+#include <stdio.h>
+
+#include "client/requesttexts.h"
+
+namespace tvusb
+{
+namespace
+{
+struct StatusText {
+    uint32_t ulValue;
+    const char* pMeaning;
+};
+
+const StatusText StatusTexts[] = {
+    {Status::Success, "done"},
+    {Status::Timeout, "nothing happened in this time"},
+    {Status::Unsuccessful, "the driver could not do it"},
+    {Status::InvalidHandle, "the handle is not open"},
+    {Status::InvalidParameter, "a value does not fit the request, which was not sent"},
+    {Status::InvalidDeviceRequest, "the driver does not know this request, or refuses it"},
+    {Status::AccessDenied, "this account may not do that"},
+    {Status::BufferTooSmall, "the request's input or output is too short"},
+    {Status::ObjectTypeMismatch, "the handle is not one of an event"},
+    {Status::NameNotFound, "no keyboard of the driver is started, so there is nothing to open"},
+    {Status::InsufficientResources, "memory is short"},
+    {Status::DeviceDataError, "fewer bytes came than were asked for"},
+    {Status::Cancelled, "the request was called back"},
+    {Status::NotOpen, "the driver is not open"},
+    {0xC000000E, "the keyboard is gone"},
+    {0xC0000056, "the keyboard is being removed"},
+    {0xC000009D, "the keyboard is not connected"},
+    {0xC00000A3, "the keyboard is not ready"},
+    {0xC00000B5, "the keyboard did not answer in time"},
+    {0xC00000BB, "the keyboard does not support this"},
+    {0xC0000185, "the keyboard refused the transfer"},
+};
+
+const RequestText* FindRequest(uint32_t ulCode)
+{
+    for (const RequestText& row : RequestTexts) {
+        if (row.ulCode == ulCode) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+} // namespace
+
+const char* Status::Meaning() const
+{
+    const RequestText* pRequest = FindRequest(m_ulRequest);
+    if (m_ulValue == Unsuccessful && pRequest != nullptr && pRequest->pUnsuccessful[0] != 0) {
+        return pRequest->pUnsuccessful;
+    }
+    for (const StatusText& row : StatusTexts) {
+        if (row.ulValue == m_ulValue) {
+            return row.pMeaning;
+        }
+    }
+    return Ok() ? "done" : "the system or the keyboard's bus reported this status";
+}
+
+std::string Status::Text() const
+{
+    const RequestText* pRequest = FindRequest(m_ulRequest);
+    char value[16];
+    snprintf(value, sizeof(value), "0x%08X", static_cast<unsigned>(m_ulValue));
+    return (pRequest != nullptr ? std::string(pRequest->pName) + ": " : std::string()) + Meaning() + " (" +
+           value + ")";
+}
+} // namespace tvusb

@@ -1,0 +1,41 @@
+// transport.h - the way to the driver: all that the library needs of the system it runs on.
+//
+// Two stand behind it: the host's application side (host_transport.cpp) and Windows (windows_transport.cpp).
+// Statuses are the driver's 32-bit values (status.h). Send, NewEvent, WaitEvent and FreeEvent may be called by
+// several threads at once; Open and Close only while no other call runs.
+#pragma once
+
+#include <stdint.h>
+
+#include <memory>
+
+namespace tvusb
+{
+class Transport
+{
+public:
+    virtual ~Transport() = default;
+
+    // Opens the driver's control device. Fails: NameNotFound, AccessDenied, the system's status.
+    virtual uint32_t Open() = 0;
+    // Closes it; the driver's last close releases all that the application had set up.
+    virtual void Close() = 0;
+    // Sends one control request and waits for its end. *pulReported: the bytes written to pOut, 0 after a failure.
+    virtual uint32_t Send(uint32_t ulCode, const void* pIn, uint32_t ulIn, void* pOut, uint32_t ulOut,
+                          uint32_t* pulReported) = 0;
+    // Whether the process is a 32-bit one: its input records have another layout.
+    virtual bool Is32() const = 0;
+
+    // An event object that a wait resets. Fails: 0.
+    virtual uint64_t NewEvent() = 0;
+    // Success when it was set, Timeout after so many milliseconds, else why the wait ended.
+    virtual uint32_t WaitEvent(uint64_t hEvent, uint32_t ulTimeoutMs) = 0;
+    virtual void FreeEvent(uint64_t hEvent) = 0;
+};
+
+constexpr uint32_t WAIT_FOREVER = 0xFFFFFFFF;
+
+// The transport that a Driver without a choice of its own takes: on Windows the system's, elsewhere the one that
+// the program provides by defining this routine.
+std::unique_ptr<Transport> SystemTransport();
+} // namespace tvusb

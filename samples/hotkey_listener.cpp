@@ -1,0 +1,67 @@
+// hotkey_listener.cpp - makes Ctrl+F1 a hotkey of the first keyboard and tells when it goes down and up.
+//
+//     hotkey_listener [EVENTS]     ends after so many events (4), or when none came for 10 seconds
+//
+// Build it against an emulated keyboard that someone types at, or for Windows:
+//     g++ -std=c++17 -I. samples/hotkey_listener.cpp -Lbuild/release -lstand -lclient -lemu -lsys -lhost
+//     x86_64-w64-mingw32-g++ -std=c++17 -static -I. samples/hotkey_listener.cpp -Lbuild/windows -lclient
+#include <stdio.h>
+#include <stdlib.h>
+
+#include "client/client.h"
+
+static int Fail(const tvusb::Status& status)
+{
+    fprintf(stderr, "hotkey_listener: %s\n", status.Text().c_str());
+    return 1;
+}
+
+// Tells of events until there were enough of them.
+static tvusb::Status Tell(const tvusb::NotifyListener& listener, unsigned long ulEvents)
+{
+    while (ulEvents != 0) {
+        auto records = listener.Wait(10000);
+        if (!records || records->empty()) {
+            return records.Error();
+        }
+        for (const NotifyRecord& record : *records) {
+            printf("hotkey %u %s\n", record.ulId, record.ulValue == 1 ? "down" : "up");
+            ulEvents -= ulEvents != 0;
+        }
+    }
+    return tvusb::Status::Success;
+}
+
+int main(int argc, char** argv)
+{
+    tvusb::Driver driver;
+    tvusb::Status status = driver.Open();
+    if (!status.Ok()) {
+        return Fail(status);
+    }
+    auto keyboards = driver.GetKeyboards();
+    if (!keyboards || keyboards->empty()) {
+        return Fail(keyboards.Error());
+    }
+    const KeyboardInfo& first = keyboards->front();
+    printf("keyboard %u: %s\n", first.ulDeviceIndex, tvusb::ToUtf8(tvusb::TextOf(first.Description)).c_str());
+    auto keyboard = driver.FindByIndex(first.ulDeviceIndex);
+    if (!keyboard) {
+        return Fail(keyboard.Error());
+    }
+    // F1 is scan code 3B. The system does not get to see it while Ctrl is held.
+    status = keyboard->AddDefinition(tvusb::MakeHotkey(7, MODIFIER_ANY_CONTROL, {0x3B}, true));
+    if (!status.Ok()) {
+        return Fail(status);
+    }
+    auto listener = keyboard->Events().Listen();
+    if (!listener) {
+        return Fail(listener.Error());
+    }
+    status = keyboard->StartProcessing();
+    if (!status.Ok()) {
+        return Fail(status);
+    }
+    status = Tell(*listener, argc > 1 ? strtoul(argv[1], nullptr, 10) : 4);
+    return status == tvusb::Status::Success ? 0 : Fail(status);
+}

@@ -1,0 +1,64 @@
+// stand.cpp - what an application finds where no driver is installed: the driver itself on the emulated system,
+// one emulated keyboard, and someone who presses Ctrl+F1 every half second.
+//
+// The machine comes up with the first transport and goes down when the program ends; what is left over then is
+// told on standard error, and the program ends with 1. Time is virtual: it passes while every thread waits.
+#include <atomic>
+#include <cstdlib>
+
+#include "client/host_transport.h"
+#include "emu/app/machine.h"
+
+extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistryPath);
+
+namespace
+{
+class Stand
+{
+public:
+    Stand() : m_Machine(Options()), m_pKeyboard(m_Machine.Plug()), m_hPause(HostCreateEvent(false))
+    {
+        m_Typist = HostStartThread([this] { Type(); });
+    }
+
+    ~Stand()
+    {
+        m_bEnd = true;
+        HostJoinThread(m_Typist);
+        HostCloseHandle(m_hPause);
+        if (m_Machine.Unload() != 0) {
+            _Exit(1);
+        }
+    }
+
+private:
+    static EmuMachineOptions Options()
+    {
+        EmuMachineOptions options;
+        options.Entry = DriverEntry;
+        return options;
+    }
+
+    void Type()
+    {
+        while (!m_bEnd && HostWaitEvent(m_hPause, 500000) == STATUS_TIMEOUT) {
+            m_pKeyboard->Report({0x01, 0, 0, 0, 0, 0, 0, 0});
+            m_pKeyboard->Report({0x01, 0, 0x3A, 0, 0, 0, 0, 0});
+            m_pKeyboard->Report({0x01, 0, 0, 0, 0, 0, 0, 0});
+            m_pKeyboard->Report({0x00, 0, 0, 0, 0, 0, 0, 0});
+        }
+    }
+
+    EmuMachine m_Machine;
+    EmuKeyboard* m_pKeyboard;
+    HANDLE m_hPause; // never set
+    std::atomic<bool> m_bEnd{false};
+    HostThread m_Typist;
+};
+} // namespace
+
+std::unique_ptr<tvusb::Transport> tvusb::SystemTransport()
+{
+    static Stand stand;
+    return HostTransport();
+}

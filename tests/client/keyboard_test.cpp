@@ -1,0 +1,259 @@
+// keyboard_test.cpp - the library against a running driver and emulated keyboards, as processes of both sizes.
+#include <gtest/gtest.h>
+
+#include "client/client.h"
+#include "client/host_transport.h"
+#include "driver/driver.h"
+#include "emu/app/machine.h"
+
+namespace
+{
+using tvusb::Status;
+using Found = tvusb::Result<tvusb::Keyboard>;
+
+const char16_t HARDWARE_ID[] = u"HID\\VID_1234";
+
+class ClientTest : public testing::TestWithParam<tvusb::ProcessSize>
+{
+protected:
+    static EmuMachineOptions Options()
+    {
+        EmuMachineOptions options;
+        options.Entry = DriverEntry;
+        return options;
+    }
+
+    void SetUp() override
+    {
+        pPlugged = machine.Plug();
+        driver = tvusb::Driver(tvusb::HostTransport(GetParam()));
+        ASSERT_TRUE(driver.Open().Ok());
+        auto found = driver.FindByIndex(pPlugged->Index());
+        ASSERT_TRUE(found.Ok()) << found.Error().Text();
+        keyboard = *found;
+    }
+
+    void TearDown() override
+    {
+        driver.Close();
+        EXPECT_EQ(machine.Unload(), 0u);
+    }
+
+    std::u16string NameOf(EmuKeyboard* pKeyboard) const
+    {
+        const UNICODE_STRING& name = FilterContextOf(pKeyboard->Filter())->InterfaceLinkName;
+        return std::u16string(reinterpret_cast<const char16_t*>(name.Buffer), name.Length / 2);
+    }
+
+    // Ctrl+F1 goes down and up.
+    void PressHotkey()
+    {
+        pPlugged->Report({0x01, 0, 0, 0, 0, 0, 0, 0});
+        pPlugged->Report({0x01, 0, 0x3A, 0, 0, 0, 0, 0});
+        pPlugged->Report({0x00, 0, 0, 0, 0, 0, 0, 0});
+    }
+
+    EmuMachine machine{Options()};
+    EmuKeyboard* pPlugged = nullptr;
+    tvusb::Driver driver{nullptr};
+    tvusb::Keyboard keyboard;
+};
+
+TEST_P(ClientTest, AHotkeyIsTold)
+{
+    KeyDefinition hotkey = tvusb::MakeHotkey(7, MODIFIER_ANY_CONTROL, {0x3B}, true);
+    ASSERT_TRUE(keyboard.AddDefinition(hotkey).Ok());
+    EXPECT_EQ(keyboard.AddDefinition(hotkey), Status::Unsuccessful);
+    auto listener = keyboard.Events().Listen();
+    ASSERT_TRUE(listener.Ok());
+    EXPECT_EQ(keyboard.Events().Listen().Error(), Status::Unsuccessful) << "one event a keyboard";
+    ASSERT_TRUE(keyboard.StartProcessing().Ok());
+    EXPECT_EQ(keyboard.StartProcessing(), Status::Unsuccessful);
+
+    auto none = listener->Wait(10);
+    EXPECT_EQ(none.Error(), Status::Timeout);
+    EXPECT_TRUE(none->empty());
+    PressHotkey();
+    auto records = listener->Wait(10);
+    ASSERT_EQ(records->size(), 2u);
+    EXPECT_EQ(records->at(0).ulId, 7u);
+    EXPECT_EQ(records->at(0).ulValue, 1u);
+    EXPECT_EQ(records->at(1).ulValue, 0u);
+    EXPECT_EQ(listener->Wait(10).Error(), Status::Timeout) << "the event was for what was taken";
+
+    EXPECT_TRUE(keyboard.RemoveDefinition(7).Ok());
+    EXPECT_EQ(keyboard.RemoveDefinition(7), Status::Unsuccessful);
+    EXPECT_TRUE(keyboard.StopProcessing().Ok());
+    PressHotkey();
+    EXPECT_EQ(*keyboard.Events().Count(), 0u);
+}
+
+TEST_P(ClientTest, AQueueIsCountedPeekedTakenAndCleared)
+{
+    ASSERT_TRUE(keyboard.AddDefinition(tvusb::MakeHotkey(7, MODIFIER_ANY_CONTROL, {0x3B}, true)).Ok());
+    ASSERT_TRUE(keyboard.StartProcessing().Ok());
+    tvusb::NotifyQueue queue = keyboard.Events();
+    EXPECT_EQ(queue.Take().Error(), Status::Unsuccessful);
+    EXPECT_TRUE(queue.TakeMany(0)->empty());
+    PressHotkey();
+    PressHotkey();
+    EXPECT_EQ(*queue.Count(), 4u);
+    EXPECT_EQ(queue.Peek()->ulValue, 1u);
+    EXPECT_EQ(queue.Take()->ulValue, 1u);
+    EXPECT_EQ(queue.Take()->ulValue, 0u);
+    EXPECT_EQ(queue.TakeMany(9)->size(), 2u) << "only those that were there";
+    PressHotkey();
+    EXPECT_TRUE(queue.Clear().Ok());
+    EXPECT_TRUE(queue.TakeAll()->empty());
+}
+
+TEST_P(ClientTest, MacroModeIsAskedAndItsQueueHasOneEvent)
+{
+    auto macros = driver.Macros();
+    EXPECT_FALSE(*macros.IsOn());
+    EXPECT_TRUE(macros.SetCapture(1).Ok());
+    EXPECT_EQ(*macros.GetCapture(), 1u);
+    EXPECT_TRUE(macros.SetCapture(0).Ok());
+    EXPECT_TRUE(macros.Reload().Ok());
+    EXPECT_TRUE(macros.Records().Clear().Ok());
+    auto listener = macros.Records().Listen();
+    ASSERT_TRUE(listener.Ok());
+    EXPECT_EQ(macros.Records().Listen().Error(), Status::Unsuccessful);
+    EXPECT_EQ(listener->Wait(10).Error(), Status::Timeout);
+    EXPECT_EQ(macros.Records().Take().Error(), Status::Unsuccessful);
+    listener->Stop();
+    EXPECT_TRUE(macros.Records().Listen().Ok());
+}
+
+TEST_P(ClientTest, InsertedReportsReachTheSystem)
+{
+    pPlugged->Taken();
+    EXPECT_TRUE(keyboard
+                    .InsertPackets({tvusb::MakeReport({0, 0, 4, 0, 0, 0, 0, 0}),
+                                    tvusb::MakeReport({0, 0, 0, 0, 0, 0, 0, 0})},
+                                   true)
+                    .Ok());
+    auto received = pPlugged->Taken();
+    ASSERT_EQ(received.size(), 2u);
+    EXPECT_EQ(received[0].Bytes, (EmuBytes{0, 0, 4, 0, 0, 0, 0, 0}));
+
+    EXPECT_TRUE(keyboard.InsertScans({0x1D, 0x9D}, true).Ok());
+    received = pPlugged->Taken();
+    ASSERT_EQ(received.size(), 2u);
+    EXPECT_EQ(received[0].Bytes[0], 0x01);
+    EXPECT_EQ(received[1].Bytes[0], 0x00);
+}
+
+TEST_P(ClientTest, KeyboardsAreFoundThreeWaysAndAgain)
+{
+    machine.Plug(EmuPowerKeyboard); // stays, so that the driver does
+    EmuKeyboard* pTwin = machine.Plug();
+    auto infos = driver.GetKeyboards();
+    ASSERT_EQ(infos->size(), 3u);
+    EXPECT_EQ(*driver.GetKeyboardCount(), 3u);
+    EXPECT_EQ(driver.ListKeyboards()->size(), 3u);
+    EXPECT_EQ(infos->at(0).ulDeviceIndex, 0u);
+    std::u16string id = tvusb::TextOf(infos->at(0).HardwareId);
+    ASSERT_FALSE(id.empty());
+    for (char16_t& c : id) {
+        c = c >= u'A' && c <= u'Z' ? char16_t(c + 0x20) : c;
+    }
+    std::u16string name = NameOf(pPlugged);
+
+    Found byName = driver.FindByName(name);
+    Found byId = driver.FindByHardwareId(id);
+    Found second = driver.FindByHardwareId(id, 1);
+    ASSERT_TRUE(byName.Ok()) << byName.Error().Text();
+    EXPECT_EQ(byName->Index(), 0u);
+    EXPECT_EQ(driver.FindByName(name.substr(4))->Index(), 0u);
+    EXPECT_EQ(byId->Index(), 0u);
+    EXPECT_EQ(second->Index(), pTwin->Index());
+    EXPECT_EQ(driver.FindByHardwareId(id, 2).Error(), Status::Unsuccessful);
+    EXPECT_EQ(driver.FindByHardwareId(HARDWARE_ID).Error(), Status::Unsuccessful);
+    EXPECT_EQ(driver.FindByName(u"nobody").Error(), Status::Unsuccessful);
+    EXPECT_EQ(driver.FindByIndex(77).Error(), Status::Unsuccessful);
+
+    // The twin is plugged in again: it is still the second by its id, with another index.
+    Found byIndex = driver.FindByIndex(pTwin->Index());
+    pTwin->Unplug(true);
+    EXPECT_EQ(second->FindAgain(), Status::Unsuccessful);
+    EXPECT_EQ(byIndex->FindAgain(), Status::Unsuccessful);
+    EXPECT_EQ(byIndex->GetLeds().Error(), Status::Unsuccessful);
+    pTwin = machine.Plug();
+    ASSERT_TRUE(second->FindAgain().Ok());
+    ASSERT_TRUE(byIndex->FindAgain().Ok());
+    EXPECT_EQ(second->Index(), pTwin->Index());
+    EXPECT_EQ(byIndex->Index(), pTwin->Index());
+    EXPECT_TRUE(byIndex->StartProcessing().Ok());
+    EXPECT_TRUE(byName->FindAgain().Ok());
+    EXPECT_EQ(byName->Index(), 0u);
+}
+
+// The last keyboard goes: the application is told, closes, and opens again when it is back.
+TEST_P(ClientTest, TheLastKeyboardIsPulledOutAndPluggedInAgain)
+{
+    auto event = driver.MakeEvent();
+    ASSERT_TRUE(event.Ok());
+    ASSERT_TRUE(driver.RegisterApplicationEvent(*event).Ok());
+    EXPECT_EQ(event->Wait(0), Status::Timeout);
+    Status told = Status::Timeout;
+    HostThread application = HostStartThread([&] {
+        told = event->Wait(tvusb::WAIT_FOREVER);
+        driver.Close();
+    });
+    pPlugged->Unplug(true);
+    HostJoinThread(application);
+    EXPECT_EQ(told, Status::Success);
+    EXPECT_EQ(driver.Open(), Status::NameNotFound);
+    EXPECT_EQ(keyboard.FindAgain(), Status::NotOpen);
+
+    pPlugged = machine.Plug();
+    ASSERT_TRUE(driver.Open().Ok());
+    ASSERT_TRUE(keyboard.FindAgain().Ok());
+    EXPECT_EQ(keyboard.Index(), pPlugged->Index());
+    EXPECT_TRUE(keyboard.StartProcessing().Ok());
+}
+
+TEST_P(ClientTest, HandlesCloseOnceAndMovedFromOnesAnswer)
+{
+    auto listener = keyboard.Events().Listen();
+    ASSERT_TRUE(listener.Ok());
+    tvusb::NotifyListener moved = std::move(*listener);
+    EXPECT_EQ(listener->Wait(0).Error(), Status::NotOpen);
+    EXPECT_EQ(moved.Wait(0).Error(), Status::Timeout);
+    listener->Stop(); // of nothing: the registration is the other's
+    EXPECT_EQ(keyboard.Events().Listen().Error(), Status::Unsuccessful);
+    moved = tvusb::NotifyListener();
+    moved = std::move(*keyboard.Events().Listen());
+    EXPECT_EQ(moved.Wait(0).Error(), Status::Timeout);
+    moved.Stop();
+    EXPECT_TRUE(keyboard.Events().Listen().Ok()) << "each end releases the registration";
+
+    tvusb::Event event = std::move(*driver.MakeEvent());
+    tvusb::Event other = std::move(event);
+    EXPECT_EQ(event.Wait(0), Status::NotOpen);
+    EXPECT_EQ(other.Wait(0), Status::Timeout);
+    EXPECT_EQ(keyboard.Events().Register(event), Status::InvalidHandle);
+
+    tvusb::Keyboard taken = std::move(keyboard);
+    EXPECT_EQ(keyboard.SetLeds(0), Status::NotOpen);
+    EXPECT_EQ(keyboard.FindAgain(), Status::NotOpen);
+    tvusb::Driver second = std::move(driver);
+    EXPECT_FALSE(driver.IsOpen());
+    EXPECT_EQ(driver.Open(), Status::NotOpen);
+    EXPECT_EQ(driver.GetVersion().Error(), Status::NotOpen);
+    EXPECT_EQ(driver.MakeEvent().Error(), Status::NotOpen);
+    EXPECT_EQ(*second.GetVersion(), 0x00010300u);
+    second.Close();
+    second.Close();
+    EXPECT_EQ(taken.GetLeds().Error(), Status::NotOpen) << "a keyboard of a closed driver";
+    EXPECT_TRUE(second.Open().Ok());
+    EXPECT_TRUE(taken.GetLeds().Ok());
+}
+
+INSTANTIATE_TEST_SUITE_P(Processes, ClientTest,
+                         testing::Values(tvusb::ProcessSize::Bits64, tvusb::ProcessSize::Bits32),
+                         [](const auto& info) {
+                             return info.param == tvusb::ProcessSize::Bits32 ? "Bits32" : "Bits64";
+                         });
+} // namespace
