@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <sstream>
 
 using std::string;
 
@@ -69,11 +70,24 @@ EmuMachine::~EmuMachine()
 const EmuDescriptors* EmuMachine::FindKind(const string& name)
 {
     static const std::map<string, const EmuDescriptors*> kinds = {
-        {"normal", &EmuBootKeyboard}, {"power", &EmuPowerKeyboard},  {"jaalaa", &EmuJaalaaKeyboard},
-        {"chic", &EmuChicKeyboard},   {"other", &EmuOtherInterface},
+        {"normal", &EmuBootKeyboard},   {"power", &EmuPowerKeyboard}, {"consumer", &EmuConsumerKeyboard},
+        {"jaalaa", &EmuJaalaaKeyboard}, {"chic", &EmuChicKeyboard},   {"other", &EmuOtherInterface},
     };
     auto kind = kinds.find(name);
     return kind == kinds.end() ? nullptr : kind->second;
+}
+
+std::vector<const EmuDescriptors*> EmuMachine::FindInterfaces(const string& names)
+{
+    std::vector<const EmuDescriptors*> interfaces;
+    std::istringstream stream(names);
+    for (string name; std::getline(stream, name, '+');) {
+        interfaces.push_back(FindKind(name));
+        if (!interfaces.back()) {
+            return {};
+        }
+    }
+    return interfaces;
 }
 
 // What the system tells about a device: its description, and its hardware ids as a list that an empty text

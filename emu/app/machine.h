@@ -160,8 +160,11 @@ public:
                       const EmuPlugOptions& options = {});
     // Drops the handle of a keyboard that is unplugged.
     void Forget(EmuKeyboard* pKeyboard);
-    // "normal", "power", "jaalaa", "chic" or "other"; null for another word.
+    // "normal", "power", "consumer", "jaalaa", "chic" or "other"; null for another word.
     static const EmuDescriptors* FindKind(const std::string& name);
+    // The interfaces of one keyboard, each of which the driver gets to filter: "normal+power"; none when a
+    // word is unknown.
+    static std::vector<const EmuDescriptors*> FindInterfaces(const std::string& names);
 
     // Unplugs what is still plugged and unloads every driver. Returns the number of things left over, each
     // told on stderr. Applications must be closed before.

@@ -1,11 +1,11 @@
-// A power/consumer interface: class 3/0/0, 2-byte reports.
+// The power keys of a boot keyboard, its second interface: class 3/0/0, 2-byte reports.
 #include "keyboard.h"
 
 // clang-format off
 static const UCHAR ucDevice[18] = {
     18, 1, 0x10, 0x01,          // USB 1.1
     0, 0, 0, 8,                 // class told by the interface, 8-byte control packets
-    0x3C, 0x7A, 0x02, 0x01,     // vendor, product
+    0x3C, 0x7A, 0x01, 0x01,     // vendor, product: those of the boot keyboard
     0x00, 0x01, 1, 2, 0, 1,     // release, maker, product, no serial number, one configuration
 };
 // clang-format on
@@ -22,11 +22,11 @@ static const UCHAR ucConfiguration[34] = {
     9, 2, 34, 0, 1, 1, 0, 0xA0, 50,                         // one interface, remote wake-up, 100 mA
     9, 4, 0, 0, 1, 3, 0, 0, 0,                              // HID, subclass 0, protocol 0
     9, 0x21, 0x10, 0x01, 0, 1, 0x22, sizeof ucReport, 0,    // HID 1.1, one report descriptor
-    7, 5, 0x81, 3, 8, 0, 10,                                // interrupt IN, 8 bytes, every 10 ms
+    7, 5, 0x81, 3, 2, 0, 10,                                // interrupt IN, 2 bytes, every 10 ms
 };
 // clang-format on
 
 const EmuDescriptors EmuPowerKeyboard = {
     ucDevice,        ucConfiguration,       sizeof ucConfiguration, ucReport,
-    sizeof ucReport, L"Emulated keyboards", L"Power keys",          L"USB\\VID_7A3C&PID_0102&MI_01",
+    sizeof ucReport, L"Emulated keyboards", L"Power keys",          L"USB\\VID_7A3C&PID_0101&MI_01",
 };

@@ -71,6 +71,11 @@ struct TimerWithDpc {
     KDPC Dpc;
 };
 
+// A timer of the key repeat.
+struct TypematicTimer : TimerWithDpc {
+    ULONGLONG ullDue; // TypematicLock: interrupt time at which its callback shall act, 0 = not at all
+};
+
 struct DeviceContext {
     // Frame.
     ULONG ulDeviceKind;             // (x) FILTER_DEVICE_KIND, written last, when the record is complete
@@ -147,10 +152,8 @@ struct DeviceContext {
     ULONG ulActiveHotkeyId; // (x) the hotkey whose event was sent last
     USHORT usTypematicScan; // (x) the point-of-sale key to repeat
     SpinLock TypematicLock;
-    TimerWithDpc TypematicDelay;                       // TypematicDelayTimer and its deferred call
-    TimerWithDpc TypematicRepeat;                      // TypematicRepeatTimer and its deferred call
-    ULONG ulTypematicCycle GUARDED_BY(TypematicLock);  // which repeat it is, 0 = none may be armed
-    ULONG ulTypematicStarts GUARDED_BY(TypematicLock); // repeats started so far
+    TypematicTimer TypematicDelay;  // TypematicDelayTimer and its deferred call
+    TypematicTimer TypematicRepeat; // TypematicRepeatTimer and its deferred call
 
     // Keys held back and keys to give.
     SpinLock BufferLock; // leaf: guards the two buffers and ucOldOPOSPacket

@@ -3,8 +3,8 @@
 //   StartTypematic ──► TypematicDelayTimer ──► TypematicRepeatTimer ─┐
 //                                                 ▲──────────────────┘ each sends the event again
 //
-// Each start is a cycle of its own. A callback that runs on one processor while another ends its cycle finds
-// the cycle changed under TypematicLock and arms nothing.
+// A callback may already run on one processor while another ends its repeat and starts the next; so each timer
+// says when its callback is due, under TypematicLock, and a callback that comes without being due does nothing.
 #include "hotkeys/hotkeys.h"
 
 #include "control/control.h"
@@ -30,20 +30,29 @@ bool IsPointOfSale(DeviceContext* pContext)
     return (ReadShared(pContext->ulKeyDefTypes) & KEYDEF_POINT_OF_SALE) != 0;
 }
 
-ULONG CurrentCycle(DeviceContext* pContext)
+// Lock: the caller holds TypematicLock.
+void Arm(TypematicTimer& timer, ULONGLONG ullMs)
 {
-    LockScope lock(pContext->TypematicLock);
-    return pContext->ulTypematicCycle;
+    timer.ullDue = KeQueryInterruptTime() + ullMs * 10000;
+    KeSetTimer(&timer.Timer, RelativeMs(ullMs), &timer.Dpc);
 }
 
-// Arms the next repeat, unless the cycle that the callback belongs to has ended meanwhile.
-void ArmRepeat(DeviceContext* pContext, ULONG ulCycle)
+// Lock: the caller holds TypematicLock.
+void Disarm(TypematicTimer& timer)
 {
-    LockScope lock(pContext->TypematicLock);
-    if (ulCycle != 0 && pContext->ulTypematicCycle == ulCycle) {
-        KeSetTimer(&pContext->TypematicRepeat.Timer, RelativeMs(RepeatPeriodMs()),
-                   &pContext->TypematicRepeat.Dpc);
+    timer.ullDue = 0;
+    KeCancelTimer(&timer.Timer);
+    KeRemoveQueueDpc(&timer.Dpc);
+}
+
+// At a callback's begin: whether it shall act. Lock: the caller holds TypematicLock.
+bool TakeDue(TypematicTimer& timer)
+{
+    if (timer.ullDue == 0 || KeQueryInterruptTime() < timer.ullDue) {
+        return false;
     }
+    timer.ullDue = 0;
+    return true;
 }
 
 void QueueRepeat(PDEVICE_OBJECT device, ULONG ulValue, ULONG ulEscAbort)
@@ -68,30 +77,23 @@ void SendRepeat(PDEVICE_OBJECT device, DeviceContext* pContext)
 }
 } // namespace
 
-// A new cycle: the first repeat comes after the typematic delay.
+// The first repeat comes after the typematic delay.
 // IRQL <= DISPATCH. Lock: takes TypematicLock. Fails: never.
 void StartTypematic(PDEVICE_OBJECT device)
 {
     DeviceContext* pContext = FilterContextOf(device);
     LockScope lock(pContext->TypematicLock);
-    if (++pContext->ulTypematicStarts == 0) {
-        pContext->ulTypematicStarts = 1; // 0 says that none may be armed
-    }
-    pContext->ulTypematicCycle = pContext->ulTypematicStarts;
-    KeSetTimer(&pContext->TypematicDelay.Timer, RelativeMs(RepeatDelayMs()), &pContext->TypematicDelay.Dpc);
+    Arm(pContext->TypematicDelay, RepeatDelayMs());
 }
 
-// Ends this keyboard's repeat. A callback that already runs may still send its event, but arms nothing.
+// Ends this keyboard's repeat. A callback that has begun may still send its event.
 // IRQL <= DISPATCH. Lock: takes TypematicLock. Fails: never.
 void CancelTypematicOf(PDEVICE_OBJECT device)
 {
     DeviceContext* pContext = FilterContextOf(device);
     LockScope lock(pContext->TypematicLock);
-    pContext->ulTypematicCycle = 0;
-    KeCancelTimer(&pContext->TypematicDelay.Timer);
-    KeCancelTimer(&pContext->TypematicRepeat.Timer);
-    KeRemoveQueueDpc(&pContext->TypematicDelay.Dpc);
-    KeRemoveQueueDpc(&pContext->TypematicRepeat.Dpc);
+    Disarm(pContext->TypematicDelay);
+    Disarm(pContext->TypematicRepeat);
 }
 
 // Ends the repeat of every keyboard, not only of the one whose report is being analysed.
@@ -103,24 +105,31 @@ void CancelTypematicTimers()
 }
 
 // The typematic delay is over: the repeat begins, for point-of-sale keyboards.
-// IRQL = DISPATCH. Fails: never.
+// IRQL = DISPATCH. Lock: takes TypematicLock. Fails: never.
 void TypematicDelayCallback(PKDPC, PVOID pDevice, PVOID, PVOID)
 {
     DeviceContext* pContext = FilterContextOf(static_cast<PDEVICE_OBJECT>(pDevice));
-    if (IsPointOfSale(pContext)) {
-        ArmRepeat(pContext, CurrentCycle(pContext));
+    LockScope lock(pContext->TypematicLock);
+    if (TakeDue(pContext->TypematicDelay) && IsPointOfSale(pContext)) {
+        Arm(pContext->TypematicRepeat, RepeatPeriodMs());
     }
 }
 
-// One repeat, and the next while there is a point-of-sale definition.
-// IRQL = DISPATCH. Fails: never.
+// One repeat, and the next while there is a point-of-sale definition. The next is armed first, in one step
+// with the look at the due time, so that whoever ends the repeat from then on ends that one too.
+// IRQL = DISPATCH. Lock: takes TypematicLock, then NotifyLock. Fails: never.
 void TypematicRepeatCallback(PKDPC, PVOID pDevice, PVOID, PVOID)
 {
     PDEVICE_OBJECT device = static_cast<PDEVICE_OBJECT>(pDevice);
     DeviceContext* pContext = FilterContextOf(device);
-    ULONG ulCycle = CurrentCycle(pContext);
-    SendRepeat(device, pContext);
-    if (IsPointOfSale(pContext)) {
-        ArmRepeat(pContext, ulCycle);
+    {
+        LockScope lock(pContext->TypematicLock);
+        if (!TakeDue(pContext->TypematicRepeat)) {
+            return;
+        }
+        if (IsPointOfSale(pContext)) {
+            Arm(pContext->TypematicRepeat, RepeatPeriodMs());
+        }
     }
+    SendRepeat(device, pContext);
 }

@@ -1,19 +1,147 @@
 // extended.cpp - power, consumer and extended-controller reports.
 //
-// These reports pass as the keyboard sent them: no handler acts on them.
+//   DiagPowerPacket         2 bytes, two key codes: the hotkey pass, key by key
+//   DiagJaalaaPacket        keys as bits of a word W: a hotkey's bits H are cut out of it
+//   DiagJaalaaPacketPower   report ID and power bits, the word P: a hotkey is P as a whole
+//
+// A hotkey of the two controllers keeps its pattern in its first four key bytes, which read as a little-endian
+// word has its bits where the reports have them. All hotkeys of a keyboard share one list, so each kind of
+// report also ends the held hotkeys of the other kind. Runs on the report road; packet.cpp tells the kinds
+// apart.
 #include "report/report.h"
 
-NTSTATUS DiagPowerPacket(PDEVICE_OBJECT, ULONG, PUCHAR)
+#include "hotkeys/hotkeys.h"
+#include "log/log.h"
+
+namespace
 {
+enum : ULONG { POWER_PACKET_BYTES = 2, MINIMUM_KEY_AREA = 4, MAXIMUM_KEY_AREA = 8 };
+
+ULONG ReadWord(const UCHAR* pBytes)
+{
+    return pBytes[0] | static_cast<ULONG>(pBytes[1]) << 8 | static_cast<ULONG>(pBytes[2]) << 16 |
+           static_cast<ULONG>(pBytes[3]) << 24;
+}
+
+void WriteWord(PUCHAR pBytes, ULONG ulWord)
+{
+    for (ULONG i = 0; i < 4; i++) {
+        pBytes[i] = static_cast<UCHAR>(ulWord >> (8 * i));
+    }
+}
+
+// The hotkey's keys are in the report, or not: each change is an event of its own, at once.
+void SetHotkeyDown(PDEVICE_OBJECT device, HotkeyEntry& entry, UCHAR ucDown)
+{
+    if (entry.ucDown == ucDown) {
+        return;
+    }
+    if (ucDown) {
+        entry.ucDown = 1;
+        NotifyHotkeyEvent(device, entry.ulId, 1);
+    } else {
+        NotifyHotkeyEvent(device, entry.ulId, 0);
+        entry.ucDown = 0;
+    }
+}
+
+// Hands each key that left the report to the pass.
+void PassReleasedPowerKeys(PDEVICE_OBJECT device, ULONG ulLen, const UCHAR* pBuf, PULONG pulLen)
+{
+    UCHAR* pOld = FilterContextOf(device)->ucOldPowerPacket;
+    UCHAR ucHotkeyReleased = 0; // not looked at: the keys of this report are handed on all the same
+    for (ULONG i = 0; i < *pulLen && pOld[i] != 0; i++) {
+        if (!IsKeyInPacket(pOld[i], pBuf, ulLen)) {
+            ProcessHotkeyScan(device, pOld[i], 1, pOld, &i, pulLen, &ucHotkeyReleased);
+        }
+    }
+}
+
+// Hands each key of the report to the pass. A key taken out at position 0 leaves the index one before it,
+// where nothing is read before the loop steps on.
+void PassPressedPowerKeys(PDEVICE_OBJECT device, PUCHAR pBuf, PULONG pulLen)
+{
+    UCHAR ucHotkeyReleased = 0; // as above
+    for (ULONG i = 0; i < *pulLen && pBuf[i] != 0; i++) {
+        ProcessHotkeyScan(device, pBuf[i], 0, pBuf, &i, pulLen, &ucHotkeyReleased);
+    }
+}
+} // namespace
+
+// Compares a power report with the previous one and hands its keys to the hotkey pass. Keys still held back
+// are given to the coming reports, whatever they are.
+// IRQL <= DISPATCH. Owns: nothing; pBuf is rewritten. Fails: a length other than 2.
+NTSTATUS DiagPowerPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    if (ulLen != POWER_PACKET_BYTES) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    LogHexDump("(DiagPowerPacket) new packet:", ulLen, pBuf);
+    LogHexDump("(DiagPowerPacket) old packet:", ulLen, pContext->ucOldPowerPacket);
+    const UCHAR ucReceived[POWER_PACKET_BYTES] = {pBuf[0], pBuf[1]};
+    UpdateHotkeyModifierMatch(device);
+
+    ULONG ulCurrentLen = ulLen;
+    PassReleasedPowerKeys(device, ulLen, pBuf, &ulCurrentLen);
+    PassPressedPowerKeys(device, pBuf, &ulCurrentLen);
+    if (ReadShared(pContext->usSwallowCount) != 0) {
+        UCHAR ucUsage;
+        while (GetDataFromSwallowBuffer(device, &ucUsage)) {
+            (void)AddDataToInsertBuffer(device, &ucUsage); // a full buffer loses the key
+        }
+    }
+    RtlCopyMemory(pContext->ucOldPowerPacket, ucReceived, sizeof(ucReceived));
+    LogHexDump("(DiagPowerPacket) new packet:", ulCurrentLen, pBuf);
     return STATUS_SUCCESS;
 }
 
-NTSTATUS DiagJaalaaPacket(PDEVICE_OBJECT, ULONG, PUCHAR)
+// Cuts the keys of each hotkey that is held whole out of the report, for the hotkeys behind it and for the
+// system. pBuf starts behind the report ID; only its first four bytes are keys.
+// IRQL <= DISPATCH. Owns: nothing; pBuf is rewritten. Fails: fewer than 4 or more than 8 bytes.
+NTSTATUS DiagJaalaaPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
 {
+    LogHexDump("(DiagJaalaaPacket) new packet:", ulLen, pBuf);
+    if (ulLen < MINIMUM_KEY_AREA || ulLen > MAXIMUM_KEY_AREA) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    UpdateHotkeyModifierMatch(device);
+    ULONG ulKeys = ReadWord(pBuf);
+    for (HotkeyEntry& entry : HotkeyWalk(FilterContextOf(device))) {
+        ULONG ulHotkey = ReadWord(entry.ucKeys);
+        if (entry.ucModMatch == 1 && (ulKeys & ulHotkey) == ulHotkey) {
+            SetHotkeyDown(device, entry, 1);
+            ulKeys &= ~ulHotkey;
+            WriteWord(pBuf, ulKeys);
+        } else {
+            SetHotkeyDown(device, entry, 0);
+        }
+    }
+    LogHexDump("(DiagJaalaaPacket) new packet:", ulLen, pBuf);
     return STATUS_SUCCESS;
 }
 
-NTSTATUS DiagJaalaaPacketPower(PDEVICE_OBJECT, ULONG, PUCHAR)
+// The power report of both controllers: a hotkey is held when it is the whole report, which then leaves
+// without power bits. pBuf starts at the report ID, which counts only together with a power bit.
+// IRQL <= DISPATCH. Owns: nothing; pBuf[1] is rewritten. Fails: a length other than 2.
+NTSTATUS DiagJaalaaPacketPower(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
 {
+    LogHexDump("(DiagJaalaaPacketPower) new packet:", ulLen, pBuf);
+    if (ulLen != POWER_PACKET_BYTES) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    UpdateHotkeyModifierMatch(device);
+    ULONG ulPower = pBuf[1] == 0 ? 0 : static_cast<ULONG>(pBuf[1]) << 8 | pBuf[0];
+    for (HotkeyEntry& entry : HotkeyWalk(FilterContextOf(device))) {
+        ULONG ulHotkey = ReadWord(entry.ucKeys);
+        if (entry.ucModMatch == 1 && ulHotkey == ulPower) {
+            SetHotkeyDown(device, entry, 1);
+            ulPower &= ~ulHotkey;
+            pBuf[1] = static_cast<UCHAR>(ulPower);
+        } else {
+            SetHotkeyDown(device, entry, 0);
+        }
+    }
+    LogHexDump("(DiagJaalaaPacketPower) new packet:", 2, pBuf);
     return STATUS_SUCCESS;
 }

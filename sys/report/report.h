@@ -48,5 +48,7 @@ ReportHandler DiagPowerPacket;
 ReportHandler DiagJaalaaPacket;
 ReportHandler DiagJaalaaPacketPower;
 
-// pointofsale.cpp
+// pointofsale.cpp: the report as scan code events
 ReportHandler HandleOPOSPacket;
+NTSTATUS SendOPOSScanCode(PDEVICE_OBJECT device, ULONG ulScanCode, UCHAR ucBreak, UCHAR ucHasBreak,
+                          UCHAR ucTypematic, const KeyDefinition* pDefinition); // null: none, id 0

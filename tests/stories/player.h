@@ -40,6 +40,7 @@ private:
     void StartMachine();
     void ChangeSetting(const std::string& name, const std::string& value);
     void WriteMacroFile();
+    void PlugInterface(const EmuDescriptors& descriptors);
     void ExpectReceived(const std::string& expected);
     void ExpectNothingReceived();
     void ExpectEvents(const std::string& expected);

@@ -18,16 +18,9 @@ void Player::StartMachine()
     ASSERT_EQ(m_Machine->LoadStatus(), STATUS_SUCCESS);
 }
 
-// keyboard KIND
-void Player::Keyboard(const Words& words, const Parts&)
+// Plugs one interface of a keyboard in; report processing is switched on for it.
+void Player::PlugInterface(const EmuDescriptors& descriptors)
 {
-    if (!m_Machine) {
-        ASSERT_NO_FATAL_FAILURE(StartMachine());
-    }
-    const EmuDescriptors* pKind = EmuMachine::FindKind(words.at(1));
-    if (pKind == nullptr) {
-        throw BadLine("unknown keyboard: " + words[1]);
-    }
     m_Received.push_back(std::make_unique<std::deque<EmuBytes>>());
     EmuPlugOptions options;
     options.OnReceived = [pQueue = m_Received.back().get()](const EmuReceived& received) {
@@ -40,7 +33,7 @@ void Player::Keyboard(const Words& words, const Parts&)
         pLeds->insert(pLeds->end(), report.begin(), report.end());
     };
     m_Current = m_Keyboards.size();
-    m_Keyboards.push_back(m_Machine->Plug(*pKind, options));
+    m_Keyboards.push_back(m_Machine->Plug(descriptors, options));
     ASSERT_EQ(Current().StartStatus(), STATUS_SUCCESS);
     if (!m_Application) {
         m_Application = std::make_unique<EmuApplication>();
@@ -49,6 +42,23 @@ void Player::Keyboard(const Words& words, const Parts&)
     }
     EXPECT_EQ(m_Application->RegisterNotifyEvent(Index()), STATUS_SUCCESS);
     EXPECT_EQ(m_Application->StartReportProcessing(Index()), STATUS_SUCCESS);
+}
+
+// keyboard KIND, or keyboard KIND+KIND: one keyboard with several interfaces, the first of which is meant
+void Player::Keyboard(const Words& words, const Parts&)
+{
+    if (!m_Machine) {
+        ASSERT_NO_FATAL_FAILURE(StartMachine());
+    }
+    auto interfaces = EmuMachine::FindInterfaces(words.at(1));
+    if (interfaces.empty()) {
+        throw BadLine("unknown keyboard: " + words[1]);
+    }
+    size_t first = m_Keyboards.size();
+    for (const EmuDescriptors* pInterface : interfaces) {
+        ASSERT_NO_FATAL_FAILURE(PlugInterface(*pInterface));
+    }
+    m_Current = first;
 }
 
 // on N
