@@ -199,8 +199,9 @@ struct DeviceContext {
 // What is known of one sibling driver.
 struct SiblingLink {
     PVOID hInterfaceNotification; // (p) null if the registration failed
-    PIO_WORKITEM pWorkItem;       // (x)
-    UCHAR ucConnected;            // (x)
+    PIO_WORKITEM pWorkItem;       // (x) queued and not begun; its routine takes it off and frees it
+    UCHAR ucConnected;            // (x) written under SiblingLock
+    ULONG ulRemovals;             // SiblingLock: how often the last of the sibling's interfaces went
 };
 
 struct ControlContext {
@@ -208,6 +209,8 @@ struct ControlContext {
     PKEVENT pApplicationEvent;   // EventLock; referenced
     ULONGLONG hApplicationEvent; // EventLock
     KEVENT ClosedEvent;          // notification: no handle of the driver is open
+    LONG lNotifications;      // (x) 1 while the device is in use, + 1 a modifier word on its way to the mice
+    KEVENT NotificationsGone; // notification, set when lNotifications falls to 0
     SiblingLink Ps2Mouse;
     SiblingLink UsbMouse;
     SiblingLink Ps2Keyboard;
@@ -290,10 +293,12 @@ struct DriverGlobals {
     KEVENT LogEnded;         // notification: the drain is through
     PVOID pLogThread;        // referenced thread object of the drain
 
-    // Siblings.
-    UCHAR ucPs2KeyboardArrivals;
-    UCHAR ucPs2MouseArrivals;
-    UCHAR ucUsbMouseArrivals;
+    // Siblings: arrivals minus removals of each class.
+    SpinLock SiblingLock;
+    UCHAR ucPs2KeyboardArrivals GUARDED_BY(SiblingLock);
+    UCHAR ucPs2MouseArrivals GUARDED_BY(SiblingLock);
+    UCHAR ucUsbMouseArrivals GUARDED_BY(SiblingLock);
+    KEVENT SiblingRequestsEnd; // notification: whoever waits for another driver's answer gives up
 };
 
 extern DriverSettings Settings;

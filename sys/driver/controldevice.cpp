@@ -102,6 +102,8 @@ static NTSTATUS BuildControlDevice(PDEVICE_OBJECT pFilterDevice)
     pControlDevice->Flags |= DO_BUFFERED_IO;
     RtlZeroMemory(pControl, sizeof(*pControl));
     KeInitializeEvent(&pControl->ClosedEvent, NotificationEvent, FALSE);
+    KeInitializeEvent(&pControl->NotificationsGone, NotificationEvent, FALSE);
+    pControl->lNotifications = 1;
     WriteShared(pControl->ulDeviceKind, CONTROL_DEVICE_KIND);
     SetControlDevice(pControlDevice);
 
@@ -126,6 +128,7 @@ static void TearDownControlDevice(PDEVICE_OBJECT pControlDevice)
     RtlInitUnicodeString(&linkName, ControlLinkName);
     IoDeleteSymbolicLink(&linkName);
     SetControlDevice(nullptr);
+    EndNotifications(pControl);
     ReleaseApplicationEvent(pControlDevice);
     IoDeleteDevice(pControlDevice);
 }

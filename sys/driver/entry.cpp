@@ -33,6 +33,8 @@ static void SetInitialState()
     KeInitializeSpinLock(&Globals.CaptureLock.Lock);
     KeInitializeSpinLock(&Globals.MacroTableLock.Lock);
     KeInitializeMutex(&Globals.MacroSettingsMutex, 0);
+    KeInitializeSpinLock(&Globals.SiblingLock.Lock);
+    KeInitializeEvent(&Globals.SiblingRequestsEnd, NotificationEvent, FALSE);
     InitializeLog();
 }
 

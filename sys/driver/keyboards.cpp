@@ -26,26 +26,13 @@ ControlContext* ControlContextOf(PDEVICE_OBJECT pDevice)
                                                                                             : nullptr;
 }
 
-// Counts a user unless the last one is gone; a count that fell to 0 never rises again.
-// IRQL any.
-static bool AddReference(DeviceContext* pContext)
-{
-    LONG lReferences = ReadShared(pContext->lReferences);
-    while (lReferences > 0) {
-        if (CompareExchangeShared(pContext->lReferences, lReferences, lReferences + 1)) {
-            return true;
-        }
-    }
-    return false;
-}
-
 // From here to ReleaseDevice the device, its record and its lower device stay.
 // IRQL <= DISPATCH. Owns: one reference. Fails: false, the device is being removed or is no keyboard.
 bool AcquireDevice(PDEVICE_OBJECT pDevice)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
     DeviceContext* pContext = FilterContextOf(pDevice);
-    if (pContext == nullptr || !AddReference(pContext)) {
+    if (pContext == nullptr || !AddUser(pContext->lReferences)) {
         return false;
     }
     if (ReadShared(pContext->ucRemoving) != 0) {

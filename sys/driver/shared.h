@@ -31,3 +31,15 @@ template <typename Field> inline bool CompareExchangeShared(Field& field, Field&
     SCHEDULE_POINT();
     return __atomic_compare_exchange_n(&field, &expected, desired, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
 }
+
+// Counts one more user unless the last one is gone: a count that fell to 0 never rises again.
+inline bool AddUser(LONG& lUsers)
+{
+    LONG lBefore = ReadShared(lUsers);
+    while (lBefore > 0) {
+        if (CompareExchangeShared(lUsers, lBefore, lBefore + 1)) {
+            return true;
+        }
+    }
+    return false;
+}

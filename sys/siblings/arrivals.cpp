@@ -1,26 +1,161 @@
-// arrivals.cpp - the arrival of the sibling drivers' interfaces.
+// arrivals.cpp - which of the three sibling drivers are there.
 //
-// The system calls these at PASSIVE_LEVEL while the control device exists. An arrival is taken note of by
-// nobody: the siblings stay unconnected.
+//   counter 0 ── arrival ──▶ 1, work item ── OpenSibling ──▶ connected (the sibling's device opened)
+//       ◀── removal at 1 ──── not connected any more         further arrivals and removals only count
+//
+// In:  arrivals and removals of the siblings' interfaces, while the control device exists.
+// Out: ucConnected of the three links. The counters are the driver's, the links the control device's: a new
+//      control device starts with no link connected and with the counters as they are.
+// The system calls the callbacks at PASSIVE_LEVEL, one at a time for each registration; one may still run when
+// its registration was undone, and then finds the old control device, a new one or none. The work routines run
+// in system worker threads and may be late: a link whose interfaces went meanwhile is left alone.
 #include "siblings/siblings.h"
 
-// IRQL = PASSIVE. Fails: never.
-NTSTATUS NTAPI Ps2KeyboardArrival(PVOID, PVOID)
+struct Sibling {
+    PCWSTR pszDevice;
+    SiblingLink ControlContext::*pLink;
+    UCHAR DriverGlobals::*pucArrivals;
+};
+
+static const Sibling Ps2Keyboard = {L"\\Device\\TvPS2_COMM", &ControlContext::Ps2Keyboard,
+                                    &DriverGlobals::ucPs2KeyboardArrivals};
+static const Sibling Ps2Mouse = {L"\\Device\\TvPS2M_COMM", &ControlContext::Ps2Mouse,
+                                 &DriverGlobals::ucPs2MouseArrivals};
+static const Sibling UsbMouse = {L"\\Device\\TvUSBM_COMM", &ControlContext::UsbMouse,
+                                 &DriverGlobals::ucUsbMouseArrivals};
+
+// The number of a notification GUID of the platform, counted from 1; 0 for any other.
+// IRQL any.
+ULONG ClassifyPnpEvent(const GUID* pEvent)
+{
+    static const GUID* const Events[] = {
+        &GUID_HWPROFILE_QUERY_CHANGE,         &GUID_HWPROFILE_CHANGE_CANCELLED,
+        &GUID_HWPROFILE_CHANGE_COMPLETE,      &GUID_DEVICE_INTERFACE_ARRIVAL,
+        &GUID_DEVICE_INTERFACE_REMOVAL,       &GUID_TARGET_DEVICE_QUERY_REMOVE,
+        &GUID_TARGET_DEVICE_REMOVE_CANCELLED, &GUID_TARGET_DEVICE_REMOVE_COMPLETE,
+    };
+    for (ULONG i = 0; i < ARRAYSIZE(Events); i++) {
+        if (RtlCompareMemory(pEvent, Events[i], sizeof(GUID)) == sizeof(GUID)) {
+            return i + 1;
+        }
+    }
+    return 0;
+}
+
+// IRQL = PASSIVE. Lock: takes SiblingLock.
+static ULONG RemovalsOf(const SiblingLink* pLink)
+{
+    LockScope lock(Globals.SiblingLock);
+    return pLink->ulRemovals;
+}
+
+// Unless the interfaces that were there when the device was opened have gone meanwhile.
+// IRQL = PASSIVE. Lock: takes SiblingLock.
+static void MarkConnected(const Sibling* pSibling, SiblingLink* pLink, ULONG ulRemovals)
+{
+    LockScope lock(Globals.SiblingLock);
+    if (Globals.*pSibling->pucArrivals != 0 && pLink->ulRemovals == ulRemovals) {
+        WriteShared(pLink->ucConnected, 1);
+    }
+}
+
+// Opens the sibling's device to see that it answers. From its first line on the next arrival queues anew.
+// IRQL = PASSIVE. Owns: frees the link's work item.
+static void NTAPI OpenSibling(PDEVICE_OBJECT pControlDevice, PVOID pContext)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
+    const Sibling* pSibling = static_cast<const Sibling*>(pContext);
+    SiblingLink* pLink = &(ControlContextOf(pControlDevice)->*pSibling->pLink);
+    IoFreeWorkItem(ExchangeShared(pLink->pWorkItem, static_cast<PIO_WORKITEM>(nullptr)));
+    const ULONG ulRemovals = RemovalsOf(pLink);
+    PFILE_OBJECT pFile;
+    PDEVICE_OBJECT pDevice;
+    if (NT_SUCCESS(OpenNamedDevice(pSibling->pszDevice, &pFile, &pDevice))) {
+        ObDereferenceObject(pFile);
+        MarkConnected(pSibling, pLink, ulRemovals);
+    }
+}
+
+// One that is queued already will see this arrival too. Without a work item the link stays down.
+// IRQL = PASSIVE. Owns: the work item, until its routine frees it.
+static void QueueOpen(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling)
+{
+    SiblingLink* pLink = &(ControlContextOf(pControlDevice)->*pSibling->pLink);
+    PIO_WORKITEM pWorkItem = IoAllocateWorkItem(pControlDevice);
+    PIO_WORKITEM pQueued = nullptr;
+    if (pWorkItem == nullptr) {
+        return;
+    }
+    if (CompareExchangeShared(pLink->pWorkItem, pQueued, pWorkItem)) {
+        IoQueueWorkItem(pWorkItem, OpenSibling, DelayedWorkQueue, const_cast<Sibling*>(pSibling));
+    } else {
+        IoFreeWorkItem(pWorkItem);
+    }
+}
+
+// Counts first, so that a work routine finds its arrival counted.
+// IRQL = PASSIVE. Lock: takes SiblingLock.
+static void CountArrival(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling)
+{
+    UCHAR ucBefore;
+    {
+        LockScope lock(Globals.SiblingLock);
+        ucBefore = Globals.*pSibling->pucArrivals;
+        Globals.*pSibling->pucArrivals = static_cast<UCHAR>(ucBefore + 1);
+    }
+    if (ucBefore == 0 && pControlDevice != nullptr) {
+        QueueOpen(pControlDevice, pSibling);
+    }
+}
+
+// IRQL = PASSIVE. Lock: takes SiblingLock.
+static void CountRemoval(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling)
+{
+    LockScope lock(Globals.SiblingLock);
+    const UCHAR ucBefore = Globals.*pSibling->pucArrivals;
+    Globals.*pSibling->pucArrivals = static_cast<UCHAR>(ucBefore - 1);
+    if (ucBefore == 1 && pControlDevice != nullptr) {
+        SiblingLink* pLink = &(ControlContextOf(pControlDevice)->*pSibling->pLink);
+        WriteShared(pLink->ucConnected, 0);
+        pLink->ulRemovals++;
+    }
+}
+
+// IRQL = PASSIVE. Lock: takes KeyboardListLock, then SiblingLock.
+static NTSTATUS FollowSibling(PVOID pNotification, const Sibling* pSibling)
+{
+    IRQL_AT_MOST(PASSIVE_LEVEL);
+    PDEVICE_OBJECT pControlDevice = ReferenceControlDevice();
+    switch (ClassifyPnpEvent(&static_cast<DEVICE_INTERFACE_CHANGE_NOTIFICATION*>(pNotification)->Event)) {
+    case PNP_INTERFACE_ARRIVAL:
+        CountArrival(pControlDevice, pSibling);
+        break;
+    case PNP_INTERFACE_REMOVAL:
+        CountRemoval(pControlDevice, pSibling);
+        break;
+    default:
+        break;
+    }
+    if (pControlDevice != nullptr) {
+        ObDereferenceObject(pControlDevice);
+    }
     return STATUS_SUCCESS;
 }
 
 // IRQL = PASSIVE. Fails: never.
-NTSTATUS NTAPI Ps2MouseArrival(PVOID, PVOID)
+NTSTATUS NTAPI Ps2KeyboardArrival(PVOID pNotification, PVOID)
 {
-    IRQL_AT_MOST(PASSIVE_LEVEL);
-    return STATUS_SUCCESS;
+    return FollowSibling(pNotification, &Ps2Keyboard);
 }
 
 // IRQL = PASSIVE. Fails: never.
-NTSTATUS NTAPI UsbMouseArrival(PVOID, PVOID)
+NTSTATUS NTAPI Ps2MouseArrival(PVOID pNotification, PVOID)
 {
-    IRQL_AT_MOST(PASSIVE_LEVEL);
-    return STATUS_SUCCESS;
+    return FollowSibling(pNotification, &Ps2Mouse);
+}
+
+// IRQL = PASSIVE. Fails: never.
+NTSTATUS NTAPI UsbMouseArrival(PVOID pNotification, PVOID)
+{
+    return FollowSibling(pNotification, &UsbMouse);
 }
