@@ -51,25 +51,45 @@ static std::deque<Delivery> Deliveries;
 static bool bDelivering;
 static std::map<std::pair<PDEVICE_OBJECT, int>, std::vector<UCHAR>> Properties;
 
+static void Pause()
+{
+    LARGE_INTEGER pause;
+    pause.QuadPart = -1000;
+    KeDelayExecutionThread(KernelMode, FALSE, &pause);
+}
+
 static void Deliver(const Delivery& delivery)
 {
     HostText link = delivery.Link;
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, reinterpret_cast<PCWSTR>(link.c_str()));
     DEVICE_INTERFACE_CHANGE_NOTIFICATION record = {1, sizeof(record), delivery.Event, delivery.Class, &name};
-    {
-        HostLock lock(g->Lock);
-        if (delivery.pTo->bGone) {
-            return;
+    HostDriverScope scope(delivery.pTo->pDriver, "a notification callback");
+    delivery.pTo->pRoutine(&record, delivery.pTo->pContext);
+}
+
+// The worker waits until a registration has told what exists: arrivals come before their removals.
+static bool BeginDelivery(Notification* pTo)
+{
+    for (;;) {
+        {
+            HostLock lock(g->Lock);
+            if (pTo->bGone) {
+                return false;
+            }
+            if (pTo->pRunning == nullptr) {
+                pTo->pRunning = HostSelf();
+                return true;
+            }
         }
-        delivery.pTo->pRunning = HostSelf();
+        Pause();
     }
-    {
-        HostDriverScope scope(delivery.pTo->pDriver, "a notification callback");
-        delivery.pTo->pRoutine(&record, delivery.pTo->pContext);
-    }
+}
+
+static void EndDelivery(Notification* pTo)
+{
     HostLock lock(g->Lock);
-    delivery.pTo->pRunning = nullptr;
+    pTo->pRunning = nullptr;
 }
 
 static void DeliverAll()
@@ -85,27 +105,26 @@ static void DeliverAll()
             delivery = Deliveries.front();
             Deliveries.pop_front();
         }
-        Deliver(delivery);
+        if (BeginDelivery(delivery.pTo.get())) {
+            Deliver(delivery);
+            EndDelivery(delivery.pTo.get());
+        }
     }
 }
 
-static void Announce(const Interface& interface, const GUID& event)
+// Queues the event for everybody who is registered now. True: a worker must be started.
+// Lock: Lock held.
+static bool Announce(const Interface& interface, const GUID& event)
 {
-    bool bStart = false;
-    {
-        HostLock lock(g->Lock);
-        for (const auto& pNotification : Notifications) {
-            if (pNotification->Category == EventCategoryDeviceInterfaceChange &&
-                pNotification->Class == interface.Class) {
-                Deliveries.push_back({pNotification, event, interface.Class, interface.Link});
-            }
+    for (const auto& pNotification : Notifications) {
+        if (pNotification->Category == EventCategoryDeviceInterfaceChange &&
+            pNotification->Class == interface.Class) {
+            Deliveries.push_back({pNotification, event, interface.Class, interface.Link});
         }
-        bStart = !Deliveries.empty() && !bDelivering;
-        bDelivering = bDelivering || bStart;
     }
-    if (bStart) {
-        HostQueueWork(DeliverAll, nullptr, nullptr);
-    }
+    const bool bStart = !Deliveries.empty() && !bDelivering;
+    bDelivering = bDelivering || bStart;
+    return bStart;
 }
 
 static HostText GuidText(const GUID& guid)
@@ -168,7 +187,7 @@ NTSTATUS IoSetDeviceInterfaceState(PUNICODE_STRING pLink, BOOLEAN bEnable)
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     HostText link = HostTextOf(pLink);
-    Interface changed;
+    bool bStart;
     {
         HostLock lock(g->Lock);
         auto it = std::find_if(Interfaces.begin(), Interfaces.end(),
@@ -181,9 +200,11 @@ NTSTATUS IoSetDeviceInterfaceState(PUNICODE_STRING pLink, BOOLEAN bEnable)
         }
         (*it)->bEnabled = bEnable != 0;
         (*it)->pOwner = HostSelf()->pDriver;
-        changed = **it;
+        bStart = Announce(**it, bEnable ? GUID_DEVICE_INTERFACE_ARRIVAL : GUID_DEVICE_INTERFACE_REMOVAL);
     }
-    Announce(changed, bEnable ? GUID_DEVICE_INTERFACE_ARRIVAL : GUID_DEVICE_INTERFACE_REMOVAL);
+    if (bStart) {
+        HostQueueWork(DeliverAll, nullptr, nullptr);
+    }
     return STATUS_SUCCESS;
 }
 
@@ -215,7 +236,7 @@ NTSTATUS IoRegisterPlugPlayNotification(IO_NOTIFICATION_EVENT_CATEGORY category,
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     auto pNotification = std::make_shared<Notification>(
-        Notification{category, {}, nullptr, pDriver, pRoutine, pContext, nullptr, false});
+        Notification{category, {}, nullptr, pDriver, pRoutine, pContext, HostSelf(), false});
     std::deque<Delivery> existing;
     {
         HostLock lock(g->Lock);
@@ -237,6 +258,7 @@ NTSTATUS IoRegisterPlugPlayNotification(IO_NOTIFICATION_EVENT_CATEGORY category,
     for (const Delivery& delivery : existing) {
         Deliver(delivery);
     }
+    EndDelivery(pNotification.get());
     return STATUS_SUCCESS;
 }
 
@@ -263,9 +285,7 @@ NTSTATUS IoUnregisterPlugPlayNotification(PVOID pEntry)
                 return STATUS_SUCCESS;
             }
         }
-        LARGE_INTEGER pause;
-        pause.QuadPart = -1000;
-        KeDelayExecutionThread(KernelMode, FALSE, &pause);
+        Pause();
     }
 }
 
@@ -283,7 +303,10 @@ void HostTargetEvent(PDEVICE_OBJECT pDevice, const GUID& event)
         }
     }
     for (const Delivery& delivery : deliveries) {
-        Deliver(delivery);
+        if (BeginDelivery(delivery.pTo.get())) {
+            Deliver(delivery);
+            EndDelivery(delivery.pTo.get());
+        }
     }
 }
 
