@@ -1,4 +1,4 @@
-// Brings up the host, the three drivers and the devices between them, and takes everything down again.
+// Brings up the host, the drivers and the devices between them, and takes everything down again.
 #include "machine.h"
 
 #include <algorithm>
@@ -195,14 +195,39 @@ void EmuMachine::Forget(EmuKeyboard* pKeyboard)
     m_Keyboards.erase(std::remove_if(m_Keyboards.begin(), m_Keyboards.end(), isIt), m_Keyboards.end());
 }
 
+// Loads a neighbour's driver when it is first needed. Null when it could not be loaded.
+static PDRIVER_OBJECT LoadOnce(PDRIVER_OBJECT* ppDriver, PDRIVER_INITIALIZE pEntry, const WCHAR* pService)
+{
+    if (!*ppDriver && !NT_SUCCESS(HostLoadDriver(pEntry, pService, ppDriver))) {
+        *ppDriver = nullptr;
+    }
+    return *ppDriver;
+}
+
+EmuClassDevice* EmuMachine::AddClassDevice(USHORT usNumber)
+{
+    PDRIVER_OBJECT pDriver = LoadOnce(&m_pClass, EmuClassEntry, L"EmuClass");
+    m_ClassDevices.push_back(std::make_unique<EmuClassDevice>(pDriver, usNumber));
+    return m_ClassDevices.back().get();
+}
+
+EmuSibling* EmuMachine::AddSibling(EmuSiblingKind kind)
+{
+    PDRIVER_OBJECT pDriver = LoadOnce(&m_pSiblings, EmuSiblingEntry, L"EmuSibling");
+    m_Siblings.push_back(std::make_unique<EmuSibling>(pDriver, kind));
+    return m_Siblings.back().get();
+}
+
 unsigned EmuMachine::UnloadDrivers()
 {
     for (auto& keyboard : m_Keyboards) {
         keyboard->Unplug(false);
         keyboard->Forget();
     }
+    m_Siblings.clear();
+    m_ClassDevices.clear();
     unsigned leaks = 0;
-    for (PDRIVER_OBJECT* ppDriver : {&m_pDriver, &m_pHid, &m_pKeyboards}) {
+    for (PDRIVER_OBJECT* ppDriver : {&m_pDriver, &m_pHid, &m_pKeyboards, &m_pSiblings, &m_pClass}) {
         if (*ppDriver) {
             leaks += HostUnloadDriver(*ppDriver);
         }

@@ -19,6 +19,7 @@
 #include <variant>
 #include <vector>
 
+#include "emu/app/neighbours.h"
 #include "emu/hid/hid.h"
 #include "emu/keyboard/keyboard.h"
 
@@ -166,6 +167,10 @@ public:
     // word is unknown.
     static std::vector<const EmuDescriptors*> FindInterfaces(const std::string& names);
 
+    // Another driver's devices, loaded with the first of their kind. The handles stay valid until Unload.
+    EmuClassDevice* AddClassDevice(USHORT usNumber); // 0 to 4
+    EmuSibling* AddSibling(EmuSiblingKind kind);     // not there before its Arrive
+
     // Unplugs what is still plugged and unloads every driver. Returns the number of things left over, each
     // told on stderr. Applications must be closed before.
     unsigned UnloadDrivers();
@@ -178,6 +183,9 @@ private:
     ULONG m_ulAdded = 0; // devices the driver accepted
     NTSTATUS m_LoadStatus = STATUS_UNSUCCESSFUL;
     PDRIVER_OBJECT m_pDriver = nullptr, m_pKeyboards = nullptr, m_pHid = nullptr;
+    PDRIVER_OBJECT m_pClass = nullptr, m_pSiblings = nullptr;
     bool m_bRunning = false;
     std::vector<std::unique_ptr<EmuKeyboard>> m_Keyboards;
+    std::vector<std::unique_ptr<EmuClassDevice>> m_ClassDevices;
+    std::vector<std::unique_ptr<EmuSibling>> m_Siblings;
 };

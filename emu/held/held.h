@@ -1,0 +1,38 @@
+// Requests that a device answers later: after a time, when somebody says so, or not before it goes.
+//
+// A device decides on its answer when the request arrives; HoldRequest keeps the request with it. A held request
+// can be cancelled; the end of the device completes what is left.
+#pragma once
+
+#include <kernel.h>
+
+// How a device answers; zeroed = at once and with success.
+struct EmuAnswer {
+    NTSTATUS Status;   // what requests complete with
+    ULONG ulDelayMs;   // above 0: pending for so long, completed by a timer
+    BOOLEAN bHold;     // pending until the device is told to answer, is removed, or the request is cancelled
+    NTSTATUS Open;     // what opening the device completes with
+    BOOLEAN bHoldOpen; // opening is left pending like that
+};
+
+// The requests of one device. Lies in its extension; (i) InitializeHeld, then as told.
+struct HeldRequests {
+    KSPIN_LOCK Lock;    // guards the list and the mark
+    LIST_ENTRY Waiting; // oldest first, linked by their ListEntry
+    BOOLEAN bGone;      // nothing is held any more
+    KTIMER Timer;
+    KDPC Dpc;
+};
+
+// IRQL PASSIVE, once.
+VOID InitializeHeld(HeldRequests* pHeld);
+// Answers a request as told: at once, or later with this status and length. Its buffer has the answer already.
+// IRQL <= DISPATCH. Lock: takes Lock. Fails: with what the request was completed with, STATUS_PENDING.
+NTSTATUS AnswerRequest(HeldRequests* pHeld, PIRP pIrp, NTSTATUS Status, ULONG_PTR ulInformation,
+                       BOOLEAN bHold, ULONG ulDelayMs);
+// Completes every held request with the answer that it was given. IRQL <= DISPATCH. Lock: takes Lock.
+VOID ReleaseHeld(HeldRequests* pHeld);
+// Fails every held request; later ones fail at once. IRQL PASSIVE. Lock: takes Lock.
+VOID EndHeld(HeldRequests* pHeld);
+// How many requests are held. IRQL <= DISPATCH. Lock: takes Lock.
+ULONG CountHeld(HeldRequests* pHeld);
