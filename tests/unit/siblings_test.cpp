@@ -1,0 +1,394 @@
+// siblings_test.cpp - keyboard class devices that answer oddly, mouse filters that are slow, silent or gone,
+// interfaces that come and go faster than anybody looks.
+#include "bench_keyboard.h"
+
+#include <atomic>
+
+#include "siblings/siblings.h"
+
+namespace
+{
+const EmuBytes Released = {0, 0, 0, 0, 0, 0, 0, 0};
+const EmuBytes ControlHeld = {1, 0, 0, 0, 0, 0, 0, 0};
+enum : ULONG { ControlWord = 0x402, ControlGuiWord = 0x2482 };
+const EmuAnswer Refuses = {STATUS_IO_DEVICE_ERROR, 0, FALSE, 0, FALSE};
+const EmuAnswer Slow = {STATUS_SUCCESS, 50, FALSE, 0, FALSE};
+const EmuAnswer SlowRefusal = {STATUS_IO_DEVICE_ERROR, 50, FALSE, 0, FALSE};
+const EmuAnswer Silent = {STATUS_SUCCESS, 0, TRUE, 0, FALSE};
+const EmuAnswer Closed = {STATUS_SUCCESS, 0, FALSE, STATUS_ACCESS_DENIED, FALSE};
+const EmuAnswer OpensLate = {STATUS_SUCCESS, 0, FALSE, STATUS_SUCCESS, TRUE};
+
+using Words = std::vector<ULONG>;
+
+class Siblings : public KeyboardTest
+{
+protected:
+    void SetUp() override
+    {
+        KeyboardTest::SetUp();
+        ASSERT_EQ(Application->StartReportProcessing(0), STATUS_SUCCESS);
+    }
+
+    // The last keyboard goes and another comes: the control device is made anew.
+    void Replug()
+    {
+        Application->Close();
+        Keyboard->Unplug(false);
+        ASSERT_EQ(Globals.pControlDevice, nullptr);
+        Keyboard = Machine->Plug();
+        ASSERT_EQ(Keyboard->StartStatus(), STATUS_SUCCESS);
+    }
+
+    static ControlContext* Control() { return ControlContextOf(Globals.pControlDevice); }
+    static int UsbConnected() { return Control()->UsbMouse.ucConnected; }
+
+    static int UsbArrivals()
+    {
+        LockScope lock(Globals.SiblingLock);
+        return Globals.ucUsbMouseArrivals;
+    }
+
+    // The system calls the USB mouse's callback, whatever is registered.
+    static void Tell(const GUID& event)
+    {
+        DEVICE_INTERFACE_CHANGE_NOTIFICATION record = {};
+        record.Event = event;
+        EXPECT_EQ(UsbMouseArrival(&record, nullptr), STATUS_SUCCESS);
+    }
+
+    NTSTATUS Query(USHORT* pusRate, USHORT* pusDelayMs)
+    {
+        return QueryKeyboardTypematic(Keyboard->Index(), pusRate, pusDelayMs);
+    }
+};
+
+TEST_F(Siblings, BoundsWhatAClassDeviceReports)
+{
+    const struct {
+        USHORT usRate, usDelayMs, usStoredRate, usStoredDelay;
+    } rows[] = {{10, 500, 10, 1},  {31, 1000, 31, 3}, {32, 250, 31, 0}, {0xFFFF, 249, 31, 0},
+                {0, 0, 0, 0},      {5, 999, 5, 2},    {5, 1249, 5, 3},  {5, 1250, 5, 3},
+                {5, 0xFFFF, 5, 3}, {23, 751, 23, 2}};
+    EmuClassDevice* pClass = Machine->AddClassDevice(0);
+    for (const auto& row : rows) {
+        USHORT usRate = 0, usDelayMs = 0;
+        pClass->SetTypematic(row.usRate, row.usDelayMs);
+        EXPECT_EQ(Query(&usRate, &usDelayMs), STATUS_SUCCESS);
+        EXPECT_EQ(usRate, row.usRate) << "as it was returned";
+        EXPECT_EQ(usDelayMs, row.usDelayMs);
+        EXPECT_EQ(Globals.usTypematicRate, row.usStoredRate) << row.usRate;
+        EXPECT_EQ(Globals.usTypematicDelay, row.usStoredDelay) << row.usDelayMs;
+    }
+}
+
+TEST_F(Siblings, AsksClassDevicesUntilOneAnswers)
+{
+    USHORT usRate = 1, usDelayMs = 2;
+    EXPECT_EQ(Query(&usRate, &usDelayMs), STATUS_OBJECT_NAME_NOT_FOUND) << "there is none";
+    std::vector<EmuClassDevice*> classes;
+    for (USHORT us = 0; us < 5; us++) {
+        classes.push_back(Machine->AddClassDevice(us));
+        classes[us]->SetTypematic(us, (USHORT)(250 * us));
+    }
+    classes[0]->Answer(SlowRefusal); // its late answer must not be taken for the next one's
+    classes[1]->Answer(Closed);
+    classes[2]->Answer(Refuses);
+    classes[3]->Answer(Slow);
+    const unsigned long long ullBefore = HostNowUs();
+    EXPECT_EQ(Query(&usRate, &usDelayMs), STATUS_SUCCESS);
+    EXPECT_EQ(HostNowUs() - ullBefore, 100000u);
+    EXPECT_EQ(usRate, 3);
+    EXPECT_EQ(usDelayMs, 750);
+    const ULONG ulAsked[5] = {1, 0, 1, 1, 0};
+    for (size_t i = 0; i < 5; i++) {
+        EXPECT_EQ(classes[i]->State().ulQueries, ulAsked[i]) << i;
+    }
+
+    HostFailNth("irp", 1); // no request for the first: the second answers
+    classes[1]->Answer({});
+    EXPECT_EQ(Query(&usRate, &usDelayMs), STATUS_SUCCESS);
+    EXPECT_EQ(usRate, 1);
+    EXPECT_EQ(classes[0]->State().ulQueries, 1u);
+    HostFailNth(nullptr, 0);
+
+    for (EmuClassDevice* pClass : classes) {
+        pClass->Answer(Refuses);
+    }
+    classes[4]->Answer({STATUS_DEVICE_BUSY, 0, FALSE, 0, FALSE});
+    EXPECT_EQ(Query(&usRate, &usDelayMs), STATUS_DEVICE_BUSY) << "the last one's";
+    EXPECT_EQ(SetKeyboardTypematic(Keyboard->Index(), 5, 1), STATUS_DEVICE_BUSY);
+    EXPECT_EQ(usRate, 1) << "unchanged";
+    EXPECT_EQ(Globals.usTypematicRate, 1);
+    EXPECT_EQ(Globals.usTypematicDelay, 0);
+    EXPECT_EQ(QueryKeyboardTypematic(77, &usRate, &usDelayMs), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(SetKeyboardTypematic(77, 5, 1), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(classes[3]->State().ulQueries, 2u) << "nobody is asked for a keyboard that is not there";
+}
+
+TEST_F(Siblings, AnswersOnAnotherThread)
+{
+    EmuClassDevice* pClass = Machine->AddClassDevice(4);
+    pClass->Answer(Silent);
+    pClass->SetTypematic(12, 750);
+    USHORT usRate = 0, usDelayMs = 0;
+    HostThread thread = HostStartThread([&] { EXPECT_EQ(Query(&usRate, &usDelayMs), STATUS_SUCCESS); });
+    HostSettle();
+    EXPECT_EQ(usRate, 0) << "it waits";
+    pClass->Release();
+    HostJoinThread(thread);
+    EXPECT_EQ(usRate, 12);
+
+    thread = HostStartThread([&] { EXPECT_EQ(Query(&usRate, &usDelayMs), STATUS_DELETE_PENDING); });
+    HostSettle();
+    pClass->Remove(); // never answered
+    HostJoinThread(thread);
+}
+
+TEST_F(Siblings, TellsBothMiceWhateverOneAnswers)
+{
+    EmuSibling* pPs2 = Machine->AddSibling(EmuPs2MouseSibling);
+    EmuSibling* pUsb = Machine->AddSibling(EmuUsbMouseSibling);
+    const ULONG ulWord = 0x12345678;
+    EXPECT_EQ(NotifyMouseModifiers(&ulWord), STATUS_UNSUCCESSFUL) << "nobody is there";
+    pPs2->Arrive();
+    pUsb->Arrive();
+    const struct {
+        NTSTATUS Ps2, Usb, Result;
+    } rows[] = {{STATUS_SUCCESS, STATUS_SUCCESS, STATUS_SUCCESS},
+                {STATUS_IO_DEVICE_ERROR, STATUS_SUCCESS, STATUS_UNSUCCESSFUL},
+                {STATUS_SUCCESS, STATUS_IO_DEVICE_ERROR, STATUS_UNSUCCESSFUL},
+                {STATUS_BUFFER_OVERFLOW, STATUS_SUCCESS, STATUS_SUCCESS}}; // a warning is no error
+    for (const auto& row : rows) {
+        pPs2->Answer({row.Ps2, 0, FALSE, 0, FALSE});
+        pUsb->Answer({row.Usb, 20, FALSE, 0, FALSE});
+        EXPECT_EQ(NotifyMouseModifiers(&ulWord), row.Result);
+        EXPECT_EQ(pPs2->TakeWords(), Words{ulWord});
+        EXPECT_EQ(pUsb->TakeWords(), Words{ulWord});
+    }
+    pPs2->Answer(Closed); // open no more
+    EXPECT_EQ(NotifyMouseModifiers(&ulWord), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(SendMouseRequest(L"\\Device\\TvPS2M_COMM", &ulWord), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(pUsb->TakeWords(), Words{ulWord});
+}
+
+TEST_F(Siblings, DropsAWordThatCannotBeQueued)
+{
+    EmuSibling* pUsb = Machine->AddSibling(EmuUsbMouseSibling);
+    pUsb->Arrive();
+    for (const char* pWhat : {"pool", "workitem"}) {
+        HostFailNth(pWhat, 1);
+        Keyboard->Report(ControlHeld);
+        HostFailNth(nullptr, 0);
+        HostSettle();
+        EXPECT_EQ(pUsb->TakeWords(), Words{}) << pWhat;
+        Keyboard->Report(Released);
+        HostSettle();
+        EXPECT_EQ(pUsb->TakeWords(), Words{0}) << "the next change is told";
+    }
+}
+
+TEST_F(Siblings, RemovalDoesNotWaitForASilentMouse)
+{
+    EmuSibling* pUsb = Machine->AddSibling(EmuUsbMouseSibling);
+    EmuSibling* pPs2 = Machine->AddSibling(EmuPs2MouseSibling);
+    pUsb->Arrive(Silent);
+    pPs2->Arrive(Silent);
+    for (int i = 0; i < 3; i++) { // more words than the system has workers for
+        Keyboard->Report(ControlHeld);
+        Keyboard->Report(Released);
+    }
+    HostSettle();
+    EXPECT_LT(0u, pPs2->Held());
+    Application->Close();
+    Keyboard->Unplug(true);
+    EXPECT_EQ(pPs2->Held() + pUsb->Held(), 0u);
+    EXPECT_EQ(Globals.pControlDevice, nullptr);
+}
+
+TEST_F(Siblings, MouseGoesWithAWordUnanswered)
+{
+    EmuSibling* pUsb = Machine->AddSibling(EmuUsbMouseSibling);
+    pUsb->Arrive(Silent);
+    Keyboard->Report(ControlHeld);
+    HostSettle();
+    EXPECT_EQ(pUsb->Held(), 1u);
+    pUsb->Leave();
+    EXPECT_EQ(Control()->lNotifications, 1) << "the request came back";
+    Keyboard->Report(Released);
+    HostSettle();
+    EXPECT_EQ(pUsb->TakeWords(), Words{ControlWord});
+    pUsb->Arrive();
+    Keyboard->Report({9, 0, 0, 0, 0, 0, 0, 0});
+    HostSettle();
+    EXPECT_EQ(pUsb->TakeWords(), Words{ControlGuiWord}) << "it is back";
+}
+
+TEST_F(Siblings, CountsInterfacesAndOpensOnTheFirst)
+{
+    EmuSibling* pFirst = Machine->AddSibling(EmuUsbMouseSibling);
+    EmuSibling* pSecond = Machine->AddSibling(EmuUsbMouseSibling);
+    EXPECT_EQ(pFirst->Arrive(), STATUS_SUCCESS);
+    EXPECT_EQ(pSecond->Arrive({}, true), STATUS_SUCCESS);
+    EXPECT_EQ(UsbArrivals(), 2);
+    EXPECT_EQ(UsbConnected(), 1);
+    EXPECT_EQ(Control()->Ps2Mouse.ucConnected + Control()->Ps2Keyboard.ucConnected, 0);
+    pSecond->Leave();
+    EXPECT_EQ(UsbConnected(), 1) << "one is left";
+    pFirst->Leave();
+    EXPECT_EQ(UsbArrivals(), 0);
+    EXPECT_EQ(UsbConnected(), 0);
+
+    Tell(GUID_DEVICE_INTERFACE_REMOVAL);
+    EXPECT_EQ(UsbArrivals(), 255) << "wraps";
+    pFirst->Arrive();
+    EXPECT_EQ(UsbArrivals(), 0);
+    EXPECT_EQ(UsbConnected(), 0) << "not the first by the count";
+    Tell(GUID_TARGET_DEVICE_REMOVE_COMPLETE);
+    EXPECT_EQ(UsbArrivals(), 0) << "no arrival and no removal";
+    Tell(GUID_DEVICE_INTERFACE_ARRIVAL);
+    HostSettle();
+    EXPECT_EQ(UsbConnected(), 1);
+}
+
+TEST_F(Siblings, LinkStaysDownWhenItCannotBeOpened)
+{
+    EmuSibling* pUsb = Machine->AddSibling(EmuUsbMouseSibling);
+    EmuSibling* pSecond = Machine->AddSibling(EmuUsbMouseSibling);
+    for (int iCase = 0; iCase < 3; iCase++) {
+        HostFailNth(iCase == 1 ? "workitem" : iCase == 2 ? "open" : nullptr, iCase == 0 ? 0 : 1);
+        pUsb->Arrive(iCase == 0 ? Closed : EmuAnswer{});
+        HostFailNth(nullptr, 0);
+        pUsb->Answer({});
+        pSecond->Arrive({}, true);
+        EXPECT_EQ(UsbArrivals(), 2) << iCase;
+        EXPECT_EQ(UsbConnected(), 0) << iCase << ": the second arrival opens nothing";
+        pSecond->Leave();
+        pUsb->Leave();
+        pUsb->Arrive();
+        EXPECT_EQ(UsbConnected(), 1) << iCase << ": a first arrival again";
+        pUsb->Leave();
+    }
+}
+
+TEST_F(Siblings, NewControlDeviceKeepsTheCount)
+{
+    EmuSibling* pPs2 = Machine->AddSibling(EmuPs2MouseSibling);
+    EmuSibling* pUsb = Machine->AddSibling(EmuUsbMouseSibling);
+    pUsb->Arrive();
+    Replug();
+    EXPECT_EQ(UsbArrivals(), 2) << "reported again";
+    EXPECT_EQ(UsbConnected(), 0) << "not opened again";
+    pUsb->Leave();
+    pUsb->Arrive();
+    EXPECT_EQ(UsbConnected(), 0);
+
+    Application->Close();
+    Keyboard->Unplug(false);
+    pPs2->Arrive();                      // while nobody is registered
+    Tell(GUID_DEVICE_INTERFACE_ARRIVAL); // a callback that outlived its registration
+    EXPECT_EQ(UsbArrivals(), 3);
+    Tell(GUID_DEVICE_INTERFACE_REMOVAL);
+    Keyboard = Machine->Plug();
+    HostSettle();
+    EXPECT_EQ(Control()->Ps2Mouse.ucConnected, 1) << "existing interfaces are told at once";
+}
+
+TEST_F(Siblings, QuickComingAndGoingQueuesOnce)
+{
+    EmuSibling* pUsb = Machine->AddSibling(EmuUsbMouseSibling);
+    pUsb->Arrive();
+    pUsb->Publish(false);
+    Tell(GUID_DEVICE_INTERFACE_ARRIVAL);
+    PIO_WORKITEM pWorkItem = Control()->UsbMouse.pWorkItem;
+    EXPECT_NE(pWorkItem, nullptr);
+    Tell(GUID_DEVICE_INTERFACE_REMOVAL);
+    Tell(GUID_DEVICE_INTERFACE_ARRIVAL);
+    EXPECT_EQ(Control()->UsbMouse.pWorkItem, pWorkItem) << "it will see this arrival too";
+    HostSettle();
+    EXPECT_EQ(Control()->UsbMouse.pWorkItem, nullptr);
+    EXPECT_EQ(UsbConnected(), 1);
+    Tell(GUID_DEVICE_INTERFACE_REMOVAL);
+    Tell(GUID_DEVICE_INTERFACE_ARRIVAL);
+    Tell(GUID_DEVICE_INTERFACE_REMOVAL);
+    HostSettle();
+    EXPECT_EQ(UsbConnected(), 0) << "gone when the routine came to run";
+}
+
+TEST_F(Siblings, LateOpenDoesNotConnectWhatIsGone)
+{
+    EmuSibling* pUsb = Machine->AddSibling(EmuUsbMouseSibling);
+    pUsb->Arrive(OpensLate);
+    EXPECT_EQ(pUsb->Held(), 1u) << "the work routine waits for the open";
+    pUsb->Publish(false);
+    pUsb->Release();
+    EXPECT_EQ(UsbConnected(), 0);
+
+    pUsb->Publish(true);
+    pUsb->Publish(false);
+    pUsb->Answer(Closed);
+    pUsb->Publish(true); // this one's open fails at once, while the first one's is still under way
+    pUsb->Release();
+    EXPECT_EQ(UsbArrivals(), 1);
+    EXPECT_EQ(UsbConnected(), 0) << "the open belongs to the arrival before";
+
+    pUsb->Publish(false);
+    pUsb->Answer(OpensLate);
+    pUsb->Publish(true);
+    Application->Close();
+    Keyboard->Unplug(false); // the control device goes under the work routine
+    pUsb->Release();
+}
+
+TEST(SiblingEvents, AreClassifiedByAllTheirBytes)
+{
+    const GUID* const events[] = {&GUID_HWPROFILE_QUERY_CHANGE,         &GUID_HWPROFILE_CHANGE_CANCELLED,
+                                  &GUID_HWPROFILE_CHANGE_COMPLETE,      &GUID_DEVICE_INTERFACE_ARRIVAL,
+                                  &GUID_DEVICE_INTERFACE_REMOVAL,       &GUID_TARGET_DEVICE_QUERY_REMOVE,
+                                  &GUID_TARGET_DEVICE_REMOVE_CANCELLED, &GUID_TARGET_DEVICE_REMOVE_COMPLETE};
+    for (ULONG i = 0; i < 8; i++) {
+        EXPECT_EQ(ClassifyPnpEvent(events[i]), i + 1);
+        for (size_t at : {0, 5, 15}) {
+            GUID other = *events[i];
+            reinterpret_cast<UCHAR*>(&other)[at] ^= 0x80;
+            EXPECT_EQ(ClassifyPnpEvent(&other), 0u) << i << " byte " << at;
+        }
+    }
+}
+
+// Mice come and go and keyboards are typed on while the control device is made and deleted again and again.
+TEST(Threaded, ModifierWordsMeetRemovalAndUnload)
+{
+    EmuMachineOptions options;
+    options.Entry = DriverEntry;
+    options.Mode = HostThreaded;
+    EmuMachine machine(options);
+    ASSERT_EQ(machine.LoadStatus(), STATUS_SUCCESS);
+    EmuSibling* pPs2 = machine.AddSibling(EmuPs2MouseSibling);
+    EmuSibling* pUsb = machine.AddSibling(EmuUsbMouseSibling);
+    std::atomic<bool> bStop{false};
+    std::atomic<size_t> words{0};
+    HostThread mice = HostStartThread([&] {
+        for (unsigned i = 0; !bStop; i++) {
+            pPs2->Arrive(i % 3 == 0 ? Silent : Slow);
+            pUsb->Arrive(i % 3 == 1 ? Refuses : EmuAnswer{});
+            pPs2->Publish(i % 2 != 0);
+            (i % 2 ? pUsb : pPs2)->Leave();
+            words += pPs2->TakeWords().size() + pUsb->TakeWords().size();
+        }
+    });
+    for (int iRound = 0; iRound < 20 || (words == 0 && iRound < 1000); iRound++) {
+        EmuKeyboard* pKeyboard = machine.Plug();
+        ASSERT_EQ(pKeyboard->StartStatus(), STATUS_SUCCESS);
+        EmuApplication application;
+        EXPECT_EQ(application.StartReportProcessing(pKeyboard->Index()), STATUS_SUCCESS);
+        for (int i = 0; i < 50; i++) {
+            pKeyboard->Report(i % 2 ? Released : ControlHeld);
+        }
+        pKeyboard->Unplug(iRound % 2 == 0);
+    }
+    bStop = true;
+    HostJoinThread(mice);
+    EXPECT_LT(0u, words);
+    EXPECT_EQ(machine.Unload(), 0u);
+}
+} // namespace
