@@ -178,10 +178,10 @@ wait 20ms
 answer -> 00 00 00 00 00 00 00 00
 quiet
 
-story A keyboard with macros beside a power keyboard without
+story A keyboard with macros beside a media keyboard without
 setting KorvexHotkey 0x00010039
 setting KorvexLEDDisabled 0
-keyboard power
+keyboard consumer
 keyboard normal
 on 0
 report 00 39 00 -> 00 39 00              # the hotkey belongs to the other interface
