@@ -13,7 +13,7 @@ enum : UCHAR { VENDOR_PLAIN = 1, VENDOR_WITH_KEY = 3 };
 
 // The command's vendor request; only the one with a key carries it, but every one's key must be known.
 // IRQL any. Fails: unknown scan code.
-NTSTATUS TranslateCommand(const KeyCommand* pCommand, PipeRequest* pRequest)
+NTSTATUS TranslateCommand(const KeyCommand* pCommand, SetupRequest* pRequest)
 {
     USHORT usUsage = 0;
     USHORT usUsageBytes;
@@ -47,7 +47,7 @@ NTSTATUS SendKeyCommand(ULONG ulDeviceIndex, const KeyCommand* pCommand)
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    PipeRequest request;
+    SetupRequest request;
     status = TranslateCommand(pCommand, &request);
     if (NT_SUCCESS(status)) {
         status = WriteToKeyboard(device, request, nullptr, 0);

@@ -27,7 +27,7 @@ void CopyString(PUCHAR pOut, const UCHAR* pDescriptor, ULONG ulLength)
 // Asks for the length first, so that a string that does not fit costs one short transfer. The second answer
 // may be another one: its own length counts.
 // IRQL = PASSIVE. Fails: as ReadFromKeyboard, *pulLength 0.
-NTSTATUS ReadString(PDEVICE_OBJECT device, const PipeRequest& request, PUCHAR pOut, ULONG ulCapacity,
+NTSTATUS ReadString(PDEVICE_OBJECT device, const SetupRequest& request, PUCHAR pOut, ULONG ulCapacity,
                     PULONG pulLength)
 {
     static const ULONG Steps[] = {STRING_HEAD_BYTES, STRING_BYTES};
@@ -47,8 +47,8 @@ NTSTATUS ReadString(PDEVICE_OBJECT device, const PipeRequest& request, PUCHAR pO
 // IRQL = PASSIVE. Fails: unknown index, or as ReadFromKeyboard; *pDescriptor is untouched then.
 NTSTATUS GetDeviceDescriptor(ULONG ulDeviceIndex, PUCHAR pDescriptor)
 {
-    static const PipeRequest Request = {URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE, 0, 0,
-                                        DEVICE_DESCRIPTOR_VALUE, 0};
+    static const SetupRequest Request = {URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE, 0, 0,
+                                         DEVICE_DESCRIPTOR_VALUE, 0};
     PDEVICE_OBJECT device;
     NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
     if (!NT_SUCCESS(status)) {
@@ -75,8 +75,8 @@ NTSTATUS GetStringDescriptor(ULONG ulDeviceIndex, UCHAR ucIndex, USHORT usLangua
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    const PipeRequest request = {URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE, 0, 0,
-                                 static_cast<USHORT>(STRING_DESCRIPTOR_VALUE | ucIndex), usLanguage};
+    const SetupRequest request = {URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE, 0, 0,
+                                  static_cast<USHORT>(STRING_DESCRIPTOR_VALUE | ucIndex), usLanguage};
     status = ReadString(device, request, pOut, ulCapacity, pulLength);
     ReleaseDevice(device);
     return status;

@@ -22,7 +22,7 @@ enum EmptyAccess : UCHAR { SendsEmpty, DoesNothing, AsksForSize };
 
 // One of the six routines.
 struct MemoryAccessKind {
-    PipeRequest request;
+    SetupRequest request;
     AddressPlace place;
     EmptyAccess empty;
     const char* pszSizeTitle; // of the log's dump when it asks for the size
@@ -68,9 +68,9 @@ const MemoryAccessKind ReadVendorKind = {
 const MemoryAccessKind WriteVendorKind = {
     {VENDOR_REQUEST, HID_SET_REPORT, TO_KEYBOARD, HID_OUTPUT_REPORT, 0}, IntoIndex, SendsEmpty, nullptr};
 
-PipeRequest AddressedRequest(const MemoryAccessKind& kind, USHORT usAddress)
+SetupRequest AddressedRequest(const MemoryAccessKind& kind, USHORT usAddress)
 {
-    PipeRequest request = kind.request;
+    SetupRequest request = kind.request;
     if (kind.place == IntoIndex) {
         request.usIndex = usAddress;
     } else if (kind.place == LowByteIntoIndex) {
@@ -93,8 +93,8 @@ void FreeTransfer(PUCHAR pBuffer)
 // IRQL = PASSIVE. Fails: no memory, or as ReadFromKeyboard; *pulSize untouched.
 NTSTATUS QuerySize(PDEVICE_OBJECT device, const char* pszTitle, PULONG pulSize)
 {
-    static const PipeRequest Request = {URB_FUNCTION_GET_DESCRIPTOR_FROM_INTERFACE, 0, FROM_KEYBOARD,
-                                        REPORT_DESCRIPTOR, EEPROM_INTERFACE};
+    static const SetupRequest Request = {URB_FUNCTION_GET_DESCRIPTOR_FROM_INTERFACE, 0, FROM_KEYBOARD,
+                                         REPORT_DESCRIPTOR, EEPROM_INTERFACE};
     PUCHAR pBuffer = AllocateTransfer(REPORT_DESCRIPTOR_BYTES);
     if (pBuffer == nullptr) {
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -110,7 +110,7 @@ NTSTATUS QuerySize(PDEVICE_OBJECT device, const char* pszTitle, PULONG pulSize)
 }
 
 // IRQL = PASSIVE. Fails: no memory, or as ReadFromKeyboard; pOut untouched.
-NTSTATUS ReadData(PDEVICE_OBJECT device, const PipeRequest& request, USHORT usLength, PUCHAR pOut,
+NTSTATUS ReadData(PDEVICE_OBJECT device, const SetupRequest& request, USHORT usLength, PUCHAR pOut,
                   PULONG pulLength)
 {
     if (usLength == 0) {

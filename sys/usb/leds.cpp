@@ -22,8 +22,8 @@ USHORT LedFlagsToReport(USHORT usFlags)
 NTSTATUS SendLedReport(PDEVICE_OBJECT device, USHORT usFlags)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
-    static const PipeRequest SetReport = {URB_FUNCTION_CLASS_INTERFACE, HID_SET_REPORT,
-                                          USBD_TRANSFER_DIRECTION_OUT, HID_OUTPUT_REPORT, 0};
+    static const SetupRequest SetReport = {URB_FUNCTION_CLASS_INTERFACE, HID_SET_REPORT,
+                                           USBD_TRANSFER_DIRECTION_OUT, HID_OUTPUT_REPORT, 0};
     DeviceContext* pContext = FilterContextOf(device);
     USHORT usReport = LedFlagsToReport(usFlags);
     WriteShared(pContext->usLedReport, usReport);

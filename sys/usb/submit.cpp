@@ -13,7 +13,7 @@
 
 namespace
 {
-bool IsDescriptorRequest(const PipeRequest& request)
+bool IsDescriptorRequest(const SetupRequest& request)
 {
     return request.usFunction == URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE ||
            request.usFunction == URB_FUNCTION_SET_DESCRIPTOR_TO_DEVICE ||
@@ -21,7 +21,7 @@ bool IsDescriptorRequest(const PipeRequest& request)
 }
 
 // A transfer without data names no buffer.
-void BuildUrb(PURB pUrb, const PipeRequest& request, PVOID pBuffer, ULONG ulBytes)
+void BuildUrb(PURB pUrb, const SetupRequest& request, PVOID pBuffer, ULONG ulBytes)
 {
     RtlZeroMemory(pUrb, sizeof(*pUrb));
     pUrb->UrbHeader.Function = request.usFunction;
@@ -99,7 +99,7 @@ NTSTATUS SubmitUrbSync(PDEVICE_OBJECT device, PURB pUrb)
 
 // After a success the bytes that the keyboard did not give are zero.
 // IRQL = PASSIVE. Fails: as SubmitUrbSync; the buffer's content is then of no worth.
-NTSTATUS ReadFromKeyboard(PDEVICE_OBJECT device, const PipeRequest& request, PUCHAR pBuffer, ULONG ulBytes)
+NTSTATUS ReadFromKeyboard(PDEVICE_OBJECT device, const SetupRequest& request, PUCHAR pBuffer, ULONG ulBytes)
 {
     URB urb;
     BuildUrb(&urb, request, pBuffer, ulBytes);
@@ -112,7 +112,7 @@ NTSTATUS ReadFromKeyboard(PDEVICE_OBJECT device, const PipeRequest& request, PUC
 }
 
 // IRQL = PASSIVE. Fails: as SubmitUrbSync.
-NTSTATUS WriteToKeyboard(PDEVICE_OBJECT device, const PipeRequest& request, PUCHAR pBuffer, ULONG ulBytes)
+NTSTATUS WriteToKeyboard(PDEVICE_OBJECT device, const SetupRequest& request, PUCHAR pBuffer, ULONG ulBytes)
 {
     URB urb;
     BuildUrb(&urb, request, pBuffer, ulBytes);

@@ -38,7 +38,7 @@ void DumpMdl(const char* pszTitle, PMDL pMdl);
 // submit.cpp: the driver's own requests to a keyboard. IRQL = PASSIVE.
 // A request of the control pipe in the words of its setup packet. For the descriptor functions usValue is
 // type and index of the descriptor, usIndex the language, and ucRequest follows from the function.
-struct PipeRequest {
+struct SetupRequest {
     USHORT usFunction; // of the URB
     UCHAR ucRequest;
     ULONG ulFlags; // of the transfer
@@ -51,8 +51,8 @@ enum : UCHAR { CLASS_REQUEST_TYPE = 0x22, HID_GET_REPORT = 1, HID_SET_REPORT = 9
 enum : USHORT { HID_OUTPUT_REPORT = 0x0200 }; // its report ID in the low byte
 
 NTSTATUS SubmitUrbSync(PDEVICE_OBJECT device, PURB pUrb);
-NTSTATUS ReadFromKeyboard(PDEVICE_OBJECT device, const PipeRequest& request, PUCHAR pBuffer, ULONG ulBytes);
-NTSTATUS WriteToKeyboard(PDEVICE_OBJECT device, const PipeRequest& request, PUCHAR pBuffer, ULONG ulBytes);
+NTSTATUS ReadFromKeyboard(PDEVICE_OBJECT device, const SetupRequest& request, PUCHAR pBuffer, ULONG ulBytes);
+NTSTATUS WriteToKeyboard(PDEVICE_OBJECT device, const SetupRequest& request, PUCHAR pBuffer, ULONG ulBytes);
 
 // pendingreads.cpp: IRQL <= DISPATCH. Lock: takes PendingIrpLock.
 NTSTATUS AddPendingIrp(PDEVICE_OBJECT device, PIRP Irp);

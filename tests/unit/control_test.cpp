@@ -1,177 +1,17 @@
-// control_test.cpp - the control requests as applications of both process sizes send them: what is checked,
-// how it fails, how much is reported.
-#include <gtest/gtest.h>
-
+// control_test.cpp - what the control requests answer, to applications of both process sizes.
+#include "bench_application.h"
 #include "control/control.h"
-#include "emu/app/application.h"
-#include "emu/app/machine.h"
 
 namespace
 {
-constexpr ULONG UNKNOWN_INDEX = 77;
 constexpr NTSTATUS OK = STATUS_SUCCESS;
 constexpr NTSTATUS TS = STATUS_BUFFER_TOO_SMALL;
 constexpr NTSTATUS UN = STATUS_UNSUCCESSFUL;
 constexpr NTSTATUS NO = STATUS_INVALID_DEVICE_REQUEST;
-constexpr NTSTATUS BAD = STATUS_INVALID_HANDLE;
 
-class ControlTest : public ::testing::TestWithParam<bool> // true: a 32-bit process
+class ControlTest : public ApplicationTest
 {
-protected:
-    void SetUp() override
-    {
-        ASSERT_EQ(OK, machine.LoadStatus());
-        pKeyboard = machine.Plug();
-        ASSERT_EQ(OK, pKeyboard->StartStatus());
-        pApp = std::make_unique<EmuApplication>(GetParam());
-        ASSERT_EQ(OK, pApp->OpenStatus());
-    }
-
-    void TearDown() override
-    {
-        pApp.reset();
-        EXPECT_EQ(0u, machine.Unload());
-    }
-
-    static EmuMachineOptions Options()
-    {
-        EmuMachineOptions options;
-        options.Entry = DriverEntry;
-        return options;
-    }
-
-    static ULONG PayloadOffset() { return GetParam() ? 4 : 8; }
-    static ULONG RecordBytes() { return GetParam() ? 520 : 528; }
-
-    static EmuBytes Record(ULONG ulIndex, const EmuBytes& payload = {})
-    {
-        EmuBytes in(RecordBytes());
-        memcpy(in.data(), &ulIndex, sizeof(ulIndex));
-        std::copy(payload.begin(), payload.end(), in.begin() + PayloadOffset());
-        return in;
-    }
-
-    NTSTATUS Send(ULONG ulCode, const EmuBytes& in, ULONG ulOut)
-    {
-        Out.assign(ulOut, 0xEE);
-        return pApp->Request(ulCode, in, ulOut, &Out);
-    }
-
-    EmuMachine machine{Options()};
-    EmuKeyboard* pKeyboard = nullptr;
-    std::unique_ptr<EmuApplication> pApp;
-    EmuBytes Out; // what the last request reported
 };
-
-template <typename Value> EmuBytes BytesOf(const Value& value)
-{
-    const UCHAR* p = reinterpret_cast<const UCHAR*>(&value);
-    return EmuBytes(p, p + sizeof(value));
-}
-
-enum Input { NoInput, WholeRecord, FourBytes };
-
-struct CodeRow {
-    ULONG ulCode;
-    Input input;
-    ULONG ulOut;          // least output length
-    NTSTATUS shortStatus; // of anything missing
-    NTSTATUS status;      // of the shortest request that passes, for an unknown keyboard and an empty payload
-    ULONG ulInformation;
-};
-
-const CodeRow Codes[] = {
-    {0x22200C, NoInput, 4, TS, OK, 4},      {0x222014, NoInput, 4, TS, OK, 4},
-    {0x222018, NoInput, 0, NO, NO, 0},      {0x22201C, NoInput, 0, NO, NO, 0},
-    {0x222020, NoInput, 0, NO, NO, 0},      {0x222024, NoInput, 0, NO, NO, 0},
-    {0x222028, NoInput, 4, TS, OK, 4},      {0x22202C, WholeRecord, 4, TS, OK, 4},
-    {0x222030, WholeRecord, 0, TS, UN, 0},  {0x222034, WholeRecord, 0, TS, UN, 0},
-    {0x222038, WholeRecord, 0, TS, UN, 0},  {0x22203C, WholeRecord, 0, TS, UN, 0},
-    {0x222040, NoInput, 2, TS, OK, 2},      {0x222044, WholeRecord, 2052, TS, OK, 2052},
-    {0x222048, NoInput, 0, NO, NO, 0},      {0x22204C, WholeRecord, 0, UN, UN, 0},
-    {0x222050, WholeRecord, 0, UN, UN, 0},  {0x222054, WholeRecord, 4, UN, UN, 0},
-    {0x222058, WholeRecord, 0, UN, UN, 0},  {0x22205C, WholeRecord, 20, UN, UN, 0},
-    {0x222060, WholeRecord, 20, UN, UN, 0}, {0x222064, WholeRecord, 2, UN, UN, 2},
-    {0x222068, WholeRecord, 0, UN, UN, 0},  {0x22206C, WholeRecord, 4, UN, UN, 4},
-    {0x222070, WholeRecord, 0, UN, UN, 0},  {0x222074, WholeRecord, 20, UN, OK, 0},
-    {0x222078, WholeRecord, 4, UN, UN, 0},  {0x22207C, WholeRecord, 0, TS, BAD, 0},
-    {0x222080, NoInput, 4, TS, OK, 4},      {0x222084, WholeRecord, 0, TS, UN, 0},
-    {0x222088, WholeRecord, 0, TS, OK, 0},  {0x22208C, WholeRecord, 0, TS, OK, 0},
-    {0x222090, WholeRecord, 0, TS, UN, 0},  {0x222094, WholeRecord, 0, TS, UN, 0},
-    {0x222098, WholeRecord, 2, UN, UN, 0},  {0x2220A0, WholeRecord, 0, TS, UN, 0},
-    {0x2220A4, WholeRecord, 0, TS, UN, 0},  {0x2220A8, WholeRecord, 0, TS, UN, 0},
-    {0x2220C8, WholeRecord, 1, UN, UN, 0},  {0x2220CC, WholeRecord, 0, TS, UN, 0},
-    {0x2220D0, WholeRecord, 0, TS, UN, 0},  {0x2220D4, WholeRecord, 0, TS, UN, 0},
-    {0x2220D8, WholeRecord, 4, UN, UN, 0},  {0x2220DC, WholeRecord, 1020, UN, OK, 1020},
-    {0x2220E0, WholeRecord, 0, TS, BAD, 0}, {0x2220E4, WholeRecord, 0, TS, UN, 0},
-    {0x2220E8, WholeRecord, 4, UN, OK, 4},  {0x2220EC, WholeRecord, 0, UN, OK, 0},
-    {0x2220F0, WholeRecord, 16, UN, UN, 0}, {0x2220F4, WholeRecord, 16, UN, UN, 0},
-    {0x2220F8, WholeRecord, 16, UN, OK, 0}, {0x2220FC, WholeRecord, 4, UN, OK, 4},
-    {0x222100, WholeRecord, 0, UN, OK, 0},  {0x222104, NoInput, 4, UN, OK, 4},
-    {0x222108, FourBytes, 0, UN, OK, 0},
-};
-static_assert(ARRAYSIZE(Codes) == 55, "every code");
-
-TEST_P(ControlTest, EveryCodeChecksItsLengths)
-{
-    for (const CodeRow& row : Codes) {
-        SCOPED_TRACE(::testing::Message() << "code " << std::hex << row.ulCode);
-        EmuBytes in =
-            row.input == WholeRecord ? Record(UNKNOWN_INDEX) : EmuBytes(row.input == FourBytes ? 4 : 0);
-        EXPECT_EQ(row.status, Send(row.ulCode, in, row.ulOut));
-        EXPECT_EQ(row.ulInformation, Out.size());
-        EXPECT_EQ(row.shortStatus, Send(row.ulCode, {}, 0)) << "no buffer";
-        EXPECT_EQ(0u, Out.size());
-        if (row.ulOut != 0) {
-            EXPECT_EQ(row.shortStatus, Send(row.ulCode, in, row.ulOut - 1)) << "output too short";
-            EXPECT_EQ(0u, Out.size());
-        }
-        if (row.input != NoInput) {
-            in.pop_back();
-            EXPECT_EQ(row.shortStatus, Send(row.ulCode, in, 4096)) << "input too short";
-            EXPECT_EQ(0u, Out.size());
-        }
-    }
-}
-
-TEST_P(ControlTest, NumbersWithoutARowAreUnknown)
-{
-    ULONG ulRows = 0;
-    for (ULONG ulCode = 0x222000; ulCode <= 0x22210C; ulCode++) {
-        bool bRow = std::any_of(std::begin(Codes), std::end(Codes),
-                                [ulCode](const CodeRow& row) { return row.ulCode == ulCode; });
-        ulRows += bRow;
-        if (!bRow) {
-            EXPECT_EQ(NO, Send(ulCode, Record(0), 4096)) << std::hex << ulCode;
-            EXPECT_EQ(0u, Out.size());
-        }
-    }
-    EXPECT_EQ(55u, ulRows);
-}
-
-TEST_P(ControlTest, KnownKeyboardPassesTheSameChecks)
-{
-    KeyDefinition definition = {7, 0, 1, 0x400, 1, 0, {0x3B}};
-    const struct {
-        ULONG ulCode, ulOut, ulInformation;
-        EmuBytes payload;
-    } Requests[] = {
-        {IOCTL_TVUSB_ADD_DEFINITION, 0, 0, BytesOf(definition)},
-        {IOCTL_TVUSB_REMOVE_DEFINITION, 0, 0, BytesOf(7u)},
-        {IOCTL_TVUSB_GET_NOTIFY_COUNT, 4, 4, {}},
-        {IOCTL_TVUSB_CLEAR_NOTIFY, 0, 0, {}},
-        {IOCTL_TVUSB_GET_LEDS, 2, 2, {}},
-        {IOCTL_TVUSB_GET_RESERVED_STATUS, 1, 1, {}},
-        {IOCTL_TVUSB_GET_CONTROL_PIPE, 4, 4, {}},
-        {IOCTL_TVUSB_START_PROCESSING, 0, 0, {}},
-        {IOCTL_TVUSB_STOP_PROCESSING, 0, 0, {}},
-    };
-    for (const auto& request : Requests) {
-        EXPECT_EQ(OK, Send(request.ulCode, Record(0, request.payload), request.ulOut)) << request.ulCode;
-        EXPECT_EQ(request.ulInformation, Out.size());
-    }
-    EXPECT_EQ(UN, Send(IOCTL_TVUSB_REMOVE_DEFINITION, Record(0, BytesOf(7u)), 0)) << "it is gone";
-}
 
 TEST_P(ControlTest, CheckZeroLooksAtByteEightOfALongInput)
 {
@@ -340,6 +180,5 @@ TEST_P(ControlTest, RecordsBelongToTheProcessSize)
     HostCloseHandle(hEvent);
 }
 
-INSTANTIATE_TEST_SUITE_P(ProcessSizes, ControlTest, ::testing::Bool(),
-                         [](const auto& info) { return info.param ? "Bits32" : "Bits64"; });
+INSTANTIATE_TEST_SUITE_P(ProcessSizes, ControlTest, testing::Bool(), ControlTest::SizeName);
 } // namespace
