@@ -104,8 +104,8 @@ NTSTATUS ReadFromKeyboard(PDEVICE_OBJECT device, const SetupRequest& request, PU
     URB urb;
     BuildUrb(&urb, request, pBuffer, ulBytes);
     NTSTATUS status = SubmitUrbSync(device, &urb);
-    if (NT_SUCCESS(status)) {
-        ULONG ulReceived = BytesReceived(urb, ulBytes);
+    ULONG ulReceived = BytesReceived(urb, ulBytes);
+    if (NT_SUCCESS(status) && ulReceived < ulBytes) {
         RtlZeroMemory(pBuffer + ulReceived, ulBytes - ulReceived);
     }
     return status;

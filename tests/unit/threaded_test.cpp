@@ -60,3 +60,47 @@ TEST(Threaded, KeyboardsTypeWhileTheApplicationWorks)
     application.Close();
     EXPECT_EQ(machine.Unload(), 0u);
 }
+
+// Two threads of the application read and write the keyboard's memory; the keyboard answers late, on another
+// thread, and is pulled in the midst of it.
+TEST(Threaded, KeyboardAnswersOnAnotherThread)
+{
+    EmuMachineOptions options;
+    options.Entry = DriverEntry;
+    options.Mode = HostThreaded;
+    EmuMachine machine(options);
+    ASSERT_EQ(machine.LoadStatus(), STATUS_SUCCESS);
+    EmuPlugOptions plug;
+    plug.Record = false;
+    EmuKeyboard* pKeyboard = machine.Plug(EmuBootKeyboard, plug);
+    ASSERT_EQ(pKeyboard->StartStatus(), STATUS_SUCCESS);
+    ASSERT_EQ(pKeyboard->SetRules({{EmuAny, EmuAny, EmuAny, EmuAny, EmuAnswerLate, 1, 0, 0, 0}}),
+              STATUS_SUCCESS);
+
+    std::atomic<unsigned> checked{0};
+    std::vector<HostThread> threads;
+    for (UCHAR ucThread = 0; ucThread < 2; ucThread++) {
+        threads.push_back(HostStartThread([&, ucThread] {
+            EmuApplication own(ucThread == 0);
+            for (UCHAR ucRound = 0;; ucRound++) {
+                const UCHAR Write[] = {ucThread, 0, 1, 0, ucRound}; // one byte at an address of its own
+                std::vector<UCHAR> out;
+                if (!NT_SUCCESS(
+                        own.RequestRecord(IOCTL_TVUSB_WRITE_VENDOR_MEMORY, 0, Write, sizeof(Write))) ||
+                    !NT_SUCCESS(own.RequestRecord(IOCTL_TVUSB_READ_VENDOR_MEMORY, 0, Write, 4, 1, &out))) {
+                    break; // pulled
+                }
+                EXPECT_EQ(out, (std::vector<UCHAR>{ucRound}));
+                checked++;
+            }
+        }));
+    }
+    while (checked < 40) {
+        std::this_thread::yield();
+    }
+    pKeyboard->Unplug(true);
+    for (HostThread thread : threads) {
+        HostJoinThread(thread);
+    }
+    EXPECT_EQ(machine.Unload(), 0u);
+}
