@@ -8,7 +8,7 @@ EmuClassDevice::EmuClassDevice(PDRIVER_OBJECT pDriver, USHORT usNumber)
     }
 }
 
-void EmuClassDevice::Answer(const EmuAnswer& answer)
+void EmuClassDevice::Answer(const EmuReply& answer)
 {
     if (m_pDevice) {
         EmuSetClassAnswer(m_pDevice, &answer);
@@ -54,7 +54,7 @@ VOID EmuSibling::Observe(PVOID pContext, ULONG ulModifiers)
     pSibling->m_Words.push_back(ulModifiers);
 }
 
-NTSTATUS EmuSibling::Arrive(const EmuAnswer& answer, bool bUnnamed)
+NTSTATUS EmuSibling::Arrive(const EmuReply& answer, bool bUnnamed)
 {
     if (m_pDevice) {
         return STATUS_SUCCESS;
@@ -91,7 +91,7 @@ NTSTATUS EmuSibling::Publish(bool bPresent)
     return status;
 }
 
-void EmuSibling::Answer(const EmuAnswer& answer)
+void EmuSibling::Answer(const EmuReply& answer)
 {
     if (m_pDevice) {
         EmuSetSiblingAnswer(m_pDevice, &answer);

@@ -23,7 +23,7 @@ public:
     EmuClassDevice(const EmuClassDevice&) = delete;
     EmuClassDevice& operator=(const EmuClassDevice&) = delete;
 
-    void Answer(const EmuAnswer& answer);
+    void Answer(const EmuReply& answer);
     void SetTypematic(USHORT usRate, USHORT usDelayMs);
     EmuClassState State() const; // all zero when the device could not be made or is gone
     void Release();              // answers what it holds
@@ -43,11 +43,11 @@ public:
     EmuSibling& operator=(const EmuSibling&) = delete;
 
     // The device comes (with its kind's name, or as an interface alone) and publishes its interface; it goes.
-    NTSTATUS Arrive(const EmuAnswer& answer = {}, bool bUnnamed = false);
+    NTSTATUS Arrive(const EmuReply& answer = {}, bool bUnnamed = false);
     void Leave();
     // The interface alone, while the device is there.
     NTSTATUS Publish(bool bPresent);
-    void Answer(const EmuAnswer& answer);
+    void Answer(const EmuReply& answer);
     void Release();     // answers what it holds
     ULONG Held() const; // requests
     // The modifier words since the last call, in order.

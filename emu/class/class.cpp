@@ -9,7 +9,7 @@ enum : ULONG { ClassTag = 0x73734C43 };
 struct ClassDevice {
     ULONG ulTag;     // (i) ClassTag
     KSPIN_LOCK Lock; // guards the two that follow
-    EmuAnswer Answer;
+    EmuReply Answer;
     EmuClassState State;
     HeldRequests Held;
 };
@@ -19,10 +19,10 @@ ClassDevice* ClassOf(PDEVICE_OBJECT pDevice)
     return static_cast<ClassDevice*>(pDevice->DeviceExtension);
 }
 
-EmuAnswer AnswerOf(ClassDevice* pClass)
+EmuReply AnswerOf(ClassDevice* pClass)
 {
     KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pClass->Lock);
-    EmuAnswer answer = pClass->Answer;
+    EmuReply answer = pClass->Answer;
     KeReleaseSpinLock(&pClass->Lock, irql);
     return answer;
 }
@@ -65,7 +65,7 @@ NTSTATUS NTAPI ClassControl(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
     ClassDevice* pClass = ClassOf(pDevice);
-    EmuAnswer answer = AnswerOf(pClass);
+    EmuReply answer = AnswerOf(pClass);
     NTSTATUS status = STATUS_INVALID_DEVICE_REQUEST;
     ULONG_PTR ulInformation = 0;
     switch (IoGetCurrentIrpStackLocation(pIrp)->Parameters.DeviceIoControl.IoControlCode) {
@@ -85,7 +85,7 @@ NTSTATUS NTAPI ClassControl(PDEVICE_OBJECT pDevice, PIRP pIrp)
 NTSTATUS NTAPI ClassCreate(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
     ClassDevice* pClass = ClassOf(pDevice);
-    EmuAnswer answer = AnswerOf(pClass);
+    EmuReply answer = AnswerOf(pClass);
     return AnswerRequest(&pClass->Held, pIrp, answer.Open, 0, answer.bHoldOpen, 0);
 }
 
@@ -139,7 +139,7 @@ VOID EmuRemoveClassDevice(PDEVICE_OBJECT pDevice)
     IoDeleteDevice(pDevice);
 }
 
-VOID EmuSetClassAnswer(PDEVICE_OBJECT pDevice, const EmuAnswer* pAnswer)
+VOID EmuSetClassAnswer(PDEVICE_OBJECT pDevice, const EmuReply* pAnswer)
 {
     ClassDevice* pClass = ClassOf(pDevice);
     KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pClass->Lock);

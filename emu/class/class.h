@@ -21,7 +21,7 @@ NTSTATUS EmuCreateClassDevice(PDRIVER_OBJECT pDriver, USHORT usNumber, PDEVICE_O
 // Takes the device away; what it holds fails. IRQL PASSIVE.
 VOID EmuRemoveClassDevice(PDEVICE_OBJECT pDevice);
 // How it answers from now on, and with what. IRQL <= DISPATCH. Lock: takes its own.
-VOID EmuSetClassAnswer(PDEVICE_OBJECT pDevice, const EmuAnswer* pAnswer);
+VOID EmuSetClassAnswer(PDEVICE_OBJECT pDevice, const EmuReply* pAnswer);
 VOID EmuSetClassTypematic(PDEVICE_OBJECT pDevice, USHORT usRate, USHORT usDelayMs);
 VOID EmuGetClassState(PDEVICE_OBJECT pDevice, EmuClassState* pState);
 // Answers what it holds. IRQL <= DISPATCH.

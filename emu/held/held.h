@@ -7,7 +7,7 @@
 #include <kernel.h>
 
 // How a device answers; zeroed = at once and with success.
-struct EmuAnswer {
+struct EmuReply {
     NTSTATUS Status;   // what requests complete with
     ULONG ulDelayMs;   // above 0: pending for so long, completed by a timer
     BOOLEAN bHold;     // pending until the device is told to answer, is removed, or the request is cancelled

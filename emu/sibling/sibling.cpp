@@ -9,7 +9,7 @@ struct SiblingDevice {
     EmuSiblingOptions Options; // (i)
     UNICODE_STRING Link;       // (i) of the interface
     KSPIN_LOCK Lock;           // guards Answer
-    EmuAnswer Answer;
+    EmuReply Answer;
     HeldRequests Held;
 };
 
@@ -32,10 +32,10 @@ SiblingDevice* SiblingOf(PDEVICE_OBJECT pDevice)
     return static_cast<SiblingDevice*>(pDevice->DeviceExtension);
 }
 
-EmuAnswer AnswerOf(SiblingDevice* pSibling)
+EmuReply AnswerOf(SiblingDevice* pSibling)
 {
     KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pSibling->Lock);
-    EmuAnswer answer = pSibling->Answer;
+    EmuReply answer = pSibling->Answer;
     KeReleaseSpinLock(&pSibling->Lock, irql);
     return answer;
 }
@@ -65,7 +65,7 @@ NTSTATUS NTAPI SiblingInternalControl(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
     SiblingDevice* pSibling = SiblingOf(pDevice);
-    EmuAnswer answer = AnswerOf(pSibling);
+    EmuReply answer = AnswerOf(pSibling);
     NTSTATUS status = TakeModifiers(pSibling, pIrp);
     if (!NT_SUCCESS(status)) {
         return AnswerRequest(&pSibling->Held, pIrp, status, 0, FALSE, 0);
@@ -77,7 +77,7 @@ NTSTATUS NTAPI SiblingInternalControl(PDEVICE_OBJECT pDevice, PIRP pIrp)
 NTSTATUS NTAPI SiblingCreate(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
     SiblingDevice* pSibling = SiblingOf(pDevice);
-    EmuAnswer answer = AnswerOf(pSibling);
+    EmuReply answer = AnswerOf(pSibling);
     return AnswerRequest(&pSibling->Held, pIrp, answer.Open, 0, answer.bHoldOpen, 0);
 }
 
@@ -142,7 +142,7 @@ VOID EmuRemoveSibling(PDEVICE_OBJECT pDevice)
     IoDeleteDevice(pDevice);
 }
 
-VOID EmuSetSiblingAnswer(PDEVICE_OBJECT pDevice, const EmuAnswer* pAnswer)
+VOID EmuSetSiblingAnswer(PDEVICE_OBJECT pDevice, const EmuReply* pAnswer)
 {
     SiblingDevice* pSibling = SiblingOf(pDevice);
     KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pSibling->Lock);

@@ -30,7 +30,7 @@ NTSTATUS EmuPublishSibling(PDEVICE_OBJECT pDevice, BOOLEAN bPresent);
 // Disables the interface, fails what is held, takes the device away. IRQL PASSIVE.
 VOID EmuRemoveSibling(PDEVICE_OBJECT pDevice);
 // How it answers from now on. IRQL <= DISPATCH. Lock: takes its own.
-VOID EmuSetSiblingAnswer(PDEVICE_OBJECT pDevice, const EmuAnswer* pAnswer);
+VOID EmuSetSiblingAnswer(PDEVICE_OBJECT pDevice, const EmuReply* pAnswer);
 // Answers what it holds; tells how many requests that are. IRQL <= DISPATCH.
 VOID EmuReleaseSibling(PDEVICE_OBJECT pDevice);
 ULONG EmuSiblingHeld(PDEVICE_OBJECT pDevice);

@@ -11,12 +11,12 @@ namespace
 const EmuBytes Released = {0, 0, 0, 0, 0, 0, 0, 0};
 const EmuBytes ControlHeld = {1, 0, 0, 0, 0, 0, 0, 0};
 enum : ULONG { ControlWord = 0x402, ControlGuiWord = 0x2482 };
-const EmuAnswer Refuses = {STATUS_IO_DEVICE_ERROR, 0, FALSE, 0, FALSE};
-const EmuAnswer Slow = {STATUS_SUCCESS, 50, FALSE, 0, FALSE};
-const EmuAnswer SlowRefusal = {STATUS_IO_DEVICE_ERROR, 50, FALSE, 0, FALSE};
-const EmuAnswer Silent = {STATUS_SUCCESS, 0, TRUE, 0, FALSE};
-const EmuAnswer Closed = {STATUS_SUCCESS, 0, FALSE, STATUS_ACCESS_DENIED, FALSE};
-const EmuAnswer OpensLate = {STATUS_SUCCESS, 0, FALSE, STATUS_SUCCESS, TRUE};
+const EmuReply Refuses = {STATUS_IO_DEVICE_ERROR, 0, FALSE, 0, FALSE};
+const EmuReply Slow = {STATUS_SUCCESS, 50, FALSE, 0, FALSE};
+const EmuReply SlowRefusal = {STATUS_IO_DEVICE_ERROR, 50, FALSE, 0, FALSE};
+const EmuReply Silent = {STATUS_SUCCESS, 0, TRUE, 0, FALSE};
+const EmuReply Closed = {STATUS_SUCCESS, 0, FALSE, STATUS_ACCESS_DENIED, FALSE};
+const EmuReply OpensLate = {STATUS_SUCCESS, 0, FALSE, STATUS_SUCCESS, TRUE};
 
 using Words = std::vector<ULONG>;
 
@@ -256,7 +256,7 @@ TEST_F(Siblings, LinkStaysDownWhenItCannotBeOpened)
     EmuSibling* pSecond = Machine->AddSibling(EmuUsbMouseSibling);
     for (int iCase = 0; iCase < 3; iCase++) {
         HostFailNth(iCase == 1 ? "workitem" : iCase == 2 ? "open" : nullptr, iCase == 0 ? 0 : 1);
-        pUsb->Arrive(iCase == 0 ? Closed : EmuAnswer{});
+        pUsb->Arrive(iCase == 0 ? Closed : EmuReply{});
         HostFailNth(nullptr, 0);
         pUsb->Answer({});
         pSecond->Arrive({}, true);
@@ -370,7 +370,7 @@ TEST(Threaded, ModifierWordsMeetRemovalAndUnload)
     HostThread mice = HostStartThread([&] {
         for (unsigned i = 0; !bStop; i++) {
             pPs2->Arrive(i % 3 == 0 ? Silent : Slow);
-            pUsb->Arrive(i % 3 == 1 ? Refuses : EmuAnswer{});
+            pUsb->Arrive(i % 3 == 1 ? Refuses : EmuReply{});
             pPs2->Publish(i % 2 != 0);
             (i % 2 ? pUsb : pPs2)->Leave();
             words += pPs2->TakeWords().size() + pUsb->TakeWords().size();
