@@ -3,7 +3,7 @@
 // The make codes are those of PS/2 scan code set 1: one byte, or E0 and a byte, or the longer sequences of
 // Print Screen and Pause. A key whose make code is 0 cannot stand in a definition.
 #include "keynames.h"
-#include "tools/replay/text.h"
+#include "tools/common/text.h"
 
 #include <fmt/format.h>
 
@@ -191,6 +191,28 @@ const KeyName* FindKeyByName(std::string_view name)
         if (HasName(key.pNames, wanted))
             return &key;
     return nullptr;
+}
+
+std::vector<std::string> KnownKeyNames(bool bMediaKeys)
+{
+    std::vector<std::string> known;
+    for (const KeyName& key : KeyNames) {
+        if (key.bConsumer && !bMediaKeys)
+            continue;
+        std::string_view names = key.pNames;
+        for (size_t cEnd; (cEnd = names.find('|')) != names.npos; names.remove_prefix(cEnd + 1))
+            known.emplace_back(names.substr(0, cEnd));
+        known.emplace_back(names);
+    }
+    return known;
+}
+
+std::vector<std::string> KnownModifierNames()
+{
+    std::vector<std::string> known;
+    for (const ModifierName& modifier : ModifierNames)
+        known.emplace_back(modifier.pName);
+    return known;
 }
 
 std::string ShownKeyName(uint8_t ucUsage)

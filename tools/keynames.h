@@ -23,6 +23,10 @@ const std::vector<KeyName>& AllKeyNames();
 // The key of that name, or null.
 const KeyName* FindKeyByName(std::string_view name);
 
+// Every name of the keys, the media keys too or not, and of the modifiers.
+std::vector<std::string> KnownKeyNames(bool bMediaKeys);
+std::vector<std::string> KnownModifierNames();
+
 // The name to show for a usage of the keyboard page: "F1", or "0xa7" when nobody named it.
 std::string ShownKeyName(uint8_t ucUsage);
 

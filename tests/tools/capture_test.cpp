@@ -2,7 +2,7 @@
 #include "captures.h"
 
 #include "tools/replay/capture.h"
-#include "tools/replay/failure.h"
+#include "tools/common/failure.h"
 
 #include <gtest/gtest.h>
 

@@ -3,7 +3,7 @@
 
 #include "tools/keynames.h"
 #include "tools/replay/config.h"
-#include "tools/replay/failure.h"
+#include "tools/common/failure.h"
 
 #include <gtest/gtest.h>
 
@@ -74,6 +74,11 @@ TEST(Config, ReadsEveryTable)
     EXPECT_EQ(0u, second.ulSwallow);
     EXPECT_EQ((Bytes{0x01, 0xE0, 0x49, 0xE1, 0x1D, 0x45, 0x1E}), ScansOf(second));
 
+    ReplayConfig named =
+        ParseConfig("my.toml", "[settings]\nPrefix1 = \"F1\"\nKorvexHotkey = \"caps lock\"\n");
+    EXPECT_EQ(0x3Bu, NumberSetting(named, "Prefix1"));
+    EXPECT_EQ(0x10039u, NumberSetting(named, "KorvexHotkey"));
+
     ReplayConfig empty = ParseConfig("my.toml", "");
     EXPECT_TRUE(empty.bReportProcessing);
     EXPECT_TRUE(empty.settings.empty());
@@ -114,15 +119,22 @@ TEST(Config, NamesTheLineThatIsWrong)
         {"\nreports = true", "my.toml:2: unknown key 'reports' in the file"},
         {"report_processing = 1", "my.toml:1: report_processing is true or false"},
         {"settings = 3", "my.toml:1: settings is a table: [settings]"},
-        {"[settings]\nPrefix1 = 1\nprefix2 = 1", "my.toml:3: unknown key 'prefix2' in [settings]"},
+        {"[settings]\nPrefix1 = 1\nprefix2 = 1",
+         "my.toml:3: unknown key 'prefix2' in [settings] (did you mean 'Prefix2'?)"},
         {"[settings]\nPrefix1 = -1", "my.toml:2: Prefix1 is a number from 0 to 0xFFFFFFFF, not -1"},
         {"[settings]\nPrefix1 = 0x100000000",
          "my.toml:2: Prefix1 is a number from 0 to 0xFFFFFFFF, not 4294967296"},
-        {"[settings]\nPrefix1 = \"0x7D\"", "my.toml:2: Prefix1 is a number"},
+        {"[settings]\nPrefix1 = \"0x7D\"", "my.toml:2: unknown key name '0x7D'"},
+        {"[settings]\nPrefix1 = 1.5", "my.toml:2: Prefix1 is a number"},
+        {"[settings]\nKorvexHotkey = \"Mute\"",
+         "my.toml:2: 'Mute' is no key of the standard report; give the number"},
+        {"[settings]\nKorvexConfigFile = \"/no/such.toml\"",
+         "/no/such.toml:1: cannot be read: No such file or directory"},
         {"[settings]\nLogFile = 1", "my.toml:2: LogFile is text in quotes"},
         {"[settings]\nLogFile = \"\\u00e9\"", "my.toml:2: LogFile has characters that are not plain ASCII"},
         {"[definition]\nid = 1", "my.toml:1: definitions are tables: [[definition]]"},
-        {"[[definition]]\nid = 1\nkey = [\"F1\"]", "my.toml:3: unknown key 'key' in [[definition]]"},
+        {"[[definition]]\nid = 1\nkey = [\"F1\"]",
+         "my.toml:3: unknown key 'key' in [[definition]] (did you mean 'keys'?)"},
         {"\n[[definition]]\ntype = 1", "my.toml:2: a definition needs an id"},
         {"[[definition]]\nid = 1.5", "my.toml:2: id is a number"},
         {"[[definition]]\nid = 1\nswallow = true", "my.toml:3: swallow is a number"},
@@ -133,7 +145,8 @@ TEST(Config, NamesTheLineThatIsWrong)
         {"[[definition]]\nid = 1\nscans = [0x3B, 256]",
          "my.toml:3: a scan code byte is a number from 0 to 0xFF, not 256"},
         {"[[definition]]\nid = 1\nscans = 0x3B", "my.toml:3: scans is a list of bytes in brackets"},
-        {"[[definition]]\nid = 1\nkeys = [\"F1\", \"F25\"]", "my.toml:3: unknown key name 'F25'"},
+        {"[[definition]]\nid = 1\nkeys = [\"F1\", \"F25\"]",
+         "my.toml:3: unknown key name 'F25' (did you mean 'F2'?)"},
         {"[[definition]]\nid = 1\nkeys = [\"Find\"]", "my.toml:3: the key 'Find' has no PS/2 scan code"},
         {"[[definition]]\nid = 1\nscans = [1]\nkeys = [\"F1\"]",
          "my.toml:4: a definition has scans or keys, not both"},

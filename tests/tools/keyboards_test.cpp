@@ -3,7 +3,7 @@
 
 #include "tools/replay/capture.h"
 #include "tools/replay/configuration.h"
-#include "tools/replay/failure.h"
+#include "tools/common/failure.h"
 #include "tools/replay/kbdtype.h"
 #include "tools/replay/keyboards.h"
 

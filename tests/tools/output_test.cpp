@@ -117,6 +117,30 @@ TEST(Table, PutsEventsBesideTheirReport)
     EXPECT_EQ(text.npos, text.find('\x1b')) << "colours only on a terminal";
 }
 
+TEST(Table, TellsTheScanCodesOfOneMomentTogether)
+{
+    std::string text = Printed(PlainTable, [](ReplayPrinter& printer) {
+        auto scan = [&](uint64_t ullUs, uint32_t ulId, uint32_t ulByte, uint8_t ucSource) {
+            NotifyRecord record = Event(ulId, ulByte);
+            record.ucSource = ucSource;
+            printer.Event(ullUs, 0, record);
+        };
+        printer.Report(5, 0, CtrlF1, Empty);
+        scan(5, 9, 0xE0, NOTIFY_SOURCE_REPORT);
+        scan(5, 9, 0x50, NOTIFY_SOURCE_REPORT);
+        printer.Led(5, 0, 0);
+        scan(5, 9, 0x1C, NOTIFY_SOURCE_REPORT);
+        scan(5, 8, 0x01, NOTIFY_SOURCE_REPORT);
+        scan(7, 9, 0xE0, NOTIFY_SOURCE_HOTKEY); // repeated by the timer
+        scan(7, 9, 0x50, NOTIFY_SOURCE_HOTKEY);
+        printer.End(9, {});
+    });
+    EXPECT_NE(text.npos, text.find("scan e0 50 of definition 9  LEDs: none  scan 1c of definition 9  "
+                                   "scan 01 of definition 8\n"
+                                   "   0.000007    0  scan e0 50 of definition 9\n"))
+        << text;
+}
+
 TEST(Table, ColoursWhatTheDriverChanged)
 {
     std::string changed = Printed(ColourTable, [](ReplayPrinter& printer) {

@@ -1,7 +1,7 @@
 // recording_test.cpp - HID recordings, and telling the kinds of input apart.
 #include "captures.h"
 
-#include "tools/replay/failure.h"
+#include "tools/common/failure.h"
 #include "tools/replay/input.h"
 #include "tools/replay/recording.h"
 

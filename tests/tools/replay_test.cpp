@@ -79,7 +79,7 @@ std::vector<std::string> Replayed(const Script& script, const std::string& confi
     size_t cText = 0;
     FILE* pOut = open_memstream(&pText, &cText);
     ReplayConfig parsed = ParseConfig("my.toml", config);
-    unsigned uLeaks = RunReplay(script, {DriverEntry, EmuMachine::FindKind(pKind), parsed}, *make(pOut));
+    unsigned uLeaks = RunReplay(script, {DriverEntry, {EmuMachine::FindKind(pKind)}, parsed}, *make(pOut));
     fclose(pOut);
     std::string text(pText, cText);
     free(pText);

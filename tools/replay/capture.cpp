@@ -3,7 +3,7 @@
 // libpcap knows the file formats; usbmon.cpp and wincapture.cpp know what the records hold. A clock that
 // steps back inside the capture is held still: time never runs backwards in a replay.
 #include "capture.h"
-#include "failure.h"
+#include "tools/common/failure.h"
 
 #include <fmt/format.h>
 #include <pcap/pcap.h>

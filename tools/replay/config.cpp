@@ -3,12 +3,11 @@
 // Each table is read by naming the keys it may have; what is left over is unknown and refused. Numbers are
 // range-checked against the field that they go to.
 #include "config.h"
-#include "failure.h"
-#include "input.h"
+#include "tools/common/nearest.h"
 #include "tools/keynames.h"
+#include "tools/macro/readable.h"
 
 #include <fmt/format.h>
-#include <toml++/toml.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -17,7 +16,9 @@
 namespace
 {
 
-enum class SettingKind { Number, Text, FileName };
+namespace fs = std::filesystem;
+
+enum class SettingKind { Number, ScanCode, Hotkey, FileName };
 
 struct KnownSetting {
     const char* pName;
@@ -25,133 +26,145 @@ struct KnownSetting {
 };
 
 const KnownSetting KnownSettings[] = {
-    {"Prefix1", SettingKind::Number},
-    {"Prefix2", SettingKind::Number},
-    {"PosKeyPrefix", SettingKind::Number},
+    {"Prefix1", SettingKind::ScanCode},
+    {"Prefix2", SettingKind::ScanCode},
+    {"PosKeyPrefix", SettingKind::ScanCode},
     {"SendUpEventImmediately", SettingKind::Number},
     {"RunDiagNormalPacket02", SettingKind::Number},
     {"LogFile", SettingKind::FileName},
     {"LogLevel", SettingKind::Number},
     {"LogFileSize", SettingKind::Number},
-    {"KorvexHotkey", SettingKind::Number},
+    {"KorvexHotkey", SettingKind::Hotkey},
     {"KorvexLEDDisabled", SettingKind::Number},
     {"KorvexDelay", SettingKind::Number},
     {"KorvexConfigFile", SettingKind::FileName},
 };
 
-class ConfigReader
+constexpr uint32_t StandardHotkey = 0x00010000; // one byte, looked for in a standard report
+
+bool LeadsOut(const fs::path& path)
+{
+    return path.is_absolute() || (!path.empty() && *path.begin() == "..");
+}
+
+class ConfigReader : TomlReader
 {
 public:
-    explicit ConfigReader(const std::string& file) : m_file(file) {}
-
-    ReplayConfig Read(const toml::table& root)
+    ConfigReader(const std::string& file, std::vector<Problem>* pProblems)
+        : TomlReader(file, pProblems), m_folder(fs::absolute(file).parent_path().lexically_normal())
     {
+    }
+
+    ReplayConfig Read(std::string_view text)
+    {
+        toml::table root = ParseText(m_file, text);
         RefuseUnknownKeys(root, {"report_processing", "settings", "definition"}, "the file");
-        if (const toml::node* pNode = root.get("report_processing")) {
-            if (!pNode->is_boolean())
-                Fail(*pNode, "report_processing is true or false");
-            m_config.bReportProcessing = pNode->as_boolean()->get();
-        }
+        if (const toml::node* pNode = root.get("report_processing"))
+            Try([&] {
+                if (!pNode->is_boolean())
+                    Fail(*pNode, "report_processing is true or false");
+                m_config.bReportProcessing = pNode->as_boolean()->get();
+            });
         if (const toml::node* pNode = root.get("settings"))
-            ReadSettings(*pNode);
+            Try([&] { ReadSettings(*pNode); });
         if (const toml::node* pNode = root.get("definition"))
-            ReadDefinitions(*pNode);
+            Try([&] { ReadDefinitions(*pNode); });
         return std::move(m_config);
     }
 
 private:
-    [[noreturn]] void Fail(const toml::source_region& source, const std::string& what) const
-    {
-        throw InputError(fmt::format("{}:{}: {}", m_file, source.begin.line, what));
-    }
-    [[noreturn]] void Fail(const toml::node& node, const std::string& what) const
-    {
-        Fail(node.source(), what);
-    }
-
-    void RefuseUnknownKeys(const toml::table& table, std::initializer_list<std::string_view> known,
-                           const char* pWhere) const
-    {
-        for (const auto& [key, node] : table)
-            if (std::find(known.begin(), known.end(), key.str()) == known.end())
-                Fail(key.source(), fmt::format("unknown key '{}' in {}", key.str(), pWhere));
-    }
-
-    uint32_t NumberOf(const toml::node& node, std::string_view name, uint32_t ulMost = 0xFFFFFFFF) const
-    {
-        const auto* pInteger = node.as_integer();
-        if (!pInteger)
-            Fail(node, fmt::format("{} is a number", name));
-        int64_t llValue = pInteger->get();
-        if (llValue < 0 || llValue > int64_t(ulMost))
-            Fail(node, fmt::format("{} is a number from 0 to 0x{:X}, not {}", name, ulMost, llValue));
-        return static_cast<uint32_t>(llValue);
-    }
-
-    const std::string& TextOf(const toml::node& node, std::string_view name) const
-    {
-        if (!node.is_string())
-            Fail(node, fmt::format("{} is text in quotes", name));
-        return node.as_string()->get();
-    }
+    // A setting that names a file.
+    struct FileSetting {
+        std::string name, text;
+        fs::path path; // relative to the configuration's folder, or absolute
+    };
 
     void ReadSettings(const toml::node& node)
     {
         if (!node.is_table())
             Fail(node, "settings is a table: [settings]");
-        std::vector<std::pair<std::string, const toml::node*>> files;
+        std::vector<FileSetting> files;
         for (const auto& [key, value] : *node.as_table()) {
-            auto name = std::string(key.str());
-            auto known = std::find_if(std::begin(KnownSettings), std::end(KnownSettings),
-                                      [&](const KnownSetting& setting) { return setting.pName == name; });
-            if (known == std::end(KnownSettings))
-                Fail(key.source(), fmt::format("unknown key '{}' in [settings]", name));
-            if (known->kind == SettingKind::Number)
-                m_config.settings[name] = NumberOf(value, name);
-            else
-                files.emplace_back(name, &value);
+            std::string name(key.str());
+            unsigned uLine = key.source().begin.line;
+            const toml::node& content = value;
+            Try([&] { ReadSetting(name, uLine, content, files); });
         }
-        ReadFileNames(files);
+        NameFiles(files);
+    }
+
+    void ReadSetting(const std::string& name, unsigned uLine, const toml::node& value,
+                     std::vector<FileSetting>& files)
+    {
+        auto known = std::find_if(std::begin(KnownSettings), std::end(KnownSettings),
+                                  [&](const KnownSetting& setting) { return setting.pName == name; });
+        if (known == std::end(KnownSettings)) {
+            std::vector<std::string> names;
+            for (const KnownSetting& setting : KnownSettings)
+                names.emplace_back(setting.pName);
+            Fail(uLine, fmt::format("unknown key '{}' in [settings]{}", name, DidYouMean(name, names)));
+        }
+        m_config.settingLines[name] = LineOf(value);
+        if (known->kind == SettingKind::FileName)
+            files.push_back(ReadFileName(name, value));
+        else if (known->kind == SettingKind::Number || !value.is_string())
+            m_config.settings[name] = NumberOf(value, name);
+        else
+            m_config.settings[name] = ReadKeySetting(known->kind, value);
+    }
+
+    // A key by its name where the setting is a key: its scan code, or the mode hotkey of a standard report.
+    uint32_t ReadKeySetting(SettingKind kind, const toml::node& node) const
+    {
+        const KeyName& key = KeyOf(node);
+        if (kind == SettingKind::ScanCode)
+            return key.ulMakeCode;
+        if (key.bConsumer)
+            Fail(node, fmt::format("'{}' is no key of the standard report; give the number",
+                                   node.as_string()->get()));
+        return StandardHotkey | key.usUsage;
+    }
+
+    FileSetting ReadFileName(const std::string& name, const toml::node& node)
+    {
+        FileSetting file{name, TextOf(node, name), {}};
+        if (!std::all_of(file.text.begin(), file.text.end(), [](char c) { return c >= ' ' && c <= '~'; }))
+            Fail(node, fmt::format("{} has characters that are not plain ASCII", name));
+        file.path = fs::path(file.text).lexically_normal();
+        if (name == "KorvexConfigFile" && !file.text.empty() && file.text[0] != '\\') {
+            m_config.macroFile = (m_folder / file.path).string();
+            if (file.path.extension() == ".toml") {
+                MacroFile macros = CompileMacros(m_config.macroFile, ReadWholeText(m_config.macroFile));
+                m_config.compiledMacros = std::make_shared<TemporaryFile>(BytesOf(macros));
+                file.path = m_config.compiledMacros->Path();
+            }
+        }
+        return file;
     }
 
     // The driver knows files as the system's kernel does, on drive C, which is a host folder. That folder is
     // this file's own, which keeps the names short, unless a name leads out of it. An empty name stays empty.
-    void ReadFileNames(const std::vector<std::pair<std::string, const toml::node*>>& files)
+    void NameFiles(const std::vector<FileSetting>& files)
     {
-        namespace fs = std::filesystem;
-        fs::path folder = fs::absolute(m_file).parent_path().lexically_normal();
-        auto leadsOut = [](const fs::path& path) { return path.is_absolute() || *path.begin() == ".."; };
-        bool bRoot = false;
-        for (const auto& [name, pNode] : files) {
-            const std::string& text = TextOf(*pNode, name);
-            if (!std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; }))
-                Fail(*pNode, fmt::format("{} has characters that are not plain ASCII", name));
-            bRoot |= !text.empty() && leadsOut(fs::path(text).lexically_normal());
+        bool bRoot = std::any_of(files.begin(), files.end(),
+                                 [](const FileSetting& file) { return LeadsOut(file.path); });
+        if (!files.empty())
+            m_config.fileRoot = bRoot ? "/" : m_folder.string();
+        for (const FileSetting& file : files) {
+            bool bAsItIs = file.text.empty() || file.text[0] == '\\';
+            fs::path path = bRoot ? m_folder / file.path : file.path;
+            m_config.settings[file.name] = bAsItIs ? file.text : DriverFileName(path.string());
         }
-        m_config.fileRoot = bRoot ? "/" : folder.string();
-        for (const auto& [name, pNode] : files) {
-            const std::string& text = TextOf(*pNode, name);
-            fs::path path = fs::path(text).lexically_normal();
-            m_config.settings[name] =
-                text.empty() || text[0] == '\\' ? text : NtName(bRoot ? folder / path : path);
-        }
-    }
-
-    static std::string NtName(const std::filesystem::path& path)
-    {
-        std::string name = path.lexically_normal().relative_path().string();
-        std::replace(name.begin(), name.end(), '/', '\\');
-        return "\\??\\C:\\" + name;
     }
 
     void ReadDefinitions(const toml::node& node)
     {
-        const auto* pArray = node.as_array();
-        if (!pArray ||
-            !std::all_of(pArray->begin(), pArray->end(), [](const toml::node& n) { return n.is_table(); }))
-            Fail(node, "definitions are tables: [[definition]]");
-        for (const toml::node& table : *pArray)
-            m_config.definitions.push_back(ReadDefinition(*table.as_table()));
+        for (const toml::node& table : TablesOf(node, "definitions are tables: [[definition]]"))
+            Try([&] {
+                KeyDefinition definition = ReadDefinition(*table.as_table());
+                m_config.definitions.push_back(definition);
+                m_config.definitionLines.push_back(LineOf(table));
+            });
     }
 
     KeyDefinition ReadDefinition(const toml::table& table) const
@@ -178,13 +191,6 @@ private:
         return definition;
     }
 
-    const toml::array& ArrayOf(const toml::node& node, const char* pWhat) const
-    {
-        if (!node.is_array())
-            Fail(node, fmt::format("{} in brackets", pWhat));
-        return *node.as_array();
-    }
-
     uint32_t ReadModifiers(const toml::node& node) const
     {
         if (node.is_integer())
@@ -194,7 +200,8 @@ private:
             const std::string& name = TextOf(element, "a modifier");
             std::optional<uint32_t> mask = FindModifierMask(name);
             if (!mask)
-                Fail(element, fmt::format("unknown modifier name '{}'", name));
+                Fail(element, fmt::format("unknown modifier name '{}'{}", name,
+                                          DidYouMean(name, KnownModifierNames())));
             ulMask |= *mask;
         }
         return ulMask;
@@ -215,13 +222,8 @@ private:
     {
         std::vector<uint8_t> scans;
         for (const toml::node& element : ArrayOf(node, "keys is a list of names")) {
-            const std::string& name = TextOf(element, "a key");
-            const KeyName* pKey = FindKeyByName(name);
-            if (!pKey)
-                Fail(element, fmt::format("unknown key name '{}'", name));
-            if (pKey->ulMakeCode == 0)
-                Fail(element, fmt::format("the key '{}' has no PS/2 scan code", name));
-            for (uint8_t ucByte : MakeCodeBytes(pKey->ulMakeCode))
+            (void)TextOf(element, "a key");
+            for (uint8_t ucByte : MakeCodeBytes(KeyOf(element).ulMakeCode))
                 scans.push_back(ucByte);
         }
         if (scans.size() > 0xFFFF)
@@ -229,23 +231,30 @@ private:
         return scans;
     }
 
-    std::string m_file;
+    // A key by its name, which stands there.
+    const KeyName& KeyOf(const toml::node& node) const
+    {
+        const std::string& name = node.as_string()->get();
+        const KeyName* pKey = FindKeyByName(name);
+        if (!pKey)
+            Fail(node, fmt::format("unknown key name '{}'{}", name, DidYouMean(name, KnownKeyNames(true))));
+        if (pKey->ulMakeCode == 0)
+            Fail(node, fmt::format("the key '{}' has no PS/2 scan code", name));
+        return *pKey;
+    }
+
+    fs::path m_folder;
     ReplayConfig m_config;
 };
 
 } // namespace
 
-ReplayConfig ParseConfig(const std::string& file, std::string_view text)
+ReplayConfig ParseConfig(const std::string& file, std::string_view text, std::vector<Problem>* pProblems)
 {
-    try {
-        return ConfigReader(file).Read(toml::parse(text, file));
-    } catch (const toml::parse_error& error) {
-        throw InputError(fmt::format("{}:{}: {}", file, error.source().begin.line, error.description()));
-    }
+    return ConfigReader(file, pProblems).Read(text);
 }
 
 ReplayConfig ReadConfig(const std::string& file)
 {
-    Bytes content = ReadWholeFile(file);
-    return ParseConfig(file, std::string_view(reinterpret_cast<const char*>(content.data()), content.size()));
+    return ParseConfig(file, ReadWholeText(file));
 }

@@ -7,6 +7,3 @@
 
 // The file's content tells what it is. Fails (InputError): unreadable, neither of the two, or broken.
 Script ReadInput(const std::string& file);
-
-// Fails (InputError): cannot be read.
-Bytes ReadWholeFile(const std::string& file);

@@ -2,7 +2,7 @@
 //
 // The members and their order are a format that programs read; new members go to the end of a line.
 #include "output.h"
-#include "text.h"
+#include "tools/common/text.h"
 
 #include <fmt/format.h>
 

@@ -7,7 +7,7 @@
 #include "keyboards.h"
 #include "capture.h"
 #include "configuration.h"
-#include "text.h"
+#include "tools/common/text.h"
 
 #include <algorithm>
 #include <map>

@@ -3,8 +3,8 @@
 // A device of the recording is a keyboard when it has reports; the keyboards are numbered as their devices
 // appear. Times begin at the first report of the recording; a line whose time steps back is held still.
 #include "recording.h"
-#include "failure.h"
-#include "text.h"
+#include "tools/common/failure.h"
+#include "tools/common/text.h"
 
 #include <fmt/format.h>
 

@@ -116,13 +116,14 @@ private:
     {
         Player& player = m_players[uKeyboard];
         player.pScript = &m_script.keyboards[uKeyboard];
+        const EmuDescriptors& kind = *m_setup.kinds[std::min<size_t>(uKeyboard, m_setup.kinds.size() - 1)];
         EmuPlugOptions options;
         options.Manual = true;
         options.Record = false;
         options.NoEnumeration = m_script.bEnumerates;
         options.PacketBytes = player.pScript->ulReadBytes;
         if (!m_script.bEnumerates)
-            options.PacketBytes = std::max(options.PacketBytes, LearnKind(player));
+            options.PacketBytes = std::max(options.PacketBytes, LearnKind(player, kind));
         options.PacketBytes = std::min<ULONG>(options.PacketBytes, EmuHidMaximumPacket);
         options.Hook = [this, uKeyboard](const UCHAR* pSetup, EmuBytes& data) {
             return AnswerControl(m_players[uKeyboard], pSetup, data);
@@ -132,7 +133,7 @@ private:
             if (!report.empty())
                 m_leds.emplace_back(uKeyboard, report[0]);
         };
-        player.pKeyboard = m_machine->Plug(*m_setup.pKind, options);
+        player.pKeyboard = m_machine->Plug(kind, options);
         NTSTATUS status = player.pKeyboard->AddStatus();
         if (NT_SUCCESS(status))
             status = player.pKeyboard->StartStatus();
@@ -142,9 +143,8 @@ private:
     }
 
     // The type that a kind's descriptors make; returns its endpoint's packet size.
-    ULONG LearnKind(Player& player) const
+    static ULONG LearnKind(Player& player, const EmuDescriptors& kind)
     {
-        const EmuDescriptors& kind = *m_setup.pKind;
         Bytes configuration = BytesAt(kind.pConfiguration, kind.ulConfiguration);
         player.type.LearnDescriptor(BytesAt(kind.pDevice, 18));
         player.type.LearnDescriptor(configuration);

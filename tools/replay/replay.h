@@ -8,8 +8,9 @@
 #include "emu/app/machine.h"
 
 struct ReplaySetup {
-    PDRIVER_INITIALIZE pEntry;   // the driver's
-    const EmuDescriptors* pKind; // what the keyboards of a recording answer with
+    PDRIVER_INITIALIZE pEntry; // the driver's
+    std::vector<const EmuDescriptors*>
+        kinds; // what a recording's keyboards answer with, the last for the rest
     const ReplayConfig& config;
 };
 

@@ -6,7 +6,7 @@
 // One line a report, with the events that it caused beside it; the line waits until the next thing happens.
 // What no report caused (a timer's event, an LED report from above) has a line of its own.
 #include "output.h"
-#include "text.h"
+#include "tools/common/text.h"
 #include "tools/keynames.h"
 
 #include <fmt/format.h>
@@ -98,13 +98,13 @@ public:
 
     void Event(uint64_t ullUs, unsigned uKeyboard, const NotifyRecord& record) override
     {
-        std::string text;
-        if (record.ucSource == NOTIFY_SOURCE_HOTKEY)
-            text = fmt::format("hotkey {} {}{}", record.ulId, record.ulValue ? "down" : "up",
-                               record.ulEscAbort ? " (Esc)" : "");
+        // A repeated scan code comes from the hotkeys' timer, which tells its byte as the value.
+        if (record.ucSource == NOTIFY_SOURCE_HOTKEY && record.ulValue <= 1)
+            Beside(ullUs, uKeyboard, Green,
+                   fmt::format("hotkey {} {}{}", record.ulId, record.ulValue ? "down" : "up",
+                               record.ulEscAbort ? " (Esc)" : ""));
         else
-            text = fmt::format("key 0x{:x} of definition {}", record.ulValue, record.ulId);
-        Beside(ullUs, uKeyboard, Green, text);
+            Scan(ullUs, uKeyboard, record);
     }
 
     void Macro(uint64_t ullUs, const MacroRecord& record) override
@@ -152,8 +152,28 @@ private:
         return text;
     }
 
+    // Scan codes in a row of one definition are told together.
+    void Scan(uint64_t ullUs, unsigned uKeyboard, const NotifyRecord& record)
+    {
+        if (!m_scans.empty() && (m_ullScans != ullUs || m_uScans != uKeyboard || m_ulScansId != record.ulId))
+            FlushScans();
+        m_scans += fmt::format(" {:02x}", record.ulValue);
+        m_ullScans = ullUs;
+        m_uScans = uKeyboard;
+        m_ulScansId = record.ulId;
+    }
+
+    void FlushScans()
+    {
+        std::string scans;
+        scans.swap(m_scans);
+        if (!scans.empty())
+            Beside(m_ullScans, m_uScans, Green, fmt::format("scan{} of definition {}", scans, m_ulScansId));
+    }
+
     void Flush()
     {
+        FlushScans();
         if (!m_line.empty()) {
             m_line.erase(m_line.find_last_not_of(' ') + 1);
             fmt::print(m_pOut, "{}\n", m_line);
@@ -171,6 +191,7 @@ private:
     // Beside the report's line when that is the same moment and keyboard, else on a line of its own.
     void Beside(uint64_t ullUs, unsigned uKeyboard, const char* pColour, const std::string& text)
     {
+        FlushScans();
         if (m_line.empty() || m_ullLine != ullUs || m_uLine != uKeyboard)
             Note(ullUs, uKeyboard, pColour, text);
         else
@@ -183,6 +204,10 @@ private:
     std::string m_line; // of the latest report, not printed yet
     uint64_t m_ullLine = 0;
     unsigned m_uLine = 0;
+    std::string m_scans; // of one moment, not told yet
+    uint64_t m_ullScans = 0;
+    unsigned m_uScans = 0;
+    uint32_t m_ulScansId = 0;
 };
 
 } // namespace

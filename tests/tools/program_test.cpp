@@ -1,0 +1,195 @@
+// program_test.cpp - the program itself: exit statuses, what goes to which stream, files written or left alone.
+#include "tests/macro_file.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+#include <sys/wait.h>
+
+namespace
+{
+
+std::string ContentOf(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::stringstream content;
+    content << file.rdbuf();
+    return content.str();
+}
+
+struct Outcome {
+    int iStatus;
+    std::string out, err;
+};
+
+// A folder with files, and runs of the program in it.
+class Program : public testing::Test
+{
+protected:
+    void Write(const std::string& name, const std::string& text)
+    {
+        m_folder.Write(name, FileBytes(text.begin(), text.end()));
+    }
+    std::string Path(const std::string& name) const { return m_folder.Path() + "/" + name; }
+
+    Outcome Run(const std::string& arguments)
+    {
+        std::string command = "cd '" + m_folder.Path() + "' && '" TVUSB_PROGRAM "' " + arguments + " >'" +
+                              m_output.Path() + "/out' 2>'" + m_output.Path() + "/err'";
+        int iResult = system(command.c_str());
+        return {WIFEXITED(iResult) ? WEXITSTATUS(iResult) : -1, ContentOf(m_output.Path() + "/out"),
+                ContentOf(m_output.Path() + "/err")};
+    }
+
+    size_t FilesThere() const
+    {
+        std::filesystem::directory_iterator begin(m_folder.Path()), end;
+        return static_cast<size_t>(std::distance(begin, end));
+    }
+
+    // Bad input: one line that begins with the place, nothing on standard output, status 2.
+    void ExpectBadInput(const std::string& arguments, const std::string& place)
+    {
+        Outcome outcome = Run(arguments);
+        EXPECT_EQ(2, outcome.iStatus) << arguments;
+        EXPECT_EQ("", outcome.out) << arguments;
+        EXPECT_EQ(0u, outcome.err.find("tvusb: " + place)) << outcome.err;
+        EXPECT_EQ(1, std::count(outcome.err.begin(), outcome.err.end(), '\n')) << outcome.err;
+    }
+
+private:
+    DriveFolder m_folder, m_output;
+};
+
+const std::string GoodMacro = "[[macro]]\nkey = \"F1\"\nplay = [\"ctrl+c\"]\n";
+const std::string HeldMacro = "\n[[macro]]\nkey = \"F2\"\nplay = [{ report = \"0000040000000000\" }]\n";
+
+} // namespace
+
+TEST_F(Program, CompilesShowsAndChecksMacros)
+{
+    Write("good.toml", GoodMacro);
+    Write("held.toml", GoodMacro + HeldMacro);
+    Outcome compiled = Run("macro compile good.toml good.bin");
+    EXPECT_EQ(0, compiled.iStatus);
+    EXPECT_EQ("", compiled.out + compiled.err);
+    EXPECT_EQ("# good.bin: 1 macro.\n\n" + GoodMacro, Run("macro show good.bin").out);
+    Outcome checked = Run("macro check good.bin");
+    EXPECT_EQ(0, checked.iStatus);
+    EXPECT_EQ("good.bin: 1 macro, nothing to warn of\n", checked.out);
+
+    compiled = Run("macro compile held.toml good.bin"); // over the old one, with a warning
+    EXPECT_EQ(0, compiled.iStatus);
+    EXPECT_EQ("held.toml:5: warning: macro 2 (F2): its last report leaves a down\n", compiled.err);
+    checked = Run("macro check good.bin");
+    EXPECT_EQ(1, checked.iStatus);
+    EXPECT_EQ("good.bin: byte 74: warning: macro 2 (F2): its last report leaves a down\n", checked.out);
+    checked = Run("macro check held.toml");
+    EXPECT_EQ(1, checked.iStatus);
+    EXPECT_EQ("held.toml:5: warning: macro 2 (F2): its last report leaves a down\n", checked.out);
+    EXPECT_EQ(3u, FilesThere());
+}
+
+TEST_F(Program, LeavesNoHalfFiles)
+{
+    Write("good.toml", GoodMacro);
+    Write("bad.toml", GoodMacro + "play = 1\n");
+    Write("old.bin", "as it was");
+    ExpectBadInput("macro compile bad.toml old.bin", "bad.toml:4: ");
+    ExpectBadInput("macro compile bad.toml new.bin", "bad.toml:4: ");
+    ExpectBadInput("macro compile none.toml new.bin", "none.toml:1: cannot be read");
+    EXPECT_EQ("as it was", ContentOf(Path("old.bin")));
+    EXPECT_EQ(3u, FilesThere());
+
+    ExpectBadInput("macro compile good.toml none/new.bin", "none/new.bin: cannot be written");
+    ExpectBadInput("macro compile good.toml .", ".: cannot be written");
+    EXPECT_EQ(3u, FilesThere());
+
+    std::filesystem::create_symlink("old.bin", Path("link.bin"));
+    EXPECT_EQ(0, Run("macro compile good.toml link.bin").iStatus);
+    EXPECT_TRUE(std::filesystem::is_symlink(Path("link.bin")));
+    EXPECT_EQ(50u + 24, ContentOf(Path("old.bin")).size());
+    EXPECT_EQ(50u + 24, Run("macro compile good.toml /dev/stdout").out.size());
+}
+
+TEST_F(Program, SaysWhatIsWrongWithAnInput)
+{
+    Write("other.bin", "something else");
+    Write("bad.toml", "[settings]\nPrefix1 = -1\nPrefix3 = 1\n");
+    Write("warn.toml", "[[definition]]\nid = 0\nkeys = [\"F1\"]\n");
+    Write("bad.hid", "E: 0.0 8 00 00\n");
+    ExpectBadInput("macro show other.bin", "other.bin: byte 0: ");
+    ExpectBadInput("macro check other.bin", "other.bin: byte 0: ");
+    ExpectBadInput("replay bad.hid", "bad.hid:1: ");
+    ExpectBadInput("replay other.bin", "other.bin:1: ");
+    ExpectBadInput("replay bad.hid --config bad.toml", "bad.hid:1: ");
+    EXPECT_EQ(2, Run("replay bad.hid --keyboard typewriter").iStatus);
+    EXPECT_EQ(2, Run("macro").iStatus);
+    EXPECT_EQ(2, Run("").iStatus);
+
+    Outcome checked = Run("check bad.toml"); // all mistakes, each with its line
+    EXPECT_EQ(2, checked.iStatus);
+    EXPECT_EQ("bad.toml:2: Prefix1 is a number from 0 to 0xFFFFFFFF, not -1\n"
+              "bad.toml:3: unknown key 'Prefix3' in [settings] (did you mean 'Prefix1'?)\n",
+              checked.err);
+    checked = Run("check warn.toml");
+    EXPECT_EQ(1, checked.iStatus);
+    EXPECT_EQ("warn.toml:1: warning: definition 0: it never fires: the driver makes no hotkey of id 0\n",
+              checked.out);
+}
+
+TEST_F(Program, ListsKeys)
+{
+    Outcome all = Run("keys");
+    EXPECT_EQ(0, all.iStatus);
+    EXPECT_NE(
+        std::string::npos,
+        all.out.find(
+            "Sleep                 media     0x202  E0 5F        0x01020000  0x02040000  System Sleep\n"));
+    EXPECT_NE(std::string::npos, all.out.find("Pause                 keyboard  0x048  E1 1D 45 "));
+    Outcome some = Run("keys 'VOLUME up'");
+    EXPECT_EQ(3, std::count(some.out.begin(), some.out.end(), '\n')) << some.out;
+    EXPECT_EQ(1, Run("keys xyzzy").iStatus);
+}
+
+// The shipped samples: their configurations are clean, and a replay shows what they promise.
+TEST_F(Program, PlaysTheSamples)
+{
+    const std::string samples = SAMPLE_FOLDER "/";
+    for (const char* pName : {"hotkeys.toml", "macromode.toml", "cashier.toml"})
+        EXPECT_EQ(0, Run("check " + samples + pName).iStatus) << pName;
+    EXPECT_EQ(0, Run("macro check " + samples + "macros.toml").iStatus);
+
+    Outcome macro = Run("replay --json " + samples + "macromode.hid --config " + samples + "macromode.toml");
+    EXPECT_EQ(0, macro.iStatus);
+    for (const char* pLine :
+         {R"({"type":"macro","t_us":0,"record":1,"mode":1,"report":""})",
+          R"({"type":"led","t_us":0,"kbd":0,"report":4,"flags":1})",
+          R"({"type":"report","t_us":1000000,"kbd":0,"in":"00003a0000000000","out":"0000000000000000"})",
+          R"({"type":"report","t_us":1000000,"kbd":0,"in":null,"out":"02000b0000000000"})",
+          R"({"type":"report","t_us":1240000,"kbd":0,"in":null,"out":"0000280000000000"})",
+          R"({"type":"macro","t_us":2000000,"record":1,"mode":0,"report":""})",
+          R"({"type":"led","t_us":2000000,"kbd":0,"report":0,"flags":0})",
+          R"({"type":"report","t_us":3000000,"kbd":0,"in":"00003a0000000000","out":"00003a0000000000"})"})
+        EXPECT_NE(std::string::npos, macro.out.find(pLine)) << pLine << "\n" << macro.out;
+    EXPECT_EQ(14, [&] {
+        int iCount = 0;
+        for (size_t cAt = 0; (cAt = macro.out.find("\"in\":null", cAt)) != std::string::npos; ++cAt)
+            ++iCount;
+        return iCount;
+    }());
+
+    Outcome till = Run("replay --json " + samples + "cashier.hid --config " + samples + "cashier.toml");
+    EXPECT_EQ(0, till.iStatus);
+    std::string scans; // the application's, in order
+    for (size_t cAt = 0; (cAt = till.out.find("\"value\":", cAt)) != std::string::npos; ++cAt) {
+        char text[8];
+        snprintf(text, sizeof(text), "%02x ", atoi(till.out.c_str() + cAt + 8));
+        scans += text;
+    }
+    EXPECT_EQ(0u, scans.find("50 d0 37 b7 e0 1c e0 9c e0 50 e0 50 ")) << scans; // the arrow repeats
+    EXPECT_EQ(scans.size() - 6, scans.rfind("e0 d0 ")) << scans;
+    EXPECT_EQ(std::string::npos, till.out.find(R"("out":"00005)"));
+}

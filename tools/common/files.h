@@ -1,0 +1,35 @@
+// files.h - whole files in, whole files out.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// Fails (InputError): cannot be read.
+std::vector<uint8_t> ReadWholeFile(const std::string& file);
+std::string ReadWholeText(const std::string& file);
+
+// Writes the file aside and puts it in its place when it is complete, so that there is never half a file. What
+// is there and no ordinary file (a terminal, a pipe) is written to as it is.
+// Fails (InputError): cannot be written; what was there before is still there.
+void WriteWholeFile(const std::string& file, const std::vector<uint8_t>& content);
+
+// A file of its own in the system's folder for such, which goes with the object.
+class TemporaryFile
+{
+public:
+    // Fails (InputError): cannot be written.
+    explicit TemporaryFile(const std::vector<uint8_t>& content);
+    ~TemporaryFile();
+    TemporaryFile(const TemporaryFile&) = delete;
+    TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+    const std::string& Path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
+
+// The name by which the driver opens a file of the host whose full path this is.
+std::string DriverFileName(const std::string& path);
