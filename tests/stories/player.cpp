@@ -17,6 +17,7 @@ const Player::VerbRow Player::Verbs[] = {
     {"scans", &Player::Scans},     {"packet", &Player::Packet},       {"modifiers", &Player::ExpectModifiers},
     {"macro", &Player::Macro},     {"macrofile", &Player::MacroFile}, {"reread", &Player::Reread},
     {"capture", &Player::Capture}, {"classled", &Player::ClassLed},   {"shows", &Player::Shows},
+    {"class", &Player::Class},     {"typematic", &Player::Typematic}, {"mouse", &Player::Mouse},
 };
 
 void Player::ExpectReceived(const std::string& expected)

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <map>
 #include <memory>
 
 #include "emu/app/application.h"
@@ -35,6 +36,8 @@ private:
 
     // verbs_macro.cpp: the macro mode
     Verb Macro, MacroFile, Reread, Capture, ClassLed, Shows;
+    // verbs_siblings.cpp: other drivers
+    Verb Class, Typematic, SetTypematic, Mouse;
 
     NTSTATUS AddHotkey(const Words& words);
     void StartMachine();
@@ -56,4 +59,6 @@ private:
     std::vector<std::unique_ptr<std::deque<EmuBytes>>> m_Received; // by keyboard
     std::vector<std::unique_ptr<EmuBytes>> m_Leds;                 // by keyboard: what reached it
     size_t m_Current = 0;
+    std::map<ULONG, EmuClassDevice*> m_ClassDevices; // by number
+    std::map<std::string, EmuSibling*> m_Mice;       // "ps2", "usb"
 };
