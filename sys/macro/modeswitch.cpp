@@ -15,7 +15,8 @@
 namespace
 {
 enum : UCHAR { STANDARD_REPORT = 0, THREE_BYTE_REPORT = 1, TWO_BYTE_REPORT = 2 };
-enum : ULONG { FIRST_KEY = 2, LAST_KEY = 7, NOWHERE = ~0u };
+enum : ULONG { FIRST_KEY = 2, LAST_KEY = 7 };
+const ULONG NOWHERE = ~0u;
 
 struct ModeHotkey {
     UCHAR ucBytes[2];
