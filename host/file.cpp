@@ -187,6 +187,9 @@ NTSTATUS ZwReadFile(HANDLE h, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_STATUS_BLOCK p
     if (pFile == nullptr) {
         return status;
     }
+    if (HostShouldFail("shortread")) {
+        ulLength /= 2;
+    }
     bool bHere = pOffset == nullptr || pOffset->QuadPart == -2;
     LONGLONG llAt = bHere ? pFile->llPosition : pOffset->QuadPart;
     ssize_t got = pread(pFile->iFd, pBuffer, ulLength, llAt);

@@ -15,7 +15,7 @@
 // the stack goes. IRQL <= DISPATCH. Lock: none held.
 typedef VOID EmuHidObserver(PVOID pContext, const UCHAR* pReport, ULONG ulLength, NTSTATUS Status);
 
-enum { EmuHidMaximumReads = 128, EmuHidMaximumPacket = 1024 };
+enum { EmuHidMaximumReads = 256, EmuHidMaximumPacket = 1024 };
 
 // How a HID stack behaves; zeroed = one automatic read, enumeration, plain recursion.
 struct EmuHidOptions {

@@ -1,0 +1,608 @@
+// macro_test.cpp - the macro mode's closed things: the file's layout, the settings, the mode hotkey in a report,
+// reads that are parked, the LED update.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+
+#include "control/control.h"
+#include "driver/driver.h"
+#include "emu/app/application.h"
+#include "emu/app/machine.h"
+#include "hotkeys/hotkeys.h"
+#include "macro/macro.h"
+#include "tests/macro_file.h"
+
+namespace
+{
+constexpr NTSTATUS OK = STATUS_SUCCESS;
+constexpr NTSTATUS Unsuccessful = STATUS_UNSUCCESSFUL;
+constexpr NTSTATUS NoResources = STATUS_INSUFFICIENT_RESOURCES;
+constexpr NTSTATUS NotFound = STATUS_OBJECT_NAME_NOT_FOUND;
+
+// What the driver guards by its locks, read while nobody else runs.
+ULONG ParkedCount(DeviceContext* pContext) WITHOUT_LOCK_ANALYSIS
+{
+    return pContext->ulParkedCount;
+}
+
+// The macros in force as text: "3A:2 102:0", key and actions each.
+std::string Macros()
+{
+    std::string text;
+    MacroTable* pTable = AcquireMacroTable();
+    for (ULONG i = 0; pTable != nullptr && i < MACRO_TABLE_SIZE && pTable->Records[i] != nullptr; i++) {
+        char macro[32];
+        snprintf(macro, sizeof(macro), "%s%X:%u", i == 0 ? "" : " ", pTable->Records[i]->usKey,
+                 pTable->Records[i]->usActionCount);
+        text += macro;
+    }
+    ReleaseMacroTable(pTable);
+    return text;
+}
+
+class MacroTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        EmuMachineOptions options;
+        options.Entry = DriverEntry;
+        options.FileRoot = Drive.Path();
+        Machine = std::make_unique<EmuMachine>(options);
+        ASSERT_EQ(Machine->LoadStatus(), OK);
+    }
+    void TearDown() override { EXPECT_EQ(Machine->Unload(), 0u) << "things left over"; }
+
+    void Plug(const EmuPlugOptions& options, const EmuDescriptors& kind = EmuBootKeyboard)
+    {
+        Keyboard = Machine->Plug(kind, options);
+        ASSERT_EQ(Keyboard->StartStatus(), OK);
+    }
+    DeviceContext* Context() const { return FilterContextOf(Keyboard->Filter()); }
+
+    // Writes the file, opens it and has it read.
+    NTSTATUS ReadFile(const FileBytes& bytes)
+    {
+        Drive.Write("m", bytes);
+        UNICODE_STRING name;
+        RtlInitUnicodeString(&name, L"\\??\\C:\\m");
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, &name, OBJ_KERNEL_HANDLE, nullptr, nullptr);
+        HANDLE hFile;
+        IO_STATUS_BLOCK ioStatus;
+        EXPECT_EQ(ZwCreateFile(&hFile, GENERIC_READ, &attributes, &ioStatus, nullptr, 0, FILE_SHARE_READ,
+                               FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0),
+                  OK);
+        NTSTATUS status = ReadKorvexConfigFile(hFile);
+        ZwClose(hFile);
+        return status;
+    }
+
+    // One registry value of the driver's key; no bytes at all take it away.
+    void SetValue(const char* pszName, ULONG ulType, const FileBytes& bytes)
+    {
+        std::vector<WCHAR> wide(pszName, pszName + strlen(pszName) + 1);
+        UNICODE_STRING name;
+        RtlInitUnicodeString(&name, wide.data());
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, &Globals.ParametersPath, OBJ_KERNEL_HANDLE, nullptr, nullptr);
+        HANDLE hKey;
+        ASSERT_EQ(ZwOpenKey(&hKey, KEY_SET_VALUE, &attributes), OK);
+        if (bytes.empty()) {
+            (void)ZwDeleteValueKey(hKey, &name); // absent already is as good
+        } else {
+            EXPECT_EQ(ZwSetValueKey(hKey, &name, 0, ulType, const_cast<unsigned char*>(bytes.data()),
+                                    static_cast<ULONG>(bytes.size())),
+                      OK);
+        }
+        ZwClose(hKey);
+    }
+
+    DriveFolder Drive;
+    std::unique_ptr<EmuMachine> Machine;
+    EmuKeyboard* Keyboard = nullptr;
+};
+
+FileBytes Dword(ULONG ulValue)
+{
+    return {static_cast<unsigned char>(ulValue), static_cast<unsigned char>(ulValue >> 8),
+            static_cast<unsigned char>(ulValue >> 16), static_cast<unsigned char>(ulValue >> 24)};
+}
+
+// UTF-16 text, with its NUL unless told otherwise.
+FileBytes Wide(const std::string& text, bool bEnded = true)
+{
+    FileBytes bytes;
+    for (char c : text) {
+        AppendWord(bytes, static_cast<unsigned char>(c));
+    }
+    if (bEnded) {
+        AppendWord(bytes, 0);
+    }
+    return bytes;
+}
+
+// A file with so many macros on key 1, without actions.
+FileBytes ManyMacros(unsigned uCount)
+{
+    FileBytes bytes = MacroFileHead();
+    for (unsigned u = 0; u < uCount; u++) {
+        AppendMacro(bytes, 1, {});
+    }
+    return bytes;
+}
+
+// A file with one macro, then the bytes given.
+FileBytes MacroAnd(std::initializer_list<unsigned char> rest)
+{
+    FileBytes bytes = MacroFileHead();
+    AppendMacro(bytes, 0x3A, {{1}});
+    bytes.insert(bytes.end(), rest);
+    return bytes;
+}
+
+FileBytes Sized(FileBytes bytes, size_t size)
+{
+    bytes.resize(size);
+    return bytes;
+}
+
+std::string Repeated(const std::string& text, int times)
+{
+    std::string all;
+    for (int i = 0; i < times; i++) {
+        all += (i == 0 ? "" : " ") + text;
+    }
+    return all;
+}
+} // namespace
+
+TEST_F(MacroTest, FileLayout)
+{
+    const std::string Kept = "99:1"; // the macros that were there before
+    FileBytes before = MacroFileHead();
+    AppendMacro(before, 0x99, {{1}});
+    FileBytes odd = MacroFileHead(); // 25 bytes of actions, then another record
+    AppendWord(odd, 0x3A);
+    AppendWord(odd, 25);
+    odd.resize(odd.size() + 25, 7);
+    AppendMacro(odd, 0x0102, {{2}, {3}, {4}});
+    FileBytes largest = MacroFileHead();
+    AppendWord(largest, 0x3A);
+    AppendWord(largest, 0xFFFF);
+    largest.resize(largest.size() + 0xFFFF, 1);
+    FileBytes tooMany = ManyMacros(101);
+    FileBytes other = MacroFileHead("Korvex Configuration File V1.0.0.1");
+    AppendMacro(other, 0x3A, {{1}});
+    const size_t MiB = 1024 * 1024;
+    struct Case {
+        const char* pszName;
+        FileBytes Bytes;
+        NTSTATUS Status;
+        std::string Macros;
+    };
+    const Case cases[] = {
+        {"nothing", {}, Unsuccessful, Kept},
+        {"less than a header", Sized(MacroFileHead(), 33), Unsuccessful, Kept},
+        {"another version", other, Unsuccessful, Kept},
+        {"a header alone", Sized(MacroFileHead(), 34), OK, ""},
+        {"50 bytes", MacroFileHead(), OK, ""},
+        {"a macro without actions", ManyMacros(1), OK, "1:0"},
+        {"25 bytes of actions", odd, OK, "3A:2 102:3"},
+        {"the longest macro", largest, OK, "3A:6553"},
+        {"half a record header", MacroAnd({0x3B, 0, 10}), OK, "3A:1"},
+        {"actions that are cut", MacroAnd({0x3B, 0, 10, 0, 1, 8, 1, 2, 3, 4, 5, 6, 7}), OK, "3A:1"},
+        {"filler that is cut", MacroAnd({0x3B, 0, 12, 0, 1, 8, 1, 2, 3, 4, 5, 6, 7, 8, 9}), OK, "3A:1"},
+        {"a record behind a cut one", MacroAnd({0x3B, 0, 0xFF, 0xFF, 0x3C, 0, 0, 0}), OK, "3A:1"},
+        {"a length byte above 8", MacroAnd({0x3B, 0, 10, 0, 1, 255, 1, 2, 3, 4, 5, 6, 7, 8}), OK,
+         "3A:1 3B:1"},
+        {"100 macros", ManyMacros(100), OK, Repeated("1:0", 100)},
+        {"101 macros", tooMany, NoResources, Repeated("1:0", 100)},
+        {"100 macros and a cut one", Sized(tooMany, tooMany.size() - 1), OK, Repeated("1:0", 100)},
+        {"1 MiB", Sized(largest, MiB), NoResources, "3A:6553 " + Repeated("0:0", 99)},
+        {"more than 1 MiB", Sized(largest, MiB + 1), Unsuccessful, Kept},
+    };
+    for (const Case& row : cases) {
+        SCOPED_TRACE(row.pszName);
+        ASSERT_EQ(ReadFile(before), OK);
+        EXPECT_EQ(ReadFile(row.Bytes), row.Status);
+        EXPECT_EQ(Macros(), row.Macros);
+    }
+}
+
+TEST_F(MacroTest, ReportsOfAFile)
+{
+    FileBytes bytes = MacroFileHead();
+    AppendMacro(bytes, 0x3A, {{1, 2, 3, 4, 5, 6, 7, 8}, {9, 10, 11, 12, 13, 14, 15, 16}});
+    ASSERT_EQ(ReadFile(bytes), OK);
+    MacroTable* pTable = AcquireMacroTable();
+    ASSERT_NE(pTable, nullptr);
+    for (unsigned char uc = 0; uc < 16; uc++) {
+        EXPECT_EQ(pTable->Records[0]->Action(uc / 8u)[uc % 8], uc + 1);
+    }
+    FreeMacroTable(); // a walk that is under way keeps what it reads
+    EXPECT_EQ(Macros(), "");
+    EXPECT_EQ(pTable->Records[0]->Action(1)[7], 16);
+    ReleaseMacroTable(pTable);
+}
+
+// Each call that can fail, in turn: the old macros stay until there are new ones.
+TEST_F(MacroTest, FailuresWhileAFileIsRead)
+{
+    FileBytes before = MacroFileHead();
+    AppendMacro(before, 0x99, {{1}});
+    FileBytes bytes = MacroFileHead();
+    for (unsigned uKey = 1; uKey <= 6; uKey++) { // 134 bytes: 67 of them hold one macro
+        AppendMacro(bytes, uKey, {{1}});
+    }
+    struct Case {
+        const char* pszKind;
+        unsigned uNth;
+        NTSTATUS Status;
+        std::string Macros;
+    };
+    const Case cases[] = {
+        {"fileinfo", 1, NoResources, "99:1"}, {"read", 1, NoResources, "99:1"},
+        {"pool", 1, NoResources, "99:1"},     {"pool", 2, NoResources, "99:1"},
+        {"pool", 3, NoResources, ""},         {"pool", 4, NoResources, "1:1"},
+        {"shortread", 1, OK, "1:1"},
+    };
+    for (const Case& row : cases) {
+        SCOPED_TRACE(std::string(row.pszKind) + " " + std::to_string(row.uNth));
+        ASSERT_EQ(ReadFile(before), OK);
+        HostFailNth(row.pszKind, row.uNth);
+        EXPECT_EQ(ReadFile(bytes), row.Status);
+        HostFailNth(nullptr, 0);
+        EXPECT_EQ(Macros(), row.Macros);
+    }
+}
+
+TEST_F(MacroTest, Settings)
+{
+    FileBytes file = MacroFileHead();
+    AppendMacro(file, 0x3A, {{1}});
+    const std::string root = "\\??\\C:\\";
+    const std::string fits = root + std::string(93 - root.size(), 'm');
+    const std::string tooLong = fits + "m";
+    Drive.Write(fits.substr(root.size()), file);
+    Drive.Write(tooLong.substr(root.size()), file);
+    struct Value {
+        ULONG ulType;
+        FileBytes Bytes;
+    };
+    const Value none = {0, {}};
+    const Value one = {REG_DWORD, Dword(1)};
+    const Value path = {REG_SZ, Wide(fits)};
+    struct Case {
+        const char* pszName;
+        Value Hotkey, LedDisabled, Delay, File;
+        NTSTATUS Status;
+        ULONG ulHotkey, ulLedDisabled, ulDelay;
+        bool bRead; // the macros are the file's
+    };
+    // Before each: hotkey 5, LED disabled 7, delay 9, no macros.
+    const Case cases[] = {
+        {"all", one, one, one, path, OK, 1, 1, 1, true},
+        {"no hotkey", none, one, one, path, NotFound, 5, 7, 9, false},
+        {"a text as hotkey", {REG_SZ, Wide("x")}, one, one, path, OK, 5, 1, 1, true},
+        {"three bytes of a hotkey", {REG_DWORD, {1, 2, 3}}, one, one, path, OK, 5, 1, 1, true},
+        {"no LED value", one, none, one, path, NotFound, 1, 0, 9, false},
+        {"LED value 0x101", one, {REG_DWORD, Dword(0x101)}, one, path, OK, 1, 1, 1, true},
+        {"a LED value of 8 bytes", one, {REG_DWORD, FileBytes(8, 3)}, one, path, OK, 1, 7, 1, true},
+        {"no delay", one, one, none, path, NotFound, 1, 1, 0, false},
+        {"delay 0", one, one, {REG_DWORD, Dword(0)}, path, OK, 1, 1, 1, true},
+        {"a delay of another type", one, one, {REG_BINARY, Dword(3)}, path, OK, 1, 1, 9, true},
+        {"the longest delay", one, one, {REG_DWORD, Dword(~0u)}, path, OK, 1, 1, ~0u, true},
+        {"no file", one, one, one, none, NotFound, 1, 1, 1, false},
+        {"a number as file", one, one, one, one, OK, 1, 1, 1, false},
+        {"a file that is not there", one, one, one, {REG_SZ, Wide(root + "x")}, OK, 1, 1, 1, false},
+        {"94 characters", one, one, one, {REG_SZ, Wide(tooLong)}, NotFound, 1, 1, 1, false},
+        {"94 characters without an end", one, one, one, {REG_SZ, Wide(tooLong, false)}, OK, 1, 1, 1, false},
+        {"93 characters without an end", one, one, one, {REG_SZ, Wide(fits, false)}, OK, 1, 1, 1, false},
+        {"an odd byte behind the end",
+         one,
+         one,
+         one,
+         {REG_SZ, Sized(Wide(root + "x"), 21)},
+         OK,
+         1,
+         1,
+         1,
+         false},
+        {"a value beyond 188 bytes",
+         {REG_BINARY, FileBytes(189, 1)},
+         one,
+         one,
+         path,
+         NotFound,
+         5,
+         7,
+         9,
+         false},
+    };
+    for (const Case& row : cases) {
+        SCOPED_TRACE(row.pszName);
+        Settings.ulKorvexHotkey = 5;
+        Settings.ucKorvexLEDDisabled = 7;
+        Settings.ulKorvexDelay = 9;
+        FreeMacroTable();
+        SetValue("KorvexHotkey", row.Hotkey.ulType, row.Hotkey.Bytes);
+        SetValue("KorvexLEDDisabled", row.LedDisabled.ulType, row.LedDisabled.Bytes);
+        SetValue("KorvexDelay", row.Delay.ulType, row.Delay.Bytes);
+        SetValue("KorvexConfigFile", row.File.ulType, row.File.Bytes);
+        EXPECT_EQ(ReadKorvexParameters(&Globals.RegistryPathCopy), row.Status);
+        EXPECT_EQ(Settings.ulKorvexHotkey, row.ulHotkey);
+        EXPECT_EQ(Settings.ucKorvexLEDDisabled, row.ulLedDisabled);
+        EXPECT_EQ(Settings.ulKorvexDelay, row.ulDelay);
+        EXPECT_EQ(Macros(), row.bRead ? "3A:1" : "");
+    }
+}
+
+TEST_F(MacroTest, UnreadableValuesAreAbsent)
+{
+    for (const char* pszName : {"KorvexHotkey", "KorvexLEDDisabled", "KorvexDelay", "KorvexConfigFile"}) {
+        SetValue(pszName, REG_DWORD, Dword(1));
+    }
+    for (unsigned uNth = 1; uNth <= 5; uNth++) {
+        HostFailNth("value", uNth);
+        EXPECT_EQ(ReadKorvexParameters(&Globals.RegistryPathCopy), uNth <= 4 ? NotFound : OK) << uNth;
+    }
+    HostFailNth("key", 1);
+    EXPECT_EQ(ReadKorvexParameters(&Globals.RegistryPathCopy), NoResources);
+    HostFailNth(nullptr, 0);
+}
+
+// Which keyboards take part; those of another kind keep what they had, unless the feature is off.
+TEST_F(MacroTest, KeyboardsThatTakePart)
+{
+    EmuKeyboard* pNormal = Machine->Plug(EmuBootKeyboard);
+    EmuKeyboard* pPower = Machine->Plug(EmuPowerKeyboard);
+    EmuKeyboard* pJaalaa = Machine->Plug(EmuJaalaaKeyboard);
+    auto marks = [&] {
+        std::string text;
+        for (EmuKeyboard* pKeyboard : {pNormal, pPower, pJaalaa}) {
+            text += FilterContextOf(pKeyboard->Filter())->ulKeyDefTypes & KEYDEF_MACRO_MODE ? '1' : '0';
+        }
+        return text;
+    };
+    SetKorvexKeyboard(pJaalaa->Filter(), 1);
+    const std::pair<ULONG, const char*> cases[] = {
+        {0x00010039, "101"}, {0x02010023, "011"}, {0xFFFFFF, "101"},
+        {0x1000000, "011"},  {0, "000"},          {0x00010039, "100"},
+    };
+    for (const auto& [ulHotkey, pszMarks] : cases) {
+        SetValue("KorvexHotkey", REG_DWORD, Dword(ulHotkey));
+        (void)ReadKorvexParameters(&Globals.RegistryPathCopy); // the other values are absent
+        EXPECT_EQ(marks(), pszMarks) << std::hex << ulHotkey;
+    }
+}
+
+TEST_F(MacroTest, ModeHotkeyInAReport)
+{
+    struct Case {
+        ULONG ulHotkey;
+        EmuBytes Report;
+        int Found; // -1: refused
+        EmuBytes Left;
+    };
+    const Case cases[] = {
+        {0, {0, 0, 0x39, 0, 0, 0, 0, 0}, -1, {0, 0, 0x39, 0, 0, 0, 0, 0}},
+        {0x00010039, {}, -1, {}},
+        {0x00010039, {0, 0, 4, 0x39, 0, 0, 0, 0}, 1, {0, 0, 4, 0, 0, 0, 0, 0}},
+        {0x00010039, {0, 0, 0x39, 4, 5, 0, 9, 9}, 1, {0, 0, 4, 5, 0, 0, 9, 9}}, // up to the first 0
+        {0x00010039, {1, 0, 4, 5, 6, 7, 8, 0x39}, 1, {1, 0, 4, 5, 6, 7, 8, 0}},
+        {0x00010039, {1, 0, 0x39, 5, 6, 7, 8, 9}, 1, {1, 0, 5, 6, 7, 8, 9, 0}},
+        {0x00010039, {0x39, 0x39, 0, 0, 0, 0, 0, 0}, 0, {0x39, 0x39, 0, 0, 0, 0, 0, 0}},
+        {0x00010039, {0, 0x39, 0}, 0, {0, 0x39, 0}},
+        {0x00010039, {0, 0, 0x39, 0, 0, 0, 0}, 0, {0, 0, 0x39, 0, 0, 0, 0}},
+        {0x00010039, {0, 0, 0, 0, 0, 0, 0, 0, 0x39}, 0, {0, 0, 0, 0, 0, 0, 0, 0, 0x39}},
+        // two bytes: one of them is removed
+        {0x00020504, {0, 0, 9, 4, 5, 6, 0, 0}, 1, {0, 0, 9, 5, 6, 0, 0, 0}},
+        {0x00020504, {0, 0, 9, 9, 9, 9, 4, 5}, 1, {0, 0, 9, 9, 9, 9, 0, 5}},
+        {0x00020504, {0, 0, 9, 9, 9, 9, 9, 4}, 0, {0, 0, 9, 9, 9, 9, 9, 4}},
+        // no bytes: found at once, and nothing behind the report is touched
+        {0x00000039, {1, 2, 3, 4, 5, 6, 7, 8}, 1, {1, 2, 4, 5, 6, 7, 8, 0}},
+        {0x01000039, {1, 2, 3}, 1, {1, 0, 0}},
+        {0x02000039, {1, 2}, 1, {1, 0}},
+        // more bytes than there are
+        {0x00030039, {0, 0, 0x39, 0, 3, 0, 0, 0}, 0, {0, 0, 0x39, 0, 3, 0, 0, 0}},
+        {0x00FF0039, {0, 0, 0x39, 0, 0, 0, 0, 0}, 0, {0, 0, 0x39, 0, 0, 0, 0, 0}},
+        {0x02030023, {0x23, 0}, 0, {0x23, 0}},
+        // the other interface
+        {0x01010023, {3, 0x23, 7}, 1, {3, 0, 0}},
+        {0x01020123, {3, 0x23, 1}, 1, {3, 0, 0}},
+        {0x01010023, {0x23, 3, 7}, 0, {0x23, 3, 7}},
+        {0x01010023, {3, 0x23}, 0, {3, 0x23}},
+        {0x02010023, {0x23, 2}, 1, {0x23, 0}},
+        {0x02020223, {0x23, 2}, 1, {0x23, 0}},
+        {0x02010023, {2, 0x23}, 0, {2, 0x23}},
+        {0x03010039, {0, 0, 0x39, 0, 0, 0, 0, 0}, 0, {0, 0, 0x39, 0, 0, 0, 0, 0}},
+    };
+    for (const Case& row : cases) {
+        SCOPED_TRACE(testing::Message()
+                     << std::hex << row.ulHotkey << " " << testing::PrintToString(row.Report));
+        Settings.ulKorvexHotkey = row.ulHotkey;
+        EmuBytes report(row.Report.begin(), row.Report.end()); // exactly so long: nothing lies behind it
+        report.shrink_to_fit();
+        const ULONG ulLen = static_cast<ULONG>(report.size());
+        UCHAR ucFound = 0;
+        EXPECT_EQ(CheckForKorvexModeSwitch(nullptr, ulLen, report.data(), &ucFound),
+                  row.Found < 0 ? Unsuccessful : OK);
+        EXPECT_EQ(ucFound, row.Found > 0 ? 1 : 0);
+        EXPECT_EQ(RemoveKorvexHotkeyFromPacket(nullptr, ulLen, report.data()),
+                  row.Found < 0 ? Unsuccessful : OK);
+        EXPECT_EQ(report, row.Left);
+    }
+    Settings.ulKorvexHotkey = 0x00010039;
+    UCHAR ucReport[8] = {0, 0, 0x39};
+    EXPECT_EQ(CheckForKorvexModeSwitch(nullptr, 8, ucReport, nullptr), OK);
+    EXPECT_EQ(CheckForKorvexModeSwitch(nullptr, 8, nullptr, nullptr), Unsuccessful);
+    Settings.ulKorvexHotkey = 0;
+}
+
+// Reads that are parked while another keyboard's pace runs: what each of them got, in order.
+class ParkedTest : public MacroTest
+{
+protected:
+    void Park(ULONG ulReads, ULONG ulEntries, ULONG ulPacketBytes = 8)
+    {
+        EmuPlugOptions options;
+        options.Reads = ulReads;
+        options.PacketBytes = ulPacketBytes;
+        options.Manual = true;
+        options.OnReceived = [this](const EmuReceived& received) { Received.push_back(received); };
+        Plug(options);
+        Settings.ulKorvexDelay = 100;
+        Globals.ucKorvexTimerRunning = 1;
+        for (ULONG i = 0; i < ulEntries; i++) {
+            FifoEntry entry = {0, 8, {0, 0, static_cast<uint8_t>(0x10 + i), 7, 7, 7, 7, 7}};
+            ASSERT_EQ(InsertUSBPacketFifin(Keyboard->Filter(), &entry), OK);
+        }
+        for (ULONG i = 0; i < ulReads; i++) {
+            ASSERT_EQ(Keyboard->Read(), OK);
+        }
+    }
+    void Wait(ULONGLONG ullMs) { HostAdvanceToUs(HostNowUs() + ullMs * 1000); }
+    // The key each read brought, "-" for a read without one, "!" for a failed one.
+    std::string Keys()
+    {
+        std::string text;
+        for (const EmuReceived& received : Received) {
+            char key[8] = "-";
+            if (!NT_SUCCESS(received.Status)) {
+                snprintf(key, sizeof(key), received.Status == STATUS_CANCELLED ? "x" : "!");
+            } else if (received.Bytes.at(2) != 0) {
+                snprintf(key, sizeof(key), "%02X", received.Bytes[2]);
+            }
+            text += (text.empty() ? "" : " ") + std::string(key);
+        }
+        Received.clear();
+        return text;
+    }
+
+    std::vector<EmuReceived> Received;
+};
+
+TEST_F(ParkedTest, TheOwnTimerServesThem)
+{
+    Park(3, 2);
+    EXPECT_EQ(ParkedCount(Context()), 3u);
+    Wait(99);
+    EXPECT_EQ(Keys(), "");
+    Wait(1);
+    EXPECT_EQ(Keys(), "10");
+    Wait(100);
+    EXPECT_EQ(Keys(), "11");
+    Wait(100);
+    EXPECT_EQ(Keys(), "-"); // nothing is queued any more: released, and the pace ends
+    EXPECT_EQ(Globals.ucKorvexTimerRunning, 0);
+    Wait(1000);
+    EXPECT_EQ(Keys(), "");
+    EXPECT_EQ(Context()->pFirstParked, nullptr);
+}
+
+TEST_F(ParkedTest, TwoHundredAtMost)
+{
+    Park(203, 2);
+    EXPECT_EQ(ParkedCount(Context()), 200u);
+    EXPECT_EQ(Keys(), "10 11");              // no place: the next report, at once
+    EXPECT_EQ(Keyboard->PendingReads(), 1u); // the queue is empty: to the keyboard
+    Wait(100);
+    EXPECT_EQ(Keys(), "-");
+}
+
+TEST_F(ParkedTest, CancelledAndServed)
+{
+    Park(4, 4);
+    IoCancelIrp(Context()->pFirstParked);
+    EXPECT_EQ(Keys(), "x");
+    EXPECT_EQ(ParkedCount(Context()), 3u);
+    Wait(100);
+    EXPECT_EQ(Keys(), "10");
+    IoCancelIrp(Context()->pFirstParked);
+    IoCancelIrp(Context()->pFirstParked);
+    EXPECT_EQ(Keys(), "x x");
+    EXPECT_EQ(Context()->pFirstParked, nullptr);
+    Wait(100);
+    EXPECT_EQ(Globals.ucKorvexTimerRunning, 0);
+}
+
+TEST_F(ParkedTest, TheKeyboardGoes)
+{
+    Park(3, 3);
+    CompleteParkedReads(Keyboard->Filter()); // as at surprise removal
+    EXPECT_EQ(Keys(), "! ! !");
+    EXPECT_EQ(Globals.ucKorvexTimerRunning, 0);
+    Globals.ucKorvexTimerRunning = 1;
+    ASSERT_EQ(Keyboard->Read(), OK); // parks again
+    EXPECT_EQ(ParkedCount(Context()), 1u);
+    EXPECT_EQ(Keyboard->Unplug(true), OK);
+    EXPECT_EQ(Received.size(), 1u);
+    EXPECT_EQ(Globals.ucKorvexTimerRunning, 0);
+}
+
+TEST_F(ParkedTest, AReadThatIsShorterThanTheReport)
+{
+    Park(1, 1, 4);
+    Wait(100);
+    ASSERT_EQ(Received.size(), 1u);
+    EXPECT_EQ(Received[0].Bytes, (EmuBytes{0, 0, 0x10, 7}));
+}
+
+TEST_F(ParkedTest, AnyDelayIsATime)
+{
+    Park(1, 1);
+    Wait(100);
+    EXPECT_EQ(Keys(), "10");
+    for (ULONG ulDelayMs : {0u, ~0u}) {
+        Settings.ulKorvexDelay = ulDelayMs;
+        FifoEntry entry = {0, 8, {0, 0, 0x20}};
+        InsertUSBPacketFifin(Keyboard->Filter(), &entry);
+        Wait(200); // the pace that ran before is over
+        Globals.ucKorvexTimerRunning = 1;
+        ASSERT_EQ(Keyboard->Read(), OK);
+        if (ulDelayMs != 0) {
+            Wait(ulDelayMs - 1ull);
+            EXPECT_EQ(Keys(), "");
+        }
+        Wait(1);
+        EXPECT_EQ(Keys(), "20") << ulDelayMs;
+        Settings.ulKorvexDelay = 100;
+    }
+}
+
+// The LED follows switches that come faster than the work item runs.
+TEST_F(MacroTest, LedUpdatesInARow)
+{
+    EmuBytes leds;
+    EmuPlugOptions options;
+    options.OnLed = [&](const EmuBytes& report) { leds.push_back(report.at(0)); };
+    Plug(options);
+    auto switchModes = [](std::initializer_list<UCHAR> modes) {
+        KIRQL irql;
+        KeRaiseIrql(DISPATCH_LEVEL, &irql);
+        for (UCHAR ucMode : modes) {
+            EXPECT_EQ(SetKorvexLed(ucMode), OK);
+        }
+        KeLowerIrql(irql);
+        HostSettle();
+    };
+    switchModes({1});
+    EXPECT_EQ(leds, (EmuBytes{4}));
+    switchModes({0, 1, 0});
+    EXPECT_EQ(leds, (EmuBytes{4, 0}));
+    switchModes({0, 1});
+    EXPECT_EQ(leds, (EmuBytes{4, 0, 0, 4}));
+    HostFailNth("workitem", 1);
+    switchModes({0});
+    HostFailNth(nullptr, 0);
+    EXPECT_EQ(leds.size(), 4u); // this update is left out, and the next one comes
+    switchModes({0});
+    EXPECT_EQ(leds.back(), 0);
+    Settings.ucKorvexLEDDisabled = 1;
+    switchModes({1});
+    EXPECT_EQ(leds.size(), 5u);
+    EXPECT_EQ(SetKorvexLed(1), OK);
+    EXPECT_EQ(leds.size(), 5u);
+}
