@@ -90,6 +90,7 @@ public:
     ULONG HeldRequests() const; // left pending at the keyboard by a rule
     // Contents may be looked at and changed while no request is under way.
     EmuMemory& Memory() const { return *m_Options.Memory; }
+    std::shared_ptr<EmuMemory> SharedMemory() const { return m_Options.Memory; } // for EmuPlugOptions
     // The control requests that reached the keyboard since the last call.
     std::vector<EmuRequest> TakenRequests();
 

@@ -15,8 +15,10 @@ static void CopyText(char16_t (&To)[PROPERTY_CHARS], const WCHAR (&From)[PROPERT
     To[i] = 0;
 }
 
-static void DescribeKeyboard(const DeviceContext* pContext, KeyboardInfo* pInfo)
+// IRQL <= DISPATCH. Lock: takes InterfaceLock.
+static void DescribeKeyboard(DeviceContext* pContext, KeyboardInfo* pInfo)
 {
+    LockScope lock(pContext->InterfaceLock);
     pInfo->ulDeviceIndex = pContext->ulDeviceIndex;
     CopyText(pInfo->HardwareId, pContext->HardwareId);
     CopyText(pInfo->DeviceObjectName, pContext->PhysicalDeviceObjectName);

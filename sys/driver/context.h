@@ -82,16 +82,16 @@ struct DeviceContext {
     ULONG ulDeviceIndex;            // (i) by which applications address the keyboard
     PDEVICE_OBJECT pLowerDevice;    // (i)
     PDEVICE_OBJECT pPhysicalDevice; // (i)
-    WCHAR DeviceDescription[PROPERTY_CHARS];        // (p) read at start
-    WCHAR HardwareId[PROPERTY_CHARS];               // (p) multi-string
-    WCHAR PhysicalDeviceObjectName[PROPERTY_CHARS]; // (p)
-    UCHAR ucSendUpEventImmediately;                 // (i)
-    UCHAR ucRunDiagNormalPacket02;                  // (i)
-    UCHAR ucStarted;                                // (p) counted in usStartedKeyboards
-    UCHAR ucKeyboardCounted;                        // (p) counted in usKeyboardCount
-    UCHAR ucInterfaceRegistered;                    // (p) InterfaceLinkName is owned
-    UNICODE_STRING InterfaceLinkName;               // (p) changed under InterfaceLock, which readers take too
-    SpinLock InterfaceLock;
+    WCHAR DeviceDescription[PROPERTY_CHARS] GUARDED_BY(InterfaceLock); // read at start
+    WCHAR HardwareId[PROPERTY_CHARS] GUARDED_BY(InterfaceLock);        // multi-string
+    WCHAR PhysicalDeviceObjectName[PROPERTY_CHARS] GUARDED_BY(InterfaceLock);
+    UCHAR ucSendUpEventImmediately;   // (i)
+    UCHAR ucRunDiagNormalPacket02;    // (i)
+    UCHAR ucStarted;                  // (p) counted in usStartedKeyboards
+    UCHAR ucKeyboardCounted;          // (p) counted in usKeyboardCount
+    UCHAR ucInterfaceRegistered;      // (p) InterfaceLinkName is owned
+    UNICODE_STRING InterfaceLinkName; // (p) changed under InterfaceLock, which readers take too
+    SpinLock InterfaceLock;           // what the system tells of the keyboard
 
     // Life: see driver/keyboards.cpp.
     PDEVICE_OBJECT pNextKeyboard; // KeyboardListLock

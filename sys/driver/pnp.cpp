@@ -16,15 +16,17 @@
 enum : LONGLONG { CLOSE_WAIT_100NS = 50000000 }; // 5 seconds
 
 // A property that does not fit leaves the field as it was.
-// IRQL = PASSIVE.
-static void ReadProperty(PDEVICE_OBJECT pPhysicalDevice, DEVICE_REGISTRY_PROPERTY property, WCHAR* pField)
+// IRQL = PASSIVE. Lock: takes InterfaceLock.
+static void ReadProperty(DeviceContext* pContext, DEVICE_REGISTRY_PROPERTY property,
+                         WCHAR (DeviceContext::*pField)[PROPERTY_CHARS])
 {
-    const ULONG ulFieldBytes = PROPERTY_CHARS * sizeof(WCHAR);
     WCHAR buffer[PROPERTY_CHARS];
     ULONG ulBytes = 0;
     RtlZeroMemory(buffer, sizeof(buffer));
-    if (NT_SUCCESS(IoGetDeviceProperty(pPhysicalDevice, property, ulFieldBytes, buffer, &ulBytes))) {
-        RtlCopyMemory(pField, buffer, ulFieldBytes);
+    if (NT_SUCCESS(
+            IoGetDeviceProperty(pContext->pPhysicalDevice, property, sizeof(buffer), buffer, &ulBytes))) {
+        LockScope lock(pContext->InterfaceLock);
+        RtlCopyMemory(pContext->*pField, buffer, sizeof(buffer));
     }
 }
 
@@ -58,10 +60,9 @@ static NTSTATUS StartKeyboard(PDEVICE_OBJECT pDevice, PIRP pIrp)
     USHORT usUnusedRate = 0;
     USHORT usUnusedDelay = 0;
 
-    ReadProperty(pContext->pPhysicalDevice, DevicePropertyDeviceDescription, pContext->DeviceDescription);
-    ReadProperty(pContext->pPhysicalDevice, DevicePropertyHardwareID, pContext->HardwareId);
-    ReadProperty(pContext->pPhysicalDevice, DevicePropertyPhysicalDeviceObjectName,
-                 pContext->PhysicalDeviceObjectName);
+    ReadProperty(pContext, DevicePropertyDeviceDescription, &DeviceContext::DeviceDescription);
+    ReadProperty(pContext, DevicePropertyHardwareID, &DeviceContext::HardwareId);
+    ReadProperty(pContext, DevicePropertyPhysicalDeviceObjectName, &DeviceContext::PhysicalDeviceObjectName);
     const NTSTATUS status = ForwardAndWait(pContext, pIrp);
     CompleteRequest(pIrp, status, 0);
 

@@ -1,4 +1,5 @@
-// main.cpp - registers every story of the folder as a test of its own: File.Title.
+// main.cpp - registers every story of the folder as two tests, one for each size of the application's process:
+// File.Title.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,12 +13,20 @@ namespace
 class StoryTest : public testing::Test
 {
 public:
-    explicit StoryTest(Story story) : m_Story(std::move(story)) {}
-    void TestBody() override { PlayStory(m_Story); }
+    StoryTest(Story story, bool b32) : m_Story(std::move(story)), m_b32(b32) {}
+    void TestBody() override { PlayStory(m_Story, m_b32); }
 
 private:
     Story m_Story;
+    bool m_b32;
 };
+
+void Register(const std::string& file, const Story& story, bool b32)
+{
+    std::string title = story.Title + (b32 ? ", 32 bits" : "");
+    testing::RegisterTest(std::filesystem::path(file).stem().c_str(), title.c_str(), nullptr, nullptr,
+                          file.c_str(), 1, [=]() -> testing::Test* { return new StoryTest(story, b32); });
+}
 } // namespace
 
 int main(int argc, char** argv)
@@ -33,9 +42,8 @@ int main(int argc, char** argv)
     try {
         for (const auto& file : files) {
             for (const Story& story : ReadStories(file.string())) {
-                testing::RegisterTest(file.stem().c_str(), story.Title.c_str(), nullptr, nullptr,
-                                      file.c_str(), 1,
-                                      [=]() -> testing::Test* { return new StoryTest(story); });
+                Register(file.string(), story, false);
+                Register(file.string(), story, true);
             }
         }
     } catch (const std::exception& error) {

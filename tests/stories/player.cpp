@@ -9,15 +9,44 @@ struct Player::VerbRow {
 };
 
 const Player::VerbRow Player::Verbs[] = {
-    {"setting", &Player::Setting}, {"keyboard", &Player::Keyboard},   {"on", &Player::On},
-    {"report", &Player::Report},   {"answer", &Player::Answer},       {"led", &Player::Led},
-    {"wait", &Player::Wait},       {"unplug", &Player::Unplug},       {"pull", &Player::Unplug},
-    {"quiet", &Player::Quiet},     {"hotkey", &Player::Hotkey},       {"refused", &Player::Refused},
-    {"define", &Player::Define},   {"remove", &Player::Remove},       {"processing", &Player::Processing},
-    {"scans", &Player::Scans},     {"packet", &Player::Packet},       {"modifiers", &Player::ExpectModifiers},
-    {"macro", &Player::Macro},     {"macrofile", &Player::MacroFile}, {"reread", &Player::Reread},
-    {"capture", &Player::Capture}, {"classled", &Player::ClassLed},   {"shows", &Player::Shows},
-    {"class", &Player::Class},     {"typematic", &Player::Typematic}, {"mouse", &Player::Mouse},
+    {"setting", &Player::Setting},
+    {"keyboard", &Player::Keyboard},
+    {"replug", &Player::Replug},
+    {"on", &Player::On},
+    {"report", &Player::Report},
+    {"answer", &Player::Answer},
+    {"led", &Player::Led},
+    {"wait", &Player::Wait},
+    {"unplug", &Player::Unplug},
+    {"pull", &Player::Unplug},
+    {"quiet", &Player::Quiet},
+    {"hotkey", &Player::Hotkey},
+    {"refused", &Player::Refused},
+    {"define", &Player::Define},
+    {"remove", &Player::Remove},
+    {"processing", &Player::Processing},
+    {"scans", &Player::Scans},
+    {"packet", &Player::Packet},
+    {"modifiers", &Player::ExpectModifiers},
+    {"macro", &Player::Macro},
+    {"macrofile", &Player::MacroFile},
+    {"reread", &Player::Reread},
+    {"capture", &Player::Capture},
+    {"classled", &Player::ClassLed},
+    {"shows", &Player::Shows},
+    {"setled", &Player::SetLed},
+    {"leds", &Player::ExpectLeds},
+    {"read", &Player::Read},
+    {"write", &Player::Write},
+    {"size", &Player::Size},
+    {"string", &Player::String},
+    {"descriptor", &Player::Descriptor},
+    {"command", &Player::Command},
+    {"keyboards", &Player::ListKeyboards},
+    {"answers", &Player::Answers},
+    {"class", &Player::Class},
+    {"typematic", &Player::Typematic},
+    {"mouse", &Player::Mouse},
 };
 
 void Player::ExpectReceived(const std::string& expected)
@@ -62,25 +91,28 @@ void Player::ExpectEvents(const std::string& expected)
     EXPECT_EQ(told, wanted) << "events";
 }
 
+void Player::PlayVerb(const Words& words, const Parts& parts)
+{
+    for (const VerbRow& row : Verbs) {
+        if (words.at(0) == row.pName) {
+            return (this->*row.pVerb)(words, parts);
+        }
+    }
+    throw BadLine("unknown verb: " + words.at(0));
+}
+
 void Player::Play(const std::string& line)
 {
     const Parts parts = SplitParts(line);
     const Words words = SplitWords(parts.Left);
-    for (const VerbRow& row : Verbs) {
-        if (words.at(0) != row.pName) {
-            continue;
-        }
-        if (row.pVerb != &Player::Answer) {
-            ExpectNothingReceived();
-        }
-        (this->*row.pVerb)(words, parts);
-        if (m_Machine) {
-            HostSettle();
-            ExpectEvents(parts.Events);
-        }
-        return;
+    if (words.at(0) != "answer") {
+        ExpectNothingReceived();
     }
-    throw BadLine("unknown verb: " + words.at(0));
+    PlayVerb(words, parts);
+    if (m_Machine) {
+        HostSettle();
+        ExpectEvents(parts.Events);
+    }
 }
 
 void Player::Finish()
@@ -94,9 +126,9 @@ void Player::Finish()
     }
 }
 
-void PlayStory(const Story& story)
+void PlayStory(const Story& story, bool b32)
 {
-    Player player;
+    Player player(b32);
     for (const StoryLine& line : story.Lines) {
         SCOPED_TRACE(story.File + ":" + std::to_string(line.uNumber) + ": " + line.Text);
         try {

@@ -19,6 +19,7 @@
 class Player
 {
 public:
+    explicit Player(bool b32) : m_b32(b32) {} // the application's process
     void Play(const std::string& line);
     void Finish();
 
@@ -28,22 +29,26 @@ private:
     static const VerbRow Verbs[];
 
     // verbs_keyboard.cpp: the keyboard and the system
-    Verb Setting, Keyboard, On, Report, Answer, Led, Wait, Unplug, Quiet;
+    Verb Setting, Keyboard, Replug, On, Report, Answer, Led, Wait, Unplug, Quiet;
     // verbs_hotkeys.cpp: definitions
-    Verb Hotkey, Refused, Define, Remove;
+    Verb Hotkey, Define, Remove;
     // verbs_requests.cpp: the application's other requests
-    Verb Processing, Scans, Packet, ExpectModifiers;
-
+    Verb Processing, Scans, Packet, ExpectModifiers, Refused;
+    // verbs_device.cpp: requests that are passed to the keyboard
+    Verb SetLed, ExpectLeds, Read, Write, Size, String, Descriptor, Command, ListKeyboards, Answers;
     // verbs_macro.cpp: the macro mode
     Verb Macro, MacroFile, Reread, Capture, ClassLed, Shows;
     // verbs_siblings.cpp: other drivers
     Verb Class, Typematic, SetTypematic, Mouse;
 
-    NTSTATUS AddHotkey(const Words& words);
+    void PlayVerb(const Words& words, const Parts& parts);
+    void ExpectStatus(NTSTATUS status); // success, or what `refused` makes of it
+    // A request about the current keyboard; what it reports.
+    EmuBytes Ask(ULONG ulCode, const EmuBytes& payload, ULONG ulOut);
     void StartMachine();
     void ChangeSetting(const std::string& name, const std::string& value);
     void WriteMacroFile();
-    void PlugInterface(const EmuDescriptors& descriptors);
+    void PlugInterface(const EmuDescriptors& descriptors, std::shared_ptr<EmuMemory> memory = nullptr);
     void ExpectReceived(const std::string& expected);
     void ExpectNothingReceived();
     void ExpectEvents(const std::string& expected);
@@ -58,7 +63,10 @@ private:
     std::vector<EmuKeyboard*> m_Keyboards;
     std::vector<std::unique_ptr<std::deque<EmuBytes>>> m_Received; // by keyboard
     std::vector<std::unique_ptr<EmuBytes>> m_Leds;                 // by keyboard: what reached it
+    std::vector<const EmuDescriptors*> m_Kinds;                    // by keyboard
     size_t m_Current = 0;
     std::map<ULONG, EmuClassDevice*> m_ClassDevices; // by number
     std::map<std::string, EmuSibling*> m_Mice;       // "ps2", "usb"
+    const bool m_b32;
+    bool m_bRefused = false; // inside a `refused` line
 };

@@ -21,5 +21,6 @@ struct Story {
 // All stories of a file, in order. Text before the first `story` line may only be comments.
 std::vector<Story> ReadStories(const std::string& path);
 
-// Plays one story on a fresh driver; failures are reported to GoogleTest with file and line.
-void PlayStory(const Story& story);
+// Plays one story on a fresh driver, with a 32-bit or a 64-bit application; failures are reported to GoogleTest
+// with file and line.
+void PlayStory(const Story& story, bool b32);

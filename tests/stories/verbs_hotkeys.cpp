@@ -1,7 +1,8 @@
 // verbs_hotkeys.cpp - a story's key definitions.
 #include "player.h"
 
-NTSTATUS Player::AddHotkey(const Words& words)
+// hotkey ID MODIFIERS [SCAN…] [swallow]
+void Player::Hotkey(const Words& words, const Parts&)
 {
     KeyDefinition definition = {};
     definition.ulId = Number32(words.at(1), 10);
@@ -14,19 +15,7 @@ NTSTATUS Player::AddHotkey(const Words& words)
             definition.ucScans[definition.usScanCount++ % 32] = static_cast<uint8_t>(Number(words[i], 16));
         }
     }
-    return m_Application->AddDefinition(Index(), definition);
-}
-
-// hotkey ID MODIFIERS [SCAN…] [swallow]
-void Player::Hotkey(const Words& words, const Parts&)
-{
-    EXPECT_EQ(AddHotkey(words), STATUS_SUCCESS);
-}
-
-// refused hotkey …
-void Player::Refused(const Words& words, const Parts&)
-{
-    EXPECT_EQ(AddHotkey(Words(words.begin() + 1, words.end())), STATUS_UNSUCCESSFUL);
+    ExpectStatus(m_Application->AddDefinition(Index(), definition));
 }
 
 // define ID TYPE [swallow]
@@ -36,11 +25,11 @@ void Player::Define(const Words& words, const Parts&)
     definition.ulId = Number32(words.at(1), 10);
     definition.ulType = Number32(words.at(2), 10);
     definition.ulSwallow = words.size() > 3 && words[3] == "swallow" ? 1 : 0;
-    EXPECT_EQ(m_Application->AddDefinition(Index(), definition), STATUS_SUCCESS);
+    ExpectStatus(m_Application->AddDefinition(Index(), definition));
 }
 
 // remove ID
 void Player::Remove(const Words& words, const Parts&)
 {
-    EXPECT_EQ(m_Application->RemoveDefinition(Index(), Number32(words.at(1), 10)), STATUS_SUCCESS);
+    ExpectStatus(m_Application->RemoveDefinition(Index(), Number32(words.at(1), 10)));
 }

@@ -19,10 +19,11 @@ void Player::StartMachine()
 }
 
 // Plugs one interface of a keyboard in; report processing is switched on for it.
-void Player::PlugInterface(const EmuDescriptors& descriptors)
+void Player::PlugInterface(const EmuDescriptors& descriptors, std::shared_ptr<EmuMemory> memory)
 {
     m_Received.push_back(std::make_unique<std::deque<EmuBytes>>());
     EmuPlugOptions options;
+    options.Memory = memory;
     options.OnReceived = [pQueue = m_Received.back().get()](const EmuReceived& received) {
         if (NT_SUCCESS(received.Status)) {
             pQueue->push_back(received.Bytes);
@@ -34,9 +35,10 @@ void Player::PlugInterface(const EmuDescriptors& descriptors)
     };
     m_Current = m_Keyboards.size();
     m_Keyboards.push_back(m_Machine->Plug(descriptors, options));
+    m_Kinds.push_back(&descriptors);
     ASSERT_EQ(Current().StartStatus(), STATUS_SUCCESS);
     if (!m_Application) {
-        m_Application = std::make_unique<EmuApplication>();
+        m_Application = std::make_unique<EmuApplication>(m_b32);
         ASSERT_EQ(m_Application->OpenStatus(), STATUS_SUCCESS);
         EXPECT_EQ(m_Application->RegisterMacroEvent(), STATUS_SUCCESS);
     }
@@ -59,6 +61,13 @@ void Player::Keyboard(const Words& words, const Parts&)
         ASSERT_NO_FATAL_FAILURE(PlugInterface(*pInterface));
     }
     m_Current = first;
+}
+
+// replug
+void Player::Replug(const Words&, const Parts&)
+{
+    ASSERT_FALSE(Current().Plugged());
+    PlugInterface(*m_Kinds.at(m_Current), Current().SharedMemory());
 }
 
 // on N
@@ -96,11 +105,7 @@ void Player::Led(const Words& words, const Parts& parts)
 // wait 250ms
 void Player::Wait(const Words& words, const Parts&)
 {
-    const std::string& word = words.at(1);
-    if (word.size() < 3 || word.substr(word.size() - 2) != "ms") {
-        throw BadLine("wait takes milliseconds: wait 250ms");
-    }
-    HostAdvanceToUs(HostNowUs() + Number(word.substr(0, word.size() - 2), 10) * 1000);
+    HostAdvanceToUs(HostNowUs() + 1000ull * Milliseconds(words.at(1)));
 }
 
 // unplug, or pull: without asking first

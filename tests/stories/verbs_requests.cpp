@@ -1,18 +1,30 @@
 // verbs_requests.cpp - what a story's application asks of the driver, apart from definitions.
 #include "player.h"
 
+void Player::ExpectStatus(NTSTATUS status)
+{
+    EXPECT_EQ(status, m_bRefused ? STATUS_UNSUCCESSFUL : STATUS_SUCCESS) << std::hex << status;
+}
+
+// refused REQUEST
+void Player::Refused(const Words& words, const Parts& parts)
+{
+    m_bRefused = true;
+    PlayVerb(Words(words.begin() + 1, words.end()), parts);
+    m_bRefused = false;
+}
+
 // processing on, processing off
 void Player::Processing(const Words& words, const Parts&)
 {
-    EXPECT_EQ(words.at(1) == "on" ? m_Application->StartReportProcessing(Index())
-                                  : m_Application->StopReportProcessing(Index()),
-              STATUS_SUCCESS);
+    ExpectStatus(words.at(1) == "on" ? m_Application->StartReportProcessing(Index())
+                                     : m_Application->StopReportProcessing(Index()));
 }
 
 // scans BYTES
 void Player::Scans(const Words& words, const Parts&)
 {
-    EXPECT_EQ(m_Application->InsertScans(Index(), Bytes(words, 1)), STATUS_SUCCESS);
+    ExpectStatus(m_Application->InsertScans(Index(), Bytes(words, 1)));
 }
 
 // packet BYTES
@@ -22,7 +34,7 @@ void Player::Packet(const Words& words, const Parts&)
     for (UCHAR ucByte : Bytes(words, 1)) {
         entry.ucData[entry.usLength++ % sizeof(entry.ucData)] = ucByte;
     }
-    EXPECT_EQ(m_Application->InsertUSBPackets(Index(), {entry}), STATUS_SUCCESS);
+    ExpectStatus(m_Application->InsertUSBPackets(Index(), {entry}));
 }
 
 // modifiers NAMES

@@ -54,6 +54,14 @@ ULONG Number32(const std::string& word, int base)
     return static_cast<ULONG>(Number(word, base));
 }
 
+ULONG Milliseconds(const std::string& word)
+{
+    if (word.size() < 3 || word.substr(word.size() - 2) != "ms") {
+        throw BadLine("a time in milliseconds is wanted: 250ms");
+    }
+    return Number32(word.substr(0, word.size() - 2), 10);
+}
+
 EmuBytes Bytes(const Words& words, size_t from)
 {
     EmuBytes bytes;

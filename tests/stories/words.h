@@ -27,6 +27,7 @@ Parts SplitParts(std::string text);
 // The whole word as a number of the base; 0 takes "0x" for hexadecimal ones.
 unsigned long Number(const std::string& word, int base);
 ULONG Number32(const std::string& word, int base);
+ULONG Milliseconds(const std::string& word); // "250ms"
 
 // The words from one on as hexadecimal bytes, and bytes as such words.
 EmuBytes Bytes(const Words& words, size_t from = 0);

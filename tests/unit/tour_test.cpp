@@ -178,6 +178,7 @@ void TourTest::CheckSuccess(const Row& row)
 TEST_P(TourTest, EveryRequestInItsOrderOfChecks)
 {
     hEvent = HostCreateEvent(false);
+    machine.AddClassDevice(0);
     bToured = true;
     machine.AddClassDevice(0); // has the key repeat
     for (const Row& row : Rows) {
