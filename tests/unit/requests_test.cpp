@@ -2,6 +2,7 @@
 // gets when the keyboard answers oddly, late, or not at all.
 #include "bench_application.h"
 #include "control/control.h"
+#include "log/log.h"
 
 namespace
 {
@@ -151,6 +152,27 @@ TEST_P(RequestsTest, EepromSize)
     pKeyboard->SetRules({Rule(EmuAnswerShort, 73)});
     EXPECT_EQ(OK, Ask(0x2220A4, Access(0, 0), 64));
     EXPECT_EQ(0u, Out.size()) << "the count did not come";
+}
+
+TEST_P(RequestsTest, SizeQueryIsLogged)
+{
+    static WCHAR Name[] = L"f";
+    std::vector<char> log(LOG_BUFFER_BYTES);
+    UNICODE_STRING noName = Settings.LogFileName; // its buffer stays the driver's
+    Settings.LogFileName = {2, 4, Name};
+    Settings.ulLogLevel = LOG_TRAFFIC;
+    Globals.pLogBuffer = log.data();
+    const struct {
+        ULONG ulCode;
+        const char* pTitle;
+    } Queries[] = {{0x2220A4, "(ReadQuintoraEEprom) pUchar"}, {0x2220A8, "(WriteQuintoraEEprom) pTmp"}};
+    for (const auto& query : Queries) {
+        log[0] = 0;
+        EXPECT_EQ(OK, Ask(query.ulCode, Access(0, 0), 64));
+        EXPECT_NE(nullptr, strstr(log.data(), query.pTitle)) << log.data();
+    }
+    Globals.pLogBuffer = nullptr;
+    Settings.LogFileName = noName;
 }
 
 TEST_P(RequestsTest, StringsOfOddLengths)
