@@ -37,12 +37,16 @@ void DecideKbdType(PDEVICE_OBJECT device, ULONG ulKbdType)
     if (!CompareExchangeShared(FilterContextOf(device)->KbdType, ulUnknown, ulKbdType)) {
         return;
     }
-    bool bExtendedHotkey = ReadShared(Settings.ulKorvexHotkey) >= FIRST_EXTENDED_HOTKEY;
-    if (ulKbdType == NORMALKbdType) {
-        SetKorvexKeyboard(device, bExtendedHotkey ? 0 : 1);
-    } else if (ulKbdType == POWERKbdType) {
-        SetKorvexKeyboard(device, bExtendedHotkey ? 1 : 0);
-    }
+    ULONG ulHotkey;
+    do { // once more when the settings were read anew meanwhile
+        ulHotkey = ReadShared(Settings.ulKorvexHotkey);
+        bool bExtendedHotkey = ulHotkey >= FIRST_EXTENDED_HOTKEY;
+        if (ulKbdType == NORMALKbdType) {
+            SetKorvexKeyboard(device, bExtendedHotkey ? 0 : 1);
+        } else if (ulKbdType == POWERKbdType) {
+            SetKorvexKeyboard(device, bExtendedHotkey ? 1 : 0);
+        }
+    } while (ulHotkey != ReadShared(Settings.ulKorvexHotkey));
 }
 
 void StoreTriple(DeviceContext* pContext, const UCHAR* pTriple)
