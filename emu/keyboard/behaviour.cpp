@@ -224,7 +224,7 @@ NTSTATUS ServeByRules(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pUrb)
     case EmuAnswerStatus:
         return Fail(pIrp, pUrb, rule.Status);
     case EmuAnswerUrbStatus:
-        *request.pulLength = 0;
+        *request.pulLength = rule.ulAmount;
         pUrb->UrbHeader.Status = USBD_STATUS_STALL_PID;
         return CompleteIrp(pIrp, STATUS_SUCCESS);
     case EmuAnswerShort:

@@ -61,7 +61,7 @@ struct EmuMemory {
 // What a keyboard does with a request that a rule names.
 enum EmuAnswer {
     EmuAnswerStatus,    // completes with Status and no data: a stall is STATUS_UNSUCCESSFUL
-    EmuAnswerUrbStatus, // moves no data, succeeds, and only the URB's own status tells the failure
+    EmuAnswerUrbStatus, // moves no data, though its length tells ulAmount bytes; only the URB's status fails
     EmuAnswerShort,     // moves at most ulAmount bytes
     EmuAnswerLate,      // is left pending and answered ulAmount milliseconds later, by a DPC
     EmuAnswerNever,     // is left pending until it is cancelled or the keyboard goes

@@ -244,7 +244,7 @@ TEST_P(RequestsTest, ShortAndFailedAnswers)
         std::fill(whole.begin() + 7, whole.end(), UCHAR{0});
         EXPECT_EQ(whole, Out) << "what did not come is zero";
 
-        pKeyboard->SetRules({Rule(EmuAnswerUrbStatus)});
+        pKeyboard->SetRules({Rule(EmuAnswerUrbStatus, 18)});
         EXPECT_EQ(OK, Ask(read.ulCode, payload, 100));
         EXPECT_EQ(EmuBytes(read.ulLength), Out) << "only the URB failed";
 
