@@ -55,8 +55,12 @@ static std::vector<Block*> PagedBlocks;
 
 void HostFillUnwritten(UCHAR* pData, size_t bytes)
 {
-    for (size_t i = 0; i < bytes; i++) {
-        pData[i] = UNWRITTEN[i % 4];
+    size_t written = bytes < sizeof UNWRITTEN ? bytes : sizeof UNWRITTEN;
+    memcpy(pData, UNWRITTEN, written);
+    while (written < bytes) { // what is there already, as often as it fits
+        size_t more = written < bytes - written ? written : bytes - written;
+        memcpy(pData + written, pData, more);
+        written += more;
     }
 }
 

@@ -121,7 +121,9 @@ NTSTATUS ZwQueryValueKey(HANDLE h, PUNICODE_STRING pName, KEY_VALUE_INFORMATION_
     pPartial->Type = value.ulType;
     pPartial->DataLength = static_cast<ULONG>(value.Data.size());
     size_t fits = ulLength - ulHead < value.Data.size() ? ulLength - ulHead : value.Data.size();
-    memcpy(static_cast<UCHAR*>(pBuffer) + ulHead, value.Data.data(), fits);
+    if (fits != 0) {
+        memcpy(static_cast<UCHAR*>(pBuffer) + ulHead, value.Data.data(), fits);
+    }
     return fits == value.Data.size() ? STATUS_SUCCESS : STATUS_BUFFER_OVERFLOW;
 }
 

@@ -117,6 +117,7 @@ static NTSTATUS QueryOne(const HostKey* pKey, const RTL_QUERY_REGISTRY_TABLE* pE
     } else if (bTypeCheck && (pEntry->Flags & RTL_QUERY_REGISTRY_DIRECT) && ulType != ulWanted) {
         return STATUS_OBJECT_TYPE_MISMATCH;
     }
+    data.reserve(1); // an empty value has an address too
     if (pEntry->Flags & RTL_QUERY_REGISTRY_DIRECT) {
         return StoreDirect(pEntry->EntryContext, ulType, data);
     }
