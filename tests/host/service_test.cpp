@@ -184,6 +184,16 @@ TEST(Registry, TextGoesInAndOut)
     EXPECT_EQ(text, HostRegistryText());
 }
 
+static NTSTATUS QueryDirect(const WCHAR* pName, PVOID pTarget, ULONG ulFlags, ULONG ulType,
+                            const void* pDefault, ULONG ulDefault,
+                            const WCHAR* pKey = L"\\Registry\\Machine\\Software\\Small")
+{
+    RTL_QUERY_REGISTRY_TABLE table[2] = {};
+    table[0] = {nullptr, RTL_QUERY_REGISTRY_DIRECT | ulFlags, pName,    pTarget,
+                ulType,  const_cast<void*>(pDefault),         ulDefault};
+    return RtlQueryRegistryValues(RTL_REGISTRY_ABSOLUTE, pKey, table, nullptr, nullptr);
+}
+
 TEST(Registry, KeysAndValuesThroughHandles)
 {
     SmallSystem system(HostSimulated, SEED);
@@ -212,17 +222,15 @@ TEST(Registry, KeysAndValuesThroughHandles)
     EXPECT_EQ(0x7D, pPartial->Data[0]);
     EXPECT_EQ(STATUS_SUCCESS, ZwSetValueKey(h, &other, 0, REG_BINARY, buffer, 2));
     EXPECT_NE(std::string::npos, HostRegistryText().find("\"Other\"=hex:"));
+    EXPECT_EQ(STATUS_SUCCESS,
+              ZwSetValueKey(h, &other, 0, REG_SZ, buffer, 0)); // empty, as a hostile one may be
+    EXPECT_EQ(STATUS_SUCCESS, ZwQueryValueKey(h, &other, KeyValuePartialInformation, buffer, 64, &ulLength));
+    EXPECT_EQ(0u, pPartial->DataLength);
+    UCHAR ucEmpty[4] = {1, 2, 3, 4};
+    EXPECT_EQ(STATUS_SUCCESS, ZwSetValueKey(h, &other, 0, REG_BINARY, buffer, 0));
+    EXPECT_EQ(STATUS_SUCCESS, QueryDirect(L"Other", ucEmpty, 0, REG_NONE, nullptr, 0));
+    EXPECT_EQ(1, ucEmpty[0]);
     ZwClose(h);
-}
-
-static NTSTATUS QueryDirect(const WCHAR* pName, PVOID pTarget, ULONG ulFlags, ULONG ulType,
-                            const void* pDefault, ULONG ulDefault,
-                            const WCHAR* pKey = L"\\Registry\\Machine\\Software\\Small")
-{
-    RTL_QUERY_REGISTRY_TABLE table[2] = {};
-    table[0] = {nullptr, RTL_QUERY_REGISTRY_DIRECT | ulFlags, pName,    pTarget,
-                ulType,  const_cast<void*>(pDefault),         ulDefault};
-    return RtlQueryRegistryValues(RTL_REGISTRY_ABSOLUTE, pKey, table, nullptr, nullptr);
 }
 
 TEST(Registry, DirectQueries)
