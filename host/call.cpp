@@ -44,6 +44,24 @@ static void __attribute__((noinline)) CheckCall(PDEVICE_OBJECT pDevice, PIRP pIr
     }
 }
 
+// The lower driver's status can fail too: what one driver sends to another, if it is a request that may.
+static bool FailsBelow(PDEVICE_OBJECT pDevice, PIO_STACK_LOCATION pLocation)
+{
+    PDRIVER_OBJECT pCaller = HostSelf()->pDriver;
+    UCHAR ucMajor = pLocation->MajorFunction;
+    bool bMay = ucMajor == IRP_MJ_INTERNAL_DEVICE_CONTROL || ucMajor == IRP_MJ_DEVICE_CONTROL ||
+                (ucMajor == IRP_MJ_PNP && pLocation->MinorFunction == IRP_MN_START_DEVICE);
+    return bMay && pCaller != nullptr && pCaller != pDevice->DriverObject && HostShouldFail("lower");
+}
+
+static NTSTATUS __attribute__((noinline)) FailRequest(PIRP pIrp)
+{
+    pIrp->IoStatus.Status = STATUS_INSUFFICIENT_RESOURCES;
+    pIrp->IoStatus.Information = 0;
+    IofCompleteRequest(pIrp, IO_NO_INCREMENT);
+    return STATUS_INSUFFICIENT_RESOURCES;
+}
+
 // Makes the next location the current one and calls the device's driver.
 // IRQL <= DISPATCH. Lock: none held.
 NTSTATUS IofCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp)
@@ -61,11 +79,15 @@ NTSTATUS IofCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp)
         HostStepLock lock;
         frame.pBefore = pStep->pFrame;
         pStep->pFrame = &frame;
+        pStep->pDevice = pDevice;
+        pStep->pDriver = pDevice->DriverObject;
     }
+    HostNote(pHost, "passed to", pDevice->DriverObject, ucMajor);
+    bool bFail = FailsBelow(pDevice, pLocation);
     NTSTATUS status;
     {
         HostDriverScope scope(pDevice->DriverObject, "a dispatch routine");
-        status = pDevice->DriverObject->MajorFunction[ucMajor](pDevice, pIrp);
+        status = bFail ? FailRequest(pIrp) : pDevice->DriverObject->MajorFunction[ucMajor](pDevice, pIrp);
     }
     if (pStep == nullptr) {
         return status;
@@ -78,6 +100,7 @@ NTSTATUS IofCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp)
     } else if (status == STATUS_PENDING) {
         pStep->pFrame = frame.pBefore;
         pStep->bReturnedPending = true;
+        HostNote(pHost, "kept pending by", pDevice->DriverObject, ucMajor);
     } else {
         BugOnReturn(ucMajor, status, false);
     }

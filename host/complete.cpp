@@ -13,7 +13,7 @@ static void __attribute__((noinline)) RetireStep(HostStep* pStep, bool bMarked)
         HostBug("IRP_PENDING_MISMATCH",
                 "a dispatch routine returned STATUS_PENDING, but the request was not marked");
     }
-    *pStep = {nullptr, false};
+    *pStep = {nullptr, false, nullptr, nullptr};
 }
 
 static void __attribute__((noinline)) CheckCompletion(PIRP pIrp, HostIrp*, PKTHREAD pSelf)
@@ -54,11 +54,15 @@ static NTSTATUS Notify(PIRP pIrp, HostIrp* pHost, PIO_COMPLETION_ROUTINE pRoutin
 {
     bool bTop = pIrp->CurrentLocation > pIrp->StackCount;
     PDEVICE_OBJECT pDevice = bTop ? nullptr : IoGetCurrentIrpStackLocation(pIrp)->DeviceObject;
-    HostDriverScope scope(pDevice != nullptr ? pDevice->DriverObject
-                          : pHost != nullptr ? pHost->pOwner
-                                             : nullptr,
-                          "a completion routine");
-    return pRoutine(pDevice, pIrp, pContext);
+    PDRIVER_OBJECT pDriver = pDevice != nullptr ? pDevice->DriverObject
+                             : pHost != nullptr ? pHost->pOwner
+                                                : nullptr;
+    HostDriverScope scope(pDriver, "a completion routine");
+    NTSTATUS status = pRoutine(pDevice, pIrp, pContext);
+    if (status != STATUS_MORE_PROCESSING_REQUIRED) { // else the request may be gone
+        HostNote(pHost, "completion routine returned", pDriver, static_cast<ULONG>(status));
+    }
+    return status;
 }
 
 void HostCopyOut(PIRP pIrp, HostIrp* pHost)
@@ -79,7 +83,7 @@ void HostCopyOut(PIRP pIrp, HostIrp* pHost)
         memcpy(pIrp->UserBuffer, pData, ulBytes);
     }
     if (pIrp->AssociatedIrp.SystemBuffer != nullptr && pHost->ulMethod != METHOD_NEITHER) {
-        HostRelease(pIrp->AssociatedIrp.SystemBuffer, HostIrpKind);
+        HostRelease(pIrp->AssociatedIrp.SystemBuffer, HostIrpBufferKind);
     }
     if (pIrp->MdlAddress != nullptr) {
         IoFreeMdl(pIrp->MdlAddress);
@@ -105,6 +109,10 @@ static void __attribute__((noinline)) Finish(PIRP pIrp, HostIrp* pHost)
             pHost->pRequester->pRequest = nullptr;
         }
         pHost->bComplete = true;
+        if (pHost->bOnStack) {
+            __atomic_sub_fetch(&pIrp->Tail.Overlay.Thread->uOnStack, 1, __ATOMIC_RELAXED);
+            pHost->bOnStack = false;
+        }
         bHeld = pHost->uHolds != 0;
     }
     if (!bHeld) {
@@ -128,6 +136,7 @@ void IofCompleteRequest(PIRP pIrp, CCHAR)
     SCHEDULE_POINT();
     HostIrp* pHost = HostLiveIrp(pIrp, "IoCompleteRequest");
     CheckCompletion(pIrp, pHost, HostSelf());
+    HostNote(pHost, "completed with status", HostSelf()->pDriver, static_cast<ULONG>(pIrp->IoStatus.Status));
     while (pIrp->CurrentLocation <= pIrp->StackCount) {
         PIO_STACK_LOCATION pLocation = IoGetCurrentIrpStackLocation(pIrp);
         UCHAR ucControl = pLocation->Control;
@@ -141,6 +150,7 @@ void IofCompleteRequest(PIRP pIrp, CCHAR)
         pLocation->CompletionRoutine = nullptr;
         IoSkipCurrentIrpStackLocation(pIrp);
         if (pRoutine != nullptr && Wants(pIrp, ucControl)) {
+            HostNote(pHost, "completion routine called", nullptr, ucControl);
             if (Notify(pIrp, pHost, pRoutine, pLocation->Context) == STATUS_MORE_PROCESSING_REQUIRED) {
                 return;
             }

@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -82,8 +83,12 @@ struct _KTHREAD {
     PKSPIN_LOCK Held[2];
     unsigned uHeld;
     bool bLeafHeld;
-    PDRIVER_OBJECT pDriver; // whose code runs
-    PIRP pRequest;          // the application's request that this thread waits for
+    unsigned uCallsUnderLock;
+    std::vector<const void*> Mutexes; // that it owns
+    unsigned uOnStack;                // requests under way whose event or status block lies on its stack
+    PDRIVER_OBJECT pWorkOf;           // a worker: whose work routine runs
+    PDRIVER_OBJECT pDriver;           // whose code runs
+    PIRP pRequest;                    // the application's request that this thread waits for
 };
 
 struct HostThreadObject : _KTHREAD {
@@ -92,6 +97,7 @@ struct HostThreadObject : _KTHREAD {
 PKTHREAD HostSelf();
 PKTHREAD HostSpawn(const char* pName, std::function<void()> body, size_t stackBytes,
                    PDRIVER_OBJECT pDriver = nullptr); // referenced for the caller
+const HostText& HostServiceOf(PDRIVER_OBJECT pDriver);
 void HostSeedSchedule(ULONGLONG ullSeed);
 void HostSetSelf(PKTHREAD pThread);             // whose code runs on this thread of the system
 void HostBlock(HostLock& lock, PKTHREAD pSelf); // until bWaiting is false
@@ -102,6 +108,8 @@ void HostArrived(HostLock& lock);               // simulated mode: first on a ne
 void HostRunDpcs();                             // simulated mode without a seed, below DISPATCH_LEVEL
 void HostStartSystemThreads();
 bool HostEndSystemThreads(); // false: a thread could not be ended
+
+enum : ULONG { HOST_DRIVER_GONE = 0x40000000 }; // in DRIVER_OBJECT::Flags: it was unloaded
 
 // Says whose code runs, and checks on leaving that it left level and locks as it found them.
 class HostDriverScope
@@ -119,6 +127,10 @@ private:
     KIRQL Irql;
     unsigned uHeld;
 };
+
+// --- the order of locks (order.cpp), all under Lock
+void HostNoteOrder(PKTHREAD pSelf, const void* pTaken);
+void HostForgetLocks(const void* p, size_t bytes);
 
 // --- dispatcher objects (wait.cpp)
 void HostInitHeader(DISPATCHER_HEADER* pHeader, UCHAR ucType, size_t size, LONG lState);
@@ -147,7 +159,8 @@ void* HostAllocate(size_t bytes, const char* pKind, ULONG ulTag, PDRIVER_OBJECT 
 void HostRelease(void* p, const char* pKind);
 void HostCheckNoLiveThings(const void* p, size_t bytes, const char* pWhat);
 void HostGuardPaged(bool bGuard);
-bool HostIsFreed(const void* p); // as far as an address sanitizer knows
+void HostCheckNotFreed(const void* pObject, const char* pCall); // an event, timer, DPC
+bool HostIsFreed(const void* p);                                // as far as an address sanitizer knows
 bool HostFindUnwritten(const UCHAR* pData, size_t bytes, size_t* pOffset);
 void HostFillUnwritten(UCHAR* pData, size_t bytes);
 unsigned HostAuditPool(PDRIVER_OBJECT pDriver);
@@ -155,6 +168,7 @@ void HostDropMemory(bool bFree); // frees what is left, or forgets it
 extern const char HostPoolKind[];
 extern const char HostObjectKind[];
 extern const char HostExtensionKind[]; // goes with its device
+extern const char HostIrpKind[];
 
 // --- names, devices, requests
 struct HostName {
@@ -171,6 +185,9 @@ void HostCleanupFile(PFILE_OBJECT pFile);
 NTSTATUS HostSendControl(PFILE_OBJECT pFile, ULONG ulCode, const void* pIn, ULONG ulIn, void* pOut,
                          ULONG ulOut, ULONG_PTR* pInformation);
 void HostCancelRequestOf(PKTHREAD pThread);
+unsigned HostAuditRequests(PDRIVER_OBJECT pDriver);
+void HostCheckNoRequests(PDEVICE_OBJECT pDevice);                      // a device goes
+void HostCheckNoStackObjects(PKTHREAD pThread, const void* pReturned); // a routine's stack goes
 unsigned HostAuditNames(PDRIVER_OBJECT pDriver);
 unsigned HostAuditPnp(PDRIVER_OBJECT pDriver);
 void HostForgetDevice(PDEVICE_OBJECT pDevice); // its properties
@@ -231,7 +248,12 @@ struct HostState {
     std::map<std::pair<LONGLONG, ULONGLONG>, DueThing> Due;
     std::condition_variable TimerWake;
     LIST_ENTRY DpcQueue;
-    unsigned uDpcsRunning = 0;
+    struct RunningDpc {
+        PKDPC pDpc;
+        PKTHREAD pThread;
+        PDRIVER_OBJECT pDriver;
+    };
+    std::vector<RunningDpc> DpcsRunning;
     std::vector<PKTHREAD> IdleDpcThreads; // with a seed
     std::condition_variable DpcWake;
     std::condition_variable DpcIdle;
@@ -258,12 +280,17 @@ struct HostState {
 
     std::map<HostText, HostName> Names;
     std::vector<struct HostDriver*> Drivers;
+    LIST_ENTRY Requests;
+    std::map<const void*, std::set<const void*>> LockOrder; // locks that were taken while the key was held
     std::mutex IrpLock;
     KSPIN_LOCK CancelLock = 0;
     HostKey Registry;
 
     std::string FailKind;
     unsigned uFailNth = 0;
+    bool bFailOn = false;
+    HostText FailIn;
+    std::map<std::string, unsigned> FallibleByKind;
     unsigned uFallible = 0;
 };
 

@@ -67,6 +67,9 @@ NTSTATUS HostLookUpDevice(const HostText& name, PDEVICE_OBJECT* ppDevice, HostTe
 static void DestroyDevice(void* pBody)
 {
     PDEVICE_OBJECT pDevice = static_cast<PDEVICE_OBJECT>(pBody);
+    if (!g->bStopping && !pDevice->DeviceObjectExtension->bDeleted) {
+        HostBug("REFERENCE_BY_POINTER", "the last reference on a device went before IoDeleteDevice");
+    }
     if (!g->bStopping) {
         HostForgetDevice(pDevice);
         if (pDevice->DeviceExtension != nullptr) {
@@ -121,6 +124,7 @@ NTSTATUS IoCreateDevice(PDRIVER_OBJECT pDriver, ULONG ulExtension, PUNICODE_STRI
             return STATUS_SUCCESS;
         }
     }
+    pDevice->DeviceObjectExtension->bDeleted = true;
     HostDereference(pDevice);
     return STATUS_OBJECT_NAME_COLLISION;
 }
@@ -151,6 +155,7 @@ void IoDeleteDevice(PDEVICE_OBJECT pDevice)
         }
         __atomic_store_n(ppLink, pDevice->NextDevice, __ATOMIC_RELEASE);
     }
+    HostCheckNoRequests(pDevice);
     if (pDevice->DeviceExtension != nullptr) {
         HostCheckNoLiveThings(pDevice->DeviceExtension, pDevice->DeviceObjectExtension->extensionSize,
                               HostExtensionKind);

@@ -58,7 +58,7 @@ void HostRunOneDpc(HostLock& lock, PKTHREAD pSelf)
     PVOID pArgument1 = pDpc->SystemArgument1;
     PVOID pArgument2 = pDpc->SystemArgument2;
     PDRIVER_OBJECT pDriver = static_cast<PDRIVER_OBJECT>(pDpc->DpcData);
-    g->uDpcsRunning++;
+    g->DpcsRunning.push_back({pDpc, pSelf, pDriver});
     lock.unlock();
     KIRQL before = KfRaiseIrql(DISPATCH_LEVEL);
     {
@@ -71,7 +71,12 @@ void HostRunOneDpc(HostLock& lock, PKTHREAD pSelf)
     }
     SCHEDULE_POINT();
     lock.lock();
-    g->uDpcsRunning--;
+    for (size_t i = 0; i < g->DpcsRunning.size(); i++) {
+        if (g->DpcsRunning[i].pThread == pSelf) {
+            g->DpcsRunning.erase(g->DpcsRunning.begin() + static_cast<long>(i));
+            break;
+        }
+    }
     g->DpcIdle.notify_all();
 }
 
@@ -104,6 +109,7 @@ void HostDpcThread()
 BOOLEAN KeInsertQueueDpc(PRKDPC pDpc, PVOID pArgument1, PVOID pArgument2)
 {
     SCHEDULE_POINT();
+    HostCheckNotFreed(pDpc, __func__);
     bool bQueued;
     {
         HostLock lock(g->Lock);
@@ -133,7 +139,7 @@ void KeFlushQueuedDpcs()
 {
     HostEnter(__func__, PASSIVE_LEVEL);
     HostLock lock(g->Lock);
-    while ((g->bThreaded || g->bSeeded) && (!IsListEmpty(&g->DpcQueue) || g->uDpcsRunning != 0)) {
+    while ((g->bThreaded || g->bSeeded) && (!IsListEmpty(&g->DpcQueue) || !g->DpcsRunning.empty())) {
         if (g->bThreaded) {
             g->DpcIdle.wait(lock);
         } else {

@@ -12,6 +12,11 @@ struct HostDriver {
     bool bGone;
 };
 
+const HostText& HostServiceOf(PDRIVER_OBJECT pDriver)
+{
+    return CONTAINING_RECORD(pDriver, HostDriver, Object)->ServiceName;
+}
+
 static UNICODE_STRING StringOf(HostText& text)
 {
     USHORT usBytes = static_cast<USHORT>(text.size() * sizeof(WCHAR));
@@ -37,6 +42,7 @@ void HostStart(const HostOptions& options)
     g->Options = options;
     g->bThreaded = options.Mode == HostThreaded;
     InitializeListHead(&g->DpcQueue);
+    InitializeListHead(&g->Requests);
     HostSeedSchedule(g->bThreaded ? 0 : options.Seed);
     g->llStart = HostNow();
     g->pMain = HostSelf();
@@ -46,8 +52,8 @@ void HostStart(const HostOptions& options)
 
 static unsigned Audit(PDRIVER_OBJECT pDriver)
 {
-    unsigned uLeaks =
-        HostAuditNames(pDriver) + HostAuditPnp(pDriver) + HostAuditObjects(pDriver) + HostAuditPool(pDriver);
+    unsigned uLeaks = HostAuditNames(pDriver) + HostAuditPnp(pDriver) + HostAuditObjects(pDriver) +
+                      HostAuditPool(pDriver) + HostAuditRequests(pDriver);
     HostLock lock(g->Lock);
     for (const auto& due : g->Due) {
         PKTIMER pTimer = due.second.pTimer;
@@ -60,7 +66,20 @@ static unsigned Audit(PDRIVER_OBJECT pDriver)
             HostLeak(uLeaks, "work item: queued");
         }
     }
+    for (PLIST_ENTRY pEntry = g->DpcQueue.Flink; pEntry != &g->DpcQueue; pEntry = pEntry->Flink) {
+        if (CONTAINING_RECORD(pEntry, KDPC, DpcListEntry)->DpcData == pDriver) {
+            HostLeak(uLeaks, "DPC: queued");
+        }
+    }
+    for (const HostState::RunningDpc& running : g->DpcsRunning) {
+        if (running.pDriver == pDriver) {
+            HostLeak(uLeaks, "DPC: still running");
+        }
+    }
     for (PKTHREAD pThread : g->Threads) {
+        if (pDriver != nullptr && pThread->pWorkOf == pDriver) {
+            HostLeak(uLeaks, "work routine: still running");
+        }
         if (pDriver != nullptr && pThread->Name == "system thread" && pThread->pDriver == pDriver) {
             HostLeak(uLeaks, "system thread: still running");
         }
@@ -139,6 +158,7 @@ NTSTATUS HostLoadDriver(PDRIVER_INITIALIZE pEntry, const WCHAR* pServiceName, PD
     }
     *ppDriver = nullptr;
     pHost->bGone = true;
+    __atomic_or_fetch(&pDriver->Flags, HOST_DRIVER_GONE, __ATOMIC_RELAXED);
     HostSettle();
     if (Audit(pDriver) != 0) {
         HostBug("DRIVER_ENTRY_LEFT_THINGS", "DriverEntry failed with 0x%08x and left things behind",
@@ -160,6 +180,7 @@ unsigned HostUnloadDriver(PDRIVER_OBJECT pDriver)
         pDriver->DriverUnload(pDriver);
     }
     pHost->bGone = true;
+    __atomic_or_fetch(&pDriver->Flags, HOST_DRIVER_GONE, __ATOMIC_RELAXED);
     uLeaks += Audit(pDriver);
     return uLeaks;
 }

@@ -2,6 +2,7 @@
 #include "irp.h"
 
 const char HostIrpKind[] = "request";
+const char HostIrpBufferKind[] = "request buffer";
 
 HostIrp* HostIrpOf(PIRP pIrp)
 {
@@ -43,7 +44,7 @@ PIRP HostNewIrp(CCHAR stackSize)
     PKTHREAD pSelf = HostSelf();
     HostIrp* pHost = static_cast<HostIrp*>(
         HostAllocate(sizeof(HostIrp) + irpSize + steps * sizeof(HostStep), HostIrpKind, 0, pSelf->pDriver));
-    *pHost = {};
+    memset(static_cast<void*>(pHost), 0, offsetof(HostIrp, Transitions));
     pHost->ulMagic = IRP_MAGIC;
     pHost->pOwner = pSelf->pDriver;
     pHost->b32 = pSelf->b32;
@@ -51,14 +52,25 @@ PIRP HostNewIrp(CCHAR stackSize)
     pIrp->AllocationFlags = TRACKED;
     ResetIrp(pIrp, stackSize);
     pIrp->Tail.Overlay.Thread = pSelf;
+    HostNote(pHost, "made", pSelf->pDriver, static_cast<ULONG_PTR>(stackSize));
     pHost->pSteps = reinterpret_cast<HostStep*>(reinterpret_cast<UCHAR*>(pIrp) + irpSize);
     memset(pHost->pSteps, 0, steps * sizeof(HostStep));
+    HostLock lock(g->Lock);
+    InsertTailList(&g->Requests, &pHost->Link);
     return pIrp;
 }
 
 void HostDeleteIrp(HostIrp* pHost)
 {
     pHost->ulMagic = IRP_GONE;
+    if (pHost->bOnStack) { // built, never sent
+        __atomic_sub_fetch(&reinterpret_cast<PIRP>(pHost + 1)->Tail.Overlay.Thread->uOnStack, 1,
+                           __ATOMIC_RELAXED);
+    }
+    {
+        HostLock lock(g->Lock);
+        RemoveEntryList(&pHost->Link);
+    }
     HostRelease(pHost, HostIrpKind);
 }
 
@@ -133,6 +145,7 @@ BOOLEAN IoCancelIrp(PIRP pIrp)
     KIRQL irql;
     IoAcquireCancelSpinLock(&irql);
     __atomic_store_n(&pIrp->Cancel, TRUE, __ATOMIC_SEQ_CST);
+    HostNote(HostIrpOf(pIrp), "cancel asked", HostSelf()->pDriver, pIrp->CancelIrql);
     PDRIVER_CANCEL pRoutine = IoSetCancelRoutine(pIrp, nullptr);
     if (pRoutine == nullptr) {
         IoReleaseCancelSpinLock(irql);

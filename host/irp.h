@@ -12,6 +12,7 @@
 enum : ULONG_PTR { IRP_MAGIC = 0x2174736575716572, IRP_GONE = 0x656e6f672d707269 };
 enum : UCHAR { TRACKED = 0x80 };
 extern const char HostIrpKind[];
+extern const char HostIrpBufferKind[];
 
 // One dispatch call under way; lives on the stack of IofCallDriver.
 struct HostCallFrame {
@@ -23,7 +24,17 @@ struct HostCallFrame {
 struct HostStep {
     HostCallFrame* pFrame;
     bool bReturnedPending;
+    PDEVICE_OBJECT pDevice; // who was called last in this location
+    PDRIVER_OBJECT pDriver;
 };
+
+// Something that happened to a request, by whose code, with a status, a function or a level.
+struct HostTransition {
+    const char* pWhat;
+    PDRIVER_OBJECT pDriver;
+    ULONG_PTR ulValue;
+};
+enum { TRANSITIONS = 32 };
 
 struct HostIrp {
     ULONG_PTR ulMagic;
@@ -37,6 +48,10 @@ struct HostIrp {
     PKTHREAD pRequester;
     ULONG ulMethod;
     ULONG ulOutput;
+    bool bOnStack;   // its event or status block lies with the caller, who must outlive it
+    LIST_ENTRY Link; // HostState::Requests
+    unsigned uTransitions;
+    HostTransition Transitions[TRANSITIONS]; // the last ones, a ring
 };
 
 class HostStepLock
@@ -59,5 +74,7 @@ public:
 HostIrp* HostIrpOf(PIRP pIrp);                      // null for a request in a driver's own memory
 HostIrp* HostLiveIrp(PIRP pIrp, const char* pCall); // the same; stops the run if the request is gone
 PIRP HostNewIrp(CCHAR stackSize);
+void HostNote(HostIrp* pHost, const char* pWhat, PDRIVER_OBJECT pDriver, ULONG_PTR ulValue); // null: nothing
+std::string HostHistoryOf(HostIrp* pHost); // its last transitions, a line each
 void HostDeleteIrp(HostIrp* pHost);
 void HostCopyOut(PIRP pIrp, HostIrp* pHost); // the output to the requester; buffers freed

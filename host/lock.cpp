@@ -57,6 +57,8 @@ void KeLowerIrql(KIRQL irql)
 void KeInitializeSpinLock(PKSPIN_LOCK pLock)
 {
     __atomic_store_n(pLock, 0, __ATOMIC_RELEASE);
+    HostLock lock(g->Lock);
+    HostForgetLocks(pLock, sizeof(*pLock));
 }
 
 static void Take(PKTHREAD pSelf, PKSPIN_LOCK pLock, const char* pCall)
@@ -64,6 +66,10 @@ static void Take(PKTHREAD pSelf, PKSPIN_LOCK pLock, const char* pCall)
     KSPIN_LOCK self = reinterpret_cast<KSPIN_LOCK>(pSelf);
     if (__atomic_load_n(pLock, __ATOMIC_RELAXED) == self) {
         HostBug("SPIN_LOCK_ALREADY_OWNED", "%s: the thread holds this lock already", pCall);
+    }
+    if (pSelf->uHeld != 0 || !pSelf->Mutexes.empty()) {
+        HostLock lock(g->Lock);
+        HostNoteOrder(pSelf, pLock);
     }
     KSPIN_LOCK expected = 0;
     while (!__atomic_compare_exchange_n(pLock, &expected, self, true, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
@@ -82,6 +88,7 @@ static void Take(PKTHREAD pSelf, PKSPIN_LOCK pLock, const char* pCall)
         }
         expected = 0;
     }
+    pSelf->uCallsUnderLock = 0;
     pSelf->Held[pSelf->uHeld++] = pLock;
 }
 

@@ -85,6 +85,14 @@ static void Book(void* pBody, long lChange)
     if (lBalance == 0) {
         g->References.erase({pDriver, pBody});
     }
+    long lAll = 0; // what one took, another may give back
+    for (const auto& reference : g->References) {
+        lAll += reference.first.second == pBody ? reference.second : 0;
+    }
+    if (lAll < 0) {
+        HostBug("REFERENCE_BY_POINTER", "drivers gave back more references on %s %p than they took",
+                HostKindName(HostObjectOf(pBody, "a dereference")->Kind), pBody);
+    }
 }
 
 LONG_PTR ObfReferenceObject(PVOID pBody)
@@ -112,6 +120,14 @@ HANDLE HostNewHandle(void* pBody, bool bUser)
     return reinterpret_cast<HANDLE>(ulHandle);
 }
 
+// An application can close and reuse its handles at any moment: a driver takes them as UserMode handles only.
+static void CheckHandleUse(bool bUserAsKernel, const char* pCall)
+{
+    if (bUserAsKernel && HostSelf()->pDriver != nullptr) {
+        HostBug("USER_HANDLE_IN_KERNEL_MODE", "%s of an application's handle", pCall);
+    }
+}
+
 // The object behind a handle, as long as the handle stays open.
 // Lock: takes Lock. Fails: no such handle, another kind.
 void* HostFromHandle(HANDLE h, HostKind kind, NTSTATUS* pStatus)
@@ -122,6 +138,7 @@ void* HostFromHandle(HANDLE h, HostKind kind, NTSTATUS* pStatus)
         *pStatus = STATUS_INVALID_HANDLE;
         return nullptr;
     }
+    CheckHandleUse(it->second.bUser, "a system call");
     void* pBody = it->second.pBody;
     bool bRight = HostObjectOf(pBody, "a handle")->Kind == kind;
     *pStatus = bRight ? STATUS_SUCCESS : STATUS_OBJECT_TYPE_MISMATCH;
@@ -142,6 +159,7 @@ NTSTATUS ObReferenceObjectByHandle(HANDLE h, ACCESS_MASK, POBJECT_TYPE pType, KP
         if (it == g->Handles.end() || (mode == UserMode && !it->second.bUser)) {
             return STATUS_INVALID_HANDLE;
         }
+        CheckHandleUse(it->second.bUser && mode == KernelMode, __func__);
         HostObject* pObject = HostObjectOf(it->second.pBody, __func__);
         if (pType != nullptr && pObject->Kind != pType->Kind) {
             return STATUS_OBJECT_TYPE_MISMATCH;
@@ -169,6 +187,7 @@ NTSTATUS ZwClose(HANDLE h)
             }
             return STATUS_INVALID_HANDLE;
         }
+        CheckHandleUse(it->second.bUser, __func__);
         pBody = it->second.pBody;
         g->Handles.erase(it);
     }

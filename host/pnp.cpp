@@ -211,6 +211,9 @@ NTSTATUS IoSetDeviceInterfaceState(PUNICODE_STRING pLink, BOOLEAN bEnable)
 NTSTATUS IoGetDeviceInterfaces(const GUID* pClass, PDEVICE_OBJECT pDevice, ULONG ulFlags, PWSTR* ppList)
 {
     HostEnter(__func__, PASSIVE_LEVEL);
+    if (HostShouldFail("interface")) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
     HostText list;
     {
         HostLock lock(g->Lock);

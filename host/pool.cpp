@@ -32,7 +32,7 @@ const char HostExtensionKind[] = "device extension";
 static const char MdlKind[] = "MDL";
 
 enum : ULONG_PTR { LIVE = 0x6576696c6b636c62, FREED = 0x6465657266626c6b };
-enum { QUARANTINE_BLOCKS = 256 };
+enum { QUARANTINE_BLOCKS = 256, FREED_BYTE = 0xFD };
 
 static const UCHAR UNWRITTEN[4] = {0xC5, 0x3A, 0x96, 0xE1};
 
@@ -102,6 +102,12 @@ void* HostAllocate(size_t bytes, const char* pKind, ULONG ulTag, PDRIVER_OBJECT 
 static void FreeBlock(Block* pBlock)
 {
     ASAN_UNPOISON_MEMORY_REGION(pBlock->Body(), (pBlock->bytes + 15) & ~size_t(15));
+    for (size_t i = 0; pBlock->ulState == FREED && i < pBlock->bytes; i++) {
+        if (pBlock->Body()[i] != FREED_BYTE) {
+            HostBug("FREED_MEMORY_WRITTEN", "%s (%zu bytes) was written at byte %zu after it was freed",
+                    pBlock->pKind, pBlock->bytes, i);
+        }
+    }
     free(pBlock);
 }
 
@@ -140,7 +146,7 @@ void HostRelease(void* p, const char* pKind)
         }
     }
     pBlock->ulState = FREED;
-    memset(pBlock->Body(), 0xFD, pBlock->bytes);
+    memset(pBlock->Body(), FREED_BYTE, pBlock->bytes);
     ASAN_POISON_MEMORY_REGION(pBlock->Body(), pBlock->bytes);
     Quarantine.push_back(pBlock);
     if (Quarantine.size() > QUARANTINE_BLOCKS) {
@@ -157,6 +163,18 @@ bool HostIsFreed(const void* p)
     (void)p;
     return false;
 #endif
+}
+
+// A dispatcher object or DPC that somebody uses must not lie in memory that was freed.
+// IRQL: any.
+void HostCheckNotFreed(const void* pObject, const char* pCall)
+{
+    const UCHAR* p = static_cast<const UCHAR*>(pObject);
+    if (pObject != nullptr &&
+        (HostIsFreed(p) || (p[0] == FREED_BYTE && p[1] == FREED_BYTE && p[2] == FREED_BYTE))) {
+        HostBug("DISPATCHER_OBJECT_IN_FREED_MEMORY", "%s: the object at %p lies in freed memory", pCall,
+                pObject);
+    }
 }
 
 static bool Within(const void* pThing, const void* p, size_t bytes)
@@ -183,6 +201,14 @@ void HostCheckNoLiveThings(const void* p, size_t bytes, const char* pWhat)
             HostBug("TIMER_OR_DPC_IN_FREED_MEMORY", "%s is freed while a DPC in it is queued", pWhat);
         }
     }
+    PKTHREAD pSelf = HostSelf();
+    for (const HostState::RunningDpc& running : g->DpcsRunning) {
+        if (running.pThread != pSelf && Within(running.pDpc, p, bytes)) {
+            HostBug("TIMER_OR_DPC_IN_FREED_MEMORY", "%s is freed while a DPC in it runs on another processor",
+                    pWhat);
+        }
+    }
+    HostForgetLocks(p, bytes);
     for (PKTHREAD pThread : g->Threads) {
         for (ULONG i = 0; i < pThread->ulBlocks; i++) {
             if (Within(pThread->pBlocks[i].Object, p, bytes)) {
@@ -218,8 +244,8 @@ unsigned HostAuditPool(PDRIVER_OBJECT pDriver)
     std::lock_guard<std::mutex> lock(PoolLock);
     for (PLIST_ENTRY pEntry = Blocks.Flink; pEntry != &Blocks; pEntry = pEntry->Flink) {
         Block* pBlock = CONTAINING_RECORD(pEntry, Block, Link);
-        bool bTold =
-            pBlock->pKind == HostObjectKind || pBlock->pKind == HostExtensionKind; // by its own ledger
+        bool bTold = pBlock->pKind == HostObjectKind || pBlock->pKind == HostExtensionKind ||
+                     pBlock->pKind == HostIrpKind; // by its own ledger
         if (pBlock->pOwner == pDriver && !bTold) {
             char tag[5] = {};
             memcpy(tag, &pBlock->ulTag, 4);

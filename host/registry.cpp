@@ -148,6 +148,9 @@ NTSTATUS ZwSetValueKey(HANDLE h, PUNICODE_STRING pName, ULONG, ULONG ulType, PVO
 NTSTATUS ZwDeleteValueKey(HANDLE h, PUNICODE_STRING pName)
 {
     HostEnter(__func__, PASSIVE_LEVEL);
+    if (HostShouldFail("value")) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
     NTSTATUS status;
     HostKey* pKey = KeyOf(h, &status);
     if (pKey == nullptr) {

@@ -15,6 +15,8 @@ PIRP IoBuildDeviceIoControlRequest(ULONG ulCode, PDEVICE_OBJECT pDevice, PVOID p
     pHost->bSystem = true;
     pHost->ulMethod = METHOD_FROM_CTL_CODE(ulCode);
     pHost->ulOutput = ulOutput;
+    pHost->bOnStack = pStatus != nullptr || pEvent != nullptr;
+    __atomic_add_fetch(&HostSelf()->uOnStack, pHost->bOnStack, __ATOMIC_RELAXED);
     pIrp->UserIosb = pStatus;
     pIrp->UserEvent = pEvent;
     pIrp->UserBuffer = pOutput;
@@ -30,7 +32,7 @@ PIRP IoBuildDeviceIoControlRequest(ULONG ulCode, PDEVICE_OBJECT pDevice, PVOID p
     bool bBuffered = pHost->ulMethod == METHOD_BUFFERED;
     ULONG ulBuffer = bBuffered && ulOutput > ulInput ? ulOutput : ulInput;
     if (ulBuffer != 0) {
-        pIrp->AssociatedIrp.SystemBuffer = HostAllocate(ulBuffer, HostIrpKind, 0, nullptr);
+        pIrp->AssociatedIrp.SystemBuffer = HostAllocate(ulBuffer, HostIrpBufferKind, 0, nullptr);
         if (ulInput != 0) {
             memcpy(pIrp->AssociatedIrp.SystemBuffer, pInput, ulInput);
         }

@@ -229,7 +229,7 @@ void HostBlock(HostLock& lock, PKTHREAD pSelf)
 
 static void Quiet(HostLock& lock)
 {
-    while (!IsListEmpty(&g->DpcQueue) || g->uDpcsRunning != 0 || !g->WorkQueue.empty() ||
+    while (!IsListEmpty(&g->DpcQueue) || !g->DpcsRunning.empty() || !g->WorkQueue.empty() ||
            g->uBusyWorkers != 0) {
         lock.unlock();
         usleep(200);

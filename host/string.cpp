@@ -276,5 +276,6 @@ void ExSystemTimeToLocalTime(PLARGE_INTEGER pSystem, PLARGE_INTEGER pLocal)
 PVOID MmGetSystemRoutineAddress(PUNICODE_STRING)
 {
     HostEnter(__func__, PASSIVE_LEVEL);
+    HostShouldFail("routine");
     return nullptr; // optional services: none
 }

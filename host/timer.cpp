@@ -128,6 +128,7 @@ void KeInitializeTimerEx(PKTIMER pTimer, TIMER_TYPE type)
 static void CheckTimer(PKTIMER pTimer, const char* pCall)
 {
     HostEnter(pCall, DISPATCH_LEVEL);
+    HostCheckNotFreed(pTimer, pCall);
     if (pTimer->Header.Size == 0) {
         HostBug("DISPATCHER_OBJECT_NOT_INITIALISED", "%s on a timer that was never initialised", pCall);
     }

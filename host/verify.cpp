@@ -9,11 +9,13 @@
 
 HostState* g;
 
+enum : unsigned { MOST_CALLS_UNDER_LOCK = 1000 };
+
 // Prints the rule's code and what broke it, then aborts.
 // IRQL: any.
 void HostBug(const char* pCode, const char* pFormat, ...)
 {
-    char text[1024];
+    char text[8192];
     va_list arguments;
     va_start(arguments, pFormat);
     vsnprintf(text, sizeof(text), pFormat, arguments);
@@ -45,19 +47,39 @@ void HostLeak(unsigned& uCount, const char* pFormat, ...)
 // IRQL: any. Lock: takes Lock.
 bool HostShouldFail(const char* pKind)
 {
+    PDRIVER_OBJECT pDriver = HostSelf()->pDriver;
     HostLock lock(g->Lock);
+    if (!g->FailIn.empty() && (pDriver == nullptr || HostServiceOf(pDriver) != g->FailIn)) {
+        return false;
+    }
+    g->FallibleByKind[pKind]++;
     if (!g->FailKind.empty() && g->FailKind != pKind) {
         return false;
     }
-    return ++g->uFallible == g->uFailNth;
+    g->uFallible++;
+    return g->bFailOn ? g->uFailNth != 0 && g->uFallible >= g->uFailNth : g->uFallible == g->uFailNth;
 }
 
-void HostFailNth(const char* pWhat, unsigned ulNth)
+void HostFailNth(const char* pWhat, unsigned ulNth, bool bFromThenOn)
 {
     HostLock lock(g->Lock);
     g->FailKind = pWhat == nullptr ? "" : pWhat;
     g->uFailNth = ulNth;
+    g->bFailOn = bFromThenOn;
     g->uFallible = 0;
+    g->FallibleByKind.clear();
+}
+
+void HostFailOnlyIn(const WCHAR* pServiceName)
+{
+    HostLock lock(g->Lock);
+    g->FailIn = pServiceName == nullptr ? HostText() : HostTextOf(pServiceName);
+}
+
+std::map<std::string, unsigned> HostFallibleByKind()
+{
+    HostLock lock(g->Lock);
+    return g->FallibleByKind;
 }
 
 unsigned HostFallibleCalls()
@@ -74,6 +96,10 @@ void HostCheckIrqlAtMost(const char* pRoutine, KIRQL highest)
     if (pSelf->Irql > highest) {
         HostBug("IRQL_NOT_LESS_OR_EQUAL", "%s called at IRQL %u, at most %u is allowed", pRoutine,
                 pSelf->Irql, highest);
+    }
+    if (pSelf->uHeld != 0 && ++pSelf->uCallsUnderLock > MOST_CALLS_UNDER_LOCK) {
+        HostBug("SPIN_LOCK_HELD_TOO_LONG", "%s: more than %u kernel calls under one spin lock", pRoutine,
+                MOST_CALLS_UNDER_LOCK);
     }
 }
 
@@ -95,12 +121,19 @@ void HostCheckIrqlIs(const char* pRoutine, KIRQL level)
 HostDriverScope::HostDriverScope(PDRIVER_OBJECT pDriver, const char* pWhat)
     : pThread(HostSelf()), pBefore(pThread->pDriver), pWhat(pWhat), Irql(pThread->Irql), uHeld(pThread->uHeld)
 {
+    if (pDriver != nullptr && (__atomic_load_n(&pDriver->Flags, __ATOMIC_RELAXED) & HOST_DRIVER_GONE)) {
+        HostBug("DRIVER_UNLOADED_WITHOUT_CANCELLING_PENDING_OPERATIONS", "%s of %s runs after its unload",
+                pWhat, HostUtf8(HostServiceOf(pDriver)).c_str());
+    }
     pThread->pDriver = pDriver;
 }
 
 HostDriverScope::~HostDriverScope()
 {
     pThread->pDriver = pBefore;
+    if (__atomic_load_n(&pThread->uOnStack, __ATOMIC_RELAXED) != 0) {
+        HostCheckNoStackObjects(pThread, this);
+    }
     if (pThread->uHeld != uHeld) {
         HostBug("SPIN_LOCK_HELD_ON_RETURN", "%s returned with %u spin locks held, entered with %u", pWhat,
                 pThread->uHeld, uHeld);

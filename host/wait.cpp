@@ -5,6 +5,8 @@
 // thread has its objects already.
 #include "core.h"
 
+#include <algorithm>
+
 enum : UCHAR {
     NOTIFICATION_EVENT = 0,
     SYNCHRONIZATION_EVENT = 1,
@@ -27,6 +29,7 @@ void HostInitHeader(DISPATCHER_HEADER* pHeader, UCHAR ucType, size_t size, LONG 
 static DISPATCHER_HEADER* HeaderOf(PVOID pObject, const char* pCall)
 {
     DISPATCHER_HEADER* pHeader = static_cast<DISPATCHER_HEADER*>(pObject);
+    HostCheckNotFreed(pHeader, pCall);
     if (pHeader == nullptr || pHeader->Size == 0) {
         HostBug("DISPATCHER_OBJECT_NOT_INITIALISED", "%s on an object that was never initialised", pCall);
     }
@@ -49,6 +52,9 @@ static void TakeObject(PKTHREAD pThread, DISPATCHER_HEADER* pHeader)
     if (pHeader->Type == SYNCHRONIZATION_EVENT || pHeader->Type == SYNCHRONIZATION_TIMER) {
         pHeader->SignalState = 0;
     } else if (pHeader->Type == MUTANT) {
+        if (!Owns(pThread, pHeader)) {
+            pThread->Mutexes.push_back(pHeader);
+        }
         pHeader->SignalState--;
         reinterpret_cast<PKMUTANT>(pHeader)->OwnerThread = pThread;
     }
@@ -162,7 +168,10 @@ NTSTATUS HostWait(PVOID* ppObjects, ULONG ulCount, WAIT_TYPE type, KPROCESSOR_MO
     CheckWaitAllowed(pSelf, pTimeout, pCall);
     HostLock lock(g->Lock);
     for (ULONG i = 0; i < ulCount; i++) {
-        HeaderOf(ppObjects[i], pCall);
+        DISPATCHER_HEADER* pHeader = HeaderOf(ppObjects[i], pCall);
+        if (pHeader->Type == MUTANT && !Owns(pSelf, pHeader)) {
+            HostNoteOrder(pSelf, pHeader);
+        }
     }
     if (ulCount != 0) {
         NTSTATUS status = TryTake(pSelf, ppObjects, nullptr, ulCount, type);
@@ -275,6 +284,10 @@ void KeInitializeMutex(PRKMUTEX pMutex, ULONG)
 {
     HostInitHeader(&pMutex->Header, MUTANT, sizeof(KMUTANT), 1);
     InitializeListHead(&pMutex->MutantListEntry);
+    {
+        HostLock lock(g->Lock);
+        HostForgetLocks(pMutex, sizeof(*pMutex));
+    }
     pMutex->OwnerThread = nullptr;
     pMutex->Abandoned = FALSE;
     pMutex->ApcDisable = 1;
@@ -292,6 +305,7 @@ LONG KeReleaseMutex(PRKMUTEX pMutex, BOOLEAN)
     LONG lBefore = pHeader->SignalState++;
     if (pHeader->SignalState == 1) {
         pMutex->OwnerThread = nullptr;
+        pSelf->Mutexes.erase(std::find(pSelf->Mutexes.begin(), pSelf->Mutexes.end(), pHeader));
         HostSignal(pHeader);
     }
     return lBefore;

@@ -28,6 +28,7 @@ static void Worker()
         HostState::Work work = std::move(g->WorkQueue.front());
         g->WorkQueue.pop_front();
         g->uBusyWorkers++;
+        pSelf->pWorkOf = work.pOwner;
         lock.unlock();
         {
             HostDriverScope scope(work.pOwner, "a work routine");
@@ -35,6 +36,7 @@ static void Worker()
         }
         work.Run = nullptr;
         lock.lock();
+        pSelf->pWorkOf = nullptr;
         g->uBusyWorkers--;
     }
 }

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <string>
 
 #include "kernel.h"
@@ -82,10 +83,15 @@ void HostJoinThread(HostThread t);
 void HostEndThreadWaits(HostThread t);
 
 // The Nth fallible call from now on fails (of the kind pWhat: "pool", "irp", "device", ...; nullptr: any); 0:
-// none.
-void HostFailNth(const char* pWhat, unsigned ulNth);
-// How many calls could have failed since HostFailNth was called last.
+// none. With bFromThenOn all that follow it fail too. Kinds: pool, mdl, map, irp, lower (a request that one
+// driver sends to another), workitem, thread, handle, device, attach, link, security, open, interface,
+// notification, property, routine, wdm, key, value, file, read, write, fileinfo.
+void HostFailNth(const char* pWhat, unsigned ulNth, bool bFromThenOn = false);
+// Only calls made by this driver's code are counted and fail; nullptr: everybody's.
+void HostFailOnlyIn(const WCHAR* pServiceName);
+// How many calls could have failed since HostFailNth was called last; of each kind, whatever its pWhat.
 unsigned HostFallibleCalls();
+std::map<std::string, unsigned> HostFallibleByKind();
 
 // The registry as .reg text.
 std::string HostRegistryText();

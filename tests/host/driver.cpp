@@ -78,7 +78,13 @@ unsigned SmallSystem::End()
     hooks.Dispatch = nullptr;
     HostClose(File);
     unsigned uLeaks = HostUnloadDriver(pDriver);
-    uLeaks += HostStop();
+    return uLeaks + Stop();
+}
+
+unsigned SmallSystem::Stop()
+{
+    bEnded = true;
+    unsigned uLeaks = HostStop();
     hooks = {};
     return uLeaks;
 }

@@ -39,6 +39,8 @@ public:
     ~SmallSystem();
     // Unloads and stops; the number of things left behind.
     unsigned End();
+    // The same without close and unload.
+    unsigned Stop();
     NTSTATUS Control(const void* pIn = nullptr, ULONG ulIn = 0, void* pOut = nullptr, ULONG ulOut = 0);
     SmallExtension* Extension() { return static_cast<SmallExtension*>(pDevice->DeviceExtension); }
 

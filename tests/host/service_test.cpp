@@ -424,26 +424,3 @@ TEST(Text, TimeFieldsRoundTrip)
         EXPECT_EQ(0, memcmp(&fields, &back, sizeof(back))) << fields.Year;
     }
 }
-
-// --- failing the nth call
-
-TEST(Faults, EveryFallibleCallOfALoadFailsOnceAndNothingIsLeft)
-{
-    for (unsigned uNth = 1;; uNth++) {
-        hooks = {};
-        HostStart({});
-        HostFailNth(nullptr, uNth);
-        PDRIVER_OBJECT pDriver;
-        NTSTATUS status = HostLoadDriver(SmallEntry, L"Small", &pDriver);
-        bool bHappened = HostFallibleCalls() >= uNth;
-        EXPECT_EQ(bHappened, !NT_SUCCESS(status)) << uNth;
-        if (NT_SUCCESS(status)) {
-            EXPECT_EQ(0u, HostUnloadDriver(pDriver));
-        }
-        EXPECT_EQ(0u, HostStop());
-        if (!bHappened) {
-            EXPECT_EQ(3u, uNth) << "a device and a link can fail";
-            return;
-        }
-    }
-}

@@ -400,8 +400,11 @@ FORCEINLINE void IoCopyCurrentIrpStackLocationToNext(PIRP pIrp)
     pNext->Control = 0;
 }
 
+void HostNotePending(PIRP pIrp);
+
 FORCEINLINE void IoMarkIrpPending(PIRP pIrp)
 {
+    HostNotePending(pIrp);
     IoGetCurrentIrpStackLocation(pIrp)->Control |= SL_PENDING_RETURNED;
 }
 

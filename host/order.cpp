@@ -1,0 +1,54 @@
+// order.cpp - the order in which locks are taken: spin locks, leaves under them, mutexes.
+//
+// For each lock it is kept which others were taken while it was held. Two that were ever taken in both orders
+// can lock each other out, whether or not it happens in this run. A lock's memory that goes is forgotten.
+#include "core.h"
+
+static bool Leads(const void* pFrom, const void* pTo, unsigned uDepth)
+{
+    auto it = g->LockOrder.find(pFrom);
+    if (it == g->LockOrder.end() || uDepth == 0) {
+        return false;
+    }
+    for (const void* pNext : it->second) {
+        if (pNext == pTo || Leads(pNext, pTo, uDepth - 1)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+static void NoteOne(const void* pHeld, const void* pTaken)
+{
+    if (pHeld == pTaken || !g->LockOrder[pHeld].insert(pTaken).second) {
+        return;
+    }
+    if (Leads(pTaken, pHeld, 16)) {
+        HostBug("LOCK_ORDER", "lock %p is taken under %p; before, it was the other way round", pTaken, pHeld);
+    }
+}
+
+// The thread takes a lock, or waits for a mutex.
+// Lock: held.
+void HostNoteOrder(PKTHREAD pSelf, const void* pTaken)
+{
+    for (unsigned i = 0; i < pSelf->uHeld; i++) {
+        NoteOne(pSelf->Held[i], pTaken);
+    }
+    for (const void* pMutex : pSelf->Mutexes) {
+        NoteOne(pMutex, pTaken);
+    }
+}
+
+// Lock: held.
+void HostForgetLocks(const void* p, size_t bytes)
+{
+    if (g->LockOrder.empty()) {
+        return;
+    }
+    const void* pEnd = static_cast<const UCHAR*>(p) + bytes;
+    g->LockOrder.erase(g->LockOrder.lower_bound(p), g->LockOrder.lower_bound(pEnd));
+    for (auto& order : g->LockOrder) {
+        order.second.erase(order.second.lower_bound(p), order.second.lower_bound(pEnd));
+    }
+}
