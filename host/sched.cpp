@@ -11,7 +11,7 @@
 // With a seed, chance takes the place of the queue's order. At every kernel call and shared access others
 // may run first, at any level: that is what several processors look like. A thread at DISPATCH_LEVEL keeps
 // its processor; when all are taken, only such threads go on. DPCs run on two threads of their own, and now and then the clock moves to the next timer although somebody could run.
-#include "core.h"
+#include "irp.h"
 
 #include <chrono>
 #include <unistd.h>
@@ -34,6 +34,7 @@ void HostWake(PKTHREAD pThread)
     for (PKTHREAD pThread : g->Threads) {
         if (pThread->bWaiting && pThread->ulBlocks != 0) {
             who += "\n  thread '" + pThread->Name + "' waits for " + HostDescribeWait(pThread);
+            who += pThread->pRequest == nullptr ? "" : HostHistoryOf(HostIrpOf(pThread->pRequest));
         }
     }
     HostBug("WAIT_NEVER_ENDS", "nothing that can still happen ends a wait%s", who.c_str());

@@ -43,6 +43,7 @@ EmuMachine::EmuMachine(const EmuMachineOptions& options)
 {
     HostOptions host;
     host.Mode = options.Mode;
+    host.Seed = options.Seed;
     host.RegistryText = RegistryText(options);
     host.FileRoot = options.FileRoot;
     HostStart(host);

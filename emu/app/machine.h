@@ -64,6 +64,7 @@ struct EmuPlugOptions {
 struct EmuMachineOptions {
     PDRIVER_INITIALIZE Entry = nullptr; // the driver's entry
     HostMode Mode = HostSimulated;
+    unsigned long long Seed = 0; // simulated: what chooses who runs next; 0: nobody comes between
     std::map<std::string, EmuSetting>
         Settings;                     // values of the parameters key, absent = absent in the registry
     std::string RegistryText;         // more registry content, as .reg text with its head line or ""

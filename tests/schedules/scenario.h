@@ -1,0 +1,18 @@
+// scenario.h - one busy minute at a machine, lived through in the order that a seed chooses.
+//
+// Two keyboards, two applications as threads of their own, hotkeys, macros, definitions that come and go, a
+// keyboard that is pulled out in the middle and another that is plugged in. The seed also chooses pauses and
+// keys. The same seed gives the same life.
+#pragma once
+
+#include <string>
+
+struct ScheduleOutcome {
+    std::string Wrong;            // what did not hold; empty: all did
+    unsigned long long ullDigest; // of every choice and of every report that the system above received
+    unsigned uReceived;           // reports
+};
+
+// `folder` holds the macro file and what the driver logs.
+ScheduleOutcome LiveThroughSchedule(unsigned long long ullSeed, const std::string& folder);
+void WriteMacroFile(const std::string& path);
