@@ -1,0 +1,281 @@
+// reports_test.cpp - the report kinds where a story cannot look: lengths that no keyboard sends, what is
+// remembered and dumped of them, and repeats that two processors fight about.
+#include "bench_keyboard.h"
+
+#include <functional>
+
+#include "hotkeys/hotkeys.h"
+#include "log/log.h"
+#include "report/report.h"
+
+namespace
+{
+using Handler = std::function<NTSTATUS(ULONG, PUCHAR)>;
+
+// The report in a buffer of exactly its length, so that a byte too many is caught.
+NTSTATUS Handle(const Handler& handler, EmuBytes& report)
+{
+    auto pBuf = std::make_unique<UCHAR[]>(report.size());
+    std::copy(report.begin(), report.end(), pBuf.get());
+    NTSTATUS status = handler(static_cast<ULONG>(report.size()), pBuf.get());
+    std::copy(pBuf.get(), pBuf.get() + report.size(), report.begin());
+    return status;
+}
+
+size_t CountOf(const std::string& text, const std::string& what)
+{
+    size_t count = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
+        count++;
+    }
+    return count;
+}
+} // namespace
+
+class Reports : public KeyboardTest
+{
+protected:
+    void SetUp() override {}
+
+    void Begin(const EmuDescriptors& kind) { Start(kind, {}); }
+    void Define(uint32_t ulId, uint32_t ulType, uint32_t ulSwallow, std::initializer_list<uint8_t> scans = {})
+    {
+        KeyDefinition definition = Hotkey(ulId, 0, scans);
+        definition.ulType = ulType;
+        definition.ulSwallow = ulSwallow;
+        ASSERT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_SUCCESS);
+    }
+    NTSTATUS Pos(EmuBytes report)
+    {
+        return Handle([&](ULONG ulLen, PUCHAR pBuf) { return HandleOPOSPacket(Filter(), ulLen, pBuf); },
+                      report);
+    }
+    std::string Events()
+    {
+        std::string text;
+        for (const NotifyRecord& record : Application->TakeRecords(Keyboard->Index())) {
+            char hex[16];
+            snprintf(hex, sizeof(hex), "%02X ", static_cast<unsigned>(record.ulValue));
+            text += hex;
+        }
+        return text;
+    }
+};
+
+// A hotkey that the report holds is cut out of reports of a sound length alone.
+TEST_F(Reports, ExtendedReportsHaveTheirLengths)
+{
+    struct Road {
+        const char* pszName;
+        NTSTATUS (*pHandler)(PDEVICE_OBJECT, ULONG, PUCHAR);
+        uint8_t ucScan;   // the hotkey's, behind E0
+        EmuBytes Held;    // the report that holds it, continued by 0x55
+        EmuBytes Without; // the same without it
+        ULONG ulFrom, ulTo;
+    } roads[] = {
+        {"keys", DiagJaalaaPacket, 0x19, {0xA1, 0, 0, 0x55}, {0xA0, 0, 0, 0x55}, 4, 8},
+        {"power", DiagJaalaaPacketPower, 0x5F, {1, 2}, {1, 0}, 2, 2},
+        {"Jaalaa", DiagUSBPacket, 0x19, {2, 0xA1, 0, 0, 0x55}, {2, 0xA0, 0, 0, 0x55}, 5, 9},
+    };
+    Begin(EmuJaalaaKeyboard);
+    for (const Road& road : roads) {
+        Define(7, 1, 0, {0xE0, road.ucScan});
+        for (ULONG ulLen = 0; ulLen <= 12; ulLen++) {
+            SCOPED_TRACE(std::string(road.pszName) + " " + std::to_string(ulLen));
+            EmuBytes held = road.Held, without = road.Without;
+            held.resize(ulLen, 0x55);
+            without.resize(ulLen, 0x55);
+            EmuBytes report = held;
+            bool bSound = ulLen >= road.ulFrom && ulLen <= road.ulTo;
+            NTSTATUS status = Handle(
+                [&](ULONG ulBytes, PUCHAR pBuf) { return road.pHandler(Filter(), ulBytes, pBuf); }, report);
+            EXPECT_EQ(status, bSound ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL);
+            EXPECT_EQ(report, bSound ? without : held);
+        }
+        FreeKeyDefinitions(Filter());
+    }
+}
+
+TEST_F(Reports, ChicKeyReportsHaveThreeKeyBytes)
+{
+    Begin(EmuChicKeyboard);
+    Define(7, 1, 0, {0xE0, 0x32});
+    for (ULONG ulLen = 1; ulLen <= 9; ulLen++) {
+        SCOPED_TRACE(ulLen);
+        EmuBytes report = {3, 0, 0, 0x44, 0xFF};
+        report.resize(ulLen, 0x55);
+        EmuBytes wanted = report;
+        if (ulLen >= 4) {
+            wanted[3] = 0x40; // what follows is no key area
+        }
+        NTSTATUS status = Handle(
+            [&](ULONG ulBytes, PUCHAR pBuf) { return DiagUSBPacket(Filter(), ulBytes, pBuf); }, report);
+        EXPECT_EQ(status, ulLen >= 4 ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL);
+        EXPECT_EQ(report, wanted);
+    }
+}
+
+TEST_F(Reports, ThePowerReportIsRememberedAsSent)
+{
+    Begin(EmuPowerKeyboard);
+    Define(7, 1, 1, {0xE0, 0x30});
+    EmuBytes report = {0xE9, 0xB5};
+    Handle([&](ULONG ulLen, PUCHAR pBuf) { return DiagPowerPacket(Filter(), ulLen, pBuf); }, report);
+    EXPECT_EQ(EmuBytes(Context()->ucOldPowerPacket, Context()->ucOldPowerPacket + 2), (EmuBytes{0xE9, 0xB5}));
+    for (ULONG ulLen : {0u, 1u, 3u, 8u}) {
+        EmuBytes other(ulLen, 0x11);
+        EXPECT_EQ(Handle([&](ULONG ulBytes, PUCHAR pBuf) { return DiagPowerPacket(Filter(), ulBytes, pBuf); },
+                         other),
+                  STATUS_UNSUCCESSFUL);
+        EXPECT_EQ(other, EmuBytes(ulLen, 0x11));
+    }
+    EXPECT_EQ(Context()->ucOldPowerPacket[0], 0xE9);
+}
+
+// Whatever its length, a point-of-sale report is remembered up to eight bytes; the bytes behind a shorter one
+// stay.
+TEST_F(Reports, PointOfSaleRemembersEightBytes)
+{
+    Begin(EmuBootKeyboard);
+    Define(5, 5, 1);
+    for (ULONG ulLen = 1; ulLen <= 64; ulLen++) {
+        SCOPED_TRACE(ulLen);
+        UCHAR ucWanted[8];
+        memset(ucWanted, 0xEE, sizeof(ucWanted));
+        memcpy(Context()->ucOldOPOSPacket, ucWanted, sizeof(ucWanted));
+        EmuBytes report(ulLen);
+        for (ULONG i = 0; i < ulLen; i++) {
+            report[i] = static_cast<UCHAR>(0x70 + i);
+        }
+        memcpy(ucWanted, report.data(), std::min<size_t>(ulLen, sizeof(ucWanted)));
+        EmuBytes handled = report;
+        EXPECT_EQ(
+            Handle([&](ULONG ulBytes, PUCHAR pBuf) { return HandleOPOSPacket(Filter(), ulBytes, pBuf); },
+                   handled),
+            STATUS_SUCCESS);
+        EXPECT_EQ(memcmp(Context()->ucOldOPOSPacket, ucWanted, sizeof(ucWanted)), 0);
+        bool bCarriesKeys = ulLen == 8 || ulLen == 3 || ulLen == 2;
+        EXPECT_EQ(handled == report, !bCarriesKeys);
+        EXPECT_EQ(Events().empty(), !bCarriesKeys || ulLen == 2 || ulLen == 3); // 0x7271 is no usage
+    }
+}
+
+// The look-up of a consumer usage is as wide as the report says, which of both pages it meets follows.
+TEST_F(Reports, ConsumerUsagesAreLookedUpByWidth)
+{
+    struct {
+        EmuBytes report;
+        const char* pszEvents;
+    } cases[] = {
+        {{1, 0xE9, 0x00}, "E0 30 "}, {{1, 0xB5, 0x00}, "E0 19 "}, // its key row is reserved
+        {{1, 0xE2, 0x00}, "38 "},                                 // Left Alt comes before Mute
+        {{1, 0x04, 0x00}, "1E "},    {{1, 0x83, 0x01}, "E0 6D "}, {{1, 0x52, 0x01}, ""},
+        {{1, 0x00, 0x02}, ""},       {{0x83, 0x01}, "E0 6D "},    {{0xE9, 0x00}, ""},
+        {{0xB5, 0x00}, ""},          {{0x00, 0x02}, ""},
+    };
+    Begin(EmuConsumerKeyboard);
+    for (const auto& row : cases) {
+        Define(5, 5, 0); // nothing was pressed before
+        Pos(row.report);
+        EXPECT_EQ(Events(), row.pszEvents) << std::hex << row.report[0] << " " << row.report[1];
+        FreeKeyDefinitions(Filter());
+    }
+}
+
+TEST_F(Reports, OnlyTheSwallowByteOfOneSwallows)
+{
+    Begin(EmuBootKeyboard);
+    for (uint32_t ulSwallow : {0u, 1u, 2u, 0x101u, 0x100u}) {
+        SCOPED_TRACE(ulSwallow);
+        Define(5, 5, ulSwallow);
+        EmuBytes report = {2, 0, 4, 5, 0, 6, 0, 0}; // the keys end at the first gap
+        Handle([&](ULONG ulLen, PUCHAR pBuf) { return HandleOPOSPacket(Filter(), ulLen, pBuf); }, report);
+        bool bSwallowed = static_cast<UCHAR>(ulSwallow) == 1;
+        EXPECT_EQ(report,
+                  bSwallowed ? (EmuBytes{0, 0, 0, 0, 0, 6, 0, 0}) : (EmuBytes{2, 0, 4, 5, 0, 6, 0, 0}));
+        EXPECT_EQ(Events(), "2A 1E 30 ");
+        FreeKeyDefinitions(Filter());
+    }
+}
+
+TEST_F(Reports, EveryScanCodeByteIsSent)
+{
+    struct {
+        ULONG ulScanCode;
+        UCHAR ucBreak, ucHasBreak;
+        const char* pszEvents;
+    } cases[] = {
+        {0x1E, 0, 1, "1E "},
+        {0x1E, 1, 1, "9E "},
+        {0x1E, 1, 0, ""},
+        {0xE02AE037, 0, 1, "E0 2A E0 37 "},
+        {0xE02AE037, 1, 1, "E0 AA E0 B7 "},
+        {0xE11D45, 0, 0, "E1 1D 45 E1 9D C5 "},
+        {0xE11D45, 1, 0, ""},
+        {0xE000, 0, 1, "E0 "}, // an empty byte is no event
+    };
+    Begin(EmuBootKeyboard);
+    for (const auto& row : cases) {
+        EXPECT_EQ(SendOPOSScanCode(Filter(), row.ulScanCode, row.ucBreak, row.ucHasBreak, 1, nullptr),
+                  STATUS_SUCCESS);
+        auto records = Application->TakeRecords(Keyboard->Index());
+        std::string text;
+        for (const NotifyRecord& record : records) {
+            EXPECT_EQ(record.ulId, 0u); // without a definition
+            EXPECT_EQ(record.ucSource, NOTIFY_SOURCE_REPORT);
+            char hex[16];
+            snprintf(hex, sizeof(hex), "%02X ", static_cast<unsigned>(record.ulValue));
+            text += hex;
+        }
+        EXPECT_EQ(text, row.pszEvents) << std::hex << row.ulScanCode;
+    }
+}
+
+TEST_F(Reports, DumpsEndWhereTheBytesEnd)
+{
+    Begin(EmuBootKeyboard);
+    std::vector<char> buffer(LOG_BUFFER_BYTES);
+    WCHAR name[2] = L"f";
+    Settings.LogFileName = {2, 4, name};
+    Settings.ulLogLevel = LOG_TRAFFIC;
+    Globals.pLogBuffer = buffer.data();
+    memset(Context()->ucOldOPOSPacket, 0xA7, 8);
+    Pos(EmuBytes(24, 0xB3));
+    EmuBytes empty;
+    Handle([&](ULONG ulLen, PUCHAR pBuf) { return DiagJaalaaPacket(Filter(), ulLen, pBuf); }, empty);
+    std::string text = buffer.data();
+    Globals.pLogBuffer = nullptr;
+    Settings.LogFileName = {};
+    Settings.ulLogLevel = 0;
+    EXPECT_EQ(CountOf(text, "A7"), 8u) << text;
+    EXPECT_EQ(CountOf(text, "B3"), 48u) << text;
+    EXPECT_EQ(CountOf(text, "(HandleOPOSPacket) old packet:"), 1u) << text;
+    EXPECT_EQ(CountOf(text, "(DiagJaalaaPacket) new packet:"), 1u) << text;
+}
+
+// A callback that was under way on another processor while a report ended its repeat and started the next.
+TEST_F(Reports, ALateCallbackArmsNothing)
+{
+    Begin(EmuBootKeyboard);
+    Define(5, 5, 0);
+    unsigned long long ullNext;
+    Pos({0, 0, 4, 0, 0, 0, 0, 0});
+    HostAdvanceToUs(HostNowUs() + 100000);
+    Pos({0, 0, 4, 5, 0, 0, 0, 0});
+    const unsigned long long ullDue = HostNowUs() + 500000;
+    Events();
+    for (auto pCallback : {TypematicDelayCallback, TypematicRepeatCallback}) {
+        pCallback(nullptr, Filter(), nullptr, nullptr);
+        ASSERT_TRUE(HostNextTimerUs(&ullNext));
+        EXPECT_EQ(ullNext, ullDue); // the delay of the new repeat, and no other timer
+    }
+    EXPECT_EQ(Events(), "");
+    HostAdvanceToUs(ullDue + 67000);
+    EXPECT_EQ(Events(), "30 ");
+    Pos({0, 0, 4, 5, 0, 0, 0, 0});
+    for (auto pCallback : {TypematicDelayCallback, TypematicRepeatCallback}) {
+        pCallback(nullptr, Filter(), nullptr, nullptr);
+    }
+    EXPECT_FALSE(HostNextTimerUs(&ullNext)); // keys that stay held do not repeat again
+    EXPECT_EQ(Events(), "");
+}
