@@ -91,6 +91,7 @@ TEST_F(Reports, ExtendedReportsHaveTheirLengths)
                 [&](ULONG ulBytes, PUCHAR pBuf) { return road.pHandler(Filter(), ulBytes, pBuf); }, report);
             EXPECT_EQ(status, bSound ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL);
             EXPECT_EQ(report, bSound ? without : held);
+            WriteShared(Globals.ulModifierFlags, 0u); // eight bytes count as a standard report there
         }
         FreeKeyDefinitions(Filter());
     }
@@ -112,6 +113,7 @@ TEST_F(Reports, ChicKeyReportsHaveThreeKeyBytes)
             [&](ULONG ulBytes, PUCHAR pBuf) { return DiagUSBPacket(Filter(), ulBytes, pBuf); }, report);
         EXPECT_EQ(status, ulLen >= 4 ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL);
         EXPECT_EQ(report, wanted);
+        WriteShared(Globals.ulModifierFlags, 0u); // as above
     }
 }
 
@@ -235,6 +237,9 @@ TEST_F(Reports, DumpsEndWhereTheBytesEnd)
 {
     Begin(EmuBootKeyboard);
     std::vector<char> buffer(LOG_BUFFER_BYTES);
+    char* pKeptBuffer = Globals.pLogBuffer;
+    const ULONG ulKeptLevel = Settings.ulLogLevel;
+    const UNICODE_STRING keptName = Settings.LogFileName;
     WCHAR name[2] = L"f";
     Settings.LogFileName = {2, 4, name};
     Settings.ulLogLevel = LOG_TRAFFIC;
@@ -244,11 +249,11 @@ TEST_F(Reports, DumpsEndWhereTheBytesEnd)
     EmuBytes empty;
     Handle([&](ULONG ulLen, PUCHAR pBuf) { return DiagJaalaaPacket(Filter(), ulLen, pBuf); }, empty);
     std::string text = buffer.data();
-    Globals.pLogBuffer = nullptr;
-    Settings.LogFileName = {};
-    Settings.ulLogLevel = 0;
-    EXPECT_EQ(CountOf(text, "A7"), 8u) << text;
-    EXPECT_EQ(CountOf(text, "B3"), 48u) << text;
+    Globals.pLogBuffer = pKeptBuffer;
+    Settings.ulLogLevel = ulKeptLevel;
+    Settings.LogFileName = keptName;
+    EXPECT_EQ(CountOf(text, "a7 "), 8u) << text;
+    EXPECT_EQ(CountOf(text, "b3 "), 48u) << text;
     EXPECT_EQ(CountOf(text, "(HandleOPOSPacket) old packet:"), 1u) << text;
     EXPECT_EQ(CountOf(text, "(DiagJaalaaPacket) new packet:"), 1u) << text;
 }
