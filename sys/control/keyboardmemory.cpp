@@ -169,7 +169,7 @@ NTSTATUS AccessMemory(const MemoryAccessKind& kind, ULONG ulDeviceIndex, USHORT 
         status = STATUS_SUCCESS;
     } else if (pData != nullptr) {
         status = WriteData(device, kind, usAddress, usLength, pData);
-    } else {
+    } else if (pOut != nullptr) {
         status = ReadData(device, AddressedRequest(kind, usAddress), usLength, pOut, pulLength);
     }
     ReleaseDevice(device);
