@@ -166,6 +166,19 @@ bool HasName(std::string_view names, const std::string& wanted)
     }
 }
 
+const char* NamesOf(uint16_t usUsage, bool bConsumer)
+{
+    for (const KeyName& key : KeyNames)
+        if (key.bConsumer == bConsumer && key.usUsage == usUsage)
+            return key.pNames;
+    return nullptr;
+}
+
+std::string FirstName(std::string_view names)
+{
+    return std::string(names.substr(0, names.find('|')));
+}
+
 // "left_ctrl" and "left-ctrl" are "left ctrl".
 std::string WordsOf(std::string_view name)
 {
@@ -217,12 +230,16 @@ std::vector<std::string> KnownModifierNames()
 
 std::string ShownKeyName(uint8_t ucUsage)
 {
-    for (const KeyName& key : KeyNames)
-        if (!key.bConsumer && key.usUsage == ucUsage) {
-            std::string_view names = key.pNames;
-            return std::string(names.substr(0, names.find('|')));
-        }
+    const char* pNames = NamesOf(ucUsage, false);
+    if (pNames)
+        return FirstName(pNames);
     return ucUsage == 1 ? "(overrun)" : fmt::format("0x{:02x}", ucUsage);
+}
+
+std::string ShownMediaName(uint16_t usUsage)
+{
+    const char* pNames = NamesOf(usUsage, Consumer);
+    return pNames ? FirstName(pNames) : fmt::format("0x{:03x}", usUsage);
 }
 
 std::vector<std::string> ShownModifiers(uint8_t ucModifiers)

@@ -30,6 +30,9 @@ std::vector<std::string> KnownModifierNames();
 // The name to show for a usage of the keyboard page: "F1", or "0xa7" when nobody named it.
 std::string ShownKeyName(uint8_t ucUsage);
 
+// The name to show for a usage of the consumer page: "Volume Up", or "0x0e5".
+std::string ShownMediaName(uint16_t usUsage);
+
 // The names of the modifier bits of a report's first byte, lowest bit first.
 std::vector<std::string> ShownModifiers(uint8_t ucModifiers);
 

@@ -1,4 +1,6 @@
 // output_test.cpp - the printed lines: JSON to the letter, the table's way of putting things side by side.
+#include "tools/common/text.h"
+#include "tools/replay/keys.h"
 #include "tools/replay/output.h"
 
 #include <gtest/gtest.h>
@@ -115,6 +117,33 @@ TEST(Table, PutsEventsBesideTheirReport)
     EXPECT_EQ("  14.301091    1  05 29 00  Esc                            →  05 00 00", lines[5]);
     EXPECT_EQ("  16.301091  2 keyboards, 3 reports, 3 events; left behind by the driver: nothing", lines[7]);
     EXPECT_EQ(text.npos, text.find('\x1b')) << "colours only on a terminal";
+}
+
+TEST(Table, NamesTheKeysOfEveryKind)
+{
+    struct {
+        unsigned uType;
+        Bytes report;
+        const char* pKeys;
+    } cases[] = {
+        {1, {0x81, 0, 0x3A, 0x04, 0, 0, 0, 0}, "LCtrl+RWin+F1+A"},
+        {1, {1, 1, 1, 1, 1, 1, 1, 1}, "(overrun)"},
+        {1, {9, 0x3A, 0}, "F1"},
+        {1, {9, 0x3A}, ""},
+        {2, {1, 0xE9, 0}, "Volume Up"},
+        {2, {0x23, 0x02}, "WWW Home"},
+        {2, {0, 0}, ""},
+        {3, {2, 0x21, 0, 0, 0x01}, "Next Track+Volume Up"}, // the last bit is no key's
+        {3, {2, 0x01}, "Next Track"},
+        {3, {1, 0x06}, "Sleep+Wake Up"},
+        {3, {3, 0x01, 0, 0, 0}, ""},
+        {4, {3, 0x80, 0, 0x04}, "Volume Up+WWW Home"},
+        {4, {2, 0x04}, "Sleep"},
+        {4, {2}, ""},
+        {0, {}, ""},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(c.pKeys, KeysOfReport(c.report, c.uType)) << c.uType << " " << HexOf(c.report, " ");
 }
 
 TEST(Table, TellsTheScanCodesOfOneMomentTogether)

@@ -126,6 +126,7 @@ TEST_F(Program, SaysWhatIsWrongWithAnInput)
     ExpectBadInput("replay other.bin", "other.bin:1: ");
     ExpectBadInput("replay bad.hid --config bad.toml", "bad.hid:1: ");
     EXPECT_EQ(2, Run("replay bad.hid --keyboard typewriter").iStatus);
+    EXPECT_EQ(2, Run("replay bad.hid --keyboard normal,typewriter").iStatus);
     EXPECT_EQ(2, Run("macro").iStatus);
     EXPECT_EQ(2, Run("").iStatus);
 
@@ -152,6 +153,16 @@ TEST_F(Program, ListsKeys)
     Outcome some = Run("keys 'VOLUME up'");
     EXPECT_EQ(3, std::count(some.out.begin(), some.out.end(), '\n')) << some.out;
     EXPECT_EQ(1, Run("keys xyzzy").iStatus);
+}
+
+TEST_F(Program, GivesEachKeyboardOfARecordingItsKind)
+{
+    Write("two.hid", "D: 0\nE: 0.1 8 00 00 04 00 00 00 00 00\nD: 1\nE: 0.2 2 23 02\nD: 2\nE: 0.3 2 23 02\n");
+    Outcome outcome = Run("replay --json --keyboard normal,power two.hid");
+    EXPECT_EQ(0, outcome.iStatus) << outcome.err;
+    for (const char* pPart :
+         {R"("index":0,"kbdtype":1,)", R"("index":1,"kbdtype":2,)", R"("index":2,"kbdtype":2,)"})
+        EXPECT_NE(std::string::npos, outcome.out.find(pPart)) << outcome.out;
 }
 
 // The shipped samples: their configurations are clean, and a replay shows what they promise.

@@ -1,5 +1,6 @@
 // replay_test.cpp - whole replays through the driver: captures in, lines out.
 #include "captures.h"
+#include "tests/macro_file.h"
 
 #include "tools/replay/capture.h"
 #include "tools/replay/input.h"
@@ -266,6 +267,95 @@ TEST(Replay, GivesARecordingTheKindThatWasAskedFor)
         EXPECT_EQ(R"({"type":"end","t_us":2500000,"keyboards":1,"reports":2,"events":0,"leaks":0})",
                   lines.back());
     }
+}
+
+// What each kind sends, its hotkeys taken out of it: pairs of a report as it came and as it went on.
+TEST(Replay, ActsOnTheReportsOfEveryKind)
+{
+    const std::string media = "[[definition]]\nid = 1\nkeys = [\"Volume Up\"]\nswallow = 1\n"
+                              "[[definition]]\nid = 2\nkeys = [\"Sleep\"]\nswallow = 1\n";
+    using Pairs = std::vector<std::pair<std::string, std::string>>;
+    struct {
+        const char* pKind;
+        Pairs reports;
+        std::vector<unsigned> events; // ids, each once down and once up
+    } kinds[] = {
+        {"power",
+         {{"01 e9 00", "01 00 00"}, {"01 00 00", "01 00 00"}, {"02 02", "00 00"}, {"00 00", "00 00"}},
+         {1, 2}},
+        {"jaalaa",
+         {{"02 21 00 00 00", "02 01 00 00 00"},
+          {"02 00 00 00 00", "02 00 00 00 00"},
+          {"02 20 00 00 00 07 08 09 0a", "02 00 00 00 00 07 08 09 0a"}, // the longest one that is looked at
+          {"02 00 00 00 00", "02 00 00 00 00"},
+          {"01 02", "01 00"},
+          {"01 00", "01 00"},
+          {"03 20 00 00 00", "03 20 00 00 00"}}, // a report of no keys
+         {1, 1, 2}},
+        {"chic",
+         {{"03 80 00 00", "03 00 00 00"},
+          {"03 00 00 00", "03 00 00 00"},
+          {"02 04", "02 00"},
+          {"02 00", "02 00"}},
+         {1, 2}},
+        {"other", {{"02 20 00 00 00", "02 20 00 00 00"}, {"01 02", "01 02"}}, {}},
+    };
+    for (const auto& kind : kinds) {
+        std::string recording;
+        Lines expected, events;
+        for (size_t i = 0; i < kind.reports.size(); ++i) {
+            const auto& [in, out] = kind.reports[i];
+            size_t cBytes = (in.size() + 1) / 3;
+            recording += "E: " + std::to_string(i) + ".0 " + std::to_string(cBytes) + " " + in + "\n";
+            auto joined = [](std::string text) {
+                text.erase(std::remove(text.begin(), text.end(), ' '), text.end());
+                return text;
+            };
+            expected.push_back("\"in\":\"" + joined(in) + "\",\"out\":\"" + joined(out) + "\"}");
+        }
+        for (unsigned uId : kind.events)
+            for (int iDown : {1, 0})
+                events.push_back("\"id\":" + std::to_string(uId) + ",\"value\":" + std::to_string(iDown) +
+                                 ",");
+        auto cut = [](Lines lines, const char* pFrom, size_t cMost) {
+            for (std::string& line : lines)
+                line = line.substr(line.find(pFrom), cMost);
+            return lines;
+        };
+        Lines lines = ReplayedRecording(recording, media, kind.pKind);
+        EXPECT_EQ(expected, cut(Only(lines, "\"report\","), "\"in\"", std::string::npos)) << kind.pKind;
+        EXPECT_EQ(events, cut(Only(lines, "\"event\""), "\"id\"", strlen("\"id\":1,\"value\":1,")))
+            << kind.pKind;
+    }
+}
+
+// A keyboard with a second interface for its media keys: each is a device of its own, learnt from the capture.
+// The mode hotkey and the LED belong to the first one; the second one's reports go on.
+TEST(Replay, KnowsBothInterfacesOfOneKeyboard)
+{
+    DriveFolder folder;
+    FileBytes macros = MacroFileHead();
+    AppendMacro(macros, 0x3A, {{0, 0, 4}, {}});
+    folder.Write("macros.bin", macros);
+    UsbmonStory story;
+    story.Enumerate(1, 2, ConfigurationOf({Boot, {3, 0, 0}}));
+    story.At(1000).Report({0, 0, 0x47, 0, 0, 0, 0, 0}, 0x81).At(1100).Report({0, 0, 0, 0, 0, 0, 0, 0}, 0x81);
+    story.At(2000).Report({1, 0xE9, 0}, 0x82).At(2100).Report({1, 0, 0}, 0x82);
+    story.At(3000).Report({0, 0, 0x3A, 0, 0, 0, 0, 0}, 0x81).At(3100).Report({0, 0, 0, 0, 0, 0, 0, 0}, 0x81);
+    Lines lines = ReplayedCapture(story, "[settings]\nKorvexHotkey = \"Scroll Lock\"\nKorvexLEDDisabled = 0\n"
+                                         "KorvexDelay = 5\nKorvexConfigFile = \"" +
+                                             folder.Path() + "/macros.bin\"\n");
+    ASSERT_LT(2u, lines.size());
+    EXPECT_NE(std::string::npos, lines[0].find("\"kbd\":0,\"index\":0,\"kbdtype\":1,")) << lines[0];
+    EXPECT_NE(std::string::npos, lines[1].find("\"kbd\":1,\"index\":1,\"kbdtype\":2,")) << lines[1];
+    EXPECT_EQ((Lines{R"({"type":"macro","t_us":1000,"record":1,"mode":1,"report":""})"}),
+              Only(lines, "\"macro\""));
+    EXPECT_EQ((Lines{R"({"type":"led","t_us":1000,"kbd":0,"report":4,"flags":1})"}), Only(lines, "\"led\""));
+    EXPECT_EQ((Lines{R"({"type":"report","t_us":3000,"kbd":0,"in":null,"out":"0000040000000000"})"}),
+              Only(lines, "00040000000000"));
+    EXPECT_EQ((Lines{R"({"type":"report","t_us":2000,"kbd":1,"in":"01e900","out":"01e900"})",
+                     R"({"type":"report","t_us":2100,"kbd":1,"in":"010000","out":"010000"})"}),
+              Only(Only(lines, "\"report\","), "\"kbd\":1"));
 }
 
 TEST(Replay, SwitchedOffLeavesReportsAlone)

@@ -48,7 +48,7 @@ void AddReplayVerb(CLI::App& app, Verbs& verbs)
                      "what the keyboards of a recording are, in their order, the last one for the rest: "
                      "normal (default), power, jaalaa, chic, other")
         ->delimiter(',')
-        ->expected(1)
+        ->allow_extra_args(false)
         ->check(CLI::IsMember({"normal", "power", "jaalaa", "chic", "other"}));
     pReplay->add_flag("--json", arguments->bJson, "print JSON objects, one a line, instead of a table");
     verbs.push_back({pReplay, [arguments] { return Replay(*arguments); }});

@@ -5,13 +5,13 @@
 //
 // One line a report, with the events that it caused beside it; the line waits until the next thing happens.
 // What no report caused (a timer's event, an LED report from above) has a line of its own.
+#include "keys.h"
 #include "output.h"
 #include "tools/common/text.h"
-#include "tools/keynames.h"
 
 #include <fmt/format.h>
 
-#include <algorithm>
+#include <map>
 
 namespace
 {
@@ -25,28 +25,9 @@ const char* const Red = "\x1b[31m";
 
 constexpr size_t SideWidth = 40; // columns of "bytes  names" on either side of the arrow
 
-// The modifiers and keys that a report tells of, by its length: 8 bytes with a modifier byte, 3 bytes with a
-// report ID; other reports have no key names.
-std::string KeysOf(const Bytes& report)
+std::string SideOf(const Bytes& report, unsigned uType)
 {
-    std::vector<std::string> names;
-    size_t cFirst = report.size() == 8 ? 2 : report.size() == 3 ? 1 : report.size();
-    if (report.size() == 8)
-        names = ShownModifiers(report[0]);
-    if (report.size() == 8 && std::count(report.begin() + 2, report.end(), 1) == 6)
-        return "(overrun)";
-    for (size_t i = cFirst; i < report.size(); ++i)
-        if (report[i] != 0)
-            names.push_back(ShownKeyName(report[i]));
-    std::string text;
-    for (const std::string& name : names)
-        text += (text.empty() ? "" : "+") + name;
-    return text;
-}
-
-std::string SideOf(const Bytes& report)
-{
-    return HexOf(report, " ") + "  " + KeysOf(report);
+    return HexOf(report, " ") + "  " + KeysOfReport(report, uType);
 }
 
 const char* TypeName(unsigned uType)
@@ -63,6 +44,7 @@ public:
     void Keyboard(uint64_t ullUs, unsigned uKeyboard, uint32_t ulIndex, unsigned uType,
                   const ScriptKeyboard& keyboard) override
     {
+        m_types[uKeyboard] = uType;
         Note(ullUs, uKeyboard, Bold,
              fmt::format("keyboard {:04x}:{:04x} {}, {} (device {})", keyboard.usVendor, keyboard.usProduct,
                          Printable(keyboard.name), TypeName(uType), ulIndex));
@@ -88,10 +70,11 @@ public:
             fmt::print(m_pOut, "\n{}\n", Painted(Dim, head));
             m_bHead = true;
         }
-        std::string left = sent ? SideOf(*sent) : "(answered by the driver)";
+        std::string left = sent ? SideOf(*sent, m_types[uKeyboard]) : "(answered by the driver)";
         const char* pMark = !sent || *sent != seen ? Yellow : Plain;
-        m_line = fmt::format("{:4}.{:06}  {:>3}  {:{}} {}", ullUs / 1000000, ullUs % 1000000, uKeyboard, left,
-                             SideWidth, Painted(pMark, fmt::format("→  {:{}}", SideOf(seen), SideWidth)));
+        m_line = fmt::format(
+            "{:4}.{:06}  {:>3}  {:{}} {}", ullUs / 1000000, ullUs % 1000000, uKeyboard, left, SideWidth,
+            Painted(pMark, fmt::format("→  {:{}}", SideOf(seen, m_types[uKeyboard]), SideWidth)));
         m_ullLine = ullUs;
         m_uLine = uKeyboard;
     }
@@ -201,7 +184,8 @@ private:
     FILE* m_pOut;
     bool m_bColour;
     bool m_bHead = false;
-    std::string m_line; // of the latest report, not printed yet
+    std::map<unsigned, unsigned> m_types; // of the keyboards
+    std::string m_line;                   // of the latest report, not printed yet
     uint64_t m_ullLine = 0;
     unsigned m_uLine = 0;
     std::string m_scans; // of one moment, not told yet

@@ -1,0 +1,10 @@
+// keys.h - which keys a report tells of.
+#pragma once
+
+#include "packet.h"
+
+#include <string>
+
+// "LCtrl+F1", "Volume Up": the modifiers and keys, by what the type of keyboard sends (1 normal, 2 power,
+// 3 Jaalaa, 4 Chic); "" for none or for a report without keys.
+std::string KeysOfReport(const Bytes& report, unsigned uType);
