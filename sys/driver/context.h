@@ -106,6 +106,7 @@ struct DeviceContext {
     PIRP pPendingReadIrp;                           // (x) = PendingIrps[0], written under PendingIrpLock
     PIRP pCancellingIrp GUARDED_BY(PendingIrpLock); // being cancelled by CancelPendingRead
     UCHAR ucCancelledCompleted GUARDED_BY(PendingIrpLock); // its completion came meanwhile and waits
+    LONG lMissedCalls;                                     // (x) CancelPendingRead found none
     ULONG ulIrpCancelledForInsert;                         // (x)
     SpinLock AnswerLock;                        // reads answered above the keyboard that wait to be completed
     PIRP pFirstAnswered GUARDED_BY(AnswerLock); // oldest first, linked through Tail.Overlay.ListEntry.Flink

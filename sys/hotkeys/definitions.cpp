@@ -93,8 +93,7 @@ void ReplayDiscardedReports(PDEVICE_OBJECT device)
 {
     DeviceContext* pContext = FilterContextOf(device);
     ULONG ulCount;
-    if (ReadShared(pContext->pPendingReadIrp) != nullptr &&
-        NT_SUCCESS(GetDiscardedPacketCount(pContext->ulDeviceIndex, &ulCount)) && ulCount != 0) {
+    if (NT_SUCCESS(GetDiscardedPacketCount(pContext->ulDeviceIndex, &ulCount)) && ulCount != 0) {
         (void)CancelPendingRead(device);
     }
 }

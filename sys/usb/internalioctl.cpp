@@ -26,12 +26,17 @@ bool IsInterruptRead(PIRP Irp)
            (pUrb->UrbBulkOrInterruptTransfer.TransferFlags & USBD_TRANSFER_DIRECTION_IN) != 0;
 }
 
-NTSTATUS PassDown(PDEVICE_OBJECT DeviceObject, PIRP Irp)
+// `lMissed` was read before the request was looked at: whoever queued something since then and found no read
+// to call back has this one called back.
+NTSTATUS PassDown(PDEVICE_OBJECT DeviceObject, PIRP Irp, LONG lMissed)
 {
     DeviceContext* pContext = FilterContextOf(DeviceObject);
     if (IsInterruptRead(Irp)) {
         WriteShared(pContext->ulIrpCancelledForInsert, 0u);
         (void)AddPendingIrp(DeviceObject, Irp); // a full list leaves the read untracked
+        if (ReadShared(pContext->lMissedCalls) != lMissed) {
+            (void)CancelPendingRead(DeviceObject); // comes back at once: the stack's next one is answered
+        }
     }
     IoCopyCurrentIrpStackLocationToNext(Irp);
     RememberRequestedLength(Irp);
@@ -45,6 +50,7 @@ NTSTATUS PassDown(PDEVICE_OBJECT DeviceObject, PIRP Irp)
 // Fails: the keyboard is being removed; else with what the lower driver returned.
 NTSTATUS FilterInternalIoctl(PDEVICE_OBJECT DeviceObject, PIRP Irp, PUCHAR pucComplete)
 {
+    const LONG lMissed = ReadShared(FilterContextOf(DeviceObject)->lMissedCalls);
     switch (ShowURBInfo(DeviceObject, Irp, 0)) {
     case URB_ANSWERED:
         Irp->IoStatus.Status = STATUS_SUCCESS;
@@ -60,7 +66,7 @@ NTSTATUS FilterInternalIoctl(PDEVICE_OBJECT DeviceObject, PIRP Irp, PUCHAR pucCo
         *pucComplete = 1;
         return STATUS_DELETE_PENDING;
     }
-    return PassDown(DeviceObject, Irp);
+    return PassDown(DeviceObject, Irp, lMissed);
 }
 
 // A request comes back: what it brought is looked at, and the request is no longer pending. Its status goes

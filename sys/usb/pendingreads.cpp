@@ -53,6 +53,9 @@ bool RemovePendingIrp(PDEVICE_OBJECT device, PIRP Irp)
 static PIRP ClaimPendingRead(DeviceContext* pContext)
 {
     LockScope lock(pContext->PendingIrpLock);
+    if (pContext->ulPendingIrpCount == 0) {
+        InterlockedIncrement(&pContext->lMissedCalls); // one on its way down looks again
+    }
     if (pContext->ulPendingIrpCount == 0 || pContext->pCancellingIrp != nullptr) {
         return nullptr;
     }
