@@ -40,6 +40,7 @@ EmuMachineOptions OptionsOf(FuzzInput& input, const std::string& root)
     EmuMachineOptions options;
     options.Entry = DriverEntry;
     options.FileRoot = root;
+    options.Seed = input.Byte();
     unsigned uMask = input.Word();
     for (const auto& row : SettingRows) {
         if (uMask & 1) {

@@ -102,6 +102,7 @@ Seed SeedOf(const Story& story)
             uMask |= line.Text.find(pName) != std::string::npos ? FuzzSettingBit(pName) : 0;
         }
     }
+    seed.Byte(0); // the plain schedule
     seed.Word(uMask);
     for (const StoryLine& line : story.Lines) {
         Tell(seed, line.Text);
@@ -154,6 +155,8 @@ void SaveMacroFile(const fs::path& folder)
     seed.Byte(0);
     seed.Content.insert(seed.Content.end(), file.begin() + 50, file.end());
     Save(folder / "macrofile", "two-macros", seed.Content);
+    file.insert(file.begin(), 1);
+    Save(folder / "macrotext", "two-macros", file);
 }
 
 void SaveSamples(const fs::path& folder)
@@ -162,10 +165,20 @@ void SaveSamples(const fs::path& folder)
     std::vector<uint8_t> capture = ReadAll(samples / "typing.pcap");
     capture.insert(capture.begin(), 0);
     Save(folder / "capture", "typing", capture);
+    for (const char* pName : {"cashier", "macromode"}) {
+        std::vector<uint8_t> typed = ReadAll(samples / (std::string(pName) + ".hid"));
+        typed.insert(typed.begin(), 1);
+        Save(folder / "capture", pName, typed);
+    }
     std::string recording =
         "\1D: 0\nR: 3 05 01 C0\nN: Boot\nI: 3 7a3c 0101\nE: 0.10 8 01 00 3a 00 00 00 00 00\n";
     Save(folder / "capture", "recording", {recording.begin(), recording.end()});
-    Save(folder / "config", "hotkeys", ReadAll(samples / "hotkeys.toml"));
+    for (const char* pName : {"hotkeys", "cashier", "macromode"}) {
+        Save(folder / "config", pName, ReadAll(samples / (std::string(pName) + ".toml")));
+    }
+    std::vector<uint8_t> text = ReadAll(samples / "macros.toml");
+    text.insert(text.begin(), 0);
+    Save(folder / "macrotext", "macros", text);
 }
 } // namespace
 
