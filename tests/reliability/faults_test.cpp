@@ -1,16 +1,18 @@
-// faults_test.cpp - each call that can fail fails in turn in seven whole scenarios.
+// faults_test.cpp - each call that can fail fails in turn, once or from then on, in seven whole scenarios.
 #include <cstdio>
 
 #include "world.h"
 
 namespace
 {
-// Runs the scenario with its Nth fallible call failing. False when it has no such call.
-bool RunWithFault(const Scenario& scenario, unsigned uNth)
+enum Mode { Once, FromThenOn };
+
+// Runs the scenario with its Nth fallible call failing, or all from the Nth on. False when it has no such call.
+bool RunWithFault(const Scenario& scenario, Mode mode, unsigned uNth)
 {
     World world;
     scenario.pPrepare(world);
-    scenario.pRun(world, [&] { HostFailNth(nullptr, uNth); });
+    scenario.pRun(world, [&] { HostFailNth(nullptr, uNth, mode == FromThenOn); });
     const bool bHappened = HostFallibleCalls() >= uNth;
     HostFailNth(nullptr, 0);
     CheckAfterwards(world);
@@ -23,11 +25,15 @@ class Faults : public testing::TestWithParam<Scenario>
 
 TEST_P(Faults, EveryCallMayFail)
 {
-    unsigned uNth = 1;
-    for (; RunWithFault(GetParam(), uNth); uNth++) {
-        ASSERT_FALSE(HasFailure()) << "call " << uNth << " failed";
+    for (Mode mode : {Once, FromThenOn}) {
+        unsigned uNth = 1;
+        for (; RunWithFault(GetParam(), mode, uNth); uNth++) {
+            ASSERT_FALSE(HasFailure())
+                << "call " << uNth << (mode == Once ? " failed" : " and all after it failed");
+        }
+        printf("%s: %u calls failed %s\n", GetParam().pName, uNth - 1,
+               mode == Once ? "once" : "from then on");
     }
-    printf("%s: %u calls failed\n", GetParam().pName, uNth - 1);
 }
 
 std::string TestName(const testing::TestParamInfo<Scenario>& info)

@@ -30,13 +30,20 @@ static void OneKeyboard(World& world)
     world.Open(world.Plug());
 }
 
+static void PlugTwo(World& world)
+{
+    for (int i = 0; i < 2; i++) {
+        EmuKeyboard* pKeyboard = world.Plug();
+        world.Open(pKeyboard);
+        (void)world.Application->AddDefinition(pKeyboard->Index(), Definition(1, 1, 0x400, 0x3B));
+        pKeyboard->Report({1, 0, 0x3A, 0, 0, 0, 0, 0}); // its hotkey is held from now on
+    }
+}
+
 static void TwoKeyboards(World& world)
 {
-    OneKeyboard(world);
-    world.Open(world.Plug());
-    for (EmuKeyboard* pKeyboard : world.Keyboards) {
-        (void)world.Application->AddDefinition(pKeyboard->Index(), Definition(1, 1, 0x400, 0x3B));
-    }
+    world.Load();
+    PlugTwo(world);
 }
 
 static void LoadDriver(World& world, const Failing& beforeLoad)
@@ -117,10 +124,11 @@ static void TourOfRequests(World& world, const Failing& beforeRun)
     }
 }
 
+// What went wrong while they came must not hurt when they go.
 template <bool bFirst, bool bSurprise> static void RemoveTwo(World& world, const Failing& beforeRun)
 {
-    world.Keyboards[0]->Report({1, 0, 0x3A, 0, 0, 0, 0, 0}); // a hotkey is held
     beforeRun();
+    PlugTwo(world);
     world.Keyboards[bFirst ? 0 : 1]->Unplug(bSurprise);
     world.Keyboards[bFirst ? 1 : 0]->Unplug(!bSurprise);
 }
@@ -138,9 +146,9 @@ const std::vector<Scenario> Scenarios = {
     {"typing with hotkeys", OneKeyboard, TypeHotkeys},
     {"macro playback", OneKeyboard, PlayMacros},
     {"tour of all requests", OneKeyboard, TourOfRequests},
-    {"removal, first one asked, second one pulled", TwoKeyboards, RemoveTwo<true, false>},
-    {"removal, first one pulled, second one asked", TwoKeyboards, RemoveTwo<true, true>},
-    {"removal, second one asked, first one pulled", TwoKeyboards, RemoveTwo<false, false>},
-    {"removal, second one pulled, first one asked", TwoKeyboards, RemoveTwo<false, true>},
+    {"removal, first one asked, second one pulled", Loaded, RemoveTwo<true, false>},
+    {"removal, first one pulled, second one asked", Loaded, RemoveTwo<true, true>},
+    {"removal, second one asked, first one pulled", Loaded, RemoveTwo<false, false>},
+    {"removal, second one pulled, first one asked", Loaded, RemoveTwo<false, true>},
     {"unload", TwoKeyboards, UnloadDriver},
 };
