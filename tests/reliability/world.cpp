@@ -48,6 +48,10 @@ void World::Load(const std::function<void()>& beforeLoad, HostMode mode)
                         {"KorvexDelay", 10u},
                         {"KorvexConfigFile", "\\??\\C:\\macros.bin"}};
     Machine = std::make_unique<EmuMachine>(options);
+    if (Machine->Driver() != nullptr) {
+        (void)Machine->AddClassDevice(1);
+        (void)Machine->AddSibling(EmuUsbMouseSibling)->Arrive();
+    }
 }
 
 EmuKeyboard* World::Plug(const EmuDescriptors& kind)
