@@ -40,9 +40,8 @@ template <typename Visit> static void ForEachRequest(Visit visit)
 
 static bool IsHeld(HostIrp* pHost, PDRIVER_OBJECT pDriver, PDEVICE_OBJECT pDevice)
 {
-    PIRP pIrp = reinterpret_cast<PIRP>(pHost + 1);
     HostStepLock lock;
-    for (int i = 1; i <= pIrp->StackCount; i++) {
+    for (int i = 1; i <= pHost->iSteps; i++) {
         const HostStep& step = pHost->pSteps[i];
         if (step.bReturnedPending && (step.pDriver == pDriver || step.pDevice == pDevice)) {
             return true;

@@ -48,6 +48,7 @@ PIRP HostNewIrp(CCHAR stackSize)
     pHost->ulMagic = IRP_MAGIC;
     pHost->pOwner = pSelf->pDriver;
     pHost->b32 = pSelf->b32;
+    pHost->iSteps = stackSize;
     PIRP pIrp = reinterpret_cast<PIRP>(pHost + 1);
     pIrp->AllocationFlags = TRACKED;
     ResetIrp(pIrp, stackSize);

@@ -40,6 +40,7 @@ struct HostIrp {
     ULONG_PTR ulMagic;
     PDRIVER_OBJECT pOwner;
     HostStep* pSteps; // by CurrentLocation
+    int iSteps;       // of its stack; the request's own count is written anew when it is reused
     bool b32;
     bool bSystem;   // the system frees it when it is complete
     bool bComplete; // finalised while somebody held it
