@@ -19,7 +19,7 @@
 
 namespace
 {
-enum { PROCESSES = 2, MOST_WRONG = 20, TWICE_EVERY = 64 };
+enum { PROCESSES = 2, MOST_WRONG = 20, TWICE_EVERY = 64, MOST_SECONDS = 60 };
 using Seed = unsigned long long;
 
 // What a worker tells the parent, in memory that both see.
@@ -60,6 +60,7 @@ void Work(Progress* pProgress, Seed ullFrom, Seed ullEnd)
     Folder folder;
     for (Seed ullSeed = ullFrom; ullSeed < ullEnd; ullSeed += PROCESSES) {
         pProgress->ullSeed = ullSeed;
+        alarm(MOST_SECONDS); // a life that never ends is stopped, too
         ScheduleOutcome outcome;
         if (!RunSeed(ullSeed, folder.Path, ullSeed % TWICE_EVERY == 0, &outcome)) {
             pProgress->uWrong = pProgress->uWrong + 1;
@@ -67,6 +68,7 @@ void Work(Progress* pProgress, Seed ullFrom, Seed ullEnd)
         pProgress->ullDone = pProgress->ullDone + 1;
         pProgress->ullReceived = pProgress->ullReceived + outcome.uReceived;
     }
+    alarm(0);
 }
 
 pid_t Start(Progress* pProgress, Seed ullFrom, Seed ullEnd)
