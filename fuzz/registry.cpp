@@ -34,6 +34,9 @@ std::vector<uint8_t> TextData(FuzzInput& input)
     case 1:
         text = "\\??\\C:\\log.txt";
         break;
+    case 2:
+        text.assign(input.Word() % 600, 'x');
+        break;
     default:
         for (uint8_t ucChar : input.Short()) {
             // no path may leave the fuzzer's folder
