@@ -1,7 +1,15 @@
 // What the handles of class devices and siblings do.
 #include "neighbours.h"
 
-EmuClassDevice::EmuClassDevice(PDRIVER_OBJECT pDriver, USHORT usNumber)
+// With real threads nobody waits for a worker that may be waiting for this very device.
+static void Settle(HostMode mode)
+{
+    if (mode == HostSimulated) {
+        HostSettle();
+    }
+}
+
+EmuClassDevice::EmuClassDevice(PDRIVER_OBJECT pDriver, USHORT usNumber, HostMode mode) : m_Mode(mode)
 {
     if (!pDriver || !NT_SUCCESS(EmuCreateClassDevice(pDriver, usNumber, &m_pDevice))) {
         m_pDevice = nullptr;
@@ -35,7 +43,7 @@ void EmuClassDevice::Release()
 {
     if (m_pDevice) {
         EmuReleaseClass(m_pDevice);
-        HostSettle();
+        Settle(m_Mode);
     }
 }
 
@@ -43,7 +51,7 @@ void EmuClassDevice::Remove()
 {
     if (m_pDevice) {
         EmuRemoveClassDevice(std::exchange(m_pDevice, nullptr));
-        HostSettle();
+        Settle(m_Mode);
     }
 }
 
@@ -77,7 +85,7 @@ void EmuSibling::Leave()
 {
     if (m_pDevice) {
         EmuRemoveSibling(std::exchange(m_pDevice, nullptr));
-        HostSettle();
+        Settle(m_Mode);
     }
 }
 
@@ -87,7 +95,7 @@ NTSTATUS EmuSibling::Publish(bool bPresent)
         return STATUS_DEVICE_NOT_READY;
     }
     NTSTATUS status = EmuPublishSibling(m_pDevice, bPresent);
-    HostSettle();
+    Settle(m_Mode);
     return status;
 }
 
@@ -102,7 +110,7 @@ void EmuSibling::Release()
 {
     if (m_pDevice) {
         EmuReleaseSibling(m_pDevice);
-        HostSettle();
+        Settle(m_Mode);
     }
 }
 

@@ -18,7 +18,7 @@
 class EmuClassDevice
 {
 public:
-    EmuClassDevice(PDRIVER_OBJECT pDriver, USHORT usNumber);
+    EmuClassDevice(PDRIVER_OBJECT pDriver, USHORT usNumber, HostMode mode);
     ~EmuClassDevice() { Remove(); }
     EmuClassDevice(const EmuClassDevice&) = delete;
     EmuClassDevice& operator=(const EmuClassDevice&) = delete;
@@ -30,6 +30,7 @@ public:
     void Remove();
 
 private:
+    HostMode m_Mode;
     PDEVICE_OBJECT m_pDevice = nullptr;
 };
 
@@ -37,7 +38,10 @@ private:
 class EmuSibling
 {
 public:
-    EmuSibling(PDRIVER_OBJECT pDriver, EmuSiblingKind kind) : m_pDriver(pDriver), m_Kind(kind) {}
+    EmuSibling(PDRIVER_OBJECT pDriver, EmuSiblingKind kind, HostMode mode)
+        : m_pDriver(pDriver), m_Kind(kind), m_Mode(mode)
+    {
+    }
     ~EmuSibling() { Leave(); }
     EmuSibling(const EmuSibling&) = delete;
     EmuSibling& operator=(const EmuSibling&) = delete;
@@ -58,6 +62,7 @@ private:
 
     PDRIVER_OBJECT m_pDriver;
     EmuSiblingKind m_Kind;
+    HostMode m_Mode;
     PDEVICE_OBJECT m_pDevice = nullptr;
     std::mutex m_Lock; // guards m_Words; nothing of the host is called under it
     std::vector<ULONG> m_Words;

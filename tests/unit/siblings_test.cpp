@@ -355,7 +355,20 @@ TEST(SiblingEvents, AreClassifiedByAllTheirBytes)
     }
 }
 
-// Mice come and go and keyboards are typed on while the control device is made and deleted again and again.
+// Plugs a keyboard in, types on it and takes it away.
+void TypeOnce(EmuMachine& machine, bool bSurprise)
+{
+    EmuKeyboard* pKeyboard = machine.Plug();
+    ASSERT_EQ(pKeyboard->StartStatus(), STATUS_SUCCESS);
+    EmuApplication application;
+    EXPECT_EQ(application.StartReportProcessing(pKeyboard->Index()), STATUS_SUCCESS);
+    for (int i = 0; i < 50; i++) {
+        pKeyboard->Report(i % 2 ? Released : ControlHeld);
+    }
+    pKeyboard->Unplug(bSurprise);
+}
+
+// Mice come and go while keyboards are typed on; then while the control device is made and deleted with each.
 TEST(Threaded, ModifierWordsMeetRemovalAndUnload)
 {
     EmuMachineOptions options;
@@ -363,6 +376,7 @@ TEST(Threaded, ModifierWordsMeetRemovalAndUnload)
     options.Mode = HostThreaded;
     EmuMachine machine(options);
     ASSERT_EQ(machine.LoadStatus(), STATUS_SUCCESS);
+    EmuKeyboard* pStays = machine.Plug();
     EmuSibling* pPs2 = machine.AddSibling(EmuPs2MouseSibling);
     EmuSibling* pUsb = machine.AddSibling(EmuUsbMouseSibling);
     std::atomic<bool> bStop{false};
@@ -376,15 +390,12 @@ TEST(Threaded, ModifierWordsMeetRemovalAndUnload)
             words += pPs2->TakeWords().size() + pUsb->TakeWords().size();
         }
     });
-    for (int iRound = 0; iRound < 20 || (words == 0 && iRound < 1000); iRound++) {
-        EmuKeyboard* pKeyboard = machine.Plug();
-        ASSERT_EQ(pKeyboard->StartStatus(), STATUS_SUCCESS);
-        EmuApplication application;
-        EXPECT_EQ(application.StartReportProcessing(pKeyboard->Index()), STATUS_SUCCESS);
-        for (int i = 0; i < 50; i++) {
-            pKeyboard->Report(i % 2 ? Released : ControlHeld);
-        }
-        pKeyboard->Unplug(iRound % 2 == 0);
+    for (int iRound = 0; iRound < 10 || (words == 0 && iRound < 1000); iRound++) {
+        TypeOnce(machine, iRound % 2 == 0);
+    }
+    pStays->Unplug(false);
+    for (int iRound = 0; iRound < 10; iRound++) {
+        TypeOnce(machine, iRound % 2 == 0);
     }
     bStop = true;
     HostJoinThread(mice);
