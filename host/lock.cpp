@@ -5,7 +5,11 @@
 // a seed threads never change while a lock is held, so a lock that is found taken can never be released.
 #include "core.h"
 
+#include <cctype>
+
 #include <sched.h>
+
+enum : KSPIN_LOCK { DROPPED_LOCK = ~static_cast<KSPIN_LOCK>(0) }; // in the place of an owner
 
 KIRQL KeGetCurrentIrql()
 {
@@ -54,15 +58,30 @@ void KeLowerIrql(KIRQL irql)
     SCHEDULE_POINT();
 }
 
-void KeInitializeSpinLock(PKSPIN_LOCK pLock)
+// True for the lock that this run shall do without. `pName` is how the driver wrote it.
+bool HostIsDropped(const char* pName)
 {
-    __atomic_store_n(pLock, 0, __ATOMIC_RELEASE);
+    const std::string name = pName;
+    const std::string& dropped = g->Options.DroppedLock;
+    size_t at = name.find(dropped);
+    return !dropped.empty() && at != std::string::npos && (at == 0 || !isalnum(name[at - 1])) &&
+           !isalnum(name[at + dropped.size()]);
+}
+
+void HostInitializeSpinLock(PKSPIN_LOCK pLock, const char* pName)
+{
+    __atomic_store_n(pLock, HostIsDropped(pName) ? DROPPED_LOCK : 0, __ATOMIC_RELEASE);
     HostLock lock(g->Lock);
     HostForgetLocks(pLock, sizeof(*pLock));
 }
 
 static void Take(PKTHREAD pSelf, PKSPIN_LOCK pLock, const char* pCall)
 {
+    if (__atomic_load_n(pLock, __ATOMIC_RELAXED) == DROPPED_LOCK) {
+        SCHEDULE_POINT();
+        pSelf->Held[pSelf->uHeld++] = pLock;
+        return;
+    }
     KSPIN_LOCK self = reinterpret_cast<KSPIN_LOCK>(pSelf);
     if (__atomic_load_n(pLock, __ATOMIC_RELAXED) == self) {
         HostBug("SPIN_LOCK_ALREADY_OWNED", "%s: the thread holds this lock already", pCall);
@@ -100,7 +119,9 @@ static void Give(PKTHREAD pSelf, PKSPIN_LOCK pLock, const char* pCall)
                 pCall);
     }
     pSelf->uHeld--;
-    __atomic_store_n(pLock, 0, __ATOMIC_RELEASE);
+    if (__atomic_load_n(pLock, __ATOMIC_RELAXED) != DROPPED_LOCK) {
+        __atomic_store_n(pLock, 0, __ATOMIC_RELEASE);
+    }
 }
 
 KIRQL KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK pLock)

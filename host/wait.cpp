@@ -16,6 +16,8 @@ enum : UCHAR {
     SYNCHRONIZATION_TIMER = 9,
 };
 
+enum : UCHAR { DROPPED_MUTEX = 2 }; // in Abandoned
+
 void HostInitHeader(DISPATCHER_HEADER* pHeader, UCHAR ucType, size_t size, LONG lState)
 {
     pHeader->Type = ucType;
@@ -34,6 +36,12 @@ static DISPATCHER_HEADER* HeaderOf(PVOID pObject, const char* pCall)
         HostBug("DISPATCHER_OBJECT_NOT_INITIALISED", "%s on an object that was never initialised", pCall);
     }
     return pHeader;
+}
+
+// A mutex that this run does without: whoever waits for it has it.
+static bool IsDroppedMutex(const DISPATCHER_HEADER* pHeader)
+{
+    return pHeader->Type == MUTANT && reinterpret_cast<const KMUTANT*>(pHeader)->Abandoned == DROPPED_MUTEX;
 }
 
 static bool Owns(PKTHREAD pThread, const DISPATCHER_HEADER* pHeader)
@@ -194,6 +202,9 @@ NTSTATUS HostWait(PVOID* ppObjects, ULONG ulCount, WAIT_TYPE type, KPROCESSOR_MO
 NTSTATUS KeWaitForSingleObject(PVOID pObject, KWAIT_REASON, KPROCESSOR_MODE mode, BOOLEAN,
                                PLARGE_INTEGER pTimeout)
 {
+    if (IsDroppedMutex(static_cast<DISPATCHER_HEADER*>(pObject))) {
+        return STATUS_SUCCESS;
+    }
     KWAIT_BLOCK block;
     return HostWait(&pObject, 1, WaitAny, mode, pTimeout, &block, __func__);
 }
@@ -280,7 +291,7 @@ LONG KeReadStateEvent(PRKEVENT pEvent)
     return SetState(pEvent, false, __func__);
 }
 
-void KeInitializeMutex(PRKMUTEX pMutex, ULONG)
+void HostInitializeMutex(PRKMUTEX pMutex, ULONG, const char* pName)
 {
     HostInitHeader(&pMutex->Header, MUTANT, sizeof(KMUTANT), 1);
     InitializeListHead(&pMutex->MutantListEntry);
@@ -289,7 +300,7 @@ void KeInitializeMutex(PRKMUTEX pMutex, ULONG)
         HostForgetLocks(pMutex, sizeof(*pMutex));
     }
     pMutex->OwnerThread = nullptr;
-    pMutex->Abandoned = FALSE;
+    pMutex->Abandoned = HostIsDropped(pName) ? DROPPED_MUTEX : FALSE;
     pMutex->ApcDisable = 1;
 }
 
@@ -298,6 +309,9 @@ LONG KeReleaseMutex(PRKMUTEX pMutex, BOOLEAN)
     HostEnter(__func__, DISPATCH_LEVEL);
     DISPATCHER_HEADER* pHeader = HeaderOf(pMutex, __func__);
     PKTHREAD pSelf = HostSelf();
+    if (IsDroppedMutex(pHeader)) {
+        return 0;
+    }
     HostLock lock(g->Lock);
     if (pMutex->OwnerThread != pSelf) {
         HostBug("THREAD_NOT_MUTEX_OWNER", "KeReleaseMutex by a thread that does not own the mutex");

@@ -44,6 +44,7 @@ EmuMachine::EmuMachine(const EmuMachineOptions& options) : m_Mode(options.Mode)
     HostOptions host;
     host.Mode = options.Mode;
     host.Seed = options.Seed;
+    host.DroppedLock = options.DroppedLock;
     host.RegistryText = RegistryText(options);
     host.FileRoot = options.FileRoot;
     HostStart(host);

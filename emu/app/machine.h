@@ -64,6 +64,7 @@ struct EmuPlugOptions {
 struct EmuMachineOptions {
     PDRIVER_INITIALIZE Entry = nullptr; // the driver's entry
     HostMode Mode = HostSimulated;
+    std::string DroppedLock; // a lock of the driver that protects nothing in this run, by its field's name
     unsigned long long Seed = 0; // simulated: what chooses who runs next; 0: nobody comes between
     std::map<std::string, EmuSetting>
         Settings;                     // values of the parameters key, absent = absent in the registry

@@ -25,7 +25,8 @@ struct HostOptions {
     HostMode Mode = HostSimulated;
     std::string RegistryText;    // .reg text that the registry starts with
     unsigned long long Seed = 0; // simulated mode: 0, or what chooses who runs next
-    std::string FileRoot;        // the folder that holds C:\ and \SystemRoot; empty: no such files
+    std::string DroppedLock; // a spin lock or mutex that protects nothing in this run, by its field's name
+    std::string FileRoot;    // the folder that holds C:\ and \SystemRoot; empty: no such files
 };
 
 // Starts the host; the calling thread becomes its first thread.

@@ -39,6 +39,8 @@ void World::Load(const std::function<void()>& beforeLoad, HostMode mode)
     EmuMachineOptions options;
     options.Entry = DriverEntry;
     options.Mode = mode;
+    const char* pDropped = getenv("TV64USB_DROP_LOCK");
+    options.DroppedLock = pDropped != nullptr ? pDropped : "";
     options.FileRoot = Folder;
     options.BeforeLoad = beforeLoad;
     options.Settings = {{"LogFile", "\\??\\C:\\driver.log"},

@@ -1,6 +1,7 @@
 // scenario.cpp - who does what in a schedule's life, and what must hold at its end.
 #include "scenario.h"
 
+#include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <random>
@@ -31,6 +32,8 @@ Life::Life(unsigned long long ullSeed, const std::string& folder) : Random(ullSe
     EmuMachineOptions options;
     options.Entry = DriverEntry;
     options.Seed = ullSeed;
+    const char* pDropped = getenv("TV64USB_DROP_LOCK");
+    options.DroppedLock = pDropped != nullptr ? pDropped : "";
     options.FileRoot = folder;
     options.Settings = {{"KorvexHotkey", 0x00010039u},
                         {"KorvexLEDDisabled", Draw(2)},

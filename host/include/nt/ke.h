@@ -91,7 +91,8 @@ void KeLowerIrql(KIRQL NewIrql);
 KIRQL KeRaiseIrqlToDpcLevel(void);
 #define KeRaiseIrql(NewIrql, OldIrql) (*(OldIrql) = KfRaiseIrql(NewIrql))
 
-void KeInitializeSpinLock(PKSPIN_LOCK SpinLock);
+void HostInitializeSpinLock(PKSPIN_LOCK SpinLock, const char* pName);
+#define KeInitializeSpinLock(pLock) HostInitializeSpinLock((pLock), #pLock) // named, so that it can be dropped
 KIRQL KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK SpinLock);
 void KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql);
 void KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock);
@@ -104,7 +105,8 @@ void KeClearEvent(PRKEVENT Event);
 LONG KeResetEvent(PRKEVENT Event);
 LONG KeReadStateEvent(PRKEVENT Event);
 
-void KeInitializeMutex(PRKMUTEX Mutex, ULONG Level);
+void HostInitializeMutex(PRKMUTEX Mutex, ULONG Level, const char* pName);
+#define KeInitializeMutex(pMutex, ulLevel) HostInitializeMutex((pMutex), (ulLevel), #pMutex)
 LONG KeReleaseMutex(PRKMUTEX Mutex, BOOLEAN Wait);
 
 NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR_MODE WaitMode,
