@@ -30,6 +30,12 @@ static void OneKeyboard(World& world)
     world.Open(world.Plug());
 }
 
+static void OneMacroKeyboard(World& world)
+{
+    world.Macros = MacroModeOnKeys;
+    OneKeyboard(world);
+}
+
 static void PlugTwo(World& world)
 {
     for (int i = 0; i < 2; i++) {
@@ -144,8 +150,8 @@ const std::vector<Scenario> Scenarios = {
     {"load", Nothing, LoadDriver},
     {"add and start", Loaded, AddAndStart},
     {"typing with hotkeys", OneKeyboard, TypeHotkeys},
-    {"macro playback", OneKeyboard, PlayMacros},
-    {"tour of all requests", OneKeyboard, TourOfRequests},
+    {"macro playback", OneMacroKeyboard, PlayMacros},
+    {"tour of all requests", OneMacroKeyboard, TourOfRequests},
     {"removal, first one asked, second one pulled", Loaded, RemoveTwo<true, false>},
     {"removal, first one pulled, second one asked", Loaded, RemoveTwo<true, true>},
     {"removal, second one asked, first one pulled", Loaded, RemoveTwo<false, false>},

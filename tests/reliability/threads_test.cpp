@@ -24,10 +24,22 @@ struct Crowd {
     std::atomic<ULONG> ulNewest{3}; // index of the keyboard that comes and goes
 };
 
-// Plain keys, the mode hotkey, two macro keys, a hotkey with its modifier, Esc, Caps Lock.
+// Volume up and down, and now and then the mode hotkey, twice: while the mode is on, everybody is in it.
+void TypePower(Crowd& crowd, EmuKeyboard* pKeyboard)
+{
+    for (unsigned i = 0; crowd.Working(); i++) {
+        const EmuBytes key =
+            i % 64 < 2 ? EmuBytes{0x23, 0x02} : EmuBytes{static_cast<UCHAR>(0xE9 + i % 2), 0};
+        crowd.Typed += pKeyboard->Report(key) ? 1 : 0;
+        crowd.Typed += pKeyboard->Report({0, 0}) ? 1 : 0;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+// Plain keys, two macro keys, a hotkey with its modifier, Esc, Caps Lock.
 void Type(Crowd& crowd, EmuKeyboard* pKeyboard)
 {
-    static const UCHAR ucKeys[] = {0x04, 0x39, 0x3A, 0x3B, 0x29, 0x05, 0x39};
+    static const UCHAR ucKeys[] = {0x04, 0x39, 0x3A, 0x3B, 0x29, 0x05, 0x1E};
     for (unsigned i = 0; crowd.Working(); i++) {
         const UCHAR ucModifiers = i % 3 == 0 ? 0x01 : 0;
         crowd.Typed += pKeyboard->Report({ucModifiers, 0, ucKeys[i % sizeof ucKeys], 0, 0, 0, 0, 0}) ? 1 : 0;
@@ -99,6 +111,7 @@ TEST(Threaded, ACrowdAtFourKeyboards)
 {
     const char* pSeconds = getenv("TV64USB_SECONDS");
     Crowd crowd(pSeconds != nullptr ? static_cast<unsigned>(atoi(pSeconds)) : 3);
+    crowd.System.Macros = MacroModeOnPowerKeys;
     crowd.System.Load({}, HostThreaded);
     ASSERT_EQ(crowd.System.Machine->LoadStatus(), STATUS_SUCCESS);
     EmuPlugOptions plug;
@@ -112,7 +125,8 @@ TEST(Threaded, ACrowdAtFourKeyboards)
     for (EmuKeyboard* pKeyboard : crowd.System.Keyboards) {
         threads.push_back(HostStartThread([&crowd, pKeyboard] { Type(crowd, pKeyboard); }));
     }
-    threads.push_back(HostStartThread([&crowd] { Type(crowd, crowd.System.Keyboards[0]); }));
+    EmuKeyboard* pPower = crowd.System.Machine->Plug(EmuPowerKeyboard, plug);
+    threads.push_back(HostStartThread([&crowd, pPower] { TypePower(crowd, pPower); }));
     threads.push_back(HostStartThread([&crowd] { Apply(crowd, false); }));
     threads.push_back(HostStartThread([&crowd] { Apply(crowd, true); }));
     threads.push_back(HostStartThread([&crowd, &plug] { PlugAndPull(crowd, plug); }));

@@ -45,9 +45,9 @@ void World::Load(const std::function<void()>& beforeLoad, HostMode mode)
     options.BeforeLoad = beforeLoad;
     options.Settings = {{"LogFile", "\\??\\C:\\driver.log"},
                         {"LogLevel", 1u},
-                        {"KorvexHotkey", 0x00010039u},
+                        {"KorvexHotkey", static_cast<ULONG>(Macros)},
                         {"KorvexLEDDisabled", 0u},
-                        {"KorvexDelay", 10u},
+                        {"KorvexDelay", 2u},
                         {"KorvexConfigFile", "\\??\\C:\\macros.bin"}};
     Machine = std::make_unique<EmuMachine>(options);
     if (Machine->Driver() != nullptr) {

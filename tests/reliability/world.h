@@ -16,6 +16,9 @@
 #include "emu/app/application.h"
 #include "emu/app/machine.h"
 
+// On which keyboards the macro mode's hotkey lies. Those keyboards know no other road.
+enum MacroMode : ULONG { NoMacroMode = 0, MacroModeOnKeys = 0x00010039, MacroModeOnPowerKeys = 0x02010023 };
+
 struct World {
     World();
     ~World();
@@ -29,7 +32,8 @@ struct World {
     static void Press(EmuKeyboard* pKeyboard, UCHAR ucUsage, UCHAR ucModifiers = 0);
     static void Let(unsigned uMs);
 
-    std::string Folder; // what C:\ is
+    MacroMode Macros = NoMacroMode; // as the driver finds it when it is loaded
+    std::string Folder;             // what C:\ is
     std::unique_ptr<EmuMachine> Machine;
     std::unique_ptr<EmuApplication> Application;
     std::vector<EmuKeyboard*> Keyboards;

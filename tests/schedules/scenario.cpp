@@ -22,6 +22,7 @@ struct Life {
     std::mt19937_64 Random; // threads take turns, so they share it
     std::unique_ptr<EmuMachine> Machine;
     EmuKeyboard* pKeyboards[3] = {};
+    const EmuDescriptors* pSecondKind = nullptr;
     EmuPlugOptions Plug;
     unsigned long long ullDigest = 0xcbf29ce484222325;
     unsigned uReceived = 0;
@@ -35,7 +36,11 @@ Life::Life(unsigned long long ullSeed, const std::string& folder) : Random(ullSe
     const char* pDropped = getenv("TV64USB_DROP_LOCK");
     options.DroppedLock = pDropped != nullptr ? pDropped : "";
     options.FileRoot = folder;
-    options.Settings = {{"KorvexHotkey", 0x00010039u},
+    // The mode hotkey on the standard keyboards keeps them from every other road; so does the mode itself.
+    static const ULONG HOTKEYS[] = {0, 0x00010039, 0x02010023, 0x02010023};
+    const ULONG ulHotkey = HOTKEYS[Draw(4)];
+    pSecondKind = ulHotkey > 0xFFFFFF ? &EmuPowerKeyboard : &EmuBootKeyboard;
+    options.Settings = {{"KorvexHotkey", ulHotkey},
                         {"KorvexLEDDisabled", Draw(2)},
                         {"KorvexDelay", Draw(3) * 5},
                         {"KorvexConfigFile", "\\??\\C:\\macros.bin"}};
@@ -67,15 +72,23 @@ void Life::Pause()
     }
 }
 
-// Plain keys, the macro mode's key, two macros, a hotkey with its modifier, Esc, the point-of-sale's arrow.
-void Type(Life& life, EmuKeyboard* pKeyboard)
+// Plain keys, the macro mode's key, two macros, a hotkey with its modifier, Esc, the point-of-sale's arrow,
+// Caps Lock; on a power keyboard its mode key and the volume.
+void Type(Life& life, EmuKeyboard* pKeyboard, bool bPower)
 {
     static const UCHAR KEYS[] = {0x04, 0x39, 0x3A, 0x3B, 0x29, 0x05, 0x52, 0x39};
+    static const EmuBytes POWER[] = {{0x23, 0x02}, {0xE9, 0x00}, {0xE9, 0x00}, {0xEA, 0x00}};
     for (int i = 0; i < TYPED; i++) {
-        const UCHAR ucModifiers = life.Draw(3) == 0 ? 0x01 : 0;
-        pKeyboard->Report({ucModifiers, 0, KEYS[life.Draw(sizeof KEYS)], 0, 0, 0, 0, 0});
-        life.Pause();
-        pKeyboard->Report({0, 0, 0, 0, 0, 0, 0, 0});
+        if (bPower) {
+            pKeyboard->Report(POWER[life.Draw(4)]);
+            life.Pause();
+            pKeyboard->Report({0, 0});
+        } else {
+            const UCHAR ucModifiers = life.Draw(3) == 0 ? 0x01 : 0;
+            pKeyboard->Report({ucModifiers, 0, KEYS[life.Draw(sizeof KEYS)], 0, 0, 0, 0, 0});
+            life.Pause();
+            pKeyboard->Report({0, 0, 0, 0, 0, 0, 0, 0});
+        }
         life.Pause();
     }
 }
@@ -166,11 +179,12 @@ ScheduleOutcome LiveThroughSchedule(unsigned long long ullSeed, const std::strin
         return {"the driver did not load", 0, 0};
     }
     for (int i = 0; i < 2; i++) {
-        life.pKeyboards[i] = life.Machine->Plug(EmuBootKeyboard, life.Plug);
+        life.pKeyboards[i] = life.Machine->Plug(i == 0 ? EmuBootKeyboard : *life.pSecondKind, life.Plug);
     }
     std::vector<HostThread> threads;
     for (int i = 0; i < 2; i++) {
-        threads.push_back(HostStartThread([&life, i] { Type(life, life.pKeyboards[i]); }));
+        threads.push_back(HostStartThread(
+            [&life, i] { Type(life, life.pKeyboards[i], i == 1 && life.pSecondKind == &EmuPowerKeyboard); }));
         threads.push_back(HostStartThread([&life, i] { Apply(life, i != 0); }));
     }
     threads.push_back(HostStartThread([&life] { PullAndPlug(life); }));
