@@ -28,7 +28,7 @@ using HostText = std::u16string;
 [[noreturn]] void HostBug(const char* pCode, const char* pFormat, ...) __attribute__((format(printf, 2, 3)));
 void HostLeak(unsigned& uCount, const char* pFormat, ...) __attribute__((format(printf, 2, 3)));
 bool HostShouldFail(const char* pKind); // asked by every fallible call
-bool HostIsDropped(const char* pName); // lock.cpp
+bool HostIsDropped(const char* pName);  // lock.cpp
 // A kernel service begins: its caller runs at this level or lower; with a seed, others may run first.
 void HostEnter(const char* pRoutine, KIRQL highest);
 

@@ -92,7 +92,8 @@ KIRQL KeRaiseIrqlToDpcLevel(void);
 #define KeRaiseIrql(NewIrql, OldIrql) (*(OldIrql) = KfRaiseIrql(NewIrql))
 
 void HostInitializeSpinLock(PKSPIN_LOCK SpinLock, const char* pName);
-#define KeInitializeSpinLock(pLock) HostInitializeSpinLock((pLock), #pLock) // named, so that it can be dropped
+#define KeInitializeSpinLock(pLock)                                                                          \
+    HostInitializeSpinLock((pLock), #pLock) // named, so that it can be dropped
 KIRQL KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK SpinLock);
 void KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql);
 void KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock);
