@@ -5,6 +5,7 @@
 // waits for the first entry.
 #include "core.h"
 
+#include <algorithm>
 #include <chrono>
 
 // 2014-03-07 09:41:05 UTC in 100 ns since 1601.
@@ -71,22 +72,26 @@ static void Fire(PKTIMER pTimer)
     HostSignal(&pTimer->Header);
 }
 
-// Fires timers and ends timed waits, in order. Threads that run freely end their timed waits themselves.
-// Lock: held.
+// Fires a timer or ends a timed wait. Lock: held.
+static void Expire(HostState::DueThing thing)
+{
+    if (thing.pThread != nullptr) {
+        HostEndWait(thing.pThread, STATUS_TIMEOUT);
+    } else {
+        Disarm(thing.pTimer);
+        Fire(thing.pTimer);
+    }
+}
+
+// Expires all that is due, in order. Threads that run freely end their timed waits themselves. Lock: held.
 void HostExpire(LONGLONG llNow)
 {
     for (auto it = g->Due.begin(); it != g->Due.end() && it->first.first <= llNow;) {
-        HostState::DueThing thing = it->second;
-        if (thing.pThread != nullptr && g->bThreaded) {
+        if (it->second.pThread != nullptr && g->bThreaded) {
             ++it;
             continue;
         }
-        if (thing.pThread != nullptr) {
-            HostEndWait(thing.pThread, STATUS_TIMEOUT);
-        } else {
-            Disarm(thing.pTimer);
-            Fire(thing.pTimer);
-        }
+        Expire(it->second);
         it = g->Due.begin();
     }
 }
@@ -217,6 +222,26 @@ bool HostNextTimerUs(unsigned long long* pullUs)
         return false;
     }
     *pullUs = static_cast<unsigned long long>((g->Due.begin()->first.first + 9) / 10);
+    return true;
+}
+
+// Two timers of one microsecond are two steps: what the first causes has run before the second fires.
+// IRQL: PASSIVE_LEVEL. Lock: takes Lock.
+bool HostExpireNext(unsigned long long ullUs)
+{
+    HostEnter(__func__, PASSIVE_LEVEL);
+    HostSettle();
+    {
+        HostLock lock(g->Lock);
+        if (g->bThreaded || g->Due.empty() ||
+            g->Due.begin()->first.first > static_cast<LONGLONG>(ullUs) * 10) {
+            return false;
+        }
+        g->llNow = std::max(g->llNow, g->Due.begin()->first.first);
+        Expire(g->Due.begin()->second);
+    }
+    HostRunDpcs();
+    HostSettle();
     return true;
 }
 

@@ -69,6 +69,9 @@ void HostCloseHandle(HANDLE h);
 unsigned long long HostNowUs();
 // Moves the clock, expiring what becomes due in order; everything runnable runs before and after each step.
 void HostAdvanceToUs(unsigned long long ullUs);
+// Simulated: moves the clock to the first timer or timed wait due until then, expires it alone and runs what
+// it causes; false if nothing is due.
+bool HostExpireNext(unsigned long long ullUs);
 // The time at which the next timer or timed wait is due; false if there is none.
 bool HostNextTimerUs(unsigned long long* pullUs);
 // A sum over all choices of who ran so far: equal for equal runs.

@@ -199,7 +199,11 @@ TEST(Simulated, TheClockMovesOnlyWhenToldOrWhenEverybodyWaits)
     HostAdvanceToUs(6000);
     EXPECT_EQ(6000u, HostNowUs());
     EXPECT_EQ((std::vector<std::string>{"b5000"}), order);
-    LARGE_INTEGER delay = Ms(4);
+    EXPECT_FALSE(HostExpireNext(6999));
+    EXPECT_EQ(6000u, HostNowUs());
+    EXPECT_TRUE(HostExpireNext(7000)); // one of the two that are due
+    EXPECT_EQ((std::vector<std::string>{"b5000", "a7000"}), order);
+    LARGE_INTEGER delay = Ms(3);
     KeDelayExecutionThread(KernelMode, FALSE, &delay);
     EXPECT_EQ(10000u, HostNowUs());
     EXPECT_EQ((std::vector<std::string>{"b5000", "a7000", "c7000"}), order);

@@ -358,6 +358,33 @@ TEST(Replay, KnowsBothInterfacesOfOneKeyboard)
               Only(Only(lines, "\"report\","), "\"kbd\":1"));
 }
 
+// Two keyboards play at the same pace. Both wait for the same microsecond: the first one's report and the read
+// that follows it come before the second one's timer, which finds nothing left and ends the pacing.
+TEST(Replay, LetsTimersOfOneMicrosecondActOneAfterTheOther)
+{
+    DriveFolder folder;
+    FileBytes macros = MacroFileHead();
+    AppendMacro(macros, 0x3A, {{1}, {2}, {3}, {4}});
+    AppendMacro(macros, 0x3B, {{5}});
+    folder.Write("macros.bin", macros);
+    Lines lines =
+        ReplayedRecording("D: 0\nE: 0.0 8 00 00 47 00 00 00 00 00\nE: 1.0 8 00 00 3a 00 00 00 00 00\n"
+                          "D: 1\nE: 1.0 8 00 00 3b 00 00 00 00 00\n",
+                          "[settings]\nKorvexHotkey = \"Scroll Lock\"\nKorvexLEDDisabled = 1\n"
+                          "KorvexDelay = 8\nKorvexConfigFile = \"" +
+                              folder.Path() + "/macros.bin\"\n",
+                          "normal");
+    Lines played;
+    for (const std::string& line : Only(lines, "\"in\":null"))
+        played.push_back(line.substr(strlen(R"({"type":"report",)")));
+    EXPECT_EQ((Lines{R"("t_us":1000000,"kbd":0,"in":null,"out":"0100000000000000"})",
+                     R"("t_us":1008000,"kbd":0,"in":null,"out":"0200000000000000"})",
+                     R"("t_us":1008000,"kbd":1,"in":null,"out":"0500000000000000"})",
+                     R"("t_us":1016000,"kbd":0,"in":null,"out":"0300000000000000"})",
+                     R"("t_us":1024000,"kbd":0,"in":null,"out":"0400000000000000"})"}),
+              played);
+}
+
 TEST(Replay, SwitchedOffLeavesReportsAlone)
 {
     Lines lines = ReplayedRecording("E: 0.0 8 01 00 3a 00 00 00 00 00\n",

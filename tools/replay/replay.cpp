@@ -182,14 +182,12 @@ private:
         }
     }
 
-    // Moves the clock to that time, stopping wherever something is due on the way to tell what it did.
+    // Moves the clock to that time, timer by timer: what one did is told, and the reads that follow from it
+    // are sent, before the next one expires, be it at the same microsecond.
     void MoveClock(uint64_t ullUs)
     {
-        unsigned long long ullDue = 0;
-        while (HostNextTimerUs(&ullDue) && ullDue <= ullUs) {
-            HostAdvanceToUs(ullDue);
+        while (HostExpireNext(ullUs))
             TellAll();
-        }
         if (HostNowUs() < ullUs)
             HostAdvanceToUs(ullUs);
         TellAll();
