@@ -16,8 +16,8 @@ public:
     Status Reload() const;
     // Mode changes and captured reports, of all keyboards.
     MacroQueue Records() const;
-    // While 1, reports of ordinary keyboards come as records instead of reaching the system. SetCapture takes any
-    // byte; the value stays when the driver is closed.
+    // While 1, and a mode key is set, reports of ordinary keyboards come as records instead of reaching the system.
+    // SetCapture takes any byte; the value stays when the driver is closed.
     Result<uint32_t> GetCapture() const;
     Status SetCapture(uint8_t ucValue) const;
 

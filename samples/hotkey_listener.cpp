@@ -16,20 +16,21 @@ static int Fail(const tvusb::Status& status)
     return 1;
 }
 
-// Tells of events until there were enough of them.
+// Tells of so many events.
 static tvusb::Status Tell(const tvusb::NotifyListener& listener, unsigned long ulEvents)
 {
-    while (ulEvents != 0) {
+    for (;;) {
         auto records = listener.Wait(10000);
         if (!records || records->empty()) {
             return records.Error();
         }
         for (const NotifyRecord& record : *records) {
             printf("hotkey %u %s\n", record.ulId, record.ulValue == 1 ? "down" : "up");
-            ulEvents -= ulEvents != 0;
+            if (--ulEvents == 0) {
+                return tvusb::Status::Success;
+            }
         }
     }
-    return tvusb::Status::Success;
 }
 
 int main(int argc, char** argv)
@@ -62,6 +63,7 @@ int main(int argc, char** argv)
     if (!status.Ok()) {
         return Fail(status);
     }
-    status = Tell(*listener, argc > 1 ? strtoul(argv[1], nullptr, 10) : 4);
+    unsigned long ulEvents = argc > 1 ? strtoul(argv[1], nullptr, 10) : 4;
+    status = Tell(*listener, ulEvents != 0 ? ulEvents : 1);
     return status == tvusb::Status::Success ? 0 : Fail(status);
 }

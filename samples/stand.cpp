@@ -1,5 +1,5 @@
 // stand.cpp - what an application finds where no driver is installed: the driver itself on the emulated system,
-// one emulated keyboard, and someone who presses Ctrl+F1 every half second.
+// one emulated keyboard with something in its EEPROM, and someone who presses Ctrl+F1 every half second.
 //
 // The machine comes up with the first transport and goes down when the program ends; what is left over then is
 // told on standard error, and the program ends with 1. Time is virtual: it passes while every thread waits.
@@ -18,6 +18,9 @@ class Stand
 public:
     Stand() : m_Machine(Options()), m_pKeyboard(m_Machine.Plug()), m_hPause(HostCreateEvent(false))
     {
+        for (UCHAR i = 0; i < 64; i++) {
+            m_pKeyboard->Memory().ucEeprom[i] = i;
+        }
         m_Typist = HostStartThread([this] { Type(); });
     }
 

@@ -229,7 +229,8 @@ enum : uint32_t {
     // [macros] Reads the macro settings and the macro file again; what cannot be read keeps its value.
     IOCTL_TVUSB_RELOAD_MACROS = TvUsbControlCode(0x840), // record
 
-    // [macros] 1 while ordinary keyboards' reports come as macro records instead of reaching the system.
+    // [macros] 1 while ordinary keyboards' reports come as macro records instead of reaching the system;
+    // they do so only when a mode key is set.
     IOCTL_TVUSB_GET_CAPTURE = TvUsbControlCode(0x841), // -> u32
 
     // [macros] Switches that capture on with 1; the low byte counts. It stays when the last handle is

@@ -1,63 +1,13 @@
-// keyboard_test.cpp - the library against a running driver and emulated keyboards, as processes of both sizes.
-#include <gtest/gtest.h>
-
-#include "client/client.h"
-#include "client/host_transport.h"
-#include "driver/driver.h"
-#include "emu/app/machine.h"
+// keyboard_test.cpp - the library against a running driver and emulated keyboards, as processes of both sizes:
+// hotkeys, queues, insertions, look-ups, handles.
+#include "tests/client/client_test.h"
 
 namespace
 {
 using tvusb::Status;
 using Found = tvusb::Result<tvusb::Keyboard>;
 
-const char16_t HARDWARE_ID[] = u"HID\\VID_1234";
-
-class ClientTest : public testing::TestWithParam<tvusb::ProcessSize>
-{
-protected:
-    static EmuMachineOptions Options()
-    {
-        EmuMachineOptions options;
-        options.Entry = DriverEntry;
-        return options;
-    }
-
-    void SetUp() override
-    {
-        pPlugged = machine.Plug();
-        driver = tvusb::Driver(tvusb::HostTransport(GetParam()));
-        ASSERT_TRUE(driver.Open().Ok());
-        auto found = driver.FindByIndex(pPlugged->Index());
-        ASSERT_TRUE(found.Ok()) << found.Error().Text();
-        keyboard = *found;
-    }
-
-    void TearDown() override
-    {
-        driver.Close();
-        EXPECT_EQ(machine.Unload(), 0u);
-    }
-
-    std::u16string NameOf(EmuKeyboard* pKeyboard) const
-    {
-        const UNICODE_STRING& name = FilterContextOf(pKeyboard->Filter())->InterfaceLinkName;
-        return std::u16string(reinterpret_cast<const char16_t*>(name.Buffer), name.Length / 2);
-    }
-
-    // Ctrl+F1 goes down and up.
-    void PressHotkey()
-    {
-        pPlugged->Report({0x01, 0, 0, 0, 0, 0, 0, 0});
-        pPlugged->Report({0x01, 0, 0x3A, 0, 0, 0, 0, 0});
-        pPlugged->Report({0x00, 0, 0, 0, 0, 0, 0, 0});
-    }
-
-    EmuMachine machine{Options()};
-    EmuKeyboard* pPlugged = nullptr;
-    tvusb::Driver driver{nullptr};
-    tvusb::Keyboard keyboard;
-};
+const char16_t UNKNOWN_ID[] = u"USB\\VID_1234";
 
 TEST_P(ClientTest, AHotkeyIsTold)
 {
@@ -107,13 +57,16 @@ TEST_P(ClientTest, AQueueIsCountedPeekedTakenAndCleared)
     EXPECT_TRUE(queue.TakeAll()->empty());
 }
 
-TEST_P(ClientTest, MacroModeIsAskedAndItsQueueHasOneEvent)
+class MacroTest : public ClientTest
+{
+protected:
+    MacroTest() : ClientTest({{"KorvexHotkey", 0x00010039u}}) {} // Caps Lock switches the mode
+};
+
+TEST_P(MacroTest, MacroModeIsAskedAndItsQueueHasOneEvent)
 {
     auto macros = driver.Macros();
     EXPECT_FALSE(*macros.IsOn());
-    EXPECT_TRUE(macros.SetCapture(1).Ok());
-    EXPECT_EQ(*macros.GetCapture(), 1u);
-    EXPECT_TRUE(macros.SetCapture(0).Ok());
     EXPECT_TRUE(macros.Reload().Ok());
     EXPECT_TRUE(macros.Records().Clear().Ok());
     auto listener = macros.Records().Listen();
@@ -121,6 +74,22 @@ TEST_P(ClientTest, MacroModeIsAskedAndItsQueueHasOneEvent)
     EXPECT_EQ(macros.Records().Listen().Error(), Status::Unsuccessful);
     EXPECT_EQ(listener->Wait(10).Error(), Status::Timeout);
     EXPECT_EQ(macros.Records().Take().Error(), Status::Unsuccessful);
+
+    // A captured report comes as a record and never reaches the system.
+    EXPECT_TRUE(macros.SetCapture(1).Ok());
+    EXPECT_EQ(*macros.GetCapture(), 1u);
+    ASSERT_TRUE(keyboard.StartProcessing().Ok());
+    pPlugged->Taken();
+    pPlugged->Report({0, 0, 4, 0, 0, 0, 0, 0});
+    auto records = listener->Wait(10);
+    ASSERT_EQ(records->size(), 1u);
+    EXPECT_EQ(records->at(0).usType, MACRO_RECORD_REPORT);
+    EXPECT_EQ(records->at(0).ucReport[2], 4);
+    EXPECT_EQ(pPlugged->Taken().at(0).Bytes, EmuBytes(8));
+    pPlugged->Report({0, 0, 0x39, 0, 0, 0, 0, 0});
+    EXPECT_EQ(listener->Wait(10)->at(0).ucMode, 1);
+    EXPECT_TRUE(*macros.IsOn());
+    EXPECT_TRUE(macros.SetCapture(0).Ok());
     listener->Stop();
     EXPECT_TRUE(macros.Records().Listen().Ok());
 }
@@ -169,7 +138,7 @@ TEST_P(ClientTest, KeyboardsAreFoundThreeWaysAndAgain)
     EXPECT_EQ(byId->Index(), 0u);
     EXPECT_EQ(second->Index(), pTwin->Index());
     EXPECT_EQ(driver.FindByHardwareId(id, 2).Error(), Status::Unsuccessful);
-    EXPECT_EQ(driver.FindByHardwareId(HARDWARE_ID).Error(), Status::Unsuccessful);
+    EXPECT_EQ(driver.FindByHardwareId(UNKNOWN_ID).Error(), Status::Unsuccessful);
     EXPECT_EQ(driver.FindByName(u"nobody").Error(), Status::Unsuccessful);
     EXPECT_EQ(driver.FindByIndex(77).Error(), Status::Unsuccessful);
 
@@ -251,9 +220,6 @@ TEST_P(ClientTest, HandlesCloseOnceAndMovedFromOnesAnswer)
     EXPECT_TRUE(taken.GetLeds().Ok());
 }
 
-INSTANTIATE_TEST_SUITE_P(Processes, ClientTest,
-                         testing::Values(tvusb::ProcessSize::Bits64, tvusb::ProcessSize::Bits32),
-                         [](const auto& info) {
-                             return info.param == tvusb::ProcessSize::Bits32 ? "Bits32" : "Bits64";
-                         });
+INSTANTIATE_TEST_SUITE_P(Processes, MacroTest, BothProcessSizes, ProcessSizeName);
+INSTANTIATE_TEST_SUITE_P(Processes, ClientTest, BothProcessSizes, ProcessSizeName);
 } // namespace
