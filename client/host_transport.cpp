@@ -36,8 +36,7 @@ public:
         HostSetCaller32(m_b32);
         ULONG ulReported = 0;
         NTSTATUS status = HostDeviceControl(m_File, ulCode, pIn, ulIn, pOut, ulOut, &ulReported);
-        *pulReported =
-            NT_SUCCESS(status) ? ulReported : 0; // what a failure reports does not arrive elsewhere
+        *pulReported = ulReported;
         return static_cast<uint32_t>(status);
     }
 

@@ -24,7 +24,7 @@ const StatusText StatusTexts[] = {
     {Status::AccessDenied, "this account may not do that"},
     {Status::BufferTooSmall, "the request's input or output is too short"},
     {Status::ObjectTypeMismatch, "the handle is not one of an event"},
-    {Status::NameNotFound, "no keyboard of the driver is started, so there is nothing to open"},
+    {Status::NameNotFound, "the system has no such device"},
     {Status::InsufficientResources, "memory is short"},
     {Status::DeviceDataError, "fewer bytes came than were asked for"},
     {Status::Cancelled, "the request was called back"},
@@ -54,6 +54,9 @@ const char* Status::Meaning() const
     const RequestText* pRequest = FindRequest(m_ulRequest);
     if (m_ulValue == Unsuccessful && pRequest != nullptr && pRequest->pUnsuccessful[0] != 0) {
         return pRequest->pUnsuccessful;
+    }
+    if (m_ulValue == NameNotFound && pRequest == nullptr) {
+        return "no keyboard of the driver is started, so there is nothing to open";
     }
     for (const StatusText& row : StatusTexts) {
         if (row.ulValue == m_ulValue) {

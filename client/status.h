@@ -24,7 +24,7 @@ public:
         AccessDenied = 0xC0000022,
         BufferTooSmall = 0xC0000023,
         ObjectTypeMismatch = 0xC0000024, // a handle of something else than an event
-        NameNotFound = 0xC0000034,       // no control device: no keyboard of the driver is started
+        NameNotFound = 0xC0000034,       // opening: no keyboard is started; else a system device is not there
         InsufficientResources = 0xC000009A,
         DeviceDataError = 0xC000009C, // fewer bytes than were asked for
         Cancelled = 0xC0000120,

@@ -20,7 +20,8 @@ public:
     virtual uint32_t Open() = 0;
     // Closes it; the driver's last close releases all that the application had set up.
     virtual void Close() = 0;
-    // Sends one control request and waits for its end. *pulReported: the bytes written to pOut, 0 after a failure.
+    // Sends one control request and waits for its end. *pulReported: how many bytes of pOut the answer has; a
+    // failure's may get lost on the way.
     virtual uint32_t Send(uint32_t ulCode, const void* pIn, uint32_t ulIn, void* pOut, uint32_t ulOut,
                           uint32_t* pulReported) = 0;
     // Whether the process is a 32-bit one: its input records have another layout.

@@ -1,227 +1,151 @@
-// Builds the input records of both process sizes, sends the requests, hands back what they reported.
+// Each request by the library's own call; what the library gives as a value is handed back as a status.
 #include "application.h"
 
-#include <cstring>
+#include "client/host_transport.h"
 
-EmuApplication::EmuApplication(bool b32) : m_b32(b32)
+using tvusb::ProcessSize;
+
+static NTSTATUS StatusOf(const tvusb::Status& status)
 {
-    HostSetCaller32(m_b32);
-    m_OpenStatus = HostOpen(L"\\DosDevices\\TvUSB", &m_File);
-    if (!NT_SUCCESS(m_OpenStatus)) {
-        m_File = nullptr;
-    }
+    return static_cast<NTSTATUS>(status.Value());
 }
 
-EmuApplication::~EmuApplication()
+EmuApplication::EmuApplication(bool b32)
+    : m_Channel(tvusb::HostTransport(b32 ? ProcessSize::Bits32 : ProcessSize::Bits64)),
+      m_OpenStatus(StatusOf(m_Channel.Open()))
 {
-    Close();
 }
 
 void EmuApplication::Close()
 {
-    if (m_File) {
-        HostClose(m_File);
-    }
-    m_File = nullptr;
-    for (auto& [ulIndex, hEvent] : m_Notify) {
-        HostCloseHandle(hEvent);
-    }
+    m_Channel.Close();
     m_Notify.clear();
-    if (m_hMacro) {
-        HostCloseHandle(m_hMacro);
-    }
-    m_hMacro = nullptr;
+    m_Macro.Close();
 }
 
 NTSTATUS EmuApplication::Request(ULONG ulCode, const std::vector<UCHAR>& In, ULONG ulOut,
                                  std::vector<UCHAR>* pOut)
 {
-    if (!m_File) {
-        return STATUS_INVALID_HANDLE;
-    }
-    HostSetCaller32(m_b32);
     std::vector<UCHAR> out(ulOut);
-    ULONG ulInformation = 0;
-    NTSTATUS status =
-        HostDeviceControl(m_File, ulCode, In.data(), (ULONG)In.size(), out.data(), ulOut, &ulInformation);
+    tvusb::Status status = m_Channel.Send(ulCode, {In.data(), (ULONG)In.size()}, &out);
     if (pOut) {
-        out.resize(ulInformation < ulOut ? ulInformation : ulOut);
         *pOut = std::move(out);
     }
-    return status;
+    return StatusOf(status);
 }
 
 NTSTATUS EmuApplication::RequestRecord(ULONG ulCode, ULONG ulIndex, const void* pPayload, ULONG ulPayload,
                                        ULONG ulOut, std::vector<UCHAR>* pOut)
 {
-    const size_t payloadAt = m_b32 ? 4 : 8;
-    std::vector<UCHAR> in(m_b32 ? 520 : 528);
-    if (in.size() < payloadAt + ulPayload) {
-        in.resize(payloadAt + ulPayload);
+    std::vector<UCHAR> out(ulOut);
+    tvusb::Status status = m_Channel.SendRecord(ulCode, ulIndex, {pPayload, ulPayload}, &out);
+    if (pOut) {
+        *pOut = std::move(out);
     }
-    memcpy(in.data(), &ulIndex, sizeof ulIndex);
-    if (ulPayload != 0) {
-        memcpy(in.data() + payloadAt, pPayload, ulPayload);
-    }
-    return Request(ulCode, in, ulOut, pOut);
+    return StatusOf(status);
 }
 
 NTSTATUS EmuApplication::AddDefinition(ULONG ulIndex, const KeyDefinition& definition)
 {
-    return RequestRecord(IOCTL_TVUSB_ADD_DEFINITION, ulIndex, &definition, sizeof definition);
+    return StatusOf(At(ulIndex).AddDefinition(definition));
 }
 
 NTSTATUS EmuApplication::RemoveDefinition(ULONG ulIndex, ULONG ulId)
 {
-    return RequestRecord(IOCTL_TVUSB_REMOVE_DEFINITION, ulIndex, &ulId, sizeof ulId);
+    return StatusOf(At(ulIndex).RemoveDefinition(ulId));
 }
 
 NTSTATUS EmuApplication::StartReportProcessing(ULONG ulIndex)
 {
-    return RequestRecord(IOCTL_TVUSB_START_PROCESSING, ulIndex, nullptr, 0);
+    return StatusOf(At(ulIndex).StartProcessing());
 }
 
 NTSTATUS EmuApplication::StopReportProcessing(ULONG ulIndex)
 {
-    return RequestRecord(IOCTL_TVUSB_STOP_PROCESSING, ulIndex, nullptr, 0);
+    return StatusOf(At(ulIndex).StopProcessing());
 }
 
-// A handle is four bytes wide for a 32-bit process, eight for a 64-bit one.
-NTSTATUS EmuApplication::RegisterHandle(ULONG ulCode, ULONG ulIndex, HANDLE hEvent)
+// Makes an event and keeps it when it was registered and none is kept.
+template <class Queue>
+static NTSTATUS RegisterOwn(const tvusb::Channel& channel, const Queue& queue, tvusb::Event& kept)
 {
-    return RequestRecord(ulCode, ulIndex, &hEvent, m_b32 ? 4 : 8);
-}
-
-NTSTATUS EmuApplication::RegisterNotifyEvent(ULONG ulIndex, HANDLE hEvent)
-{
-    return RegisterHandle(IOCTL_TVUSB_REGISTER_NOTIFY_EVENT, ulIndex, hEvent);
+    auto event = tvusb::Event::Make(channel);
+    NTSTATUS status = StatusOf(queue.Register(*event));
+    if (NT_SUCCESS(status) && kept.Handle() == 0) {
+        kept = std::move(*event);
+    }
+    return status;
 }
 
 NTSTATUS EmuApplication::RegisterNotifyEvent(ULONG ulIndex)
 {
-    HANDLE hEvent = HostCreateEvent(false);
-    NTSTATUS status = RegisterNotifyEvent(ulIndex, hEvent);
-    if (!NT_SUCCESS(status) || m_Notify.count(ulIndex) != 0) {
-        HostCloseHandle(hEvent);
-    } else {
-        m_Notify[ulIndex] = hEvent;
-    }
-    return status;
+    return RegisterOwn(m_Channel, At(ulIndex).Events(), m_Notify[ulIndex]);
 }
 
 NTSTATUS EmuApplication::ReleaseNotifyEvent(ULONG ulIndex)
 {
-    NTSTATUS status = RequestRecord(IOCTL_TVUSB_RELEASE_NOTIFY_EVENT, ulIndex, nullptr, 0);
-    auto made = m_Notify.find(ulIndex);
-    if (NT_SUCCESS(status) && made != m_Notify.end()) {
-        HostCloseHandle(made->second);
-        m_Notify.erase(made);
+    NTSTATUS status = StatusOf(At(ulIndex).Events().Release());
+    if (NT_SUCCESS(status)) {
+        m_Notify.erase(ulIndex);
     }
     return status;
-}
-
-NTSTATUS EmuApplication::RegisterMacroEvent(HANDLE hEvent)
-{
-    return RegisterHandle(IOCTL_TVUSB_REGISTER_MACRO_EVENT, 0, hEvent);
 }
 
 NTSTATUS EmuApplication::RegisterMacroEvent()
 {
-    HANDLE hEvent = HostCreateEvent(false);
-    NTSTATUS status = RegisterMacroEvent(hEvent);
-    if (!NT_SUCCESS(status) || m_hMacro) {
-        HostCloseHandle(hEvent);
-    } else {
-        m_hMacro = hEvent;
-    }
-    return status;
+    return RegisterOwn(m_Channel, Macros(), m_Macro);
 }
 
 NTSTATUS EmuApplication::ReleaseMacroEvent()
 {
-    NTSTATUS status = RequestRecord(IOCTL_TVUSB_RELEASE_MACRO_EVENT, 0, nullptr, 0);
-    if (NT_SUCCESS(status) && m_hMacro) {
-        HostCloseHandle(m_hMacro);
-        m_hMacro = nullptr;
+    NTSTATUS status = StatusOf(Macros().Release());
+    if (NT_SUCCESS(status)) {
+        m_Macro.Close();
     }
     return status;
 }
 
 NTSTATUS EmuApplication::RegisterApplicationEvent(HANDLE hEvent)
 {
-    return RegisterHandle(IOCTL_TVUSB_REGISTER_APPLICATION_EVENT, 0, hEvent);
-}
-
-HANDLE EmuApplication::NotifyEvent(ULONG ulIndex) const
-{
-    auto made = m_Notify.find(ulIndex);
-    return made == m_Notify.end() ? nullptr : made->second;
+    return StatusOf(
+        m_Channel.SendHandle(IOCTL_TVUSB_REGISTER_APPLICATION_EVENT, 0, reinterpret_cast<uint64_t>(hEvent)));
 }
 
 bool EmuApplication::NotifySignalled(ULONG ulIndex)
 {
-    HANDLE hEvent = NotifyEvent(ulIndex);
-    return hEvent && HostTakeEvent(hEvent);
+    return m_Notify[ulIndex].Wait(0) == tvusb::Status::Success;
 }
 
 bool EmuApplication::MacroSignalled()
 {
-    return m_hMacro && HostTakeEvent(m_hMacro);
+    return m_Macro.Wait(0) == tvusb::Status::Success;
 }
 
-// Counts with one request and takes that many with another. Records is a record of the queue's size.
-template <class Record>
-std::vector<Record> EmuApplication::Take(ULONG ulCountCode, ULONG ulTakeCode, ULONG ulIndex,
-                                         NTSTATUS* pStatus)
+template <class Queue> static auto TakeAll(const Queue& queue, NTSTATUS* pStatus)
 {
-    std::vector<UCHAR> out;
-    NTSTATUS status = RequestRecord(ulCountCode, ulIndex, nullptr, 0, sizeof(ULONG), &out);
-    ULONG ulCount = 0;
-    if (NT_SUCCESS(status) && out.size() == sizeof ulCount) {
-        memcpy(&ulCount, out.data(), sizeof ulCount);
-    }
-    std::vector<Record> records;
-    if (ulCount != 0) {
-        USHORT usCount = (USHORT)ulCount;
-        status = RequestRecord(ulTakeCode, ulIndex, &usCount, sizeof usCount, usCount * sizeof(Record), &out);
-        if (NT_SUCCESS(status)) {
-            records.resize(out.size() / sizeof(Record));
-            memcpy(static_cast<void*>(records.data()), out.data(), records.size() * sizeof(Record));
-        }
-    }
+    auto records = queue.TakeAll();
     if (pStatus) {
-        *pStatus = status;
+        *pStatus = StatusOf(records.Error());
     }
-    return records;
+    return std::move(*records);
 }
 
 std::vector<NotifyRecord> EmuApplication::TakeRecords(ULONG ulIndex, NTSTATUS* pStatus)
 {
-    return Take<NotifyRecord>(IOCTL_TVUSB_GET_NOTIFY_COUNT, IOCTL_TVUSB_TAKE_MANY_NOTIFY, ulIndex, pStatus);
+    return TakeAll(At(ulIndex).Events(), pStatus);
 }
 
 std::vector<MacroRecord> EmuApplication::TakeMacroRecords(NTSTATUS* pStatus)
 {
-    return Take<MacroRecord>(IOCTL_TVUSB_GET_MACRO_COUNT, IOCTL_TVUSB_TAKE_MANY_MACRO, 0, pStatus);
+    return TakeAll(Macros(), pStatus);
 }
 
 NTSTATUS EmuApplication::InsertScans(ULONG ulIndex, const std::vector<UCHAR>& Scans, bool bWait)
 {
-    std::vector<UCHAR> payload(6 + Scans.size());
-    payload[0] = bWait ? 1 : 0;
-    payload[4] = (UCHAR)Scans.size();
-    payload[5] = (UCHAR)(Scans.size() >> 8);
-    std::copy(Scans.begin(), Scans.end(), payload.begin() + 6);
-    return RequestRecord(IOCTL_TVUSB_INSERT_SCANS, ulIndex, payload.data(), (ULONG)payload.size());
+    return StatusOf(At(ulIndex).InsertScans(Scans, bWait));
 }
 
 NTSTATUS EmuApplication::InsertUSBPackets(ULONG ulIndex, const std::vector<FifoEntry>& Entries)
 {
-    std::vector<UCHAR> payload(4 + Entries.size() * sizeof(FifoEntry));
-    payload[0] = (UCHAR)Entries.size();
-    payload[1] = (UCHAR)(Entries.size() >> 8);
-    if (!Entries.empty()) {
-        memcpy(payload.data() + 4, Entries.data(), Entries.size() * sizeof(FifoEntry));
-    }
-    return RequestRecord(IOCTL_TVUSB_INSERT_PACKETS, ulIndex, payload.data(), (ULONG)payload.size());
+    return StatusOf(At(ulIndex).InsertPackets(Entries, !Entries.empty() && Entries.back().ulFlags == 1));
 }

@@ -1,25 +1,24 @@
-// The application: opens the driver's control device and speaks its control requests, as a 32-bit or 64-bit
-// process.
+// The application: opens the driver's control device as a 32-bit or 64-bit process and speaks through the
+// library for applications.
 //
-// Each helper builds the request's input record in the layout of that process size, sends it and gives back
-// the request's status. One object per thread of use; events that it made are closed with it.
+// For tests and tools, which ask for statuses rather than for values. One object per thread of use; events that
+// it made are closed with it.
 #pragma once
 
 #include <kernel.h>
 #include <host.h>
 
 #include <map>
-#include <string>
 #include <vector>
 
-#include "sys/control/requests.h"
+#include "client/client.h"
 
 class EmuApplication
 {
 public:
     // Opens the control device; OpenStatus() tells how that went.
     explicit EmuApplication(bool b32 = false);
-    ~EmuApplication(); // closes
+    ~EmuApplication() { Close(); }
     EmuApplication(const EmuApplication&) = delete;
     EmuApplication& operator=(const EmuApplication&) = delete;
 
@@ -40,35 +39,29 @@ public:
     NTSTATUS StartReportProcessing(ULONG ulIndex);
     NTSTATUS StopReportProcessing(ULONG ulIndex);
 
-    // Register an event of the caller's, or an auto-reset event made here (found again by NotifyEvent,
-    // MacroEvent).
-    NTSTATUS RegisterNotifyEvent(ULONG ulIndex, HANDLE hEvent);
+    // Register an auto-reset event made here.
     NTSTATUS RegisterNotifyEvent(ULONG ulIndex);
     NTSTATUS ReleaseNotifyEvent(ULONG ulIndex);
-    NTSTATUS RegisterMacroEvent(HANDLE hEvent);
     NTSTATUS RegisterMacroEvent();
     NTSTATUS ReleaseMacroEvent();
-    NTSTATUS RegisterApplicationEvent(HANDLE hEvent);
-    HANDLE NotifyEvent(ULONG ulIndex) const; // null when none was made here
-    HANDLE MacroEvent() const { return m_hMacro; }
     bool NotifySignalled(ULONG ulIndex); // whether it was signalled since the last call
     bool MacroSignalled();
+    NTSTATUS RegisterApplicationEvent(HANDLE hEvent); // of the caller's
 
-    // Counts, then takes what is queued; empty when nothing is or a request failed (the status tells).
+    // Takes what is queued; empty when nothing is or a request failed (the status tells).
     std::vector<NotifyRecord> TakeRecords(ULONG ulIndex, NTSTATUS* pStatus = nullptr);
     std::vector<MacroRecord> TakeMacroRecords(NTSTATUS* pStatus = nullptr);
 
     NTSTATUS InsertScans(ULONG ulIndex, const std::vector<UCHAR>& Scans, bool bWait = false);
-    NTSTATUS InsertUSBPackets(ULONG ulIndex, const std::vector<FifoEntry>& Entries);
+    NTSTATUS InsertUSBPackets(ULONG ulIndex,
+                              const std::vector<FifoEntry>& Entries); // the last one's flags count
 
 private:
-    NTSTATUS RegisterHandle(ULONG ulCode, ULONG ulIndex, HANDLE hEvent);
-    template <class Record>
-    std::vector<Record> Take(ULONG ulCountCode, ULONG ulTakeCode, ULONG ulIndex, NTSTATUS* pStatus);
+    tvusb::Keyboard At(ULONG ulIndex) const { return tvusb::Keyboard(m_Channel, ulIndex, {}); }
+    tvusb::MacroQueue Macros() const { return tvusb::MacroMode(m_Channel).Records(); }
 
-    bool m_b32;
+    tvusb::Channel m_Channel;
     NTSTATUS m_OpenStatus;
-    HostFile m_File = nullptr;
-    HANDLE m_hMacro = nullptr;
-    std::map<ULONG, HANDLE> m_Notify; // by device index
+    tvusb::Event m_Macro;
+    std::map<ULONG, tvusb::Event> m_Notify; // by device index
 };

@@ -113,6 +113,22 @@ TEST_P(ClientTest, InsertedReportsReachTheSystem)
     EXPECT_EQ(received[1].Bytes[0], 0x00);
 }
 
+TEST_P(ClientTest, KeyRepeatIsTheSystems)
+{
+    EXPECT_EQ(keyboard.GetTypematic().Error().Text(),
+              "GET_TYPEMATIC: the system has no such device (0xC0000034)");
+    EmuClassDevice* pSystem = machine.AddClassDevice(2);
+    pSystem->SetTypematic(30, 500);
+    auto typematic = keyboard.GetTypematic();
+    ASSERT_TRUE(typematic.Ok());
+    EXPECT_EQ(typematic->usRate, 30);
+    EXPECT_EQ(typematic->usDelayMs, 500);
+    ASSERT_TRUE(keyboard.SetTypematic(31, 3).Ok());
+    typematic = keyboard.GetTypematic();
+    EXPECT_EQ(typematic->usRate, 20);
+    EXPECT_EQ(typematic->usDelayMs, 1000);
+}
+
 TEST_P(ClientTest, KeyboardsAreFoundThreeWaysAndAgain)
 {
     machine.Plug(EmuPowerKeyboard); // stays, so that the driver does

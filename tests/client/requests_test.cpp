@@ -6,12 +6,6 @@
 #include "client/requesttexts.h"
 #include "tests/client/record_transport.h"
 
-// The program has no system driver of its own.
-std::unique_ptr<tvusb::Transport> tvusb::SystemTransport()
-{
-    return nullptr;
-}
-
 namespace
 {
 using Input = std::vector<uint8_t>;

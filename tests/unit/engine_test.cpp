@@ -260,7 +260,8 @@ TEST_F(Engine, FifoIsARingOfSixteen)
     ULONG ulCount = 0;
     EXPECT_EQ(GetFifoCount(ulIndex, &ulCount), STATUS_SUCCESS);
     EXPECT_EQ(ulCount, 16u);
-    EXPECT_EQ(Application->InsertUSBPackets(ulIndex, {}), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(Application->RequestRecord(IOCTL_TVUSB_INSERT_PACKETS, ulIndex, nullptr, 0),
+              STATUS_UNSUCCESSFUL);
     EXPECT_EQ(GetFifoCount(99, &ulCount), STATUS_UNSUCCESSFUL);
 }
 
