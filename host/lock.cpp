@@ -70,7 +70,7 @@ bool HostIsDropped(const char* pName)
 
 void HostInitializeSpinLock(PKSPIN_LOCK pLock, const char* pName)
 {
-    __atomic_store_n(pLock, HostIsDropped(pName) ? DROPPED_LOCK : 0, __ATOMIC_RELEASE);
+    __atomic_store_n(pLock, HostIsDropped(pName) ? KSPIN_LOCK{DROPPED_LOCK} : 0, __ATOMIC_RELEASE);
     HostLock lock(g->Lock);
     HostForgetLocks(pLock, sizeof(*pLock));
 }
