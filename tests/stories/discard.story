@@ -73,3 +73,24 @@ define 9 11
 report 00 00 04 00 00 00 00 00 -> 00 00 04 00 00 00 00 00
 remove 9
 quiet
+
+story Discard mode ends with the last of its definitions
+keyboard normal
+define 9 11
+define 10 11
+report 00 00 39 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+remove 9
+report 00 00 29 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | key 01 10
+remove 10
+answer -> 00 00 39 00 00 00 00 00
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+quiet
+
+story Volume keys are discarded too, behind the byte that tells what the report is
+keyboard consumer
+define 9 11
+report 01 E9 00 -> 01 00 00
+report 01 00 00 -> 01 00 00
+remove 9
+report 01 E9 00 -> 01 E9 00
+quiet

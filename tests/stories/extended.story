@@ -73,6 +73,12 @@ report 01 00 -> 01 00 | up 7
 report 01 02 -> 01 00 | down 7
 report 01 04 -> 01 04 | up 7
 
+story Sleep without the Shift that its hotkey asks for is the system's
+keyboard jaalaa
+hotkey 7 shift E0 5F
+report 01 02 -> 01 02
+quiet
+
 story A media report ends a power hotkey, and the other way round
 keyboard jaalaa
 hotkey 3 - E0 19

@@ -53,6 +53,7 @@ keyboard normal
 hotkey 3 lctrl+lalt swallow
 report 01 00 00 00 00 00 00 00 -> 01 00 00 00 00 00 00 00
 report 05 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 3
+report 05 00 04 00 00 00 00 00 -> 00 00 04 00 00 00 00 00            # held
 report 01 00 00 00 00 00 00 00 -> 01 00 00 00 00 00 00 00 | up 3
 
 story The context key is a modifier and a key
@@ -110,3 +111,59 @@ keyboard normal
 hotkey 7 ctrl 3B swallow
 report 01 00 01 01 01 01 01 01 -> 01 00 01 01 01 01 01 01
 report 00 00 04 05 06 07 08 09 -> 00 00 04 05 06 07 08 09
+
+story Two hotkeys of one id are two hotkeys
+keyboard normal
+define 3 0                      # of no type: nothing comes of it
+define 4 5
+hotkey 7 ctrl 3B swallow
+hotkey 7 ctrl 3B 3C swallow
+remove 4
+report 01 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 7
+report 01 00 3A 3B 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 7
+report 01 00 00 00 00 00 00 00 -> 01 00 00 00 00 00 00 00 | up 7, up 7
+report 01 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 7
+report 01 00 3A 04 00 00 00 00 -> 00 00 04 00 00 00 00 00 | up 7
+quiet
+
+story A hotkey of modifiers alone beside one with a key
+keyboard normal
+hotkey 3 lctrl+lalt swallow
+hotkey 7 ctrl 3B swallow
+report 01 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 7
+report 05 00 3A 00 00 00 00 00 -> 00 00 3A 00 00 00 00 00 | down 3, up 7   # 3 takes the Ctrl of 7 away
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | up 3
+quiet
+
+story Keys of a hotkey that another key breaks off are typed
+keyboard normal
+hotkey 5 ctrl 1E 30
+report 01 00 04 00 00 00 00 00 -> 01 00 04 00 00 00 00 00
+report 01 00 04 06 00 00 00 00 -> 01 00 04 06 00 00 00 00
+report 01 00 00 00 00 00 00 00 -> 01 00 00 00 00 00 00 00
+quiet
+
+story Volume keys of a hotkey repeat for nobody but a cashier
+keyboard normal
+hotkey 5 - E0 2E
+report 00 00 EA 00 00 00 00 00 -> 00 00 EA 00 00 00 00 00 | down 5
+wait 2000ms
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | up 5
+quiet
+
+story A released hotkey takes all keys of its report along
+keyboard normal
+hotkey 7 ctrl 3B
+report 01 00 3A 00 00 00 00 00 -> 01 00 3A 00 00 00 00 00 | down 7
+report 01 00 04 05 06 07 08 09 -> 01 00 00 00 00 00 00 00 | up 7
+report 01 00 04 05 06 07 08 09 -> 01 00 04 05 06 07 08 09
+quiet
+
+story The second way to look for hotkeys, among six keys
+setting RunDiagNormalPacket02 1
+keyboard normal
+hotkey 7 ctrl 3B
+report 01 00 04 05 06 07 08 09 -> 01 00 04 05 06 07 08 09
+report 01 00 04 05 06 07 08 3A -> 01 00 04 05 06 07 08 00 | down 7
+report 00 00 04 05 06 07 08 3A -> 00 00 04 05 06 07 08 3A | up 7
+quiet

@@ -311,3 +311,26 @@ report 00 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
 answer -> 00 00 10 00 00 00 00 00
 wait 1ms
 quiet
+
+story Reports of every keyboard may be recorded, but only a standard one's are
+setting KorvexHotkey 0x00010039
+keyboard normal
+keyboard consumer
+capture on
+on 0
+report 00 00 04 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | captured 00 00 04 00 00 00 00 00
+on 1
+report 01 E9 00 -> 01 E9 00
+capture off
+quiet
+
+story The macro feature goes while its mode is on, without an LED
+setting KorvexHotkey 0x00010039
+setting KorvexLEDDisabled 1
+keyboard normal
+report 00 00 39 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | mode 1
+setting KorvexHotkey 0
+reread | mode 0
+shows -
+report 00 00 39 00 00 00 00 00 -> 00 00 39 00 00 00 00 00
+quiet

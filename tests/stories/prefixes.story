@@ -46,3 +46,39 @@ report 00 00 A5 04 00 00 00 00 -> 00 00 A5 00 00 00 00 00 | down 4
 report 00 00 A5 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | up 4
 report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
 modifiers -
+
+story Behind a prefix the keys of a hotkey that breaks off are lost
+keyboard normal
+hotkey 9 prefix1 1E 30
+report 00 00 89 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+report 00 00 04 00 00 00 00 00 -> 00 00 04 00 00 00 00 00
+report 00 00 04 06 00 00 00 00 -> 00 00 00 00 00 00 00 00
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+modifiers -
+quiet
+
+# Fn is a key of a hotkey here, which holds it back; what breaks the hotkey off gives the other key back alone.
+story Fn itself is never typed
+keyboard normal
+hotkey 4 fn E0 0E 1E
+report 00 00 A5 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+report 00 00 A5 05 00 00 00 00 -> 00 00 05 00 00 00 00 00
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+quiet
+
+story A prefix without a key is none
+setting Prefix1 0xFFFF                   # no key has this scan code
+keyboard normal
+hotkey 9 prefix1 1E swallow
+report 00 00 89 00 00 00 00 00 -> 00 00 89 00 00 00 00 00
+modifiers -
+report 00 00 04 00 00 00 00 00 -> 00 00 04 00 00 00 00 00
+quiet
+
+story A prefix key that breaks a hotkey off is not typed
+keyboard normal
+hotkey 9 prefix1 1E 30
+report 00 00 04 89 00 00 00 00 -> 00 00 04 00 00 00 00 00
+modifiers prefix1
+quiet

@@ -91,6 +91,33 @@ TEST_P(ControlTest, KeyboardsAreListed)
     EXPECT_EQ(UN, Send(IOCTL_TVUSB_GET_KEYBOARD_INFO, {}, 0)) << "no keyboard comes before any length";
 }
 
+// 128 keyboards: the list has room for 127, and a text that fills its property to the end is cut by one.
+TEST_P(ControlTest, TheListOfKeyboardsEndsWithItsRoom)
+{
+    EmuPlugOptions options;
+    options.Start = false;
+    options.NoEnumeration = true;
+    EmuKeyboard* pLast = nullptr;
+    for (int i = 1; i < 128; i++) {
+        pLast = machine.Plug(EmuBootKeyboard, options);
+    }
+    const std::vector<WCHAR> text(256, L'd');
+    HostSetDeviceProperty(pLast->Physical(), DevicePropertyDeviceDescription, text.data(), 512);
+    ASSERT_EQ(OK, pLast->Start());
+    ASSERT_EQ(OK, Send(IOCTL_TVUSB_LIST_KEYBOARDS, Record(0), 4096));
+    KeyboardList list;
+    memcpy(&list, Out.data(), sizeof(list));
+    EXPECT_EQ(127, list.usCount);
+    EXPECT_EQ(127u, list.Entries[0].ulDeviceIndex) << "the newest first";
+    EXPECT_EQ(1u, list.Entries[126].ulDeviceIndex);
+    KeyboardInfo info;
+    memset(&info, 0x55, sizeof(info));
+    EXPECT_EQ(OK, GetKeyboardInfo(128, &info)) << "behind the last one nothing is written";
+    EXPECT_EQ(0x55555555u, info.ulDeviceIndex);
+    EXPECT_EQ(OK, GetKeyboardInfo(0, &info));
+    EXPECT_EQ(std::u16string(255, u'd'), std::u16string(info.Description));
+}
+
 TEST_P(ControlTest, KeyboardIsFoundByItsInterfaceName)
 {
     const UNICODE_STRING& link = FilterContextOf(pKeyboard->Filter())->InterfaceLinkName;
@@ -111,7 +138,16 @@ TEST_P(ControlTest, KeyboardIsFoundByItsInterfaceName)
     EXPECT_EQ(UN, Send(IOCTL_TVUSB_FIND_KEYBOARD, Record(9, payload(link.Buffer, link.Length / 2)), 4));
     EXPECT_EQ(UN, Send(IOCTL_TVUSB_FIND_KEYBOARD, Record(9, payload(name.data(), name.size() - 1)), 4));
     EXPECT_EQ(UN, Send(IOCTL_TVUSB_FIND_KEYBOARD, Record(9, EmuBytes(516, 'a')), 4)) << "no end";
+    HostFailNth("interface", 1); // this one has no name, and the search goes on behind it
+    EmuKeyboard* pNameless = machine.Plug();
+    HostFailNth(nullptr, 0);
+    EXPECT_EQ(0, FilterContextOf(pNameless->Filter())->ucInterfaceRegistered);
+    EXPECT_EQ(OK, Send(IOCTL_TVUSB_FIND_KEYBOARD, Record(9, payload(name.data(), name.size())), 4));
+    EXPECT_EQ(BytesOf(0u), Out);
     ULONG ulIndex;
+    std::vector<WCHAR> tooLong(259, L'a');
+    tooLong.push_back(0);
+    EXPECT_EQ(UN, FindDeviceByInterfaceName(tooLong.data(), &ulIndex));
     EXPECT_EQ(UN, FindDeviceByInterfaceName(nullptr, &ulIndex));
 }
 

@@ -104,6 +104,9 @@ TEST_F(Engine, ScanCodesBecomeKeyBytes)
         {{0xE0}, STATUS_UNSUCCESSFUL, {}},
         {{0x1E, 0xE1, 0x1D}, STATUS_UNSUCCESSFUL, {}},
         {{0x7F}, STATUS_UNSUCCESSFUL, {}},
+        {{0xE0, 0x2A, 0xE0, 0x38}, STATUS_UNSUCCESSFUL, {}}, // not the print key
+        {{0xE0, 0x2A, 0x1E, 0x37}, STATUS_UNSUCCESSFUL, {}},
+        {{0x1E, 0xE0, 0x2A, 0xE0}, STATUS_UNSUCCESSFUL, {}},
     };
     for (const auto& row : cases) {
         KeyDefinition definition = Hotkey(1, 0, {});
@@ -162,10 +165,70 @@ TEST_F(Engine, HotkeyListIsMadeFromTheDefinitions)
     ASSERT_EQ(entries[1].ulKeyCount, 2u); // the prefix keys are modifiers here, ContextKey is a key too
     EXPECT_EQ(entries[1].ucKeys[0], 0x05);
     EXPECT_EQ(entries[1].ucKeys[1], USAGE_CONTEXT_KEY);
+    // One id, and other keys, more keys or other modifiers: other hotkeys.
+    KeyDefinition otherKey = Hotkey(1, 0x406, {0x1F}), moreKeys = Hotkey(1, 0x406, {0x1E, 0x1F}),
+                  otherModifiers = Hotkey(1, 0x800, {0x1E});
+    EXPECT_EQ(AddKeyDefinition(Filter(), &otherKey), STATUS_SUCCESS);
+    EXPECT_EQ(AddKeyDefinition(Filter(), &moreKeys), STATUS_SUCCESS);
+    EXPECT_EQ(AddKeyDefinition(Filter(), &otherModifiers), STATUS_SUCCESS);
+    ULONG ulEntries = 0;
+    for (const HotkeyEntry& entry : HotkeyWalk(Context())) {
+        ulEntries += entry.ulId != 0;
+    }
+    EXPECT_EQ(ulEntries, 5u);
     USHORT usIndex;
     EXPECT_EQ(FindKeyDefinitionById(Filter(), 2, &usIndex)->ulModifiers, prefixed.ulModifiers);
     EXPECT_EQ(usIndex, 3);
     EXPECT_EQ(FindKeyDefinitionByType(Filter(), 5, nullptr), nullptr);
+}
+
+// A walk on the report road sees the list that it began with to its end, however often the list is made anew.
+TEST_F(Engine, AWalkedListStaysAsItIs)
+{
+    KeyDefinition first = Hotkey(1, 0, {0x1E}), second = Hotkey(2, 0, {0x1F}), third = Hotkey(3, 0, {0x20});
+    ASSERT_EQ(AddKeyDefinition(Filter(), &first), STATUS_SUCCESS);
+    HostThread thread;
+    {
+        HotkeyWalk walk(Context());
+        thread = HostStartThread([&] {
+            for (const KeyDefinition* pDefinition : {&second, &third}) {
+                EXPECT_EQ(AddKeyDefinition(Filter(), pDefinition), STATUS_SUCCESS);
+            }
+        });
+        HostAdvanceToUs(HostNowUs() + 50000);
+        EXPECT_NE(FindKeyDefinitionById(Filter(), 3, nullptr), nullptr) << "the rebuild waits for the walk";
+        ULONG ulEntries = 0;
+        for (const HotkeyEntry& entry : walk) {
+            EXPECT_EQ(entry.ulId, 1u);
+            ulEntries++;
+        }
+        EXPECT_EQ(ulEntries, 1u);
+    }
+    HostJoinThread(thread);
+    ULONG ulEntries = 0;
+    for (const HotkeyEntry& entry : HotkeyWalk(Context())) {
+        EXPECT_EQ(entry.ulId, ++ulEntries);
+    }
+    EXPECT_EQ(ulEntries, 3u);
+}
+
+// Fn is a modifier of keyboards with power keys, the prefixes of standard ones; elsewhere both are keys.
+TEST_F(Engine, TrackedKeysAreNoKeysOfAHotkey)
+{
+    const struct {
+        ULONG ulKbdType;
+        std::vector<UCHAR> keys;
+    } cases[] = {{POWERKbdType, {0x89, 0x04}}, {NORMALKbdType, {0xA5, 0x04}}, {0, {0xA5, 0x89, 0x04}}};
+    KeyDefinition definition = Hotkey(1, 0, {0xE0, 0x0E, 0x7D, 0x1E});
+    for (const auto& row : cases) {
+        WriteShared(Context()->KbdType, row.ulKbdType);
+        ASSERT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_SUCCESS);
+        for (const HotkeyEntry& entry : HotkeyWalk(Context())) {
+            EXPECT_EQ(std::vector<UCHAR>(entry.ucKeys, entry.ucKeys + entry.ulKeyCount), row.keys);
+        }
+        ASSERT_EQ(RemoveKeyDefinition(Filter(), 1), STATUS_SUCCESS);
+    }
+    WriteShared(Context()->KbdType, static_cast<ULONG>(NORMALKbdType));
 }
 
 TEST_F(Engine, KeyBuffersHold1024Keys)

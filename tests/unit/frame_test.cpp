@@ -144,6 +144,9 @@ TEST(Entry, LogFileNameOfFittingLength)
         EXPECT_EQ(length == 126 ? 252u : 0u, Settings.LogFileName.Length);
         EXPECT_EQ(length == 126 ? 2u : 0u, Settings.ulLogLevel);
     }
+    LoadedDriver driver(Key + "\"LogFile\"=hex(1):66,00,67,00\r\n"); // without a NUL at its end
+    EXPECT_EQ(4u, Settings.LogFileName.Length);
+    EXPECT_EQ(0, Settings.LogFileName.Buffer[2]);
 }
 
 TEST(Entry, FailsCleanly)

@@ -1,49 +1,12 @@
 // intercept_test.cpp - URBs as other drivers may send them, reads that the driver answers, and waits.
 #include "bench_keyboard.h"
+#include "bench_urb.h"
 
 #include <vector>
 
 #include "hotkeys/hotkeys.h"
 #include "report/report.h"
 #include "usb/usb.h"
-
-namespace
-{
-// A request with a URB that stands at the filter device, as its dispatch routine finds it.
-class FilterIrp
-{
-public:
-    explicit FilterIrp(PDEVICE_OBJECT device, PVOID pUrb, ULONG ulCode = IOCTL_INTERNAL_USB_SUBMIT_URB)
-        : pIrp(IoAllocateIrp(static_cast<CCHAR>(device->StackSize + 1), FALSE))
-    {
-        IoSetNextIrpStackLocation(pIrp);
-        PIO_STACK_LOCATION pStack = IoGetCurrentIrpStackLocation(pIrp);
-        pStack->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
-        pStack->Parameters.DeviceIoControl.IoControlCode = ulCode;
-        pStack->Parameters.Others.Argument1 = pUrb;
-    }
-    ~FilterIrp() { IoFreeIrp(pIrp); }
-    FilterIrp(const FilterIrp&) = delete;
-    FilterIrp& operator=(const FilterIrp&) = delete;
-
-    PIRP pIrp;
-};
-
-// An interrupt transfer whose buffer lies on the heap, so that a byte too many is caught.
-struct InterruptUrb {
-    explicit InterruptUrb(ULONG ulBytes, ULONG ulFlags = USBD_TRANSFER_DIRECTION_IN)
-        : Buffer(new UCHAR[ulBytes]())
-    {
-        Urb.UrbHeader.Function = URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER;
-        Urb.UrbHeader.Length = sizeof(Urb.UrbBulkOrInterruptTransfer);
-        Urb.UrbBulkOrInterruptTransfer.TransferFlags = ulFlags;
-        Urb.UrbBulkOrInterruptTransfer.TransferBuffer = Buffer.get();
-        Urb.UrbBulkOrInterruptTransfer.TransferBufferLength = ulBytes;
-    }
-    std::unique_ptr<UCHAR[]> Buffer;
-    URB Urb = {};
-};
-} // namespace
 
 using Intercept = KeyboardTest;
 
@@ -74,6 +37,13 @@ TEST_F(Intercept, StrangeRequestsPassUntouched)
     read.Urb.UrbBulkOrInterruptTransfer.TransferBuffer = nullptr;
     FilterIrp bufferless(Filter(), &read.Urb);
     EXPECT_EQ(ShowURBInfo(Filter(), bufferless.pIrp, 0), URB_PASS);
+    InterruptUrb empty(8);
+    empty.Buffer[0] = 0x02;
+    empty.Urb.UrbBulkOrInterruptTransfer.TransferBufferLength = 0;
+    FilterIrp nothing(Filter(), &empty.Urb);
+    EXPECT_EQ(ShowURBInfo(Filter(), nothing.pIrp, 0), URB_PASS);
+    EXPECT_EQ(ShowURBInfo(Filter(), nothing.pIrp, 1), URB_PASS);
+    EXPECT_EQ(Context()->ucKbdModifiers, 0);
     EXPECT_EQ(Context()->usInsertCount, 1);
 }
 
@@ -181,6 +151,101 @@ TEST_F(Intercept, ManyAnswersInARowDoNotRecurse)
     pKeyboard->Unplug(false); // the observer's variables end here
 }
 
+// Requests of every shape go through to the keyboard and leave no trace as pending reads.
+TEST_F(Intercept, WhatIsNoReadIsPassedDownUntracked)
+{
+    InterruptUrb write(8, 0), cut(8);
+    cut.Urb.UrbHeader.Length = sizeof(cut.Urb.UrbHeader);
+    URB headless = {}, reset = {};
+    reset.UrbHeader.Function = URB_FUNCTION_ABORT_PIPE;
+    reset.UrbHeader.Length = sizeof(reset.UrbPipeRequest);
+    const struct {
+        PURB pUrb;
+        ULONG ulCode;
+    } requests[] = {
+        {nullptr, IOCTL_INTERNAL_USB_SUBMIT_URB},        {&headless, IOCTL_INTERNAL_USB_SUBMIT_URB},
+        {&write.Urb, IOCTL_INTERNAL_USB_SUBMIT_URB},     {&cut.Urb, IOCTL_INTERNAL_USB_SUBMIT_URB},
+        {&write.Urb, IOCTL_INTERNAL_USB_SUBMIT_URB + 4},
+    };
+    const LONG lReferences = Context()->lReferences;
+    for (const auto& request : requests) {
+        FilterIrp irp(Filter(), request.pUrb, request.ulCode);
+        UCHAR ucComplete = 0;
+        IO_COMPLETION_ROUTINE* pKeep = [](PDEVICE_OBJECT, PIRP, PVOID) -> NTSTATUS {
+            return STATUS_MORE_PROCESSING_REQUIRED;
+        };
+        IoSetCompletionRoutine(irp.pIrp, pKeep, nullptr, TRUE, TRUE, TRUE);
+        IoSetNextIrpStackLocation(irp.pIrp);
+        PIO_STACK_LOCATION pStack = IoGetCurrentIrpStackLocation(irp.pIrp);
+        pStack->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+        pStack->DeviceObject = Filter();
+        pStack->Parameters.DeviceIoControl.IoControlCode = request.ulCode;
+        pStack->Parameters.Others.Argument1 = request.pUrb;
+        FilterInternalIoctl(Filter(), irp.pIrp, &ucComplete);
+        EXPECT_EQ(0, ucComplete);
+        EXPECT_EQ(1u, Keyboard->PendingReads()) << "the stack's own";
+        EXPECT_EQ(lReferences, Context()->lReferences);
+    }
+}
+
+// A URB that had no length on its way down is looked at all the same when it comes back with one.
+TEST_F(Intercept, ALengthThatCameBelowIsTakenAsItIs)
+{
+    InterruptUrb read(8);
+    read.Urb.UrbHeader.Length = 0;
+    FilterIrp request(Filter(), &read.Urb);
+    RememberRequestedLength(request.pIrp);
+    EXPECT_EQ(URB_PASS, ShowURBInfo(Filter(), request.pIrp, 0));
+    read.Urb.UrbHeader.Length = sizeof(read.Urb.UrbBulkOrInterruptTransfer);
+    read.Buffer[0] = 0x02;
+    EXPECT_EQ(URB_PASS, ShowURBInfo(Filter(), request.pIrp, 1));
+    EXPECT_EQ(0x02, Context()->ucKbdModifiers);
+}
+
+// The bus fails and cancels reads on its own: the stack is told, reads again, and the keyboard types on.
+TEST_F(Intercept, ReadsThatTheBusGivesUpAreReadAgain)
+{
+    std::vector<NTSTATUS> failed;
+    EmuPlugOptions options;
+    options.OnReceived = [&](const EmuReceived& received) {
+        if (!NT_SUCCESS(received.Status)) {
+            failed.push_back(received.Status);
+        }
+    };
+    Keyboard->Unplug(false);
+    Keyboard = Machine->Plug(EmuBootKeyboard, options);
+    EXPECT_EQ(STATUS_SUCCESS, Keyboard->FailRead(STATUS_UNSUCCESSFUL));
+    EXPECT_EQ(STATUS_SUCCESS, Keyboard->FailRead(STATUS_CANCELLED));
+    EXPECT_EQ((std::vector<NTSTATUS>{STATUS_UNSUCCESSFUL, STATUS_CANCELLED}), failed);
+    EXPECT_TRUE(Keyboard->Report({0, 0, 4, 0, 0, 0, 0, 0}));
+    ASSERT_EQ(1u, Keyboard->Received().size());
+    EXPECT_EQ(4, Keyboard->Received()[0].Bytes[2]);
+    EXPECT_EQ(1u, Keyboard->PendingReads());
+}
+
+// A read that the keyboard does not give back at once is called back once, by one canceller.
+TEST_F(Intercept, AReadIsCalledBackByOne)
+{
+    static PDEVICE_OBJECT device;
+    static int again;
+    Keyboard->Unplug(false);
+    EmuPlugOptions options;
+    options.Manual = true;
+    Keyboard = Machine->Plug(EmuBootKeyboard, options);
+    device = Filter();
+    again = -1;
+    InterruptUrb read(8);
+    FilterIrp request(Filter(), &read.Urb);
+    ASSERT_EQ(STATUS_SUCCESS, AddPendingIrp(Filter(), request.pIrp));
+    IoSetCancelRoutine(request.pIrp, [](PDEVICE_OBJECT, PIRP pIrp) {
+        IoReleaseCancelSpinLock(pIrp->CancelIrql);
+        again = CancelPendingRead(device) ? 1 : 0;
+    });
+    EXPECT_TRUE(CancelPendingRead(Filter()));
+    EXPECT_EQ(0, again);
+    EXPECT_FALSE(RemovePendingIrp(Filter(), request.pIrp)) << "its completion, later, is nobody else's";
+}
+
 class Waits : public KeyboardTest
 {
 protected:
@@ -220,6 +285,26 @@ TEST_F(Waits, InsertUSBPacketsWaitsForItsLastEntry)
     Keyboard->Read();
     HostJoinThread(thread);
     EXPECT_EQ(status, STATUS_SUCCESS);
+}
+
+TEST_F(Waits, AnEmptyQueueEndsThemAll)
+{
+    NTSTATUS status[3] = {STATUS_PENDING, STATUS_PENDING, STATUS_PENDING};
+    std::vector<HostThread> threads;
+    for (NTSTATUS& result : status) {
+        threads.push_back(HostStartThread([&] {
+            result = Application->InsertUSBPackets(Keyboard->Index(), {{1, 8, {1}}});
+        }));
+    }
+    for (int i = 0; i < 3; i++) {
+        HostSettle();
+        EXPECT_EQ(status[i], STATUS_PENDING);
+        Keyboard->Read();
+    }
+    for (int i = 0; i < 3; i++) {
+        HostJoinThread(threads[i]);
+        EXPECT_EQ(status[i], STATUS_SUCCESS);
+    }
 }
 
 TEST_F(Waits, RemovalAndTheEndOfTheProcessEndThem)

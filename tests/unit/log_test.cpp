@@ -66,6 +66,9 @@ TEST_F(LogText, LevelsThatPass)
             EXPECT_TRUE(Kept(ucLevel)) << row.ulLogLevel << " " << +ucLevel;
         }
         for (UCHAR ucLevel : row.Stop) {
+            LogWrite(ucLevel, 0, 0, "x");
+            EXPECT_EQ(row.ulLogLevel == 10 && ucLevel < 10 ? "x\r\n" : "", Take())
+                << "asked for by level alone";
             EXPECT_FALSE(IsLogOn(ucLevel)) << row.ulLogLevel << " " << +ucLevel;
             EXPECT_FALSE(Kept(ucLevel)) << row.ulLogLevel << " " << +ucLevel;
         }
@@ -204,6 +207,7 @@ protected:
         EXPECT_EQ(0u, HostStop());
     }
     void TearDown() override { std::filesystem::remove_all(m_Root); }
+    void StartOver(bool bTogether);
     // The file of that name, wherever under the root the host puts it.
     std::string Read(const std::string& name)
     {
@@ -238,31 +242,95 @@ TEST_F(LogInFile, DrainsAppendsAndLosesNothingAtUnload)
     EXPECT_EQ("one\r\ntwo\r\nthree\r\n", Read("tv.log"));
 }
 
+// The text that is kept ends within a line, within a line end, or with a whole line: OVERFLOW is a line always.
 TEST_F(LogInFile, OverflowIsTold)
 {
+    for (size_t last : {998, 948, 947}) {
+        Load(DrivePath);
+        std::string expected;
+        KIRQL oldIrql;
+        KeRaiseIrql(DISPATCH_LEVEL, &oldIrql); // the drain cannot come between
+        for (int i = 0; i < 50; i++) {
+            const std::string line(i == 40 ? last : 998, 'l');
+            LogPrintf(1, 0, "%s", line.c_str());
+            expected += line + "\r\n";
+        }
+        KeLowerIrql(oldIrql);
+        HostSettle();
+        LogPrintf(1, 0, "after");
+        Unload();
+        const char* pszEnd = last == 998 ? "\r\n" : last == 948 ? "\n" : "";
+        EXPECT_EQ(expected.substr(0, 40949) + pszEnd + "OVERFLOW\r\nafter\r\n", Read("tv.log")) << last;
+    }
+}
+
+TEST_F(LogInFile, OverflowIsToldOnceItCanBe)
+{
     Load(DrivePath);
-    const std::string line(998, 'l');
-    std::string expected;
     KIRQL oldIrql;
-    KeRaiseIrql(DISPATCH_LEVEL, &oldIrql); // the drain cannot come between
+    KeRaiseIrql(DISPATCH_LEVEL, &oldIrql);
     for (int i = 0; i < 50; i++) {
-        LogPrintf(1, 0, "%s", line.c_str());
-        expected += line + "\r\n";
+        LogPrintf(1, 0, "%s", std::string(998, 'l').c_str());
+    }
+    KeLowerIrql(oldIrql);
+    HostFailNth("write", 2); // the text is written, the line behind it is not
+    HostSettle();
+    HostFailNth(nullptr, 0);
+    EXPECT_EQ(40949u, Read("tv.log").size());
+    KeSetEvent(&Globals.LogEvent, IO_NO_INCREMENT, FALSE);
+    HostSettle();
+    EXPECT_EQ("OVERFLOW\r\n", Read("tv.log").substr(40949));
+    Unload();
+}
+
+// One line after the other, and many that come together, give the same files.
+TEST_F(LogInFile, StartsOverAtItsSize)
+{
+    for (bool bTogether : {true, false}) {
+        SCOPED_TRACE(bTogether);
+        StartOver(bTogether);
+    }
+}
+
+TEST_F(LogInFile, KeepsOneFileWhenItMayNotStartOver)
+{
+    Load(std::string(DrivePath) + "\"LogFileSize\"=dword:00000000\r\n"); // no limit
+    std::string expected;
+    for (int i = 0; i < 25; i++) {
+        LogPrintf(1, 0, "line");
+        expected += "line\r\n";
+    }
+    Unload();
+    EXPECT_EQ(expected, Read("tv.log"));
+    EXPECT_EQ("(no file)", Read("tv.log.old"));
+
+    Load(std::string(DrivePath) + "\"LogFileSize\"=dword:0000000a\r\n");
+    LogPrintf(1, 0, "line %03d", 1);
+    HostSettle();
+    HostFailNth("fileinfo", 2); // its size is told, its name stays
+    LogPrintf(1, 0, "line %03d", 2);
+    HostSettle();
+    HostFailNth(nullptr, 0);
+    EXPECT_EQ("line 001\r\n", Read("tv.log"));
+    EXPECT_STREQ("line 002\r\n", Globals.pLogBuffer) << "kept for the next time";
+    Unload();
+    EXPECT_EQ("line 002\r\n", Read("tv.log"));
+    EXPECT_EQ("line 001\r\n", Read("tv.log.old"));
+}
+
+void LogInFile::StartOver(bool bTogether)
+{
+    Load(std::string(DrivePath) + "\"LogFileSize\"=dword:00000064\r\n"); // 100 bytes: ten lines of ten
+    KIRQL oldIrql;
+    KeRaiseIrql(bTogether ? DISPATCH_LEVEL : PASSIVE_LEVEL, &oldIrql); // there the drain cannot come between
+    for (int i = 0; i < 25; i++) {
+        LogPrintf(1, 0, "line %03d", i);
+        if (!bTogether) {
+            HostSettle();
+        }
     }
     KeLowerIrql(oldIrql);
     HostSettle();
-    LogPrintf(1, 0, "after");
-    Unload();
-    EXPECT_EQ(expected.substr(0, 40949) + "\r\nOVERFLOW\r\nafter\r\n", Read("tv.log"));
-}
-
-TEST_F(LogInFile, StartsOverAtItsSize)
-{
-    Load(std::string(DrivePath) + "\"LogFileSize\"=dword:00000064\r\n"); // 100 bytes: ten lines of ten
-    for (int i = 0; i < 25; i++) {
-        LogPrintf(1, 0, "line %03d", i);
-        HostSettle();
-    }
     std::string older, newer;
     for (int i = 10; i < 25; i++) {
         char szLine[32];

@@ -227,6 +227,26 @@ TEST_F(MacroTest, ReportsOfAFile)
     ReleaseMacroTable(pTable);
 }
 
+TEST_F(MacroTest, AFullTablePlaysItsLastMacro)
+{
+    EmuPlugOptions options;
+    options.Manual = true;
+    Plug(options);
+    FileBytes bytes = MacroFileHead();
+    for (unsigned uKey = 1; uKey <= 101; uKey++) {
+        AppendMacro(bytes, uKey, {{static_cast<uint8_t>(uKey)}});
+    }
+    (void)ReadFile(bytes); // the table is full; what becomes of the last record is told elsewhere
+    for (UCHAR ucKey : {101, 100}) {
+        UCHAR ucReport[8] = {0, 0, ucKey};
+        ULONG ulCount = 0;
+        CheckForKorvexHotkey(Keyboard->Filter(), ucReport, 8);
+        EXPECT_EQ(ucReport[2], ucKey == 100 ? 0 : 101);
+        EXPECT_EQ(GetFifoCount(Keyboard->Index(), &ulCount), OK);
+        EXPECT_EQ(ulCount, ucKey == 100 ? 1u : 0u);
+    }
+}
+
 // Each call that can fail, in turn: the old macros stay until there are new ones.
 TEST_F(MacroTest, FailuresWhileAFileIsRead)
 {
@@ -256,6 +276,10 @@ TEST_F(MacroTest, FailuresWhileAFileIsRead)
         HostFailNth(nullptr, 0);
         EXPECT_EQ(Macros(), row.Macros);
     }
+    ASSERT_EQ(ReadFile(before), OK);
+    bytes.resize(0x100001); // above 1 MiB
+    EXPECT_EQ(ReadFile(bytes), Unsuccessful);
+    EXPECT_EQ(Macros(), "99:1");
 }
 
 TEST_F(MacroTest, Settings)
@@ -417,6 +441,7 @@ TEST_F(MacroTest, ModeHotkeyInAReport)
         {0x02010023, {0x23, 2}, 1, {0x23, 0}},
         {0x02020223, {0x23, 2}, 1, {0x23, 0}},
         {0x02010023, {2, 0x23}, 0, {2, 0x23}},
+        {0x02010023, {0x23, 2, 0}, 0, {0x23, 2, 0}},
         {0x03010039, {0, 0, 0x39, 0, 0, 0, 0, 0}, 0, {0, 0, 0x39, 0, 0, 0, 0, 0}},
     };
     for (const Case& row : cases) {
@@ -540,6 +565,42 @@ TEST_F(ParkedTest, TheKeyboardGoes)
     EXPECT_EQ(Keyboard->Unplug(true), OK);
     EXPECT_EQ(Received.size(), 1u);
     EXPECT_EQ(Globals.ucKorvexTimerRunning, 0);
+}
+
+// The stack above gives reads up at the worst moments: before one is parked, and while the timer takes it.
+TEST_F(ParkedTest, GivenUpAtTheSameMoment)
+{
+    Park(2, 3);
+    PIRP pGivenUp = Context()->pFirstParked;
+    PDRIVER_CANCEL pCancel = IoSetCancelRoutine(pGivenUp, nullptr); // as the canceller does first of all
+    ASSERT_NE(pCancel, nullptr);
+    Wait(100);
+    EXPECT_EQ(Keys(), "10"); // the second read has it; the first is left to its canceller
+    EXPECT_EQ(UnparkReadRequest(Keyboard->Filter(), pGivenUp), Unsuccessful);
+    IoAcquireCancelSpinLock(&pGivenUp->CancelIrql);
+    pCancel(Keyboard->Filter(), pGivenUp);
+    EXPECT_EQ(Keys(), "x");
+
+    PIRP pRead = IoAllocateIrp(2, FALSE);
+    pRead->Cancel = TRUE;
+    const LONG lReferences = Context()->lReferences;
+    EXPECT_EQ(ParkReadRequest(Keyboard->Filter(), pRead), STATUS_CANCELLED);
+    EXPECT_EQ(Context()->lReferences, lReferences);
+    EXPECT_EQ(ParkedCount(Context()), 0u);
+    IoFreeIrp(pRead);
+    Wait(200);
+}
+
+TEST_F(ParkedTest, TwoHundredGoTogether)
+{
+    Park(200, 1);
+    EXPECT_EQ(ParkedCount(Context()), 200u);
+    CompleteParkedReads(Keyboard->Filter());
+    EXPECT_EQ(Received.size(), 200u);
+    EXPECT_EQ(ParkedCount(Context()), 0u);
+    Received.clear();
+    Wait(1000);
+    EXPECT_EQ(Keys(), "");
 }
 
 TEST_F(ParkedTest, AReadThatIsShorterThanTheReport)

@@ -1,6 +1,7 @@
 // reports_test.cpp - the report kinds where a story cannot look: lengths that no keyboard sends, what is
 // remembered and dumped of them, and repeats that two processors fight about.
 #include "bench_keyboard.h"
+#include "bench_urb.h"
 
 #include <functional>
 
@@ -20,15 +21,6 @@ NTSTATUS Handle(const Handler& handler, EmuBytes& report)
     NTSTATUS status = handler(static_cast<ULONG>(report.size()), pBuf.get());
     std::copy(pBuf.get(), pBuf.get() + report.size(), report.begin());
     return status;
-}
-
-size_t CountOf(const std::string& text, const std::string& what)
-{
-    size_t count = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
-        count++;
-    }
-    return count;
 }
 } // namespace
 
@@ -214,7 +206,8 @@ TEST_F(Reports, EveryScanCodeByteIsSent)
         {0xE02AE037, 1, 1, "E0 AA E0 B7 "},
         {0xE11D45, 0, 0, "E1 1D 45 E1 9D C5 "},
         {0xE11D45, 1, 0, ""},
-        {0xE000, 0, 1, "E0 "}, // an empty byte is no event
+        {0xE11D45, 1, 1, "E1 9D C5 "}, // if it had a break, it would come once
+        {0xE000, 0, 1, "E0 "},         // an empty byte is no event
     };
     Begin(EmuBootKeyboard);
     for (const auto& row : cases) {
@@ -236,26 +229,48 @@ TEST_F(Reports, EveryScanCodeByteIsSent)
 TEST_F(Reports, DumpsEndWhereTheBytesEnd)
 {
     Begin(EmuBootKeyboard);
-    std::vector<char> buffer(LOG_BUFFER_BYTES);
-    char* pKeptBuffer = Globals.pLogBuffer;
-    const ULONG ulKeptLevel = Settings.ulLogLevel;
-    const UNICODE_STRING keptName = Settings.LogFileName;
-    WCHAR name[2] = L"f";
-    Settings.LogFileName = {2, 4, name};
-    Settings.ulLogLevel = LOG_TRAFFIC;
-    Globals.pLogBuffer = buffer.data();
+    KeptLog log(LOG_TRAFFIC);
     memset(Context()->ucOldOPOSPacket, 0xA7, 8);
     Pos(EmuBytes(24, 0xB3));
     EmuBytes empty;
     Handle([&](ULONG ulLen, PUCHAR pBuf) { return DiagJaalaaPacket(Filter(), ulLen, pBuf); }, empty);
-    std::string text = buffer.data();
-    Globals.pLogBuffer = pKeptBuffer;
-    Settings.ulLogLevel = ulKeptLevel;
-    Settings.LogFileName = keptName;
-    EXPECT_EQ(CountOf(text, "a7 "), 8u) << text;
-    EXPECT_EQ(CountOf(text, "b3 "), 48u) << text;
-    EXPECT_EQ(CountOf(text, "(HandleOPOSPacket) old packet:"), 1u) << text;
-    EXPECT_EQ(CountOf(text, "(DiagJaalaaPacket) new packet:"), 1u) << text;
+    std::string text = log.Take();
+    EXPECT_EQ(KeptLog::Count(text, "a7 "), 8u) << text;
+    EXPECT_EQ(KeptLog::Count(text, "b3 "), 48u) << text;
+    EXPECT_EQ(KeptLog::Count(text, "(HandleOPOSPacket) old packet:"), 1u) << text;
+    EXPECT_EQ(KeptLog::Count(text, "(DiagJaalaaPacket) new packet:"), 1u) << text;
+}
+
+// Indexes that came from outside the tables are those of the last rows.
+TEST_F(Reports, RepeatsStayWithinTheirTables)
+{
+    Begin(EmuBootKeyboard);
+    Define(5, 5, 0);
+    WriteShared(Globals.usTypematicRate, 0xFFFF);
+    WriteShared(Globals.usTypematicDelay, 0xFFFF);
+    const unsigned long long ullBegin = HostNowUs();
+    Pos({0, 0, 4, 0, 0, 0, 0, 0});
+    Events();
+    HostAdvanceToUs(ullBegin + 1032999);
+    EXPECT_EQ(Events(), "");
+    HostAdvanceToUs(ullBegin + 1033000); // 1000 ms, and a period of 33 ms
+    EXPECT_EQ(Events(), "1E ");
+}
+
+// The second way to look for hotkeys takes reports of other lengths as they are: no modifiers, keys in front.
+TEST_F(Reports, ShortReportsHaveNoModifiers)
+{
+    Begin(EmuBootKeyboard);
+    Define(7, 1, 1, {0x3B});
+    EmuBytes report = {1, 0x3A, 5};
+    Handle([&](ULONG ulLen, PUCHAR pBuf) { return DiagNormalPacket02(Filter(), ulLen, pBuf); }, report);
+    EXPECT_EQ(report, (EmuBytes{1, 5, 0}));
+    EXPECT_EQ(Globals.ulModifierFlags, 0u);
+    EXPECT_EQ(Events(), "01 ");
+    UCHAR ucOnes[9] = {1, 1, 1, 1, 1, 1, 1, 1, 1};
+    EXPECT_TRUE(IsRolloverPacket(8, ucOnes));
+    EXPECT_FALSE(IsRolloverPacket(7, ucOnes));
+    EXPECT_FALSE(IsRolloverPacket(9, ucOnes));
 }
 
 // A callback that was under way on another processor while a report ended its repeat and started the next.

@@ -1,6 +1,7 @@
 // requests_test.cpp - requests that are passed to the keyboard: what goes over the wire, and what the application
 // gets when the keyboard answers oddly, late, or not at all.
 #include "bench_application.h"
+#include "bench_urb.h"
 #include "control/control.h"
 #include "log/log.h"
 
@@ -156,23 +157,15 @@ TEST_P(RequestsTest, EepromSize)
 
 TEST_P(RequestsTest, SizeQueryIsLogged)
 {
-    static WCHAR Name[] = L"f";
-    std::vector<char> log(LOG_BUFFER_BYTES);
-    UNICODE_STRING noName = Settings.LogFileName; // its buffer stays the driver's
-    Settings.LogFileName = {2, 4, Name};
-    Settings.ulLogLevel = LOG_TRAFFIC;
-    Globals.pLogBuffer = log.data();
+    KeptLog log(LOG_TRAFFIC);
     const struct {
         ULONG ulCode;
         const char* pTitle;
     } Queries[] = {{0x2220A4, "(ReadQuintoraEEprom) pUchar"}, {0x2220A8, "(WriteQuintoraEEprom) pTmp"}};
     for (const auto& query : Queries) {
-        log[0] = 0;
         EXPECT_EQ(OK, Ask(query.ulCode, Access(0, 0), 64));
-        EXPECT_NE(nullptr, strstr(log.data(), query.pTitle)) << log.data();
+        EXPECT_LT(0u, KeptLog::Count(log.Take(), query.pTitle)) << query.pTitle;
     }
-    Globals.pLogBuffer = nullptr;
-    Settings.LogFileName = noName;
 }
 
 TEST_P(RequestsTest, StringsOfOddLengths)
@@ -259,6 +252,20 @@ TEST_P(RequestsTest, ShortAndFailedAnswers)
 }
 
 // The whole memory families' reach: the largest length that an input and an output can hold.
+TEST_P(RequestsTest, ByNameWithoutABufferOrAKeyboard)
+{
+    ULONG ulLength = 77;
+    UCHAR ucDescriptor[18] = {0x77};
+    EXPECT_EQ(OK, GetStringDescriptor(0, 1, 0x409, nullptr, 0xFFFF, &ulLength));
+    EXPECT_GT(ulLength, 2u) << "the length alone";
+    EXPECT_EQ(UN, GetDeviceDescriptor(99, ucDescriptor));
+    EXPECT_EQ(0x77, ucDescriptor[0]);
+    pKeyboard->TakenRequests();
+    EXPECT_EQ(OK, ReadQuintoraEEprom(0, 0, 8, nullptr, &ulLength));
+    EXPECT_EQ(0u, ulLength);
+    EXPECT_EQ(0u, pKeyboard->TakenRequests().size());
+}
+
 TEST_P(RequestsTest, LargestTransfers)
 {
     EmuBytes data(512);

@@ -175,9 +175,11 @@ TEST_F(Siblings, DropsAWordThatCannotBeQueued)
 {
     EmuSibling* pUsb = Machine->AddSibling(EmuUsbMouseSibling);
     pUsb->Arrive();
-    for (const char* pWhat : {"pool", "workitem"}) {
+    for (const char* pWhat : {"pool", "workitem", "the control device goes"}) {
         HostFailNth(pWhat, 1);
+        const LONG lUsers = ExchangeShared(Control()->lNotifications, pWhat[0] == 't' ? 0 : 1);
         Keyboard->Report(ControlHeld);
+        WriteShared(Control()->lNotifications, lUsers);
         HostFailNth(nullptr, 0);
         HostSettle();
         EXPECT_EQ(pUsb->TakeWords(), Words{}) << pWhat;
