@@ -221,6 +221,7 @@ TEST_F(Intercept, ReadsThatTheBusGivesUpAreReadAgain)
     ASSERT_EQ(1u, Keyboard->Received().size());
     EXPECT_EQ(4, Keyboard->Received()[0].Bytes[2]);
     EXPECT_EQ(1u, Keyboard->PendingReads());
+    Keyboard->Unplug(false); // the observer's variables end here
 }
 
 // A read that the keyboard does not give back at once is called back once, by one canceller.
