@@ -96,7 +96,10 @@ static NTSTATUS NTAPI HidPnp(PDEVICE_OBJECT pDevice, PIRP pIrp)
     case IRP_MN_REMOVE_DEVICE:
         pIrp->IoStatus.Status = STATUS_SUCCESS;
         return RemoveHid(pHid, pIrp);
-    case IRP_MN_SURPRISE_REMOVAL:
+    case IRP_MN_SURPRISE_REMOVAL: // what the keyboard holds ends when it hears of it; the removal waits
+        pIrp->IoStatus.Status = STATUS_SUCCESS;
+        CallReadsBack(pHid);
+        return PassDown(pDevice, pIrp);
     case IRP_MN_STOP_DEVICE:
         pIrp->IoStatus.Status = STATUS_SUCCESS;
         StopReads(pHid);

@@ -203,7 +203,7 @@ static bool IsOut(HidRead* pRead)
     return bOut;
 }
 
-VOID StopReads(HidDevice* pHid)
+VOID CallReadsBack(HidDevice* pHid)
 {
     KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pHid->Lock);
     pHid->bOpen = FALSE;
@@ -214,9 +214,14 @@ VOID StopReads(HidDevice* pHid)
             IoCancelIrp(pHid->pReads[i].pIrp);
         }
     }
+}
+
+VOID StopReads(HidDevice* pHid)
+{
+    CallReadsBack(pHid);
     KeWaitForSingleObject(&pHid->Idle, Executive, KernelMode, FALSE, nullptr);
     // The last Leave sets the event under the lock: passing the lock once more means that it has let go.
-    irql = KeAcquireSpinLockRaiseToDpc(&pHid->Lock);
+    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pHid->Lock);
     KeReleaseSpinLock(&pHid->Lock, irql);
     FreeReads(pHid);
 }

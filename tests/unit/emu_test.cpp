@@ -273,4 +273,21 @@ TEST_F(EmuPipe, LateNeverAndDeafRequestsEndAsTold)
     EXPECT_EQ(after.Status, STATUS_DELETE_PENDING);
     Keyboard->Remove();
 }
+
+// The system sets the LEDs of a keyboard that has gone deaf, and the keyboard is pulled.
+TEST_F(EmuPipe, APulledKeyboardLetsGoOfWhatTheSystemAskedIt)
+{
+    for (EmuHidRoute route : {EmuHidRouteClass, EmuHidRouteControl}) {
+        EmuPlugOptions options;
+        options.Rules = {{0x21, 9, EmuAny, EmuAny, EmuAnswerDeaf, 0, 0, 0, 0}};
+        EmuKeyboard* pKeyboard = Machine->Plug(EmuBootKeyboard, options);
+        NTSTATUS status = STATUS_SUCCESS;
+        HostThread thread = HostStartThread([&] { status = pKeyboard->SendLed(2, route); });
+        HostSettle();
+        EXPECT_EQ(pKeyboard->HeldRequests(), 1u);
+        pKeyboard->Unplug(true);
+        HostJoinThread(thread);
+        EXPECT_EQ(status, STATUS_DELETE_PENDING);
+    }
+}
 } // namespace
