@@ -21,8 +21,8 @@ bool IsInterruptRead(PIRP Irp)
         return false;
     }
     PURB pUrb = static_cast<PURB>(pStack->Parameters.Others.Argument1);
-    return pUrb != nullptr && pUrb->UrbHeader.Function == URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER &&
-           pUrb->UrbHeader.Length >= sizeof(pUrb->UrbBulkOrInterruptTransfer) &&
+    return pUrb != nullptr && pUrb->UrbHeader.Length >= sizeof(pUrb->UrbBulkOrInterruptTransfer) &&
+           pUrb->UrbHeader.Function == URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER &&
            (pUrb->UrbBulkOrInterruptTransfer.TransferFlags & USBD_TRANSFER_DIRECTION_IN) != 0;
 }
 

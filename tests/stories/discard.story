@@ -94,3 +94,10 @@ report 01 00 00 -> 01 00 00
 remove 9
 report 01 E9 00 -> 01 E9 00
 quiet
+
+story Esc without a definition of discard mode is told with no id
+keyboard normal
+define 9 43                          # the mask's bit alone
+report 00 00 29 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | key 01 0
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+quiet

@@ -165,7 +165,7 @@ TEST_P(ControlTest, TakeManyLeavesEmptySlotsZero)
     for (const auto& queue : Queues) {
         ULONG ulSlot = static_cast<ULONG>(queue.record.size());
         EXPECT_EQ(UN, Send(queue.ulCode, Record(0, BytesOf<USHORT>(4)), 3 * ulSlot)) << "nothing is taken";
-        EXPECT_EQ(UN, Send(queue.ulCode, Record(0, BytesOf<USHORT>(0xFFFF)), 4096)) << "no 16-bit product";
+        EXPECT_EQ(UN, Send(queue.ulCode, Record(0, BytesOf<USHORT>(3277)), 4096)) << "no 16-bit product";
         EXPECT_EQ(OK, Send(queue.ulCode, Record(0, BytesOf<USHORT>(3)), 4096));
         EmuBytes expected = queue.record;
         expected.resize(3 * ulSlot);

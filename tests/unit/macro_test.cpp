@@ -11,6 +11,7 @@
 #include "emu/app/machine.h"
 #include "hotkeys/hotkeys.h"
 #include "macro/macro.h"
+#include "bench_urb.h"
 #include "tests/macro_file.h"
 
 namespace
@@ -214,6 +215,11 @@ TEST_F(MacroTest, FileLayout)
 TEST_F(MacroTest, ReportsOfAFile)
 {
     FileBytes bytes = MacroFileHead();
+    {
+        KeptLog log(LOG_TRAFFIC); // an action's own length is not believed
+        EXPECT_EQ(ReadFile(MacroAnd({0x3A, 0, 10, 0, 1, 255, 1, 2, 3, 4, 5, 6, 7, 8})), OK);
+        EXPECT_NE(log.Take().find("Record:[00-07]: 01 02 03 04 05 06 07 08 "), std::string::npos);
+    }
     AppendMacro(bytes, 0x3A, {{1, 2, 3, 4, 5, 6, 7, 8}, {9, 10, 11, 12, 13, 14, 15, 16}});
     ASSERT_EQ(ReadFile(bytes), OK);
     MacroTable* pTable = AcquireMacroTable();

@@ -129,6 +129,9 @@ TEST_F(Urbs, OnlyAnLedReportThatWentOutIsRemembered)
     lengthless.Urb.UrbControlTransfer.TransferBufferLength = 0;
     WriteShared(Context()->usLedReport, 0x2A);
     Show(lengthless.Urb, 1);
+    lengthless.Urb.UrbControlTransfer.TransferBufferLength = 1; // or behind an MDL
+    lengthless.Urb.UrbControlTransfer.TransferBuffer = nullptr;
+    Show(lengthless.Urb, 1);
     EXPECT_EQ(0x2A, Context()->usLedReport);
 }
 
