@@ -5,6 +5,7 @@
 #include "control/control.h"
 #include "hotkeys/hotkeys.h"
 #include "macro/macro.h"
+#include "report/report.h"
 #include "usb/usb.h"
 
 namespace
@@ -79,7 +80,9 @@ TEST_F(Hazards, AUrbShorterThanItsHeaderIsNotReadOn)
 TEST_F(Hazards, AnEmptyReadOfAMediaKeyboardIsNotLookedInto)
 {
     EmuKeyboard* pMedia = Machine->Plug(EmuJaalaaKeyboard);
-    InterruptUrb read(0);
+    InterruptUrb read(8);
+    read.Urb.UrbBulkOrInterruptTransfer.TransferBuffer = read.Buffer.get() + 8; // nothing of it may be read
+    read.Urb.UrbBulkOrInterruptTransfer.TransferBufferLength = 0;
     FilterIrp request(pMedia->Filter(), &read.Urb);
     EXPECT_EQ(URB_PASS, ShowURBInfo(pMedia->Filter(), request.pIrp, 0));
     EXPECT_EQ(URB_PASS, ShowURBInfo(pMedia->Filter(), request.pIrp, 1));
@@ -212,6 +215,17 @@ TEST_F(Hazards, AKeyboardThatGoesKeepsNoReadAndNoPace)
     }
 }
 
+// A keyboard that cannot be attached is gone, and nobody finds what was built of it.
+TEST_F(Hazards, AHalfBuiltKeyboardIsNotFound)
+{
+    HostFailNth("attach", 1);
+    (void)Machine->Plug(EmuBootKeyboard);
+    HostFailNth(nullptr, 0);
+    KeyboardList list = {};
+    EXPECT_EQ(STATUS_SUCCESS, ListKeyboards(&list));
+    EXPECT_EQ(1, list.usCount);
+}
+
 // The address goes before the data: 65,537 bytes in all.
 TEST_F(Hazards, TheLargestWriteHasRoomForItsAddress)
 {
@@ -284,6 +298,19 @@ TEST_P(HazardOrders, AReadIsNotGoneWhileItIsCalledBack)
     (void)Keyboard->Report({0, 0, 4, 0, 0, 0, 0, 0});
     HostJoinThread(thread);
     EXPECT_FALSE(CancelPendingRead(Filter()));
+}
+
+// Two keyboards change the one modifier word: a prefix that one latches is not lost to the other.
+TEST_P(HazardOrders, NoKeyboardLosesItsModifiers)
+{
+    EmuPlugOptions plug;
+    plug.Manual = true;
+    PDEVICE_OBJECT other = Machine.Plug(EmuBootKeyboard, plug)->Filter();
+    const UCHAR ucPrefix[8] = {0, 0, 0x89}, ucKey[8] = {0, 0, 4};
+    HostThread thread = HostStartThread([&] { UpdateModifierFlags(other, ucKey, sizeof(ucKey), 1); });
+    UpdateModifierFlags(Filter(), ucPrefix, sizeof(ucPrefix), 1);
+    HostJoinThread(thread);
+    EXPECT_NE(0u, ReadShared(Globals.ulModifierFlags) & MODIFIER_PREFIX1);
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, HazardOrders, testing::Range(1u, 61u));
