@@ -68,9 +68,10 @@ struct _KTHREAD {
     std::condition_variable Wake;
     HostOsThread* pOs;
     KIRQL Irql;
-    HostFiber* pFiber;     // simulated mode: where it runs
-    unsigned uNumber;      // in the order of their starts
-    PKSPIN_LOCK pSpinsFor; // simulated mode: cannot run until this lock is free
+    HostFiber* pFiber;      // simulated mode: where it runs
+    unsigned uNumber;       // in the order of their starts
+    PKSPIN_LOCK pSpinsFor;  // simulated mode: cannot run until this lock is free
+    ULONGLONG ullSlowUntil; // with a seed: so many switches since the start
     bool bWaiting;
     bool bTerminating;
     bool b32;
@@ -238,6 +239,7 @@ struct HostState {
     ULONGLONG ullRandom = 0;
     ULONGLONG ullDigest = 0; // of all choices so far
     unsigned uOneIn = 1;     // of so many points, others may run first at one
+    ULONGLONG ullSwitches = 0;
 
     LONGLONG llNow = 0; // simulated clock
     LONGLONG llStart = 0;

@@ -10,7 +10,9 @@
 //
 // With a seed, chance takes the place of the queue's order. At every kernel call and shared access others
 // may run first, at any level: that is what several processors look like. A thread at DISPATCH_LEVEL keeps
-// its processor; when all are taken, only such threads go on. DPCs run on two threads of their own, and now and then the clock moves to the next timer although somebody could run.
+// its processor; when all are taken, only such threads go on. DPCs run on two threads of
+// their own. Now and then the clock moves to the next timer although somebody could run, and now and then a
+// thread is slow: it does not run for a while as long as others can.
 #include "irp.h"
 
 #include <chrono>
@@ -41,7 +43,7 @@ void HostWake(PKTHREAD pThread)
 }
 
 enum : LONGLONG { IDLE_DAY = 864000000000, NEAR_BY = 200000 }; // a day, 20 ms
-enum : unsigned { PROCESSORS = 3, CLOCK_ONE_IN = 16 };
+enum : unsigned { PROCESSORS = 3, CLOCK_ONE_IN = 16, SLOW_ONE_IN = 16, SLOW_LOG2 = 10 };
 
 bool HostSeeded;
 
@@ -79,7 +81,8 @@ static bool IsTimedWaitDue()
     return false;
 }
 
-// A thread from the ready queue that can go on: its lock is free, and there is a processor for it.
+// A thread from the ready queue that can go on: its lock is free, and there is a processor for it. A slow one
+// only when there is no other.
 // Lock: held.
 static PKTHREAD ChooseReady()
 {
@@ -87,19 +90,25 @@ static PKTHREAD ChooseReady()
     for (PKTHREAD pThread : g->Ready) {
         uHigh += pThread->Irql >= DISPATCH_LEVEL;
     }
-    size_t able[64];
-    unsigned uAble = 0;
-    for (size_t i = 0; i < g->Ready.size() && uAble < 64; i++) {
+    size_t able[64], slow[64];
+    unsigned uAble = 0, uSlow = 0;
+    g->ullSwitches++;
+    for (size_t i = 0; i < g->Ready.size() && i < 64; i++) {
         PKTHREAD pThread = g->Ready[i];
         bool bLockFree = pThread->pSpinsFor == nullptr || *pThread->pSpinsFor == 0;
-        if (bLockFree && (pThread->Irql >= DISPATCH_LEVEL || uHigh < PROCESSORS)) {
+        if (!bLockFree || (pThread->Irql < DISPATCH_LEVEL && uHigh >= PROCESSORS)) {
+            continue;
+        }
+        if (pThread->ullSlowUntil > g->ullSwitches) {
+            slow[uSlow++] = i;
+        } else {
             able[uAble++] = i;
         }
     }
-    if (uAble == 0) {
+    if (uAble + uSlow == 0) {
         HostBug("SPIN_LOCK_DEADLOCK", "every thread that could run spins for a lock");
     }
-    size_t chosen = able[Chance(uAble)];
+    size_t chosen = uAble != 0 ? able[Chance(uAble)] : slow[Chance(uSlow)];
     PKTHREAD pNext = g->Ready[chosen];
     g->Ready.erase(g->Ready.begin() + static_cast<long>(chosen));
     return pNext;
@@ -198,6 +207,9 @@ void HostPreempt()
         HostExpire(g->llNow);
     }
     if (!g->Ready.empty()) {
+        if (Chance(SLOW_ONE_IN) == 0) {
+            pSelf->ullSlowUntil = g->ullSwitches + (1u << Chance(SLOW_LOG2));
+        }
         HostYield(lock, pSelf);
     }
 }

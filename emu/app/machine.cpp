@@ -39,7 +39,8 @@ static string RegistryText(const EmuMachineOptions& options)
     return text + "\n" + (head == string::npos ? more : more.substr(head + 1));
 }
 
-EmuMachine::EmuMachine(const EmuMachineOptions& options) : m_Mode(options.Mode)
+EmuMachine::EmuMachine(const EmuMachineOptions& options)
+    : m_bSettles(options.Mode == HostSimulated && options.Seed == 0)
 {
     HostOptions host;
     host.Mode = options.Mode;
@@ -209,14 +210,14 @@ static PDRIVER_OBJECT LoadOnce(PDRIVER_OBJECT* ppDriver, PDRIVER_INITIALIZE pEnt
 EmuClassDevice* EmuMachine::AddClassDevice(USHORT usNumber)
 {
     PDRIVER_OBJECT pDriver = LoadOnce(&m_pClass, EmuClassEntry, L"EmuClass");
-    m_ClassDevices.push_back(std::make_unique<EmuClassDevice>(pDriver, usNumber, m_Mode));
+    m_ClassDevices.push_back(std::make_unique<EmuClassDevice>(pDriver, usNumber, m_bSettles));
     return m_ClassDevices.back().get();
 }
 
 EmuSibling* EmuMachine::AddSibling(EmuSiblingKind kind)
 {
     PDRIVER_OBJECT pDriver = LoadOnce(&m_pSiblings, EmuSiblingEntry, L"EmuSibling");
-    m_Siblings.push_back(std::make_unique<EmuSibling>(pDriver, kind, m_Mode));
+    m_Siblings.push_back(std::make_unique<EmuSibling>(pDriver, kind, m_bSettles));
     return m_Siblings.back().get();
 }
 

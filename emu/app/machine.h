@@ -187,7 +187,7 @@ private:
     NTSTATUS m_LoadStatus = STATUS_UNSUCCESSFUL;
     PDRIVER_OBJECT m_pDriver = nullptr, m_pKeyboards = nullptr, m_pHid = nullptr;
     PDRIVER_OBJECT m_pClass = nullptr, m_pSiblings = nullptr;
-    HostMode m_Mode;
+    bool m_bSettles; // see neighbours.h
     bool m_bRunning = false;
     std::vector<std::unique_ptr<EmuKeyboard>> m_Keyboards;
     std::vector<std::unique_ptr<EmuClassDevice>> m_ClassDevices;

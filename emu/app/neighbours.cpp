@@ -1,15 +1,14 @@
 // What the handles of class devices and siblings do.
 #include "neighbours.h"
 
-// With real threads nobody waits for a worker that may be waiting for this very device.
-static void Settle(HostMode mode)
+static void Settle(bool bSettles)
 {
-    if (mode == HostSimulated) {
+    if (bSettles) {
         HostSettle();
     }
 }
 
-EmuClassDevice::EmuClassDevice(PDRIVER_OBJECT pDriver, USHORT usNumber, HostMode mode) : m_Mode(mode)
+EmuClassDevice::EmuClassDevice(PDRIVER_OBJECT pDriver, USHORT usNumber, bool bSettles) : m_bSettles(bSettles)
 {
     if (!pDriver || !NT_SUCCESS(EmuCreateClassDevice(pDriver, usNumber, &m_pDevice))) {
         m_pDevice = nullptr;
@@ -43,7 +42,7 @@ void EmuClassDevice::Release()
 {
     if (m_pDevice) {
         EmuReleaseClass(m_pDevice);
-        Settle(m_Mode);
+        Settle(m_bSettles);
     }
 }
 
@@ -51,7 +50,7 @@ void EmuClassDevice::Remove()
 {
     if (m_pDevice) {
         EmuRemoveClassDevice(std::exchange(m_pDevice, nullptr));
-        Settle(m_Mode);
+        Settle(m_bSettles);
     }
 }
 
@@ -85,7 +84,7 @@ void EmuSibling::Leave()
 {
     if (m_pDevice) {
         EmuRemoveSibling(std::exchange(m_pDevice, nullptr));
-        Settle(m_Mode);
+        Settle(m_bSettles);
     }
 }
 
@@ -95,7 +94,7 @@ NTSTATUS EmuSibling::Publish(bool bPresent)
         return STATUS_DEVICE_NOT_READY;
     }
     NTSTATUS status = EmuPublishSibling(m_pDevice, bPresent);
-    Settle(m_Mode);
+    Settle(m_bSettles);
     return status;
 }
 
@@ -110,7 +109,7 @@ void EmuSibling::Release()
 {
     if (m_pDevice) {
         EmuReleaseSibling(m_pDevice);
-        Settle(m_Mode);
+        Settle(m_bSettles);
     }
 }
 

@@ -1,7 +1,8 @@
 // The handles of the other drivers' devices around the keyboards: keyboard class devices and sibling drivers.
 //
-// A test makes them through EmuMachine (AddClassDevice, AddSibling) and keeps them to the machine's end. In
-// simulated mode everything that a call causes has happened when it returns.
+// A test makes them through EmuMachine (AddClassDevice, AddSibling) and keeps them to the machine's end. One that
+// settles returns from a call when everything that the call causes has happened. With real threads none does, for
+// a worker may be waiting for this very device, nor with a seed, where others shall come between.
 #pragma once
 
 #include <kernel.h>
@@ -18,7 +19,7 @@
 class EmuClassDevice
 {
 public:
-    EmuClassDevice(PDRIVER_OBJECT pDriver, USHORT usNumber, HostMode mode);
+    EmuClassDevice(PDRIVER_OBJECT pDriver, USHORT usNumber, bool bSettles);
     ~EmuClassDevice() { Remove(); }
     EmuClassDevice(const EmuClassDevice&) = delete;
     EmuClassDevice& operator=(const EmuClassDevice&) = delete;
@@ -30,7 +31,7 @@ public:
     void Remove();
 
 private:
-    HostMode m_Mode;
+    bool m_bSettles;
     PDEVICE_OBJECT m_pDevice = nullptr;
 };
 
@@ -38,8 +39,8 @@ private:
 class EmuSibling
 {
 public:
-    EmuSibling(PDRIVER_OBJECT pDriver, EmuSiblingKind kind, HostMode mode)
-        : m_pDriver(pDriver), m_Kind(kind), m_Mode(mode)
+    EmuSibling(PDRIVER_OBJECT pDriver, EmuSiblingKind kind, bool bSettles)
+        : m_pDriver(pDriver), m_Kind(kind), m_bSettles(bSettles)
     {
     }
     ~EmuSibling() { Leave(); }
@@ -62,7 +63,7 @@ private:
 
     PDRIVER_OBJECT m_pDriver;
     EmuSiblingKind m_Kind;
-    HostMode m_Mode;
+    bool m_bSettles;
     PDEVICE_OBJECT m_pDevice = nullptr;
     std::mutex m_Lock; // guards m_Words; nothing of the host is called under it
     std::vector<ULONG> m_Words;

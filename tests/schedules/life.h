@@ -21,6 +21,7 @@ struct Life {
     unsigned Draw(unsigned uBelow) { return static_cast<unsigned>(Random() % uBelow); }
     void Pause();                                      // mostly none, 30 ms at most
     static void Sleep(unsigned uMs);                   // virtual time
+    void Linger();                                     // without a wait: others may run, and may not
     void Begin(std::function<void()> body);            // one more thread
     void Expect(bool bHolds, const std::string& what); // the first that does not hold is kept
     bool Busy() const { return uScene == 0; }

@@ -1,6 +1,7 @@
 // main.cpp - test-schedules: one life of the driver after another, each in the order that its seed chooses.
 //
 //   test-schedules [--seeds FROM COUNT]   that many, on two processes; 1 to 200 when nothing is said
+//   test-schedules --first FROM COUNT     the same, up to the first that goes wrong
 //   test-schedules --seed N               one, twice; tells whether both runs were the same
 //
 // A seed whose life goes wrong is told with what went wrong; a rule of the host that breaks ends its process,
@@ -55,10 +56,27 @@ bool RunSeed(Seed ullSeed, const std::string& folder, bool bTwice, ScheduleOutco
     return true;
 }
 
-void Work(Progress* pProgress, Seed ullFrom, Seed ullEnd)
+struct Range {
+    Seed ullFrom, ullEnd;
+    unsigned uMostWrong; // then it is enough
+};
+
+// How many went wrong in all processes so far. A process whose run was stopped counts once more in the parent.
+unsigned CountWrong(const Progress* pAll)
 {
+    unsigned uWrong = 0;
+    for (int i = 0; i < PROCESSES; i++) {
+        uWrong += pAll[i].uWrong;
+    }
+    return uWrong;
+}
+
+void Work(Progress* pAll, int iProcess, const Range& range)
+{
+    Progress* pProgress = &pAll[iProcess];
     Folder folder;
-    for (Seed ullSeed = ullFrom; ullSeed < ullEnd; ullSeed += PROCESSES) {
+    for (Seed ullSeed = range.ullFrom; ullSeed < range.ullEnd && CountWrong(pAll) < range.uMostWrong;
+         ullSeed += PROCESSES) {
         pProgress->ullSeed = ullSeed;
         alarm(MOST_SECONDS); // a life that never ends is stopped, too
         ScheduleOutcome outcome;
@@ -71,48 +89,47 @@ void Work(Progress* pProgress, Seed ullFrom, Seed ullEnd)
     alarm(0);
 }
 
-pid_t Start(Progress* pProgress, Seed ullFrom, Seed ullEnd)
+pid_t Start(Progress* pAll, int iProcess, const Range& range)
 {
     fflush(nullptr);
     pid_t pid = fork();
     if (pid == 0) {
-        Work(pProgress, ullFrom, ullEnd);
+        Work(pAll, iProcess, range);
         exit(0);
     }
     return pid;
 }
 
-int RunSeeds(Seed ullFrom, Seed ullCount)
+int RunSeeds(Seed ullFrom, Seed ullCount, unsigned uMostWrong)
 {
     auto begin = std::chrono::steady_clock::now();
     Progress* pProgress = static_cast<Progress*>(mmap(
         nullptr, PROCESSES * sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     pid_t pids[PROCESSES];
     for (int i = 0; i < PROCESSES; i++) {
-        pids[i] = Start(&pProgress[i], ullFrom + i, ullFrom + ullCount);
+        pids[i] = Start(pProgress, i, {ullFrom + i, ullFrom + ullCount, uMostWrong});
     }
-    unsigned uWrong = 0;
     for (int running = PROCESSES; running > 0;) {
         int status;
         pid_t pid = wait(&status);
         int i = pid == pids[0] ? 0 : 1;
-        if (status == 0 || ++uWrong >= MOST_WRONG) {
+        if (status == 0) {
             running--;
             continue;
         }
         fprintf(stderr, "seed %llu: the run was stopped\n", pProgress[i].ullSeed);
-        pids[i] = Start(&pProgress[i], pProgress[i].ullSeed + PROCESSES, ullFrom + ullCount);
+        pProgress[i].uWrong = pProgress[i].uWrong + 1;
+        pids[i] = Start(pProgress, i, {pProgress[i].ullSeed + PROCESSES, ullFrom + ullCount, uMostWrong});
     }
     unsigned long long ullDone = 0, ullReceived = 0;
     for (int i = 0; i < PROCESSES; i++) {
-        uWrong += pProgress[i].uWrong;
         ullDone += pProgress[i].ullDone;
         ullReceived += pProgress[i].ullReceived;
     }
     double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     printf("%llu seeds from %llu in %.1f s, %.0f a second; %llu reports received; %u went wrong\n", ullDone,
-           ullFrom, seconds, static_cast<double>(ullDone) / seconds, ullReceived, uWrong);
-    return uWrong == 0 && ullDone == ullCount ? 0 : 1;
+           ullFrom, seconds, static_cast<double>(ullDone) / seconds, ullReceived, CountWrong(pProgress));
+    return CountWrong(pProgress) == 0 && ullDone == ullCount ? 0 : 1;
 }
 } // namespace
 
@@ -128,11 +145,14 @@ int main(int argc, char** argv)
         return bRight ? 0 : 1;
     }
     if (argc == 4 && strcmp(argv[1], "--seeds") == 0) {
-        return RunSeeds(strtoull(argv[2], nullptr, 0), strtoull(argv[3], nullptr, 0));
+        return RunSeeds(strtoull(argv[2], nullptr, 0), strtoull(argv[3], nullptr, 0), MOST_WRONG);
+    }
+    if (argc == 4 && strcmp(argv[1], "--first") == 0) {
+        return RunSeeds(strtoull(argv[2], nullptr, 0), strtoull(argv[3], nullptr, 0), 1);
     }
     if (argc == 1) {
-        return RunSeeds(1, 200);
+        return RunSeeds(1, 200, MOST_WRONG);
     }
-    fprintf(stderr, "usage: test-schedules [--seed N | --seeds FROM COUNT]\n");
+    fprintf(stderr, "usage: test-schedules [--seed N | --seeds FROM COUNT | --first FROM COUNT]\n");
     return 2;
 }

@@ -6,7 +6,7 @@
 
 #include "life.h"
 
-enum { LATEST_US = 10000000 };
+enum { LATEST_US = 10000000, LONGEST_LINGER = 400 };
 
 Life::Life(unsigned long long ullSeed, const std::string& folder) : Random(ullSeed)
 {
@@ -18,7 +18,7 @@ Life::Life(unsigned long long ullSeed, const std::string& folder) : Random(ullSe
     options.FileRoot = folder;
     // The mode hotkey on the standard keyboards keeps them from every other road; so does the mode itself.
     static const ULONG HOTKEYS[] = {0, 0x00010039, 0x02010023, 0x02010023};
-    uScene = Draw(2) * Draw(NARROW_SCENES + 1);
+    uScene = Draw(3) == 0 ? 0 : 1 + Draw(NARROW_SCENES);
     const ULONG ulHotkey = Busy() ? HOTKEYS[Draw(4)] : 0x02010023;
     pSecondKind = ulHotkey > 0xFFFFFF ? &EmuPowerKeyboard : &EmuBootKeyboard;
     options.Settings = {{"KorvexHotkey", ulHotkey},
@@ -54,6 +54,13 @@ void Life::Sleep(unsigned uMs)
         LARGE_INTEGER time;
         time.QuadPart = uMs * -10000LL;
         KeDelayExecutionThread(KernelMode, FALSE, &time);
+    }
+}
+
+void Life::Linger()
+{
+    for (unsigned i = Draw(LONGEST_LINGER); i > 0; i--) {
+        SCHEDULE_POINT();
     }
 }
 
