@@ -16,8 +16,8 @@ enum : ULONG { HidTag = 0x68624B45 };
 
 struct HidDevice;
 
-// Who sends a read again that completes on its way down, when the loop guard is on.
-enum HidReadPhase : LONG { HidReadSending, HidReadBelow, HidReadCompleted };
+// Who sends a read again, or lets it go, that completes on its way down when the loop guard is on.
+enum HidReadPhase : LONG { HidReadSending, HidReadBelow, HidReadCompleted, HidReadEnded };
 
 struct HidRead {
     HidDevice* pHid;

@@ -51,11 +51,16 @@ static bool Prepare(HidRead* pRead)
     return true;
 }
 
+static bool IsGuarded(const HidDevice* pHid)
+{
+    return pHid->Options.bLoopGuard && !pHid->Options.bManual;
+}
+
 // Sends a read that is out; with the loop guard, again and again while it completes on its way down.
 // IRQL <= DISPATCH. Lock: none held.
 static VOID SendRead(HidRead* pRead)
 {
-    bool bLoop = pRead->pHid->Options.bLoopGuard && !pRead->pHid->Options.bManual;
+    bool bLoop = IsGuarded(pRead->pHid);
     for (;;) {
         if (!Prepare(pRead)) {
             Release(pRead);
@@ -63,8 +68,14 @@ static VOID SendRead(HidRead* pRead)
         }
         IoCallDriver(pRead->pHid->pLower, pRead->pIrp);
         // Without the guard the read is its completion's from here on.
-        if (!bLoop ||
-            InterlockedCompareExchange(&pRead->Phase, HidReadBelow, HidReadSending) == HidReadSending) {
+        if (!bLoop) {
+            return;
+        }
+        const LONG lPhase = InterlockedCompareExchange(&pRead->Phase, HidReadBelow, HidReadSending);
+        if (lPhase == HidReadEnded) {
+            Release(pRead);
+        }
+        if (lPhase != HidReadCompleted) {
             return;
         }
     }
@@ -85,11 +96,15 @@ static NTSTATUS NTAPI ReadCompleted(PDEVICE_OBJECT, PIRP pIrp, PVOID pContext)
         pHid->Options.pObserver(pHid->Options.pObserverContext, pRead->pBuffer,
                                 ulLength < pHid->ulPacketBytes ? ulLength : pHid->ulPacketBytes, status);
     }
-    if (!bAgain) {
-        Release(pRead);
-    } else if (!pHid->Options.bLoopGuard || InterlockedCompareExchange(&pRead->Phase, HidReadCompleted,
-                                                                       HidReadSending) != HidReadSending) {
+    const LONG lPhase = bAgain ? HidReadCompleted : HidReadEnded;
+    if (IsGuarded(pHid) &&
+        InterlockedCompareExchange(&pRead->Phase, lPhase, HidReadSending) == HidReadSending) {
+        return STATUS_MORE_PROCESSING_REQUIRED; // the sender has not returned: the read stays its own
+    }
+    if (bAgain) {
         SendRead(pRead);
+    } else {
+        Release(pRead);
     }
     return STATUS_MORE_PROCESSING_REQUIRED;
 }
