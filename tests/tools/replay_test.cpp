@@ -397,8 +397,7 @@ TEST(Replay, SwitchedOffLeavesReportsAlone)
 
 TEST(Replay, PlaysTheSample)
 {
-    std::string sample =
-        (std::filesystem::path(__FILE__).parent_path() / "../../samples/typing.pcap").string();
+    std::string sample = SAMPLE_FOLDER "/typing.pcap";
     Lines lines = Replayed(ReadInput(sample), CtrlF1);
     Lines events;
     struct {
