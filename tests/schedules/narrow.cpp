@@ -76,13 +76,16 @@ void BeginRepeat(Life& life)
 {
     OpenApplication(life);
     Define(life, Definition(5, 1));
-    life.Begin([&life] {
+    const DeviceContext* pContext = FilterContextOf(life.pKeyboards[0]->Filter());
+    life.Begin([&life, pContext] {
         static const unsigned HELD_MS[] = {250, 750};
         for (int i = 0; i < 12; i++) {
             Press(life.pKeyboards[0], 0, ARROW_UP);
             Life::Sleep(HELD_MS[life.Draw(2)] - life.Draw(2) * 5);
             Release(life.pKeyboards[0]);
-            life.Pause();
+            HostSettle();
+            life.Expect(pContext->TypematicDelay.ullDue == 0 && pContext->TypematicRepeat.ullDue == 0,
+                        "a repeat is due of a key that is up");
         }
     });
 }

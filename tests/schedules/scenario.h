@@ -1,8 +1,6 @@
-// scenario.h - one busy minute at a machine, lived through in the order that a seed chooses.
+// scenario.h - one minute at a machine, lived through in the order that a seed chooses.
 //
-// Two keyboards, two applications as threads of their own, hotkeys, macros, definitions that come and go, a
-// keyboard that is pulled out in the middle and another that is plugged in. The seed also chooses pauses and
-// keys. The same seed gives the same life.
+// The seed also chooses the scene (life.h), pauses and keys. The same seed gives the same life.
 #pragma once
 
 #include <string>
