@@ -22,12 +22,10 @@ NTSTATUS AddPendingIrp(PDEVICE_OBJECT device, PIRP Irp)
     return STATUS_SUCCESS;
 }
 
-// Takes a completed read out; one that is not found changes nothing. Returns true when its canceller still
-// works on it and completes it.
-// IRQL <= DISPATCH. Lock: takes PendingIrpLock. Fails: never.
-bool RemovePendingIrp(PDEVICE_OBJECT device, PIRP Irp)
+// One that is not found changes nothing. Returns true when a canceller works on it, who gets it with bLeave.
+// IRQL <= DISPATCH. Lock: takes PendingIrpLock.
+static bool TakeOutRead(DeviceContext* pContext, PIRP Irp, bool bLeave)
 {
-    DeviceContext* pContext = FilterContextOf(device);
     LockScope lock(pContext->PendingIrpLock);
     ULONG i = 0;
     while (i < pContext->ulPendingIrpCount && pContext->PendingIrps[i] != Irp) {
@@ -42,11 +40,34 @@ bool RemovePendingIrp(PDEVICE_OBJECT device, PIRP Irp)
     pContext->PendingIrps[pContext->ulPendingIrpCount] = nullptr;
     (void)InterlockedExchangePointer(reinterpret_cast<PVOID*>(&pContext->pPendingReadIrp),
                                      pContext->PendingIrps[0]);
-    if (pContext->pCancellingIrp == Irp) {
-        pContext->ucCancelledCompleted = 1;
-        return true;
+    if (pContext->pCancellingIrp != Irp) {
+        return false;
     }
-    return false;
+    pContext->ucCancelledCompleted = bLeave ? 1 : 0;
+    return true;
+}
+
+// IRQL <= DISPATCH. Lock: takes PendingIrpLock.
+static bool IsBeingCancelled(DeviceContext* pContext, PIRP Irp)
+{
+    LockScope lock(pContext->PendingIrpLock);
+    return pContext->pCancellingIrp == Irp;
+}
+
+// Takes a completed read out. Returns true when its canceller still works on it and completes it. One that
+// completes on its way down cannot be left to the canceller, because its dispatch does not return pending: it
+// waits. The canceller is on another processor then, at DISPATCH_LEVEL, and finds nothing to do.
+// IRQL <= DISPATCH. Lock: takes PendingIrpLock. Fails: never.
+bool RemovePendingIrp(PDEVICE_OBJECT device, PIRP Irp)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    const bool bWasPending = Irp->PendingReturned != FALSE;
+    if (!TakeOutRead(pContext, Irp, bWasPending)) {
+        return false;
+    }
+    while (!bWasPending && IsBeingCancelled(pContext, Irp)) {
+    }
+    return bWasPending;
 }
 
 // The oldest pending read, marked as being cancelled; null when there is none or another canceller has it.
@@ -77,13 +98,14 @@ static bool LetGoOfRead(DeviceContext* pContext)
 bool CancelPendingRead(PDEVICE_OBJECT device)
 {
     DeviceContext* pContext = FilterContextOf(device);
+    const KIRQL irql = KeRaiseIrqlToDpcLevel(); // somebody may be waiting for the claim's end
     PIRP Irp = ClaimPendingRead(pContext);
-    if (Irp == nullptr) {
-        return false;
+    if (Irp != nullptr) {
+        IoCancelIrp(Irp);
+        if (LetGoOfRead(pContext)) {
+            IoCompleteRequest(Irp, IO_KEYBOARD_INCREMENT);
+        }
     }
-    IoCancelIrp(Irp);
-    if (LetGoOfRead(pContext)) {
-        IoCompleteRequest(Irp, IO_KEYBOARD_INCREMENT);
-    }
-    return true;
+    KeLowerIrql(irql);
+    return Irp != nullptr;
 }
