@@ -38,6 +38,20 @@ inline void AppendMacro(FileBytes& bytes, unsigned uKey, const std::vector<FileB
     }
 }
 
+// Two macros: F1 plays three reports, F2 plays twenty, which is more than fit at once.
+inline FileBytes TwoMacros()
+{
+    FileBytes file = MacroFileHead();
+    for (auto [uKey, uCount] : {std::pair{0x3A, 3}, std::pair{0x3B, 20}}) {
+        std::vector<FileBytes> reports;
+        for (int i = 0; i < uCount; i++) {
+            reports.push_back({0, 0, static_cast<unsigned char>(i % 2 ? 0 : 4 + i)});
+        }
+        AppendMacro(file, uKey, reports);
+    }
+    return file;
+}
+
 // A folder of its own that holds C:\ for a machine; it goes with the object.
 class DriveFolder
 {

@@ -2,36 +2,12 @@
 #include "world.h"
 
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 
 #include "emu/hid/hid.h"
 
-// Two macros: F1 plays three reports, F2 plays twenty, which is more than fit at once.
-static void WriteMacros(const std::string& path)
-{
-    std::string text = "Korvex Configuration File V1.0.0.0";
-    text.resize(50);
-    for (auto [key, count] : {std::pair{0x3A, 3}, std::pair{0x3B, 20}}) {
-        const int bytes = count * 10;
-        text += {static_cast<char>(key), 0, static_cast<char>(bytes), static_cast<char>(bytes >> 8)};
-        for (int i = 0; i < count; i++) {
-            text += {0, 8, 0, 0, static_cast<char>(i % 2 ? 0 : 4 + i), 0, 0, 0, 0, 0};
-        }
-    }
-    std::ofstream(path, std::ios::binary) << text;
-}
-
 World::World()
 {
-    std::string name = (std::filesystem::temp_directory_path() / "tv64usb-world-XXXXXX").string();
-    Folder = mkdtemp(name.data());
-    WriteMacros(Folder + "/macros.bin");
-}
-
-World::~World()
-{
-    std::filesystem::remove_all(Folder);
+    Drive.Write("macros.bin", TwoMacros());
 }
 
 void World::Load(const std::function<void()>& beforeLoad, HostMode mode)
@@ -41,7 +17,7 @@ void World::Load(const std::function<void()>& beforeLoad, HostMode mode)
     options.Mode = mode;
     const char* pDropped = getenv("TV64USB_DROP_LOCK");
     options.DroppedLock = pDropped != nullptr ? pDropped : "";
-    options.FileRoot = Folder;
+    options.FileRoot = Drive.Path();
     options.BeforeLoad = beforeLoad;
     options.Settings = {{"LogFile", "\\??\\C:\\driver.log"},
                         {"LogLevel", 1u},

@@ -15,13 +15,13 @@
 #include "driver/driver.h"
 #include "emu/app/application.h"
 #include "emu/app/machine.h"
+#include "tests/macro_file.h"
 
 // On which keyboards the macro mode's hotkey lies. Those keyboards know no other road.
 enum MacroMode : ULONG { NoMacroMode = 0, MacroModeOnKeys = 0x00010039, MacroModeOnPowerKeys = 0x02010023 };
 
 struct World {
     World();
-    ~World();
 
     // Loads the driver; before that, `beforeLoad` is called.
     void Load(const std::function<void()>& beforeLoad = {}, HostMode mode = HostSimulated);
@@ -33,7 +33,7 @@ struct World {
     static void Let(unsigned uMs);
 
     MacroMode Macros = NoMacroMode; // as the driver finds it when it is loaded
-    std::string Folder;             // what C:\ is
+    DriveFolder Drive;              // what C:\ is
     std::unique_ptr<EmuMachine> Machine;
     std::unique_ptr<EmuApplication> Application;
     std::vector<EmuKeyboard*> Keyboards;
