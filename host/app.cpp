@@ -47,7 +47,7 @@ NTSTATUS HostOpenDevice(const HostText& name, KPROCESSOR_MODE mode, PFILE_OBJECT
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    if (pDevice->Flags & DO_DEVICE_INITIALIZING) {
+    if (__atomic_load_n(&pDevice->Flags, __ATOMIC_ACQUIRE) & DO_DEVICE_INITIALIZING) {
         HostDereference(pDevice);
         return STATUS_NO_SUCH_DEVICE;
     }

@@ -15,10 +15,14 @@ PIRP IoBuildDeviceIoControlRequest(ULONG ulCode, PDEVICE_OBJECT pDevice, PVOID p
     pHost->bSystem = true;
     pHost->ulMethod = METHOD_FROM_CTL_CODE(ulCode);
     pHost->ulOutput = ulOutput;
-    pHost->bOnStack = pStatus != nullptr || pEvent != nullptr;
-    __atomic_add_fetch(&HostSelf()->uOnStack, pHost->bOnStack, __ATOMIC_RELAXED);
     pIrp->UserIosb = pStatus;
     pIrp->UserEvent = pEvent;
+    const bool bOnStack = pStatus != nullptr || pEvent != nullptr;
+    __atomic_add_fetch(&HostSelf()->uOnStack, bOnStack, __ATOMIC_RELAXED);
+    {
+        HostLock lock(g->Lock); // who looks for requests on a stack looks at every one
+        pHost->bOnStack = bOnStack;
+    }
     pIrp->UserBuffer = pOutput;
     PIO_STACK_LOCATION pNext = IoGetNextIrpStackLocation(pIrp);
     pNext->MajorFunction = bInternal ? IRP_MJ_INTERNAL_DEVICE_CONTROL : IRP_MJ_DEVICE_CONTROL;

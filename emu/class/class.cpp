@@ -127,8 +127,9 @@ NTSTATUS EmuCreateClassDevice(PDRIVER_OBJECT pDriver, USHORT usNumber, PDEVICE_O
     pClass->State.usDelayMs = 250;
     KeInitializeSpinLock(&pClass->Lock);
     InitializeHeld(&pClass->Held);
-    pDevice->Flags |= DO_BUFFERED_IO;
-    pDevice->Flags &= ~DO_DEVICE_INITIALIZING;
+    auto plFlags = reinterpret_cast<LONG*>(&pDevice->Flags); // who opens it by name looks at them meanwhile
+    InterlockedOr(plFlags, DO_BUFFERED_IO);
+    InterlockedAnd(plFlags, ~DO_DEVICE_INITIALIZING);
     *ppDevice = pDevice;
     return STATUS_SUCCESS;
 }

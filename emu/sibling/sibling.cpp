@@ -121,8 +121,9 @@ NTSTATUS EmuCreateSibling(PDRIVER_OBJECT pDriver, const EmuSiblingOptions* pOpti
         IoDeleteDevice(pDevice);
         return status;
     }
-    pDevice->Flags |= DO_BUFFERED_IO | DO_BUS_ENUMERATED_DEVICE;
-    pDevice->Flags &= ~DO_DEVICE_INITIALIZING;
+    auto plFlags = reinterpret_cast<LONG*>(&pDevice->Flags); // who opens it by name looks at them meanwhile
+    InterlockedOr(plFlags, DO_BUFFERED_IO | DO_BUS_ENUMERATED_DEVICE);
+    InterlockedAnd(plFlags, ~DO_DEVICE_INITIALIZING);
     *ppDevice = pDevice;
     return STATUS_SUCCESS;
 }
