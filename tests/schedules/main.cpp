@@ -10,13 +10,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "scenario.h"
+#include "tests/macro_file.h"
 
 namespace
 {
@@ -28,17 +28,6 @@ struct Progress {
     volatile Seed ullSeed; // under way
     volatile unsigned long long ullDone, ullReceived;
     volatile unsigned uWrong;
-};
-
-struct Folder {
-    Folder()
-    {
-        std::string name = (std::filesystem::temp_directory_path() / "tv64usb-schedules-XXXXXX").string();
-        Path = mkdtemp(name.data());
-        WriteMacroFile(Path + "/macros.bin");
-    }
-    ~Folder() { std::filesystem::remove_all(Path); }
-    std::string Path;
 };
 
 // One seed, some of them twice. True when nothing went wrong.
@@ -74,13 +63,14 @@ unsigned CountWrong(const Progress* pAll)
 void Work(Progress* pAll, int iProcess, const Range& range)
 {
     Progress* pProgress = &pAll[iProcess];
-    Folder folder;
+    DriveFolder folder;
+    folder.Write("macros.bin", TwoMacros());
     for (Seed ullSeed = range.ullFrom; ullSeed < range.ullEnd && CountWrong(pAll) < range.uMostWrong;
          ullSeed += PROCESSES) {
         pProgress->ullSeed = ullSeed;
         alarm(MOST_SECONDS); // a life that never ends is stopped, too
         ScheduleOutcome outcome;
-        if (!RunSeed(ullSeed, folder.Path, ullSeed % TWICE_EVERY == 0, &outcome)) {
+        if (!RunSeed(ullSeed, folder.Path(), ullSeed % TWICE_EVERY == 0, &outcome)) {
             pProgress->uWrong = pProgress->uWrong + 1;
         }
         pProgress->ullDone = pProgress->ullDone + 1;
@@ -136,10 +126,11 @@ int RunSeeds(Seed ullFrom, Seed ullCount, unsigned uMostWrong)
 int main(int argc, char** argv)
 {
     if (argc == 3 && strcmp(argv[1], "--seed") == 0) {
-        Folder folder;
+        DriveFolder folder;
+        folder.Write("macros.bin", TwoMacros());
         ScheduleOutcome outcome;
         Seed ullSeed = strtoull(argv[2], nullptr, 0);
-        bool bRight = RunSeed(ullSeed, folder.Path, true, &outcome);
+        bool bRight = RunSeed(ullSeed, folder.Path(), true, &outcome);
         printf("seed %llu: %u reports received, digest %016llx\n", ullSeed, outcome.uReceived,
                outcome.ullDigest);
         return bRight ? 0 : 1;

@@ -2,7 +2,6 @@
 #include "scenario.h"
 
 #include <cstdlib>
-#include <fstream>
 
 #include "life.h"
 
@@ -108,19 +107,4 @@ ScheduleOutcome LiveThroughSchedule(unsigned long long ullSeed, const std::strin
     unsigned uLeft = life.Machine->Unload();
     life.Expect(uLeft == 0, std::to_string(uLeft) + " things left over");
     return {life.Wrong, ullDigest, life.uReceived};
-}
-
-// Two macros: F1 plays three reports, F2 plays twenty, which is more than fit at once.
-void WriteMacroFile(const std::string& path)
-{
-    std::string text = "Korvex Configuration File V1.0.0.0";
-    text.resize(50);
-    for (auto [key, count] : {std::pair{0x3A, 3}, std::pair{0x3B, 20}}) {
-        const int bytes = count * 10;
-        text += {static_cast<char>(key), 0, static_cast<char>(bytes), static_cast<char>(bytes >> 8)};
-        for (int i = 0; i < count; i++) {
-            text += {0, 8, 0, 0, static_cast<char>(i % 2 ? 0 : 4 + i), 0, 0, 0, 0, 0};
-        }
-    }
-    std::ofstream(path, std::ios::binary) << text;
 }

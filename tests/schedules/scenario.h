@@ -13,4 +13,3 @@ struct ScheduleOutcome {
 
 // `folder` holds the macro file and what the driver logs.
 ScheduleOutcome LiveThroughSchedule(unsigned long long ullSeed, const std::string& folder);
-void WriteMacroFile(const std::string& path);
