@@ -15,6 +15,7 @@
 
 namespace
 {
+enum Direction : UCHAR { Reads, Writes };
 // Where the 16-bit address goes.
 enum AddressPlace : UCHAR { IntoIndex, LowByteIntoIndex, BeforeData };
 // What a length of 0 does.
@@ -22,10 +23,11 @@ enum EmptyAccess : UCHAR { SendsEmpty, DoesNothing, AsksForSize };
 
 // One of the six routines.
 struct MemoryAccessKind {
+    Direction direction;
     SetupRequest request;
     AddressPlace place;
     EmptyAccess empty;
-    const char* pszSizeTitle; // of the log's dump when it asks for the size
+    const char* pszSizeTitle = nullptr; // of the log's dump when it asks for the size
 };
 
 enum : USHORT {
@@ -50,23 +52,25 @@ constexpr USHORT CLASS_REQUEST = URB_FUNCTION_CLASS_INTERFACE;
 constexpr USHORT VENDOR_REQUEST = URB_FUNCTION_VENDOR_DEVICE;
 
 const MemoryAccessKind ReadEEpromKind = {
+    Reads,
     {CLASS_REQUEST, HID_GET_REPORT, FROM_KEYBOARD, EEPROM_REPORT, EEPROM_INTERFACE},
     LowByteIntoIndex,
     AsksForSize,
     "(ReadQuintoraEEprom) pUchar"};
 const MemoryAccessKind WriteEEpromKind = {
+    Writes,
     {CLASS_REQUEST, HID_SET_REPORT, TO_KEYBOARD, EEPROM_REPORT, EEPROM_INTERFACE},
     BeforeData,
     AsksForSize,
     "(WriteQuintoraEEprom) pTmp"};
 const MemoryAccessKind ReadDescriptorKind = {
-    {GET_DESCRIPTOR, 0, 0, MEMORY_DESCRIPTOR, 0}, IntoIndex, DoesNothing, nullptr};
+    Reads, {GET_DESCRIPTOR, 0, 0, MEMORY_DESCRIPTOR, 0}, IntoIndex, DoesNothing};
 const MemoryAccessKind WriteDescriptorKind = {
-    {SET_DESCRIPTOR, 0, 0, MEMORY_DESCRIPTOR, 0}, BeforeData, DoesNothing, nullptr};
+    Writes, {SET_DESCRIPTOR, 0, 0, MEMORY_DESCRIPTOR, 0}, BeforeData, DoesNothing};
 const MemoryAccessKind ReadVendorKind = {
-    {VENDOR_REQUEST, HID_GET_REPORT, FROM_KEYBOARD, HID_OUTPUT_REPORT, 0}, IntoIndex, SendsEmpty, nullptr};
+    Reads, {VENDOR_REQUEST, HID_GET_REPORT, FROM_KEYBOARD, HID_OUTPUT_REPORT, 0}, IntoIndex, SendsEmpty};
 const MemoryAccessKind WriteVendorKind = {
-    {VENDOR_REQUEST, HID_SET_REPORT, TO_KEYBOARD, HID_OUTPUT_REPORT, 0}, IntoIndex, SendsEmpty, nullptr};
+    Writes, {VENDOR_REQUEST, HID_SET_REPORT, TO_KEYBOARD, HID_OUTPUT_REPORT, 0}, IntoIndex, SendsEmpty};
 
 SetupRequest AddressedRequest(const MemoryAccessKind& kind, USHORT usAddress)
 {
@@ -144,14 +148,16 @@ NTSTATUS WriteData(PDEVICE_OBJECT device, const MemoryAccessKind& kind, USHORT u
         pBuffer[0] = static_cast<UCHAR>(usAddress);
         pBuffer[1] = static_cast<UCHAR>(usAddress >> 8);
     }
-    RtlCopyMemory(pBuffer + ulPrefix, pData, usLength);
+    if (usLength != 0) {
+        RtlCopyMemory(pBuffer + ulPrefix, pData, usLength);
+    }
     NTSTATUS status =
         WriteToKeyboard(device, AddressedRequest(kind, usAddress), pBuffer, ulPrefix + usLength);
     FreeTransfer(pBuffer);
     return status;
 }
 
-// One access of any kind; pOut is null for a write, pData for a read. *pulLength is what was read, or the size.
+// One access of any kind; pOut is for a read, pData for a write. *pulLength is what was read, or the size.
 // IRQL = PASSIVE. Fails: unknown index, no memory, or as the transfer; *pulLength 0.
 NTSTATUS AccessMemory(const MemoryAccessKind& kind, ULONG ulDeviceIndex, USHORT usAddress, USHORT usLength,
                       PUCHAR pOut, const UCHAR* pData, PULONG pulLength)
@@ -165,11 +171,11 @@ NTSTATUS AccessMemory(const MemoryAccessKind& kind, ULONG ulDeviceIndex, USHORT 
     }
     if (usLength == 0 && kind.empty == AsksForSize) {
         status = QuerySize(device, kind.pszSizeTitle, pulLength);
-    } else if (usLength == 0 && kind.empty == DoesNothing) {
-        status = STATUS_SUCCESS;
-    } else if (pData != nullptr) {
+    } else if (usLength == 0 ? kind.empty == DoesNothing : pOut == nullptr && pData == nullptr) {
+        status = STATUS_SUCCESS; // nothing to send, or nowhere to put it
+    } else if (kind.direction == Writes) {
         status = WriteData(device, kind, usAddress, usLength, pData);
-    } else if (pOut != nullptr) {
+    } else {
         status = ReadData(device, AddressedRequest(kind, usAddress), usLength, pOut, pulLength);
     }
     ReleaseDevice(device);

@@ -251,7 +251,6 @@ TEST_P(RequestsTest, ShortAndFailedAnswers)
     }
 }
 
-// The whole memory families' reach: the largest length that an input and an output can hold.
 TEST_P(RequestsTest, ByNameWithoutABufferOrAKeyboard)
 {
     ULONG ulLength = 77;
@@ -266,6 +265,7 @@ TEST_P(RequestsTest, ByNameWithoutABufferOrAKeyboard)
     EXPECT_EQ(0u, pKeyboard->TakenRequests().size());
 }
 
+// The memory families' whole reach: the largest length that an input and an output can hold.
 TEST_P(RequestsTest, LargestTransfers)
 {
     EmuBytes data(512);
@@ -280,6 +280,20 @@ TEST_P(RequestsTest, LargestTransfers)
     EXPECT_EQ(data, Out);
     EXPECT_EQ(OK, Ask(0x2220D0, Access(0, 0xFFFF), 0xFFFF));
     EXPECT_EQ(0xFFFFu, Out.size());
+}
+
+// Without data there is no buffer, and the vendor family still asks.
+TEST_P(RequestsTest, EmptyTransfersNeedNoBuffer)
+{
+    ULONG ulLength = 7;
+    pKeyboard->TakenRequests();
+    EXPECT_EQ(OK, ReadVendorMemory(pKeyboard->Index(), 1, 0, nullptr, &ulLength));
+    EXPECT_EQ(OK, WriteVendorMemory(pKeyboard->Index(), 1, 0, nullptr, &ulLength));
+    EXPECT_EQ(0u, ulLength);
+    EXPECT_EQ(2u, pKeyboard->TakenRequests().size());
+    EXPECT_EQ(OK, ReadDescriptorMemory(pKeyboard->Index(), 1, 0, nullptr, &ulLength));
+    EXPECT_EQ(OK, WriteDescriptorMemory(pKeyboard->Index(), 1, 0, nullptr, &ulLength));
+    EXPECT_EQ(0u, pKeyboard->TakenRequests().size());
 }
 
 TEST_P(RequestsTest, WithoutMemoryNothingIsSent)
