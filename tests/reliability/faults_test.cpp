@@ -1,49 +1,66 @@
-// faults_test.cpp - each call that can fail fails in turn, once or from then on, in seven whole scenarios.
+// faults_test.cpp - each call that can fail fails in turn, once or from then on, in seven whole scenarios, with
+// the simulated clock and with real threads.
+//
+// With threads the Nth call is not always the same one; each run counts its own calls, and the sweep ends with the
+// first run that has fewer than N.
+#include <unistd.h>
+
 #include <cstdio>
 
 #include "world.h"
 
 namespace
 {
-enum Mode { Once, FromThenOn };
+enum Failing { Once, FromThenOn };
+
+// A run that hangs is ended by the alarm, after the test's name and the calls that went well have been told.
+constexpr unsigned SecondsForOneRun = 60;
 
 // Runs the scenario with its Nth fallible call failing, or all from the Nth on. False when it has no such call.
-bool RunWithFault(const Scenario& scenario, Mode mode, unsigned uNth)
+bool RunWithFault(const Scenario& scenario, HostMode mode, Failing failing, unsigned uNth)
 {
+    alarm(SecondsForOneRun);
     World world;
+    world.Mode = mode;
     scenario.pPrepare(world);
-    scenario.pRun(world, [&] { HostFailNth(nullptr, uNth, mode == FromThenOn); });
+    scenario.pRun(world, [&] { HostFailNth(nullptr, uNth, failing == FromThenOn); });
     const bool bHappened = HostFallibleCalls() >= uNth;
     HostFailNth(nullptr, 0);
     CheckAfterwards(world);
+    alarm(0);
     return bHappened;
 }
 
-class Faults : public testing::TestWithParam<Scenario>
+class Faults : public testing::TestWithParam<std::tuple<Scenario, HostMode>>
 {
 };
 
 TEST_P(Faults, EveryCallMayFail)
 {
-    for (Mode mode : {Once, FromThenOn}) {
+    const auto& [scenario, mode] = GetParam();
+    for (Failing failing : {Once, FromThenOn}) {
         unsigned uNth = 1;
-        for (; RunWithFault(GetParam(), mode, uNth); uNth++) {
+        for (; RunWithFault(scenario, mode, failing, uNth); uNth++) {
             ASSERT_FALSE(HasFailure())
-                << "call " << uNth << (mode == Once ? " failed" : " and all after it failed");
+                << "call " << uNth << (failing == Once ? " failed" : " and all after it failed");
         }
-        printf("%s: %u calls failed %s\n", GetParam().pName, uNth - 1,
-               mode == Once ? "once" : "from then on");
+        printf("%s: %u calls failed %s\n", scenario.pName, uNth - 1,
+               failing == Once ? "once" : "from then on");
     }
 }
 
-std::string TestName(const testing::TestParamInfo<Scenario>& info)
+std::string TestName(const testing::TestParamInfo<Faults::ParamType>& info)
 {
-    std::string name = info.param.pName;
+    const auto& [scenario, mode] = info.param;
+    std::string name = std::string(scenario.pName) + (mode == HostSimulated ? "_simulated" : "_threaded");
     for (char& c : name) {
         c = isalnum(static_cast<unsigned char>(c)) ? c : '_';
     }
     return name;
 }
 
-INSTANTIATE_TEST_SUITE_P(Scenarios, Faults, testing::ValuesIn(Scenarios), TestName);
+INSTANTIATE_TEST_SUITE_P(Scenarios, Faults,
+                         testing::Combine(testing::ValuesIn(Scenarios),
+                                          testing::Values(HostSimulated, HostThreaded)),
+                         TestName);
 } // namespace

@@ -84,7 +84,7 @@ static void TypeHotkeys(World& world, const Failing& beforeRun)
     World::Press(pKeyboard, 0x06);
     (void)application.AddDefinition(ulIndex, Definition(5, 5, 0, 0)); // point of sale
     pKeyboard->Report({0, 0, 0x52, 0, 0, 0, 0, 0});
-    World::Let(1500); // it repeats
+    world.Let(1500); // it repeats
     pKeyboard->Report({0, 0, 0, 0, 0, 0, 0, 0});
     (void)application.RemoveDefinition(ulIndex, 5);
     (void)application.AddDefinition(ulIndex, Definition(11, 11, 0, 0)); // discard
@@ -103,7 +103,7 @@ static void PlayMacros(World& world, const Failing& beforeRun)
     (void)world.Application->RegisterMacroEvent();
     for (UCHAR ucUsage : {0x39, 0x3A, 0x3B, 0x04, 0x39}) { // mode on, two macros, a plain key, mode off
         World::Press(pKeyboard, ucUsage);
-        World::Let(100);
+        world.Let(100);
     }
     (void)world.Application->TakeMacroRecords();
     (void)world.Application->ReleaseMacroEvent();

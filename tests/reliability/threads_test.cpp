@@ -112,7 +112,8 @@ TEST(Threaded, ACrowdAtFourKeyboards)
     const char* pSeconds = getenv("TV64USB_SECONDS");
     Crowd crowd(pSeconds != nullptr ? static_cast<unsigned>(atoi(pSeconds)) : 3);
     crowd.System.Macros = MacroModeOnPowerKeys;
-    crowd.System.Load({}, HostThreaded);
+    crowd.System.Mode = HostThreaded;
+    crowd.System.Load();
     ASSERT_EQ(crowd.System.Machine->LoadStatus(), STATUS_SUCCESS);
     EmuPlugOptions plug;
     plug.Record = false;

@@ -24,14 +24,16 @@ struct World {
     World();
 
     // Loads the driver; before that, `beforeLoad` is called.
-    void Load(const std::function<void()>& beforeLoad = {}, HostMode mode = HostSimulated);
+    void Load(const std::function<void()>& beforeLoad = {});
     EmuKeyboard* Plug(const EmuDescriptors& kind = EmuBootKeyboard);
     // Opens the application and lets it work with the keyboard.
     void Open(EmuKeyboard* pKeyboard);
     // A key goes down, with modifiers, and everything up again.
     static void Press(EmuKeyboard* pKeyboard, UCHAR ucUsage, UCHAR ucModifiers = 0);
-    static void Let(unsigned uMs);
+    // Time goes by. With the real clock that is a few milliseconds at most: nobody sits through 20 minutes of waits.
+    void Let(unsigned uMs) const;
 
+    HostMode Mode = HostSimulated;
     MacroMode Macros = NoMacroMode; // as the driver finds it when it is loaded
     DriveFolder Drive;              // what C:\ is
     std::unique_ptr<EmuMachine> Machine;
