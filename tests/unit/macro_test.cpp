@@ -1,31 +1,19 @@
 // macro_test.cpp - the macro mode's closed things: the file's layout, the settings, the mode hotkey in a report,
-// reads that are parked, the LED update.
+// the LED update.
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <memory>
 
-#include "control/control.h"
-#include "driver/driver.h"
-#include "emu/app/application.h"
-#include "emu/app/machine.h"
-#include "hotkeys/hotkeys.h"
-#include "macro/macro.h"
+#include "bench_macro.h"
 #include "bench_urb.h"
-#include "tests/macro_file.h"
+#include "control/control.h"
+#include "emu/app/application.h"
+#include "hotkeys/hotkeys.h"
 
 namespace
 {
-constexpr NTSTATUS OK = STATUS_SUCCESS;
-constexpr NTSTATUS Unsuccessful = STATUS_UNSUCCESSFUL;
 constexpr NTSTATUS NoResources = STATUS_INSUFFICIENT_RESOURCES;
 constexpr NTSTATUS NotFound = STATUS_OBJECT_NAME_NOT_FOUND;
-
-// What the driver guards by its locks, read while nobody else runs.
-ULONG ParkedCount(DeviceContext* pContext) WITHOUT_LOCK_ANALYSIS
-{
-    return pContext->ulParkedCount;
-}
 
 // The macros in force as text: "3A:2 102:0", key and actions each.
 std::string Macros()
@@ -41,69 +29,6 @@ std::string Macros()
     ReleaseMacroTable(pTable);
     return text;
 }
-
-class MacroTest : public testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        EmuMachineOptions options;
-        options.Entry = DriverEntry;
-        options.FileRoot = Drive.Path();
-        Machine = std::make_unique<EmuMachine>(options);
-        ASSERT_EQ(Machine->LoadStatus(), OK);
-    }
-    void TearDown() override { EXPECT_EQ(Machine->Unload(), 0u) << "things left over"; }
-
-    void Plug(const EmuPlugOptions& options, const EmuDescriptors& kind = EmuBootKeyboard)
-    {
-        Keyboard = Machine->Plug(kind, options);
-        ASSERT_EQ(Keyboard->StartStatus(), OK);
-    }
-    DeviceContext* Context() const { return FilterContextOf(Keyboard->Filter()); }
-
-    // Writes the file, opens it and has it read.
-    NTSTATUS ReadFile(const FileBytes& bytes)
-    {
-        Drive.Write("m", bytes);
-        UNICODE_STRING name;
-        RtlInitUnicodeString(&name, L"\\??\\C:\\m");
-        OBJECT_ATTRIBUTES attributes;
-        InitializeObjectAttributes(&attributes, &name, OBJ_KERNEL_HANDLE, nullptr, nullptr);
-        HANDLE hFile;
-        IO_STATUS_BLOCK ioStatus;
-        EXPECT_EQ(ZwCreateFile(&hFile, GENERIC_READ, &attributes, &ioStatus, nullptr, 0, FILE_SHARE_READ,
-                               FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0),
-                  OK);
-        NTSTATUS status = ReadKorvexConfigFile(hFile);
-        ZwClose(hFile);
-        return status;
-    }
-
-    // One registry value of the driver's key; no bytes at all take it away.
-    void SetValue(const char* pszName, ULONG ulType, const FileBytes& bytes)
-    {
-        std::vector<WCHAR> wide(pszName, pszName + strlen(pszName) + 1);
-        UNICODE_STRING name;
-        RtlInitUnicodeString(&name, wide.data());
-        OBJECT_ATTRIBUTES attributes;
-        InitializeObjectAttributes(&attributes, &Globals.ParametersPath, OBJ_KERNEL_HANDLE, nullptr, nullptr);
-        HANDLE hKey;
-        ASSERT_EQ(ZwOpenKey(&hKey, KEY_SET_VALUE, &attributes), OK);
-        if (bytes.empty()) {
-            (void)ZwDeleteValueKey(hKey, &name); // absent already is as good
-        } else {
-            EXPECT_EQ(ZwSetValueKey(hKey, &name, 0, ulType, const_cast<unsigned char*>(bytes.data()),
-                                    static_cast<ULONG>(bytes.size())),
-                      OK);
-        }
-        ZwClose(hKey);
-    }
-
-    DriveFolder Drive;
-    std::unique_ptr<EmuMachine> Machine;
-    EmuKeyboard* Keyboard = nullptr;
-};
 
 FileBytes Dword(ULONG ulValue)
 {
@@ -470,173 +395,6 @@ TEST_F(MacroTest, ModeHotkeyInAReport)
     EXPECT_EQ(CheckForKorvexModeSwitch(nullptr, 8, ucReport, nullptr), OK);
     EXPECT_EQ(CheckForKorvexModeSwitch(nullptr, 8, nullptr, nullptr), Unsuccessful);
     Settings.ulKorvexHotkey = 0;
-}
-
-// Reads that are parked while another keyboard's pace runs: what each of them got, in order.
-class ParkedTest : public MacroTest
-{
-protected:
-    void Park(ULONG ulReads, ULONG ulEntries, ULONG ulPacketBytes = 8)
-    {
-        EmuPlugOptions options;
-        options.Reads = ulReads;
-        options.PacketBytes = ulPacketBytes;
-        options.Manual = true;
-        options.OnReceived = [this](const EmuReceived& received) { Received.push_back(received); };
-        Plug(options);
-        Settings.ulKorvexDelay = 100;
-        Globals.ucKorvexTimerRunning = 1;
-        for (ULONG i = 0; i < ulEntries; i++) {
-            FifoEntry entry = {0, 8, {0, 0, static_cast<uint8_t>(0x10 + i), 7, 7, 7, 7, 7}};
-            ASSERT_EQ(InsertUSBPacketFifin(Keyboard->Filter(), &entry), OK);
-        }
-        for (ULONG i = 0; i < ulReads; i++) {
-            ASSERT_EQ(Keyboard->Read(), OK);
-        }
-    }
-    void Wait(ULONGLONG ullMs) { HostAdvanceToUs(HostNowUs() + ullMs * 1000); }
-    // The key each read brought, "-" for a read without one, "!" for a failed one.
-    std::string Keys()
-    {
-        std::string text;
-        for (const EmuReceived& received : Received) {
-            char key[8] = "-";
-            if (!NT_SUCCESS(received.Status)) {
-                snprintf(key, sizeof(key), received.Status == STATUS_CANCELLED ? "x" : "!");
-            } else if (received.Bytes.at(2) != 0) {
-                snprintf(key, sizeof(key), "%02X", received.Bytes[2]);
-            }
-            text += (text.empty() ? "" : " ") + std::string(key);
-        }
-        Received.clear();
-        return text;
-    }
-
-    std::vector<EmuReceived> Received;
-};
-
-TEST_F(ParkedTest, TheOwnTimerServesThem)
-{
-    Park(3, 2);
-    EXPECT_EQ(ParkedCount(Context()), 3u);
-    Wait(99);
-    EXPECT_EQ(Keys(), "");
-    Wait(1);
-    EXPECT_EQ(Keys(), "10");
-    Wait(100);
-    EXPECT_EQ(Keys(), "11");
-    Wait(100);
-    EXPECT_EQ(Keys(), "-"); // nothing is queued any more: released, and the pace ends
-    EXPECT_EQ(Globals.ucKorvexTimerRunning, 0);
-    Wait(1000);
-    EXPECT_EQ(Keys(), "");
-    EXPECT_EQ(Context()->pFirstParked, nullptr);
-}
-
-TEST_F(ParkedTest, TwoHundredAtMost)
-{
-    Park(203, 2);
-    EXPECT_EQ(ParkedCount(Context()), 200u);
-    EXPECT_EQ(Keys(), "10 11");              // no place: the next report, at once
-    EXPECT_EQ(Keyboard->PendingReads(), 1u); // the queue is empty: to the keyboard
-    Wait(100);
-    EXPECT_EQ(Keys(), "-");
-}
-
-TEST_F(ParkedTest, CancelledAndServed)
-{
-    Park(4, 4);
-    IoCancelIrp(Context()->pFirstParked);
-    EXPECT_EQ(Keys(), "x");
-    EXPECT_EQ(ParkedCount(Context()), 3u);
-    Wait(100);
-    EXPECT_EQ(Keys(), "10");
-    IoCancelIrp(Context()->pFirstParked);
-    IoCancelIrp(Context()->pFirstParked);
-    EXPECT_EQ(Keys(), "x x");
-    EXPECT_EQ(Context()->pFirstParked, nullptr);
-    Wait(100);
-    EXPECT_EQ(Globals.ucKorvexTimerRunning, 0);
-}
-
-TEST_F(ParkedTest, TheKeyboardGoes)
-{
-    Park(3, 3);
-    CompleteParkedReads(Keyboard->Filter()); // as at surprise removal
-    EXPECT_EQ(Keys(), "! ! !");
-    EXPECT_EQ(Globals.ucKorvexTimerRunning, 0);
-    Globals.ucKorvexTimerRunning = 1;
-    ASSERT_EQ(Keyboard->Read(), OK); // parks again
-    EXPECT_EQ(ParkedCount(Context()), 1u);
-    EXPECT_EQ(Keyboard->Unplug(true), OK);
-    EXPECT_EQ(Received.size(), 1u);
-    EXPECT_EQ(Globals.ucKorvexTimerRunning, 0);
-}
-
-// The stack above gives reads up at the worst moments: before one is parked, and while the timer takes it.
-TEST_F(ParkedTest, GivenUpAtTheSameMoment)
-{
-    Park(2, 3);
-    PIRP pGivenUp = Context()->pFirstParked;
-    PDRIVER_CANCEL pCancel = IoSetCancelRoutine(pGivenUp, nullptr); // as the canceller does first of all
-    ASSERT_NE(pCancel, nullptr);
-    Wait(100);
-    EXPECT_EQ(Keys(), "10"); // the second read has it; the first is left to its canceller
-    EXPECT_EQ(UnparkReadRequest(Keyboard->Filter(), pGivenUp), Unsuccessful);
-    IoAcquireCancelSpinLock(&pGivenUp->CancelIrql);
-    pCancel(Keyboard->Filter(), pGivenUp);
-    EXPECT_EQ(Keys(), "x");
-
-    PIRP pRead = IoAllocateIrp(2, FALSE);
-    pRead->Cancel = TRUE;
-    const LONG lReferences = Context()->lReferences;
-    EXPECT_EQ(ParkReadRequest(Keyboard->Filter(), pRead), STATUS_CANCELLED);
-    EXPECT_EQ(Context()->lReferences, lReferences);
-    EXPECT_EQ(ParkedCount(Context()), 0u);
-    IoFreeIrp(pRead);
-    Wait(200);
-}
-
-TEST_F(ParkedTest, TwoHundredGoTogether)
-{
-    Park(200, 1);
-    EXPECT_EQ(ParkedCount(Context()), 200u);
-    CompleteParkedReads(Keyboard->Filter());
-    EXPECT_EQ(Received.size(), 200u);
-    EXPECT_EQ(ParkedCount(Context()), 0u);
-    Received.clear();
-    Wait(1000);
-    EXPECT_EQ(Keys(), "");
-}
-
-TEST_F(ParkedTest, AReadThatIsShorterThanTheReport)
-{
-    Park(1, 1, 4);
-    Wait(100);
-    ASSERT_EQ(Received.size(), 1u);
-    EXPECT_EQ(Received[0].Bytes, (EmuBytes{0, 0, 0x10, 7}));
-}
-
-TEST_F(ParkedTest, AnyDelayIsATime)
-{
-    Park(1, 1);
-    Wait(100);
-    EXPECT_EQ(Keys(), "10");
-    for (ULONG ulDelayMs : {0u, ~0u}) {
-        Settings.ulKorvexDelay = ulDelayMs;
-        FifoEntry entry = {0, 8, {0, 0, 0x20}};
-        InsertUSBPacketFifin(Keyboard->Filter(), &entry);
-        Wait(200); // the pace that ran before is over
-        Globals.ucKorvexTimerRunning = 1;
-        ASSERT_EQ(Keyboard->Read(), OK);
-        if (ulDelayMs != 0) {
-            Wait(ulDelayMs - 1ull);
-            EXPECT_EQ(Keys(), "");
-        }
-        Wait(1);
-        EXPECT_EQ(Keys(), "20") << ulDelayMs;
-        Settings.ulKorvexDelay = 100;
-    }
 }
 
 // The LED follows switches that come faster than the work item runs.

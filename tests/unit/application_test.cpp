@@ -1,0 +1,171 @@
+// application_test.cpp - the control device, opens and closes, and what the last close releases.
+#include <gtest/gtest.h>
+
+#include "bench_frame.h"
+#include "emu/app/application.h"
+#include "siblings/siblings.h"
+
+namespace
+{
+// What the driver guards by its locks, read while nobody else runs.
+bool HasEvent(DeviceContext* pContext) WITHOUT_LOCK_ANALYSIS
+{
+    return pContext->pNotifyEvent != nullptr;
+}
+
+bool HasMacroEvent() WITHOUT_LOCK_ANALYSIS
+{
+    return Globals.pMacroEvent != nullptr;
+}
+
+TEST(Application, LastCloseReleasesWhatItSetUp)
+{
+    EmuMachine machine(WithRegistry(""));
+    DeviceContext* pContexts[] = {FilterContextOf(machine.Plug()->Filter()),
+                                  FilterContextOf(machine.Plug()->Filter())};
+    KEVENT* pClosed = &ControlContextOf(Globals.pControlDevice)->ClosedEvent;
+    HANDLE hEvent = HostCreateEvent(false);
+    EmuApplication* pFirst = new EmuApplication;
+    EmuApplication* pSecond = new EmuApplication(true);
+    EXPECT_EQ(2, Globals.usOpenCount);
+    for (ULONG i = 0; i < 2; i++) {
+        EXPECT_EQ(STATUS_SUCCESS, pFirst->AddDefinition(i, Hotkey(7)));
+        EXPECT_EQ(STATUS_SUCCESS, pFirst->StartReportProcessing(i));
+        EXPECT_EQ(STATUS_SUCCESS, pFirst->RegisterNotifyEvent(i));
+    }
+    EXPECT_EQ(STATUS_SUCCESS, pFirst->RegisterMacroEvent());
+    EXPECT_EQ(STATUS_SUCCESS, pFirst->RegisterApplicationEvent(hEvent));
+    delete pFirst;
+    EXPECT_EQ(0, KeReadStateEvent(pClosed)) << "a handle is still open";
+    EXPECT_EQ(KEYDEF_HOTKEY, pContexts[0]->ulKeyDefTypes & ~KEYDEF_MACRO_MODE);
+    delete pSecond;
+    EXPECT_NE(0, KeReadStateEvent(pClosed));
+    EXPECT_EQ(0, Globals.usOpenCount);
+    for (DeviceContext* pContext : pContexts) {
+        EXPECT_EQ(0u, pContext->ulKeyDefTypes & ~KEYDEF_MACRO_MODE);
+        EXPECT_EQ(0, pContext->ucReportProcessing);
+        EXPECT_FALSE(HasEvent(pContext));
+    }
+    EXPECT_FALSE(HasMacroEvent());
+    EXPECT_EQ(nullptr, ControlContextOf(Globals.pControlDevice)->pApplicationEvent);
+    {
+        EmuApplication again;
+        EXPECT_EQ(0, KeReadStateEvent(pClosed)) << "cleared by every open";
+    }
+    HostCloseHandle(hEvent);
+    EXPECT_EQ(0u, machine.Unload());
+}
+
+// The time that the surprise removal of the only keyboard takes, with an application that closes after so
+// many milliseconds (0: not before the removal is through).
+unsigned long long SurpriseUs(bool bRegister, unsigned ulCloseMs, bool* pbSignalled)
+{
+    EmuMachine machine(WithRegistry(""));
+    EmuKeyboard* pKeyboard = machine.Plug();
+    EmuApplication application;
+    HANDLE hEvent = HostCreateEvent(false);
+    if (bRegister) {
+        EXPECT_EQ(STATUS_SUCCESS, application.RegisterApplicationEvent(hEvent));
+    }
+    HostThread thread = nullptr;
+    if (ulCloseMs != 0) {
+        thread = HostStartThread([&] {
+            EXPECT_EQ(STATUS_SUCCESS, HostWaitEvent(hEvent, -1));
+            LARGE_INTEGER delay;
+            delay.QuadPart = -10000LL * ulCloseMs;
+            KeDelayExecutionThread(KernelMode, FALSE, &delay);
+            application.Close();
+        });
+    }
+    const unsigned long long ullBefore = HostNowUs();
+    EXPECT_TRUE(NT_SUCCESS(pKeyboard->SurpriseRemove()));
+    const unsigned long long ullTaken = HostNowUs() - ullBefore;
+    *pbSignalled = ulCloseMs != 0 || HostTakeEvent(hEvent);
+    EXPECT_EQ(0, Globals.usStartedKeyboards);
+    pKeyboard->Remove();
+    EXPECT_EQ(nullptr, Globals.pControlDevice);
+    if (thread != nullptr) {
+        HostJoinThread(thread);
+    }
+    application.Close(); // may come after its device is gone
+    EXPECT_EQ(0, Globals.usOpenCount);
+    HostCloseHandle(hEvent);
+    EXPECT_EQ(0u, machine.Unload());
+    return ullTaken;
+}
+
+TEST(Application, IsToldOfTheLastSurpriseRemoval)
+{
+    bool bSignalled = false;
+    EXPECT_EQ(5000000u, SurpriseUs(true, 0, &bSignalled)) << "waits no longer";
+    EXPECT_TRUE(bSignalled);
+    EXPECT_EQ(40000u, SurpriseUs(true, 40, &bSignalled)) << "goes on at the close";
+    EXPECT_EQ(0u, SurpriseUs(false, 0, &bSignalled)) << "nobody to wait for";
+    EXPECT_FALSE(bSignalled);
+}
+
+TEST(ControlDevice, CompletesEveryMajorFunction)
+{
+    EmuMachine machine(WithRegistry(""));
+    machine.Plug();
+    EXPECT_FALSE(IsMouseSiblingConnected());
+    ControlContextOf(Globals.pControlDevice)->UsbMouse.ucConnected = 1;
+    EXPECT_TRUE(IsMouseSiblingConnected());
+    EXPECT_EQ(0u, Globals.pControlDevice->Flags & DO_DEVICE_INITIALIZING);
+    ULONG_PTR ulInformation = 0;
+    for (UCHAR ucMajor = 0; ucMajor <= IRP_MJ_MAXIMUM_FUNCTION; ucMajor++) {
+        if (ucMajor == IRP_MJ_DEVICE_CONTROL) {
+            continue; // the dispatcher's own tests
+        }
+        EXPECT_EQ(STATUS_SUCCESS, Send(Globals.pControlDevice, ucMajor, 0, &ulInformation)) << +ucMajor;
+        EXPECT_EQ(0u, ulInformation) << +ucMajor;
+    }
+    EXPECT_EQ(STATUS_NOT_IMPLEMENTED,
+              Send(Globals.pControlDevice, IRP_MJ_PNP, IRP_MN_QUERY_DEVICE_RELATIONS, &ulInformation));
+    EXPECT_EQ(0u, ulInformation);
+    EXPECT_EQ(STATUS_SUCCESS, Send(Globals.pControlDevice, IRP_MJ_CLOSE, 0, &ulInformation));
+    EXPECT_EQ(0, Globals.usOpenCount) << "a close at 0 leaves it there";
+    EXPECT_EQ(0u, machine.Unload());
+}
+
+TEST(ControlDevice, IsNotForTheWorld)
+{
+    EmuMachine machine(WithRegistry(""));
+    machine.Plug();
+    const UCHAR* pBytes = static_cast<const UCHAR*>(Globals.pControlDevice->SecurityDescriptor);
+    ASSERT_NE(nullptr, pBytes);
+    const UCHAR expected[92] = {
+        1, 0, 0x04, 0x80, 0,    0,    0,    0, 0, 0, 0, 0, 0, 0, 0, 0, 20, 0, 0, 0, // self-relative, access list at 20
+        2, 0, 72,   0,    3,    0,    0,    0,                                      // of three entries
+        0, 0, 20,   0,    0xFF, 0x01, 0x1F, 0, 1, 1, 0, 0, 0, 0, 0, 5, 18, 0, 0, 0, // system: all
+        0, 0, 24,   0,    0xFF, 0x01, 0x1F, 0, 1, 2, 0, 0, 0, 0, 0, 5, 32, 0, 0, 0, 32,
+        2, 0, 0,                                                                    // administrators: all
+        0, 0, 20,   0,    0x9F, 0x01, 0x12, 0, 1, 1, 0, 0, 0, 0, 0, 5, 4,  0, 0, 0, // interactive: read, write
+    };
+    EXPECT_EQ(0, memcmp(expected, pBytes, sizeof(expected)));
+    EXPECT_EQ(0u, machine.Unload());
+}
+
+TEST(ControlDevice, SurvivesItsOpenHandles)
+{
+    EmuMachine machine(WithRegistry(""));
+    EmuKeyboard* pFirst = machine.Plug();
+    HANDLE hEvent = HostCreateEvent(false);
+    EmuApplication application;
+    EXPECT_EQ(STATUS_SUCCESS, application.RegisterApplicationEvent(hEvent));
+    pFirst->Remove(); // in order, under an open handle: its event goes with the device
+    EmuKeyboard* pSecond = machine.Plug();
+    EXPECT_TRUE(CanOpen());
+    EXPECT_EQ(1, Globals.usOpenCount);
+    application.Close();
+    EXPECT_EQ(0, Globals.usOpenCount);
+    EXPECT_NE(0, KeReadStateEvent(&ControlContextOf(Globals.pControlDevice)->ClosedEvent));
+    {
+        EmuApplication late; // registers when the last keyboard, and the control device with it, is gone
+        pSecond->Unplug(false);
+        EXPECT_EQ(STATUS_SUCCESS, late.RegisterMacroEvent());
+    }
+    HostCloseHandle(hEvent);
+    EXPECT_EQ(0u, machine.Unload());
+}
+} // namespace

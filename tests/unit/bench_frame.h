@@ -1,0 +1,79 @@
+// bench_frame.h - what the tests of entry, keyboards and control device share: a driver that finds these values in
+// the registry, a request to a device, a hotkey.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "driver/driver.h"
+#include "emu/app/machine.h"
+
+inline const std::string Head = "Windows Registry Editor Version 5.00\r\n\r\n";
+inline const std::string Key =
+    "[HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\Tv64USB\\TolvenParams]\r\n";
+
+// The start-up guard's count as the registry's text shows it; -1: none.
+inline long long StoredCount()
+{
+    const std::string text = HostRegistryText();
+    const size_t at = text.find("\"ErrorCount\"=hex:");
+    if (at == std::string::npos) {
+        return -1;
+    }
+    unsigned bytes[4] = {};
+    EXPECT_EQ(4, sscanf(text.c_str() + at, "\"ErrorCount\"=hex:%x,%x,%x,%x", bytes, bytes + 1, bytes + 2,
+                        bytes + 3));
+    return bytes[0] | bytes[1] << 8 | bytes[2] << 16 | static_cast<long long>(bytes[3]) << 24;
+}
+
+inline EmuMachineOptions WithRegistry(const std::string& values)
+{
+    EmuMachineOptions options;
+    options.Entry = DriverEntry;
+    options.RegistryText = values.empty() ? values : Key + values;
+    return options;
+}
+
+// Whether the driver's control device can be opened.
+inline bool CanOpen()
+{
+    HostFile file;
+    if (!NT_SUCCESS(HostOpen(L"\\\\.\\TvUSB", &file))) {
+        return false;
+    }
+    HostClose(file);
+    return true;
+}
+
+// Sends one request to a device as the system would.
+inline NTSTATUS Send(PDEVICE_OBJECT pDevice, UCHAR ucMajor, UCHAR ucMinor, ULONG_PTR* pulInformation)
+{
+    PIRP pIrp = IoAllocateIrp(pDevice->StackSize, FALSE);
+    PIO_STACK_LOCATION pNext = IoGetNextIrpStackLocation(pIrp);
+    pNext->MajorFunction = ucMajor;
+    pNext->MinorFunction = ucMinor;
+    pIrp->IoStatus.Status = STATUS_NOT_SUPPORTED;
+    pIrp->IoStatus.Information = 77;
+    IO_COMPLETION_ROUTINE* pKeep = [](PDEVICE_OBJECT, PIRP, PVOID) -> NTSTATUS {
+        return STATUS_MORE_PROCESSING_REQUIRED;
+    };
+    IoSetCompletionRoutine(pIrp, pKeep, nullptr, TRUE, TRUE, TRUE);
+    const NTSTATUS status = IoCallDriver(pDevice, pIrp);
+    EXPECT_EQ(status, pIrp->IoStatus.Status);
+    *pulInformation = pIrp->IoStatus.Information;
+    IoFreeIrp(pIrp);
+    return status;
+}
+
+// Ctrl+F1.
+inline KeyDefinition Hotkey(uint32_t ulId)
+{
+    KeyDefinition definition = {};
+    definition.ulId = ulId;
+    definition.ulType = 1;
+    definition.ulModifiers = 0x400;
+    definition.usScanCount = 1;
+    definition.ucScans[0] = 0x3B;
+    return definition;
+}

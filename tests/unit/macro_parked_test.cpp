@@ -1,0 +1,181 @@
+// macro_parked_test.cpp - reads that wait while a macro is played at another pace.
+#include <gtest/gtest.h>
+
+#include "bench_macro.h"
+#include "hotkeys/hotkeys.h"
+
+namespace
+{
+// What the driver guards by its locks, read while nobody else runs.
+ULONG ParkedCount(DeviceContext* pContext) WITHOUT_LOCK_ANALYSIS
+{
+    return pContext->ulParkedCount;
+}
+
+// Reads that are parked while another keyboard's pace runs: what each of them got, in order.
+class ParkedTest : public MacroTest
+{
+protected:
+    void Park(ULONG ulReads, ULONG ulEntries, ULONG ulPacketBytes = 8)
+    {
+        EmuPlugOptions options;
+        options.Reads = ulReads;
+        options.PacketBytes = ulPacketBytes;
+        options.Manual = true;
+        options.OnReceived = [this](const EmuReceived& received) { Received.push_back(received); };
+        Plug(options);
+        Settings.ulKorvexDelay = 100;
+        Globals.ucKorvexTimerRunning = 1;
+        for (ULONG i = 0; i < ulEntries; i++) {
+            FifoEntry entry = {0, 8, {0, 0, static_cast<uint8_t>(0x10 + i), 7, 7, 7, 7, 7}};
+            ASSERT_EQ(InsertUSBPacketFifin(Keyboard->Filter(), &entry), OK);
+        }
+        for (ULONG i = 0; i < ulReads; i++) {
+            ASSERT_EQ(Keyboard->Read(), OK);
+        }
+    }
+    void Wait(ULONGLONG ullMs) { HostAdvanceToUs(HostNowUs() + ullMs * 1000); }
+    // The key each read brought, "-" for a read without one, "!" for a failed one.
+    std::string Keys()
+    {
+        std::string text;
+        for (const EmuReceived& received : Received) {
+            char key[8] = "-";
+            if (!NT_SUCCESS(received.Status)) {
+                snprintf(key, sizeof(key), received.Status == STATUS_CANCELLED ? "x" : "!");
+            } else if (received.Bytes.at(2) != 0) {
+                snprintf(key, sizeof(key), "%02X", received.Bytes[2]);
+            }
+            text += (text.empty() ? "" : " ") + std::string(key);
+        }
+        Received.clear();
+        return text;
+    }
+
+    std::vector<EmuReceived> Received;
+};
+
+TEST_F(ParkedTest, TheOwnTimerServesThem)
+{
+    Park(3, 2);
+    EXPECT_EQ(ParkedCount(Context()), 3u);
+    Wait(99);
+    EXPECT_EQ(Keys(), "");
+    Wait(1);
+    EXPECT_EQ(Keys(), "10");
+    Wait(100);
+    EXPECT_EQ(Keys(), "11");
+    Wait(100);
+    EXPECT_EQ(Keys(), "-"); // nothing is queued any more: released, and the pace ends
+    EXPECT_EQ(Globals.ucKorvexTimerRunning, 0);
+    Wait(1000);
+    EXPECT_EQ(Keys(), "");
+    EXPECT_EQ(Context()->pFirstParked, nullptr);
+}
+
+TEST_F(ParkedTest, TwoHundredAtMost)
+{
+    Park(203, 2);
+    EXPECT_EQ(ParkedCount(Context()), 200u);
+    EXPECT_EQ(Keys(), "10 11");              // no place: the next report, at once
+    EXPECT_EQ(Keyboard->PendingReads(), 1u); // the queue is empty: to the keyboard
+    Wait(100);
+    EXPECT_EQ(Keys(), "-");
+}
+
+TEST_F(ParkedTest, CancelledAndServed)
+{
+    Park(4, 4);
+    IoCancelIrp(Context()->pFirstParked);
+    EXPECT_EQ(Keys(), "x");
+    EXPECT_EQ(ParkedCount(Context()), 3u);
+    Wait(100);
+    EXPECT_EQ(Keys(), "10");
+    IoCancelIrp(Context()->pFirstParked);
+    IoCancelIrp(Context()->pFirstParked);
+    EXPECT_EQ(Keys(), "x x");
+    EXPECT_EQ(Context()->pFirstParked, nullptr);
+    Wait(100);
+    EXPECT_EQ(Globals.ucKorvexTimerRunning, 0);
+}
+
+TEST_F(ParkedTest, TheKeyboardGoes)
+{
+    Park(3, 3);
+    CompleteParkedReads(Keyboard->Filter()); // as at surprise removal
+    EXPECT_EQ(Keys(), "! ! !");
+    EXPECT_EQ(Globals.ucKorvexTimerRunning, 0);
+    Globals.ucKorvexTimerRunning = 1;
+    ASSERT_EQ(Keyboard->Read(), OK); // parks again
+    EXPECT_EQ(ParkedCount(Context()), 1u);
+    EXPECT_EQ(Keyboard->Unplug(true), OK);
+    EXPECT_EQ(Received.size(), 1u);
+    EXPECT_EQ(Globals.ucKorvexTimerRunning, 0);
+}
+
+// The stack above gives reads up at the worst moments: before one is parked, and while the timer takes it.
+TEST_F(ParkedTest, GivenUpAtTheSameMoment)
+{
+    Park(2, 3);
+    PIRP pGivenUp = Context()->pFirstParked;
+    PDRIVER_CANCEL pCancel = IoSetCancelRoutine(pGivenUp, nullptr); // as the canceller does first of all
+    ASSERT_NE(pCancel, nullptr);
+    Wait(100);
+    EXPECT_EQ(Keys(), "10"); // the second read has it; the first is left to its canceller
+    EXPECT_EQ(UnparkReadRequest(Keyboard->Filter(), pGivenUp), Unsuccessful);
+    IoAcquireCancelSpinLock(&pGivenUp->CancelIrql);
+    pCancel(Keyboard->Filter(), pGivenUp);
+    EXPECT_EQ(Keys(), "x");
+
+    PIRP pRead = IoAllocateIrp(2, FALSE);
+    pRead->Cancel = TRUE;
+    const LONG lReferences = Context()->lReferences;
+    EXPECT_EQ(ParkReadRequest(Keyboard->Filter(), pRead), STATUS_CANCELLED);
+    EXPECT_EQ(Context()->lReferences, lReferences);
+    EXPECT_EQ(ParkedCount(Context()), 0u);
+    IoFreeIrp(pRead);
+    Wait(200);
+}
+
+TEST_F(ParkedTest, TwoHundredGoTogether)
+{
+    Park(200, 1);
+    EXPECT_EQ(ParkedCount(Context()), 200u);
+    CompleteParkedReads(Keyboard->Filter());
+    EXPECT_EQ(Received.size(), 200u);
+    EXPECT_EQ(ParkedCount(Context()), 0u);
+    Received.clear();
+    Wait(1000);
+    EXPECT_EQ(Keys(), "");
+}
+
+TEST_F(ParkedTest, AReadThatIsShorterThanTheReport)
+{
+    Park(1, 1, 4);
+    Wait(100);
+    ASSERT_EQ(Received.size(), 1u);
+    EXPECT_EQ(Received[0].Bytes, (EmuBytes{0, 0, 0x10, 7}));
+}
+
+TEST_F(ParkedTest, AnyDelayIsATime)
+{
+    Park(1, 1);
+    Wait(100);
+    EXPECT_EQ(Keys(), "10");
+    for (ULONG ulDelayMs : {0u, ~0u}) {
+        Settings.ulKorvexDelay = ulDelayMs;
+        FifoEntry entry = {0, 8, {0, 0, 0x20}};
+        InsertUSBPacketFifin(Keyboard->Filter(), &entry);
+        Wait(200); // the pace that ran before is over
+        Globals.ucKorvexTimerRunning = 1;
+        ASSERT_EQ(Keyboard->Read(), OK);
+        if (ulDelayMs != 0) {
+            Wait(ulDelayMs - 1ull);
+            EXPECT_EQ(Keys(), "");
+        }
+        Wait(1);
+        EXPECT_EQ(Keys(), "20") << ulDelayMs;
+        Settings.ulKorvexDelay = 100;
+    }
+}
+} // namespace
