@@ -61,9 +61,11 @@ static NTSTATUS StartBelow(HidDevice* pHid, PIRP pIrp)
     return pIrp->IoStatus.Status;
 }
 
+// A device that is started again without a stop between begins anew.
 // IRQL PASSIVE. Fails: with the first step that fails; nothing of this stack is below then.
 static NTSTATUS StartHid(HidDevice* pHid, PIRP pIrp)
 {
+    StopReads(pHid);
     NTSTATUS status = StartBelow(pHid, pIrp);
     if (NT_SUCCESS(status) && !pHid->Options.bNoEnumeration) {
         status = Enumerate(pHid);

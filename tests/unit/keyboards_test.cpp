@@ -40,10 +40,12 @@ TEST(Keyboards, IndexesCountUpAndTheControlDeviceIsShared)
     EXPECT_EQ(1u, FilterContextOf(pSecond->Filter())->ulDeviceIndex);
     EXPECT_EQ(1, FilterContextOf(pFirst->Filter())->ucSendUpEventImmediately);
     EXPECT_EQ(0, FilterContextOf(pFirst->Filter())->ucRunDiagNormalPacket02);
-    ULONG_PTR ulInformation = 0; // a second start counts nothing twice
-    EXPECT_EQ(STATUS_SUCCESS, Send(pFirst->Filter(), IRP_MJ_PNP, IRP_MN_START_DEVICE, &ulInformation));
-    EXPECT_EQ(2, Globals.usKeyboardCount);
+    EXPECT_EQ(STATUS_SUCCESS, pFirst->Start()) << "once more, with its reads out";
+    EXPECT_EQ(2, Globals.usKeyboardCount) << "a second start counts nothing twice";
     EXPECT_EQ(2, Globals.usStartedKeyboards);
+    EXPECT_EQ(1u, pFirst->PendingReads());
+    EXPECT_TRUE(pFirst->Report({0, 0, 4, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(1u, pFirst->Taken().size()) << "and it types";
 
     PDEVICE_OBJECT pWalk = FirstKeyboard(); // newest first
     EXPECT_EQ(pSecond->Filter(), pWalk);
