@@ -16,6 +16,7 @@
 #include "nt/ke.h"
 #include "nt/ex.h"
 #include "nt/io.h"
+#include "nt/irp.h"
 #include "nt/pnp.h"
 #include "nt/rtl.h"
 #include "nt/zw.h"
