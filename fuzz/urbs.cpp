@@ -9,19 +9,41 @@ namespace
 struct Sent {
     std::unique_ptr<UCHAR[]> Urb, Buffer;
     PMDL pMdl = nullptr;
-    PIRP pIrp = nullptr; // null when it has completed
+    PIRP pIrp = nullptr; // null when it is freed
+    bool bCancelling = false;
+    bool bCompleted = false; // one that completes while it is cancelled is the canceller's to free
 };
 
-NTSTATUS NTAPI Completed(PDEVICE_OBJECT, PIRP pIrp, PVOID pContext)
+void Free(Sent& sent)
+{
+    IoFreeIrp(sent.pIrp);
+    sent.pIrp = nullptr;
+}
+
+NTSTATUS NTAPI Completed(PDEVICE_OBJECT, PIRP, PVOID pContext)
 {
     auto pSent = static_cast<Sent*>(pContext);
-    pSent->pIrp = nullptr;
     if (pSent->pMdl) {
         IoFreeMdl(pSent->pMdl);
         pSent->pMdl = nullptr;
     }
-    IoFreeIrp(pIrp);
+    pSent->bCompleted = true;
+    if (!pSent->bCancelling) {
+        Free(*pSent);
+    }
     return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+void Cancel(Sent& sent)
+{
+    if (sent.pIrp) {
+        sent.bCancelling = true;
+        IoCancelIrp(sent.pIrp);
+        sent.bCancelling = false;
+        if (sent.bCompleted) {
+            Free(sent);
+        }
+    }
 }
 
 // Header, then flags, length, buffer and MDL where all transfers have them, then the rest of the input's bytes.
@@ -93,9 +115,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pBytes, size_t cBytes)
         if (uDeed < DeedCount && uDeed != DeedUnplug && uDeed != DeedPlug && uDeed != DeedOn) {
             scene.Do(static_cast<FuzzDeed>(uDeed), input);
         } else if (uDeed == 31 && !all.empty()) {
-            if (PIRP pIrp = all[input.Byte() % all.size()]->pIrp) {
-                IoCancelIrp(pIrp);
-            }
+            Cancel(*all[input.Byte() % all.size()]);
         } else {
             all.push_back(std::make_unique<Sent>());
             Build(*all.back(), input);
