@@ -9,15 +9,17 @@ namespace
 struct Sent {
     std::unique_ptr<UCHAR[]> Urb, Buffer;
     PMDL pMdl = nullptr;
-    PIRP pIrp = nullptr; // null when it is freed
+    PIRP pIrp = nullptr; // null when it is gone or about to be
     bool bCancelling = false;
     bool bCompleted = false; // one that completes while it is cancelled is the canceller's to free
 };
 
+// From the first line on nobody cancels it any more.
 void Free(Sent& sent)
 {
-    IoFreeIrp(sent.pIrp);
+    PIRP pIrp = sent.pIrp;
     sent.pIrp = nullptr;
+    IoFreeIrp(pIrp);
 }
 
 NTSTATUS NTAPI Completed(PDEVICE_OBJECT, PIRP, PVOID pContext)
