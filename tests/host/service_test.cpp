@@ -226,6 +226,10 @@ TEST(Registry, KeysAndValuesThroughHandles)
               ZwSetValueKey(h, &other, 0, REG_SZ, buffer, 0)); // empty, as a hostile one may be
     EXPECT_EQ(STATUS_SUCCESS, ZwQueryValueKey(h, &other, KeyValuePartialInformation, buffer, 64, &ulLength));
     EXPECT_EQ(0u, pPartial->DataLength);
+    UNICODE_STRING text = {};
+    EXPECT_EQ(STATUS_SUCCESS, QueryDirect(L"Other", &text, 0, REG_NONE, nullptr, 0));
+    EXPECT_EQ(0, text.Length);
+    RtlFreeUnicodeString(&text);
     UCHAR ucEmpty[4] = {1, 2, 3, 4};
     EXPECT_EQ(STATUS_SUCCESS, ZwSetValueKey(h, &other, 0, REG_BINARY, buffer, 0));
     EXPECT_EQ(STATUS_SUCCESS, QueryDirect(L"Other", ucEmpty, 0, REG_NONE, nullptr, 0));
