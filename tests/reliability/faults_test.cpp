@@ -3,8 +3,6 @@
 //
 // With threads the Nth call is not always the same one; each run counts its own calls, and the sweep ends when
 // several runs in a row have had fewer than N.
-#include <unistd.h>
-
 #include <cstdio>
 
 #include "world.h"
@@ -13,13 +11,9 @@ namespace
 {
 enum Failing { Once, FromThenOn };
 
-// A run that hangs is ended by the alarm.
-constexpr unsigned SecondsForOneRun = 60;
-
 // Runs the scenario with its Nth fallible call failing, or all from the Nth on. False when it has no such call.
 bool RunWithFault(const Scenario& scenario, HostMode mode, Failing failing, unsigned uNth)
 {
-    alarm(SecondsForOneRun);
     World world;
     world.Mode = mode;
     scenario.pPrepare(world);
@@ -27,7 +21,6 @@ bool RunWithFault(const Scenario& scenario, HostMode mode, Failing failing, unsi
     const bool bHappened = HostFallibleCalls() >= uNth;
     HostFailNth(nullptr, 0);
     CheckAfterwards(world);
-    alarm(0);
     return bHappened;
 }
 
