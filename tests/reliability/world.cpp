@@ -96,12 +96,7 @@ static void CheckNewKeyboard(World& world)
     const ULONG ulIndex = pKeyboard->Index();
     ASSERT_EQ(application.RegisterNotifyEvent(ulIndex), STATUS_SUCCESS);
     ASSERT_EQ(application.StartReportProcessing(ulIndex), STATUS_SUCCESS);
-    KeyDefinition hotkey = {};
-    hotkey.ulId = 77;
-    hotkey.ulType = 1;
-    hotkey.ulModifiers = 0x400;
-    hotkey.usScanCount = 1;
-    hotkey.ucScans[0] = 0x3B;
+    const KeyDefinition hotkey = tvusb::MakeHotkey(77, MODIFIER_ANY_CONTROL, {0x3B}, false);
     ASSERT_EQ(application.AddDefinition(ulIndex, hotkey), STATUS_SUCCESS);
     (void)pKeyboard->Taken();
     World::Press(pKeyboard, 0x04);

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "driver/driver.h"
+#include "emu/app/application.h"
 #include "emu/app/machine.h"
 
 inline const std::string Head = "Windows Registry Editor Version 5.00\r\n\r\n";
@@ -38,12 +39,7 @@ inline EmuMachineOptions WithRegistry(const std::string& values)
 // Whether the driver's control device can be opened.
 inline bool CanOpen()
 {
-    HostFile file;
-    if (!NT_SUCCESS(HostOpen(L"\\\\.\\TvUSB", &file))) {
-        return false;
-    }
-    HostClose(file);
-    return true;
+    return NT_SUCCESS(EmuApplication().OpenStatus());
 }
 
 // Sends one request to a device as the system would.
@@ -69,11 +65,5 @@ inline NTSTATUS Send(PDEVICE_OBJECT pDevice, UCHAR ucMajor, UCHAR ucMinor, ULONG
 // Ctrl+F1.
 inline KeyDefinition Hotkey(uint32_t ulId)
 {
-    KeyDefinition definition = {};
-    definition.ulId = ulId;
-    definition.ulType = 1;
-    definition.ulModifiers = 0x400;
-    definition.usScanCount = 1;
-    definition.ucScans[0] = 0x3B;
-    return definition;
+    return tvusb::MakeHotkey(ulId, MODIFIER_ANY_CONTROL, {0x3B}, false);
 }

@@ -38,16 +38,10 @@ protected:
     PDEVICE_OBJECT Filter() const { return Keyboard->Filter(); }
     DeviceContext* Context() const { return FilterContextOf(Keyboard->Filter()); }
 
-    static KeyDefinition Hotkey(uint32_t ulId, uint32_t ulModifiers, std::initializer_list<uint8_t> scans)
+    // One that the system sees too.
+    static KeyDefinition Hotkey(uint32_t ulId, uint32_t ulModifiers, const std::vector<uint8_t>& scans)
     {
-        KeyDefinition definition = {};
-        definition.ulId = ulId;
-        definition.ulType = 1;
-        definition.ulModifiers = ulModifiers;
-        for (uint8_t ucScan : scans) {
-            definition.ucScans[definition.usScanCount++] = ucScan;
-        }
-        return definition;
+        return tvusb::MakeHotkey(ulId, ulModifiers, scans, false);
     }
 
     std::unique_ptr<EmuMachine> Machine;
