@@ -24,3 +24,8 @@
 
 // Exported by ntoskrnl.exe, declared by no kernel header of the toolchain.
 extern "C" int _vsnprintf(char* pszBuffer, size_t cchBuffer, const char* pszFormat, va_list arguments);
+
+// The toolchain declares the type as imported data of the kernel and the pointer to it besides: one step more
+// than from the import table's entry to the type. The entry itself is the pointer that the platform documents.
+extern "C" POBJECT_TYPE* __imp_ExEventObjectType;
+#define ExEventObjectType __imp_ExEventObjectType
