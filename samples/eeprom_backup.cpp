@@ -3,10 +3,6 @@
 //
 //     eeprom_backup save FILE
 //     eeprom_backup restore FILE
-//
-// Build it against an emulated keyboard, or for Windows:
-//     g++ -std=c++17 -I. samples/eeprom_backup.cpp -Lbuild/release -lstand -lemu -lclient -lsys -lhost
-//     x86_64-w64-mingw32-g++ -std=c++17 -static -I. samples/eeprom_backup.cpp -Lbuild/windows -lclient
 #include <stdio.h>
 #include <string.h>
 

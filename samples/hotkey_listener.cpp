@@ -1,10 +1,6 @@
 // hotkey_listener.cpp - makes Ctrl+F1 a hotkey of the first keyboard and tells when it goes down and up.
 //
 //     hotkey_listener [EVENTS]     ends after so many events (4), or when none came for 10 seconds
-//
-// Build it against an emulated keyboard that someone types at, or for Windows:
-//     g++ -std=c++17 -I. samples/hotkey_listener.cpp -Lbuild/release -lstand -lemu -lclient -lsys -lhost
-//     x86_64-w64-mingw32-g++ -std=c++17 -static -I. samples/hotkey_listener.cpp -Lbuild/windows -lclient
 #include <stdio.h>
 #include <stdlib.h>
 
