@@ -288,6 +288,7 @@ struct HostState {
     std::mutex IrpLock;
     KSPIN_LOCK CancelLock = 0;
     HostKey Registry;
+    std::string RegistryOnDisk; // .reg text as of the last flush; empty: as it was at the start
 
     std::string FailKind;
     unsigned uFailNth = 0;

@@ -145,6 +145,28 @@ NTSTATUS ZwSetValueKey(HANDLE h, PUNICODE_STRING pName, ULONG, ULONG ulType, PVO
     return STATUS_SUCCESS;
 }
 
+NTSTATUS ZwFlushKey(HANDLE h)
+{
+    HostEnter(__func__, PASSIVE_LEVEL);
+    if (HostShouldFail("flush")) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    NTSTATUS status;
+    if (KeyOf(h, &status) == nullptr) {
+        return status;
+    }
+    std::string text = HostRegistryText(); // the whole of it, as a hive is written whole
+    HostLock lock(g->Lock);
+    g->RegistryOnDisk = std::move(text);
+    return STATUS_SUCCESS;
+}
+
+std::string HostFlushedRegistryText()
+{
+    HostLock lock(g->Lock);
+    return g->RegistryOnDisk.empty() ? g->Options.RegistryText : g->RegistryOnDisk;
+}
+
 NTSTATUS ZwDeleteValueKey(HANDLE h, PUNICODE_STRING pName)
 {
     HostEnter(__func__, PASSIVE_LEVEL);

@@ -89,7 +89,7 @@ void HostEndThreadWaits(HostThread t);
 // The Nth fallible call from now on fails (of the kind pWhat: "pool", "irp", "device", ...; nullptr: any); 0:
 // none. With bFromThenOn all that follow it fail too. Kinds: pool, mdl, map, irp, lower (a request that one
 // driver sends to another), workitem, thread, handle, device, attach, link, security, open, interface,
-// notification, property, routine, wdm, key, value, file, read, write, fileinfo.
+// notification, property, routine, wdm, key, value, flush, file, read, write, fileinfo.
 void HostFailNth(const char* pWhat, unsigned ulNth, bool bFromThenOn = false);
 // Only calls made by this driver's code are counted and fail; nullptr: everybody's.
 void HostFailOnlyIn(const WCHAR* pServiceName);
@@ -97,5 +97,6 @@ void HostFailOnlyIn(const WCHAR* pServiceName);
 unsigned HostFallibleCalls();
 std::map<std::string, unsigned> HostFallibleByKind();
 
-// The registry as .reg text.
+// The registry as .reg text: as it is, and as a system that stops now would find it again.
 std::string HostRegistryText();
+std::string HostFlushedRegistryText();

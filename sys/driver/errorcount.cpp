@@ -1,8 +1,9 @@
 // errorcount.cpp - the start-up guard: how many guarded sections were entered and not left.
 //
 // The count lies in the registry, so a section that the system did not survive stays counted; from two on
-// no further keyboard is attached. The path is fixed: it names the parameters key of the driver under its
-// own service name.
+// no further keyboard is attached. Each change goes to the disk at once: the registry's own time to write is
+// seconds away, and the section may end the system before. The path is fixed: it names the parameters key of the
+// driver under its own service name.
 // Runs in driver entry, add-device and the creation of the control device, at PASSIVE_LEVEL.
 #include "driver/driver.h"
 
@@ -82,7 +83,11 @@ static NTSTATUS ApplyToCount(HANDLE hKey, USHORT usMode, PUCHAR pucRefuse)
         *pucRefuse = 1;
         return STATUS_SUCCESS;
     }
-    return WriteCount(hKey, NextCount(usMode, ulCount));
+    status = WriteCount(hKey, NextCount(usMode, ulCount));
+    if (NT_SUCCESS(status) && NextCount(usMode, ulCount) != ulCount) {
+        (void)ZwFlushKey(hKey); // not flushed, it is lost only if the system stops now
+    }
+    return status;
 }
 
 // Checks, raises or lowers the count. *pucRefuse becomes 1 only by a check that finds too many, else 0.

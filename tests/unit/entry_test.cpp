@@ -171,4 +171,27 @@ TEST(ErrorCount, StoryOfTheGuard)
         EXPECT_EQ(0u, HostStop());
     }
 }
+
+// What counts is what the next start of the system reads.
+TEST(ErrorCount, OutlivesASystemThatStopsInTheSection)
+{
+    std::string registry;
+    for (unsigned uStops = 1; uStops <= 2; uStops++) {
+        HostOptions options;
+        options.RegistryText = registry;
+        HostStart(options);
+        UCHAR ucUnused;
+        UpdateErrorCount(ErrorCountEnter, &ucUnused); // one section ends well
+        UpdateErrorCount(ErrorCountLeave, &ucUnused);
+        UpdateErrorCount(ErrorCountEnter, &ucUnused);
+        registry = HostFlushedRegistryText();
+        EXPECT_EQ(0u, HostStop());
+    }
+    EmuMachineOptions options = WithRegistry("");
+    options.RegistryText = registry;
+    EmuMachine machine(options);
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, machine.Plug()->AddStatus()) << StoredCount();
+    EXPECT_EQ(2, StoredCount());
+    EXPECT_EQ(0u, machine.Unload());
+}
 } // namespace
