@@ -1,7 +1,11 @@
 // openclose.cpp - how many handles of the driver are open, and what the last one leaves behind.
 //
-// In:  create, close and cleanup requests to any device of the driver.
-// Out: at the last close everything that the application had set up is released and ClosedEvent is set.
+//   create ── counted ──▶ completed ── failed ──▶ taken off the count ◀── close
+//                                                        │ it was the last
+//                                                        ▼
+//                                   what the application had set up goes, ClosedEvent is set
+//
+// An open is counted before it is passed on, so that the count can refuse it: 65,535 are the most.
 // Runs at PASSIVE_LEVEL in the caller's thread. ControlDeviceMutex makes the change of the count and what
 // follows from it one step against other opens and closes and against the control device's deletion.
 #include "driver/driver.h"
@@ -28,32 +32,61 @@ static NTSTATUS PassCreate(PDEVICE_OBJECT pDevice, PIRP pIrp)
     return status;
 }
 
-// IRQL = PASSIVE. Lock: takes ControlDeviceMutex. Fails: as the open was completed.
-NTSTATUS DispatchCreate(PDEVICE_OBJECT pDevice, PIRP pIrp)
+// IRQL = PASSIVE. Lock: takes ControlDeviceMutex. Fails: false, there are as many as can be counted.
+static bool CountOpen()
 {
-    IRQL_AT_MOST(PASSIVE_LEVEL);
-    const NTSTATUS status = PassCreate(pDevice, pIrp);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
     KeWaitForSingleObject(&Globals.ControlDeviceMutex, Executive, KernelMode, FALSE, nullptr);
-    Globals.usOpenCount++;
-    if (Globals.pControlDevice != nullptr) {
+    const bool bRoom = Globals.usOpenCount != MAXUSHORT;
+    if (bRoom) {
+        Globals.usOpenCount++;
+    }
+    if (bRoom && Globals.pControlDevice != nullptr) {
         KeClearEvent(&ControlContextOf(Globals.pControlDevice)->ClosedEvent);
     }
     KeReleaseMutex(&Globals.ControlDeviceMutex, FALSE);
-    return status;
+    return bRoom;
 }
 
-// What the application had set up, released in this order.
+// What the application had set up, released in this order, whether its control device is still there or not.
 // IRQL = PASSIVE, under ControlDeviceMutex.
 static void ReleaseApplication(PDEVICE_OBJECT pControlDevice)
 {
     FreeAllKeyDefinitions();
     StopAllReportProcessing();
-    KeSetEvent(&ControlContextOf(pControlDevice)->ClosedEvent, IO_NO_INCREMENT, FALSE);
+    if (pControlDevice != nullptr) {
+        KeSetEvent(&ControlContextOf(pControlDevice)->ClosedEvent, IO_NO_INCREMENT, FALSE);
+    }
     ReleaseAllEvents();
-    ReleaseApplicationEvent(pControlDevice);
+    if (pControlDevice != nullptr) {
+        ReleaseApplicationEvent(pControlDevice);
+    }
+}
+
+// IRQL = PASSIVE. Lock: takes ControlDeviceMutex.
+static void UncountOpen()
+{
+    KeWaitForSingleObject(&Globals.ControlDeviceMutex, Executive, KernelMode, FALSE, nullptr);
+    if (Globals.usOpenCount > 0) {
+        Globals.usOpenCount--;
+    }
+    if (Globals.usOpenCount == 0) {
+        ReleaseApplication(Globals.pControlDevice);
+    }
+    KeReleaseMutex(&Globals.ControlDeviceMutex, FALSE);
+}
+
+// IRQL = PASSIVE. Lock: takes ControlDeviceMutex. Fails: too many are open, or as the open was completed.
+NTSTATUS DispatchCreate(PDEVICE_OBJECT pDevice, PIRP pIrp)
+{
+    IRQL_AT_MOST(PASSIVE_LEVEL);
+    if (!CountOpen()) {
+        return CompleteRequest(pIrp, STATUS_INSUFFICIENT_RESOURCES, 0);
+    }
+    const NTSTATUS status = PassCreate(pDevice, pIrp);
+    if (!NT_SUCCESS(status)) {
+        UncountOpen();
+    }
+    return status;
 }
 
 // IRQL = PASSIVE. Lock: takes ControlDeviceMutex. Fails: as the close was completed.
@@ -61,18 +94,7 @@ NTSTATUS DispatchClose(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
     const NTSTATUS status = DispatchPassThrough(pDevice, pIrp);
-
-    KeWaitForSingleObject(&Globals.ControlDeviceMutex, Executive, KernelMode, FALSE, nullptr);
-    if (Globals.usOpenCount > 0) {
-        Globals.usOpenCount--;
-    }
-    if (Globals.pControlDevice != nullptr && Globals.usOpenCount == 0) {
-        ReleaseApplication(Globals.pControlDevice);
-    } else if (Globals.usOpenCount == 0) {
-        (void)
-            ReleaseMacroEvent(); // registered through a handle that outlived its control device, or not at all
-    }
-    KeReleaseMutex(&Globals.ControlDeviceMutex, FALSE);
+    UncountOpen();
     return status;
 }
 

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "bench_frame.h"
+#include "control/control.h"
 #include "emu/app/application.h"
 #include "siblings/siblings.h"
 
@@ -166,6 +167,49 @@ TEST(ControlDevice, SurvivesItsOpenHandles)
         EXPECT_EQ(STATUS_SUCCESS, late.RegisterMacroEvent());
     }
     HostCloseHandle(hEvent);
+    EXPECT_EQ(0u, machine.Unload());
+}
+
+// The count of handles never wraps: one more than it can hold is refused, and the others go on working.
+TEST(ControlDevice, RefusesMoreHandlesThanItCounts)
+{
+    EmuMachine machine(WithRegistry(""));
+    EmuKeyboard* pKeyboard = machine.Plug();
+    {
+        EmuApplication application;
+        EXPECT_EQ(STATUS_SUCCESS, application.AddDefinition(0, Hotkey(7)));
+        Globals.usOpenCount = MAXUSHORT; // as if 65,534 others were open
+        ULONG_PTR ulInformation = 0;
+        EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, EmuApplication().OpenStatus());
+        EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, Send(pKeyboard->Filter(), IRP_MJ_CREATE, 0, &ulInformation));
+        EXPECT_EQ(MAXUSHORT, Globals.usOpenCount);
+        EXPECT_NE(0u, FilterContextOf(pKeyboard->Filter())->ulKeyDefTypes & KEYDEF_HOTKEY);
+        Globals.usOpenCount = 1;
+    }
+    EXPECT_EQ(0u, machine.Unload());
+}
+
+// The last handle is closed when the control device is gone, but a keyboard is there that never started.
+TEST(ControlDevice, LastCloseWithoutItReleasesWhatIsThere)
+{
+    EmuMachine machine(WithRegistry(""));
+    EmuKeyboard* pStarted = machine.Plug();
+    EmuPlugOptions added;
+    added.Start = false;
+    const ULONG ulAdded = machine.Plug(EmuBootKeyboard, added)->Index();
+    {
+        EmuApplication application;
+        EXPECT_EQ(STATUS_SUCCESS, application.AddDefinition(ulAdded, Hotkey(7)));
+        EXPECT_EQ(STATUS_SUCCESS, application.StartReportProcessing(ulAdded));
+        EXPECT_EQ(STATUS_SUCCESS, application.RegisterNotifyEvent(ulAdded));
+        pStarted->Unplug(false);
+        EXPECT_EQ(nullptr, Globals.pControlDevice);
+    }
+    const PDEVICE_OBJECT pLeft = FirstKeyboard();
+    EXPECT_EQ(0u, FilterContextOf(pLeft)->ulKeyDefTypes & KEYDEF_HOTKEY);
+    EXPECT_EQ(0, FilterContextOf(pLeft)->ucReportProcessing);
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, ReleaseNotifyEvent(ulAdded)) << "none is registered any more";
+    ReleaseDevice(pLeft);
     EXPECT_EQ(0u, machine.Unload());
 }
 } // namespace
