@@ -184,7 +184,8 @@ struct DeviceContext {
     PIRP pFirstParked;                                             // (x) = ParkedRequests[0]
     UCHAR ucKorvexDelayArmed GUARDED_BY(ParkLock);                 // this keyboard's timer is armed
     PIO_WORKITEM pKorvexWorkItem;                                  // (x) of the queued LED update
-    ULONG ulQueuedLeds; // (x) what it shall show, 0: none is queued
+    UCHAR ucLedUpdateQueued; // (x) it will show the mode, whatever that is then
+    KMUTEX LedMutex;         // one LED update at a time, at PASSIVE_LEVEL
 
     // Application notification.
     SpinLock NotifyLock;
@@ -284,13 +285,15 @@ struct DriverGlobals {
 
     // Diagnostic log.
     char* pLogBuffer;   // (x) set before the first device, freed at unload
+    ULONG ulLogLength;  // (x) characters of the text; written under LogLock
     KSPIN_LOCK LogLock; // the leaf: taken by log.cpp alone, at DISPATCH_LEVEL
     KDPC LogDpc;
     KEVENT LogEvent;         // synchronization
     UCHAR ucLogDpcPending;   // (x)
     UCHAR ucLogEventPending; // (x)
     UCHAR ucLogStop;         // (x) the drain shall end
-    UCHAR ucLogCut;          // LogLock: text was cut or dropped since the last drain
+    UCHAR ucLogCut;          // (x) text was cut or dropped since the last drain; written under LogLock
+    char cLogWritten;        // the drain's: the last character that it wrote, 0: none yet
     KEVENT LogEnded;         // notification: the drain is through
     PVOID pLogThread;        // referenced thread object of the drain
 

@@ -40,7 +40,7 @@ static ULONG MeasureText(PUCHAR pucCut)
 {
     LogScope scope;
     *pucCut = Globals.ucLogCut;
-    return LogTextLength(Globals.pLogBuffer);
+    return Globals.ulLogLength;
 }
 
 // Takes the written text off; a mark is settled only by the text that ended at it.
@@ -48,10 +48,11 @@ static ULONG MeasureText(PUCHAR pucCut)
 static void TakeText(ULONG ulLength, UCHAR ucCut)
 {
     LogScope scope;
-    char* pszRest = Globals.pLogBuffer + ulLength;
-    RtlMoveMemory(Globals.pLogBuffer, pszRest, LogTextLength(pszRest) + 1);
+    const ULONG ulRest = Globals.ulLogLength - ulLength;
+    RtlMoveMemory(Globals.pLogBuffer, Globals.pLogBuffer + ulLength, ulRest + 1); // with its NUL
+    WriteShared(Globals.ulLogLength, ulRest);
     if (ucCut != 0) {
-        Globals.ucLogCut = 0;
+        WriteShared(Globals.ucLogCut, 0);
     }
 }
 
@@ -64,7 +65,8 @@ static NTSTATUS DrainOnce()
     if (ulLength == 0 && ucCut == 0) {
         return STATUS_SUCCESS;
     }
-    const NTSTATUS status = WriteLogFile(Globals.pLogBuffer, ulLength, ucCut, &ulWritten);
+    const NTSTATUS status =
+        WriteLogFile(Globals.pLogBuffer, ulLength, ucCut, &Globals.cLogWritten, &ulWritten);
     TakeText(ulWritten, NT_SUCCESS(status) ? ucCut : 0);
     return status;
 }

@@ -15,6 +15,7 @@ enum : ULONG { NAME_CHARS = 140 }; // prefix + 126 characters + ".old"
 struct LogFile {
     HANDLE hFile;
     LONGLONG llSize;
+    char cLast; // what was written last
 };
 
 // The name as the system wants it: a drive path gets the prefix of the system's drive names.
@@ -96,6 +97,7 @@ static NTSTATUS AppendPiece(LogFile* pFile, const char* pText, ULONG ulLength)
                                         const_cast<char*>(pText), ulLength, &end, nullptr);
     if (NT_SUCCESS(status)) {
         pFile->llSize += ulLength;
+        pFile->cLast = pText[ulLength - 1];
     }
     return status;
 }
@@ -142,15 +144,23 @@ static NTSTATUS AppendLines(LogFile* pFile, const char* pText, ULONG ulLength, P
     return STATUS_SUCCESS;
 }
 
-// The line that says that text is missing. A text that was cut within a line has no line end of its own.
-static const char* OverflowLine(char cLast)
+// The line that says that text is missing, a line of its own: a text that was cut within a line, now or when it
+// was written, has no line end.
+// IRQL = PASSIVE. Fails: as AppendLines.
+static NTSTATUS AppendMark(LogFile* pFile)
 {
-    const char* pszLine = "\r\nOVERFLOW\r\n";
-    return cLast == '\n' ? pszLine + 2 : cLast == '\r' ? pszLine + 1 : pszLine;
+    const char* pszMark = "\r\nOVERFLOW\r\n";
+    if (pFile->cLast == '\n' || pFile->cLast == '\0') {
+        pszMark += 2;
+    } else if (pFile->cLast == '\r') {
+        pszMark += 1;
+    }
+    ULONG ulWritten = 0;
+    return AppendLines(pFile, pszMark, static_cast<ULONG>(strlen(pszMark)), &ulWritten);
 }
 
 // IRQL = PASSIVE. Fails: the file refuses; *pulWritten tells how far it came.
-NTSTATUS WriteLogFile(const char* pText, ULONG ulLength, UCHAR ucCut, PULONG pulWritten)
+NTSTATUS WriteLogFile(const char* pText, ULONG ulLength, UCHAR ucCut, char* pcLast, PULONG pulWritten)
 {
     LogFile file;
     *pulWritten = 0;
@@ -158,14 +168,14 @@ NTSTATUS WriteLogFile(const char* pText, ULONG ulLength, UCHAR ucCut, PULONG pul
     if (!NT_SUCCESS(status)) {
         return status;
     }
+    file.cLast = *pcLast;
     status = AppendLines(&file, pText, ulLength, pulWritten);
     if (NT_SUCCESS(status) && ucCut != 0) {
-        const char* pszMark = OverflowLine(ulLength != 0 ? pText[ulLength - 1] : '\n');
-        ULONG ulMarkWritten = 0;
-        status = AppendLines(&file, pszMark, static_cast<ULONG>(strlen(pszMark)), &ulMarkWritten);
+        status = AppendMark(&file);
     }
     if (NT_SUCCESS(status)) {
         ZwClose(file.hFile);
     }
+    *pcLast = file.cLast;
     return status;
 }

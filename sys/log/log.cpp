@@ -2,9 +2,10 @@
 //
 //   LogPrintf, LogHexDump ── format on the stack ──▶ LogWrite ── append ──▶ pLogBuffer ── signal ──▶ drain
 //
-// pLogBuffer holds one NUL-terminated text of at most 40,949 characters; ten bytes stay in reserve. Each call
-// that finds room adds one line: time, message, CR LF. What finds no room is cut or dropped and leaves a mark
-// from which the drain makes its OVERFLOW line.
+// pLogBuffer holds one NUL-terminated text of at most 40,949 characters, ulLogLength of them in use; ten bytes
+// stay in reserve. Each call that finds room adds one line: time, message, CR LF. What finds no room is cut or
+// dropped and sets the mark from which the drain makes its OVERFLOW line. Until that line is in the file nothing
+// more is kept, so that it stands where the text ends.
 // Any routine, any level. Nothing is formatted for a message that would not be kept, and the formatting
 // buffers lie in frames of their own, so that a caller's frame stays small while the log is off.
 #include "log/log.h"
@@ -17,7 +18,7 @@ enum : ULONG {
     MESSAGE_BYTES = 2048,
     DUMP_LINE_BYTES = 160,
     DUMP_GROUP = 16,
-    LOG_FULL = LOG_BUFFER_BYTES - LOG_RESERVE_BYTES,
+    LOG_FULL = LOG_BUFFER_BYTES - LOG_RESERVE_BYTES, // the text's NUL at the latest stands before it
     ONLY_LEVEL = 10, // this log level lets only messages of the same level pass
 };
 
@@ -70,9 +71,9 @@ static ULONG AppendTime(char* pszLog, ULONG ulLength)
         static_cast<unsigned>(time.Hour), static_cast<unsigned>(time.Minute),
         static_cast<unsigned>(time.Second), static_cast<unsigned>(time.Milliseconds));
     if (status != STATUS_SUCCESS) {
-        Globals.ucLogCut = 1;
+        WriteShared(Globals.ucLogCut, 1);
     }
-    return ulLength + LogTextLength(pszLog + ulLength);
+    return ulLength + static_cast<ULONG>(strlen(pszLog + ulLength));
 }
 
 // Returns the text's new length.
@@ -84,25 +85,32 @@ static ULONG AppendText(char* pszLog, ULONG ulLength, const char* pszText)
     }
     pszLog[ulLength] = '\0';
     if (*pszText != '\0') {
-        Globals.ucLogCut = 1;
+        WriteShared(Globals.ucLogCut, 1);
     }
     return ulLength;
+}
+
+// Whether a line finds a place at all.
+// IRQL any.
+static bool IsThereRoom()
+{
+    return ReadShared(Globals.ulLogLength) < LOG_FULL - 1 && ReadShared(Globals.ucLogCut) == 0;
 }
 
 // IRQL any. Lock: takes LogLock. Fails: a full text drops the line; the mark is set.
 static void AppendLine(char* pszLog, UCHAR ucTimestamp, const char* pszText)
 {
     LogScope scope;
-    ULONG ulLength = LogTextLength(pszLog);
-    if (ulLength >= LOG_FULL) {
-        Globals.ucLogCut = 1;
+    if (!IsThereRoom()) {
+        WriteShared(Globals.ucLogCut, 1);
         return;
     }
+    ULONG ulLength = Globals.ulLogLength;
     if (ucTimestamp == 1) {
         ulLength = AppendTime(pszLog, ulLength);
     }
     ulLength = AppendText(pszLog, ulLength, pszText);
-    AppendText(pszLog, ulLength, "\r\n");
+    WriteShared(Globals.ulLogLength, AppendText(pszLog, ulLength, "\r\n"));
 }
 
 // Above DISPATCH_LEVEL an event cannot be set; the deferred call does it.
@@ -139,11 +147,26 @@ __attribute__((noinline)) static void FormatAndWrite(UCHAR ucLevel, UCHAR ucTime
     LogWrite(ucLevel, 0, ucTimestamp, szMessage);
 }
 
+// A line that finds no place is lost without being made.
+// IRQL any. Lock: takes LogLock. Fails: false, no room; the mark is set.
+static bool FindRoom()
+{
+    if (IsThereRoom()) {
+        return true;
+    }
+    {
+        LogScope scope;
+        WriteShared(Globals.ucLogCut, 1);
+    }
+    SignalDrain();
+    return false;
+}
+
 // At most 2,047 characters of the message are kept.
 // IRQL any. Lock: takes LogLock. Fails: never.
 void LogPrintf(UCHAR ucLevel, UCHAR ucTimestamp, const char* pszFormat, ...)
 {
-    if (pszFormat == nullptr || !IsLogOn(ucLevel)) {
+    if (pszFormat == nullptr || !IsLogOn(ucLevel) || !FindRoom()) {
         return;
     }
     va_list arguments;
@@ -160,6 +183,9 @@ __attribute__((noinline)) static void DumpGroup(const char* pszTitle, ULONG ulFi
     static const char Digits[] = "0123456789abcdef";
     char szLine[DUMP_LINE_BYTES];
     char* pszEnd = szLine;
+    if (!FindRoom()) {
+        return;
+    }
     for (ULONG i = 0; i < ulCount; i++) {
         const UCHAR ucByte = pBuf[ulFirst + i];
         *pszEnd++ = Digits[ucByte >> 4];

@@ -3,12 +3,6 @@
 
 #include <kernel.h>
 
-// The log text's length. IRQL any; the caller holds LogLock, or nobody else writes.
-inline ULONG LogTextLength(const char* pszText)
-{
-    return static_cast<ULONG>(strlen(pszText));
-}
-
 // format.cpp
 NTSTATUS LogFormatArguments(char* pszOut, size_t cbOut, const char* pszFormat, va_list arguments);
 

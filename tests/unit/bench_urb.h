@@ -54,6 +54,8 @@ public:
         Settings.LogFileName = {2, 4, Name};
         Settings.ulLogLevel = ucLevel;
         Globals.pLogBuffer = Text.data();
+        Globals.ulLogLength = 0;
+        Globals.ucLogCut = 0;
     }
     ~KeptLog()
     {
@@ -69,6 +71,8 @@ public:
     {
         std::string text = Text.data();
         Text[0] = 0;
+        Globals.ulLogLength = 0;
+        Globals.ucLogCut = 0;
         return text;
     }
     static size_t Count(const std::string& text, const std::string& what)

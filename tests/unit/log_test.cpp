@@ -35,8 +35,15 @@ protected:
     std::string Take()
     {
         std::string text = m_Buffer;
-        m_Buffer[0] = 0;
+        CutTo(0);
         return text;
+    }
+    // As the drain leaves it: so much text, and no mark.
+    void CutTo(ULONG ulLength)
+    {
+        m_Buffer[ulLength] = 0;
+        Globals.ulLogLength = ulLength;
+        Globals.ucLogCut = 0;
     }
     bool Kept(UCHAR ucLevel)
     {
@@ -134,12 +141,30 @@ TEST_F(LogText, FullBufferKeepsItsReserve)
     EXPECT_EQ(40949u, strlen(m_Buffer));
     EXPECT_EQ(0, memcmp(m_Buffer + 1002 * 40, line.data(), 40949 - 1002 * 40)) << "the last line is cut";
     EXPECT_EQ(1, Globals.ucLogCut);
-    m_Buffer[40940] = 0; // nine characters of room: even the time is cut, and all ends at the same place
+    CutTo(40940); // nine characters of room: even the time is cut, and all ends at the same place
     LogPrintf(1, 1, "c");
     EXPECT_EQ("07/03/201", std::string(m_Buffer + 40940));
-    m_Buffer[40946] = 0; // room for one character of the line end
+    CutTo(40946); // room for one character of the line end
     LogPrintf(1, 0, "cd");
     EXPECT_EQ("cd\r", std::string(m_Buffer + 40946));
+}
+
+// What finds no room costs nothing: it is not even formatted.
+TEST_F(LogText, NothingIsFormattedForAFullBuffer)
+{
+    int formatted = -1;
+    LogPrintf(1, 0, "room%n", &formatted);
+    EXPECT_EQ(4, formatted);
+    EXPECT_EQ("room\r\n", Take());
+    memset(m_Buffer, 'b', 40949);
+    CutTo(40949);
+    formatted = -1;
+    KeResetEvent(&Globals.LogEvent);
+    LogPrintf(1, 0, "none%n", &formatted);
+    EXPECT_EQ(-1, formatted);
+    EXPECT_EQ(1, Globals.ucLogCut) << "and it is told that something is missing";
+    EXPECT_NE(0, KeReadStateEvent(&Globals.LogEvent));
+    EXPECT_EQ(40949u, strlen(m_Buffer));
 }
 
 TEST_F(LogText, FromAnyLevel)
@@ -277,10 +302,12 @@ TEST_F(LogInFile, OverflowIsToldOnceItCanBe)
     HostSettle();
     HostFailNth(nullptr, 0);
     EXPECT_EQ(40949u, Read("tv.log").size());
-    KeSetEvent(&Globals.LogEvent, IO_NO_INCREMENT, FALSE);
+    LogPrintf(1, 0, "missing"); // there is room again, but the mark comes first
     HostSettle();
-    EXPECT_EQ("OVERFLOW\r\n", Read("tv.log").substr(40949));
+    EXPECT_EQ("\r\nOVERFLOW\r\n", Read("tv.log").substr(40949));
+    LogPrintf(1, 0, "after");
     Unload();
+    EXPECT_EQ("\r\nOVERFLOW\r\nafter\r\n", Read("tv.log").substr(40949));
 }
 
 // One line after the other, and many that come together, give the same files.
