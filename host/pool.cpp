@@ -367,11 +367,15 @@ void MmBuildMdlForNonPagedPool(PMDL pMdl)
     pMdl->MdlFlags |= MDL_SOURCE_IS_NONPAGED_POOL;
 }
 
-PVOID MmMapLockedPagesSpecifyCache(PMDL pMdl, KPROCESSOR_MODE mode, MEMORY_CACHING_TYPE, PVOID, ULONG, ULONG)
+PVOID MmMapLockedPagesSpecifyCache(PMDL pMdl, KPROCESSOR_MODE mode, MEMORY_CACHING_TYPE, PVOID, ULONG,
+                                   ULONG ulPriority)
 {
     HostEnter(__func__, mode == KernelMode ? DISPATCH_LEVEL : APC_LEVEL);
     if (!(pMdl->MdlFlags & (MDL_PAGES_LOCKED | MDL_SOURCE_IS_NONPAGED_POOL))) {
         HostBug("MDL_NOT_LOCKED", "MmMapLockedPagesSpecifyCache of an MDL whose pages are not locked");
+    }
+    if (!(ulPriority & MdlMappingNoExecute)) {
+        HostBug("EXECUTABLE_MDL_MAPPING", "MmMapLockedPagesSpecifyCache without MdlMappingNoExecute");
     }
     if (HostShouldFail("map")) {
         return nullptr;

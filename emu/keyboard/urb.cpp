@@ -60,7 +60,7 @@ PUCHAR TransferBufferOf(PVOID pBuffer, PMDL pMdl)
     if (pBuffer || !pMdl) {
         return static_cast<PUCHAR>(pBuffer);
     }
-    return static_cast<PUCHAR>(MmGetSystemAddressForMdlSafe(pMdl, NormalPagePriority));
+    return static_cast<PUCHAR>(MmGetSystemAddressForMdlSafe(pMdl, NormalPagePriority | MdlMappingNoExecute));
 }
 
 static VOID PutSetup(PUCHAR pSetup, UCHAR ucType, UCHAR ucRequest, USHORT usValue, USHORT usIndex,

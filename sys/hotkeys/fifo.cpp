@@ -162,9 +162,9 @@ NTSTATUS TakeFifoReport(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, const c
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    const ULONG ulBytes = LowerOf(LowerOf(entry.usLength, sizeof(entry.ucData)), ulLen);
-    LogHexDump(pszEntryTitle, ulBytes, entry.ucData);
-    RtlCopyMemory(pBuf, entry.ucData, ulBytes);
+    const ULONG ulReport = LowerOf(entry.usLength, sizeof(entry.ucData));
+    LogHexDump(pszEntryTitle, ulReport, entry.ucData);
+    RtlCopyMemory(pBuf, entry.ucData, LowerOf(ulReport, ulLen));
     LogHexDump(pszBufferTitle, ulLen, pBuf);
     if (IsFifoEmpty(pContext)) {
         KeSetEvent(&pContext->FifoEvent, IO_KEYBOARD_INCREMENT, FALSE);

@@ -98,7 +98,8 @@ bool PlaceEmptyReport(DeviceContext* pContext, const Transfer& read)
     return true;
 }
 
-// The oldest inserted keys take the key positions; the last of them has the next read release them.
+// The oldest inserted keys take the key positions, those behind them stay empty; the last of them has the next
+// read release them.
 bool PlaceInsertedKeys(PDEVICE_OBJECT device, const Transfer& read)
 {
     DeviceContext* pContext = FilterContextOf(device);
@@ -113,6 +114,7 @@ bool PlaceInsertedKeys(PDEVICE_OBJECT device, const Transfer& read)
     if (i == ulFrom) {
         return false;
     }
+    RtlZeroMemory(read.pBuf + i, read.ulLen - i); // the stack's buffer may hold an older report
     LogHexDump("(ShowUSBInfo) completing irp with packet: ", read.ulLen, read.pBuf);
     if (ReadShared(pContext->usInsertCount) == 0) {
         WriteShared(pContext->ucSendEmptyPacket, 1);

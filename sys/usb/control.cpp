@@ -24,25 +24,29 @@ void DumpTransfer(const Transfer& transfer)
     }
 }
 
-// An LED output report has reached the keyboard.
-void RememberLeds(PDEVICE_OBJECT device, const Transfer& transfer, const UCHAR* pSetup)
+// Whether an LED output report went out, in the words of the wire.
+bool IsLedTransfer(const Transfer& transfer)
 {
-    if (transfer.pBuf == nullptr || transfer.ulLen == 0 ||
-        (transfer.pUrb->UrbControlTransfer.TransferFlags & USBD_TRANSFER_DIRECTION_IN) != 0 ||
-        !RtlEqualMemory(pSetup, SetLedSetup, sizeof(SetLedSetup))) {
-        return;
-    }
-    DeviceContext* pContext = FilterContextOf(device);
-    WriteShared(pContext->usLedReport, transfer.pBuf[0]);
-    WriteShared(pContext->usLedFlags, LedReportToFlags(transfer.pBuf[0]));
+    const auto& control = transfer.pUrb->UrbControlTransfer;
+    return (control.TransferFlags & USBD_TRANSFER_DIRECTION_IN) == 0 && transfer.pBuf != nullptr &&
+           transfer.ulLen != 0 && RtlEqualMemory(control.SetupPacket, SetLedSetup, sizeof(SetLedSetup));
 }
 
+// The same in the words of the stack above; most USB stacks turn the request into the transfer.
 bool IsLedPacket(const Transfer& transfer)
 {
     const auto& request = transfer.pUrb->UrbControlVendorClassRequest;
     return (request.TransferFlags & USBD_TRANSFER_DIRECTION_IN) == 0 && transfer.pBuf != nullptr &&
            transfer.ulLen == 1 && request.RequestTypeReservedBits == CLASS_REQUEST_TYPE &&
            request.Request == HID_SET_REPORT && request.Value == HID_OUTPUT_REPORT && request.Index == 0;
+}
+
+// An LED output report has reached the keyboard.
+void RememberLeds(PDEVICE_OBJECT device, UCHAR ucReport)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    WriteShared(pContext->usLedReport, ucReport);
+    WriteShared(pContext->usLedFlags, LedReportToFlags(ucReport));
 }
 } // namespace
 
@@ -52,10 +56,10 @@ void DumpMdl(const char* pszTitle, PMDL pMdl)
     if (!IsLogOn(LOG_TRAFFIC)) {
         return;
     }
-    const void* pBytes =
-        pMdl->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL)
-            ? pMdl->MappedSystemVa
-            : MmMapLockedPagesSpecifyCache(pMdl, KernelMode, MmCached, nullptr, FALSE, NormalPagePriority);
+    const void* pBytes = pMdl->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL)
+                             ? pMdl->MappedSystemVa
+                             : MmMapLockedPagesSpecifyCache(pMdl, KernelMode, MmCached, nullptr, FALSE,
+                                                            NormalPagePriority | MdlMappingNoExecute);
     if (pBytes != nullptr) {
         LogHexDump(pszTitle, MmGetMdlByteCount(pMdl), pBytes);
     }
@@ -79,8 +83,8 @@ void InspectControlTransfer(PDEVICE_OBJECT device, const Transfer& transfer, UCH
     } else {
         DumpTransfer(transfer);
     }
-    if (ucCompletion) {
-        RememberLeds(device, transfer, pSetup);
+    if (ucCompletion && IsLedTransfer(transfer)) {
+        RememberLeds(device, transfer.pBuf[0]);
     }
 }
 
@@ -100,10 +104,14 @@ void InspectDescriptorRequest(PDEVICE_OBJECT device, const Transfer& transfer, U
 
 // A class request to the interface; an LED report shows the macro mode while its feature is on.
 // IRQL <= DISPATCH. Owns: the one LED byte is rewritten in place. Fails: never.
-void InspectClassRequest(const Transfer& transfer, UCHAR ucCompletion)
+void InspectClassRequest(PDEVICE_OBJECT device, const Transfer& transfer, UCHAR ucCompletion)
 {
     DumpTransfer(transfer);
-    if (ucCompletion || !IsLedPacket(transfer)) {
+    if (!IsLedPacket(transfer)) {
+        return;
+    }
+    if (ucCompletion) {
+        RememberLeds(device, transfer.pBuf[0]);
         return;
     }
     LogHexDump("(ShowURBInfo) LED-Packet is going down", transfer.ulLen, transfer.pBuf);

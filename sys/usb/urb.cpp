@@ -100,7 +100,7 @@ UCHAR ShowURBInfo(PDEVICE_OBJECT DeviceObject, PIRP Irp, UCHAR ucCompletion)
         InspectControlTransfer(DeviceObject, transfer, ucCompletion);
         return URB_PASS;
     case URB_FUNCTION_CLASS_INTERFACE:
-        InspectClassRequest(transfer, ucCompletion);
+        InspectClassRequest(DeviceObject, transfer, ucCompletion);
         return URB_PASS;
     default:
         InspectDescriptorRequest(DeviceObject, transfer, ucCompletion);

@@ -32,7 +32,7 @@ UCHAR InterceptReport(PDEVICE_OBJECT device, PIRP Irp, const Transfer& read, UCH
 // control.cpp: control transfers, LED reports and descriptor requests
 void InspectControlTransfer(PDEVICE_OBJECT device, const Transfer& transfer, UCHAR ucCompletion);
 void InspectDescriptorRequest(PDEVICE_OBJECT device, const Transfer& transfer, UCHAR ucCompletion);
-void InspectClassRequest(const Transfer& transfer, UCHAR ucCompletion);
+void InspectClassRequest(PDEVICE_OBJECT device, const Transfer& transfer, UCHAR ucCompletion);
 void DumpMdl(const char* pszTitle, PMDL pMdl);
 
 // submit.cpp: the driver's own requests to a keyboard. IRQL = PASSIVE.

@@ -66,6 +66,12 @@ static const Rule MEMORY[] = {
          ExFreePool(p);
      }},
     {"Executable", "EXECUTABLE_POOL", [](SmallSystem&) { ExAllocatePoolWithTag(NonPagedPool, 8, 1); }},
+    {"ExecutableMapping", "EXECUTABLE_MDL_MAPPING",
+     [](SmallSystem&) {
+         PMDL pMdl = IoAllocateMdl(Pool(), 64, FALSE, FALSE, nullptr);
+         MmBuildMdlForNonPagedPool(pMdl);
+         MmMapLockedPagesSpecifyCache(pMdl, KernelMode, MmCached, nullptr, FALSE, NormalPagePriority);
+     }},
 #if !defined(UNDER_ASAN)
     {"WrittenAfterItWasFreed", "FREED_MEMORY_WRITTEN",
      [](SmallSystem&) {

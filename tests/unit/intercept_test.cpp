@@ -85,7 +85,23 @@ TEST_F(Intercept, AnsweredReadsFitEveryLength)
     }
 }
 
-// Two keys in one answered read, then their release, then the keyboard again.
+// A report longer than the read is dumped as it was queued, and the buffer as it leaves.
+TEST_F(Intercept, AQueuedReportIsDumpedWhole)
+{
+    InterruptUrb read(3);
+    FilterIrp request(Filter(), &read.Urb);
+    FifoEntry entry = {0, 10, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}};
+    InsertUSBPacketFifin(Filter(), &entry);
+    KeptLog log(LOG_TRAFFIC);
+    EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 0), URB_ANSWERED);
+    const std::string text = log.Take();
+    EXPECT_EQ(1u,
+              KeptLog::Count(text, "(ShowURBInfo) insertUSBPacket[00-09]: 01 02 03 04 05 06 07 08 09 0a "))
+        << text;
+    EXPECT_EQ(1u, KeptLog::Count(text, "(ShowURBInfo) Inserted TransferBuffer[00-02]: 01 02 03 ")) << text;
+}
+
+// Two keys in one answered read, then their release, then the keyboard again; the stack's buffer is a used one.
 TEST_F(Intercept, InsertedKeysAreReleasedByTheNextRead)
 {
     InterruptUrb read(8);
@@ -93,9 +109,9 @@ TEST_F(Intercept, InsertedKeysAreReleasedByTheNextRead)
     for (UCHAR ucKey : {4, 5}) {
         AddDataToInsertBuffer(Filter(), &ucKey);
     }
+    memset(read.Buffer.get(), 0x77, 8);
     EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 0), URB_ANSWERED);
-    EXPECT_EQ(read.Buffer[2], 4);
-    EXPECT_EQ(read.Buffer[3], 5);
+    EXPECT_EQ(EmuBytes(read.Buffer.get(), read.Buffer.get() + 8), (EmuBytes{0x77, 0x77, 4, 5, 0, 0, 0, 0}));
     EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 0), URB_ANSWERED);
     EXPECT_EQ(read.Buffer[2] | read.Buffer[3], 0);
     EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 0), URB_PASS);

@@ -135,6 +135,21 @@ TEST_F(Urbs, OnlyAnLedReportThatWentOutIsRemembered)
     EXPECT_EQ(0x2A, Context()->usLedReport);
 }
 
+// A USB stack may complete the class request as it was sent; the LEDs are learnt from it all the same.
+TEST_F(Urbs, AClassRequestThatComesBackTellsTheLeds)
+{
+    for (UCHAR ucCompletion : {0, 1}) {
+        for (UCHAR ucRequest : {10, 9}) {
+            WriteShared(Context()->usLedReport, 0x2A);
+            ClassUrb request(0x22, ucRequest, 0x200, 0, 0, 1);
+            EXPECT_EQ(URB_PASS, Show(request.Urb, ucCompletion));
+            const bool bLearnt = ucCompletion == 1 && ucRequest == 9;
+            EXPECT_EQ(bLearnt ? 3 : 0x2A, Context()->usLedReport);
+        }
+    }
+    EXPECT_EQ(6, Context()->usLedFlags);
+}
+
 // Scroll Lock (4) shows the macro mode in the LED packet that goes down, and in nothing else.
 TEST_F(Urbs, OnlyTheLedPacketShowsTheMacroMode)
 {
