@@ -127,6 +127,7 @@ EmuKeyboardOptions EmuKeyboard::KeyboardOptions()
     options.pLedContext = this;
     options.StartStatus = m_Options.StartStatus;
     options.ulStartDelayMs = m_Options.StartDelayMs;
+    options.bPassive = m_Options.Passive;
     return options;
 }
 
@@ -140,6 +141,7 @@ EmuHidOptions EmuKeyboard::HidOptions()
     options.bManual = m_Options.Manual;
     options.bNoEnumeration = m_Options.NoEnumeration;
     options.bLoopGuard = m_Options.LoopGuard;
+    options.bUsedBuffers = m_Options.UsedBuffers;
     return options;
 }
 

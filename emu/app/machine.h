@@ -46,6 +46,8 @@ struct EmuPlugOptions {
     bool Manual = false;        // reads go down only by EmuKeyboard::Read
     bool NoEnumeration = false; // START sends no descriptor requests
     bool LoopGuard = false;     // re-read by the outer loop instead of by recursion
+    bool UsedBuffers = false;   // a read goes down with the bytes that the last one brought
+    bool Passive = false;       // reads come back at PASSIVE_LEVEL, not at DISPATCH_LEVEL
     bool Record = true;         // keep what came for Received() and TakenRequests()
     bool Start = true;          // send START_DEVICE at once
     NTSTATUS StartStatus = 0;   // what the keyboard answers START with

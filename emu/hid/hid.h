@@ -25,6 +25,7 @@ struct EmuHidOptions {
     ULONG ulPacketBytes;    // size of a read; 0 = the endpoint's, 8 when nothing was enumerated
     BOOLEAN bManual;        // reads go down only when EmuHidRead is called
     BOOLEAN bNoEnumeration; // START sends no requests of its own
+    BOOLEAN bUsedBuffers;   // a read goes down with the bytes of the last one, not with zeros
     BOOLEAN
     bLoopGuard; // a read that completes on its way down is sent again by the outer loop, not by recursion
 };
@@ -45,7 +46,7 @@ NTSTATUS EmuHidAttach(PDRIVER_OBJECT pDriver, PDEVICE_OBJECT pPhysical, const Em
                       PDEVICE_OBJECT* ppDevice);
 
 // reads.cpp
-// Sends one more read down, with a zeroed buffer. IRQL <= DISPATCH.
+// Sends one more read down. IRQL <= DISPATCH.
 // Fails: STATUS_DEVICE_NOT_READY before START and during removal, STATUS_DEVICE_BUSY when all reads are
 // outstanding.
 NTSTATUS EmuHidRead(PDEVICE_OBJECT pDevice);

@@ -18,7 +18,7 @@ static VOID Release(HidRead* pRead)
 
 static IO_COMPLETION_ROUTINE ReadCompleted;
 
-// Makes a read ready to go down: the request as new, the URB filled, the buffer zeroed. It happens under the
+// Makes a read ready to go down: the request as new, the URB filled, the buffer zeroed or as it came back. It happens under the
 // lock so that a removal either sees the read not go, or cancels the request that goes. IRQL <= DISPATCH.
 // Lock: takes Lock. Fails: false when the stack is on its way out.
 static bool Prepare(HidRead* pRead)
@@ -33,7 +33,9 @@ static bool Prepare(HidRead* pRead)
     if (!bOpen) {
         return false;
     }
-    RtlZeroMemory(pRead->pBuffer, pHid->ulPacketBytes);
+    if (!pHid->Options.bUsedBuffers) {
+        RtlZeroMemory(pRead->pBuffer, pHid->ulPacketBytes);
+    }
     RtlZeroMemory(&pRead->Urb, sizeof pRead->Urb);
     auto& transfer = pRead->Urb.UrbBulkOrInterruptTransfer;
     transfer.Hdr.Length = sizeof transfer;

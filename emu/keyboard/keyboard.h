@@ -91,6 +91,7 @@ struct EmuKeyboardOptions {
     EmuMemory* pMemory;   // must outlive the keyboard; guarded by the keyboard while it is there
     NTSTATUS StartStatus; // what START_DEVICE completes with
     ULONG ulStartDelayMs; // above 0: START_DEVICE is left pending for so long
+    BOOLEAN bPassive; // a report completes its read at the level at which it is given, not at DISPATCH_LEVEL
 };
 
 // keyboard.cpp
@@ -113,8 +114,8 @@ ULONG EmuKeyboardHeldRequests(PDEVICE_OBJECT pPhysical);
 VOID EmuClearMemory(EmuMemory* pMemory);
 
 // reads.cpp
-// The keyboard sends a report: completes the oldest waiting read at DISPATCH_LEVEL, or keeps it for the next
-// read. A read shorter than the report gets its beginning. IRQL <= DISPATCH. Fails: STATUS_INVALID_PARAMETER
+// The keyboard sends a report: completes the oldest waiting read at DISPATCH_LEVEL (bPassive: at the caller's), or
+// keeps it for the next read. A read shorter than the report gets its beginning. IRQL <= DISPATCH. Fails: STATUS_INVALID_PARAMETER
 // above 1024 bytes, STATUS_DEVICE_NOT_READY when removed, STATUS_INSUFFICIENT_RESOURCES when 1024 reports are
 // kept already.
 NTSTATUS EmuKeyboardReport(PDEVICE_OBJECT pPhysical, const UCHAR* pReport, ULONG ulLength);

@@ -216,8 +216,10 @@ NTSTATUS EmuKeyboardReport(PDEVICE_OBJECT pPhysical, const UCHAR* pReport, ULONG
     KeyboardDevice* pKeyboard = KeyboardOf(pPhysical);
     NTSTATUS status = KeepReport(pKeyboard, pReport, ulLength);
     if (NT_SUCCESS(status)) {
-        KIRQL irql;
-        KeRaiseIrql(DISPATCH_LEVEL, &irql);
+        KIRQL irql = KeGetCurrentIrql();
+        if (!pKeyboard->Options.bPassive) {
+            KeRaiseIrql(DISPATCH_LEVEL, &irql);
+        }
         Deliver(pKeyboard);
         KeLowerIrql(irql);
     }

@@ -33,6 +33,7 @@ static void InitializeLocks(DeviceContext* pContext)
     KeInitializeSpinLock(&pContext->ParkLock.Lock);
     KeInitializeSpinLock(&pContext->NotifyLock.Lock);
     KeInitializeMutex(&pContext->DefinitionMutex, 0);
+    KeInitializeMutex(&pContext->LedMutex, 0);
 }
 
 // Everything of the record that does not depend on the device below.

@@ -1,76 +1,102 @@
 // leds.cpp - the macro mode on the Scroll Lock LED of the standard keyboards.
 //
-//   SetKorvexLed ── at PASSIVE ──────────────────────────────► SendLedReport ──► keyboard
-//        └── above it: ulQueuedLeds ──► one work item a keyboard ──► ▲ until nothing newer is wanted
+//   SetKorvexLed ── at PASSIVE ──────────────────────────► SendLedReport ──► keyboard
+//        └── above it ──┐                                     ▲
+//   QueueKorvexLed ─────┴──► one work item a keyboard ────────┘
 //
-// A keyboard has one work item at most: an update that is wanted while one is queued is sent by that one. So
-// the LEDs show the newest mode in the end, however often it is switched meanwhile.
+// Whoever sends holds the keyboard's LedMutex and sends the mode that is in force then. So the mode that shows in
+// the end is the newest, however often and by whomever it is switched meanwhile. A keyboard has one work item
+// queued at most: it sends what all the switches before it came to. The report road always goes by the work item,
+// because a keyboard may take its time to answer.
 #include "macro/macro.h"
 
 #include "log/trace.h"
 #include "usb/usb.h"
 
-enum : ULONG { LED_UPDATE_QUEUED = 0x10000 }; // above the flags, so that a queued update is never 0
-
 // The keyboard's LEDs as flags, with Scroll Lock showing the mode.
-static USHORT FlagsShowing(DeviceContext* pContext, UCHAR ucMode)
+static USHORT FlagsShowingMode(DeviceContext* pContext)
 {
     const USHORT usFlags = LedReportToFlags(ReadShared(pContext->usLedReport));
-    return static_cast<USHORT>(ucMode == 1 ? usFlags | LED_FLAG_SCROLL : usFlags & ~LED_FLAG_SCROLL);
+    return static_cast<USHORT>(ReadShared(Globals.ucKorvexMode) ? usFlags | LED_FLAG_SCROLL
+                                                                : usFlags & ~LED_FLAG_SCROLL);
+}
+
+// IRQL = PASSIVE, under LedMutex. Fails: never; the mode stays switched without its LED.
+static void SendMode(PDEVICE_OBJECT device)
+{
+    (void)SendLedReport(device, FlagsShowingMode(FilterContextOf(device)));
+}
+
+// IRQL = PASSIVE. Lock: takes LedMutex.
+static void SendModeAtOnce(PDEVICE_OBJECT device)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    KeWaitForSingleObject(&pContext->LedMutex, Executive, KernelMode, FALSE, nullptr);
+    SendMode(device);
+    KeReleaseMutex(&pContext->LedMutex, FALSE);
 }
 
 // IRQL <= DISPATCH. Owns: the work item holds the keyboard. Fails: no work item; the LEDs stay as they are.
-static void QueueLedUpdate(PDEVICE_OBJECT device, USHORT usFlags)
+static void QueueMode(PDEVICE_OBJECT device)
 {
     DeviceContext* pContext = FilterContextOf(device);
-    if (ExchangeShared(pContext->ulQueuedLeds, LED_UPDATE_QUEUED | usFlags) != 0) {
-        return; // the queued one sends these
+    if (ExchangeShared(pContext->ucLedUpdateQueued, 1) != 0) {
+        return; // the queued one sends this too
     }
     PIO_WORKITEM pItem = IoAllocateWorkItem(device);
     if (pItem == nullptr || !AcquireDevice(device)) {
         if (pItem != nullptr) {
             IoFreeWorkItem(pItem);
         }
-        WriteShared(pContext->ulQueuedLeds, 0u);
+        WriteShared(pContext->ucLedUpdateQueued, 0);
         return;
     }
     WriteShared(pContext->pKorvexWorkItem, pItem);
-    IoQueueWorkItem(pItem, KorvexLedWorkItem, DelayedWorkQueue,
-                    reinterpret_cast<PVOID>(static_cast<ULONG_PTR>(usFlags)));
+    IoQueueWorkItem(pItem, KorvexLedWorkItem, DelayedWorkQueue, nullptr);
 }
 
-// Shows the mode on every standard keyboard.
-// IRQL <= DISPATCH. Fails: never; a keyboard that does not take it keeps its LEDs.
+// IRQL <= DISPATCH; PASSIVE when pSend waits.
+static void ForStandardKeyboards(void (*pSend)(PDEVICE_OBJECT device))
+{
+    if (ReadShared(Settings.ucKorvexLEDDisabled) == 1) {
+        Trace("(SetKorvexLed) the LED is not used\n");
+        return;
+    }
+    for (PDEVICE_OBJECT device = FirstKeyboard(); device != nullptr; device = NextKeyboard(device)) {
+        if (ReadShared(FilterContextOf(device)->KbdType) == NORMALKbdType) {
+            pSend(device);
+        }
+    }
+}
+
+// Shows the mode, which the caller has just switched, on every standard keyboard.
+// IRQL <= DISPATCH; at PASSIVE it waits for the keyboards. Lock: takes LedMutex. Fails: never; a keyboard that
+// does not take it keeps its LEDs.
 NTSTATUS SetKorvexLed(UCHAR ucMode)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
-    if (ReadShared(Settings.ucKorvexLEDDisabled) == 1) {
-        Trace("(SetKorvexLed) the LED is not used\n");
-        return STATUS_SUCCESS;
-    }
-    for (PDEVICE_OBJECT device = FirstKeyboard(); device != nullptr; device = NextKeyboard(device)) {
-        DeviceContext* pContext = FilterContextOf(device);
-        if (ReadShared(pContext->KbdType) != NORMALKbdType) {
-            continue;
-        }
-        if (KeGetCurrentIrql() > PASSIVE_LEVEL) {
-            QueueLedUpdate(device, FlagsShowing(pContext, ucMode));
-        } else {
-            (void)SendLedReport(device, FlagsShowing(pContext, ucMode));
-        }
-    }
+    Trace("(SetKorvexLed) mode %u\n", static_cast<unsigned>(ucMode));
+    ForStandardKeyboards(KeGetCurrentIrql() > PASSIVE_LEVEL ? QueueMode : SendModeAtOnce);
     return STATUS_SUCCESS;
 }
 
-// Sends the update that it was queued for, and what is wanted since then.
-// IRQL = PASSIVE. Owns: the work item and its reference on the keyboard.
-void NTAPI KorvexLedWorkItem(PDEVICE_OBJECT device, PVOID pFlags)
+// The same for the report road, which waits for no keyboard at any level.
+// IRQL <= DISPATCH. Fails: never; a keyboard that does not take it keeps its LEDs.
+void QueueKorvexLed()
+{
+    IRQL_AT_MOST(DISPATCH_LEVEL);
+    ForStandardKeyboards(QueueMode);
+}
+
+// A switch that comes once the mark is off queues anew; all before it are sent here.
+// IRQL = PASSIVE. Lock: takes LedMutex. Owns: the work item and its reference on the keyboard.
+void NTAPI KorvexLedWorkItem(PDEVICE_OBJECT device, PVOID)
 {
     DeviceContext* pContext = FilterContextOf(device);
-    ULONG ulLeds = LED_UPDATE_QUEUED | static_cast<USHORT>(reinterpret_cast<ULONG_PTR>(pFlags));
     IoFreeWorkItem(ExchangeShared(pContext->pKorvexWorkItem, static_cast<PIO_WORKITEM>(nullptr)));
-    do {
-        (void)SendLedReport(device, static_cast<USHORT>(ulLeds)); // the mode stays switched without its LED
-    } while (!CompareExchangeShared(pContext->ulQueuedLeds, ulLeds, ULONG{0}));
+    KeWaitForSingleObject(&pContext->LedMutex, Executive, KernelMode, FALSE, nullptr);
+    ExchangeShared(pContext->ucLedUpdateQueued, 0);
+    SendMode(device);
+    KeReleaseMutex(&pContext->LedMutex, FALSE);
     ReleaseDevice(device);
 }

@@ -47,7 +47,8 @@ void CheckForKorvexHotkey(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen);
 KDEFERRED_ROUTINE KorvexDelayCallback;
 
 // leds.cpp: the mode on the Scroll Lock LED
-NTSTATUS SetKorvexLed(UCHAR ucMode); // IRQL <= DISPATCH
+NTSTATUS SetKorvexLed(UCHAR ucMode); // IRQL <= DISPATCH; at PASSIVE it waits for the keyboards
+void QueueKorvexLed();               // IRQL <= DISPATCH; waits for none
 IO_WORKITEM_ROUTINE KorvexLedWorkItem;
 
 // parked.cpp: reads that wait for the pacing timer. IRQL <= DISPATCH. Lock: takes ParkLock.
@@ -58,3 +59,4 @@ void CompleteParkedRequest(PDEVICE_OBJECT device, PIRP request, NTSTATUS status)
 void CompleteParkedReads(PDEVICE_OBJECT device); // at removal
 void StartKorvexDelay(PDEVICE_OBJECT device);    // arms KorvexDelayTimer
 void EndKorvexDelay(PDEVICE_OBJECT device);      // it has expired
+bool IsKorvexDelayArmed(PDEVICE_OBJECT device);

@@ -5,7 +5,8 @@
 //
 // Who takes a read's cancel routine away completes the read: whoever finds it gone leaves the read to the
 // cancel routine. A parked read holds a reference on the keyboard, and the keyboard's own timer is armed while
-// one is parked, so that each is served. ucKorvexTimerRunning is the same of all keyboards together: what one
+// one is parked, so that each is served: when the queue has run empty, all that are left at once.
+// ucKorvexTimerRunning is the same of all keyboards together: what one
 // of them sets another may clear, and then that one's pace is a report short.
 #include "macro/macro.h"
 
@@ -143,6 +144,14 @@ void CompleteParkedReads(PDEVICE_OBJECT device)
         }
         CompleteParkedRequest(device, request, STATUS_DELETE_PENDING);
     }
+}
+
+// IRQL <= DISPATCH. Lock: takes ParkLock.
+bool IsKorvexDelayArmed(PDEVICE_OBJECT device)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    LockScope lock(pContext->ParkLock);
+    return pContext->ucKorvexDelayArmed != 0;
 }
 
 // The pace begins anew, unless the keyboard is being removed.

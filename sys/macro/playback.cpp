@@ -90,16 +90,19 @@ void CheckForKorvexHotkey(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen)
     LogHexDump("(CheckForKorvexHotkey) leaving with", ulLen, pBuf);
 }
 
-// The pace is over: the oldest parked read gets the next report. With none parked the pacing stops.
+// The pace is over: the oldest parked read gets the next report. With none parked the pacing stops; with no
+// report left it stops too, and whatever is still parked comes back empty now, for nobody would call again.
 // IRQL = DISPATCH. Lock: takes ParkLock, FifoLock.
 void NTAPI KorvexDelayCallback(PKDPC, PVOID pDevice, PVOID, PVOID)
 {
     PDEVICE_OBJECT device = static_cast<PDEVICE_OBJECT>(pDevice);
     PIRP request;
     EndKorvexDelay(device);
-    (void)GetFirstParkedRequest(device, &request); // null when none is parked
-    if (request != nullptr) {
-        FillParkedRead(device, request);
-        CompleteParkedRequest(device, request, STATUS_SUCCESS);
-    }
+    do {
+        (void)GetFirstParkedRequest(device, &request); // null when none is parked
+        if (request != nullptr) {
+            FillParkedRead(device, request);
+            CompleteParkedRequest(device, request, STATUS_SUCCESS);
+        }
+    } while (request != nullptr && !IsKorvexDelayArmed(device));
 }

@@ -60,7 +60,7 @@ void PassModeHotkey(PDEVICE_OBJECT device, const Transfer& read)
         (void)QueueMacroRecord(&record); // the application sees a loss as a gap
         SignalMacroEvent();
         if (!ReadShared(Settings.ucKorvexLEDDisabled)) {
-            (void)SetKorvexLed(ucMode); // the mode stays switched without its LED
+            QueueKorvexLed(); // the mode stays switched without its LED
         }
     }
     (void)RemoveKorvexHotkeyFromPacket(device, read.ulLen, read.pBuf);

@@ -334,3 +334,48 @@ reread | mode 0
 shows -
 report 00 00 39 00 00 00 00 00 -> 00 00 39 00 00 00 00 00
 quiet
+
+story However many reads the system keeps, each comes back when the macro is over
+setting KorvexHotkey 0x00010039
+setting KorvexLEDDisabled 1
+setting KorvexDelay 20
+macro 3A 00 00 0B 00 00 00 00 00, 00 00 0C 00 00 00 00 00, 00
+keyboard normal reads=6
+report 00 00 39 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | mode 1
+report 00 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+answer -> 00 00 0B 00 00 00 00 00
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00    # their next reads wait for the pace
+report 00 00 04 00 00 00 00 00 -> 00 00 04 00 00 00 00 00
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+wait 20ms
+answer -> 00 00 0C 00 00 00 00 00
+wait 20ms
+answer -> 00 00 00 00 00 00 00 00                            # the macro's last
+wait 20ms
+answer -> 00 00 00 00 00 00 00 00
+answer -> 00 00 00 00 00 00 00 00
+answer -> 00 00 00 00 00 00 00 00
+quiet
+
+story A keyboard that never answers its LED request types on
+setting KorvexHotkey 0x00010039
+setting KorvexLEDDisabled 0
+keyboard normal passive
+answers never
+report 00 00 39 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | mode 1
+report 00 00 04 00 00 00 00 00 -> 00 00 04 00 00 00 00 00
+shows 04
+pull
+
+story The mode leaves Num Lock and Caps Lock alone
+setting KorvexHotkey 0x00010039
+setting KorvexLEDDisabled 0
+keyboard normal
+classled 03
+shows 03
+report 00 00 39 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | mode 1
+shows 07
+leds 7
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+report 00 00 39 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | mode 0
+shows 03

@@ -48,7 +48,7 @@ private:
     void StartMachine();
     void ChangeSetting(const std::string& name, const std::string& value);
     void WriteMacroFile();
-    void PlugInterface(const EmuDescriptors& descriptors, std::shared_ptr<EmuMemory> memory = nullptr);
+    void PlugInterface(const EmuDescriptors& descriptors, EmuPlugOptions options);
     void ExpectReceived(const std::string& expected);
     void ExpectNothingReceived();
     void ExpectEvents(const std::string& expected);
@@ -64,6 +64,7 @@ private:
     std::vector<std::unique_ptr<std::deque<EmuBytes>>> m_Received; // by keyboard
     std::vector<std::unique_ptr<EmuBytes>> m_Leds;                 // by keyboard: what reached it
     std::vector<const EmuDescriptors*> m_Kinds;                    // by keyboard
+    std::vector<ULONG> m_Reads;                                    // by keyboard: how many it is read by
     size_t m_Current = 0;
     std::map<ULONG, EmuClassDevice*> m_ClassDevices; // by number
     std::map<std::string, EmuSibling*> m_Mice;       // "ps2", "usb"

@@ -148,7 +148,7 @@ void Player::ListKeyboards(const Words& words, const Parts&)
     EXPECT_EQ(Joined(seen), Joined(Words(words.begin() + 1, words.end())));
 }
 
-// answers well, answers stall, answers short BYTES, answers late 40ms
+// answers well, answers stall, answers never, answers short BYTES, answers late 40ms
 void Player::Answers(const Words& words, const Parts&)
 {
     EmuAnswerRule rule = {EmuAny, EmuAny, EmuAny, EmuAny, EmuAnswerStatus, 0, STATUS_UNSUCCESSFUL, 0, 0};
@@ -159,6 +159,8 @@ void Player::Answers(const Words& words, const Parts&)
     } else if (how == "late") {
         rule.How = EmuAnswerLate;
         rule.ulAmount = Milliseconds(words.at(2));
+    } else if (how == "never") {
+        rule.How = EmuAnswerNever;
     } else if (how != "well" && how != "stall") {
         throw BadLine("answers how? " + how);
     }

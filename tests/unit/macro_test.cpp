@@ -397,6 +397,13 @@ TEST_F(MacroTest, ModeHotkeyInAReport)
     Settings.ulKorvexHotkey = 0;
 }
 
+// A switch as the report road makes it.
+static void Switch(UCHAR ucMode)
+{
+    Globals.ucKorvexMode = ucMode;
+    EXPECT_EQ(SetKorvexLed(ucMode), OK);
+}
+
 // The LED follows switches that come faster than the work item runs.
 TEST_F(MacroTest, LedUpdatesInARow)
 {
@@ -408,7 +415,7 @@ TEST_F(MacroTest, LedUpdatesInARow)
         KIRQL irql;
         KeRaiseIrql(DISPATCH_LEVEL, &irql);
         for (UCHAR ucMode : modes) {
-            EXPECT_EQ(SetKorvexLed(ucMode), OK);
+            Switch(ucMode);
         }
         KeLowerIrql(irql);
         HostSettle();
@@ -418,16 +425,36 @@ TEST_F(MacroTest, LedUpdatesInARow)
     switchModes({0, 1, 0});
     EXPECT_EQ(leds, (EmuBytes{4, 0}));
     switchModes({0, 1});
-    EXPECT_EQ(leds, (EmuBytes{4, 0, 0, 4}));
+    EXPECT_EQ(leds, (EmuBytes{4, 0, 4}));
     HostFailNth("workitem", 1);
     switchModes({0});
     HostFailNth(nullptr, 0);
-    EXPECT_EQ(leds.size(), 4u); // this update is left out, and the next one comes
+    EXPECT_EQ(leds.size(), 3u); // this update is left out, and the next one comes
     switchModes({0});
     EXPECT_EQ(leds.back(), 0);
     Settings.ucKorvexLEDDisabled = 1;
     switchModes({1});
-    EXPECT_EQ(leds.size(), 5u);
-    EXPECT_EQ(SetKorvexLed(1), OK);
-    EXPECT_EQ(leds.size(), 5u);
+    Switch(1);
+    EXPECT_EQ(leds.size(), 4u);
+}
+
+// A switch at PASSIVE_LEVEL is shown at once, and an update that was queued before it does not undo it; nor does
+// one of two threads that were both on their way.
+TEST_F(MacroTest, TheNewestModeShowsInTheEnd)
+{
+    EmuBytes leds;
+    EmuPlugOptions options;
+    options.OnLed = [&](const EmuBytes& report) { leds.push_back(report.at(0)); };
+    Plug(options);
+    KIRQL irql;
+    KeRaiseIrql(DISPATCH_LEVEL, &irql);
+    Switch(1);
+    KeLowerIrql(irql);
+    Switch(0);
+    EXPECT_EQ(leds, (EmuBytes{0}));
+    HostSettle();
+    EXPECT_EQ(leds.back(), 0);
+    EXPECT_EQ(SetKorvexLed(1), OK); // whoever switched it on was overtaken
+    EXPECT_EQ(leds.back(), 0);
+    EXPECT_EQ(Context()->usLedFlags, 0);
 }
