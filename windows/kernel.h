@@ -25,6 +25,11 @@
 // Exported by ntoskrnl.exe, declared by no kernel header of the toolchain.
 extern "C" int _vsnprintf(char* pszBuffer, size_t cchBuffer, const char* pszFormat, va_list arguments);
 
+// Known to the system since Windows 8, not to the toolchain.
+#ifndef MdlMappingNoExecute
+#define MdlMappingNoExecute 0x40000000
+#endif
+
 // The toolchain declares the type as imported data of the kernel and the pointer to it besides: one step more
 // than from the import table's entry to the type. The entry itself is the pointer that the platform documents.
 extern "C" POBJECT_TYPE* __imp_ExEventObjectType;
