@@ -28,12 +28,11 @@ Channel::Channel(std::unique_ptr<Transport> transport) : m_Shared(std::make_shar
 
 Status Channel::Open() const
 {
-    if (System() == nullptr) {
-        return Status::NotOpen;
+    uint32_t ulStatus = System() != nullptr ? System()->Open() : Status::NotOpen;
+    if (System() != nullptr) {
+        m_Shared->bOpen = Status(ulStatus).Ok();
     }
-    Status status = System()->Open();
-    m_Shared->bOpen = status.Ok();
-    return status;
+    return {ulStatus, 0, "opening the driver"};
 }
 
 void Channel::Close() const
@@ -60,11 +59,12 @@ Status Channel::SendRecord(uint32_t ulCode, uint32_t ulIndex, const Bytes& paylo
                            std::vector<uint8_t>* pOut) const
 {
     if (!IsOpen()) {
-        return {Status::NotOpen, ulCode};
+        return Status::OfRequest(Status::NotOpen, ulCode, ulIndex);
     }
     std::vector<uint8_t> in = System()->Is32() ? BuildRecord<ControlRequest32>(ulIndex, payload)
                                                : BuildRecord<ControlRequest64>(ulIndex, payload);
-    return Send(ulCode, {in.data(), static_cast<uint32_t>(in.size())}, pOut);
+    Status status = Send(ulCode, {in.data(), static_cast<uint32_t>(in.size())}, pOut);
+    return status.Ok() ? status : Status::OfRequest(status.Value(), ulCode, ulIndex);
 }
 
 Status Channel::SendRecord(uint32_t ulCode, uint32_t ulIndex, const Bytes& payload) const

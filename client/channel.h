@@ -49,13 +49,13 @@ public:
     {
         std::vector<uint8_t> out(sizeof(T));
         Status status = Send(ulCode, {}, &out);
-        return One<T>(status, out);
+        return One<T>(status, out, 0);
     }
     template <class T> Result<T> AskRecord(uint32_t ulCode, uint32_t ulIndex, const Bytes& payload = {}) const
     {
         std::vector<uint8_t> out(sizeof(T));
         Status status = SendRecord(ulCode, ulIndex, payload, &out);
-        return One<T>(status, out);
+        return One<T>(status, out, ulIndex);
     }
 
 private:
@@ -64,11 +64,12 @@ private:
         bool bOpen = false;
     };
 
-    template <class T> static Result<T> One(const Status& status, const std::vector<uint8_t>& out)
+    template <class T>
+    static Result<T> One(const Status& status, const std::vector<uint8_t>& out, uint32_t ulIndex)
     {
         Result<T> result(status);
         if (status.Ok() && !Copy(out, &*result, sizeof(T))) {
-            return Status(Status::DeviceDataError, status.Request());
+            return Status::OfRequest(Status::DeviceDataError, status.Request(), ulIndex);
         }
         return result;
     }

@@ -13,14 +13,6 @@ const QueueCodes MacroCodes = {
     IOCTL_TVUSB_TAKE_MANY_MACRO,
 };
 
-Result<Keyboard> Find(const Channel& channel, KeyboardSearch search, uint32_t ulIndex)
-{
-    Result<uint32_t> index = FindIndex(channel, search, ulIndex);
-    if (!index) {
-        return index.Error();
-    }
-    return {Keyboard(channel, *index, std::move(search)), index.Error()};
-}
 } // namespace
 
 Driver& Driver::operator=(Driver&& other) noexcept
@@ -72,34 +64,32 @@ Result<uint32_t> Driver::FindKeyboardIndex(const std::u16string& Name) const
     return AskName(m_Channel, Name);
 }
 
+Result<std::vector<std::u16string>> Driver::ListNames() const
+{
+    if (!m_Channel.IsOpen()) {
+        return Status(Status::NotOpen);
+    }
+    return {m_Channel.System()->ListInterfaces(), Status()};
+}
+
 Result<Keyboard> Driver::FindByName(const std::u16string& Name) const
 {
-    return Find(m_Channel, {KeyboardSearch::By::Name, Name}, 0);
+    return FindName(m_Channel, Name);
 }
 
-Result<Keyboard> Driver::FindByHardwareId(const std::u16string& HardwareId, uint32_t ulWhich) const
+Result<Keyboard> Driver::FindByHardwareId(const std::u16string& HardwareId) const
 {
-    return Find(m_Channel, {KeyboardSearch::By::HardwareId, HardwareId, ulWhich}, 0);
+    return FindHardwareId(m_Channel, HardwareId);
 }
 
-// The keyboard's hardware id, and which of equal ones it is, find it after it was plugged in again.
+Result<Keyboard> Driver::FindOnly() const
+{
+    return FindOne(m_Channel);
+}
+
 Result<Keyboard> Driver::FindByIndex(uint32_t ulIndex) const
 {
-    Result<Keyboard> found = Find(m_Channel, {}, ulIndex);
-    if (!found) {
-        return found;
-    }
-    KeyboardSearch search;
-    auto infos = AskInfos(m_Channel);
-    for (const KeyboardInfo& info : *infos) {
-        if (info.ulDeviceIndex == ulIndex) {
-            search.Text = TextOf(info.HardwareId);
-        }
-    }
-    for (const KeyboardInfo& info : *infos) {
-        search.ulWhich += info.ulDeviceIndex < ulIndex && TextOf(info.HardwareId) == search.Text;
-    }
-    return {Keyboard(m_Channel, ulIndex, std::move(search)), found.Error()};
+    return FindListed(m_Channel, ulIndex);
 }
 
 Status Driver::RegisterApplicationEvent(const Event& event) const

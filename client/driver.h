@@ -2,7 +2,7 @@
 //
 //   tvusb::Driver driver;
 //   if (!driver.Open().Ok()) …
-//   tvusb::Result<tvusb::Keyboard> keyboard = driver.FindByHardwareId(u"USB\\VID_1234&PID_5678");
+//   tvusb::Result<tvusb::Keyboard> keyboard = driver.FindOnly();
 //
 // The control device exists while a keyboard is started. When the last one is pulled out the driver waits until
 // every handle is closed: register an event for that (RegisterApplicationEvent), Close, and Open again when a
@@ -46,18 +46,28 @@ public:
     Result<uint16_t> GetKeyboardCount() const;
     // By list position, 0 being the newest. Fails: Unsuccessful, there is no such position.
     Result<KeyboardInfo> GetKeyboardInfo(uint16_t usPosition) const;
-    // The infos of all, oldest first.
+    // The infos of all that are started, oldest first. Fails: Incomplete, with the infos that could be had, when a
+    // keyboard that is plugged in and does not start hides another for a second.
     Result<std::vector<KeyboardInfo>> GetKeyboards() const;
-    // Indexes, newest first, at most 127.
+    // Indexes, newest first, at most 127; of those that are not yet started too.
     Result<std::vector<KeyboardListEntry>> ListKeyboards() const;
     // The index of the keyboard with this device interface, in upper or lower case; a leading "\\?\" or "\??\" is
     // left out. Fails: Unsuccessful, there is none; InvalidParameter above 257 characters.
     Result<uint32_t> FindKeyboardIndex(const std::u16string& Name) const;
 
-    // The three ways to a keyboard; all fail with Unsuccessful when there is none.
+    // The names of the keyboards' interfaces, as the system tells them: what FindByName takes. Empty when it cannot
+    // tell any.
+    Result<std::vector<std::u16string>> ListNames() const;
+
+    // The ways to a keyboard. All fail with NoSuchKeyboard when there is none.
+    //
+    // The one with this interface, which no other has.
     Result<Keyboard> FindByName(const std::u16string& Name) const;
-    // Of several with this id (in upper or lower case) the ulWhich-th by index, from 0.
-    Result<Keyboard> FindByHardwareId(const std::u16string& HardwareId, uint32_t ulWhich = 0) const;
+    // The one with this id, in upper or lower case, with or without its revision ("&REV_0100"). Fails: Ambiguous when
+    // several have it, Incomplete as GetKeyboards does.
+    Result<Keyboard> FindByHardwareId(const std::u16string& HardwareId) const;
+    // The only one that there is. Fails: Ambiguous when there are several, Incomplete.
+    Result<Keyboard> FindOnly() const;
     Result<Keyboard> FindByIndex(uint32_t ulIndex) const;
 
     // The event is set when the last keyboard was pulled out and the driver waits for the handles to be closed.

@@ -4,11 +4,14 @@
 #include <string.h>
 
 #include <algorithm>
+#include <type_traits>
 
 namespace tvusb
 {
 namespace
 {
+constexpr uint32_t GLANCE_MS = 500; // so often a listener looks whether its keyboard is still there
+
 // A slot that no record was put into is zero.
 bool IsFilled(const NotifyRecord& record)
 {
@@ -39,20 +42,21 @@ Event& Event::operator=(Event&& other) noexcept
 Result<Event> Event::Make(const Channel& channel)
 {
     if (channel.System() == nullptr) {
-        return Status(Status::NotOpen);
+        return Status(Status::NotOpen, 0, "an event object");
     }
     Event event;
     event.m_Channel = channel;
     event.m_hEvent = channel.System()->NewEvent();
     if (event.m_hEvent == 0) {
-        return Status(Status::InsufficientResources);
+        return Status(Status::InsufficientResources, 0, "an event object");
     }
     return {std::move(event), Status::Success};
 }
 
 Status Event::Wait(uint32_t ulTimeoutMs) const
 {
-    return m_hEvent != 0 ? m_Channel.System()->WaitEvent(m_hEvent, ulTimeoutMs) : Status(Status::NotOpen);
+    return m_hEvent != 0 ? m_Channel.System()->WaitEvent(m_hEvent, ulTimeoutMs)
+                         : Status(Status::NotOpen, 0, "an event object");
 }
 
 void Event::Close()
@@ -119,6 +123,22 @@ template <class Record> Result<std::vector<Record>> RecordQueue<Record>::TakeAll
                        : TakeMany(static_cast<uint16_t>(*count));
 }
 
+// A keyboard's queue goes with it. The macro queue stays, but when no keyboard is left nothing comes any more.
+template <class Record> Result<std::vector<Record>> RecordQueue<Record>::TakeOrGone() const
+{
+    Result<std::vector<Record>> records = TakeAll();
+    if (records.Error() == Status::Unsuccessful) {
+        return Status::OfRequest(Status::KeyboardGone, m_Codes.ulCount, m_ulIndex);
+    }
+    if (std::is_same_v<Record, MacroRecord> && records && records->empty()) {
+        auto count = m_Channel.Ask<uint16_t>(IOCTL_TVUSB_GET_KEYBOARD_COUNT);
+        if (count && *count == 0) {
+            return Status(Status::KeyboardGone, m_Codes.ulCount, "every keyboard");
+        }
+    }
+    return records;
+}
+
 template <class Record> Result<Listener<Record>> RecordQueue<Record>::Listen() const
 {
     Result<Event> event = Event::Make(m_Channel);
@@ -148,16 +168,26 @@ template <class Record> Listener<Record>& Listener<Record>::operator=(Listener&&
     return *this;
 }
 
-// What the event was set for may have been taken meanwhile, so it is reset before the queue is looked at.
+// What the event was set for may have been taken meanwhile, so it is reset before the queue is looked at. Nothing
+// sets it when the keyboard goes: the queue is asked again and again.
 template <class Record> Result<std::vector<Record>> Listener<Record>::Wait(uint32_t ulTimeoutMs) const
 {
     (void)m_Event.Wait(0);
-    Result<std::vector<Record>> records = m_Queue.TakeAll();
-    if (!records || !records->empty()) {
-        return records;
+    Result<std::vector<Record>> records = m_Queue.TakeOrGone();
+    while (records && records->empty()) {
+        uint32_t ulMs = std::min(ulTimeoutMs, GLANCE_MS);
+        Status status = m_Event.Wait(ulMs);
+        ulTimeoutMs -= ulTimeoutMs != WAIT_FOREVER ? ulMs : 0;
+        if (!status.Ok()) {
+            return status;
+        }
+        records = m_Queue.TakeOrGone();
+        if (status == Status::Success || ulTimeoutMs == 0) {
+            break;
+        }
     }
-    Status status = m_Event.Wait(ulTimeoutMs);
-    return status == Status::Success ? m_Queue.TakeAll() : Result<std::vector<Record>>({}, status);
+    return records && records->empty() ? Result<std::vector<Record>>({}, Status::Timeout)
+                                       : std::move(records);
 }
 
 template <class Record> void Listener<Record>::Stop()

@@ -63,6 +63,8 @@ public:
     Result<std::vector<Record>> TakeMany(uint16_t usCount) const;
     // Takes all.
     Result<std::vector<Record>> TakeAll() const;
+    // The same. Fails: KeyboardGone when nothing will come any more.
+    Result<std::vector<Record>> TakeOrGone() const;
     // Registers an event of its own, for as long as the listener lives. Fails: as Register.
     Result<Listener<Record>> Listen() const;
 
@@ -83,7 +85,8 @@ public:
     Listener& operator=(Listener&& other) noexcept;
 
     // Gives what is queued, or waits for it at most ulTimeoutMs milliseconds. Empty: nothing came in time.
-    // Fails: as the queue does, NotOpen for none.
+    // Fails: KeyboardGone within a second when the keyboard was removed (of macro records: every keyboard), which
+    // the system does not before a registered application event was heard, or 5 seconds; NotOpen for none.
     Result<std::vector<Record>> Wait(uint32_t ulTimeoutMs) const;
     // Releases the registration and closes the event.
     void Stop();

@@ -1,4 +1,4 @@
-// find.cpp - the look-ups behind Driver's ways to a keyboard and Keyboard::FindAgain.
+// find.cpp - the look-ups behind Driver's ways to a keyboard and Keyboard::FindAgain. None of them guesses.
 #include "client/find.h"
 
 #include <string.h>
@@ -12,6 +12,8 @@ namespace tvusb
 namespace
 {
 constexpr size_t PREFIX_CHARS = 4; // "\\?\" or "\??\"
+constexpr unsigned TRIES = 20;     // a second in all
+constexpr uint32_t PAUSE_MS = 50;
 
 char16_t Upper(char16_t c)
 {
@@ -24,45 +26,29 @@ bool IsSameText(const std::u16string& a, const std::u16string& b)
                       [](char16_t x, char16_t y) { return Upper(x) == Upper(y); });
 }
 
-Result<uint32_t> FindHardwareId(const Channel& channel, const KeyboardSearch& search)
+// "USB\\VID_1234&PID_5678&REV_0100&MI_00" is the keyboard with "USB\\VID_1234&PID_5678&MI_00" too, as the system
+// tells both and the driver only the longer.
+bool IsSameId(const std::u16string& own, const std::u16string& wanted)
 {
-    auto infos = AskInfos(channel);
-    if (!infos) {
-        return infos.Error();
-    }
-    uint32_t ulWhich = 0;
-    for (const KeyboardInfo& info : *infos) {
-        if (IsSameText(TextOf(info.HardwareId), search.Text) && ulWhich++ == search.ulWhich) {
-            return {info.ulDeviceIndex, infos.Error()};
-        }
-    }
-    return Status(Status::Unsuccessful);
+    size_t at = own.find(u"&REV_");
+    size_t end = std::min(own.find(u'&', at + 1), own.size());
+    return IsSameText(own, wanted) ||
+           (at != own.npos && IsSameText(own.substr(0, at) + own.substr(end), wanted));
 }
 
-bool IsListed(const Channel& channel, uint32_t ulIndex)
+// A keyboard that was added and did not start has no texts yet; nor has a position that the list lost meanwhile.
+bool IsStarted(const KeyboardInfo& info)
 {
-    auto list = AskList(channel);
-    return std::any_of(list->begin(), list->end(),
-                       [ulIndex](const KeyboardListEntry& entry) { return entry.ulDeviceIndex == ulIndex; });
-}
-} // namespace
-
-Result<KeyboardInfo> AskInfo(const Channel& channel, uint16_t usPosition)
-{
-    return channel.AskRecord<KeyboardInfo>(IOCTL_TVUSB_GET_KEYBOARD_INFO, 0, BytesOf(usPosition));
+    return info.HardwareId[0] != 0 || info.DeviceObjectName[0] != 0 || info.Description[0] != 0;
 }
 
-// The list may change meanwhile: a position that is gone ends it, a keyboard that moved is taken once.
-Result<std::vector<KeyboardInfo>> AskInfos(const Channel& channel)
+// What the positions of the list hold now: a keyboard that moved while they were asked is taken once.
+std::vector<KeyboardInfo> AskPositions(const Channel& channel, uint16_t usCount)
 {
-    auto count = channel.Ask<uint16_t>(IOCTL_TVUSB_GET_KEYBOARD_COUNT);
-    if (!count) {
-        return count.Error();
-    }
     std::vector<KeyboardInfo> infos;
-    for (uint16_t usPosition = 0; usPosition < *count; usPosition++) {
+    for (uint16_t usPosition = 0; usPosition < usCount; usPosition++) {
         auto info = AskInfo(channel, usPosition);
-        if (info && info->HardwareId[0] != 0) {
+        if (info && IsStarted(*info)) {
             infos.push_back(*info);
         }
     }
@@ -74,7 +60,60 @@ Result<std::vector<KeyboardInfo>> AskInfos(const Channel& channel)
     };
     std::sort(infos.begin(), infos.end(), before);
     infos.erase(std::unique(infos.begin(), infos.end(), same), infos.end());
-    return {std::move(infos), count.Error()};
+    return infos;
+}
+
+// The name by which the system tells this keyboard from all others; "" when it does not tell.
+std::u16string NameOf(const Channel& channel, uint32_t ulIndex)
+{
+    for (const std::u16string& name : channel.System()->ListInterfaces()) {
+        auto index = AskName(channel, name);
+        if (index && *index == ulIndex) {
+            return name;
+        }
+    }
+    return {};
+}
+
+// The only one of those that fit, which were asked for as About.
+Result<Keyboard> OnlyOne(const Channel& channel, const std::vector<KeyboardInfo>& fitting,
+                         const std::string& About)
+{
+    if (fitting.size() != 1) {
+        return Status(fitting.empty() ? Status::NoSuchKeyboard : Status::Ambiguous, 0, About);
+    }
+    uint32_t ulIndex = fitting[0].ulDeviceIndex;
+    return {Keyboard(channel, ulIndex, NameOf(channel, ulIndex)), Status()};
+}
+} // namespace
+
+Result<KeyboardInfo> AskInfo(const Channel& channel, uint16_t usPosition)
+{
+    auto info = channel.AskRecord<KeyboardInfo>(IOCTL_TVUSB_GET_KEYBOARD_INFO, 0, BytesOf(usPosition));
+    if (!info) {
+        return Status(info.Error().Value(), info.Error().Request(), "position " + std::to_string(usPosition));
+    }
+    return info;
+}
+
+// The driver answers for as many positions as keyboards are started, but counts in those that are only added; these
+// start soon, or never.
+Result<std::vector<KeyboardInfo>> AskInfos(const Channel& channel)
+{
+    for (unsigned uTry = 1;; uTry++) {
+        auto count = channel.Ask<uint16_t>(IOCTL_TVUSB_GET_KEYBOARD_COUNT);
+        if (!count) {
+            return count.Error();
+        }
+        std::vector<KeyboardInfo> infos = AskPositions(channel, *count);
+        if (infos.size() >= *count) {
+            return {std::move(infos), count.Error()};
+        }
+        auto pause = Event::Make(channel); // nobody sets it
+        if (uTry == TRIES || !pause || pause->Wait(PAUSE_MS) != Status::Timeout) {
+            return {std::move(infos), Status(Status::Incomplete, IOCTL_TVUSB_GET_KEYBOARD_INFO)};
+        }
+    }
 }
 
 Result<std::vector<KeyboardListEntry>> AskList(const Channel& channel)
@@ -92,29 +131,59 @@ Result<uint32_t> AskName(const Channel& channel, const std::u16string& Name)
     bool bPrefix = Name.rfind(u"\\\\?\\", 0) == 0 || Name.rfind(u"\\??\\", 0) == 0;
     std::u16string name = Name.substr(bPrefix ? PREFIX_CHARS : 0);
     RequestPayload payload = {};
+    std::string about = "name " + ToUtf8(Name);
     if (name.size() >= sizeof(payload.Name) / sizeof(payload.Name[0])) {
-        return Status(Status::InvalidParameter, IOCTL_TVUSB_FIND_KEYBOARD);
+        return Status(Status::InvalidParameter, IOCTL_TVUSB_FIND_KEYBOARD, about);
     }
     memcpy(payload.Name, name.data(), name.size() * sizeof(char16_t));
-    return channel.AskRecord<uint32_t>(IOCTL_TVUSB_FIND_KEYBOARD, 0, BytesOf(payload.Name));
+    auto index = channel.AskRecord<uint32_t>(IOCTL_TVUSB_FIND_KEYBOARD, 0, BytesOf(payload.Name));
+    return index ? index : Status(index.Error().Value(), IOCTL_TVUSB_FIND_KEYBOARD, about);
 }
 
-Result<uint32_t> FindIndex(const Channel& channel, const KeyboardSearch& search, uint32_t ulIndex)
+Result<Keyboard> FindName(const Channel& channel, const std::u16string& Name)
 {
-    if (!channel.IsOpen()) {
-        return Status(Status::NotOpen);
+    auto index = AskName(channel, Name);
+    if (!index) {
+        bool bNone = index.Error() == Status::Unsuccessful;
+        return Status(bNone ? Status::NoSuchKeyboard : index.Error().Value(), 0, "name " + ToUtf8(Name));
     }
-    switch (search.by) {
-    case KeyboardSearch::By::Name:
-        return AskName(channel, search.Text);
-    case KeyboardSearch::By::HardwareId:
-        return FindHardwareId(channel, search);
-    case KeyboardSearch::By::Index:
-        break;
+    return {Keyboard(channel, *index, Name), index.Error()};
+}
+
+Result<Keyboard> FindHardwareId(const Channel& channel, const std::u16string& HardwareId)
+{
+    auto infos = AskInfos(channel);
+    std::string about = "hardware id " + ToUtf8(HardwareId);
+    if (!infos) {
+        return Status(infos.Error().Value(), infos.Error().Request(), about);
     }
-    if (IsListed(channel, ulIndex)) {
-        return {ulIndex, Status()};
+    std::vector<KeyboardInfo> fitting;
+    for (const KeyboardInfo& info : *infos) {
+        if (IsSameId(TextOf(info.HardwareId), HardwareId)) {
+            fitting.push_back(info);
+        }
     }
-    return search.Text.empty() ? Status(Status::Unsuccessful) : FindHardwareId(channel, search);
+    return OnlyOne(channel, fitting, about);
+}
+
+Result<Keyboard> FindOne(const Channel& channel)
+{
+    auto infos = AskInfos(channel);
+    return infos ? OnlyOne(channel, *infos, "any keyboard") : infos.Error();
+}
+
+Result<Keyboard> FindListed(const Channel& channel, uint32_t ulIndex)
+{
+    auto list = AskList(channel);
+    if (!list) {
+        return list.Error();
+    }
+    bool bListed = std::any_of(list->begin(), list->end(), [ulIndex](const KeyboardListEntry& entry) {
+        return entry.ulDeviceIndex == ulIndex;
+    });
+    if (!bListed) {
+        return Status(Status::NoSuchKeyboard, 0, "keyboard " + std::to_string(ulIndex));
+    }
+    return {Keyboard(channel, ulIndex, NameOf(channel, ulIndex)), list.Error()};
 }
 } // namespace tvusb

@@ -9,6 +9,16 @@ namespace tvusb
 {
 namespace
 {
+// The texts of a list that an empty one ends.
+std::vector<std::u16string> SplitNames(const char16_t* pList)
+{
+    std::vector<std::u16string> names;
+    for (; *pList != 0; pList += names.back().size() + 1) {
+        names.emplace_back(pList);
+    }
+    return names;
+}
+
 class OnHost : public Transport
 {
 public:
@@ -41,6 +51,18 @@ public:
     }
 
     bool Is32() const override { return m_b32; }
+
+    std::vector<std::u16string> ListInterfaces() override
+    {
+        const GUID keyboards = KeyboardInterfaceClass<GUID>();
+        PWSTR pList = nullptr;
+        if (!NT_SUCCESS(IoGetDeviceInterfaces(&keyboards, nullptr, 0, &pList)) || pList == nullptr) {
+            return {};
+        }
+        std::vector<std::u16string> names = SplitNames(reinterpret_cast<const char16_t*>(pList));
+        ExFreePool(pList);
+        return names;
+    }
 
     uint64_t NewEvent() override { return reinterpret_cast<uint64_t>(HostCreateEvent(false)); }
 

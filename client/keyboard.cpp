@@ -41,11 +41,14 @@ FifoEntry MakeReport(const std::vector<uint8_t>& bytes)
 
 Status Keyboard::FindAgain()
 {
-    Result<uint32_t> index = FindIndex(m_Channel, m_Search, m_ulIndex);
-    if (index) {
-        m_ulIndex = *index;
+    if (!m_Channel.IsOpen()) {
+        return {Status::NotOpen, 0, "keyboard " + std::to_string(m_ulIndex)};
     }
-    return index.Error();
+    auto found = m_Name.empty() ? FindListed(m_Channel, m_ulIndex) : FindName(m_Channel, m_Name);
+    if (found) {
+        m_ulIndex = found->m_ulIndex;
+    }
+    return found.Error();
 }
 
 Status Keyboard::AddDefinition(const KeyDefinition& definition) const
@@ -77,7 +80,7 @@ Status Keyboard::InsertScans(const std::vector<uint8_t>& scans, bool bWait) cons
 {
     InsertScansPayload payload = {};
     if (scans.size() > sizeof(payload.ucScans)) {
-        return {Status::InvalidParameter, IOCTL_TVUSB_INSERT_SCANS};
+        return Refused(Status::InvalidParameter, IOCTL_TVUSB_INSERT_SCANS);
     }
     payload.ulWait = bWait;
     payload.usCount = static_cast<uint16_t>(scans.size());
@@ -90,7 +93,7 @@ Status Keyboard::InsertPackets(const std::vector<FifoEntry>& reports, bool bWait
 {
     InsertPacketsPayload payload = {};
     if (reports.empty() || reports.size() > sizeof(payload.Entries) / sizeof(payload.Entries[0])) {
-        return {Status::InvalidParameter, IOCTL_TVUSB_INSERT_PACKETS};
+        return Refused(Status::InvalidParameter, IOCTL_TVUSB_INSERT_PACKETS);
     }
     payload.usCount = static_cast<uint16_t>(reports.size());
     std::copy(reports.begin(), reports.end(), payload.Entries);

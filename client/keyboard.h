@@ -1,9 +1,9 @@
 // keyboard.h - one keyboard: its hotkeys and other definitions, its events, what is injected into it, its LEDs
 // and key repeat, its memory.
 //
-// A Keyboard is a small value: it names a keyboard by the driver's index and remembers how it was found. When
-// the keyboard is plugged in again it has a new index, no definitions and no event: FindAgain, then set it up
-// anew. Every call fails with Unsuccessful while no keyboard has the index, with NotOpen when the driver is not
+// A Keyboard is a small value: the driver's index and the name of the keyboard's device interface, by which the
+// system tells it from its like. When the keyboard is plugged in again it has a new index, no definitions and no
+// event: FindAgain, then set it up anew. Every call fails with Unsuccessful while no keyboard has the index, with NotOpen when the driver is not
 // open. Calls may come from several threads; one that waits holds off no other.
 #pragma once
 
@@ -13,15 +13,6 @@
 
 namespace tvusb
 {
-// How a keyboard was found, so that it can be found again.
-struct KeyboardSearch {
-    enum class By { Name, HardwareId, Index };
-    By by = By::Index;
-    std::u16string
-        Text; // the interface name, or the hardware id (for Index: the one that it had, to find it again)
-    uint32_t ulWhich = 0; // HardwareId: the how-manieth of equal ones, in the order of their indexes
-};
-
 // A hotkey to add: ulId comes back in its events; modifiers are MODIFIER bits; scans are PS/2 set 1 make codes
 // with their prefixes, at most 32 (what is more is left out). bSwallow: the system does not see its keys.
 KeyDefinition MakeHotkey(uint32_t ulId, uint32_t ulModifiers, const std::vector<uint8_t>& scans,
@@ -50,15 +41,18 @@ class Keyboard
 {
 public:
     Keyboard() = default; // of no driver
-    Keyboard(Channel channel, uint32_t ulIndex, KeyboardSearch search)
-        : m_Channel(std::move(channel)), m_ulIndex(ulIndex), m_Search(std::move(search))
+    Keyboard(Channel channel, uint32_t ulIndex, std::u16string Name)
+        : m_Channel(std::move(channel)), m_ulIndex(ulIndex), m_Name(std::move(Name))
     {
     }
 
     // The driver's index; never given twice while the driver is loaded.
     uint32_t Index() const { return m_ulIndex; }
-    // Looks the keyboard up as it was found first; its index may change. A keyboard found by its index is taken by
-    // the hardware id that it had, once the index is gone. Fails: Unsuccessful, it is not plugged in.
+    // Its interface's name, which stays the same when the computer is started anew; to be kept for FindByName.
+    // Empty when the system does not tell.
+    const std::u16string& Name() const { return m_Name; }
+    // Looks this very keyboard up by its name; its index may change. Plugged into another socket it has another name,
+    // unless it has a serial number. Fails: NoSuchKeyboard, it is not plugged in, or it went and had no name.
     Status FindAgain();
 
     // Hotkeys and definitions. They stay until they are removed or the driver's last handle is closed.
@@ -126,11 +120,16 @@ public:
     Result<uint32_t> GetControlPipe() const;
 
 private:
+    // For a request that was not sent, or whose answer is none.
+    Status Refused(uint32_t ulStatus, uint32_t ulCode) const
+    {
+        return Status::OfRequest(ulStatus, ulCode, m_ulIndex);
+    }
     Result<std::vector<uint8_t>> Read(uint32_t ulCode, uint16_t usAddress, uint16_t usLength) const;
     Status Write(uint32_t ulCode, uint16_t usAddress, const std::vector<uint8_t>& data) const;
 
     Channel m_Channel;
     uint32_t m_ulIndex = 0xFFFFFFFF;
-    KeyboardSearch m_Search;
+    std::u16string m_Name;
 };
 } // namespace tvusb

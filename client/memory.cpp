@@ -18,7 +18,7 @@ Result<DeviceDescriptor> Keyboard::ReadDeviceDescriptor() const
 {
     auto descriptor = m_Channel.AskRecord<DeviceDescriptor>(IOCTL_TVUSB_READ_DEVICE_DESCRIPTOR, m_ulIndex);
     if (descriptor.Error() == Status::DeviceDataError) {
-        return Status(Status::Unsuccessful, IOCTL_TVUSB_READ_DEVICE_DESCRIPTOR);
+        return Refused(Status::Unsuccessful, IOCTL_TVUSB_READ_DEVICE_DESCRIPTOR);
     }
     return descriptor;
 }
@@ -30,7 +30,7 @@ Result<std::u16string> Keyboard::ReadString(uint8_t ucIndex, uint16_t usLanguage
     std::vector<uint8_t> out(STRING_BYTES);
     Status status = m_Channel.SendRecord(IOCTL_TVUSB_READ_STRING_DESCRIPTOR, m_ulIndex, BytesOf(which), &out);
     if (status.Ok() && out.empty()) {
-        status = {Status::Unsuccessful, status.Request()};
+        status = Refused(Status::Unsuccessful, status.Request());
     }
     if (!status.Ok()) {
         return status;
@@ -59,7 +59,7 @@ Result<std::vector<uint8_t>> Keyboard::Read(uint32_t ulCode, uint16_t usAddress,
     std::vector<uint8_t> out(usLength);
     Status status = m_Channel.SendRecord(ulCode, m_ulIndex, BytesOf(usAddressLength), &out);
     if (status.Ok() && out.size() != usLength) {
-        status = {Status::DeviceDataError, ulCode};
+        status = Refused(Status::DeviceDataError, ulCode);
     }
     if (!status.Ok()) {
         return status;
@@ -71,7 +71,7 @@ Result<std::vector<uint8_t>> Keyboard::Read(uint32_t ulCode, uint16_t usAddress,
 Status Keyboard::Write(uint32_t ulCode, uint16_t usAddress, const std::vector<uint8_t>& data) const
 {
     if (data.size() > 0xFFFF - PREFIX_BYTES) {
-        return {Status::InvalidParameter, ulCode};
+        return Refused(Status::InvalidParameter, ulCode);
     }
     const uint16_t usAddressLength[2] = {usAddress, static_cast<uint16_t>(data.size())};
     std::vector<uint8_t> payload(sizeof(usAddressLength) + data.size());
@@ -86,7 +86,7 @@ Status Keyboard::Write(uint32_t ulCode, uint16_t usAddress, const std::vector<ui
 Result<std::vector<uint8_t>> Keyboard::ReadEeprom(uint16_t usAddress, uint16_t usLength) const
 {
     if (usLength == 0 || usAddress > 0xFF) {
-        return Status(Status::InvalidParameter, IOCTL_TVUSB_READ_EEPROM);
+        return Refused(Status::InvalidParameter, IOCTL_TVUSB_READ_EEPROM);
     }
     return Read(IOCTL_TVUSB_READ_EEPROM, usAddress, usLength);
 }
@@ -94,7 +94,7 @@ Result<std::vector<uint8_t>> Keyboard::ReadEeprom(uint16_t usAddress, uint16_t u
 Status Keyboard::WriteEeprom(uint16_t usAddress, const std::vector<uint8_t>& data) const
 {
     if (data.empty()) {
-        return {Status::InvalidParameter, IOCTL_TVUSB_WRITE_EEPROM};
+        return Refused(Status::InvalidParameter, IOCTL_TVUSB_WRITE_EEPROM);
     }
     return Write(IOCTL_TVUSB_WRITE_EEPROM, usAddress, data);
 }

@@ -8,9 +8,17 @@
 #include <stdint.h>
 
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace tvusb
 {
+// The class of the keyboards' device interfaces, as the system's own record of it.
+template <class Guid> constexpr Guid KeyboardInterfaceClass()
+{
+    return {0x3B7E91C4, 0x5A2D, 0x4F60, {0x9C, 0x1E, 0x7D, 0x84, 0xA2, 0xF0, 0xB6, 0x13}};
+}
+
 class Transport
 {
 public:
@@ -26,6 +34,8 @@ public:
                           uint32_t* pulReported) = 0;
     // Whether the process is a 32-bit one: its input records have another layout.
     virtual bool Is32() const = 0;
+    // The names of the keyboards' device interfaces; none where the system does not tell them.
+    virtual std::vector<std::u16string> ListInterfaces() { return {}; }
 
     // An event object that a wait resets. Fails: 0.
     virtual uint64_t NewEvent() = 0;

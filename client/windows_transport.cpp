@@ -1,15 +1,19 @@
 // windows_transport.cpp - DeviceIoControl on \\.\TvUSB.
 //
 // The handle is opened for overlapped requests, so that a thread whose request waits (an insertion) does not
-// hold off the requests of others. The system tells errors of its own numbering; those that stand for one
-// status of the driver are told as that status.
+// hold off the requests of others. The system tells errors of its own numbering (windows_errors.h).
 #include "client/transport.h"
 
 #include <stddef.h>
 
+#include <algorithm>
+
 #include <windows.h>
 
+#include <setupapi.h>
+
 #include "client/status.h"
+#include "client/windows_errors.h"
 #include "sys/control/requests.h"
 
 namespace tvusb
@@ -28,40 +32,6 @@ using OwnRequest = std::conditional_t<sizeof(void*) == 8, ControlRequest64, Cont
 static_assert(sizeof(NaturalRequest) == sizeof(OwnRequest), "the record's size in this process");
 static_assert(offsetof(NaturalRequest, Payload) == offsetof(OwnRequest, Payload), "its payload's offset");
 
-struct ErrorRow {
-    DWORD ulError;
-    uint32_t ulStatus;
-};
-
-const ErrorRow ErrorRows[] = {
-    {ERROR_GEN_FAILURE, Status::Unsuccessful},
-    {ERROR_INVALID_FUNCTION, Status::InvalidDeviceRequest},
-    {ERROR_INSUFFICIENT_BUFFER, Status::BufferTooSmall},
-    {ERROR_NO_SYSTEM_RESOURCES, Status::InsufficientResources},
-    {ERROR_NOT_ENOUGH_MEMORY, Status::InsufficientResources},
-    {ERROR_INVALID_HANDLE, Status::InvalidHandle},
-    {ERROR_INVALID_PARAMETER, Status::InvalidParameter},
-    {ERROR_ACCESS_DENIED, Status::AccessDenied},
-    {ERROR_FILE_NOT_FOUND, Status::NameNotFound},
-    {ERROR_OPERATION_ABORTED, Status::Cancelled},
-    {ERROR_DEVICE_NOT_CONNECTED, 0xC000009D},
-    {ERROR_NOT_READY, 0xC00000A3},
-    {ERROR_SEM_TIMEOUT, 0xC00000B5},
-    {ERROR_NOT_SUPPORTED, 0xC00000BB},
-    {ERROR_IO_DEVICE, 0xC0000185},
-};
-
-// An error without a status of the driver keeps its number, as the system itself writes such a status.
-uint32_t StatusOf(DWORD ulError)
-{
-    for (const ErrorRow& row : ErrorRows) {
-        if (row.ulError == ulError) {
-            return row.ulStatus;
-        }
-    }
-    return 0xC0070000 | (ulError & 0xFFFF);
-}
-
 class OnWindows : public Transport
 {
 public:
@@ -73,7 +43,7 @@ public:
         m_hFile =
             CreateFileW(L"\\\\.\\TvUSB", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
                         nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
-        return m_hFile == INVALID_HANDLE_VALUE ? StatusOf(GetLastError()) : Status::Success;
+        return m_hFile == INVALID_HANDLE_VALUE ? StatusOfError(GetLastError(), 0) : Status::Success;
     }
 
     void Close() override
@@ -91,7 +61,7 @@ public:
         OVERLAPPED overlapped = {};
         overlapped.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
         if (overlapped.hEvent == nullptr) {
-            return StatusOf(GetLastError());
+            return Status::InsufficientResources;
         }
         DWORD ulReported = 0;
         BOOL bDone =
@@ -99,13 +69,31 @@ public:
         if (bDone || GetLastError() == ERROR_IO_PENDING) {
             bDone = GetOverlappedResult(m_hFile, &overlapped, &ulReported, TRUE);
         }
-        uint32_t ulStatus = bDone ? Status::Success : StatusOf(GetLastError());
+        uint32_t ulStatus = bDone ? Status::Success : StatusOfError(GetLastError(), ulCode);
         CloseHandle(overlapped.hEvent);
         *pulReported = bDone ? ulReported : 0;
         return ulStatus;
     }
 
     bool Is32() const override { return sizeof(void*) == 4; }
+
+    std::vector<std::u16string> ListInterfaces() override
+    {
+        const GUID keyboards = KeyboardInterfaceClass<GUID>();
+        std::vector<std::u16string> names;
+        HDEVINFO hDevices =
+            SetupDiGetClassDevsW(&keyboards, nullptr, nullptr, DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
+        if (hDevices == INVALID_HANDLE_VALUE) {
+            return names;
+        }
+        SP_DEVICE_INTERFACE_DATA which = {};
+        which.cbSize = sizeof(which);
+        for (DWORD i = 0; SetupDiEnumDeviceInterfaces(hDevices, nullptr, &keyboards, i, &which); i++) {
+            names.push_back(NameOf(hDevices, &which));
+        }
+        SetupDiDestroyDeviceInfoList(hDevices);
+        return names;
+    }
 
     uint64_t NewEvent() override
     {
@@ -120,7 +108,7 @@ public:
         case WAIT_TIMEOUT:
             return Status::Timeout;
         default:
-            return StatusOf(GetLastError());
+            return StatusOfError(GetLastError(), 0);
         }
     }
 
@@ -130,6 +118,17 @@ private:
     static HANDLE HandleOf(uint64_t hEvent)
     {
         return reinterpret_cast<HANDLE>(static_cast<uintptr_t>(hEvent));
+    }
+
+    static std::u16string NameOf(HDEVINFO hDevices, SP_DEVICE_INTERFACE_DATA* pWhich)
+    {
+        DWORD ulBytes = 0;
+        SetupDiGetDeviceInterfaceDetailW(hDevices, pWhich, nullptr, 0, &ulBytes, nullptr);
+        std::vector<uint8_t> room(std::max<size_t>(ulBytes, sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W)));
+        auto pDetail = reinterpret_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_W*>(room.data());
+        pDetail->cbSize = sizeof(*pDetail);
+        bool bTold = SetupDiGetDeviceInterfaceDetailW(hDevices, pWhich, pDetail, ulBytes, nullptr, nullptr);
+        return bTold ? reinterpret_cast<const char16_t*>(pDetail->DevicePath) : std::u16string();
     }
 
     HANDLE m_hFile = INVALID_HANDLE_VALUE;

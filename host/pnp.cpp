@@ -136,9 +136,15 @@ static HostText GuidText(const GUID& guid)
     return HostTextOf(std::string(text));
 }
 
-// One number a physical device, in the order in which they register.
+// By its location when the bus told one, so that a device that comes back there has its old name. Else one number a
+// physical device, in the order in which they register.
 static HostText InstanceOf(PDEVICE_OBJECT pDevice)
 {
+    auto location = Properties.find({pDevice, DevicePropertyLocationInformation});
+    if (location != Properties.end()) {
+        auto pText = reinterpret_cast<const char16_t*>(location->second.data());
+        return u"ROOT#HOST#" + HostText(pText, location->second.size() / sizeof(WCHAR) - 1);
+    }
     std::vector<PDEVICE_OBJECT> devices;
     for (const auto& pInterface : Interfaces) {
         if (std::find(devices.begin(), devices.end(), pInterface->pDevice) == devices.end()) {
@@ -172,6 +178,7 @@ NTSTATUS IoRegisterDeviceInterface(PDEVICE_OBJECT pDevice, const GUID* pClass, P
     HostLock lock(g->Lock);
     for (const auto& pInterface : Interfaces) {
         if (pInterface->Link == link) {
+            pInterface->pDevice = pDevice;
             return STATUS_SUCCESS;
         }
     }

@@ -1,9 +1,12 @@
-// eeprom_backup.cpp - saves the first keyboard's EEPROM to a file, or writes a file back; both are verified by
+// eeprom_backup.cpp - saves the keyboard's EEPROM to a file, or writes a file back; both are verified by
 // reading again.
 //
-//     eeprom_backup save FILE
-//     eeprom_backup restore FILE
+//     eeprom_backup save FILE [KEYBOARD]
+//     eeprom_backup restore FILE [KEYBOARD]
+//
+// Of several keyboards KEYBOARD is the index: none is taken by chance.
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
@@ -87,19 +90,15 @@ static int Restore(const tvusb::Keyboard& keyboard, uint32_t ulSize, const char*
 
 int main(int argc, char** argv)
 {
-    if (argc != 3 || (strcmp(argv[1], "save") != 0 && strcmp(argv[1], "restore") != 0)) {
-        return Fail("say save FILE or restore FILE");
+    if (argc < 3 || argc > 4 || (strcmp(argv[1], "save") != 0 && strcmp(argv[1], "restore") != 0)) {
+        return Fail("say save FILE or restore FILE, and of several keyboards its index");
     }
     tvusb::Driver driver;
     tvusb::Status status = driver.Open();
     if (!status.Ok()) {
         return Fail(status.Text());
     }
-    auto keyboards = driver.GetKeyboards();
-    if (!keyboards || keyboards->empty()) {
-        return Fail(keyboards.Error().Text());
-    }
-    auto keyboard = driver.FindByIndex(keyboards->front().ulDeviceIndex);
+    auto keyboard = argc > 3 ? driver.FindByIndex(strtoul(argv[3], nullptr, 10)) : driver.FindOnly();
     if (!keyboard) {
         return Fail(keyboard.Error().Text());
     }

@@ -1,6 +1,8 @@
-// hotkey_listener.cpp - makes Ctrl+F1 a hotkey of the first keyboard and tells when it goes down and up.
+// hotkey_listener.cpp - makes Ctrl+F1 a hotkey of the keyboard and tells when it goes down and up.
 //
-//     hotkey_listener [EVENTS]     ends after so many events (4), or when none came for 10 seconds
+//     hotkey_listener [EVENTS [KEYBOARD]]
+//
+// Ends after so many events (4), or when none came for 10 seconds. Of several keyboards KEYBOARD is the index.
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -36,16 +38,11 @@ int main(int argc, char** argv)
     if (!status.Ok()) {
         return Fail(status);
     }
-    auto keyboards = driver.GetKeyboards();
-    if (!keyboards || keyboards->empty()) {
-        return Fail(keyboards.Error());
-    }
-    const KeyboardInfo& first = keyboards->front();
-    printf("keyboard %u: %s\n", first.ulDeviceIndex, tvusb::ToUtf8(tvusb::TextOf(first.Description)).c_str());
-    auto keyboard = driver.FindByIndex(first.ulDeviceIndex);
+    auto keyboard = argc > 2 ? driver.FindByIndex(strtoul(argv[2], nullptr, 10)) : driver.FindOnly();
     if (!keyboard) {
         return Fail(keyboard.Error());
     }
+    printf("keyboard %u\n", keyboard->Index());
     // F1 is scan code 3B. The system does not get to see it while Ctrl is held.
     status = keyboard->AddDefinition(tvusb::MakeHotkey(7, MODIFIER_ANY_CONTROL, {0x3B}, true));
     if (!status.Ok()) {

@@ -93,10 +93,17 @@ std::vector<const EmuDescriptors*> EmuMachine::FindInterfaces(const string& name
     return interfaces;
 }
 
-// What the system tells about a device: its description, and its hardware ids as a list that an empty text
-// ends.
-static void SetProperties(PDEVICE_OBJECT pPhysical, const EmuDescriptors& descriptors)
+// What the system tells about a device: its location, its description, and its hardware ids as a list that an
+// empty text ends.
+static void SetProperties(PDEVICE_OBJECT pPhysical, const EmuDescriptors& descriptors, ULONG ulPort)
 {
+    if (ulPort != 0) {
+        WCHAR location[] = L"Port_#0000";
+        for (int i = 9; i > 5; i--, ulPort /= 10) {
+            location[i] = (WCHAR)(L'0' + ulPort % 10);
+        }
+        HostSetDeviceProperty(pPhysical, DevicePropertyLocationInformation, location, sizeof(location));
+    }
     size_t length = 0;
     while (descriptors.pProduct[length]) {
         length++;
@@ -184,7 +191,7 @@ EmuKeyboard* EmuMachine::Plug(const EmuDescriptors& descriptors, const EmuPlugOp
     keyboard.m_pPhysical = pPhysical;
     keyboard.m_bPlugged = true;
     keyboard.m_AddStatus = keyboard.SetRules(options.Rules);
-    SetProperties(pPhysical, descriptors);
+    SetProperties(pPhysical, descriptors, options.Port);
     if (!NT_SUCCESS(keyboard.m_AddStatus) || !BuildStack(keyboard)) {
         keyboard.Remove();
     } else if (options.Start) {

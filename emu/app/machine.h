@@ -50,6 +50,7 @@ struct EmuPlugOptions {
     bool Passive = false;       // reads come back at PASSIVE_LEVEL, not at DISPATCH_LEVEL
     bool Record = true;         // keep what came for Received() and TakenRequests()
     bool Start = true;          // send START_DEVICE at once
+    ULONG Port = 0;             // who comes back to a port has the same interface name; 0: a port of its own
     NTSTATUS StartStatus = 0;   // what the keyboard answers START with
     ULONG StartDelayMs = 0;     // above 0: START is left pending for so long
     // What the keyboard remembers; given again, a keyboard finds what was written before it was unplugged. Null:

@@ -25,7 +25,7 @@ protected:
 
     void SetUp() override
     {
-        pPlugged = machine.Plug();
+        pPlugged = PlugAt(1);
         driver = tvusb::Driver(tvusb::HostTransport(GetParam()));
         ASSERT_TRUE(driver.Open().Ok());
         auto found = driver.FindByIndex(pPlugged->Index());
@@ -37,6 +37,15 @@ protected:
     {
         driver.Close();
         EXPECT_EQ(machine.Unload(), 0u);
+    }
+
+    // Whoever comes back to a port has the name that it had.
+    EmuKeyboard* PlugAt(ULONG ulPort, bool bStart = true)
+    {
+        EmuPlugOptions options;
+        options.Port = ulPort;
+        options.Start = bStart;
+        return machine.Plug(EmuBootKeyboard, options);
     }
 
     std::u16string NameOf(EmuKeyboard* pKeyboard) const

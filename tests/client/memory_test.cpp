@@ -43,7 +43,8 @@ TEST_P(MemoryTest, DescriptorsAreRead)
     EXPECT_EQ(keyboard.ReadString(5, 0x0409)->size(), 126u);
     EXPECT_EQ(keyboard.ReadString(6, 0x0409)->size(), 126u) << "255 bytes are 126 characters and a half";
     EXPECT_EQ(keyboard.ReadString(9, 0x0409).Error().Text(),
-              "READ_STRING_DESCRIPTOR: no keyboard has this index, or it gave no such string (0xC0000001)");
+              "READ_STRING_DESCRIPTOR, keyboard 0: no keyboard has this index, or it gave no such string "
+              "(0xC0000001)");
 
     pPlugged->Unplug(true);
     EXPECT_EQ(keyboard.ReadDeviceDescriptor().Error(), Status::Unsuccessful);
@@ -67,7 +68,7 @@ TEST_P(MemoryTest, LedsAndCommandsReachTheKeyboard)
 
     pPlugged->SetRules({{EmuAny, EmuAny, EmuAny, EmuAny, EmuAnswerStatus, 0, STATUS_IO_TIMEOUT, 0, 0}});
     EXPECT_EQ(keyboard.WriteVendorMemory(0, {1}).Text(),
-              "WRITE_VENDOR_MEMORY: the keyboard did not answer in time (0xC00000B5)");
+              "WRITE_VENDOR_MEMORY, keyboard 0: the keyboard did not answer in time (0xC00000B5)");
     EXPECT_EQ(keyboard.ReadDeviceDescriptor().Error(), Status::Unsuccessful);
 }
 

@@ -4,6 +4,7 @@
 #include <map>
 
 #include "client/requesttexts.h"
+#include "client/windows_errors.h"
 #include "tests/client/record_transport.h"
 
 namespace
@@ -148,9 +149,15 @@ TEST(StatusTest, SaysWhatItMeansForTheRequest)
          "TAKE_NOTIFY: no keyboard has this index, or nothing is queued (0xC0000001)"},
         {{Status::Unsuccessful, IOCTL_TVUSB_GET_VERSION},
          "GET_VERSION: the driver could not do it (0xC0000001)"},
-        {{Status::NameNotFound},
-         "no keyboard of the driver is started, so there is nothing to open (0xC0000034)"},
-        {{Status::NotOpen, IOCTL_TVUSB_GET_LEDS}, "GET_LEDS: the driver is not open (0xC0000128)"},
+        {Status::OfRequest(Status::Unsuccessful, IOCTL_TVUSB_TAKE_NOTIFY, 3),
+         "TAKE_NOTIFY, keyboard 3: no keyboard has this index, or nothing is queued (0xC0000001)"},
+        {Status::OfRequest(Status::Cancelled, IOCTL_TVUSB_TAKE_MACRO, 3),
+         "TAKE_MACRO: the request was called back (0xC0000120)"},
+        {tvusb::Driver(nullptr).Open(), "opening the driver: the driver is not open (0xC0000128)"},
+        {{Status::NameNotFound, 0, "opening the driver"},
+         "opening the driver: no keyboard of the driver is started, so there is nothing to open "
+         "(0xC0000034)"},
+        {tvusb::Keyboard().SetLeds(0), "SET_LEDS, no keyboard: the driver is not open (0xC0000128)"},
         {{0xC0000185, IOCTL_TVUSB_READ_EEPROM},
          "READ_EEPROM: the keyboard refused the transfer (0xC0000185)"},
         {{0xC0070457, IOCTL_TVUSB_FAIL},
@@ -162,6 +169,31 @@ TEST(StatusTest, SaysWhatItMeansForTheRequest)
     }
     EXPECT_TRUE(Status(Status::Timeout).Ok());
     EXPECT_FALSE(Status(0x80000005).Ok());
+}
+
+// Numbers of the system's own list; request 0 is the opening.
+TEST(WindowsErrorTest, StandsForWhatItMeans)
+{
+    using tvusb::Status;
+    const struct {
+        uint32_t ulError, ulRequest, ulStatus;
+    } cases[] = {
+        {31, IOCTL_TVUSB_GET_LEDS, Status::Unsuccessful},
+        {122, IOCTL_TVUSB_READ_EEPROM, Status::BufferTooSmall},
+        {433, IOCTL_TVUSB_READ_EEPROM, 0xC000000E},
+        {23, IOCTL_TVUSB_READ_EEPROM, Status::DeviceDataError},
+        {303, IOCTL_TVUSB_READ_EEPROM, Status::DeletePending},
+        {5, IOCTL_TVUSB_READ_EEPROM, Status::DeletePending},
+        {5, IOCTL_TVUSB_REGISTER_MACRO_EVENT, Status::AccessDenied},
+        {6, IOCTL_TVUSB_REGISTER_NOTIFY_EVENT, Status::InvalidHandle},
+        {5, 0, Status::AccessDenied},
+        {2, 0, Status::NameNotFound},
+        {433, 0, Status::NameNotFound},
+        {1111, IOCTL_TVUSB_GET_LEDS, 0xC0070457},
+    };
+    for (const auto& row : cases) {
+        EXPECT_EQ(tvusb::StatusOfError(row.ulError, row.ulRequest), row.ulStatus) << row.ulError;
+    }
 }
 
 TEST(TextTest, SurrogatesBecomeUtf8)

@@ -52,8 +52,8 @@ void Type(Crowd& crowd, EmuKeyboard* pKeyboard)
     }
 }
 
-// Asks for the keyboards and looks each up again by its id, and one by a name that none has: the interfaces'
-// names of all are compared while some of them go.
+// Asks for the keyboards and looks each up again by its index and its name, and one by a name that none has: the
+// interfaces' names of all are compared while some of them go.
 void Find(Crowd& crowd, bool b32)
 {
     tvusb::Driver driver(tvusb::HostTransport(b32 ? tvusb::ProcessSize::Bits32 : tvusb::ProcessSize::Bits64));
@@ -62,7 +62,7 @@ void Find(Crowd& crowd, bool b32)
     }
     const auto keyboards = driver.GetKeyboards();
     for (const KeyboardInfo& info : *keyboards) {
-        crowd.Found += driver.FindByHardwareId(info.HardwareId) ? 1 : 0;
+        crowd.Found += driver.FindByIndex(info.ulDeviceIndex) ? 1 : 0;
     }
     EXPECT_FALSE(driver.FindByName(u"nobody"));
 }
