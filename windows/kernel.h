@@ -25,9 +25,13 @@
 // Exported by ntoskrnl.exe, declared by no kernel header of the toolchain.
 extern "C" int _vsnprintf(char* pszBuffer, size_t cchBuffer, const char* pszFormat, va_list arguments);
 
-// Known to the system since Windows 8, not to the toolchain.
+// Known to the system since Windows 8, not to the toolchain, whose mapping routines take a priority and no flags.
 #ifndef MdlMappingNoExecute
 #define MdlMappingNoExecute 0x40000000
+inline MM_PAGE_PRIORITY operator|(MM_PAGE_PRIORITY priority, int flags)
+{
+    return static_cast<MM_PAGE_PRIORITY>(static_cast<int>(priority) | flags);
+}
 #endif
 
 // The toolchain declares the type as imported data of the kernel and the pointer to it besides: one step more
