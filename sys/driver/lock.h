@@ -2,16 +2,13 @@
 //
 // A spin lock is taken only up to DISPATCH_LEVEL; above it the guarded data is used without the lock.
 // No path holds two of them at once. The one exception is the log's own lock, a leaf that log.cpp takes
-// by itself. clang's thread-safety analysis checks GUARDED_BY; other compilers see nothing of it.
+// by itself. clang's thread-safety analysis checks GUARDED_BY.
 #pragma once
+
+#include "driver/compiler.h"
 
 #include <kernel.h>
 
-#if defined(__clang__)
-#define LOCK_ATTRIBUTE(attribute) __attribute__((attribute))
-#else
-#define LOCK_ATTRIBUTE(attribute)
-#endif
 #define GUARDED_BY(lock) LOCK_ATTRIBUTE(guarded_by(lock))
 #define REQUIRES_LOCK(lock) LOCK_ATTRIBUTE(requires_capability(lock))
 #define WITHOUT_LOCK_ANALYSIS LOCK_ATTRIBUTE(no_thread_safety_analysis)

@@ -5,31 +5,39 @@
 // each access other processors may come first.
 #pragma once
 
+#include "driver/compiler.h"
+
 #include <kernel.h>
 
 template <typename Field> inline Field ReadShared(const Field& field)
 {
     SCHEDULE_POINT();
-    return __atomic_load_n(&field, __ATOMIC_ACQUIRE);
+    return LoadAcquire(field);
 }
 
 template <typename Field, typename Value> inline void WriteShared(Field& field, Value value)
 {
     SCHEDULE_POINT();
-    __atomic_store_n(&field, static_cast<Field>(value), __ATOMIC_RELEASE);
+    StoreRelease(field, static_cast<Field>(value));
 }
 
 template <typename Field, typename Value> inline Field ExchangeShared(Field& field, Value value)
 {
     SCHEDULE_POINT();
-    return __atomic_exchange_n(&field, static_cast<Field>(value), __ATOMIC_ACQ_REL);
+    return AtomicExchange(field, static_cast<Field>(value));
 }
 
 // Takes over `desired` unless somebody changed the field since `expected` was read; then refreshes it.
 template <typename Field> inline bool CompareExchangeShared(Field& field, Field& expected, Field desired)
 {
     SCHEDULE_POINT();
-    return __atomic_compare_exchange_n(&field, &expected, desired, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+    return AtomicCompareExchange(field, expected, desired);
+}
+
+template <typename Field, typename Value> inline void AndShared(Field& field, Value mask)
+{
+    SCHEDULE_POINT();
+    AtomicAnd(field, static_cast<Field>(mask));
 }
 
 // Counts one more user unless the last one is gone: a count that fell to 0 never rises again.

@@ -118,8 +118,7 @@ void ResetPrefixes(UCHAR ucUsage, USHORT usReleased)
 {
     bool bUsed = !IsPrefixUsage(ucUsage) && usReleased == 1 && ReadShared(Globals.ulPrefixReleased) != 0;
     if (bUsed || ReadShared(Globals.ulPrefixUnmatched) != 0) {
-        __atomic_fetch_and(&Globals.ulModifierFlags, ~static_cast<ULONG>(MODIFIER_PREFIXES),
-                           __ATOMIC_ACQ_REL);
+        AndShared(Globals.ulModifierFlags, ~static_cast<ULONG>(MODIFIER_PREFIXES));
         WriteShared(Globals.ulPrefixReleased, 0u);
         WriteShared(Globals.ulPrefixUnmatched, 0u);
     }

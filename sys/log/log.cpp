@@ -138,8 +138,8 @@ void LogWrite(UCHAR ucLevel, ULONG, UCHAR ucTimestamp, const char* pszText)
 }
 
 // IRQL any. Lock: takes LogLock.
-__attribute__((noinline)) static void FormatAndWrite(UCHAR ucLevel, UCHAR ucTimestamp, const char* pszFormat,
-                                                     va_list arguments)
+NOINLINE static void FormatAndWrite(UCHAR ucLevel, UCHAR ucTimestamp, const char* pszFormat,
+                                    va_list arguments)
 {
     char szMessage[MESSAGE_BYTES];
     RtlZeroMemory(szMessage, sizeof(szMessage)); // a failed conversion leaves a gap
@@ -177,8 +177,7 @@ void LogPrintf(UCHAR ucLevel, UCHAR ucTimestamp, const char* pszFormat, ...)
 
 // One line of at most 16 bytes under its title and range.
 // IRQL any. Lock: takes LogLock.
-__attribute__((noinline)) static void DumpGroup(const char* pszTitle, ULONG ulFirst, ULONG ulCount,
-                                                const UCHAR* pBuf)
+NOINLINE static void DumpGroup(const char* pszTitle, ULONG ulFirst, ULONG ulCount, const UCHAR* pBuf)
 {
     static const char Digits[] = "0123456789abcdef";
     char szLine[DUMP_LINE_BYTES];

@@ -4,6 +4,8 @@
 // ulLogLevel (10: only level 10). Level and buffer are tested before anything is formatted.
 #pragma once
 
+#include "driver/compiler.h"
+
 #include <kernel.h>
 
 enum : UCHAR { LOG_TRAFFIC = 1, LOG_DETAIL = 3 };
@@ -13,15 +15,13 @@ enum : ULONG {
 };
 
 // log.cpp: IRQL any. Lock: takes LogLock, the leaf. Fails: never; a full buffer drops the text.
-void LogPrintf(UCHAR ucLevel, UCHAR ucTimestamp, const char* pszFormat, ...)
-    __attribute__((format(printf, 3, 4)));
+void LogPrintf(UCHAR ucLevel, UCHAR ucTimestamp, const char* pszFormat, ...) PRINTF_LIKE(3, 4);
 void LogHexDump(const char* pszTitle, ULONG ulLen, const void* pBuf);
 void LogWrite(UCHAR ucLevel, ULONG ulReserved, UCHAR ucTimestamp, const char* pszText);
 bool IsLogOn(UCHAR ucLevel); // would a message of this level be kept?
 
 // format.cpp: as the platform's bounded printf: IRQL any (no %S above PASSIVE).
-NTSTATUS LogFormat(char* pszOut, size_t cbOut, const char* pszFormat, ...)
-    __attribute__((format(printf, 3, 4)));
+NTSTATUS LogFormat(char* pszOut, size_t cbOut, const char* pszFormat, ...) PRINTF_LIKE(3, 4);
 
 // drain.cpp: IRQL = PASSIVE. The drain appends the text to the log file and empties the buffer.
 void InitializeLog(); // at driver entry, on zeroed state
