@@ -166,17 +166,17 @@ NTSTATUS HostSendPower(PDEVICE_OBJECT pInStack, UCHAR ucMinor)
     return SendToStack(pInStack, location);
 }
 
-HANDLE HostCreateEvent(bool bManualReset)
+HANDLE HostCreateEvent(bool bManualReset, ACCESS_MASK rights)
 {
     PKEVENT pEvent = static_cast<PKEVENT>(HostNewObject(HostKindEvent, sizeof(KEVENT), nullptr));
     KeInitializeEvent(pEvent, bManualReset ? NotificationEvent : SynchronizationEvent, FALSE);
-    return HostNewHandle(pEvent, true);
+    return HostNewHandle(pEvent, true, rights);
 }
 
 static PKEVENT EventOf(HANDLE h)
 {
     NTSTATUS status;
-    PKEVENT pEvent = static_cast<PKEVENT>(HostFromHandle(h, HostKindEvent, &status));
+    PKEVENT pEvent = static_cast<PKEVENT>(HostFromHandle(h, HostKindEvent, 0, &status));
     if (pEvent == nullptr) {
         HostBug("BAD_EVENT_HANDLE", "handle %p is no open event", h);
     }

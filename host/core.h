@@ -50,8 +50,9 @@ HostObject* HostObjectOf(void* pBody, const char* pCall); // checks that the obj
 void HostReference(void* pBody);                 // the host's own references: not in a driver's ledger
 long HostDereference(void* pBody);               // what is left
 void HostForgetSecurity(PDEVICE_OBJECT pDevice); // security.cpp
-HANDLE HostNewHandle(void* pBody, bool bUser);   // takes over a reference
-void* HostFromHandle(HANDLE h, HostKind kind, NTSTATUS* pStatus); // borrowed
+ACCESS_MASK HostRightsOf(HostKind kind, ACCESS_MASK desired);      // generic rights become the kind's own
+HANDLE HostNewHandle(void* pBody, bool bUser, ACCESS_MASK rights); // takes over a reference
+void* HostFromHandle(HANDLE h, HostKind kind, ACCESS_MASK needed, NTSTATUS* pStatus); // borrowed
 const char* HostKindName(HostKind kind);
 unsigned HostAuditObjects(PDRIVER_OBJECT pDriver);
 
@@ -89,6 +90,7 @@ struct _KTHREAD {
     std::vector<const void*> Mutexes; // that it owns
     unsigned uOnStack;                // requests under way whose event or status block lies on its stack
     PDRIVER_OBJECT pWorkOf;           // a worker: whose work routine runs
+    PDRIVER_OBJECT pTells;            // to whose callback it brings a notification
     PDRIVER_OBJECT pDriver;           // whose code runs
     PIRP pRequest;                    // the application's request that this thread waits for
 };
@@ -193,6 +195,7 @@ void HostCheckNoStackObjects(PKTHREAD pThread, const void* pReturned); // a rout
 unsigned HostAuditNames(PDRIVER_OBJECT pDriver);
 unsigned HostAuditPnp(PDRIVER_OBJECT pDriver);
 void HostForgetDevice(PDEVICE_OBJECT pDevice); // its properties
+void HostAwaitNotifications(PDRIVER_OBJECT pDriver);
 void HostDropPnp();
 void HostTargetEvent(PDEVICE_OBJECT pDevice, const GUID& event);
 
@@ -276,9 +279,10 @@ struct HostState {
         void* pBody;
         PDRIVER_OBJECT pOwner;
         bool bUser;
+        ACCESS_MASK Rights;
     };
     std::map<ULONG_PTR, HandleEntry> Handles;
-    ULONG_PTR ulNextHandle = 4;
+    ULONG_PTR ulNextHandle = 4;                                  // or HostOptions::ulFirstHandle
     std::map<std::pair<PDRIVER_OBJECT, void*>, long> References; // each driver's balance
 
     std::map<HostText, HostName> Names;
@@ -289,6 +293,7 @@ struct HostState {
     KSPIN_LOCK CancelLock = 0;
     HostKey Registry;
     std::string RegistryOnDisk; // .reg text as of the last flush; empty: as it was at the start
+    std::vector<struct FileBody*> OpenFiles;
 
     std::string FailKind;
     unsigned uFailNth = 0;

@@ -41,6 +41,7 @@ void HostStart(const HostOptions& options)
     g->ullGeneration = ++ullGeneration;
     g->Options = options;
     g->bThreaded = options.Mode == HostThreaded;
+    g->ulNextHandle = options.ulFirstHandle;
     InitializeListHead(&g->DpcQueue);
     InitializeListHead(&g->Requests);
     HostSeedSchedule(g->bThreaded ? 0 : options.Seed);
@@ -179,6 +180,7 @@ unsigned HostUnloadDriver(PDRIVER_OBJECT pDriver)
         HostDriverScope scope(pDriver, "the unload routine");
         pDriver->DriverUnload(pDriver);
     }
+    HostAwaitNotifications(pDriver);
     pHost->bGone = true;
     __atomic_or_fetch(&pDriver->Flags, HOST_DRIVER_GONE, __ATOMIC_RELAXED);
     uLeaks += Audit(pDriver);

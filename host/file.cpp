@@ -5,36 +5,34 @@
 //   \??\/abs/x                                              the host's own path
 //
 // Names are tried as they stand, then without case. Reads and writes without an offset go on where the last
-// one ended.
-#include "core.h"
+// one ended. Who else may have the file open is told in sharing.cpp.
+#include "file.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
 #include <strings.h>
-#include <sys/stat.h>
 #include <unistd.h>
-
-struct FileBody {
-    int iFd;
-    LONGLONG llPosition;
-    bool bAppendOnly;
-    bool bDeleteOnClose;
-    char* pPath;
-};
 
 static void DestroyFile(void* p)
 {
     FileBody* pFile = static_cast<FileBody*>(p);
+    bool bLast = true;
+    {
+        HostLock lock(g->Lock);
+        g->OpenFiles.erase(std::find(g->OpenFiles.begin(), g->OpenFiles.end(), pFile));
+        HostForEachOpen(pFile, [&](FileBody*) { bLast = false; });
+    }
     close(pFile->iFd);
-    if (pFile->bDeleteOnClose) {
+    if (pFile->bDelete && bLast) {
         unlink(pFile->pPath);
     }
     free(pFile->pPath);
 }
 
-static NTSTATUS StatusOfErrno(int iError)
+NTSTATUS HostStatusOfErrno(int iError)
 {
     switch (iError) {
     case ENOENT:
@@ -57,7 +55,7 @@ static NTSTATUS StatusOfErrno(int iError)
 }
 
 // One step down: the name as it stands, or one that differs in case only.
-static std::string Child(const std::string& folder, const std::string& name)
+std::string HostFileIn(const std::string& folder, const std::string& name)
 {
     std::string exact = folder + "/" + name;
     if (access(exact.c_str(), F_OK) == 0) {
@@ -76,7 +74,7 @@ static std::string Child(const std::string& folder, const std::string& name)
     return found;
 }
 
-static NTSTATUS MapPath(const HostText& name, std::string* pPath)
+NTSTATUS HostMapPath(const HostText& name, std::string* pPath)
 {
     std::string path = HostUtf8(name);
     std::string upper = HostUtf8(HostCanonicalName(name));
@@ -87,7 +85,7 @@ static NTSTATUS MapPath(const HostText& name, std::string* pPath)
         return STATUS_SUCCESS;
     }
     if (upper.compare(0, 12, "\\SYSTEMROOT\\") == 0) {
-        mapped = Child(mapped, "Windows");
+        mapped = HostFileIn(mapped, "Windows");
         rest = path.substr(12);
     } else if (upper.size() > 7 && upper.compare(0, 4, "\\??\\") == 0 && upper.compare(5, 2, ":\\") == 0) {
         rest = path.substr(path.find(":\\") + 2);
@@ -104,75 +102,111 @@ static NTSTATUS MapPath(const HostText& name, std::string* pPath)
         if (piece == "..") {
             return STATUS_OBJECT_NAME_INVALID;
         }
-        mapped = piece.empty() ? mapped : Child(mapped, piece);
+        mapped = piece.empty() ? mapped : HostFileIn(mapped, piece);
     }
     *pPath = mapped;
     return STATUS_SUCCESS;
 }
 
-static int OpenFlags(ACCESS_MASK access, ULONG ulDisposition, bool bExists)
+static bool IsOverwritten(ULONG ulDisposition)
 {
-    bool bWrite = access & (GENERIC_WRITE | GENERIC_ALL | FILE_WRITE_DATA | FILE_APPEND_DATA);
-    bool bRead = access & (GENERIC_READ | GENERIC_ALL | FILE_READ_DATA);
+    return ulDisposition == FILE_SUPERSEDE || ulDisposition >= FILE_OVERWRITE;
+}
+
+static int OpenFlags(ACCESS_MASK rights, ULONG ulDisposition, bool bExists)
+{
+    bool bWrite = rights & (FILE_WRITE_DATA | FILE_APPEND_DATA);
+    bool bRead = rights & FILE_READ_DATA;
     int iFlags = bWrite ? (bRead ? O_RDWR : O_WRONLY) : O_RDONLY;
     if (!bExists) {
         iFlags |= O_CREAT | O_EXCL;
-    } else if (ulDisposition == FILE_SUPERSEDE || ulDisposition >= FILE_OVERWRITE) {
+    } else if (IsOverwritten(ulDisposition)) {
         iFlags |= O_TRUNC | (bWrite ? 0 : O_RDWR);
     }
     return iFlags | O_CLOEXEC;
 }
 
+// Opens or makes the file if nobody else's open stands against it.
+// Lock: held.
+static NTSTATUS OpenFile(const std::string& path, FileBody* pFile, ULONG ulDisposition,
+                         ULONG_PTR* pInformation)
+{
+    struct stat info;
+    bool bExists = stat(path.c_str(), &info) == 0;
+    bool bMustExist = ulDisposition == FILE_OPEN || ulDisposition == FILE_OVERWRITE;
+    if ((bExists && ulDisposition == FILE_CREATE) || (!bExists && bMustExist)) {
+        *pInformation = bExists ? FILE_EXISTS : FILE_DOES_NOT_EXIST;
+        return bExists ? STATUS_OBJECT_NAME_COLLISION : HostStatusOfErrno(errno);
+    }
+    if (bExists && S_ISDIR(info.st_mode)) {
+        return STATUS_FILE_IS_A_DIRECTORY;
+    }
+    if (bExists) {
+        ACCESS_MASK used = pFile->Rights | (IsOverwritten(ulDisposition) ? FILE_WRITE_DATA : 0);
+        NTSTATUS status = HostCheckSharing(info, used, pFile->ulShare);
+        if (!NT_SUCCESS(status)) {
+            return status;
+        }
+    }
+    pFile->iFd = open(path.c_str(), OpenFlags(pFile->Rights, ulDisposition, bExists), 0644);
+    if (pFile->iFd < 0 || fstat(pFile->iFd, &info) != 0) {
+        return errno == ENOENT ? STATUS_OBJECT_PATH_NOT_FOUND : HostStatusOfErrno(errno);
+    }
+    pFile->Device = info.st_dev;
+    pFile->Node = info.st_ino;
+    pFile->pPath = strdup(path.c_str());
+    *pInformation = !bExists                          ? FILE_CREATED
+                    : ulDisposition == FILE_SUPERSEDE ? FILE_SUPERSEDED
+                    : ulDisposition >= FILE_OVERWRITE ? FILE_OVERWRITTEN
+                                                      : FILE_OPENED;
+    return STATUS_SUCCESS;
+}
+
 NTSTATUS ZwCreateFile(PHANDLE pHandle, ACCESS_MASK access, POBJECT_ATTRIBUTES pAttributes,
-                      PIO_STATUS_BLOCK pStatus, PLARGE_INTEGER, ULONG, ULONG, ULONG ulDisposition, ULONG,
-                      PVOID, ULONG)
+                      PIO_STATUS_BLOCK pStatus, PLARGE_INTEGER, ULONG, ULONG ulShare, ULONG ulDisposition,
+                      ULONG ulOptions, PVOID, ULONG)
 {
     HostEnter(__func__, PASSIVE_LEVEL);
     if (HostShouldFail("file")) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     std::string path;
-    NTSTATUS status = MapPath(HostTextOf(pAttributes->ObjectName), &path);
+    NTSTATUS status = HostMapPath(HostTextOf(pAttributes->ObjectName), &path);
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    struct stat info;
-    bool bExists = stat(path.c_str(), &info) == 0;
-    bool bMustExist = ulDisposition == FILE_OPEN || ulDisposition == FILE_OVERWRITE;
-    if ((bExists && ulDisposition == FILE_CREATE) || (!bExists && bMustExist)) {
-        pStatus->Information = bExists ? FILE_EXISTS : FILE_DOES_NOT_EXIST;
-        return bExists ? STATUS_OBJECT_NAME_COLLISION : StatusOfErrno(errno);
+    FileBody file = {};
+    file.Rights = HostRightsOf(HostKindDiskFile, access);
+    file.ulShare = ulShare;
+    file.bSynchronous = ulOptions & (FILE_SYNCHRONOUS_IO_ALERT | FILE_SYNCHRONOUS_IO_NONALERT);
+    FileBody* pFile;
+    {
+        HostLock lock(g->Lock);
+        status = OpenFile(path, &file, ulDisposition, &pStatus->Information);
+        if (!NT_SUCCESS(status)) {
+            return status;
+        }
+        pFile = static_cast<FileBody*>(HostNewObject(HostKindDiskFile, sizeof(FileBody), DestroyFile));
+        *pFile = file;
+        g->OpenFiles.push_back(pFile);
     }
-    if (bExists && S_ISDIR(info.st_mode)) {
-        return STATUS_FILE_IS_A_DIRECTORY;
-    }
-    int iFd = open(path.c_str(), OpenFlags(access, ulDisposition, bExists), 0644);
-    if (iFd < 0) {
-        return errno == ENOENT ? STATUS_OBJECT_PATH_NOT_FOUND : StatusOfErrno(errno);
-    }
-    FileBody* pFile = static_cast<FileBody*>(HostNewObject(HostKindDiskFile, sizeof(FileBody), DestroyFile));
-    bool bAppend = (access & FILE_APPEND_DATA) && !(access & (FILE_WRITE_DATA | GENERIC_WRITE | GENERIC_ALL));
-    *pFile = {iFd, 0, bAppend, false, strdup(path.c_str())};
-    *pHandle = HostNewHandle(pFile, false);
+    *pHandle = HostNewHandle(pFile, false, access);
     pStatus->Status = STATUS_SUCCESS;
-    pStatus->Information = !bExists                          ? FILE_CREATED
-                           : ulDisposition == FILE_SUPERSEDE ? FILE_SUPERSEDED
-                           : ulDisposition >= FILE_OVERWRITE ? FILE_OVERWRITTEN
-                                                             : FILE_OPENED;
     return STATUS_SUCCESS;
 }
 
-static FileBody* Begin(HANDLE h, const char* pCall, const char* pKind, NTSTATUS* pStatus)
+FileBody* HostBeginOnFile(HANDLE h, const char* pCall, const char* pKind, ACCESS_MASK needed,
+                          NTSTATUS* pStatus)
 {
     HostEnter(pCall, PASSIVE_LEVEL);
     if (HostShouldFail(pKind)) {
         *pStatus = STATUS_INSUFFICIENT_RESOURCES;
         return nullptr;
     }
-    return static_cast<FileBody*>(HostFromHandle(h, HostKindDiskFile, pStatus));
+    return static_cast<FileBody*>(HostFromHandle(h, HostKindDiskFile, needed, pStatus));
 }
 
-static NTSTATUS End(PIO_STATUS_BLOCK pStatus, NTSTATUS status, ULONG_PTR ulInformation)
+NTSTATUS HostEndOnFile(PIO_STATUS_BLOCK pStatus, NTSTATUS status, ULONG_PTR ulInformation)
 {
     pStatus->Status = status;
     pStatus->Information = ulInformation;
@@ -183,7 +217,7 @@ NTSTATUS ZwReadFile(HANDLE h, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_STATUS_BLOCK p
                     ULONG ulLength, PLARGE_INTEGER pOffset, PULONG)
 {
     NTSTATUS status;
-    FileBody* pFile = Begin(h, __func__, "read", &status);
+    FileBody* pFile = HostBeginOnFile(h, __func__, "read", FILE_READ_DATA, &status);
     if (pFile == nullptr) {
         return status;
     }
@@ -191,131 +225,46 @@ NTSTATUS ZwReadFile(HANDLE h, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_STATUS_BLOCK p
         ulLength /= 2;
     }
     bool bHere = pOffset == nullptr || pOffset->QuadPart == -2;
+    if (bHere && !pFile->bSynchronous) {
+        return STATUS_INVALID_PARAMETER; // only such a file has a position
+    }
     LONGLONG llAt = bHere ? pFile->llPosition : pOffset->QuadPart;
     ssize_t got = pread(pFile->iFd, pBuffer, ulLength, llAt);
     if (got < 0) {
-        return End(pStatus, StatusOfErrno(errno), 0);
+        return HostEndOnFile(pStatus, HostStatusOfErrno(errno), 0);
     }
     if (got == 0 && ulLength != 0) {
-        return End(pStatus, STATUS_END_OF_FILE, 0);
+        return HostEndOnFile(pStatus, STATUS_END_OF_FILE, 0);
     }
     pFile->llPosition = llAt + got;
-    return End(pStatus, STATUS_SUCCESS, static_cast<ULONG_PTR>(got));
+    return HostEndOnFile(pStatus, STATUS_SUCCESS, static_cast<ULONG_PTR>(got));
 }
 
 NTSTATUS ZwWriteFile(HANDLE h, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_STATUS_BLOCK pStatus, PVOID pBuffer,
                      ULONG ulLength, PLARGE_INTEGER pOffset, PULONG)
 {
     NTSTATUS status;
-    FileBody* pFile = Begin(h, __func__, "write", &status);
+    FileBody* pFile = HostBeginOnFile(h, __func__, "write", 0, &status);
     if (pFile == nullptr) {
         return status;
     }
+    if (!(pFile->Rights & (FILE_WRITE_DATA | FILE_APPEND_DATA))) {
+        return STATUS_ACCESS_DENIED;
+    }
     bool bHere = pOffset == nullptr || pOffset->QuadPart == -2;
+    if (bHere && !pFile->bSynchronous) {
+        return STATUS_INVALID_PARAMETER;
+    }
     LONGLONG llAt = bHere ? pFile->llPosition : pOffset->QuadPart;
-    if (pFile->bAppendOnly || (!bHere && llAt == -1)) {
+    if (!(pFile->Rights & FILE_WRITE_DATA) || (!bHere && llAt == -1)) {
         llAt = lseek(pFile->iFd, 0, SEEK_END);
     }
     ssize_t put = pwrite(pFile->iFd, pBuffer, ulLength, llAt);
     if (put < 0) {
-        return End(pStatus, StatusOfErrno(errno), 0);
+        return HostEndOnFile(pStatus, HostStatusOfErrno(errno), 0);
     }
     pFile->llPosition = llAt + put;
-    return End(pStatus, STATUS_SUCCESS, static_cast<ULONG_PTR>(put));
-}
-
-NTSTATUS ZwQueryInformationFile(HANDLE h, PIO_STATUS_BLOCK pStatus, PVOID pBuffer, ULONG ulLength,
-                                FILE_INFORMATION_CLASS infoClass)
-{
-    NTSTATUS status;
-    FileBody* pFile = Begin(h, __func__, "fileinfo", &status);
-    if (pFile == nullptr) {
-        return status;
-    }
-    if (infoClass == FilePositionInformation && ulLength >= sizeof(FILE_POSITION_INFORMATION)) {
-        static_cast<PFILE_POSITION_INFORMATION>(pBuffer)->CurrentByteOffset.QuadPart = pFile->llPosition;
-        return End(pStatus, STATUS_SUCCESS, sizeof(FILE_POSITION_INFORMATION));
-    }
-    if (infoClass != FileStandardInformation) {
-        return End(pStatus,
-                   infoClass == FilePositionInformation ? STATUS_INFO_LENGTH_MISMATCH
-                                                        : STATUS_INVALID_INFO_CLASS,
-                   0);
-    }
-    struct stat info;
-    if (ulLength < sizeof(FILE_STANDARD_INFORMATION) || fstat(pFile->iFd, &info) != 0) {
-        return End(pStatus, STATUS_INFO_LENGTH_MISMATCH, 0);
-    }
-    PFILE_STANDARD_INFORMATION p = static_cast<PFILE_STANDARD_INFORMATION>(pBuffer);
-    *p = {};
-    p->AllocationSize.QuadPart = (info.st_size + 4095) & ~LONGLONG(4095);
-    p->EndOfFile.QuadPart = info.st_size;
-    p->NumberOfLinks = static_cast<ULONG>(info.st_nlink);
-    p->DeletePending = pFile->bDeleteOnClose;
-    return End(pStatus, STATUS_SUCCESS, sizeof(*p));
-}
-
-static NTSTATUS Rename(FileBody* pFile, const FILE_RENAME_INFORMATION* pRename)
-{
-    HostText name(reinterpret_cast<const char16_t*>(pRename->FileName),
-                  pRename->FileNameLength / sizeof(WCHAR));
-    std::string path;
-    if (name.find(u'\\') == HostText::npos) {
-        path = std::string(pFile->pPath);
-        path = Child(path.substr(0, path.find_last_of('/')), HostUtf8(name));
-    } else {
-        NTSTATUS status = MapPath(name, &path);
-        if (!NT_SUCCESS(status)) {
-            return status;
-        }
-    }
-    if (!pRename->ReplaceIfExists && access(path.c_str(), F_OK) == 0) {
-        return STATUS_OBJECT_NAME_COLLISION;
-    }
-    if (rename(pFile->pPath, path.c_str()) != 0) {
-        return StatusOfErrno(errno);
-    }
-    free(pFile->pPath);
-    pFile->pPath = strdup(path.c_str());
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS ZwSetInformationFile(HANDLE h, PIO_STATUS_BLOCK pStatus, PVOID pBuffer, ULONG ulLength,
-                              FILE_INFORMATION_CLASS infoClass)
-{
-    NTSTATUS status;
-    FileBody* pFile = Begin(h, __func__, "fileinfo", &status);
-    if (pFile == nullptr) {
-        return status;
-    }
-    switch (infoClass) {
-    case FileEndOfFileInformation:
-        status = ulLength < 8 ? STATUS_INFO_LENGTH_MISMATCH
-                 : ftruncate(pFile->iFd,
-                             static_cast<PFILE_END_OF_FILE_INFORMATION>(pBuffer)->EndOfFile.QuadPart) != 0
-                     ? StatusOfErrno(errno)
-                     : STATUS_SUCCESS;
-        break;
-    case FilePositionInformation:
-        status = ulLength < 8 ? STATUS_INFO_LENGTH_MISMATCH : STATUS_SUCCESS;
-        if (ulLength >= 8) {
-            pFile->llPosition = static_cast<PFILE_POSITION_INFORMATION>(pBuffer)->CurrentByteOffset.QuadPart;
-        }
-        break;
-    case FileDispositionInformation:
-        pFile->bDeleteOnClose = static_cast<PFILE_DISPOSITION_INFORMATION>(pBuffer)->DeleteFile;
-        break;
-    case FileRenameInformation: {
-        const FILE_RENAME_INFORMATION* pRename = static_cast<PFILE_RENAME_INFORMATION>(pBuffer);
-        size_t head = offsetof(FILE_RENAME_INFORMATION, FileName);
-        status = ulLength < head || ulLength - head < pRename->FileNameLength ? STATUS_INFO_LENGTH_MISMATCH
-                                                                              : Rename(pFile, pRename);
-        break;
-    }
-    default:
-        status = STATUS_INVALID_INFO_CLASS;
-    }
-    return End(pStatus, status, 0);
+    return HostEndOnFile(pStatus, STATUS_SUCCESS, static_cast<ULONG_PTR>(put));
 }
 
 NTSTATUS ZwDeleteFile(POBJECT_ATTRIBUTES pAttributes)
@@ -325,9 +274,25 @@ NTSTATUS ZwDeleteFile(POBJECT_ATTRIBUTES pAttributes)
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     std::string path;
-    NTSTATUS status = MapPath(HostTextOf(pAttributes->ObjectName), &path);
+    NTSTATUS status = HostMapPath(HostTextOf(pAttributes->ObjectName), &path);
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    return unlink(path.c_str()) == 0 ? STATUS_SUCCESS : StatusOfErrno(errno);
+    HostLock lock(g->Lock);
+    struct stat info;
+    if (stat(path.c_str(), &info) != 0) {
+        return HostStatusOfErrno(errno);
+    }
+    status = HostCheckSharing(info, DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    if (HostIsFileOpen(path.c_str())) { // the name goes with the last open
+        FileBody asked = {};
+        asked.Device = info.st_dev;
+        asked.Node = info.st_ino;
+        HostForEachOpen(&asked, [](FileBody* pOpen) { pOpen->bDelete = true; });
+        return STATUS_SUCCESS;
+    }
+    return unlink(path.c_str()) == 0 ? STATUS_SUCCESS : HostStatusOfErrno(errno);
 }

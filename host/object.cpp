@@ -110,13 +110,39 @@ LONG_PTR ObfDereferenceObject(PVOID pBody)
     return HostDereference(pBody);
 }
 
-HANDLE HostNewHandle(void* pBody, bool bUser)
+// What a handle may be used for: the rights that were asked for, generic ones as those of the object's kind.
+// IRQL: any.
+ACCESS_MASK HostRightsOf(HostKind kind, ACCESS_MASK desired)
+{
+    struct Rights {
+        ACCESS_MASK Read, Write, Execute, All;
+    };
+    static const Rights PLAIN = {READ_CONTROL, READ_CONTROL, READ_CONTROL, STANDARD_RIGHTS_ALL | 0xFFFF};
+    static const Rights EVENT = {READ_CONTROL | EVENT_QUERY_STATE, READ_CONTROL | EVENT_MODIFY_STATE,
+                                 READ_CONTROL | SYNCHRONIZE, EVENT_ALL_ACCESS};
+    static const Rights KEY = {KEY_READ, KEY_WRITE, KEY_READ, KEY_ALL_ACCESS};
+    static const Rights FILE_ON_DISK = {FILE_GENERIC_READ, FILE_GENERIC_WRITE, FILE_GENERIC_EXECUTE,
+                                        FILE_ALL_ACCESS};
+    const Rights& rights = kind == HostKindEvent      ? EVENT
+                           : kind == HostKindKey      ? KEY
+                           : kind == HostKindDiskFile ? FILE_ON_DISK
+                                                      : PLAIN;
+    ACCESS_MASK granted = desired & ~(GENERIC_READ | GENERIC_WRITE | GENERIC_EXECUTE | GENERIC_ALL);
+    granted |= desired & GENERIC_READ ? rights.Read : 0;
+    granted |= desired & GENERIC_WRITE ? rights.Write : 0;
+    granted |= desired & GENERIC_EXECUTE ? rights.Execute : 0;
+    granted |= desired & GENERIC_ALL ? rights.All : 0;
+    return granted;
+}
+
+HANDLE HostNewHandle(void* pBody, bool bUser, ACCESS_MASK rights)
 {
     PDRIVER_OBJECT pDriver = HostSelf()->pDriver;
+    rights = HostRightsOf(HostObjectOf(pBody, "a new handle")->Kind, rights);
     HostLock lock(g->Lock);
     ULONG_PTR ulHandle = g->ulNextHandle;
     g->ulNextHandle += 4;
-    g->Handles[ulHandle] = {pBody, pDriver, bUser};
+    g->Handles[ulHandle] = {pBody, pDriver, bUser, rights};
     return reinterpret_cast<HANDLE>(ulHandle);
 }
 
@@ -128,9 +154,10 @@ static void CheckHandleUse(bool bUserAsKernel, const char* pCall)
     }
 }
 
-// The object behind a handle, as long as the handle stays open.
-// Lock: takes Lock. Fails: no such handle, another kind.
-void* HostFromHandle(HANDLE h, HostKind kind, NTSTATUS* pStatus)
+// The object behind a handle, as long as the handle stays open. The platform looks at a handle's rights only
+// for applications; here a driver, too, asks for what it needs.
+// Lock: takes Lock. Fails: no such handle, another kind, a right that was not asked for.
+void* HostFromHandle(HANDLE h, HostKind kind, ACCESS_MASK needed, NTSTATUS* pStatus)
 {
     HostLock lock(g->Lock);
     auto it = g->Handles.find(reinterpret_cast<ULONG_PTR>(h));
@@ -140,15 +167,17 @@ void* HostFromHandle(HANDLE h, HostKind kind, NTSTATUS* pStatus)
     }
     CheckHandleUse(it->second.bUser, "a system call");
     void* pBody = it->second.pBody;
-    bool bRight = HostObjectOf(pBody, "a handle")->Kind == kind;
-    *pStatus = bRight ? STATUS_SUCCESS : STATUS_OBJECT_TYPE_MISMATCH;
-    return bRight ? pBody : nullptr;
+    *pStatus = HostObjectOf(pBody, "a handle")->Kind != kind ? STATUS_OBJECT_TYPE_MISMATCH
+               : needed & ~it->second.Rights                 ? STATUS_ACCESS_DENIED
+                                                             : STATUS_SUCCESS;
+    return NT_SUCCESS(*pStatus) ? pBody : nullptr;
 }
 
-NTSTATUS ObReferenceObjectByHandle(HANDLE h, ACCESS_MASK, POBJECT_TYPE pType, KPROCESSOR_MODE mode,
+NTSTATUS ObReferenceObjectByHandle(HANDLE h, ACCESS_MASK desired, POBJECT_TYPE pType, KPROCESSOR_MODE mode,
                                    PVOID* ppBody, POBJECT_HANDLE_INFORMATION pInformation)
 {
     HostEnter(__func__, PASSIVE_LEVEL);
+    ACCESS_MASK rights;
     *ppBody = nullptr;
     if (HostShouldFail("handle")) {
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -164,12 +193,16 @@ NTSTATUS ObReferenceObjectByHandle(HANDLE h, ACCESS_MASK, POBJECT_TYPE pType, KP
         if (pType != nullptr && pObject->Kind != pType->Kind) {
             return STATUS_OBJECT_TYPE_MISMATCH;
         }
+        rights = it->second.Rights;
+        if (HostRightsOf(pObject->Kind, desired) & ~rights) {
+            return STATUS_ACCESS_DENIED;
+        }
         HostReference(it->second.pBody);
         *ppBody = it->second.pBody;
     }
     Book(*ppBody, 1);
     if (pInformation != nullptr) {
-        *pInformation = {0, GENERIC_ALL};
+        *pInformation = {0, rights};
     }
     return STATUS_SUCCESS;
 }

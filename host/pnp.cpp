@@ -1,7 +1,9 @@
 // pnp.cpp - device interfaces, notifications, device properties.
 //
 // Arrivals and removals are delivered one at a time by a worker at PASSIVE_LEVEL. Interfaces that exist
-// when a driver registers with INCLUDE_EXISTING_INTERFACES are told within the registration.
+// when a driver registers with INCLUDE_EXISTING_INTERFACES are told within the registration. The platform lets
+// a callback run after its registration was taken back; HostOptions::bLateNotifications has it happen. The
+// driver's code stays until then.
 #include "core.h"
 
 #include <algorithm>
@@ -34,7 +36,8 @@ struct Notification {
     PDRIVER_NOTIFICATION_CALLBACK_ROUTINE pRoutine;
     PVOID pContext;
     PKTHREAD pRunning; // the thread that delivers to it right now
-    bool bGone;
+    bool bGone;        // nothing is delivered any more
+    bool bRegistered;  // the registration has returned
 };
 
 struct Delivery {
@@ -92,23 +95,35 @@ static void EndDelivery(Notification* pTo)
     pTo->pRunning = nullptr;
 }
 
+static void Tell(const Delivery& delivery)
+{
+    if (BeginDelivery(delivery.pTo.get())) {
+        PKTHREAD pSelf = HostSelf();
+        PDRIVER_OBJECT pBefore = pSelf->pTells;
+        pSelf->pTells = delivery.pTo->pDriver;
+        Deliver(delivery);
+        pSelf->pTells = pBefore;
+        EndDelivery(delivery.pTo.get());
+    }
+}
+
 static void DeliverAll()
 {
+    PKTHREAD pSelf = HostSelf();
     for (;;) {
         Delivery delivery;
         {
             HostLock lock(g->Lock);
+            pSelf->pTells = nullptr;
             if (Deliveries.empty()) {
                 bDelivering = false;
                 return;
             }
             delivery = Deliveries.front();
             Deliveries.pop_front();
+            pSelf->pTells = delivery.pTo->pDriver; // from here on no unload overtakes it
         }
-        if (BeginDelivery(delivery.pTo.get())) {
-            Deliver(delivery);
-            EndDelivery(delivery.pTo.get());
-        }
+        Tell(delivery);
     }
 }
 
@@ -246,7 +261,7 @@ NTSTATUS IoRegisterPlugPlayNotification(IO_NOTIFICATION_EVENT_CATEGORY category,
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     auto pNotification = std::make_shared<Notification>(
-        Notification{category, {}, nullptr, pDriver, pRoutine, pContext, HostSelf(), false});
+        Notification{category, {}, nullptr, pDriver, pRoutine, pContext, HostSelf(), false, false});
     std::deque<Delivery> existing;
     {
         HostLock lock(g->Lock);
@@ -269,10 +284,13 @@ NTSTATUS IoRegisterPlugPlayNotification(IO_NOTIFICATION_EVENT_CATEGORY category,
         Deliver(delivery);
     }
     EndDelivery(pNotification.get());
+    HostLock lock(g->Lock);
+    pNotification->bRegistered = true;
     return STATUS_SUCCESS;
 }
 
-// After the return the callback does not run and will not run again.
+// After the return the callback does not run and will not run again; with late notifications what was queued
+// before, and what runs, is still told. A callback may take its own registration back once it was given.
 NTSTATUS IoUnregisterPlugPlayNotification(PVOID pEntry)
 {
     HostEnter(__func__, PASSIVE_LEVEL);
@@ -285,8 +303,16 @@ NTSTATUS IoUnregisterPlugPlayNotification(PVOID pEntry)
             HostBug("NOTIFICATION_NOT_REGISTERED", "IoUnregisterPlugPlayNotification of an unknown entry");
         }
         pNotification = *it;
-        pNotification->bGone = true;
+        if (!pNotification->bRegistered) {
+            HostBug(
+                "NOTIFICATION_NOT_REGISTERED",
+                "a callback takes its registration back before IoRegisterPlugPlayNotification has returned");
+        }
+        pNotification->bGone = !g->Options.bLateNotifications;
         Notifications.erase(it);
+        if (g->Options.bLateNotifications) {
+            return STATUS_SUCCESS;
+        }
     }
     for (;;) {
         {
@@ -295,6 +321,27 @@ NTSTATUS IoUnregisterPlugPlayNotification(PVOID pEntry)
                 return STATUS_SUCCESS;
             }
         }
+        Pause();
+    }
+}
+
+static bool IsTold(PDRIVER_OBJECT pDriver)
+{
+    HostLock lock(g->Lock);
+    for (PKTHREAD pThread : g->Threads) {
+        if (pThread->pTells == pDriver && pThread != HostSelf()) {
+            return true;
+        }
+    }
+    return std::any_of(Deliveries.begin(), Deliveries.end(),
+                       [=](const Delivery& delivery) { return delivery.pTo->pDriver == pDriver; });
+}
+
+// A driver's code stays until the last late notification has come back from it.
+// IRQL: PASSIVE_LEVEL.
+void HostAwaitNotifications(PDRIVER_OBJECT pDriver)
+{
+    while (g->Options.bLateNotifications && IsTold(pDriver)) {
         Pause();
     }
 }
@@ -313,10 +360,7 @@ void HostTargetEvent(PDEVICE_OBJECT pDevice, const GUID& event)
         }
     }
     for (const Delivery& delivery : deliveries) {
-        if (BeginDelivery(delivery.pTo.get())) {
-            Deliver(delivery);
-            EndDelivery(delivery.pTo.get());
-        }
+        Tell(delivery);
     }
 }
 

@@ -40,7 +40,8 @@ HostKey* HostFindKey(const HostText& path, bool bCreate, bool* pbCreated)
     return pKey;
 }
 
-static NTSTATUS OpenKey(PHANDLE pHandle, POBJECT_ATTRIBUTES pAttributes, bool bCreate, bool* pbCreated)
+static NTSTATUS OpenKey(PHANDLE pHandle, ACCESS_MASK desired, POBJECT_ATTRIBUTES pAttributes, bool bCreate,
+                        bool* pbCreated)
 {
     if (HostShouldFail("key")) {
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -62,31 +63,31 @@ static NTSTATUS OpenKey(PHANDLE pHandle, POBJECT_ATTRIBUTES pAttributes, bool bC
     }
     KeyBody* pBody = static_cast<KeyBody*>(HostNewObject(HostKindKey, sizeof(KeyBody), DestroyKeyBody));
     pBody->pKey = pKey;
-    *pHandle = HostNewHandle(pBody, false);
+    *pHandle = HostNewHandle(pBody, false, desired);
     return STATUS_SUCCESS;
 }
 
-NTSTATUS ZwCreateKey(PHANDLE pHandle, ACCESS_MASK, POBJECT_ATTRIBUTES pAttributes, ULONG, PUNICODE_STRING,
-                     ULONG, PULONG pulDisposition)
+NTSTATUS ZwCreateKey(PHANDLE pHandle, ACCESS_MASK desired, POBJECT_ATTRIBUTES pAttributes, ULONG,
+                     PUNICODE_STRING, ULONG, PULONG pulDisposition)
 {
     HostEnter(__func__, PASSIVE_LEVEL);
     bool bCreated = false;
-    NTSTATUS status = OpenKey(pHandle, pAttributes, true, &bCreated);
+    NTSTATUS status = OpenKey(pHandle, desired, pAttributes, true, &bCreated);
     if (NT_SUCCESS(status) && pulDisposition != nullptr) {
         *pulDisposition = bCreated ? REG_CREATED_NEW_KEY : REG_OPENED_EXISTING_KEY;
     }
     return status;
 }
 
-NTSTATUS ZwOpenKey(PHANDLE pHandle, ACCESS_MASK, POBJECT_ATTRIBUTES pAttributes)
+NTSTATUS ZwOpenKey(PHANDLE pHandle, ACCESS_MASK desired, POBJECT_ATTRIBUTES pAttributes)
 {
     HostEnter(__func__, PASSIVE_LEVEL);
-    return OpenKey(pHandle, pAttributes, false, nullptr);
+    return OpenKey(pHandle, desired, pAttributes, false, nullptr);
 }
 
-static HostKey* KeyOf(HANDLE h, NTSTATUS* pStatus)
+static HostKey* KeyOf(HANDLE h, ACCESS_MASK needed, NTSTATUS* pStatus)
 {
-    KeyBody* pBody = static_cast<KeyBody*>(HostFromHandle(h, HostKindKey, pStatus));
+    KeyBody* pBody = static_cast<KeyBody*>(HostFromHandle(h, HostKindKey, needed, pStatus));
     return pBody == nullptr ? nullptr : pBody->pKey;
 }
 
@@ -98,7 +99,7 @@ NTSTATUS ZwQueryValueKey(HANDLE h, PUNICODE_STRING pName, KEY_VALUE_INFORMATION_
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     NTSTATUS status;
-    HostKey* pKey = KeyOf(h, &status);
+    HostKey* pKey = KeyOf(h, KEY_QUERY_VALUE, &status);
     if (pKey == nullptr) {
         return status;
     }
@@ -134,7 +135,7 @@ NTSTATUS ZwSetValueKey(HANDLE h, PUNICODE_STRING pName, ULONG, ULONG ulType, PVO
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     NTSTATUS status;
-    HostKey* pKey = KeyOf(h, &status);
+    HostKey* pKey = KeyOf(h, KEY_SET_VALUE, &status);
     if (pKey == nullptr) {
         return status;
     }
@@ -152,7 +153,7 @@ NTSTATUS ZwFlushKey(HANDLE h)
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     NTSTATUS status;
-    if (KeyOf(h, &status) == nullptr) {
+    if (KeyOf(h, 0, &status) == nullptr) {
         return status;
     }
     std::string text = HostRegistryText(); // the whole of it, as a hive is written whole
@@ -174,7 +175,7 @@ NTSTATUS ZwDeleteValueKey(HANDLE h, PUNICODE_STRING pName)
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     NTSTATUS status;
-    HostKey* pKey = KeyOf(h, &status);
+    HostKey* pKey = KeyOf(h, KEY_SET_VALUE, &status);
     if (pKey == nullptr) {
         return status;
     }

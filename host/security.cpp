@@ -22,7 +22,7 @@ void HostForgetSecurity(PDEVICE_OBJECT pDevice)
     }
 }
 
-NTSTATUS ObOpenObjectByPointer(PVOID pBody, ULONG, struct _ACCESS_STATE*, ACCESS_MASK, POBJECT_TYPE,
+NTSTATUS ObOpenObjectByPointer(PVOID pBody, ULONG, struct _ACCESS_STATE*, ACCESS_MASK desired, POBJECT_TYPE,
                                KPROCESSOR_MODE mode, PHANDLE pHandle)
 {
     HostEnter(__func__, PASSIVE_LEVEL);
@@ -30,7 +30,7 @@ NTSTATUS ObOpenObjectByPointer(PVOID pBody, ULONG, struct _ACCESS_STATE*, ACCESS
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     HostReference(pBody);
-    *pHandle = HostNewHandle(pBody, mode == UserMode);
+    *pHandle = HostNewHandle(pBody, mode == UserMode, desired);
     return STATUS_SUCCESS;
 }
 
@@ -38,7 +38,8 @@ NTSTATUS ZwSetSecurityObject(HANDLE h, SECURITY_INFORMATION information, PSECURI
 {
     HostEnter(__func__, PASSIVE_LEVEL);
     NTSTATUS status;
-    PDEVICE_OBJECT pDevice = static_cast<PDEVICE_OBJECT>(HostFromHandle(h, HostKindDevice, &status));
+    PDEVICE_OBJECT pDevice =
+        static_cast<PDEVICE_OBJECT>(HostFromHandle(h, HostKindDevice, WRITE_DAC, &status));
     if (pDevice == nullptr) {
         return status;
     }

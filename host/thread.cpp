@@ -234,8 +234,8 @@ void KeLeaveCriticalRegion()
     HostEnter(__func__, APC_LEVEL);
 }
 
-NTSTATUS PsCreateSystemThread(PHANDLE pHandle, ULONG, POBJECT_ATTRIBUTES, HANDLE, PCLIENT_ID pClient,
-                              PKSTART_ROUTINE pRoutine, PVOID pContext)
+NTSTATUS PsCreateSystemThread(PHANDLE pHandle, ULONG ulDesired, POBJECT_ATTRIBUTES, HANDLE,
+                              PCLIENT_ID pClient, PKSTART_ROUTINE pRoutine, PVOID pContext)
 {
     HostEnter(__func__, PASSIVE_LEVEL);
     if (HostShouldFail("thread")) {
@@ -243,7 +243,7 @@ NTSTATUS PsCreateSystemThread(PHANDLE pHandle, ULONG, POBJECT_ATTRIBUTES, HANDLE
     }
     PKTHREAD pThread = HostSpawn(
         "system thread", [=] { pRoutine(pContext); }, 0, HostSelf()->pDriver);
-    *pHandle = HostNewHandle(pThread, false);
+    *pHandle = HostNewHandle(pThread, false, ulDesired);
     if (pClient != nullptr) {
         *pClient = {nullptr, pThread};
     }

@@ -26,7 +26,10 @@ struct HostOptions {
     std::string RegistryText;    // .reg text that the registry starts with
     unsigned long long Seed = 0; // simulated mode: 0, or what chooses who runs next
     std::string DroppedLock; // a spin lock or mutex that protects nothing in this run, by its field's name
-    std::string FileRoot;    // the folder that holds C:\ and \SystemRoot; empty: no such files
+    // Plug and Play notifications that were queued, or run, when a driver unregisters reach it afterwards.
+    bool bLateNotifications = false;
+    ULONG_PTR ulFirstHandle = 4; // a multiple of 4; the following handles count up from it
+    std::string FileRoot;        // the folder that holds C:\ and \SystemRoot; empty: no such files
 };
 
 // Starts the host; the calling thread becomes its first thread.
@@ -59,7 +62,7 @@ NTSTATUS HostDeviceControl(HostFile file, ULONG ulCode, const void* pIn, ULONG u
 // This thread belongs to a 32-bit process from now on.
 void HostSetCaller32(bool b32);
 
-HANDLE HostCreateEvent(bool bManualReset);
+HANDLE HostCreateEvent(bool bManualReset, ACCESS_MASK rights = EVENT_ALL_ACCESS);
 // True if the event is signalled; clears an auto-reset event.
 bool HostTakeEvent(HANDLE h);
 // STATUS_SUCCESS, STATUS_TIMEOUT, or STATUS_USER_APC after HostEndThreadWaits. A negative time: no limit.

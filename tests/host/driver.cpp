@@ -10,6 +10,23 @@ UNICODE_STRING Str(const WCHAR* pText)
     return string;
 }
 
+std::string Narrow(PCUNICODE_STRING pString)
+{
+    std::string text;
+    for (int i = 0; i < pString->Length / 2; i++) {
+        text.push_back(static_cast<char>(pString->Buffer[i]));
+    }
+    return text;
+}
+
+OBJECT_ATTRIBUTES Named(UNICODE_STRING& name)
+{
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr,
+                               nullptr);
+    return attributes;
+}
+
 NTSTATUS CompleteWith(PIRP pIrp, NTSTATUS status, ULONG_PTR ulInformation)
 {
     pIrp->IoStatus.Status = status;
@@ -57,15 +74,26 @@ NTSTATUS SmallEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING)
     return NT_SUCCESS(status) && hooks.Entry ? hooks.Entry(pDriver) : status;
 }
 
-SmallSystem::SmallSystem(HostMode mode, const std::string& registry, const std::string& root,
-                         unsigned long long ullSeed)
+static HostOptions OptionsOf(HostMode mode, const std::string& registry, const std::string& root,
+                             unsigned long long ullSeed)
 {
-    hooks = {};
     HostOptions options;
     options.Mode = mode;
     options.RegistryText = registry;
     options.FileRoot = root;
     options.Seed = ullSeed;
+    return options;
+}
+
+SmallSystem::SmallSystem(HostMode mode, const std::string& registry, const std::string& root,
+                         unsigned long long ullSeed)
+    : SmallSystem(OptionsOf(mode, registry, root, ullSeed))
+{
+}
+
+SmallSystem::SmallSystem(const HostOptions& options)
+{
+    hooks = {};
     HostStart(options);
     EXPECT_EQ(STATUS_SUCCESS, HostLoadDriver(SmallEntry, L"Small", &pDriver));
     pDevice = pDriver->DeviceObject;

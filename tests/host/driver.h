@@ -27,6 +27,8 @@ extern SmallHooks hooks;
 NTSTATUS SmallEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pPath);
 NTSTATUS CompleteWith(PIRP pIrp, NTSTATUS status, ULONG_PTR ulInformation = 0);
 UNICODE_STRING Str(const WCHAR* pText);
+std::string Narrow(PCUNICODE_STRING pString);
+OBJECT_ATTRIBUTES Named(UNICODE_STRING& name);
 
 enum : ULONG { IOCTL_SMALL = CTL_CODE(FILE_DEVICE_UNKNOWN, 0x800, METHOD_BUFFERED, FILE_ANY_ACCESS) };
 
@@ -36,6 +38,7 @@ class SmallSystem
 public:
     explicit SmallSystem(HostMode mode = HostSimulated, const std::string& registry = "",
                          const std::string& root = "", unsigned long long ullSeed = 0);
+    explicit SmallSystem(const HostOptions& options);
     ~SmallSystem();
     // Unloads and stops; the number of things left behind.
     unsigned End();

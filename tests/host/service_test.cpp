@@ -1,27 +1,8 @@
-// service_test.cpp - the services around requests: names, references, Plug and Play, registry, files.
+// service_test.cpp - the services around requests: names, references, handles, registry, strings.
 #include "driver.h"
 
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <vector>
-
-static std::string Narrow(PCUNICODE_STRING pString)
-{
-    std::string text;
-    for (int i = 0; i < pString->Length / 2; i++) {
-        text.push_back(static_cast<char>(pString->Buffer[i]));
-    }
-    return text;
-}
-
-static OBJECT_ATTRIBUTES Named(UNICODE_STRING& name)
-{
-    OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr,
-                               nullptr);
-    return attributes;
-}
 
 // --- names, references, handles
 
@@ -58,6 +39,45 @@ TEST(Objects, ADeletedDeviceStaysWhileItIsReferenced)
     ObDereferenceObject(pFile);
 }
 
+TEST(Objects, AHandleIsGoodForWhatItWasOpenedFor)
+{
+    HostOptions options;
+    options.ulFirstHandle = 0x80000000;
+    SmallSystem system(options);
+    HANDLE h = HostCreateEvent(false, EVENT_QUERY_STATE | SYNCHRONIZE);
+    EXPECT_EQ(0x80000000, reinterpret_cast<ULONG_PTR>(h));
+    PVOID pEvent;
+    auto reference = [&](ACCESS_MASK desired) {
+        return ObReferenceObjectByHandle(h, desired, *ExEventObjectType, UserMode, &pEvent, nullptr);
+    };
+    EXPECT_EQ(STATUS_ACCESS_DENIED, reference(EVENT_MODIFY_STATE));
+    EXPECT_EQ(STATUS_ACCESS_DENIED, reference(GENERIC_WRITE));
+    EXPECT_EQ(nullptr, pEvent);
+    EXPECT_EQ(STATUS_SUCCESS, reference(SYNCHRONIZE));
+    ObDereferenceObject(pEvent);
+    HostCloseHandle(h);
+    UNICODE_STRING path = Str(L"\\Registry\\Machine\\Software\\Small"), name = Str(L"Value");
+    OBJECT_ATTRIBUTES attributes = Named(path);
+    struct {
+        ACCESS_MASK Rights;
+        NTSTATUS Write, Delete, Read;
+    } const CASES[] = {
+        {KEY_ALL_ACCESS, STATUS_SUCCESS, STATUS_SUCCESS, STATUS_OBJECT_NAME_NOT_FOUND},
+        {GENERIC_ALL, STATUS_SUCCESS, STATUS_SUCCESS, STATUS_OBJECT_NAME_NOT_FOUND},
+        {KEY_WRITE, STATUS_SUCCESS, STATUS_SUCCESS, STATUS_ACCESS_DENIED},
+        {KEY_READ, STATUS_ACCESS_DENIED, STATUS_ACCESS_DENIED, STATUS_OBJECT_NAME_NOT_FOUND},
+    };
+    for (const auto& test : CASES) {
+        ULONG ulData = 1, ulLength;
+        HANDLE hKey;
+        ASSERT_EQ(STATUS_SUCCESS, ZwCreateKey(&hKey, test.Rights, &attributes, 0, nullptr, 0, nullptr));
+        EXPECT_EQ(test.Write, ZwSetValueKey(hKey, &name, 0, REG_DWORD, &ulData, sizeof(ulData)));
+        EXPECT_EQ(test.Delete, ZwDeleteValueKey(hKey, &name));
+        EXPECT_EQ(test.Read, ZwQueryValueKey(hKey, &name, KeyValuePartialInformation, nullptr, 0, &ulLength));
+        ZwClose(hKey);
+    }
+}
+
 TEST(Objects, HandlesAreCheckedByKindAndMode)
 {
     SmallSystem system;
@@ -81,73 +101,6 @@ TEST(Objects, HandlesAreCheckedByKindAndMode)
     EXPECT_EQ(1, KeReadStateEvent(static_cast<PKEVENT>(pEvent))) << "lives on without its handle";
     ObDereferenceObject(pEvent);
     ZwClose(hKey);
-}
-
-// --- Plug and Play
-
-static std::vector<std::string> told;
-static const GUID CLASS = {0x3B7E91C4, 0x5A2D, 0x4F60, {0x9C, 0x1E, 0x7D, 0x84, 0xA2, 0xF0, 0xB6, 0x13}};
-
-static NTSTATUS Tell(PVOID pRecord, PVOID pContext)
-{
-    auto pChange = static_cast<PDEVICE_INTERFACE_CHANGE_NOTIFICATION>(pRecord);
-    EXPECT_EQ(PASSIVE_LEVEL, KeGetCurrentIrql());
-    EXPECT_TRUE(pChange->InterfaceClassGuid == CLASS);
-    told.push_back(std::string(static_cast<const char*>(pContext)) +
-                   (pChange->Event == GUID_DEVICE_INTERFACE_ARRIVAL ? "+" : "-"));
-    return STATUS_SUCCESS;
-}
-
-class PnpModes : public testing::TestWithParam<HostMode>
-{
-};
-INSTANTIATE_TEST_SUITE_P(Host, PnpModes, testing::Values(HostSimulated, HostThreaded));
-
-TEST_P(PnpModes, InterfacesComeAndGoAndAreTold)
-{
-    SmallSystem system(GetParam());
-    told.clear();
-    UNICODE_STRING link;
-    PVOID pEarly, pLate;
-    auto listen = [&](ULONG ulFlags, const char* pName, PVOID* ppEntry) {
-        IoRegisterPlugPlayNotification(EventCategoryDeviceInterfaceChange, ulFlags, const_cast<GUID*>(&CLASS),
-                                       system.pDriver, Tell, const_cast<char*>(pName), ppEntry);
-    };
-    listen(0, "early", &pEarly);
-    ASSERT_EQ(STATUS_SUCCESS, IoRegisterDeviceInterface(system.pDevice, &CLASS, nullptr, &link));
-    EXPECT_NE(std::string::npos, Narrow(&link).find("{3b7e91c4-5a2d-4f60-9c1e-7d84a2f0b613}"));
-    EXPECT_EQ(STATUS_SUCCESS, IoSetDeviceInterfaceState(&link, TRUE));
-    EXPECT_EQ(STATUS_OBJECT_NAME_EXISTS, IoSetDeviceInterfaceState(&link, TRUE));
-    HostSettle();
-    listen(PNPNOTIFY_DEVICE_INTERFACE_INCLUDE_EXISTING_INTERFACES, "late", &pLate);
-    EXPECT_EQ((std::vector<std::string>{"early+", "late+"}), told);
-    PWSTR pList;
-    IoGetDeviceInterfaces(&CLASS, nullptr, 0, &pList);
-    UNICODE_STRING listed = Str(pList);
-    EXPECT_EQ(Narrow(&link), Narrow(&listed));
-    ExFreePool(pList);
-    IoUnregisterPlugPlayNotification(pEarly);
-    IoSetDeviceInterfaceState(&link, FALSE);
-    HostSettle();
-    EXPECT_EQ((std::vector<std::string>{"early+", "late+", "late-"}), told);
-    IoUnregisterPlugPlayNotification(pLate);
-    RtlFreeUnicodeString(&link);
-}
-
-TEST(Pnp, DevicePropertiesTellTheirLength)
-{
-    SmallSystem system;
-    ULONG ulLength;
-    UCHAR buffer[4];
-    EXPECT_EQ(STATUS_OBJECT_NAME_NOT_FOUND,
-              IoGetDeviceProperty(system.pDevice, DevicePropertyHardwareID, 4, buffer, &ulLength));
-    HostSetDeviceProperty(system.pDevice, DevicePropertyHardwareID, "abc", 4);
-    EXPECT_EQ(STATUS_BUFFER_TOO_SMALL,
-              IoGetDeviceProperty(system.pDevice, DevicePropertyHardwareID, 3, buffer, &ulLength));
-    EXPECT_EQ(4u, ulLength);
-    EXPECT_EQ(STATUS_SUCCESS,
-              IoGetDeviceProperty(system.pDevice, DevicePropertyHardwareID, 4, buffer, &ulLength));
-    EXPECT_EQ(0, memcmp(buffer, "abc", 4));
 }
 
 // --- registry
@@ -206,7 +159,7 @@ TEST(Registry, KeysAndValuesThroughHandles)
     EXPECT_EQ(STATUS_SUCCESS, ZwCreateKey(&h, KEY_ALL_ACCESS, &none, 0, nullptr, 0, &ulDisposition));
     EXPECT_EQ(ULONG(REG_CREATED_NEW_KEY), ulDisposition);
     ZwClose(h);
-    ASSERT_EQ(STATUS_SUCCESS, ZwOpenKey(&h, KEY_READ, &attributes));
+    ASSERT_EQ(STATUS_SUCCESS, ZwOpenKey(&h, KEY_READ | KEY_WRITE, &attributes));
     UNICODE_STRING value = Str(L"number"), other = Str(L"Other");
     UCHAR buffer[64];
     auto pPartial = reinterpret_cast<PKEY_VALUE_PARTIAL_INFORMATION>(buffer);
@@ -281,100 +234,4 @@ TEST(Registry, DirectTextIsBoundedByItsCapacity)
     EXPECT_EQ(STATUS_SUCCESS, QueryDirect(L"Text", &fresh, 0, REG_SZ, nullptr, 0));
     EXPECT_EQ(18, fresh.MaximumLength);
     RtlFreeUnicodeString(&fresh);
-}
-
-// --- files
-
-class Files : public testing::Test
-{
-protected:
-    Files() : root(std::filesystem::temp_directory_path() / ("host-files-" + std::to_string(getpid())))
-    {
-        std::filesystem::create_directories(root / "Logs");
-        std::filesystem::create_directories(root / "Windows");
-    }
-    ~Files() override { std::filesystem::remove_all(root); }
-
-    NTSTATUS Create(const WCHAR* pName, ULONG ulDisposition,
-                    ACCESS_MASK access = GENERIC_READ | GENERIC_WRITE)
-    {
-        UNICODE_STRING name = Str(pName);
-        OBJECT_ATTRIBUTES attributes = Named(name);
-        return ZwCreateFile(&h, access, &attributes, &io, nullptr, FILE_ATTRIBUTE_NORMAL, FILE_SHARE_READ,
-                            ulDisposition, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
-    }
-    NTSTATUS Write(const char* pText, LARGE_INTEGER* pOffset = nullptr)
-    {
-        return ZwWriteFile(h, nullptr, nullptr, nullptr, &io, const_cast<char*>(pText),
-                           static_cast<ULONG>(strlen(pText)), pOffset, nullptr);
-    }
-    NTSTATUS Read(char* pBuffer, ULONG ulLength, LARGE_INTEGER* pOffset = nullptr)
-    {
-        return ZwReadFile(h, nullptr, nullptr, nullptr, &io, pBuffer, ulLength, pOffset, nullptr);
-    }
-    std::string Content(const char* pName)
-    {
-        std::ifstream file(root / pName);
-        return std::string(std::istreambuf_iterator<char>(file), {});
-    }
-
-    std::filesystem::path root;
-    HANDLE h = nullptr;
-    IO_STATUS_BLOCK io = {};
-};
-
-TEST_F(Files, NamesMapBelowTheRoot)
-{
-    SmallSystem system(HostSimulated, "", root.string());
-    EXPECT_EQ(STATUS_OBJECT_NAME_NOT_FOUND, Create(L"\\??\\C:\\Logs\\a.txt", FILE_OPEN));
-    EXPECT_EQ(STATUS_OBJECT_PATH_NOT_FOUND, Create(L"\\??\\C:\\No\\a.txt", FILE_CREATE));
-    EXPECT_EQ(STATUS_OBJECT_PATH_SYNTAX_BAD, Create(L"a.txt", FILE_OPEN));
-    EXPECT_EQ(STATUS_OBJECT_NAME_INVALID, Create(L"\\??\\C:\\..\\a.txt", FILE_OPEN));
-    EXPECT_EQ(STATUS_FILE_IS_A_DIRECTORY, Create(L"\\??\\C:\\Logs", FILE_OPEN));
-    ASSERT_EQ(STATUS_SUCCESS, Create(L"\\DosDevices\\c:\\LOGS\\a.txt", FILE_CREATE));
-    EXPECT_EQ(ULONG_PTR(FILE_CREATED), io.Information);
-    EXPECT_EQ(STATUS_SUCCESS, Write("hello"));
-    ZwClose(h);
-    EXPECT_EQ("hello", Content("Logs/a.txt"));
-    EXPECT_EQ(STATUS_OBJECT_NAME_COLLISION, Create(L"\\??\\C:\\Logs\\A.TXT", FILE_CREATE));
-    ASSERT_EQ(STATUS_SUCCESS, Create(L"\\SystemRoot\\x.txt", FILE_OPEN_IF));
-    ZwClose(h);
-    EXPECT_TRUE(std::filesystem::exists(root / "Windows" / "x.txt"));
-}
-
-TEST_F(Files, ReadWriteCutRenameDelete)
-{
-    SmallSystem system(HostSimulated, "", root.string());
-    ASSERT_EQ(STATUS_SUCCESS, Create(L"\\??\\C:\\f", FILE_OVERWRITE_IF));
-    Write("0123");
-    Write("456789");
-    LARGE_INTEGER at;
-    at.QuadPart = 2;
-    char buffer[16] = {};
-    EXPECT_EQ(STATUS_SUCCESS, Read(buffer, 3, &at));
-    EXPECT_EQ(STATUS_SUCCESS, Read(buffer + 3, 16 - 3)) << "goes on behind the last read";
-    EXPECT_STREQ("23456789", buffer);
-    EXPECT_EQ(STATUS_END_OF_FILE, Read(buffer, 1));
-    at.HighPart = -1;
-    at.LowPart = FILE_WRITE_TO_END_OF_FILE;
-    Write("!", &at);
-    FILE_STANDARD_INFORMATION info;
-    EXPECT_EQ(STATUS_INFO_LENGTH_MISMATCH, ZwQueryInformationFile(h, &io, &info, 8, FileStandardInformation));
-    EXPECT_EQ(STATUS_SUCCESS, ZwQueryInformationFile(h, &io, &info, sizeof(info), FileStandardInformation));
-    EXPECT_EQ(11, info.EndOfFile.QuadPart);
-    FILE_END_OF_FILE_INFORMATION end;
-    end.EndOfFile.QuadPart = 4;
-    EXPECT_EQ(STATUS_SUCCESS, ZwSetInformationFile(h, &io, &end, sizeof(end), FileEndOfFileInformation));
-    alignas(8) UCHAR record[sizeof(FILE_RENAME_INFORMATION) + 64] = {};
-    auto pRename = reinterpret_cast<PFILE_RENAME_INFORMATION>(record);
-    const WCHAR NEW_NAME[] = L"\\??\\C:\\Logs\\g";
-    pRename->FileNameLength = sizeof(NEW_NAME) - sizeof(WCHAR);
-    memcpy(pRename->FileName, NEW_NAME, pRename->FileNameLength);
-    EXPECT_EQ(STATUS_SUCCESS, ZwSetInformationFile(h, &io, record, sizeof(record), FileRenameInformation));
-    ZwClose(h);
-    EXPECT_EQ("0123", Content("Logs/g"));
-    UNICODE_STRING name = Str(NEW_NAME);
-    OBJECT_ATTRIBUTES attributes = Named(name);
-    EXPECT_EQ(STATUS_SUCCESS, ZwDeleteFile(&attributes));
-    EXPECT_EQ(STATUS_OBJECT_NAME_NOT_FOUND, ZwDeleteFile(&attributes));
 }

@@ -1,15 +1,6 @@
 // text_test.cpp - counted strings, formatted text and calendar time.
 #include "driver.h"
 
-static std::string Narrow(PCUNICODE_STRING pString)
-{
-    std::string text;
-    for (int i = 0; i < pString->Length / 2; i++) {
-        text.push_back(static_cast<char>(pString->Buffer[i]));
-    }
-    return text;
-}
-
 TEST(Text, CountedStringsKeepWithinTheirCapacity)
 {
     SmallSystem system;
