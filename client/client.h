@@ -8,3 +8,4 @@
 #pragma once
 
 #include "client/driver.h"
+#include "client/typing.h"

@@ -4,9 +4,10 @@
 //   if (!driver.Open().Ok()) …
 //   tvusb::Result<tvusb::Keyboard> keyboard = driver.FindOnly();
 //
-// The control device exists while a keyboard is started. When the last one is pulled out the driver waits until
-// every handle is closed: register an event for that (RegisterApplicationEvent), Close, and Open again when a
-// keyboard is back; the objects made before speak through the new handle then.
+// The control device exists while a keyboard is started. When the last one is pulled out every listener ends with
+// KeyboardGone: Close, and try Open again until a keyboard is back; the objects made before speak through the new
+// handle then. Who must be told before the keyboard is gone registers an event (RegisterApplicationEvent): the driver
+// waits up to 5 seconds for all handles to be closed.
 #pragma once
 
 #include "client/keyboard.h"
@@ -27,7 +28,8 @@ public:
     // Opens the driver, closing it before when it is open. Fails: NameNotFound while no keyboard is started,
     // AccessDenied for an account that may not, NotOpen for a driver moved from.
     Status Open() { return m_Channel.Open(); }
-    // The last close of the driver's handles drops all definitions, events and processing of every application.
+    // The last close of the driver's handles drops all definitions, events and processing of every application. No
+    // other call may run meanwhile: whoever listens in another thread waits in short turns and is told before.
     void Close() { m_Channel.Close(); }
     bool IsOpen() const { return m_Channel.IsOpen(); }
 

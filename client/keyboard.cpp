@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "client/find.h"
+#include "client/typing.h"
 
 namespace tvusb
 {
@@ -16,6 +17,7 @@ const QueueCodes NotifyCodes = {
     IOCTL_TVUSB_CLEAR_NOTIFY,          IOCTL_TVUSB_PEEK_NOTIFY,          IOCTL_TVUSB_TAKE_NOTIFY,
     IOCTL_TVUSB_TAKE_MANY_NOTIFY,
 };
+constexpr size_t QUEUE_REPORTS = 16; // the driver's queue of inserted reports
 } // namespace
 
 KeyDefinition MakeHotkey(uint32_t ulId, uint32_t ulModifiers, const std::vector<uint8_t>& scans,
@@ -26,16 +28,16 @@ KeyDefinition MakeHotkey(uint32_t ulId, uint32_t ulModifiers, const std::vector<
     definition.ulSwallow = bSwallow;
     definition.ulType = DEFINITION_HOTKEY;
     definition.ulModifiers = ulModifiers;
-    definition.usScanCount = static_cast<uint16_t>(std::min(scans.size(), sizeof(definition.ucScans)));
-    std::copy_n(scans.begin(), definition.usScanCount, definition.ucScans);
+    definition.usScanCount = static_cast<uint16_t>(std::min<size_t>(scans.size(), 0xFFFF));
+    std::copy_n(scans.begin(), std::min(scans.size(), sizeof(definition.ucScans)), definition.ucScans);
     return definition;
 }
 
 FifoEntry MakeReport(const std::vector<uint8_t>& bytes)
 {
     FifoEntry entry = {};
-    entry.usLength = static_cast<uint16_t>(std::min(bytes.size(), sizeof(entry.ucData)));
-    std::copy_n(bytes.begin(), entry.usLength, entry.ucData);
+    entry.usLength = static_cast<uint16_t>(std::min<size_t>(bytes.size(), 0xFFFF));
+    std::copy_n(bytes.begin(), std::min(bytes.size(), sizeof(entry.ucData)), entry.ucData);
     return entry;
 }
 
@@ -99,6 +101,28 @@ Status Keyboard::InsertPackets(const std::vector<FifoEntry>& reports, bool bWait
     std::copy(reports.begin(), reports.end(), payload.Entries);
     payload.Entries[reports.size() - 1].ulFlags = bWait;
     return m_Channel.SendRecord(IOCTL_TVUSB_INSERT_PACKETS, m_ulIndex, BytesOf(payload));
+}
+
+// As many at a time as the driver's queue holds.
+Status Keyboard::TypeText(const std::string& text) const
+{
+    std::vector<FifoEntry> reports;
+    for (char c : text) {
+        std::optional<KeyReport> press = ReportOfCharacter(c);
+        if (!press) {
+            const int iByte = static_cast<unsigned char>(c);
+            return {Status::InvalidParameter, IOCTL_TVUSB_INSERT_PACKETS,
+                    "keyboard " + std::to_string(m_ulIndex) + ", character " + std::to_string(iByte)};
+        }
+        reports.push_back(MakeReport({press->begin(), press->end()}));
+        reports.push_back(MakeReport(std::vector<uint8_t>(press->size())));
+    }
+    Status status;
+    for (size_t at = 0; status.Ok() && at < reports.size(); at += QUEUE_REPORTS) {
+        size_t end = std::min(at + QUEUE_REPORTS, reports.size());
+        status = InsertPackets({reports.begin() + at, reports.begin() + end}, true);
+    }
+    return status;
 }
 
 Result<uint16_t> Keyboard::GetLeds() const

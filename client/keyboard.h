@@ -14,11 +14,11 @@
 namespace tvusb
 {
 // A hotkey to add: ulId comes back in its events; modifiers are MODIFIER bits; scans are PS/2 set 1 make codes
-// with their prefixes, at most 32 (what is more is left out). bSwallow: the system does not see its keys.
+// with their prefixes, at most 32 (with more, AddDefinition fails). bSwallow: the system does not see its keys.
 KeyDefinition MakeHotkey(uint32_t ulId, uint32_t ulModifiers, const std::vector<uint8_t>& scans,
                          bool bSwallow);
 
-// A report to insert, of at most 10 bytes (what is more is left out).
+// A report to insert, of at most 10 bytes (with more, InsertPackets fails).
 FifoEntry MakeReport(const std::vector<uint8_t>& bytes);
 
 // The system's key repeat.
@@ -57,7 +57,7 @@ public:
 
     // Hotkeys and definitions. They stay until they are removed or the driver's last handle is closed.
 
-    // Fails: Unsuccessful, the same one is there, 511 are, or a scan code is unknown.
+    // Fails: Unsuccessful, the same one is there, 511 are, or its scan codes are more than 32 bytes or unknown.
     Status AddDefinition(const KeyDefinition& definition) const;
     // The first with this id. Fails: Unsuccessful, there is none.
     Status RemoveDefinition(uint32_t ulId) const;
@@ -77,8 +77,14 @@ public:
     // keyboard without ordinary reports, or one that went meanwhile.
     Status InsertScans(const std::vector<uint8_t>& scans, bool bWait) const;
     // The system sees these reports as if the keyboard had sent them: 1 to 32, of which the driver's queue takes 16
-    // at once and drops the rest. bWait: returns when the queue has run empty. Fails: InvalidParameter.
+    // at once and drops the rest. bWait: returns when the queue has run empty. Fails: InvalidParameter for
+    // none or more; Unsuccessful for a report of more than 10 bytes.
     Status InsertPackets(const std::vector<FifoEntry>& reports, bool bWait) const;
+
+    // The system sees this text typed, each character by a press and a release of the US layout (typing.h), and the
+    // call returns when it has seen it. With Caps Lock on, letters come in the other case. Fails: InvalidParameter and
+    // nothing is typed, no key types one of the characters; as InsertPackets, and the rest is not typed.
+    Status TypeText(const std::string& text) const;
 
     // LEDs, key repeat, firmware.
 

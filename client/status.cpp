@@ -65,7 +65,7 @@ const char* Status::Meaning() const
         return pRequest->pUnsuccessful;
     }
     if (m_ulValue == NameNotFound && pRequest == nullptr) {
-        return "no keyboard of the driver is started, so there is nothing to open";
+        return "no keyboard of the driver is started, or the driver is not installed";
     }
     for (const StatusText& row : StatusTexts) {
         if (row.ulValue == m_ulValue) {

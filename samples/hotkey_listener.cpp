@@ -42,6 +42,7 @@ int main(int argc, char** argv)
     if (!keyboard) {
         return Fail(keyboard.Error());
     }
+    setvbuf(stdout, nullptr, _IONBF, 0); // each line when it is due, through a pipe too
     printf("keyboard %u\n", keyboard->Index());
     // F1 is scan code 3B. The system does not get to see it while Ctrl is held.
     status = keyboard->AddDefinition(tvusb::MakeHotkey(7, MODIFIER_ANY_CONTROL, {0x3B}, true));

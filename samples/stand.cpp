@@ -1,13 +1,16 @@
 // stand.cpp - what an application finds where no driver is installed: the driver itself on the emulated system,
-// one emulated keyboard with something in its EEPROM, and someone who presses Ctrl+F1 every half second.
+// one emulated keyboard with something in its EEPROM, and someone who presses Ctrl+F1 every half second, or what the
+// environment's TVUSB_PERSON says (emu/app/person.h).
 //
 // The machine comes up with the first transport and goes down when the program ends; what is left over then is
 // told on standard error, and the program ends with 1. Time is virtual: it passes while every thread waits.
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 
 #include "client/host_transport.h"
 #include "emu/app/machine.h"
+#include "emu/app/person.h"
 
 extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistryPath);
 
@@ -16,7 +19,9 @@ namespace
 class Stand
 {
 public:
-    Stand() : m_Machine(Options()), m_pKeyboard(m_Machine.Plug()), m_hPause(HostCreateEvent(false))
+    Stand()
+        : m_Keys(Keys()), m_Machine(Options()), m_pKeyboard(m_Machine.Plug()),
+          m_hPause(HostCreateEvent(false))
     {
         for (UCHAR i = 0; i < 64; i++) {
             m_pKeyboard->Memory().ucEeprom[i] = i;
@@ -35,6 +40,18 @@ public:
     }
 
 private:
+    static std::vector<tvusb::KeyReport> Keys()
+    {
+        const char* pWords = getenv("TVUSB_PERSON");
+        std::string bad;
+        std::vector<tvusb::KeyReport> keys = ReportsOfWords(pWords != nullptr ? pWords : "ctrl+0x3A", &bad);
+        if (!bad.empty()) {
+            fprintf(stderr, "TVUSB_PERSON: nobody can press %s\n", bad.c_str());
+            exit(1);
+        }
+        return keys;
+    }
+
     static EmuMachineOptions Options()
     {
         EmuMachineOptions options;
@@ -45,13 +62,13 @@ private:
     void Type()
     {
         while (!m_bEnd && HostWaitEvent(m_hPause, 500000) == STATUS_TIMEOUT) {
-            m_pKeyboard->Report({0x01, 0, 0, 0, 0, 0, 0, 0});
-            m_pKeyboard->Report({0x01, 0, 0x3A, 0, 0, 0, 0, 0});
-            m_pKeyboard->Report({0x01, 0, 0, 0, 0, 0, 0, 0});
-            m_pKeyboard->Report({0x00, 0, 0, 0, 0, 0, 0, 0});
+            for (const tvusb::KeyReport& report : m_Keys) {
+                m_pKeyboard->Report({report.begin(), report.end()});
+            }
         }
     }
 
+    std::vector<tvusb::KeyReport> m_Keys;
     EmuMachine m_Machine;
     EmuKeyboard* m_pKeyboard;
     HANDLE m_hPause; // never set

@@ -10,6 +10,8 @@ TEST_P(ClientTest, AHotkeyIsTold)
     KeyDefinition hotkey = tvusb::MakeHotkey(7, MODIFIER_ANY_CONTROL, {0x3B}, true);
     ASSERT_TRUE(keyboard.AddDefinition(hotkey).Ok());
     EXPECT_EQ(keyboard.AddDefinition(hotkey), Status::Unsuccessful);
+    hotkey = tvusb::MakeHotkey(8, 0, std::vector<uint8_t>(33, 0x1E), true);
+    EXPECT_EQ(keyboard.AddDefinition(hotkey), Status::Unsuccessful) << "it is not cut to 32 bytes";
     auto listener = keyboard.Events().Listen();
     ASSERT_TRUE(listener.Ok());
     EXPECT_EQ(keyboard.Events().Listen().Error(), Status::Unsuccessful) << "one event a keyboard";
@@ -101,6 +103,8 @@ TEST_P(ClientTest, InsertedReportsReachTheSystem)
     auto received = pPlugged->Taken();
     ASSERT_EQ(received.size(), 2u);
     EXPECT_EQ(received[0].Bytes, (EmuBytes{0, 0, 4, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(keyboard.InsertPackets({tvusb::MakeReport(std::vector<uint8_t>(11))}, true),
+              Status::Unsuccessful);
 
     EXPECT_TRUE(keyboard.InsertScans({0x1D, 0x9D}, true).Ok());
     received = pPlugged->Taken();

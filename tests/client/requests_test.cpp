@@ -155,7 +155,7 @@ TEST(StatusTest, SaysWhatItMeansForTheRequest)
          "TAKE_MACRO: the request was called back (0xC0000120)"},
         {tvusb::Driver(nullptr).Open(), "opening the driver: the driver is not open (0xC0000128)"},
         {{Status::NameNotFound, 0, "opening the driver"},
-         "opening the driver: no keyboard of the driver is started, so there is nothing to open "
+         "opening the driver: no keyboard of the driver is started, or the driver is not installed "
          "(0xC0000034)"},
         {tvusb::Keyboard().SetLeds(0), "SET_LEDS, no keyboard: the driver is not open (0xC0000128)"},
         {{0xC0000185, IOCTL_TVUSB_READ_EEPROM},

@@ -1,5 +1,8 @@
 // The smallest application: tells the driver's version and its keyboards, and ends with 0 when there is one.
 #include <stdio.h>
+#ifdef _WIN32
+#include <windows.h> // whose macros must not be in the way
+#endif
 
 #include <client/client.h>
 

@@ -1,4 +1,4 @@
-// chords.h - reports and what people call them: chords such as "ctrl+c", characters of the US layout.
+// chords.h - reports and what people call them: chords such as "ctrl+c".
 //
 // A chord is a press: modifiers and up to six keys in their order. What a report does not say exactly in this
 // way has no chord, so that the chord always gives the report back byte by byte.
@@ -14,11 +14,6 @@
 std::optional<MacroReport> ReportOfChord(std::string_view chord, std::string& complaint);
 // "ctrl+c", or "" when the report is no chord (nothing pressed, gaps, a byte that is no key).
 std::string ChordOfReport(const MacroReport& report);
-
-// The press report of a character, or nothing when no key of the US layout types it.
-std::optional<MacroReport> ReportOfCharacter(char c);
-// The character that a press report types, or 0.
-char CharacterOfReport(const MacroReport& report);
 
 // The report bits of a modifier's name. "ctrl" is the left one, or either one.
 std::optional<uint8_t> ModifierBits(std::string_view name, bool bEither);

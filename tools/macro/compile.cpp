@@ -1,5 +1,6 @@
 // compile.cpp - from the readable form to the macro file.
 #include "chords.h"
+#include "client/typing.h"
 #include "readable.h"
 #include "tools/common/nearest.h"
 #include "tools/common/text.h"
@@ -149,7 +150,7 @@ private:
     void PlayText(const toml::node& node, std::vector<MacroAction>& actions) const
     {
         for (char c : TextOf(node, "text")) {
-            std::optional<MacroReport> press = ReportOfCharacter(c);
+            std::optional<MacroReport> press = tvusb::ReportOfCharacter(c);
             if (!press)
                 Fail(node,
                      static_cast<unsigned char>(c) < 0x80

@@ -3,6 +3,7 @@
 // Each press with its release is shown as a chord, and chords in a row that type characters as a text. What
 // would not give the same bytes again is shown as it is.
 #include "chords.h"
+#include "client/typing.h"
 #include "readable.h"
 #include "tools/common/text.h"
 #include "tools/keynames.h"
@@ -76,7 +77,7 @@ private:
     {
         size_t cCount = 0;
         while (IsPressAndRelease(m_cAt + 2 * cCount) &&
-               CharacterOfReport(m_actions[m_cAt + 2 * cCount].report))
+               tvusb::CharacterOfReport(m_actions[m_cAt + 2 * cCount].report))
             ++cCount;
         return cCount;
     }
@@ -85,7 +86,7 @@ private:
     {
         std::string text;
         for (size_t i = 0; i < cCharacters; ++i)
-            text += CharacterOfReport(m_actions[m_cAt + 2 * i].report);
+            text += tvusb::CharacterOfReport(m_actions[m_cAt + 2 * i].report);
         lines.push_back("{ text = " + Quoted(text) + " }");
         m_cAt += 2 * cCharacters;
     }
