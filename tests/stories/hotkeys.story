@@ -167,3 +167,67 @@ report 01 00 04 05 06 07 08 09 -> 01 00 04 05 06 07 08 09
 report 01 00 04 05 06 07 08 3A -> 01 00 04 05 06 07 08 00 | down 7
 report 00 00 04 05 06 07 08 3A -> 00 00 04 05 06 07 08 3A | up 7
 quiet
+
+story The modifiers are those of the report that the system gets
+keyboard normal
+hotkey 7 ctrl 3B swallow
+report 01 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 7
+modifiers -
+report 01 00 00 00 00 00 00 00 -> 01 00 00 00 00 00 00 00 | up 7
+modifiers lctrl+ctrl
+
+story An abort is told once, by whichever event comes next
+keyboard normal
+hotkey 3 lalt
+hotkey 7 ctrl 3B swallow
+report 01 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 7
+report 01 00 3A 29 00 00 00 00 -> 00 00 00 00 00 00 00 00
+report 05 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 3 abort, up 7, down 7
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | up 3, up 7
+
+story An Esc held before the hotkey is let go
+keyboard normal
+hotkey 7 ctrl 3B swallow
+report 00 00 29 00 00 00 00 00 -> 00 00 29 00 00 00 00 00
+report 01 00 29 3A 00 00 00 00 -> 00 00 29 00 00 00 00 00 | down 7
+report 01 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | up 7, down 7   # a key of no hotkey ends it, but is no abort
+report 01 00 00 00 00 00 00 00 -> 01 00 00 00 00 00 00 00 | up 7
+
+# F2 completes 1 and takes F3's hotkey its keys away in one walk of the list: then nothing is complete, and the
+# keys that were held back for it are typed although 1 swallows.
+story A hotkey that ends takes back the one that came with it
+keyboard normal
+hotkey 1 - 3B 3C swallow
+hotkey 2 - 3B 3D swallow
+report 00 00 3A 3C 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 2
+report 00 00 3A 3B 3C 00 00 00 -> 00 00 3B 3C 00 00 00 00 | down 1, up 2
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | up 1
+quiet
+
+story Either key of a pair is enough for any of it, and only its own for one side
+keyboard normal
+hotkey 1 win 3B swallow
+hotkey 2 rwin 3C swallow
+hotkey 3 win+lwin 3D swallow             # any of both was meant
+hotkey 4 rshift+ralt 3E swallow
+report 80 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 1
+report 08 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+report 08 00 3B 00 00 00 00 00 -> 08 00 00 00 00 00 00 00 | up 1
+report 88 00 3B 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 2
+report 80 00 3C 00 00 00 00 00 -> 80 00 00 00 00 00 00 00 | up 2
+report 80 00 3C 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 3
+report 80 00 00 00 00 00 00 00 -> 80 00 00 00 00 00 00 00 | up 3
+modifiers rwin+win
+report 60 00 3D 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 4
+report 62 00 00 00 00 00 00 00 -> 62 00 00 00 00 00 00 00 | up 4
+modifiers lshift+rshift+shift+ralt+alt
+
+story A hotkey made of a prefix key alone is one of its modifiers
+keyboard normal
+hotkey 7 lctrl 7D
+report 01 00 00 00 00 00 00 00 -> 01 00 00 00 00 00 00 00 | down 7
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | up 7
+keyboard power
+hotkey 8 - E0 0E E0 30                   # Fn is no key there: volume up alone
+report E9 00 -> 00 00 | down 8
+report 00 00 -> 00 00 | up 8

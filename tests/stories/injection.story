@@ -60,3 +60,13 @@ story Only a standard keyboard takes scan codes
 keyboard consumer
 refused scans 1D
 quiet
+
+story The Windows keys without their prefix go on to the next scan code
+keyboard normal
+scans DB 1D 1D
+answer -> 00 00 00 00 00 00 00 00
+answer -> 00 00 00 00 00 00 00 00                            # taken for a release
+answer -> 01 00 00 00 00 00 00 00
+scans DC 1D
+answer -> 00 00 00 00 00 00 00 00
+answer -> 00 00 00 00 00 00 00 00

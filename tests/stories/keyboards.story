@@ -23,3 +23,13 @@ keyboard other
 hotkey 4 - 1E swallow
 report 00 00 04 00 00 00 00 00 -> 00 00 04 00 00 00 00 00
 quiet
+
+story A definition of an unknown type changes nothing
+keyboard normal
+define 1 17
+define 2 21
+define 3 27
+define 4 32
+report 00 00 29 00 00 00 00 00 -> 00 00 29 00 00 00 00 00
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+quiet

@@ -379,3 +379,42 @@ leds 7
 report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
 report 00 00 39 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | mode 0
 shows 03
+
+story Keyboards that take no part record and play all the same
+setting KorvexHotkey 0x02010023          # of a power keyboard
+setting KorvexLEDDisabled 1
+setting KorvexDelay 1
+macro 3A 00 00 10 00 00 00 00 00
+keyboard normal
+keyboard power
+on 0
+hotkey 7 - 3B
+report 00 00 3A 00 00 00 00 00 -> 00 00 3A 00 00 00 00 00 | down 7   # a keyboard like any other
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | up 7
+capture on
+report 00 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | captured 00 00 3A 00 00 00 00 00
+capture off
+on 1
+report 23 02 -> 23 00 | mode 1
+on 0
+report 00 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+answer -> 00 00 10 00 00 00 00 00
+wait 1ms
+quiet
+
+story The first of the mode hotkeys that belong to media keyboards
+setting KorvexHotkey 0x01000000          # no byte of any three-byte report
+setting KorvexLEDDisabled 1
+keyboard normal
+keyboard consumer
+on 0
+hotkey 7 - 3B
+report 00 00 3A 00 00 00 00 00 -> 00 00 3A 00 00 00 00 00 | down 7
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | up 7
+reread
+report 00 00 3A 00 00 00 00 00 -> 00 00 3A 00 00 00 00 00 | down 7
+on 1
+report 01 E9 00 -> 01 00 00 | mode 1
+setting KorvexHotkey 0x00FFFFFF          # the last one of standard keyboards; so many bytes are never found
+reread
+report 01 E9 00 -> 01 E9 00

@@ -90,6 +90,13 @@ define 5 5
 report 00 00 04 00 00 00 00 00 -> 00 00 04 00 00 00 00 00 | key 1E 5
 define 6 7                                                                                  # starts it anew
 report 00 00 04 00 00 00 00 00 -> 00 00 04 00 00 00 00 00 | key 1E 5
+define 7 4                                                                                  # so does any of its family
+report 00 00 04 00 00 00 00 00 -> 00 00 04 00 00 00 00 00 | key 1E 5
+define 8 8
+report 00 00 04 00 00 00 00 00 -> 00 00 04 00 00 00 00 00 | key 1E 5
+define 9 3
+define 10 9
+report 00 00 04 00 00 00 00 00 -> 00 00 04 00 00 00 00 00
 
 story Point of sale goes before hotkeys
 keyboard normal

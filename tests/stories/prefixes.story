@@ -82,3 +82,20 @@ hotkey 9 prefix1 1E 30
 report 00 00 04 89 00 00 00 00 -> 00 00 04 00 00 00 00 00
 modifiers prefix1
 quiet
+
+story A prefix that no hotkey uses spoils none that comes after
+keyboard normal
+hotkey 9 prefix1 1E swallow
+report 00 00 8B 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+report 00 00 89 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+report 00 00 04 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 9
+
+story Fn and prefix keys are typed on no keyboard
+keyboard consumer
+hotkey 7 - 3B
+report 01 A5 04 -> 01 04 00
+report 01 89 00 -> 01 00 00
+report 01 04 8B -> 01 04 00
+report 01 8A A5 -> 01 00 00

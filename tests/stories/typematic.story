@@ -77,3 +77,46 @@ report 00 00 04 00 00 00 00 00 -> 00 00 04 00 00 00 00 00 | key 1E 5
 wait 283ms | repeat 1E 5
 report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | key 9E 5
 quiet
+
+# A cashier's key repeats on one keyboard; whatever ends a hotkey on another ends that too.
+story What ends a hotkey ends the repeat of every keyboard
+keyboard normal
+define 5 5
+keyboard normal
+hotkey 7 ctrl 3B swallow
+on 0
+report 00 00 04 00 00 00 00 00 -> 00 00 04 00 00 00 00 00 | key 1E 5
+wait 567ms | repeat 1E 5
+on 1
+report 01 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 7
+report 01 00 00 00 00 00 00 00 -> 01 00 00 00 00 00 00 00 | up 7
+on 0
+wait 2000ms
+report 00 00 04 05 00 00 00 00 -> 00 00 04 05 00 00 00 00 | key 30 5
+wait 567ms | repeat 30 5
+on 1
+report 01 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 7
+report 01 00 3A 04 00 00 00 00 -> 00 00 04 00 00 00 00 00 | up 7
+on 0
+wait 2000ms
+report 00 00 04 05 06 00 00 00 -> 00 00 04 05 06 00 00 00 | key 2E 5
+wait 567ms | repeat 2E 5
+on 1
+report 01 00 3A 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 7
+report 01 00 3A 29 00 00 00 00 -> 00 00 00 00 00 00 00 00
+on 0
+wait 2000ms
+
+story The keyboard class devices answer late, also when the keyboard comes back
+class 0 5 250 refuses
+class 1 7 750 slow
+keyboard normal
+typematic -> 7 750
+class 1 31 250 slow
+pull
+replug
+typematic -> 31 250
+define 5 5
+report 00 00 04 00 00 00 00 00 -> 00 00 04 00 00 00 00 00 | key 1E 5
+wait 283ms | repeat 1E 5
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | key 9E 5
