@@ -34,7 +34,7 @@ static NTSTATUS FromDevice(HidDevice* pHid, UCHAR ucType, PUCHAR pBuffer, PULONG
 // Asks for the languages, then for the product string; a keyboard without strings is none the worse.
 static VOID ReadProduct(HidDevice* pHid, UCHAR ucIndex)
 {
-    UCHAR ucString[128];
+    UCHAR ucString[128] = {};
     ULONG ulLength = sizeof ucString;
     NTSTATUS status = GetDescriptor(pHid, URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE, USB_STRING_DESCRIPTOR_TYPE,
                                     0, 0, ucString, &ulLength);
@@ -107,7 +107,7 @@ static NTSTATUS ReadReportDescriptor(HidDevice* pHid, PUCHAR pBuffer, ULONG ulRo
 // The road itself, with `pBuffer` of MaximumConfiguration bytes for the answers.
 static NTSTATUS Ask(HidDevice* pHid, PUCHAR pBuffer)
 {
-    UCHAR ucDevice[18];
+    UCHAR ucDevice[18] = {};
     ULONG ulLength = sizeof ucDevice;
     NTSTATUS status = FromDevice(pHid, USB_DEVICE_DESCRIPTOR_TYPE, ucDevice, &ulLength);
     if (!NT_SUCCESS(status) || ulLength < sizeof ucDevice) {

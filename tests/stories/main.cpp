@@ -1,10 +1,11 @@
 // main.cpp - registers every story of the folder as two tests, one for each size of the application's process:
-// File.Title.
+// File.Title; and every log as one for each level.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 
 #include "story.h"
 
@@ -13,38 +14,60 @@ namespace
 class StoryTest : public testing::Test
 {
 public:
-    StoryTest(Story story, bool b32) : m_Story(std::move(story)), m_b32(b32) {}
-    void TestBody() override { PlayStory(m_Story, m_b32); }
+    explicit StoryTest(std::function<void()> play) : m_Play(std::move(play)) {}
+    void TestBody() override { m_Play(); }
 
 private:
-    Story m_Story;
-    bool m_b32;
+    std::function<void()> m_Play;
 };
 
-void Register(const std::string& file, const Story& story, bool b32)
+void Register(const std::string& group, const std::string& title, const std::string& file,
+              const std::function<void()>& play)
 {
-    std::string title = story.Title + (b32 ? ", 32 bits" : "");
-    testing::RegisterTest(std::filesystem::path(file).stem().c_str(), title.c_str(), nullptr, nullptr,
-                          file.c_str(), 1, [=]() -> testing::Test* { return new StoryTest(story, b32); });
+    testing::RegisterTest(group.c_str(), title.c_str(), nullptr, nullptr, file.c_str(), 1,
+                          [=]() -> testing::Test* { return new StoryTest(play); });
+}
+
+void RegisterStories(const std::filesystem::path& file)
+{
+    for (const Story& story : ReadStories(file.string())) {
+        Register(file.stem(), story.Title, file, [=] { PlayStory(story, false); });
+        Register(file.stem(), story.Title + ", 32 bits", file, [=] { PlayStory(story, true); });
+    }
+}
+
+// The log of each session: details too, report traffic alone, nothing.
+void RegisterLog(const std::filesystem::path& file)
+{
+    for (unsigned uLevel : {3, 1, 0}) {
+        Register("logs", file.stem().string() + " at level " + std::to_string(uLevel), file,
+                 [=] { PlayLog(file.string(), uLevel); });
+    }
+}
+
+std::vector<std::filesystem::path> FilesOf(const std::filesystem::path& folder, const std::string& extension)
+{
+    std::vector<std::filesystem::path> files;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        if (entry.path().extension() == extension) {
+            files.push_back(entry.path());
+        }
+    }
+    std::sort(files.begin(), files.end());
+    return files;
 }
 } // namespace
 
 int main(int argc, char** argv)
 {
     testing::InitGoogleTest(&argc, argv);
-    std::vector<std::filesystem::path> files;
-    for (const auto& entry : std::filesystem::directory_iterator(argc > 1 ? argv[1] : STORY_FOLDER)) {
-        if (entry.path().extension() == ".story") {
-            files.push_back(entry.path());
-        }
-    }
-    std::sort(files.begin(), files.end());
+    const std::filesystem::path folder = argc > 1 ? argv[1] : STORY_FOLDER;
     try {
-        for (const auto& file : files) {
-            for (const Story& story : ReadStories(file.string())) {
-                Register(file.string(), story, false);
-                Register(file.string(), story, true);
-            }
+        for (const auto& file : FilesOf(folder, ".story")) {
+            RegisterStories(file);
+        }
+        for (const auto& file : FilesOf(folder / "logs", ".log")) {
+            RegisterLog(file);
         }
     } catch (const std::exception& error) {
         fprintf(stderr, "%s\n", error.what());

@@ -49,6 +49,14 @@ const Player::VerbRow Player::Verbs[] = {
     {"mouse", &Player::Mouse},
 };
 
+// The system's time as events carry it.
+static ULONG TimeNow()
+{
+    LARGE_INTEGER now;
+    KeQuerySystemTime(&now);
+    return static_cast<ULONG>(now.QuadPart / 1000);
+}
+
 void Player::ExpectReceived(const std::string& expected)
 {
     std::deque<EmuBytes>& received = *m_Received.at(m_Current);
@@ -72,6 +80,7 @@ void Player::ExpectEvents(const std::string& expected)
         bool bSignalled = m_Application->NotifySignalled(Index());
         for (const NotifyRecord& record : m_Application->TakeRecords(Index())) {
             EXPECT_EQ(record.ucValid, 1);
+            EXPECT_LE(record.ulTime - m_ulLineBegan, TimeNow() - m_ulLineBegan) << "when it happened";
             told += (told.empty() ? "" : ", ") + EventText(record);
         }
         EXPECT_EQ(bSignalled, !told.empty()) << "the application is signalled when there is something";
@@ -108,6 +117,7 @@ void Player::Play(const std::string& line)
     if (words.at(0) != "answer") {
         ExpectNothingReceived();
     }
+    m_ulLineBegan = m_Machine ? TimeNow() : 0;
     PlayVerb(words, parts);
     if (m_Machine) {
         HostSettle();

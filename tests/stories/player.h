@@ -22,6 +22,9 @@ public:
     explicit Player(bool b32) : m_b32(b32) {} // the application's process
     void Play(const std::string& line);
     void Finish();
+    // logs.cpp: the driver's log, from the start on
+    void LogTo(unsigned uLevel);
+    std::string TakeLog();
 
 private:
     typedef void Verb(const Words& words, const Parts& parts);
@@ -55,7 +58,9 @@ private:
     EmuKeyboard& Current() const { return *m_Keyboards.at(m_Current); }
     ULONG Index() const { return Current().Index(); }
 
-    std::unique_ptr<DriveFolder> m_Drive; // holds the macro file, when there is one
+    static constexpr const char* LOG_FILE = "tv.log";
+    std::unique_ptr<DriveFolder> m_Drive; // holds the macro file and the log, when there is one
+    size_t m_LogTaken = 0;                // bytes of the log
     FileBytes m_MacroFile;
     EmuMachineOptions m_Options;
     std::unique_ptr<EmuMachine> m_Machine;
@@ -70,4 +75,5 @@ private:
     std::map<std::string, EmuSibling*> m_Mice;       // "ps2", "usb"
     const bool m_b32;
     bool m_bRefused = false; // inside a `refused` line
+    ULONG m_ulLineBegan = 0; // the time before the line at hand, in the unit of events
 };

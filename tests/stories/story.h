@@ -24,3 +24,6 @@ std::vector<Story> ReadStories(const std::string& path);
 // Plays one story on a fresh driver, with a 32-bit or a 64-bit application; failures are reported to GoogleTest
 // with file and line.
 void PlayStory(const Story& story, bool b32);
+
+// Plays a session whose log is told (logs.cpp), with the log at this level.
+void PlayLog(const std::string& path, unsigned uLevel);

@@ -28,8 +28,8 @@ void Player::WriteMacroFile()
     if (!m_Drive) {
         m_Drive = std::make_unique<DriveFolder>();
         m_Options.FileRoot = m_Drive->Path();
-        m_Options.Settings["KorvexConfigFile"] = "\\??\\C:\\macros.bin";
     }
+    m_Options.Settings["KorvexConfigFile"] = "\\??\\C:\\macros.bin";
     m_Drive->Write("macros.bin", m_MacroFile);
 }
 
