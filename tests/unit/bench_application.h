@@ -6,6 +6,7 @@
 
 #include <memory>
 
+#include "bench_context.h"
 #include "driver/driver.h"
 #include "emu/app/application.h"
 #include "emu/app/machine.h"

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "bench_context.h"
 #include "driver/driver.h"
 #include "emu/app/application.h"
 #include "emu/app/machine.h"
@@ -36,7 +37,7 @@ protected:
     }
 
     PDEVICE_OBJECT Filter() const { return Keyboard->Filter(); }
-    DeviceContext* Context() const { return FilterContextOf(Keyboard->Filter()); }
+    DeviceContext* Context() const { return ContextOf(Keyboard); }
 
     // One that the system sees too.
     static KeyDefinition Hotkey(uint32_t ulId, uint32_t ulModifiers, const std::vector<uint8_t>& scans)

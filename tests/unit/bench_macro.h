@@ -5,6 +5,7 @@
 
 #include <memory>
 
+#include "bench_context.h"
 #include "driver/driver.h"
 #include "emu/app/machine.h"
 #include "macro/macro.h"
@@ -31,7 +32,7 @@ protected:
         Keyboard = Machine->Plug(kind, options);
         ASSERT_EQ(Keyboard->StartStatus(), OK);
     }
-    DeviceContext* Context() const { return FilterContextOf(Keyboard->Filter()); }
+    DeviceContext* Context() const { return ContextOf(Keyboard); }
 
     // Writes the file, opens it and has it read.
     NTSTATUS ReadFile(const FileBytes& bytes)

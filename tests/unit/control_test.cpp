@@ -120,7 +120,7 @@ TEST_P(ControlTest, TheListOfKeyboardsEndsWithItsRoom)
 
 TEST_P(ControlTest, KeyboardIsFoundByItsInterfaceName)
 {
-    const UNICODE_STRING& link = FilterContextOf(pKeyboard->Filter())->InterfaceLinkName;
+    const UNICODE_STRING& link = ContextOf(pKeyboard)->InterfaceLinkName;
     ASSERT_GT(link.Length, 8);
     auto payload = [](const WCHAR* pFrom, size_t chars) {
         EmuBytes bytes(reinterpret_cast<const UCHAR*>(pFrom), reinterpret_cast<const UCHAR*>(pFrom + chars));
@@ -141,7 +141,7 @@ TEST_P(ControlTest, KeyboardIsFoundByItsInterfaceName)
     HostFailNth("interface", 1); // this one has no name, and the search goes on behind it
     EmuKeyboard* pNameless = machine.Plug();
     HostFailNth(nullptr, 0);
-    EXPECT_EQ(0, FilterContextOf(pNameless->Filter())->ucInterfaceRegistered);
+    EXPECT_EQ(0, ContextOf(pNameless)->ucInterfaceRegistered);
     EXPECT_EQ(OK, Send(IOCTL_TVUSB_FIND_KEYBOARD, Record(9, payload(name.data(), name.size())), 4));
     EXPECT_EQ(BytesOf(0u), Out);
     ULONG ulIndex;

@@ -317,7 +317,7 @@ TEST_F(MacroTest, KeyboardsThatTakePart)
     auto marks = [&] {
         std::string text;
         for (EmuKeyboard* pKeyboard : {pNormal, pPower, pJaalaa}) {
-            text += FilterContextOf(pKeyboard->Filter())->ulKeyDefTypes & KEYDEF_MACRO_MODE ? '1' : '0';
+            text += ContextOf(pKeyboard)->ulKeyDefTypes & KEYDEF_MACRO_MODE ? '1' : '0';
         }
         return text;
     };

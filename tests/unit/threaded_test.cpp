@@ -9,9 +9,9 @@ TEST(Threaded, KeyboardsTypeWhileTheApplicationWorks)
     EmuMachineOptions options;
     options.Entry = DriverEntry;
     options.Mode = HostThreaded;
+    std::atomic<unsigned> received{0}; // the machine's threads count to its end
     EmuMachine machine(options);
     ASSERT_EQ(machine.LoadStatus(), STATUS_SUCCESS);
-    std::atomic<unsigned> received{0};
     EmuPlugOptions plug;
     plug.Record = false;
     plug.OnReceived = [&](const EmuReceived& report) { received += NT_SUCCESS(report.Status) ? 1 : 0; };

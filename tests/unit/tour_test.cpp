@@ -56,7 +56,7 @@ public:
 
     EmuBytes Name()
     {
-        const UNICODE_STRING& link = FilterContextOf(pKeyboard->Filter())->InterfaceLinkName;
+        const UNICODE_STRING& link = ContextOf(pKeyboard)->InterfaceLinkName;
         const UCHAR* pName = reinterpret_cast<const UCHAR*>(link.Buffer + 4);
         return EmuBytes(pName, pName + link.Length - 8);
     }
