@@ -99,11 +99,11 @@ PipeRequest PipeRequestOf(PURB pUrb)
     return request;
 }
 
-// Serves a control request that has a buffer for its length. IRQL <= DISPATCH.
+// Serves a control request that names a buffer when it has a length, and only then. IRQL <= DISPATCH.
 static NTSTATUS ServeControl(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pUrb)
 {
     PipeRequest request = PipeRequestOf(pUrb);
-    if (*request.pulLength != 0 && !request.pBuffer) {
+    if ((*request.pulLength != 0) != (request.pBuffer != nullptr)) {
         *request.pulLength = 0;
         CompleteUrb(pIrp, pUrb, STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;

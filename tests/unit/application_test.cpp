@@ -22,9 +22,8 @@ bool HasMacroEvent() WITHOUT_LOCK_ANALYSIS
 TEST(Application, LastCloseReleasesWhatItSetUp)
 {
     EmuMachine machine(WithRegistry(""));
-    DeviceContext* pContexts[] = {FilterContextOf(machine.Plug()->Filter()),
-                                  FilterContextOf(machine.Plug()->Filter())};
-    KEVENT* pClosed = &ControlContextOf(Globals.pControlDevice)->ClosedEvent;
+    DeviceContext* pContexts[] = {ContextOf(machine.Plug()), ContextOf(machine.Plug())};
+    KEVENT* pClosed = &Control()->ClosedEvent;
     HANDLE hEvent = HostCreateEvent(false);
     EmuApplication* pFirst = new EmuApplication;
     EmuApplication* pSecond = new EmuApplication(true);
@@ -48,7 +47,7 @@ TEST(Application, LastCloseReleasesWhatItSetUp)
         EXPECT_FALSE(HasEvent(pContext));
     }
     EXPECT_FALSE(HasMacroEvent());
-    EXPECT_EQ(nullptr, ControlContextOf(Globals.pControlDevice)->pApplicationEvent);
+    EXPECT_EQ(nullptr, Control()->pApplicationEvent);
     {
         EmuApplication again;
         EXPECT_EQ(0, KeReadStateEvent(pClosed)) << "cleared by every open";
@@ -71,7 +70,7 @@ unsigned long long SurpriseUs(bool bRegister, unsigned ulCloseMs, bool* pbSignal
     HostThread thread = nullptr;
     if (ulCloseMs != 0) {
         thread = HostStartThread([&] {
-            EXPECT_EQ(STATUS_SUCCESS, HostWaitEvent(hEvent, -1));
+            EXPECT_EQ(STATUS_SUCCESS, HostWaitEvent(hEvent, 60000000));
             LARGE_INTEGER delay;
             delay.QuadPart = -10000LL * ulCloseMs;
             KeDelayExecutionThread(KernelMode, FALSE, &delay);
@@ -105,12 +104,52 @@ TEST(Application, IsToldOfTheLastSurpriseRemoval)
     EXPECT_FALSE(bSignalled);
 }
 
+TEST(Application, IsToldNothingWhileAKeyboardIsLeft)
+{
+    EmuMachine machine(WithRegistry(""));
+    EmuKeyboard* pFirst = machine.Plug();
+    machine.Plug();
+    EmuApplication application;
+    HANDLE hEvent = HostCreateEvent(false);
+    EXPECT_EQ(STATUS_SUCCESS, application.RegisterApplicationEvent(hEvent));
+    const unsigned long long ullBefore = HostNowUs();
+    EXPECT_EQ(STATUS_SUCCESS, pFirst->Unplug(true));
+    EXPECT_EQ(ullBefore, HostNowUs());
+    EXPECT_FALSE(HostTakeEvent(hEvent));
+    application.Close();
+    HostCloseHandle(hEvent);
+    EXPECT_EQ(0u, machine.Unload());
+}
+
+// Records and the recording of reports belong to the driver: the next application finds them.
+TEST(Application, LastCloseLeavesRecordsAndCapture)
+{
+    EmuMachine machine(WithRegistry("\"KorvexHotkey\"=dword:00010039\r\n"));
+    EmuKeyboard* pKeyboard = machine.Plug();
+    {
+        EmuApplication first;
+        EXPECT_EQ(STATUS_SUCCESS,
+                  first.Request(IOCTL_TVUSB_SET_CAPTURE, {1, 1, 0, 0}, 0)); // the low byte counts
+        EXPECT_TRUE(pKeyboard->Report({0, 0, 4, 0, 0, 0, 0, 0}));
+        NotifyRecord record = {1, 0, 0, 1, 0, 0, 7};
+        EXPECT_EQ(STATUS_SUCCESS, QueueNotifyRecord(pKeyboard->Filter(), &record));
+    }
+    EmuApplication next;
+    std::vector<UCHAR> capture;
+    EXPECT_EQ(STATUS_SUCCESS, next.Request(IOCTL_TVUSB_GET_CAPTURE, {}, 4, &capture));
+    EXPECT_EQ((std::vector<UCHAR>{1, 0, 0, 0}), capture);
+    EXPECT_EQ(1u, next.TakeRecords(pKeyboard->Index()).size());
+    EXPECT_EQ(1u, next.TakeMacroRecords().size());
+    next.Close();
+    EXPECT_EQ(0u, machine.Unload());
+}
+
 TEST(ControlDevice, CompletesEveryMajorFunction)
 {
     EmuMachine machine(WithRegistry(""));
     machine.Plug();
     EXPECT_FALSE(IsMouseSiblingConnected());
-    ControlContextOf(Globals.pControlDevice)->UsbMouse.ucConnected = 1;
+    Control()->UsbMouse.ucConnected = 1;
     EXPECT_TRUE(IsMouseSiblingConnected());
     EXPECT_EQ(0u, Globals.pControlDevice->Flags & DO_DEVICE_INITIALIZING);
     ULONG_PTR ulInformation = 0;
@@ -154,13 +193,16 @@ TEST(ControlDevice, SurvivesItsOpenHandles)
     HANDLE hEvent = HostCreateEvent(false);
     EmuApplication application;
     EXPECT_EQ(STATUS_SUCCESS, application.RegisterApplicationEvent(hEvent));
-    pFirst->Remove(); // in order, under an open handle: its event goes with the device
+    EXPECT_EQ(STATUS_SUCCESS, application.RegisterMacroEvent());
+    EXPECT_EQ(STATUS_SUCCESS, application.RegisterNotifyEvent(pFirst->Index()));
+    pFirst->Remove(); // in order, under an open handle: its events go with the device
     EmuKeyboard* pSecond = machine.Plug();
     EXPECT_TRUE(CanOpen());
+    EXPECT_FALSE(HasMacroEvent()) << "free for the next application";
     EXPECT_EQ(1, Globals.usOpenCount);
     application.Close();
     EXPECT_EQ(0, Globals.usOpenCount);
-    EXPECT_NE(0, KeReadStateEvent(&ControlContextOf(Globals.pControlDevice)->ClosedEvent));
+    EXPECT_NE(0, KeReadStateEvent(&Control()->ClosedEvent));
     {
         EmuApplication late; // registers when the last keyboard, and the control device with it, is gone
         pSecond->Unplug(false);

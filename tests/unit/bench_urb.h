@@ -45,6 +45,42 @@ struct InterruptUrb {
     URB Urb = {};
 };
 
+// A read of the test's own, sent to the filter as the stack above sends one.
+class SentRead
+{
+public:
+    SentRead(PDEVICE_OBJECT device, URB& urb)
+        : pIrp(IoAllocateIrp(static_cast<CCHAR>(device->StackSize), FALSE))
+    {
+        PIO_STACK_LOCATION pNext = IoGetNextIrpStackLocation(pIrp);
+        pNext->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+        pNext->Parameters.DeviceIoControl.IoControlCode = IOCTL_INTERNAL_USB_SUBMIT_URB;
+        pNext->Parameters.Others.Argument1 = &urb;
+        pIrp->IoStatus.Information = 77;
+        IO_COMPLETION_ROUTINE* pKeep = [](PDEVICE_OBJECT, PIRP pCompleted, PVOID pSelf) -> NTSTATUS {
+            static_cast<SentRead*>(pSelf)->Result = pCompleted->IoStatus;
+            return STATUS_MORE_PROCESSING_REQUIRED;
+        };
+        IoSetCompletionRoutine(pIrp, pKeep, this, TRUE, TRUE, TRUE);
+        Result.Status = STATUS_PENDING;
+        (void)IoCallDriver(device, pIrp);
+    }
+    ~SentRead()
+    {
+        if (Result.Status == STATUS_PENDING) { // a test that failed
+            IoCancelIrp(pIrp);
+        }
+        IoFreeIrp(pIrp);
+    }
+    SentRead(const SentRead&) = delete;
+    SentRead& operator=(const SentRead&) = delete;
+
+    IO_STATUS_BLOCK Result = {};
+
+private:
+    PIRP pIrp;
+};
+
 // The driver's log, kept in memory while this lives: nothing drains it.
 class KeptLog
 {

@@ -209,6 +209,8 @@ TEST_F(Devices, WhatIsNotThereChangesNothing)
     EXPECT_EQ(ConvertPS2ToHID(Filter(), &definition, &entry), STATUS_UNSUCCESSFUL);
     UCHAR ucScans[6] = {0, 0, 0, 0, 0xFF, 0x01}; // 511 scan codes, of which none follows
     EXPECT_EQ(InsertScans(Keyboard->Index(), ucScans), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(Application->InsertScans(Keyboard->Index(), EmuBytes(510, 0xE0)), STATUS_SUCCESS)
+        << "a whole record";
 }
 
 // Entries that a request claims are only looked at when there are so many; one bad entry refuses all of them.

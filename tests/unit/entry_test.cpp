@@ -194,4 +194,34 @@ TEST(ErrorCount, OutlivesASystemThatStopsInTheSection)
     EXPECT_EQ(2, StoredCount());
     EXPECT_EQ(0u, machine.Unload());
 }
+
+// What the registry refuses is told, and leaves the stored count and the answer alone.
+TEST(ErrorCount, RegistryThatRefuses)
+{
+    const struct {
+        const char* pszStored;
+        const char* pszWhat;
+        unsigned uNth;
+        long long llCount;
+    } cases[] = {
+        {"\"ErrorCount\"=hex:02,00,00,00\r\n", "key", 1, 2},
+        {"\"ErrorCount\"=hex:02,00,00,00\r\n", "value", 2, 2}, // the second query
+        {"", "value", 2, -1},                                  // writing the first 0
+        {"", "value", 3, 0},                                   // the query behind it
+        {"\"ErrorCount\"=hex:01,00,00,00\r\n", "value", 3, 1}, // the write
+    };
+    for (const auto& row : cases) {
+        HostOptions options;
+        options.RegistryText = Head + Key + row.pszStored;
+        HostStart(options);
+        UCHAR ucRefuse = 0x55;
+        HostFailNth(row.pszWhat, row.uNth);
+        EXPECT_EQ(STATUS_UNSUCCESSFUL, UpdateErrorCount(ErrorCountEnter, &ucRefuse))
+            << row.pszWhat << row.uNth;
+        HostFailNth(nullptr, 0);
+        EXPECT_EQ(0, ucRefuse);
+        EXPECT_EQ(row.llCount, StoredCount()) << row.pszWhat << row.uNth;
+        EXPECT_EQ(0u, HostStop()) << "the key was closed";
+    }
+}
 } // namespace

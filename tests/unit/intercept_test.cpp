@@ -117,6 +117,74 @@ TEST_F(Intercept, InsertedKeysAreReleasedByTheNextRead)
     EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 0), URB_PASS);
 }
 
+// What is queued is given in one order: whole reports, the modifier report, what discard mode held back, the
+// release of inserted keys, inserted keys.
+TEST_F(Intercept, QueuedThingsAreGivenInTheirOrder)
+{
+    Keyboard->Unplug(false);
+    EmuPlugOptions options;
+    options.Manual = true;
+    Keyboard = Machine->Plug(EmuBootKeyboard, options);
+    UCHAR ucKey = 5, ucHeldBack = USAGE_CAPS_LOCK;
+    FifoEntry entry = {0, 8, {7, 0, 6}};
+    ASSERT_TRUE(AddDataToInsertBuffer(Filter(), &ucKey));
+    WriteShared(Context()->ucSendEmptyPacket, 1);
+    ASSERT_EQ(STATUS_SUCCESS, AddDiscardedPacket(Filter(), &ucHeldBack, 0));
+    WriteShared(Context()->ucInsertModifiers, 2);
+    WriteShared(Context()->ucInsertModifierPending, 1);
+    ASSERT_EQ(STATUS_SUCCESS, InsertUSBPacketFifin(Filter(), &entry));
+    for (const EmuBytes& wanted : {EmuBytes{7, 6}, EmuBytes{2, 0}, EmuBytes{0, USAGE_CAPS_LOCK},
+                                   EmuBytes{0, 0}, EmuBytes{0, 5}, EmuBytes{0, 0}}) {
+        InterruptUrb read(8);
+        const SentRead sent(Filter(), read.Urb);
+        EXPECT_EQ(STATUS_SUCCESS, sent.Result.Status);
+        EXPECT_EQ(0u, sent.Result.Information);
+        EXPECT_EQ(wanted, (EmuBytes{read.Buffer[0], read.Buffer[2]}));
+    }
+    EXPECT_EQ(0u, Keyboard->PendingReads());
+}
+
+// The end of discard mode calls the read back from the keyboard only when something was held back.
+TEST_F(Intercept, DiscardModeEndsWithoutAReadWhenNothingWasHeldBack)
+{
+    Keyboard->Unplug(false);
+    EmuPlugOptions options;
+    options.Manual = true;
+    Keyboard = Machine->Plug(EmuBootKeyboard, options);
+    for (bool bHeldBack : {false, true}) {
+        UCHAR ucKey = USAGE_CAPS_LOCK;
+        KeyDefinition definition = Hotkey(9, 0, {});
+        definition.ulType = 11;
+        ASSERT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &definition));
+        if (Keyboard->PendingReads() == 0) {
+            ASSERT_EQ(STATUS_SUCCESS, Keyboard->Read());
+        }
+        if (bHeldBack) {
+            ASSERT_EQ(STATUS_SUCCESS, AddDiscardedPacket(Filter(), &ucKey, 0));
+        }
+        EXPECT_EQ(STATUS_SUCCESS, RemoveKeyDefinition(Filter(), 9));
+        EXPECT_EQ(bHeldBack ? 0u : 1u, Keyboard->PendingReads());
+    }
+}
+
+// Too many keys at once are seen in longer reports too, and pass as they are.
+TEST_F(Intercept, ALongRolloverReportPassesUntouched)
+{
+    KeyDefinition definition = Hotkey(9, 0, {});
+    definition.ulType = 11;
+    ASSERT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &definition));
+    ASSERT_EQ(STATUS_SUCCESS, Application->StartReportProcessing(Keyboard->Index()));
+    for (UCHAR ucLast : {1, 2}) { // the sixth key position
+        InterruptUrb read(9);
+        const EmuBytes report = {2, 0, 1, 1, 1, 1, 1, ucLast, USAGE_CAPS_LOCK};
+        std::copy(report.begin(), report.end(), read.Buffer.get());
+        FilterIrp request(Filter(), &read.Urb);
+        EXPECT_EQ(URB_PASS, ShowURBInfo(Filter(), request.pIrp, 1));
+        EXPECT_EQ(ucLast == 1 ? report : (EmuBytes{2, 0, 0, 0, 0, 0, 0, 0, 0}),
+                  EmuBytes(read.Buffer.get(), read.Buffer.get() + 9));
+    }
+}
+
 TEST_F(Intercept, PendingReadsAreKeptInOrder)
 {
     IRP irps[102] = {};

@@ -36,10 +36,10 @@ TEST(Keyboards, IndexesCountUpAndTheControlDeviceIsShared)
     EmuKeyboard* pSecond = machine.Plug();
     const PDEVICE_OBJECT pControl = Globals.pControlDevice;
     EXPECT_EQ(2, Globals.usKeyboardCount);
-    EXPECT_EQ(0u, FilterContextOf(pFirst->Filter())->ulDeviceIndex);
-    EXPECT_EQ(1u, FilterContextOf(pSecond->Filter())->ulDeviceIndex);
-    EXPECT_EQ(1, FilterContextOf(pFirst->Filter())->ucSendUpEventImmediately);
-    EXPECT_EQ(0, FilterContextOf(pFirst->Filter())->ucRunDiagNormalPacket02);
+    EXPECT_EQ(0u, ContextOf(pFirst)->ulDeviceIndex);
+    EXPECT_EQ(1u, ContextOf(pSecond)->ulDeviceIndex);
+    EXPECT_EQ(1, ContextOf(pFirst)->ucSendUpEventImmediately);
+    EXPECT_EQ(0, ContextOf(pFirst)->ucRunDiagNormalPacket02);
     EXPECT_EQ(STATUS_SUCCESS, pFirst->Start()) << "once more, with its reads out";
     EXPECT_EQ(2, Globals.usKeyboardCount) << "a second start counts nothing twice";
     EXPECT_EQ(2, Globals.usStartedKeyboards);
@@ -58,7 +58,7 @@ TEST(Keyboards, IndexesCountUpAndTheControlDeviceIsShared)
     EXPECT_EQ(2, Globals.usStartedKeyboards);
     EXPECT_EQ(pControl, Globals.pControlDevice);
     EmuKeyboard* pThird = machine.Plug();
-    EXPECT_EQ(2u, FilterContextOf(pThird->Filter())->ulDeviceIndex);
+    EXPECT_EQ(2u, ContextOf(pThird)->ulDeviceIndex);
     pThird->Unplug(true);
     EXPECT_TRUE(CanOpen());
     pSecond->Unplug(false);
@@ -67,6 +67,66 @@ TEST(Keyboards, IndexesCountUpAndTheControlDeviceIsShared)
     EXPECT_EQ(0, Globals.usKeyboardCount);
     EXPECT_TRUE(machine.Plug()->StartStatus() == STATUS_SUCCESS && CanOpen()) << "and all over again";
     EXPECT_EQ(0u, machine.Unload());
+}
+
+// The filter looks like the device under it; the control device is opened with a check of its access list.
+TEST(Keyboards, TheFilterTakesOverWhatTheDeviceBelowIs)
+{
+    EmuMachine machine(WithRegistry(""));
+    EmuPlugOptions options;
+    options.Start = false;
+    EmuKeyboard* pKeyboard = machine.Plug(EmuBootKeyboard, options);
+    PDEVICE_OBJECT pPhysical = pKeyboard->Physical(), pFilter = pKeyboard->Filter();
+    const ULONG ulRemovable = 1; // FILE_REMOVABLE_MEDIA
+    const ULONG ulTaken = DO_BUFFERED_IO | DO_DIRECT_IO | DO_POWER_PAGABLE;
+    EXPECT_NE(0u, pPhysical->Flags & ulTaken);
+    EXPECT_EQ(pPhysical->Flags & ulTaken, pFilter->Flags);
+    EXPECT_EQ(pPhysical->DeviceType, pFilter->DeviceType);
+    EXPECT_EQ(pPhysical->Characteristics, pFilter->Characteristics);
+    PDEVICE_OBJECT pOther = nullptr; // another stack: two drivers' flags, type and characteristics
+    ASSERT_EQ(STATUS_SUCCESS, IoCreateDevice(machine.Driver(), 0, nullptr, FILE_DEVICE_MOUSE,
+                                             ulRemovable | FILE_DEVICE_SECURE_OPEN, FALSE, &pOther));
+    pOther->Flags = DO_DIRECT_IO | DO_POWER_INRUSH;
+    ASSERT_EQ(STATUS_SUCCESS, machine.Driver()->DriverExtension->AddDevice(machine.Driver(), pOther));
+    PDEVICE_OBJECT pTop = pOther->AttachedDevice;
+    EXPECT_EQ(DO_DIRECT_IO, pTop->Flags);
+    EXPECT_EQ(static_cast<DEVICE_TYPE>(FILE_DEVICE_MOUSE), pTop->DeviceType);
+    EXPECT_EQ(ulRemovable | FILE_DEVICE_SECURE_OPEN, pTop->Characteristics);
+    ULONG_PTR ulInformation = 0;
+    const WCHAR object[] = L"\\Device\\USBPDO-7";
+    HostSetDeviceProperty(pPhysical, DevicePropertyPhysicalDeviceObjectName, object, sizeof(object));
+    EXPECT_EQ(STATUS_SUCCESS, pKeyboard->Start());
+    EXPECT_EQ(STATUS_SUCCESS, Send(pFilter, IRP_MJ_PNP, IRP_MN_START_DEVICE, &ulInformation));
+    EXPECT_EQ(0u, ulInformation);
+    EXPECT_EQ(static_cast<DEVICE_TYPE>(FILE_DEVICE_UNKNOWN), Globals.pControlDevice->DeviceType);
+    EXPECT_EQ(static_cast<ULONG>(FILE_DEVICE_SECURE_OPEN), Globals.pControlDevice->Characteristics);
+
+    // What an application finds the keyboard by.
+    DeviceContext* pContext = FilterContextOf(pFilter);
+    const UNICODE_STRING& link = pContext->InterfaceLinkName;
+    const std::string name(link.Buffer, link.Buffer + link.Length / sizeof(WCHAR));
+    EXPECT_NE(std::string::npos, name.find("{3b7e91c4-5a2d-4f60-9c1e-7d84a2f0b613}")) << name;
+    EXPECT_EQ(0, memcmp(object, pContext->PhysicalDeviceObjectName, sizeof(object)));
+    Send(pTop, IRP_MJ_PNP, IRP_MN_REMOVE_DEVICE, &ulInformation);
+    IoDeleteDevice(pOther);
+    EXPECT_EQ(0u, machine.Unload());
+}
+
+// A section that was entered and not left stays counted, and nothing else does.
+TEST(Keyboards, AKeyboardThatCannotBeAddedStaysCounted)
+{
+    for (const char* pszWhat : {"device", "attach", "key"}) {
+        EmuMachine machine(WithRegistry(""));
+        machine.Plug(); // the control device is there
+        HostFailOnlyIn(L"Tv64USB");
+        HostFailNth(pszWhat, 1);
+        EmuKeyboard* pFailed = machine.Plug();
+        HostFailNth(nullptr, 0);
+        HostFailOnlyIn(nullptr);
+        EXPECT_EQ(std::string(pszWhat) == "key", NT_SUCCESS(pFailed->AddStatus())) << pszWhat;
+        EXPECT_EQ(std::string(pszWhat) == "key" ? 0 : 1, StoredCount()) << pszWhat;
+        EXPECT_EQ(0u, machine.Unload());
+    }
 }
 
 TEST(Keyboards, StartThatPendsOrFails)
@@ -80,7 +140,7 @@ TEST(Keyboards, StartThatPendsOrFails)
     EXPECT_LE(30000u, HostNowUs());
     EXPECT_TRUE(CanOpen()) << "counted whatever the start's status";
     EXPECT_EQ(1, Globals.usStartedKeyboards);
-    DeviceContext* pContext = FilterContextOf(pKeyboard->Filter());
+    DeviceContext* pContext = ContextOf(pKeyboard);
     EXPECT_NE(0, pContext->DeviceDescription[0]);
     const std::u16string big(300, u'd'); // does not fit: the field stays
     const WCHAR cBefore = pContext->DeviceDescription[0];
@@ -104,7 +164,7 @@ TEST(Keyboards, AFailedCreationIsNotCounted)
     EXPECT_EQ(STATUS_SUCCESS, pUncounted->StartStatus());
     EXPECT_EQ(nullptr, Globals.pControlDevice);
     EXPECT_EQ(0, Globals.usKeyboardCount);
-    EXPECT_EQ(0, FilterContextOf(pUncounted->Filter())->ucInterfaceRegistered);
+    EXPECT_EQ(0, ContextOf(pUncounted)->ucInterfaceRegistered);
     EXPECT_EQ(0, StoredCount()) << "lowered by one";
     IoDeleteSymbolicLink(&link);
 
@@ -151,7 +211,7 @@ TEST(Keyboards, QueryRemoveForwardsAndMarksStay)
 {
     EmuMachine machine(WithRegistry(""));
     EmuKeyboard* pKeyboard = machine.Plug();
-    DeviceContext* pContext = FilterContextOf(pKeyboard->Filter());
+    DeviceContext* pContext = ContextOf(pKeyboard);
     SetKorvexKeyboard(pKeyboard->Filter(), 1);
     EXPECT_EQ(KEYDEF_MACRO_MODE, pContext->ulKeyDefTypes & KEYDEF_MACRO_MODE);
     SetKorvexKeyboard(pKeyboard->Filter(), 2); // only 1 switches on
@@ -198,7 +258,7 @@ TEST(Threads, RemovalMeetsItsUsers)
     }
     EXPECT_EQ(0, Globals.usOpenCount);
     EXPECT_EQ(pStays->Filter(), NewestKeyboard());
-    EXPECT_EQ(0u, FilterContextOf(pStays->Filter())->ulKeyDefTypes & ~KEYDEF_MACRO_MODE);
+    EXPECT_EQ(0u, ContextOf(pStays)->ulKeyDefTypes & ~KEYDEF_MACRO_MODE);
     EXPECT_EQ(0u, machine.Unload());
 }
 } // namespace

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "bench_macro.h"
+#include "bench_urb.h"
 #include "hotkeys/hotkeys.h"
 
 namespace
@@ -33,6 +34,11 @@ protected:
         for (ULONG i = 0; i < ulReads; i++) {
             ASSERT_EQ(Keyboard->Read(), OK);
         }
+    }
+    void CancelFirst()
+    {
+        ASSERT_NE(Context()->pFirstParked, nullptr);
+        IoCancelIrp(Context()->pFirstParked);
     }
     void Wait(ULONGLONG ullMs) { HostAdvanceToUs(HostNowUs() + ullMs * 1000); }
     // The key each read brought, "-" for a read without one, "!" for a failed one.
@@ -73,6 +79,34 @@ TEST_F(ParkedTest, TheOwnTimerServesThem)
     EXPECT_EQ(Context()->pFirstParked, nullptr);
 }
 
+// What a read that was parked brings when nothing is queued any more: zeros, whatever its buffer held.
+TEST_F(ParkedTest, AnEmptyQueueGivesAnEmptyReport)
+{
+    EmuPlugOptions options;
+    options.Manual = true;
+    Plug(options);
+    Settings.ulKorvexDelay = 100;
+    InterruptUrb read(8);
+    memset(read.Buffer.get(), 0xA7, 8);
+    Globals.ucKorvexTimerRunning = 1;
+    FifoEntry entry = {0, 8, {0, 0, 4}};
+    ASSERT_EQ(InsertUSBPacketFifin(Keyboard->Filter(), &entry), OK);
+    SentRead parked(Keyboard->Filter(), read.Urb);
+    ASSERT_EQ(GetUSBPacketFifo(Keyboard->Index(), &entry), OK); // another one was faster
+    Wait(100);
+    EXPECT_EQ(parked.Result.Status, OK);
+    EXPECT_EQ(parked.Result.Information, 0u);
+    EXPECT_EQ(EmuBytes(read.Buffer.get(), read.Buffer.get() + 8), EmuBytes(8));
+
+    ASSERT_EQ(InsertUSBPacketFifin(Keyboard->Filter(), &entry), OK);
+    Globals.ucKorvexTimerRunning = 1;
+    SentRead cancelled(Keyboard->Filter(), read.Urb);
+    CancelFirst();
+    EXPECT_EQ(cancelled.Result.Status, STATUS_CANCELLED);
+    EXPECT_EQ(read.Urb.UrbHeader.Status, USBD_STATUS_CANCELED);
+    Wait(100);
+}
+
 TEST_F(ParkedTest, TwoHundredAtMost)
 {
     Park(203, 2);
@@ -87,13 +121,13 @@ TEST_F(ParkedTest, TwoHundredAtMost)
 TEST_F(ParkedTest, CancelledAndServed)
 {
     Park(4, 4);
-    IoCancelIrp(Context()->pFirstParked);
+    CancelFirst();
     EXPECT_EQ(Keys(), "x");
     EXPECT_EQ(ParkedCount(Context()), 3u);
     Wait(100);
     EXPECT_EQ(Keys(), "10");
-    IoCancelIrp(Context()->pFirstParked);
-    IoCancelIrp(Context()->pFirstParked);
+    CancelFirst();
+    CancelFirst();
     EXPECT_EQ(Keys(), "x x");
     EXPECT_EQ(Context()->pFirstParked, nullptr);
     Wait(100);
@@ -119,6 +153,7 @@ TEST_F(ParkedTest, GivenUpAtTheSameMoment)
 {
     Park(2, 3);
     PIRP pGivenUp = Context()->pFirstParked;
+    ASSERT_NE(pGivenUp, nullptr);
     PDRIVER_CANCEL pCancel = IoSetCancelRoutine(pGivenUp, nullptr); // as the canceller does first of all
     ASSERT_NE(pCancel, nullptr);
     Wait(100);

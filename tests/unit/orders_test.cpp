@@ -7,6 +7,7 @@
 #include "driver/driver.h"
 #include "emu/app/application.h"
 #include "emu/app/machine.h"
+#include "hotkeys/hotkeys.h"
 
 // A modifier report is inserted while a read is on its way down: that read must not stay at the keyboard.
 TEST(Orders, AReadOnItsWayDownDoesNotMissAnInsertedModifier)
@@ -59,6 +60,38 @@ TEST(Orders, OfTwoRegistrationsOneWins)
             EXPECT_EQ(STATUS_UNSUCCESSFUL, pStatus[0] | pStatus[1]) << "seed " << seed;
         }
         ASSERT_EQ(0u, machine.Unload()) << "seed " << seed;
+    }
+}
+
+// Definitions come and go while a report is looked at: the list that it walks is whole, whenever it began.
+TEST(Orders, AWalkNeverMeetsAListThatIsBeingBuilt)
+{
+    for (unsigned seed = 1; seed <= 100; seed++) {
+        EmuMachineOptions options;
+        options.Entry = DriverEntry;
+        options.Seed = seed;
+        EmuMachine machine(options);
+        EmuPlugOptions plug;
+        plug.Manual = true;
+        PDEVICE_OBJECT device = machine.Plug(EmuBootKeyboard, plug)->Filter();
+        const KeyDefinition stays = tvusb::MakeHotkey(7, 0, {0x3B}, false);
+        const KeyDefinition goes = tvusb::MakeHotkey(8, 0, {0x3C}, false);
+        ASSERT_EQ(STATUS_SUCCESS, AddKeyDefinition(device, &stays));
+        HostThread thread = HostStartThread([&] {
+            for (int i = 0; i < 20; i++) {
+                (void)AddKeyDefinition(device, &goes);
+                (void)RemoveKeyDefinition(device, 8);
+            }
+        });
+        bool bWhole = true;
+        for (int i = 0; i < 300; i++) {
+            HotkeyWalk walk(FilterContextOf(device));
+            const HotkeyEntry& first = *walk.begin();
+            SCHEDULE_POINT();
+            bWhole = bWhole && first.ulId == 7 && first.ucKeys[0] == 0x3A;
+        }
+        HostJoinThread(thread);
+        EXPECT_TRUE(bWhole) << "seed " << seed;
     }
 }
 

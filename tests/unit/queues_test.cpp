@@ -4,6 +4,7 @@
 
 #include <atomic>
 
+#include "bench_context.h"
 #include "control/control.h"
 #include "emu/app/machine.h"
 
@@ -119,7 +120,7 @@ void ExerciseRing(const Ring& ring)
     ExpectNext(ring, 1, 0);
     EXPECT_EQ(RING - 1, ring.Count());
 
-    for (ULONG i = 1; i < 3 * RING; i++) { // around the ring, kept full
+    for (ULONG i = 1; i < 3 * RING + 5; i++) { // around the ring, kept full, and a little further
         ASSERT_EQ(OK, ring.Queue(RING - 1 + i));
         EXPECT_EQ(UN, ring.Queue(12345));
         ExpectNext(ring, i, 1);
@@ -217,7 +218,7 @@ TEST_F(QueuesTest, ReportProcessingIsASwitchForEachKeyboard)
     EXPECT_EQ(UN, StartReportProcessing(77));
     EXPECT_EQ(OK, StartReportProcessing(ulFirst));
     EXPECT_EQ(UN, StopAllReportProcessing()) << "the other keyboard was off";
-    EXPECT_EQ(0, FilterContextOf(pFirst->Filter())->ucReportProcessing);
+    EXPECT_EQ(0, ContextOf(pFirst)->ucReportProcessing);
     EXPECT_EQ(OK, StartReportProcessing(ulFirst));
     EXPECT_EQ(OK, StartReportProcessing(pSecond->Index()));
     EXPECT_EQ(OK, StopAllReportProcessing());
