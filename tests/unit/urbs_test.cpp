@@ -3,6 +3,9 @@
 #include "bench_keyboard.h"
 #include "bench_urb.h"
 
+#include <functional>
+
+#include "control/control.h"
 #include "hotkeys/hotkeys.h"
 #include "usb/usb.h"
 
@@ -277,6 +280,122 @@ TEST_F(Urbs, DescriptorsAreReadAsFarAsTheyCame)
     const EmuBytes longer = {10, 4, 0, 0, 1, 8, 6, 80, 0, 0};
     DiagDescriptor(Filter(), longer.data(), 10, 1);
     EXPECT_EQ(0u, pContext->KbdType);
+}
+
+// The URBs of the driver's own requests, as the device below gets them.
+class OwnRequests : public Urbs
+{
+protected:
+    void SetUp() override
+    {
+        Urbs::SetUp();
+        PDRIVER_INITIALIZE pEntry = [](PDRIVER_OBJECT pDriver, PUNICODE_STRING) -> NTSTATUS {
+            pDriver->DriverUnload = [](PDRIVER_OBJECT) {};
+            pDriver->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = [](PDEVICE_OBJECT,
+                                                                        PIRP pIrp) -> NTSTATUS {
+                Take(*static_cast<PURB>(IoGetCurrentIrpStackLocation(pIrp)->Parameters.Others.Argument1));
+                return CompleteRequest(pIrp, STATUS_SUCCESS, 0);
+            };
+            return STATUS_SUCCESS;
+        };
+        ASSERT_EQ(STATUS_SUCCESS, HostLoadDriver(pEntry, L"Below", &pBelow));
+        ASSERT_EQ(STATUS_SUCCESS,
+                  IoCreateDevice(pBelow, 0, nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &pDevice));
+        pLower = Context()->pLowerDevice;
+        Context()->pLowerDevice = pDevice;
+    }
+    void TearDown() override
+    {
+        Context()->pLowerDevice = pLower;
+        IoDeleteDevice(pDevice);
+        EXPECT_EQ(0u, HostUnloadDriver(pBelow));
+        Urbs::TearDown();
+    }
+
+    // Function, flags, reserved bits and request or index and type, value or language, index, length; then data.
+    static void Take(const URB& urb)
+    {
+        const auto& request = urb.UrbControlVendorClassRequest; // buffer and length lie at one place in both
+        const auto& descriptor = urb.UrbControlDescriptorRequest;
+        const bool bDescriptor = urb.UrbHeader.Function == URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE ||
+                                 urb.UrbHeader.Function == URB_FUNCTION_SET_DESCRIPTOR_TO_DEVICE ||
+                                 urb.UrbHeader.Function == URB_FUNCTION_GET_DESCRIPTOR_FROM_INTERFACE;
+        char text[96];
+        if (bDescriptor) {
+            snprintf(text, sizeof(text), "%02X %u | %02X.%u %04X | %u:", urb.UrbHeader.Function,
+                     descriptor.Reserved0, descriptor.Index, descriptor.DescriptorType, descriptor.LanguageId,
+                     request.TransferBufferLength);
+        } else {
+            snprintf(text, sizeof(text), "%02X %u | %02X %02X %04X %04X | %u:", urb.UrbHeader.Function,
+                     request.TransferFlags, request.RequestTypeReservedBits, request.Request, request.Value,
+                     request.Index, request.TransferBufferLength);
+        }
+        Told = text;
+        const UCHAR* pData = static_cast<const UCHAR*>(request.TransferBuffer);
+        EXPECT_EQ(request.TransferBufferLength == 0, pData == nullptr);
+        for (ULONG i = 0; i < request.TransferBufferLength && i < 6; i++) {
+            snprintf(text, sizeof(text), " %02X", pData[i]);
+            Told += text;
+        }
+        EXPECT_EQ(136, urb.UrbHeader.Length);
+        EXPECT_EQ(nullptr, request.TransferBufferMDL);
+        EXPECT_EQ(nullptr, request.UrbLink);
+        EXPECT_EQ(nullptr, descriptor.UrbLink);
+    }
+
+    static std::string Told;
+    PDRIVER_OBJECT pBelow = nullptr;
+    PDEVICE_OBJECT pDevice = nullptr, pLower = nullptr;
+};
+std::string OwnRequests::Told;
+
+TEST_F(OwnRequests, HaveTheirUrbs)
+{
+    const ULONG ulIndex = Keyboard->Index();
+    UCHAR ucOut[256];
+    const UCHAR ucData[3] = {0xA1, 0xA2, 0xA3};
+    ULONG ulLength = 0;
+    const auto command = [&](ULONG ulCommand, USHORT usScanCode) {
+        KeyCommand record = {};
+        record.ulCommand = ulCommand;
+        record.usScanCode = usScanCode;
+        return SendKeyCommand(ulIndex, &record);
+    };
+    const struct {
+        const char* pszUrb;
+        std::function<NTSTATUS()> Send;
+    } cases[] = {
+        {"0B 0 | 00.1 0000 | 18:", [&] { return GetDeviceDescriptor(ulIndex, ucOut); }},
+        {"0B 0 | 02.3 0409 | 4: 00 00 00 00",
+         [&] { return GetStringDescriptor(ulIndex, 2, 0x409, nullptr, 0, &ulLength); }},
+        {"1B 0 | 22 09 0200 0000 | 1: 06", [&] { return SetKeyboardLeds(ulIndex, 5); }},
+        {"18 0 | 22 03 003A 0000 | 0:", [&] { return command(1, 0x3B); }},
+        {"18 0 | 22 01 0000 0000 | 0:", [&] { return command(2, 0x3B); }},
+        {"1B 1 | 22 01 0203 3401 | 5: 75 75 75 75 75",
+         [&] { return ReadQuintoraEEprom(ulIndex, 0x1234, 5, ucOut, &ulLength); }},
+        {"1B 0 | 22 09 0203 0001 | 5: 34 12 A1 A2 A3",
+         [&] { return WriteQuintoraEEprom(ulIndex, 0x1234, 3, ucData, &ulLength); }},
+        {"28 1 | 00.34 0001 | 77:", [&] { return ReadQuintoraEEprom(ulIndex, 7, 0, ucOut, &ulLength); }},
+        {"0B 0 | FD.1 1234 | 4: 75 75 75 75",
+         [&] { return ReadDescriptorMemory(ulIndex, 0x1234, 4, ucOut, &ulLength); }},
+        {"0C 0 | FD.1 0000 | 5: 34 12 A1 A2 A3",
+         [&] { return WriteDescriptorMemory(ulIndex, 0x1234, 3, ucData, &ulLength); }},
+        {"17 1 | 22 01 0200 1234 | 4: 75 75 75 75",
+         [&] { return ReadVendorMemory(ulIndex, 0x1234, 4, ucOut, &ulLength); }},
+        {"17 1 | 22 01 0200 1234 | 0:",
+         [&] { return ReadVendorMemory(ulIndex, 0x1234, 0, ucOut, &ulLength); }},
+        {"17 0 | 22 09 0200 1234 | 3: A1 A2 A3",
+         [&] { return WriteVendorMemory(ulIndex, 0x1234, 3, ucData, &ulLength); }},
+    };
+    for (const auto& row : cases) {
+        Told.clear();
+        EXPECT_EQ(STATUS_SUCCESS, row.Send()) << row.pszUrb;
+        EXPECT_EQ(row.pszUrb, Told.substr(0, strlen(row.pszUrb)));
+    }
+    Told.clear();
+    EXPECT_EQ(STATUS_SUCCESS, ReadDescriptorMemory(ulIndex, 0x1234, 0, ucOut, &ulLength));
+    EXPECT_EQ(STATUS_SUCCESS, WriteDescriptorMemory(ulIndex, 0x1234, 0, ucData, &ulLength));
+    EXPECT_EQ("", Told) << "nothing is sent of nothing";
 }
 
 TEST(UrbNames, EndWithTheirTables)
