@@ -46,6 +46,7 @@ EmuMachine::EmuMachine(const EmuMachineOptions& options)
     host.Mode = options.Mode;
     host.Seed = options.Seed;
     host.DroppedLock = options.DroppedLock;
+    host.ulFirstHandle = options.FirstHandle;
     host.RegistryText = RegistryText(options);
     host.FileRoot = options.FileRoot;
     HostStart(host);

@@ -69,6 +69,7 @@ struct EmuMachineOptions {
     HostMode Mode = HostSimulated;
     std::string DroppedLock; // a lock of the driver that protects nothing in this run, by its field's name
     unsigned long long Seed = 0; // simulated: what chooses who runs next; 0: nobody comes between
+    ULONG_PTR FirstHandle = 4;   // see HostOptions
     std::map<std::string, EmuSetting>
         Settings;                     // values of the parameters key, absent = absent in the registry
     std::string RegistryText;         // more registry content, as .reg text with its head line or ""

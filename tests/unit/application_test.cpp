@@ -121,6 +121,25 @@ TEST(Application, IsToldNothingWhileAKeyboardIsLeft)
     EXPECT_EQ(0u, machine.Unload());
 }
 
+// A 32-bit process has handles of 32 bits, whose highest bit is a sign.
+TEST(Application, HandlesOfASmallProcessAreWidenedWithTheirSign)
+{
+    EmuMachineOptions options = WithRegistry("");
+    options.FirstHandle = 0xFFFFFFFF80000004;
+    EmuMachine machine(options);
+    EmuKeyboard* pKeyboard = machine.Plug();
+    for (bool b32 : {true, false}) {
+        EmuApplication application(b32);
+        EXPECT_EQ(STATUS_SUCCESS, application.RegisterMacroEvent());
+        EXPECT_EQ(STATUS_SUCCESS, application.RegisterNotifyEvent(pKeyboard->Index()));
+        SignalMacroEvent();
+        SignalNotifyEvent(pKeyboard->Filter());
+        EXPECT_TRUE(application.MacroSignalled());
+        EXPECT_TRUE(application.NotifySignalled(pKeyboard->Index()));
+    }
+    EXPECT_EQ(0u, machine.Unload());
+}
+
 // Records and the recording of reports belong to the driver: the next application finds them.
 TEST(Application, LastCloseLeavesRecordsAndCapture)
 {

@@ -9,14 +9,19 @@
 #include "emu/app/machine.h"
 #include "hotkeys/hotkeys.h"
 
+static EmuMachineOptions Seeded(unsigned seed)
+{
+    EmuMachineOptions options;
+    options.Entry = DriverEntry;
+    options.Seed = seed;
+    return options;
+}
+
 // A modifier report is inserted while a read is on its way down: that read must not stay at the keyboard.
 TEST(Orders, AReadOnItsWayDownDoesNotMissAnInsertedModifier)
 {
     for (unsigned seed = 1; seed <= 400; seed++) {
-        EmuMachineOptions options;
-        options.Entry = DriverEntry;
-        options.Seed = seed;
-        EmuMachine machine(options);
+        EmuMachine machine(Seeded(seed));
         ASSERT_EQ(machine.LoadStatus(), STATUS_SUCCESS);
         EmuKeyboard* pKeyboard = machine.Plug();
         NTSTATUS status = STATUS_PENDING;
@@ -35,10 +40,7 @@ TEST(Orders, AReadOnItsWayDownDoesNotMissAnInsertedModifier)
 TEST(Orders, OfTwoRegistrationsOneWins)
 {
     for (unsigned seed = 1; seed <= 100; seed++) {
-        EmuMachineOptions options;
-        options.Entry = DriverEntry;
-        options.Seed = seed;
-        EmuMachine machine(options);
+        EmuMachine machine(Seeded(seed));
         EmuKeyboard* pKeyboard = machine.Plug();
         NTSTATUS notify[2], macro[2];
         HostThread threads[2];
@@ -67,10 +69,7 @@ TEST(Orders, OfTwoRegistrationsOneWins)
 TEST(Orders, AWalkNeverMeetsAListThatIsBeingBuilt)
 {
     for (unsigned seed = 1; seed <= 100; seed++) {
-        EmuMachineOptions options;
-        options.Entry = DriverEntry;
-        options.Seed = seed;
-        EmuMachine machine(options);
+        EmuMachine machine(Seeded(seed));
         EmuPlugOptions plug;
         plug.Manual = true;
         PDEVICE_OBJECT device = machine.Plug(EmuBootKeyboard, plug)->Filter();
@@ -99,10 +98,7 @@ TEST(Orders, AWalkNeverMeetsAListThatIsBeingBuilt)
 TEST(Orders, RemovalEndsEveryWait)
 {
     for (unsigned seed = 1; seed <= 400; seed++) {
-        EmuMachineOptions options;
-        options.Entry = DriverEntry;
-        options.Seed = seed;
-        EmuMachine machine(options);
+        EmuMachine machine(Seeded(seed));
         EmuPlugOptions plug;
         plug.Manual = true;
         EmuKeyboard* pKeyboard = machine.Plug(EmuBootKeyboard, plug);

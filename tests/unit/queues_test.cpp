@@ -148,6 +148,7 @@ TEST_F(QueuesTest, RingsKeepTheOldest1024InOrder)
 TEST_F(QueuesTest, ASecondRegistrationFailsAndKeepsTheFirst)
 {
     HANDLE hFirst = HostCreateEvent(false), hSecond = HostCreateEvent(false);
+    HANDLE hWaitOnly = HostCreateEvent(false, SYNCHRONIZE);
     const struct {
         std::function<NTSTATUS(HANDLE)> Register;
         std::function<NTSTATUS()> Release;
@@ -169,6 +170,7 @@ TEST_F(QueuesTest, ASecondRegistrationFailsAndKeepsTheFirst)
         EXPECT_EQ(UN, kind.Release());
         kind.Signal(); // nobody is told
         EXPECT_EQ(STATUS_INVALID_HANDLE, kind.Register(reinterpret_cast<HANDLE>(0x7FFFFFF0ull)));
+        EXPECT_EQ(STATUS_ACCESS_DENIED, kind.Register(hWaitOnly));
         EXPECT_EQ(UN, kind.Release()) << "a bad handle registers nothing";
         EXPECT_EQ(OK, kind.Register(hFirst));
         EXPECT_EQ(UN, kind.Register(hSecond));
@@ -187,6 +189,7 @@ TEST_F(QueuesTest, ASecondRegistrationFailsAndKeepsTheFirst)
     EXPECT_EQ(UN, RegisterNotifyEvent(ValueOf(hFirst), UserMode, 77));
     HostCloseHandle(hFirst);
     HostCloseHandle(hSecond);
+    HostCloseHandle(hWaitOnly);
 }
 
 // The registration outlives the application's handle; what is left at removal or close is dropped.
