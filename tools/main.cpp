@@ -10,6 +10,7 @@
 int main(int argc, char** argv)
 {
     CLI::App app("tvusb - the keyboard filter driver on your own machine");
+    app.set_version_flag("--version", TV64USB_VERSION);
     app.require_subcommand(1);
     Verbs verbs;
     AddReplayVerb(app, verbs);
