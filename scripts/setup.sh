@@ -5,6 +5,8 @@
 PACKAGES_RUN="g++ cmake ninja-build libpcap-dev libcli11-dev libtomlplusplus-dev libfmt-dev pkg-config"
 PACKAGES_TEST="$PACKAGES_RUN clang clang-format llvm libclang-rt-14-dev libgtest-dev libbenchmark-dev
     lld g++-mingw-w64-x86-64 binutils-mingw-w64-x86-64 g++-mingw-w64-i686 python3 xz-utils"
+# For scripts/check-package: a command interpreter for Windows.
+PACKAGES_PACKAGE="wine wine64"
 
 # ensure_packages STAMP-NAME PACKAGE...
 ensure_packages() {
