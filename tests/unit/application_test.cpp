@@ -193,15 +193,24 @@ TEST(ControlDevice, IsNotForTheWorld)
     machine.Plug();
     const UCHAR* pBytes = static_cast<const UCHAR*>(Globals.pControlDevice->SecurityDescriptor);
     ASSERT_NE(nullptr, pBytes);
-    const UCHAR expected[92] = {
-        1, 0, 0x04, 0x80, 0,    0,    0,    0, 0, 0, 0, 0, 0, 0, 0, 0, 20, 0, 0, 0, // self-relative, access list at 20
-        2, 0, 72,   0,    3,    0,    0,    0,                                      // of three entries
-        0, 0, 20,   0,    0xFF, 0x01, 0x1F, 0, 1, 1, 0, 0, 0, 0, 0, 5, 18, 0, 0, 0, // system: all
-        0, 0, 24,   0,    0xFF, 0x01, 0x1F, 0, 1, 2, 0, 0, 0, 0, 0, 5, 32, 0, 0, 0, 32,
-        2, 0, 0,                                                                    // administrators: all
-        0, 0, 20,   0,    0x9F, 0x01, 0x12, 0, 1, 1, 0, 0, 0, 0, 0, 5, 4,  0, 0, 0, // interactive: read, write
+    const std::vector<EmuBytes> parts = {
+        {1, 0, 0x14, 0x80, 0, 0, 0,  0, 0, 0,
+         0, 0, 20,   0,    0, 0, 48, 0, 0, 0}, // self-relative, lists at 20 and 48
+        {2, 0, 28, 0, 1, 0, 0, 0},             // the label alone:
+        {0x11, 0, 20, 0, 3, 0,  0, 0,    1, 1,
+         0,    0, 0,  0, 0, 16, 0, 0x20, 0, 0}, // medium, no write up, no read up
+        {2, 0, 72, 0, 3, 0, 0, 0},              // the access list, of three:
+        {0, 0, 20, 0, 0xFF, 0x01, 0x1F, 0, 1, 1, 0, 0, 0, 0, 0, 5, 18, 0, 0, 0}, // system: all
+        {0, 0, 24, 0, 0xFF, 0x01, 0x1F, 0, 1,  2, 0, 0,
+         0, 0, 0,  5, 32,   0,    0,    0, 32, 2, 0, 0}, // administrators
+        {0, 0, 20, 0, 0x9F, 0x01, 0x12, 0, 1, 1,
+         0, 0, 0,  0, 0,    2,    1,    0, 0, 0}, // console logon: read and write
     };
-    EXPECT_EQ(0, memcmp(expected, pBytes, sizeof(expected)));
+    EmuBytes expected;
+    for (const EmuBytes& part : parts) {
+        expected.insert(expected.end(), part.begin(), part.end());
+    }
+    EXPECT_EQ(expected, EmuBytes(pBytes, pBytes + expected.size()));
     EXPECT_EQ(0u, machine.Unload());
 }
 
