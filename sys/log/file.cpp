@@ -5,7 +5,8 @@
 // older
 //      file of the same name with ".old" behind it. A line is never split between the two.
 // The drain's thread, at PASSIVE_LEVEL. The file is open only while something is written, so that it can be
-// read, copied or taken away at any time.
+// read, copied or taken away at any time; the right to rename it is asked for only when it starts over, because
+// whoever reads it without sharing that right would else keep the log from writing at all.
 #include "log/file.h"
 
 #include "driver/context.h"
@@ -32,23 +33,30 @@ static void BuildName(PUNICODE_STRING pName, PWCH pBuffer, PCWSTR pszSuffix)
     RtlAppendUnicodeToString(pName, pszSuffix);
 }
 
-// Opens the file for appending, made if it is not there.
-// IRQL = PASSIVE. Owns: the handle until CloseLogFile.
-static NTSTATUS OpenLogFile(LogFile* pFile)
+// Opens the file, made if it is not there.
+// IRQL = PASSIVE. Owns: the caller closes the handle. Fails: as the file system says.
+static NTSTATUS OpenByName(ACCESS_MASK access, PHANDLE phFile)
 {
     WCHAR nameBuffer[NAME_CHARS];
     UNICODE_STRING name;
     OBJECT_ATTRIBUTES attributes;
     IO_STATUS_BLOCK ioStatus;
-    FILE_STANDARD_INFORMATION information;
 
     BuildName(&name, nameBuffer, L"");
     InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr,
                                nullptr);
-    NTSTATUS status =
-        ZwCreateFile(&pFile->hFile, FILE_APPEND_DATA | FILE_READ_ATTRIBUTES | DELETE | SYNCHRONIZE,
-                     &attributes, &ioStatus, nullptr, FILE_ATTRIBUTE_NORMAL, FILE_SHARE_READ, FILE_OPEN_IF,
-                     FILE_SYNCHRONOUS_IO_NONALERT | FILE_NON_DIRECTORY_FILE, nullptr, 0);
+    return ZwCreateFile(phFile, access | SYNCHRONIZE, &attributes, &ioStatus, nullptr, FILE_ATTRIBUTE_NORMAL,
+                        FILE_SHARE_READ, FILE_OPEN_IF, FILE_SYNCHRONOUS_IO_NONALERT | FILE_NON_DIRECTORY_FILE,
+                        nullptr, 0);
+}
+
+// Opens the file for appending.
+// IRQL = PASSIVE. Owns: the caller closes the handle. Fails: the file refuses; no file is open then.
+static NTSTATUS OpenLogFile(LogFile* pFile)
+{
+    IO_STATUS_BLOCK ioStatus;
+    FILE_STANDARD_INFORMATION information;
+    NTSTATUS status = OpenByName(FILE_APPEND_DATA | FILE_READ_ATTRIBUTES, &pFile->hFile);
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -62,9 +70,9 @@ static NTSTATUS OpenLogFile(LogFile* pFile)
     return STATUS_SUCCESS;
 }
 
-// Turns the open file into the older one, in place of the last older one, and opens a new file.
-// IRQL = PASSIVE. Fails: the file keeps its name or the new one cannot be made; no file is open then.
-static NTSTATUS StartOver(LogFile* pFile)
+// Gives the file the older one's name, in place of the last older one.
+// IRQL = PASSIVE. Fails: it keeps its name, because somebody reads it or the file system says so.
+static NTSTATUS RenameLogFile()
 {
     struct {
         FILE_RENAME_INFORMATION Rename;
@@ -73,6 +81,7 @@ static NTSTATUS StartOver(LogFile* pFile)
     WCHAR nameBuffer[NAME_CHARS];
     UNICODE_STRING name;
     IO_STATUS_BLOCK ioStatus;
+    HANDLE hFile;
 
     BuildName(&name, nameBuffer, L".old");
     RtlZeroMemory(&request, sizeof(request));
@@ -80,9 +89,21 @@ static NTSTATUS StartOver(LogFile* pFile)
     request.Rename.FileNameLength = name.Length;
     PUCHAR pTarget = reinterpret_cast<PUCHAR>(&request) + FIELD_OFFSET(FILE_RENAME_INFORMATION, FileName);
     RtlCopyMemory(pTarget, name.Buffer, name.Length);
-    const NTSTATUS status =
-        ZwSetInformationFile(pFile->hFile, &ioStatus, &request, sizeof(request), FileRenameInformation);
+    NTSTATUS status = OpenByName(DELETE, &hFile);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    status = ZwSetInformationFile(hFile, &ioStatus, &request, sizeof(request), FileRenameInformation);
+    ZwClose(hFile);
+    return status;
+}
+
+// Turns the open file into the older one and opens a new file.
+// IRQL = PASSIVE. Fails: the file keeps its name or the new one cannot be made; no file is open then.
+static NTSTATUS StartOver(LogFile* pFile)
+{
     ZwClose(pFile->hFile);
+    const NTSTATUS status = RenameLogFile();
     return NT_SUCCESS(status) ? OpenLogFile(pFile) : status;
 }
 
