@@ -302,6 +302,7 @@ struct DriverGlobals {
     UCHAR ucPs2KeyboardArrivals GUARDED_BY(SiblingLock);
     UCHAR ucPs2MouseArrivals GUARDED_BY(SiblingLock);
     UCHAR ucUsbMouseArrivals GUARDED_BY(SiblingLock);
+    ULONG ulArrivalGeneration GUARDED_BY(SiblingLock); // whose callbacks count
     KEVENT SiblingRequestsEnd; // notification: whoever waits for another driver's answer gives up
 };
 

@@ -7,7 +7,8 @@
 //                    needs the spin lock only
 //
 // Runs at PASSIVE_LEVEL in Plug and Play threads. ControlDeviceMutex makes creation, deletion, open and close
-// come one after the other; the arrival callbacks must not take it, because unregistering waits for them.
+// come one after the other; the arrival callbacks must not take it: the system may call them while it registers and
+// unregisters, which happens under it, and also afterwards.
 // Applications cannot open the device before its initialising flag is cleared.
 #include "driver/driver.h"
 
@@ -46,12 +47,12 @@ PDEVICE_OBJECT ReferenceControlDevice()
 // A registration that fails leaves the handle null: the arrivals of that class stay unseen, no more.
 // IRQL = PASSIVE.
 static void RegisterArrival(SiblingLink* pLink, const GUID& interfaceClass,
-                            PDRIVER_NOTIFICATION_CALLBACK_ROUTINE pCallback, PDEVICE_OBJECT pFilterDevice)
+                            PDRIVER_NOTIFICATION_CALLBACK_ROUTINE pCallback, PVOID pContext)
 {
     PVOID hNotification = nullptr;
     const NTSTATUS status = IoRegisterPlugPlayNotification(
         EventCategoryDeviceInterfaceChange, PNPNOTIFY_DEVICE_INTERFACE_INCLUDE_EXISTING_INTERFACES,
-        const_cast<GUID*>(&interfaceClass), Globals.pDriverObject, pCallback, pFilterDevice, &hNotification);
+        const_cast<GUID*>(&interfaceClass), Globals.pDriverObject, pCallback, pContext, &hNotification);
     pLink->hInterfaceNotification = NT_SUCCESS(status) ? hNotification : nullptr;
 }
 
@@ -91,7 +92,7 @@ static NTSTATUS CreateNamedDevice(PDEVICE_OBJECT* ppControlDevice)
 
 // The initialising flag is cleared last, so no open meets a half-made record.
 // IRQL = PASSIVE, under ControlDeviceMutex. Fails: as CreateNamedDevice.
-static NTSTATUS BuildControlDevice(PDEVICE_OBJECT pFilterDevice)
+static NTSTATUS BuildControlDevice()
 {
     PDEVICE_OBJECT pControlDevice = nullptr;
     const NTSTATUS status = CreateNamedDevice(&pControlDevice);
@@ -107,9 +108,10 @@ static NTSTATUS BuildControlDevice(PDEVICE_OBJECT pFilterDevice)
     WriteShared(pControl->ulDeviceKind, CONTROL_DEVICE_KIND);
     SetControlDevice(pControlDevice);
 
-    RegisterArrival(&pControl->Ps2Keyboard, Ps2KeyboardClass, Ps2KeyboardArrival, pFilterDevice);
-    RegisterArrival(&pControl->Ps2Mouse, Ps2MouseClass, Ps2MouseArrival, pFilterDevice);
-    RegisterArrival(&pControl->UsbMouse, UsbMouseClass, UsbMouseArrival, pFilterDevice);
+    const PVOID pContext = BeginArrivals();
+    RegisterArrival(&pControl->Ps2Keyboard, Ps2KeyboardClass, Ps2KeyboardArrival, pContext);
+    RegisterArrival(&pControl->Ps2Mouse, Ps2MouseClass, Ps2MouseArrival, pContext);
+    RegisterArrival(&pControl->UsbMouse, UsbMouseClass, UsbMouseArrival, pContext);
     pControlDevice->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
     return STATUS_SUCCESS;
 }
@@ -120,6 +122,7 @@ static void TearDownControlDevice(PDEVICE_OBJECT pControlDevice)
 {
     ControlContext* pControl = ControlContextOf(pControlDevice);
     UNICODE_STRING linkName;
+    EndArrivals();
     UnregisterArrival(&pControl->Ps2Keyboard);
     UnregisterArrival(&pControl->Ps2Mouse);
     UnregisterArrival(&pControl->UsbMouse);
@@ -145,7 +148,7 @@ NTSTATUS CreateControlDevice(PDEVICE_OBJECT pFilterDevice)
 
     KeWaitForSingleObject(&Globals.ControlDeviceMutex, Executive, KernelMode, FALSE, nullptr);
     if (Globals.usKeyboardCount == 0) {
-        status = BuildControlDevice(pFilterDevice);
+        status = BuildControlDevice();
     }
     if (NT_SUCCESS(status) && pContext->ucKeyboardCounted == 0) {
         pContext->ucKeyboardCounted = 1;

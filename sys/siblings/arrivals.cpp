@@ -6,9 +6,10 @@
 // In:  arrivals and removals of the siblings' interfaces, while the control device exists.
 // Out: ucConnected of the three links. The counters are the driver's, the links the control device's: a new
 //      control device starts with no link connected and with the counters as they are.
-// The system calls the callbacks at PASSIVE_LEVEL, one at a time for each registration; one may still run when
-// its registration was undone, and then finds the old control device, a new one or none. The work routines run
-// in system worker threads and may be late: a link whose interfaces went meanwhile is left alone.
+// The system calls the callbacks at PASSIVE_LEVEL, one at a time for each registration. Undoing a registration does
+// not wait for them: one that comes late would be counted although the next registration tells all interfaces anew.
+// So each registration carries the number of its generation, and only the newest generation's callbacks count. The
+// work routines run in system worker threads and may be late: a link whose interfaces went meanwhile is left alone.
 #include "siblings/siblings.h"
 
 struct Sibling {
@@ -23,6 +24,27 @@ static const Sibling Ps2Mouse = {L"\\Device\\TvPS2M_COMM", &ControlContext::Ps2M
                                  &DriverGlobals::ucPs2MouseArrivals};
 static const Sibling UsbMouse = {L"\\Device\\TvUSBM_COMM", &ControlContext::UsbMouse,
                                  &DriverGlobals::ucUsbMouseArrivals};
+
+// IRQL = PASSIVE. Lock: takes SiblingLock.
+static ULONG BeginGeneration()
+{
+    LockScope lock(Globals.SiblingLock);
+    return ++Globals.ulArrivalGeneration;
+}
+
+// The context for the registrations that are made now.
+// IRQL = PASSIVE. Lock: takes SiblingLock.
+PVOID BeginArrivals()
+{
+    return reinterpret_cast<PVOID>(static_cast<ULONG_PTR>(BeginGeneration()));
+}
+
+// What the registrations that are undone now still tell is late.
+// IRQL = PASSIVE. Lock: takes SiblingLock.
+void EndArrivals()
+{
+    (void)BeginGeneration();
+}
 
 // The number of a notification GUID of the platform, counted from 1; 0 for any other.
 // IRQL any.
@@ -93,13 +115,16 @@ static void QueueOpen(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling)
     }
 }
 
-// Counts first, so that a work routine finds its arrival counted.
+// Counts first, so that a work routine finds its arrival counted. A late one is passed over.
 // IRQL = PASSIVE. Lock: takes SiblingLock.
-static void CountArrival(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling)
+static void CountArrival(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling, ULONG ulGeneration)
 {
     UCHAR ucBefore;
     {
         LockScope lock(Globals.SiblingLock);
+        if (ulGeneration != Globals.ulArrivalGeneration) {
+            return;
+        }
         ucBefore = Globals.*pSibling->pucArrivals;
         Globals.*pSibling->pucArrivals = static_cast<UCHAR>(ucBefore + 1);
     }
@@ -109,9 +134,12 @@ static void CountArrival(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling)
 }
 
 // IRQL = PASSIVE. Lock: takes SiblingLock.
-static void CountRemoval(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling)
+static void CountRemoval(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling, ULONG ulGeneration)
 {
     LockScope lock(Globals.SiblingLock);
+    if (ulGeneration != Globals.ulArrivalGeneration) {
+        return;
+    }
     const UCHAR ucBefore = Globals.*pSibling->pucArrivals;
     Globals.*pSibling->pucArrivals = static_cast<UCHAR>(ucBefore - 1);
     if (ucBefore == 1 && pControlDevice != nullptr) {
@@ -122,16 +150,17 @@ static void CountRemoval(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling)
 }
 
 // IRQL = PASSIVE. Lock: takes KeyboardListLock, then SiblingLock.
-static NTSTATUS FollowSibling(PVOID pNotification, const Sibling* pSibling)
+static NTSTATUS FollowSibling(PVOID pNotification, PVOID pContext, const Sibling* pSibling)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
+    const ULONG ulGeneration = static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(pContext));
     PDEVICE_OBJECT pControlDevice = ReferenceControlDevice();
     switch (ClassifyPnpEvent(&static_cast<DEVICE_INTERFACE_CHANGE_NOTIFICATION*>(pNotification)->Event)) {
     case PNP_INTERFACE_ARRIVAL:
-        CountArrival(pControlDevice, pSibling);
+        CountArrival(pControlDevice, pSibling, ulGeneration);
         break;
     case PNP_INTERFACE_REMOVAL:
-        CountRemoval(pControlDevice, pSibling);
+        CountRemoval(pControlDevice, pSibling, ulGeneration);
         break;
     default:
         break;
@@ -143,19 +172,19 @@ static NTSTATUS FollowSibling(PVOID pNotification, const Sibling* pSibling)
 }
 
 // IRQL = PASSIVE. Fails: never.
-NTSTATUS NTAPI Ps2KeyboardArrival(PVOID pNotification, PVOID)
+NTSTATUS NTAPI Ps2KeyboardArrival(PVOID pNotification, PVOID pContext)
 {
-    return FollowSibling(pNotification, &Ps2Keyboard);
+    return FollowSibling(pNotification, pContext, &Ps2Keyboard);
 }
 
 // IRQL = PASSIVE. Fails: never.
-NTSTATUS NTAPI Ps2MouseArrival(PVOID pNotification, PVOID)
+NTSTATUS NTAPI Ps2MouseArrival(PVOID pNotification, PVOID pContext)
 {
-    return FollowSibling(pNotification, &Ps2Mouse);
+    return FollowSibling(pNotification, pContext, &Ps2Mouse);
 }
 
 // IRQL = PASSIVE. Fails: never.
-NTSTATUS NTAPI UsbMouseArrival(PVOID pNotification, PVOID)
+NTSTATUS NTAPI UsbMouseArrival(PVOID pNotification, PVOID pContext)
 {
-    return FollowSibling(pNotification, &UsbMouse);
+    return FollowSibling(pNotification, pContext, &UsbMouse);
 }

@@ -32,6 +32,8 @@ void EndNotifications(ControlContext* pControl);                      // PASSIVE
 // arrivals.cpp: IRQL = PASSIVE
 ULONG ClassifyPnpEvent(const GUID* pEvent); // 1..8, 0 for any other
 enum : ULONG { PNP_INTERFACE_ARRIVAL = 4, PNP_INTERFACE_REMOVAL = 5 };
+PVOID BeginArrivals(); // the context for the registrations that are made now
+void EndArrivals();    // they are undone: what they still tell is late
 DRIVER_NOTIFICATION_CALLBACK_ROUTINE Ps2KeyboardArrival;
 DRIVER_NOTIFICATION_CALLBACK_ROUTINE Ps2MouseArrival;
 DRIVER_NOTIFICATION_CALLBACK_ROUTINE UsbMouseArrival;

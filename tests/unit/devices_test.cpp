@@ -128,19 +128,34 @@ TEST_F(Devices, AnOpenCountsWithoutAControlDeviceToo)
     EXPECT_EQ(0, Globals.usOpenCount);
 }
 
-// Notifications still come when the control device is gone: they are counted, and nothing is opened.
-TEST_F(Devices, SiblingsAreCountedWithoutAControlDevice)
+// The context of the registrations that are in force.
+static PVOID Registration()
 {
-    Application.reset();
-    Keyboard->Unplug(false);
-    ASSERT_EQ(nullptr, Globals.pControlDevice);
+    LockScope lock(Globals.SiblingLock);
+    return reinterpret_cast<PVOID>(static_cast<ULONG_PTR>(Globals.ulArrivalGeneration));
+}
+
+// A notification still comes when its registration was undone, before the next one or after it: it counts nothing,
+// and the mouse that is there is found by the next one.
+TEST_F(Devices, ALateNotificationChangesNothing)
+{
+    EmuSibling* pMouse = Machine->AddSibling(EmuUsbMouseSibling);
     DEVICE_INTERFACE_CHANGE_NOTIFICATION record = {};
-    for (UCHAR ucArrivals : {1, 0}) {
-        record.Event = ucArrivals ? GUID_DEVICE_INTERFACE_ARRIVAL : GUID_DEVICE_INTERFACE_REMOVAL;
-        EXPECT_EQ(STATUS_SUCCESS, UsbMouseArrival(&record, nullptr));
+    for (const GUID* pEvent : {&GUID_DEVICE_INTERFACE_ARRIVAL, &GUID_DEVICE_INTERFACE_REMOVAL}) {
+        record.Event = *pEvent;
+        const PVOID pOld = Registration();
+        Application.reset();
+        Keyboard->Unplug(false);
+        ASSERT_EQ(nullptr, Globals.pControlDevice);
+        EXPECT_EQ(STATUS_SUCCESS, UsbMouseArrival(&record, pOld));
+        (void)pMouse->Arrive();
+        Keyboard = Machine->Plug();
         HostSettle();
-        LockScope lock(Globals.SiblingLock);
-        EXPECT_EQ(ucArrivals, Globals.ucUsbMouseArrivals);
+        EXPECT_EQ(1, ControlContextOf(Globals.pControlDevice)->UsbMouse.ucConnected);
+        EXPECT_EQ(STATUS_SUCCESS, UsbMouseArrival(&record, pOld));
+        (void)pMouse->Leave();
+        HostSettle();
+        EXPECT_EQ(0, ControlContextOf(Globals.pControlDevice)->UsbMouse.ucConnected);
     }
 }
 

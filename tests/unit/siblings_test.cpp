@@ -47,12 +47,17 @@ protected:
         return Globals.ucUsbMouseArrivals;
     }
 
-    // The system calls the USB mouse's callback, whatever is registered.
+    // The system calls the USB mouse's callback of the newest registration.
     static void Tell(const GUID& event)
     {
         DEVICE_INTERFACE_CHANGE_NOTIFICATION record = {};
         record.Event = event;
-        EXPECT_EQ(UsbMouseArrival(&record, nullptr), STATUS_SUCCESS);
+        PVOID pContext;
+        {
+            LockScope lock(Globals.SiblingLock);
+            pContext = reinterpret_cast<PVOID>(static_cast<ULONG_PTR>(Globals.ulArrivalGeneration));
+        }
+        EXPECT_EQ(UsbMouseArrival(&record, pContext), STATUS_SUCCESS);
     }
 
     NTSTATUS Query(USHORT* pusRate, USHORT* pusDelayMs)
