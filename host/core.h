@@ -75,6 +75,9 @@ struct _KTHREAD {
     ULONGLONG ullSlowUntil; // with a seed: so many switches since the start
     bool bWaiting;
     bool bTerminating;
+    unsigned uCriticalRegions; // critical regions that it is in
+    bool bSuspended;           // simulated mode: stops when it next may
+    bool bStopped;             // and would run otherwise
     bool b32;
     KPROCESSOR_MODE WaitMode;
     WAIT_TYPE WaitType;
@@ -106,6 +109,8 @@ void HostSeedSchedule(ULONGLONG ullSeed);
 void HostSetSelf(PKTHREAD pThread);             // whose code runs on this thread of the system
 void HostBlock(HostLock& lock, PKTHREAD pSelf); // until bWaiting is false
 void HostWake(PKTHREAD pThread);                // under Lock
+bool HostStops(PKTHREAD pThread);               // it is suspended, and nothing keeps it from that
+void HostStopHere();                            // a place where a suspended thread stops
 void HostYield(HostLock& lock, PKTHREAD pSelf); // simulated mode: whoever can may run now
 void HostLeave(HostLock& lock, PKTHREAD pSelf); // simulated mode: a thread's end; does not return
 void HostArrived(HostLock& lock);               // simulated mode: first on a new thread's stack
@@ -142,6 +147,7 @@ void HostSignal(DISPATCHER_HEADER* pHeader);         // under Lock, SignalState 
 void HostEndWait(PKTHREAD pThread, NTSTATUS status); // under Lock
 NTSTATUS HostWait(PVOID* ppObjects, ULONG ulCount, WAIT_TYPE type, KPROCESSOR_MODE mode,
                   PLARGE_INTEGER pTimeout, PKWAIT_BLOCK pBlocks, const char* pCall);
+bool HostRetryWait(PKTHREAD pThread); // under Lock: ends the thread's wait if its condition holds
 std::string HostDescribeWait(PKTHREAD pThread);
 
 // --- clock, timers, DPCs (timer.cpp, dpc.cpp), all under Lock

@@ -25,6 +25,8 @@ void HostWake(PKTHREAD pThread)
     pThread->bWaiting = false;
     if (g->bThreaded) {
         pThread->Wake.notify_all();
+    } else if (HostStops(pThread)) {
+        pThread->bStopped = true;
     } else {
         g->Ready.push_back(pThread);
     }

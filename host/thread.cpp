@@ -227,11 +227,61 @@ KPROCESSOR_MODE ExGetPreviousMode()
 void KeEnterCriticalRegion()
 {
     HostEnter(__func__, APC_LEVEL);
+    HostSelf()->uCriticalRegions++;
 }
 
 void KeLeaveCriticalRegion()
 {
     HostEnter(__func__, APC_LEVEL);
+    PKTHREAD pSelf = HostSelf();
+    if (pSelf->uCriticalRegions == 0) {
+        HostBug("APC_INDEX_MISMATCH", "KeLeaveCriticalRegion by a thread that is in none");
+    }
+    pSelf->uCriticalRegions--;
+    HostStopHere();
+}
+
+// A suspension reaches a thread as an ordinary kernel APC: not in a critical region, which a mutex is as well.
+// Lock: held.
+bool HostStops(PKTHREAD pThread)
+{
+    return pThread->bSuspended && pThread->uCriticalRegions == 0 && pThread->Mutexes.empty() &&
+           pThread->Irql < APC_LEVEL;
+}
+
+void HostStopHere()
+{
+    PKTHREAD pSelf = HostSelf();
+    if (!pSelf->bSuspended) {
+        return;
+    }
+    HostLock lock(g->Lock);
+    if (HostStops(pSelf)) {
+        pSelf->bStopped = true;
+        HostBlock(lock, pSelf);
+    }
+}
+
+void HostSuspendThread(HostThread t)
+{
+    HostLock lock(g->Lock);
+    if (g->bThreaded) {
+        HostBug("NOT_SIMULATED", "HostSuspendThread while threads run freely");
+    }
+    t->bSuspended = true;
+}
+
+// What was signalled meanwhile ends its wait now.
+void HostResumeThread(HostThread t)
+{
+    HostLock lock(g->Lock);
+    t->bSuspended = false;
+    if (t->bStopped) {
+        t->bStopped = false;
+        g->Ready.push_back(t);
+    } else if (t->bWaiting) {
+        HostRetryWait(t);
+    }
 }
 
 NTSTATUS PsCreateSystemThread(PHANDLE pHandle, ULONG ulDesired, POBJECT_ATTRIBUTES, HANDLE,

@@ -112,13 +112,22 @@ void HostEndWait(PKTHREAD pThread, NTSTATUS status)
     HostWake(pThread);
 }
 
+bool HostRetryWait(PKTHREAD pThread)
+{
+    NTSTATUS status = TryTake(pThread, nullptr, pThread->pBlocks, pThread->ulBlocks, pThread->WaitType);
+    if (pThread->ulBlocks == 0 || status == STATUS_PENDING) {
+        return false;
+    }
+    HostEndWait(pThread, status);
+    return true;
+}
+
+// A suspended thread has left its wait for so long: nothing is given to it.
 static bool WakeOneWaiter(DISPATCHER_HEADER* pHeader)
 {
     for (PLIST_ENTRY p = pHeader->WaitListHead.Flink; p != &pHeader->WaitListHead; p = p->Flink) {
         PKTHREAD pThread = CONTAINING_RECORD(p, KWAIT_BLOCK, WaitListEntry)->Thread;
-        NTSTATUS status = TryTake(pThread, nullptr, pThread->pBlocks, pThread->ulBlocks, pThread->WaitType);
-        if (status != STATUS_PENDING) {
-            HostEndWait(pThread, status);
+        if (!HostStops(pThread) && HostRetryWait(pThread)) {
             return true;
         }
     }
@@ -312,16 +321,20 @@ LONG KeReleaseMutex(PRKMUTEX pMutex, BOOLEAN)
     if (IsDroppedMutex(pHeader)) {
         return 0;
     }
-    HostLock lock(g->Lock);
-    if (pMutex->OwnerThread != pSelf) {
-        HostBug("THREAD_NOT_MUTEX_OWNER", "KeReleaseMutex by a thread that does not own the mutex");
+    LONG lBefore;
+    {
+        HostLock lock(g->Lock);
+        if (pMutex->OwnerThread != pSelf) {
+            HostBug("THREAD_NOT_MUTEX_OWNER", "KeReleaseMutex by a thread that does not own the mutex");
+        }
+        lBefore = pHeader->SignalState++;
+        if (pHeader->SignalState == 1) {
+            pMutex->OwnerThread = nullptr;
+            pSelf->Mutexes.erase(std::find(pSelf->Mutexes.begin(), pSelf->Mutexes.end(), pHeader));
+            HostSignal(pHeader);
+        }
     }
-    LONG lBefore = pHeader->SignalState++;
-    if (pHeader->SignalState == 1) {
-        pMutex->OwnerThread = nullptr;
-        pSelf->Mutexes.erase(std::find(pSelf->Mutexes.begin(), pSelf->Mutexes.end(), pHeader));
-        HostSignal(pHeader);
-    }
+    HostStopHere();
     return lBefore;
 }
 
@@ -332,6 +345,11 @@ void HostEndThreadWaits(HostThread t)
     {
         HostLock lock(g->Lock);
         t->bTerminating = true;
+        t->bSuspended = false; // it ends, whoever stopped it
+        if (t->bStopped) {
+            t->bStopped = false;
+            g->Ready.push_back(t);
+        }
         if (t->bWaiting && (t->ulBlocks != 0 || t->bTimed) && t->WaitMode == UserMode) {
             HostEndWait(t, STATUS_USER_APC);
         }

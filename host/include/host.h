@@ -86,6 +86,10 @@ typedef struct HostThreadObject* HostThread;
 // A thread of the application. Stack bytes 0: the default size.
 HostThread HostStartThread(std::function<void()> body, size_t stackBytes = 0);
 void HostJoinThread(HostThread t);
+// Stops the thread as a debugger does, in its next wait or where it leaves its last critical region; lets it go on.
+// Simulated mode only.
+void HostSuspendThread(HostThread t);
+void HostResumeThread(HostThread t);
 // Ends the thread's UserMode waits and cancels its requests, as the end of its process does.
 void HostEndThreadWaits(HostThread t);
 

@@ -3,7 +3,8 @@
 //   IRP ── IsIoctlAllowed ── row of the table ── its checks ── its handler ── its outcome ── completed
 //
 // No request goes down a stack: each is completed here, synchronously, in the caller's thread at
-// PASSIVE_LEVEL. Requests are not serialised; the dispatcher keeps nothing between them.
+// PASSIVE_LEVEL, and not suspended meanwhile: it holds keyboards. Requests are not serialised; the dispatcher keeps
+// nothing between them.
 #include "control/call.h"
 
 namespace
@@ -111,6 +112,7 @@ NTSTATUS DispatchDeviceControl(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
     UNREFERENCED_PARAMETER(pDevice);
+    CriticalRegion region;
     ControlCall call = BeginCall(pIrp);
     ULONG ulCode = IoGetCurrentIrpStackLocation(pIrp)->Parameters.DeviceIoControl.IoControlCode;
     const RequestRow* pRow = IsIoctlAllowed(pIrp) ? FindRequestRow(ulCode) : nullptr;

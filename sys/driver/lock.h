@@ -1,4 +1,4 @@
-// lock.h - the driver's spin locks and the scope that holds one.
+// lock.h - the driver's spin locks and the scope that holds one; the stretch that no suspension cuts.
 //
 // A spin lock is taken only up to DISPATCH_LEVEL; above it the guarded data is used without the lock.
 // No path holds two of them at once. The one exception is the log's own lock, a leaf that log.cpp takes
@@ -41,4 +41,16 @@ public:
 private:
     PKSPIN_LOCK pLock;
     KIRQL OldIrql = 0;
+};
+
+// While it lives the thread is not suspended: a debugger that stops an application's thread would else stop it with
+// what it holds, and a keyboard's removal waits for that in the system's own thread. The end of the process still
+// ends its waits. IRQL <= APC.
+class CriticalRegion
+{
+public:
+    CriticalRegion() { KeEnterCriticalRegion(); }
+    ~CriticalRegion() { KeLeaveCriticalRegion(); }
+    CriticalRegion(const CriticalRegion&) = delete;
+    CriticalRegion& operator=(const CriticalRegion&) = delete;
 };

@@ -79,6 +79,7 @@ static void UncountOpen()
 NTSTATUS DispatchCreate(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
+    CriticalRegion region; // it holds the keyboard while those below open
     if (!CountOpen()) {
         return CompleteRequest(pIrp, STATUS_INSUFFICIENT_RESOURCES, 0);
     }

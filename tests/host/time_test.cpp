@@ -222,6 +222,44 @@ TEST(Simulated, TheClockMovesOnlyWhenToldOrWhenEverybodyWaits)
     EXPECT_EQ(5, fields.Weekday);
 }
 
+// A debugger stops a thread in its wait, which then takes nothing; in a critical region, or with a mutex, it goes on
+// to the end of that. The end of the process ends the wait of a stopped thread too.
+TEST(Simulated, ASuspendedThreadStopsWhereItMay)
+{
+    for (bool bCritical : {false, true}) {
+        SmallSystem system;
+        KEVENT event;
+        KeInitializeEvent(&event, SynchronizationEvent, FALSE);
+        int iSteps = 0;
+        NTSTATUS ended = STATUS_SUCCESS;
+        HostThread thread = HostStartThread([&] {
+            if (bCritical) {
+                KeEnterCriticalRegion();
+            }
+            KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+            iSteps = 1;
+            if (bCritical) {
+                KeLeaveCriticalRegion();
+            }
+            iSteps = 2;
+            ended = KeWaitForSingleObject(&event, UserRequest, UserMode, FALSE, nullptr);
+        });
+        HostSettle();
+        HostSuspendThread(thread);
+        KeSetEvent(&event, IO_NO_INCREMENT, FALSE);
+        HostSettle();
+        EXPECT_EQ(bCritical ? 1 : 0, iSteps);
+        EXPECT_EQ(bCritical ? 0 : 1, KeReadStateEvent(&event)) << "a stopped thread takes nothing";
+        HostResumeThread(thread);
+        HostSettle();
+        EXPECT_EQ(2, iSteps);
+        HostSuspendThread(thread);
+        HostEndThreadWaits(thread);
+        HostJoinThread(thread);
+        EXPECT_EQ(STATUS_USER_APC, ended);
+    }
+}
+
 TEST(Simulated, DpcsRunWhenTheLevelDrops)
 {
     SmallSystem system;

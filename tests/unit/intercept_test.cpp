@@ -423,3 +423,71 @@ TEST_F(Waits, RemovalAndTheEndOfTheProcessEndThem)
         }
     }
 }
+
+// A debugger stops the application's thread, wherever it waits: the keyboard can be pulled all the same, and the
+// thread hears of it when it goes on.
+TEST_F(Waits, ASuspendedThreadHoldsNoKeyboardUp)
+{
+    typedef NTSTATUS Request(EmuApplication & application, ULONG ulIndex);
+    static Request* const Requests[] = {
+        [](EmuApplication& application, ULONG ulIndex) {
+            return application.InsertScans(ulIndex, {0x2A}, true);
+        },
+        [](EmuApplication& application, ULONG ulIndex) {
+            return application.InsertUSBPackets(ulIndex, {{1, 8, {1}}});
+        },
+        [](EmuApplication& application, ULONG ulIndex) {
+            return application.RequestRecord(IOCTL_TVUSB_READ_DEVICE_DESCRIPTOR, ulIndex, nullptr, 0, 18);
+        },
+    };
+    for (Request* pRequest : Requests) {
+        EmuPlugOptions options;
+        options.Manual = true;
+        EmuKeyboard* pKeyboard = Machine->Plug(EmuBootKeyboard, options);
+        pKeyboard->SetRules({{EmuAny, EmuAny, EmuAny, EmuAny, EmuAnswerNever, 0, 0, 0, 0}});
+        bool bDone = false, bRemoved = false;
+        HostThread waiting = HostStartThread([&] {
+            pRequest(*Application, pKeyboard->Index());
+            bDone = true;
+        });
+        HostSettle();
+        HostSuspendThread(waiting);
+        HostThread removing = HostStartThread([&] {
+            pKeyboard->Unplug(true);
+            bRemoved = true;
+        });
+        HostSettle();
+        EXPECT_TRUE(bRemoved);
+        EXPECT_FALSE(bDone) << "it is stopped";
+        HostResumeThread(waiting);
+        HostJoinThread(waiting);
+        HostJoinThread(removing);
+        EXPECT_TRUE(bDone);
+    }
+}
+
+// Requests of two processes take turns; one that is stopped in its own does not keep the other from its.
+TEST_F(Waits, ASuspendedThreadHoldsNoTurn)
+{
+    NTSTATUS status[2] = {STATUS_PENDING, STATUS_PENDING};
+    HostThread threads[2];
+    for (int i = 0; i < 2; i++) {
+        threads[i] = HostStartThread(
+            [&, i] { status[i] = Application->InsertScans(Keyboard->Index(), {0x2A}, true); });
+        HostSettle();
+    }
+    HostSuspendThread(threads[0]);
+    for (int i = 0; i < 2; i++) {
+        EXPECT_EQ(STATUS_SUCCESS, Keyboard->Read());
+        HostSettle();
+    }
+    EXPECT_EQ(STATUS_PENDING, status[0]);
+    EXPECT_EQ(STATUS_SUCCESS, status[1]);
+    HostResumeThread(threads[0]);
+    HostSettle();
+    EXPECT_EQ(STATUS_SUCCESS, status[0]);
+    for (HostThread thread : threads) {
+        HostEndThreadWaits(thread); // one that still waits for its turn
+        HostJoinThread(thread);
+    }
+}
