@@ -38,6 +38,7 @@ struct Life {
     std::string Wrong;
     unsigned long long ullDigest = 0xcbf29ce484222325;
     unsigned uReceived = 0;
+    UCHAR ucLeds = 0; // what reached a keyboard last
 };
 
 struct Scene {
@@ -46,7 +47,7 @@ struct Scene {
 };
 
 extern const Scene BusyScene;
-enum { NARROW_SCENES = 7 };
+enum { NARROW_SCENES = 8 };
 extern const Scene NarrowScenes[NARROW_SCENES];
 void CheckReads(Life& life);
 void CheckRings(Life& life);

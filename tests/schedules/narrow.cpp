@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "life.h"
+#include "macro/macro.h"
 
 namespace
 {
@@ -280,10 +281,39 @@ void BeginSettings(Life& life)
         }
     });
 }
+// --- The macro mode is switched on the report road and by the settings at once: the LED shows the newest.
+void BeginLeds(Life& life)
+{
+    Settings.ucKorvexLEDDisabled = 0;
+    for (int i = 0; i < 3; i++) {
+        life.Begin([&life, i] {
+            for (int iSwitch = 0; iSwitch < 8; iSwitch++) {
+                const UCHAR ucMode = static_cast<UCHAR>(life.Draw(2));
+                WriteShared(Globals.ucKorvexMode, ucMode);
+                if (i == 0) {
+                    QueueKorvexLed();
+                } else {
+                    (void)SetKorvexLed(ucMode);
+                }
+                life.Linger();
+            }
+        });
+    }
+}
+
+void CheckLeds(Life& life)
+{
+    life.Expect((life.ucLeds != 0) == (Globals.ucKorvexMode != 0), "the LED shows an older mode");
+}
 } // namespace
 
 const Scene NarrowScenes[NARROW_SCENES] = {
-    {BeginDiscard, nullptr},  {BeginRepeat, CheckRepeat},           {BeginEvents, nullptr},
-    {BeginNames, nullptr},    {BeginDefinitions, CheckDefinitions}, {BeginSibling, nullptr},
+    {BeginDiscard, nullptr},
+    {BeginRepeat, CheckRepeat},
+    {BeginEvents, nullptr},
+    {BeginNames, nullptr},
+    {BeginDefinitions, CheckDefinitions},
+    {BeginSibling, nullptr},
     {BeginSettings, nullptr},
+    {BeginLeds, CheckLeds},
 };

@@ -30,8 +30,9 @@ Life::Life(unsigned long long ullSeed, const std::string& folder) : Random(ullSe
     }
     Machine = std::make_unique<EmuMachine>(options);
     Plug.Record = false;
-    Plug.Reads = 1 + Draw(2);
+    Plug.Reads = 1 + Draw(4);
     Plug.LoopGuard = Draw(2) != 0;
+    Plug.OnLed = [this](const EmuBytes& report) { ucLeds = report.at(0); };
     Plug.OnReceived = [this](const EmuReceived& received) {
         uReceived += NT_SUCCESS(received.Status) ? 1 : 0;
         ullDigest = (ullDigest ^ static_cast<ULONG>(received.Status)) * 0x100000001b3;
