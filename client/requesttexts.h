@@ -34,8 +34,9 @@ const RequestText RequestTexts[] = {
     {IOCTL_TVUSB_GET_KEYBOARD_INFO, "GET_KEYBOARD_INFO", false, "there is no such position"},
     {IOCTL_TVUSB_REFUSED_812, "REFUSED_812", false, ""},
     {IOCTL_TVUSB_ADD_DEFINITION, "ADD_DEFINITION", true,
-     "no keyboard has this index, it has the same definition or 511 already, a scan code is unknown, or "
-     "memory is short"},
+     "no keyboard has this index, it has the same definition or 511 already, usScanCount is above 32, memory "
+     "is short, or the last hotkey of its list cannot be converted: a scan code that no key (of this "
+     "controller) has, a sequence that ends behind E0 or E1, or keys that take more than 32 bytes"},
     {IOCTL_TVUSB_REMOVE_DEFINITION, "REMOVE_DEFINITION", true,
      "no keyboard has this index, or it has no definition with this id"},
     {IOCTL_TVUSB_GET_NOTIFY_COUNT, "GET_NOTIFY_COUNT", true, "no keyboard has this index"},

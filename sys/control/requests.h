@@ -76,12 +76,17 @@ enum : uint32_t {
     // [reserved] Always refused with INVALID_DEVICE_REQUEST.
     IOCTL_TVUSB_REFUSED_812 = TvUsbControlCode(0x812),
 
-    // [definitions] Adds a hotkey or another key definition, until it is removed or the last handle is
-    // closed. Unsuccessful: no keyboard has this index, it has the same definition or 511 already, a scan
-    // code is unknown, or memory is short.
+    // [definitions] Adds a hotkey or another key definition, until it is removed or the last handle of the
+    // driver is closed. A definition that is the same in type, modifiers and keys, but not in id, is another
+    // one; a hotkey whose keys cannot be converted is kept all the same and fires never, so remove it.
+    // Unsuccessful: no keyboard has this index, it has the same definition or 511 already, usScanCount is
+    // above 32, memory is short, or the last hotkey of its list cannot be converted: a scan code that no key
+    // (of this controller) has, a sequence that ends behind E0 or E1, or keys that take more than 32 bytes.
     IOCTL_TVUSB_ADD_DEFINITION = TvUsbControlCode(0x813), // index, KeyDefinition
 
-    // [definitions] Removes the first definition with this id. Unsuccessful: no keyboard has this index,
+    // [definitions] Removes the first definition with this id, in the order in which they were added; others
+    // with the same id stay. With the last one of discard mode what was held back is given to the system.
+    // Unsuccessful: no keyboard has this index,
     // or it has no definition with this id.
     IOCTL_TVUSB_REMOVE_DEFINITION = TvUsbControlCode(0x814), // index, definition id
 
@@ -133,7 +138,10 @@ enum : uint32_t {
     // [driver] The modifier and prefix keys that are down, on all keyboards together.
     IOCTL_TVUSB_GET_MODIFIERS = TvUsbControlCode(0x820), // -> u32
 
-    // [injection] The system sees modifier keys go down and up. Unsuccessful: no keyboard has this index,
+    // [injection] The system sees modifier keys go down and up: for each code one report without keys, which
+    // carries what the keyboard itself holds and, after a make code, this one modifier. The codes do not add
+    // up, and nothing is released but by its break code or by the keyboard's next report; a code of another
+    // key sends what the keyboard holds. Unsuccessful: no keyboard has this index,
     // it is no keyboard with ordinary reports, usCount is above 510, or the keyboard went while it waited.
     IOCTL_TVUSB_INSERT_SCANS = TvUsbControlCode(0x821), // index, InsertScansPayload
 
@@ -141,8 +149,9 @@ enum : uint32_t {
     // this index, or it gave no descriptor.
     IOCTL_TVUSB_READ_DEVICE_DESCRIPTOR = TvUsbControlCode(0x822), // index -> 18 bytes
 
-    // [memory] A USB string as UTF-16 that ends with 0. With less room than it needs, only its length is
-    // told. Unsuccessful: no keyboard has this index, or it gave no such string.
+    // [memory] A USB string as UTF-16 that ends with 0; index 0 holds the languages. It needs as many bytes as
+    // its descriptor has, 254 at most 127 characters and their 0. With less room nothing is copied, and what
+    // is told is the room, not the length: ask with 256 bytes. Unsuccessful: no keyboard has this index, or it gave no such string.
     IOCTL_TVUSB_READ_STRING_DESCRIPTOR = TvUsbControlCode(0x823), // index, DescriptorIndex -> text
 
     // [memory] Reads the keyboard's memory through descriptor 0xFD; a length of 0 does nothing.
@@ -226,7 +235,10 @@ enum : uint32_t {
     // [macros] 1 while the macro mode is on.
     IOCTL_TVUSB_GET_MACRO_MODE = TvUsbControlCode(0x83F), // record -> u32
 
-    // [macros] Reads the macro settings and the macro file again; what cannot be read keeps its value.
+    // [macros] Reads the macro settings and the macro file again: KorvexHotkey, KorvexLEDDisabled,
+    // KorvexDelay, KorvexConfigFile, in this order. The first that is absent ends the reading; it is reset to
+    // its default (KorvexLEDDisabled and KorvexDelay to 0; KorvexHotkey and the macros stay), and those behind
+    // it stay as they are. A value of another type, or a file that cannot be read, changes nothing.
     IOCTL_TVUSB_RELOAD_MACROS = TvUsbControlCode(0x840), // record
 
     // [macros] 1 while ordinary keyboards' reports come as macro records instead of reaching the system;
@@ -243,24 +255,24 @@ static_assert(IOCTL_TVUSB_GET_VERSION == 0x0022200C && IOCTL_TVUSB_SET_CAPTURE =
 // The modifier word: the modifier keys that are down and the prefix keys that are latched, on all keyboards
 // together. A definition asks for them by the same bits.
 enum : uint32_t {
-    MODIFIER_LEFT_CONTROL = 0x00000002,
-    MODIFIER_RIGHT_CONTROL = 0x00000004,
-    MODIFIER_LEFT_SHIFT = 0x00000008,
-    MODIFIER_RIGHT_SHIFT = 0x00000010,
-    MODIFIER_LEFT_ALT = 0x00000020,
-    MODIFIER_RIGHT_ALT = 0x00000040,
-    MODIFIER_LEFT_GUI = 0x00000080,
-    MODIFIER_RIGHT_GUI = 0x00000100,
-    MODIFIER_CONTEXT_KEY = 0x00000200,
-    MODIFIER_ANY_CONTROL = 0x00000400,
-    MODIFIER_ANY_SHIFT = 0x00000800,
-    MODIFIER_ANY_ALT = 0x00001000,
-    MODIFIER_ANY_GUI = 0x00002000,
-    MODIFIER_POSKEY_PREFIX = 0x08000000,
-    MODIFIER_PREFIX1 = 0x10000000,
-    MODIFIER_PREFIX2 = 0x20000000,
-    MODIFIER_PREFIXES = 0x38000000,
-    MODIFIER_FN = 0x80000000,
+    MODIFIER_LEFT_CONTROL = 0x00000002,  // this key
+    MODIFIER_RIGHT_CONTROL = 0x00000004, // this key
+    MODIFIER_LEFT_SHIFT = 0x00000008,    // this key
+    MODIFIER_RIGHT_SHIFT = 0x00000010,   // this key
+    MODIFIER_LEFT_ALT = 0x00000020,      // this key
+    MODIFIER_RIGHT_ALT = 0x00000040,     // this key
+    MODIFIER_LEFT_GUI = 0x00000080,      // this key
+    MODIFIER_RIGHT_GUI = 0x00000100,     // this key
+    MODIFIER_CONTEXT_KEY = 0x00000200,   // the key that opens a context menu
+    MODIFIER_ANY_CONTROL = 0x00000400,   // either Control key
+    MODIFIER_ANY_SHIFT = 0x00000800,     // either Shift key
+    MODIFIER_ANY_ALT = 0x00001000,       // either Alt key
+    MODIFIER_ANY_GUI = 0x00002000,       // either Windows key
+    MODIFIER_POSKEY_PREFIX = 0x08000000, // a prefix key; it holds until the next key is released
+    MODIFIER_PREFIX1 = 0x10000000,       // likewise
+    MODIFIER_PREFIX2 = 0x20000000,       // likewise
+    MODIFIER_PREFIXES = 0x38000000,      // the three prefix bits together
+    MODIFIER_FN = 0x80000000,            // the Fn key of the maker's keyboards
 };
 
 // A key definition as the application gives it; scan codes are PS/2 set 1 make codes with their prefixes.
@@ -277,10 +289,11 @@ static_assert(sizeof(KeyDefinition) == 52, "KeyDefinition is 52 bytes");
 static_assert(offsetof(KeyDefinition, usScanCount) == 16, "usScanCount at 16");
 static_assert(offsetof(KeyDefinition, ucScans) == 20, "ucScans at 20");
 
+// What a definition is for, its ulType.
 enum : uint32_t {
-    DEFINITION_HOTKEY = 1,
-    DEFINITION_POINT_OF_SALE = 5,
-    DEFINITION_DISCARD = 11,
+    DEFINITION_HOTKEY = 1,        // its keys, with its modifiers, are told and may be kept from the system
+    DEFINITION_POINT_OF_SALE = 5, // all keys of the keyboard are told as scan codes
+    DEFINITION_DISCARD = 11,      // the system gets no keys of the keyboard
 };
 
 // One event of one keyboard.
@@ -296,6 +309,7 @@ struct NotifyRecord {
 static_assert(sizeof(NotifyRecord) == 20, "NotifyRecord is 20 bytes");
 static_assert(offsetof(NotifyRecord, ulTime) == 12, "ulTime at 12");
 
+// Who tells an event, its ucSource.
 enum : uint8_t {
     NOTIFY_SOURCE_HOTKEY = 0x00, // the hotkey machinery
     NOTIFY_SOURCE_REPORT = 0x60, // discard mode and point of sale
@@ -311,9 +325,10 @@ struct MacroRecord {
 };
 static_assert(sizeof(MacroRecord) == 16, "MacroRecord is 16 bytes");
 
+// What a macro record is, its usType.
 enum : uint16_t {
-    MACRO_RECORD_MODE = 1,
-    MACRO_RECORD_REPORT = 2,
+    MACRO_RECORD_MODE = 1,   // the macro mode was switched
+    MACRO_RECORD_REPORT = 2, // a captured report
 };
 
 // One whole report to insert into a keyboard's stream.
@@ -358,18 +373,18 @@ static_assert(sizeof(InsertPacketsPayload) == 516, "InsertPacketsPayload fills t
 
 // A command to the keyboard's firmware.
 struct KeyCommand {
-    uint32_t ulCommand;
+    uint32_t ulCommand;  // 1: vendor request 3 with the key's usage; any other: vendor request 1
     uint16_t usReserved; // not read
-    uint16_t usScanCode; // PS/2 set 1, or 0
+    uint16_t usScanCode; // PS/2 set 1: a key with the prefix E0 as 0xE0nn, any other as 0x00nn; or 0, no key
 };
 static_assert(sizeof(KeyCommand) == 8, "KeyCommand is 8 bytes");
 static_assert(offsetof(KeyCommand, usScanCode) == 6, "usScanCode at 6");
 
 // The LEDs of a keyboard.
 enum : uint16_t {
-    LED_FLAG_SCROLL = 1,
-    LED_FLAG_NUM = 2,
-    LED_FLAG_CAPS = 4,
+    LED_FLAG_SCROLL = 1, // Scroll Lock
+    LED_FLAG_NUM = 2,    // Num Lock
+    LED_FLAG_CAPS = 4,   // Caps Lock
 };
 
 // What a request takes besides the keyboard's index. The code says which form.

@@ -201,6 +201,11 @@ TEST(Check, FollowsTheMacroSettings)
         {before + "KorvexConfigFile = \"none.bin\"",
          {"5: KorvexConfigFile: " + folder.Path() +
           "/none.bin:1: cannot be read: No such file or directory"}},
+        {before + "KorvexConfigFile = 'C:\\macros\\a.bin'",
+         {"5: KorvexConfigFile: 'C:\\macros\\a.bin' is a plain path, which the driver opens nowhere: it has "
+          "no "
+          "macros then and says nothing; write '\\??\\C:\\macros\\a.bin'"}},
+        {before + "KorvexConfigFile = '\\??\\C:\\macros\\a.bin'", {}},
         {before + "KorvexConfigFile = '" + std::string(94, '\\') + "'",
          {"5: KorvexConfigFile: the full name '" + std::string(94, '\\') +
           "' has 94 characters; the driver reads at most 93 and keeps its old macros"}},

@@ -345,6 +345,34 @@ TEST_F(LogInFile, KeepsOneFileWhenItMayNotStartOver)
     EXPECT_EQ("line 001\r\n", Read("tv.log.old"));
 }
 
+// Whoever reads the file and shares reading and writing alone does not stop the log; the file starts over when it is
+// not read any more.
+TEST_F(LogInFile, IsWrittenWhileItIsRead)
+{
+    Load(std::string(DrivePath) + "\"LogFileSize\"=dword:00000014\r\n"); // two lines
+    LogPrintf(1, 0, "line %03d", 1);
+    HostSettle();
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, L"\\??\\C:\\tv.log");
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &name, OBJ_KERNEL_HANDLE, nullptr, nullptr);
+    HANDLE hReader;
+    IO_STATUS_BLOCK ioStatus;
+    ASSERT_EQ(STATUS_SUCCESS, ZwCreateFile(&hReader, GENERIC_READ, &attributes, &ioStatus, nullptr,
+                                           FILE_ATTRIBUTE_NORMAL, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                           FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0));
+    LogPrintf(1, 0, "line %03d", 2);
+    HostSettle();
+    EXPECT_EQ("line 001\r\nline 002\r\n", Read("tv.log"));
+    LogPrintf(1, 0, "line %03d", 3);
+    HostSettle();
+    EXPECT_STREQ("line 003\r\n", Globals.pLogBuffer) << "kept until the file can start over";
+    ZwClose(hReader);
+    Unload();
+    EXPECT_EQ("line 003\r\n", Read("tv.log"));
+    EXPECT_EQ("line 001\r\nline 002\r\n", Read("tv.log.old"));
+}
+
 void LogInFile::StartOver(bool bTogether)
 {
     Load(std::string(DrivePath) + "\"LogFileSize\"=dword:00000064\r\n"); // 100 bytes: ten lines of ten

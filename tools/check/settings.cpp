@@ -70,8 +70,24 @@ private:
             Warn("KorvexHotkey", "byte 2 is 0: it matches every report");
     }
 
+    // A path of a drive, as people write it on Windows: C:\macros.bin.
+    static bool IsPlainPath(const std::string& path)
+    {
+        const size_t from = path.rfind('/') == std::string::npos ? 0 : path.rfind('/') + 1;
+        return path.size() >= from + 3 && isalpha(static_cast<unsigned char>(path[from])) &&
+               path[from + 1] == ':' && path[from + 2] == '\\';
+    }
+
     void ExamineFile()
     {
+        if (IsPlainPath(m_config.macroFile)) {
+            const std::string path = m_config.macroFile.substr(m_config.macroFile.rfind('/') + 1);
+            return Warn(
+                "KorvexConfigFile",
+                fmt::format("'{}' is a plain path, which the driver opens nowhere: it has no macros then "
+                            "and says nothing; write '\\??\\{}'",
+                            path, path));
+        }
         const auto& name = std::get<std::string>(m_config.settings.at("KorvexConfigFile"));
         if (name.empty())
             Warn("KorvexConfigFile", "an empty name: the driver reads no macros");
