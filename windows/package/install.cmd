@@ -1,6 +1,6 @@
 @echo off
 rem install.cmd - puts the driver beside it into the driver store and onto the keyboards that are plugged in.
-rem Exit status: that of pnputil (0 good, 3010 good after a restart), or 2 when a file of the package is missing.
+rem Exit status: that of pnputil (0 good, 3010 good after a restart), or 2 when a file is missing.
 setlocal
 set "DRIVER=%~dp0driver"
 set "PNPUTIL=%SystemRoot%\System32\pnputil.exe"
@@ -11,6 +11,7 @@ if not exist "%DRIVER%\%MISSING%" goto missing
 set "MISSING=Tv64USB.sys"
 if not exist "%DRIVER%\%MISSING%" goto missing
 if not exist "%DRIVER%\Tv64USB.cat" goto unsigned
+if not exist "%PNPUTIL%" goto old
 
 "%PNPUTIL%" /add-driver "%DRIVER%\Tv64USB.inf" /install
 set "STATUS=%ERRORLEVEL%"
@@ -18,7 +19,6 @@ if "%STATUS%"=="0" goto installed
 if "%STATUS%"=="259" goto waiting
 if "%STATUS%"=="3010" goto restart
 if "%STATUS%"=="5" goto denied
-if "%STATUS%"=="9009" goto old
 for %%S in (577 -2146762496 -2146762487 -2146762486 -536870334 -536870333 -536870332 -536870325) do if "%STATUS%"=="%%S" goto untrusted
 echo install: pnputil ended with %STATUS%, and nothing was changed unless it says so above.
 echo          The reason stands at the end of %SystemRoot%\INF\setupapi.dev.log; look for Tv64USB there.
@@ -50,8 +50,8 @@ echo install: only an administrator can do this. Open a command prompt with "Run
 exit /b 5
 
 :old
-echo install: this Windows has no pnputil. The driver needs Windows 10, version 1903 or later.
-exit /b 9009
+echo install: there is no %PNPUTIL%. The driver needs Windows 10, version 1903 or later.
+exit /b 2
 
 :untrusted
 echo install: Windows does not trust the signature (%STATUS%), and nothing was changed.

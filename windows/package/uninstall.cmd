@@ -4,6 +4,7 @@ rem Exit status: 0 good or nothing to do, 3010 good after a restart, otherwise t
 setlocal
 set "PNPUTIL=%SystemRoot%\System32\pnputil.exe"
 if exist "%SystemRoot%\Sysnative\pnputil.exe" set "PNPUTIL=%SystemRoot%\Sysnative\pnputil.exe"
+if not exist "%PNPUTIL%" goto old
 set "STATUS=0"
 set "FOUND="
 
@@ -18,6 +19,10 @@ if not defined FOUND (
 if "%STATUS%"=="0" echo uninstall: done. A keyboard that still uses the driver stops when it is plugged in again.
 if "%STATUS%"=="3010" echo uninstall: done. Restart Windows to take the driver from the keyboards that use it.
 exit /b %STATUS%
+
+:old
+echo uninstall: there is no %PNPUTIL%. The driver needs Windows 10, version 1903 or later.
+exit /b 2
 
 :look
 "%SystemRoot%\System32\find.exe" "{4f0c5a86-6d2b-4a5e-8f43-91c7be3d20f8}" %1 >nul 2>nul
