@@ -32,6 +32,7 @@ Life::Life(unsigned long long ullSeed, const std::string& folder) : Random(ullSe
     Plug.Record = false;
     Plug.Reads = 1 + Draw(4);
     Plug.LoopGuard = Draw(2) != 0;
+    Plug.Passive = Draw(4) == 0; // its threads report at PASSIVE_LEVEL
     Plug.OnLed = [this](const EmuBytes& report) { ucLeds = report.at(0); };
     Plug.OnReceived = [this](const EmuReceived& received) {
         uReceived += NT_SUCCESS(received.Status) ? 1 : 0;
