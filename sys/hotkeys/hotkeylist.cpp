@@ -18,7 +18,7 @@ struct MaskClear {
 };
 
 // "Any Control" and its like stand for both sides, so the single sides are dropped.
-const MaskClear MaskClears[4] = {
+const MaskClear MaskClears[] = {
     {MODIFIER_ANY_CONTROL, 0x006},
     {MODIFIER_ANY_SHIFT, 0x018},
     {MODIFIER_ANY_ALT, 0x060},

@@ -34,7 +34,7 @@ struct ModifierScan {
     UCHAR ucBit; // of the report's modifier byte
 };
 
-const ModifierScan ModifierScans[8] = {
+const ModifierScan ModifierScans[] = {
     {0x1D, false, 0x01}, {0x1D, true, 0x10}, {0x2A, false, 0x02}, {0x36, false, 0x20},
     {0x38, false, 0x04}, {0x38, true, 0x40}, {0x5B, true, 0x08},  {0x5C, true, 0x80},
 };

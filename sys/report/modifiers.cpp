@@ -17,7 +17,7 @@ struct ModifierBit {
     ULONG ulFlag;
 };
 
-const ModifierBit ModifierBits[8] = {
+const ModifierBit ModifierBits[] = {
     {0x01, 0x002}, {0x10, 0x004}, {0x02, 0x008}, {0x20, 0x010},
     {0x04, 0x020}, {0x40, 0x040}, {0x08, 0x080}, {0x80, 0x100},
 };
@@ -27,7 +27,7 @@ struct DerivedBit {
     ULONG ulFlag;
 };
 
-const DerivedBit DerivedBits[4] = {
+const DerivedBit DerivedBits[] = {
     {0x006, MODIFIER_ANY_CONTROL},
     {0x018, MODIFIER_ANY_SHIFT},
     {0x060, MODIFIER_ANY_ALT},

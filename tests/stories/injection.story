@@ -70,3 +70,6 @@ answer -> 01 00 00 00 00 00 00 00
 scans DC 1D
 answer -> 00 00 00 00 00 00 00 00
 answer -> 00 00 00 00 00 00 00 00
+scans 9D 1D                              # a release, and a press of its own
+answer -> 00 00 00 00 00 00 00 00
+answer -> 01 00 00 00 00 00 00 00

@@ -217,6 +217,7 @@ report 00 00 39 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | mode 1
 shows 06
 classled 01
 shows 05
+leds 3                                   # as it reached the keyboard
 setting KorvexLEDDisabled 1
 reread
 classled 01

@@ -49,3 +49,11 @@ hotkey 3 lalt
 report 04 00 00 00 00 00 00 00 -> 04 00 00 00 00 00 00 00 | down 3
 report 04 00 04 00 00 00 00 00 -> 04 00 04 00 00 00 00 00
 report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | up 3
+
+story Simple matching looks at the modifiers that are left
+setting RunDiagNormalPacket02 1
+keyboard normal
+hotkey 3 lctrl swallow
+hotkey 7 ctrl 3B
+report 01 00 3A 00 00 00 00 00 -> 00 00 3A 00 00 00 00 00 | down 3
+report 10 00 3A 00 00 00 00 00 -> 10 00 00 00 00 00 00 00 | up 3, down 7

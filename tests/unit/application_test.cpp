@@ -113,6 +113,9 @@ TEST(Application, IsToldNothingWhileAKeyboardIsLeft)
     HANDLE hEvent = HostCreateEvent(false);
     EXPECT_EQ(STATUS_SUCCESS, application.RegisterApplicationEvent(hEvent));
     const unsigned long long ullBefore = HostNowUs();
+    EmuPlugOptions added;
+    added.Start = false;
+    EXPECT_EQ(STATUS_SUCCESS, machine.Plug(EmuBootKeyboard, added)->Unplug(true)); // was never one of them
     EXPECT_EQ(STATUS_SUCCESS, pFirst->Unplug(true));
     EXPECT_EQ(ullBefore, HostNowUs());
     EXPECT_FALSE(HostTakeEvent(hEvent));
@@ -131,9 +134,9 @@ TEST(Application, HandlesOfASmallProcessAreWidenedWithTheirSign)
     for (bool b32 : {true, false}) {
         EmuApplication application(b32);
         EXPECT_EQ(STATUS_SUCCESS, application.RegisterMacroEvent());
-        EXPECT_EQ(STATUS_SUCCESS, application.RegisterNotifyEvent(pKeyboard->Index()));
+        ASSERT_EQ(STATUS_SUCCESS, application.RegisterNotifyEvent(pKeyboard->Index()));
         SignalMacroEvent();
-        SignalNotifyEvent(pKeyboard->Filter());
+        SignalNotifyEvent(FilterOf(pKeyboard));
         EXPECT_TRUE(application.MacroSignalled());
         EXPECT_TRUE(application.NotifySignalled(pKeyboard->Index()));
     }
@@ -151,7 +154,7 @@ TEST(Application, LastCloseLeavesRecordsAndCapture)
                   first.Request(IOCTL_TVUSB_SET_CAPTURE, {1, 1, 0, 0}, 0)); // the low byte counts
         EXPECT_TRUE(pKeyboard->Report({0, 0, 4, 0, 0, 0, 0, 0}));
         NotifyRecord record = {1, 0, 0, 1, 0, 0, 7};
-        EXPECT_EQ(STATUS_SUCCESS, QueueNotifyRecord(pKeyboard->Filter(), &record));
+        EXPECT_EQ(STATUS_SUCCESS, QueueNotifyRecord(FilterOf(pKeyboard), &record));
     }
     EmuApplication next;
     std::vector<UCHAR> capture;
@@ -191,6 +194,7 @@ TEST(ControlDevice, IsNotForTheWorld)
 {
     EmuMachine machine(WithRegistry(""));
     machine.Plug();
+    ASSERT_NE(nullptr, Globals.pControlDevice);
     const UCHAR* pBytes = static_cast<const UCHAR*>(Globals.pControlDevice->SecurityDescriptor);
     ASSERT_NE(nullptr, pBytes);
     const std::vector<EmuBytes> parts = {
@@ -251,9 +255,9 @@ TEST(ControlDevice, RefusesMoreHandlesThanItCounts)
         Globals.usOpenCount = MAXUSHORT; // as if 65,534 others were open
         ULONG_PTR ulInformation = 0;
         EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, EmuApplication().OpenStatus());
-        EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, Send(pKeyboard->Filter(), IRP_MJ_CREATE, 0, &ulInformation));
+        EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, Send(FilterOf(pKeyboard), IRP_MJ_CREATE, 0, &ulInformation));
         EXPECT_EQ(MAXUSHORT, Globals.usOpenCount);
-        EXPECT_NE(0u, FilterContextOf(pKeyboard->Filter())->ulKeyDefTypes & KEYDEF_HOTKEY);
+        EXPECT_NE(0u, FilterContextOf(FilterOf(pKeyboard))->ulKeyDefTypes & KEYDEF_HOTKEY);
         Globals.usOpenCount = 1;
     }
     EXPECT_EQ(0u, machine.Unload());
@@ -266,7 +270,8 @@ TEST(ControlDevice, LastCloseWithoutItReleasesWhatIsThere)
     EmuKeyboard* pStarted = machine.Plug();
     EmuPlugOptions added;
     added.Start = false;
-    const ULONG ulAdded = machine.Plug(EmuBootKeyboard, added)->Index();
+    EmuKeyboard* pAdded = machine.Plug(EmuBootKeyboard, added);
+    const ULONG ulAdded = pAdded->Index();
     {
         EmuApplication application;
         EXPECT_EQ(STATUS_SUCCESS, application.AddDefinition(ulAdded, Hotkey(7)));
@@ -276,6 +281,7 @@ TEST(ControlDevice, LastCloseWithoutItReleasesWhatIsThere)
         EXPECT_EQ(nullptr, Globals.pControlDevice);
     }
     const PDEVICE_OBJECT pLeft = FirstKeyboard();
+    ASSERT_NE(nullptr, pLeft);
     EXPECT_EQ(0u, FilterContextOf(pLeft)->ulKeyDefTypes & KEYDEF_HOTKEY);
     EXPECT_EQ(0, FilterContextOf(pLeft)->ucReportProcessing);
     EXPECT_EQ(STATUS_UNSUCCESSFUL, ReleaseNotifyEvent(ulAdded)) << "none is registered any more";

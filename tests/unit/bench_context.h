@@ -6,12 +6,17 @@
 #include "driver/driver.h"
 #include "emu/app/machine.h"
 
-inline DeviceContext* ContextOf(const EmuKeyboard* pKeyboard)
+inline PDEVICE_OBJECT FilterOf(const EmuKeyboard* pKeyboard)
 {
     if (pKeyboard->Filter() == nullptr) {
         throw std::logic_error("the driver has not taken this keyboard");
     }
-    return FilterContextOf(pKeyboard->Filter());
+    return pKeyboard->Filter();
+}
+
+inline DeviceContext* ContextOf(const EmuKeyboard* pKeyboard)
+{
+    return FilterContextOf(FilterOf(pKeyboard));
 }
 
 inline ControlContext* Control()

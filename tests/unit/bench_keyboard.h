@@ -36,7 +36,7 @@ protected:
         EXPECT_EQ(Machine->Unload(), 0u) << "things left over";
     }
 
-    PDEVICE_OBJECT Filter() const { return Keyboard->Filter(); }
+    PDEVICE_OBJECT Filter() const { return FilterOf(Keyboard); }
     DeviceContext* Context() const { return ContextOf(Keyboard); }
 
     // One that the system sees too.

@@ -155,7 +155,7 @@ TEST_P(ControlTest, TakeManyLeavesEmptySlotsZero)
 {
     NotifyRecord notify = {1, 0, NOTIFY_SOURCE_HOTKEY, 1, 0, 5, 42};
     MacroRecord macro = {MACRO_RECORD_REPORT, 0, 0, 10, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}};
-    EXPECT_EQ(OK, QueueNotifyRecord(pKeyboard->Filter(), &notify));
+    EXPECT_EQ(OK, QueueNotifyRecord(FilterOf(pKeyboard), &notify));
     EXPECT_EQ(OK, QueueMacroRecord(&macro));
     const struct {
         ULONG ulCode;
@@ -210,7 +210,7 @@ TEST_P(ControlTest, RecordsBelongToTheProcessSize)
     EXPECT_EQ(GetParam() ? OK : TS, Send(IOCTL_TVUSB_STOP_PROCESSING, in, 0));
     HANDLE hEvent = HostCreateEvent(false);
     EXPECT_EQ(OK, Send(IOCTL_TVUSB_REGISTER_NOTIFY_EVENT, Record(0, BytesOf(hEvent)), 0));
-    SignalNotifyEvent(pKeyboard->Filter());
+    SignalNotifyEvent(FilterOf(pKeyboard));
     EXPECT_TRUE(HostTakeEvent(hEvent));
     EXPECT_EQ(OK, Send(IOCTL_TVUSB_RELEASE_NOTIFY_EVENT, Record(0), 0));
     HostCloseHandle(hEvent);

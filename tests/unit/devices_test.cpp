@@ -208,6 +208,10 @@ TEST_F(Devices, WhatIsNotThereChangesNothing)
     EXPECT_FALSE(GetSwallowOf(Filter(), 99, &ucByte));
     EXPECT_FALSE(GetDefinitionOfType(Filter(), 5, &definition));
     EXPECT_EQ(definition.ulId, 1u);
+    ASSERT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_SUCCESS);
+    EXPECT_TRUE(GetSwallowOf(Filter(), 1, &ucByte)); // this one is
+    EXPECT_EQ(ucByte, 0);
+    ucByte = 0x77;
     EXPECT_EQ(SwallowScan(Filter(), ucReport, 8, 8), 8u);
     EXPECT_EQ(SwallowScan(Filter(), ucReport, 8, ~0u), 8u);
     EXPECT_EQ(Context()->usSwallowCount, 0);
@@ -238,8 +242,11 @@ TEST_F(Devices, UnsoundPacketsAreRefusedWhole)
     EXPECT_EQ(InsertUSBPackets(ulIndex, claim.data()), STATUS_UNSUCCESSFUL);
     EXPECT_EQ(InsertUSBPackets(ulIndex, nullptr), STATUS_UNSUCCESSFUL);
     EXPECT_EQ(Application->InsertUSBPackets(ulIndex, {{0, 8, {1}}, {0, 11, {2}}}), STATUS_UNSUCCESSFUL);
+    entry = {0, 11, {2}};
+    EXPECT_EQ(InsertUSBPacketFifin(Filter(), &entry), STATUS_UNSUCCESSFUL);
     EXPECT_EQ(GetFifoCount(ulIndex, &ulCount), STATUS_SUCCESS);
     EXPECT_EQ(ulCount, 0u);
+    EXPECT_EQ(Application->InsertUSBPackets(ulIndex, {{0, 10, {1}}}), STATUS_SUCCESS) << "fits";
     EXPECT_EQ(InsertUSBPackets(99, claim.data()), STATUS_UNSUCCESSFUL);
     EXPECT_EQ(GetUSBPacketFifo(99, &entry), STATUS_UNSUCCESSFUL);
 }

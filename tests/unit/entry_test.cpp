@@ -105,6 +105,11 @@ TEST(Entry, LogFileNameOfFittingLength)
         EXPECT_EQ(length == 126 ? 252u : 0u, Settings.LogFileName.Length);
         EXPECT_EQ(length == 126 ? 2u : 0u, Settings.ulLogLevel);
     }
+    for (const char* pszLevel : {"dword:00000002", "\"2\""}) { // what follows a bad level is not read
+        LoadedDriver driver(Key + "\"LogFile\"=\"n\"\r\n\"LogLevel\"=" + pszLevel +
+                            "\r\n\"LogFileSize\"=dword:00001000\r\n");
+        EXPECT_EQ(*pszLevel == 'd' ? 0x1000u : 0x20000000u, Settings.ulLogFileSize);
+    }
     LoadedDriver driver(Key + "\"LogFile\"=hex(1):66,00,67,00\r\n"); // without a NUL at its end
     EXPECT_EQ(4u, Settings.LogFileName.Length);
     EXPECT_EQ(0, Settings.LogFileName.Buffer[2]);

@@ -83,9 +83,9 @@ TEST_F(Hazards, AnEmptyReadOfAMediaKeyboardIsNotLookedInto)
     InterruptUrb read(8);
     read.Urb.UrbBulkOrInterruptTransfer.TransferBuffer = read.Buffer.get() + 8; // nothing of it may be read
     read.Urb.UrbBulkOrInterruptTransfer.TransferBufferLength = 0;
-    FilterIrp request(pMedia->Filter(), &read.Urb);
-    EXPECT_EQ(URB_PASS, ShowURBInfo(pMedia->Filter(), request.pIrp, 0));
-    EXPECT_EQ(URB_PASS, ShowURBInfo(pMedia->Filter(), request.pIrp, 1));
+    FilterIrp request(FilterOf(pMedia), &read.Urb);
+    EXPECT_EQ(URB_PASS, ShowURBInfo(FilterOf(pMedia), request.pIrp, 0));
+    EXPECT_EQ(URB_PASS, ShowURBInfo(FilterOf(pMedia), request.pIrp, 1));
 }
 
 // Only a read is kept as one that can be called back: each takes the mark of the call before off.
@@ -168,7 +168,7 @@ TEST_F(Hazards, KeysBeyondAnEntryAreNoHotkey)
         definition.ucScans[definition.usScanCount++] = 0xE0;
         definition.ucScans[definition.usScanCount++] = 0x19;
     }
-    EXPECT_EQ(STATUS_UNSUCCESSFUL, AddKeyDefinition(pMedia->Filter(), &definition));
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, AddKeyDefinition(FilterOf(pMedia), &definition));
     HotkeyWalk walk(ContextOf(pMedia));
     EXPECT_FALSE(walk.begin() != walk.end());
     KeyDefinition cut = Hotkey(8, 0, {0xE1, 0x1D, 0x45});
@@ -263,7 +263,7 @@ protected:
         options.Seed = GetParam();
         return options;
     }
-    PDEVICE_OBJECT Filter() const { return Keyboard->Filter(); }
+    PDEVICE_OBJECT Filter() const { return FilterOf(Keyboard); }
 
     EmuMachine Machine;
     EmuKeyboard* Keyboard;
@@ -305,7 +305,7 @@ TEST_P(HazardOrders, NoKeyboardLosesItsModifiers)
 {
     EmuPlugOptions plug;
     plug.Manual = true;
-    PDEVICE_OBJECT other = Machine.Plug(EmuBootKeyboard, plug)->Filter();
+    PDEVICE_OBJECT other = FilterOf(Machine.Plug(EmuBootKeyboard, plug));
     const UCHAR ucPrefix[8] = {0, 0, 0x89}, ucKey[8] = {0, 0, 4};
     HostThread thread = HostStartThread([&] { UpdateModifierFlags(other, ucKey, sizeof(ucKey), 1); });
     UpdateModifierFlags(Filter(), ucPrefix, sizeof(ucPrefix), 1);

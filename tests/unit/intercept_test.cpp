@@ -196,7 +196,8 @@ TEST_F(Intercept, PendingReadsAreKeptInOrder)
         ASSERT_EQ(AddPendingIrp(Filter(), &irps[i]), STATUS_SUCCESS);
     }
     EXPECT_EQ(AddPendingIrp(Filter(), &irps[100]), STATUS_UNSUCCESSFUL); // the 101st goes down untracked
-    EXPECT_FALSE(RemovePendingIrp(Filter(), &irps[100]));
+    irps[100].PendingReturned = TRUE;
+    EXPECT_FALSE(RemovePendingIrp(Filter(), &irps[100])) << "nobody else completes it";
     EXPECT_EQ(Context()->pPendingReadIrp, &irps[0]);
     EXPECT_FALSE(RemovePendingIrp(Filter(), &irps[0]));
     EXPECT_EQ(Context()->pPendingReadIrp, &irps[1]);
@@ -223,7 +224,7 @@ TEST_F(Intercept, ManyAnswersInARowDoNotRecurse)
     EmuKeyboard* pKeyboard = Machine->Plug(EmuBootKeyboard, options);
     for (ULONG i = 0; i < KEY_BUFFER_SIZE; i++) {
         UCHAR ucKey = 4;
-        ASSERT_TRUE(AddDataToInsertBuffer(pKeyboard->Filter(), &ucKey));
+        ASSERT_TRUE(AddDataToInsertBuffer(FilterOf(pKeyboard), &ucKey));
     }
     reads = 0;
     low = ~static_cast<uintptr_t>(0);

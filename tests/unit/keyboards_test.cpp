@@ -48,9 +48,9 @@ TEST(Keyboards, IndexesCountUpAndTheControlDeviceIsShared)
     EXPECT_EQ(1u, pFirst->Taken().size()) << "and it types";
 
     PDEVICE_OBJECT pWalk = FirstKeyboard(); // newest first
-    EXPECT_EQ(pSecond->Filter(), pWalk);
+    EXPECT_EQ(FilterOf(pSecond), pWalk);
     pWalk = NextKeyboard(pWalk);
-    EXPECT_EQ(pFirst->Filter(), pWalk);
+    EXPECT_EQ(FilterOf(pFirst), pWalk);
     EXPECT_EQ(nullptr, NextKeyboard(pWalk));
 
     pFirst->Remove(); // without a surprise removal before it
@@ -76,7 +76,7 @@ TEST(Keyboards, TheFilterTakesOverWhatTheDeviceBelowIs)
     EmuPlugOptions options;
     options.Start = false;
     EmuKeyboard* pKeyboard = machine.Plug(EmuBootKeyboard, options);
-    PDEVICE_OBJECT pPhysical = pKeyboard->Physical(), pFilter = pKeyboard->Filter();
+    PDEVICE_OBJECT pPhysical = pKeyboard->Physical(), pFilter = FilterOf(pKeyboard);
     const ULONG ulRemovable = 1; // FILE_REMOVABLE_MEDIA
     const ULONG ulTaken = DO_BUFFERED_IO | DO_DIRECT_IO | DO_POWER_PAGABLE;
     EXPECT_NE(0u, pPhysical->Flags & ulTaken);
@@ -98,12 +98,14 @@ TEST(Keyboards, TheFilterTakesOverWhatTheDeviceBelowIs)
     EXPECT_EQ(STATUS_SUCCESS, pKeyboard->Start());
     EXPECT_EQ(STATUS_SUCCESS, Send(pFilter, IRP_MJ_PNP, IRP_MN_START_DEVICE, &ulInformation));
     EXPECT_EQ(0u, ulInformation);
+    ASSERT_NE(nullptr, Globals.pControlDevice);
     EXPECT_EQ(static_cast<DEVICE_TYPE>(FILE_DEVICE_UNKNOWN), Globals.pControlDevice->DeviceType);
     EXPECT_EQ(static_cast<ULONG>(FILE_DEVICE_SECURE_OPEN), Globals.pControlDevice->Characteristics);
 
     // What an application finds the keyboard by.
     DeviceContext* pContext = FilterContextOf(pFilter);
     const UNICODE_STRING& link = pContext->InterfaceLinkName;
+    EXPECT_GE(link.MaximumLength, link.Length);
     const std::string name(link.Buffer, link.Buffer + link.Length / sizeof(WCHAR));
     EXPECT_NE(std::string::npos, name.find("{3b7e91c4-5a2d-4f60-9c1e-7d84a2f0b613}")) << name;
     EXPECT_EQ(0, memcmp(object, pContext->PhysicalDeviceObjectName, sizeof(object)));
@@ -146,7 +148,7 @@ TEST(Keyboards, StartThatPendsOrFails)
     const WCHAR cBefore = pContext->DeviceDescription[0];
     HostSetDeviceProperty(pKeyboard->Physical(), DevicePropertyDeviceDescription, big.data(), 600);
     ULONG_PTR ulInformation = 0;
-    Send(pKeyboard->Filter(), IRP_MJ_PNP, IRP_MN_START_DEVICE, &ulInformation);
+    Send(FilterOf(pKeyboard), IRP_MJ_PNP, IRP_MN_START_DEVICE, &ulInformation);
     EXPECT_EQ(cBefore, pContext->DeviceDescription[0]);
     pKeyboard->Unplug(false);
     EXPECT_FALSE(CanOpen());
@@ -180,7 +182,7 @@ TEST(Keyboards, RemovalWaitsForItsUsers)
 {
     EmuMachine machine(WithRegistry(""));
     EmuKeyboard* pKeyboard = machine.Plug();
-    const PDEVICE_OBJECT pFilter = pKeyboard->Filter();
+    const PDEVICE_OBJECT pFilter = FilterOf(pKeyboard);
     ULONG_PTR ulUnused = 0; // the keyboard itself can be opened too
     EXPECT_EQ(STATUS_SUCCESS, Send(pFilter, IRP_MJ_CREATE, 0, &ulUnused));
     EXPECT_EQ(1, Globals.usOpenCount);
@@ -212,9 +214,9 @@ TEST(Keyboards, QueryRemoveForwardsAndMarksStay)
     EmuMachine machine(WithRegistry(""));
     EmuKeyboard* pKeyboard = machine.Plug();
     DeviceContext* pContext = ContextOf(pKeyboard);
-    SetKorvexKeyboard(pKeyboard->Filter(), 1);
+    EXPECT_EQ(STATUS_SUCCESS, SetKorvexKeyboard(FilterOf(pKeyboard), 1));
     EXPECT_EQ(KEYDEF_MACRO_MODE, pContext->ulKeyDefTypes & KEYDEF_MACRO_MODE);
-    SetKorvexKeyboard(pKeyboard->Filter(), 2); // only 1 switches on
+    EXPECT_EQ(STATUS_SUCCESS, SetKorvexKeyboard(FilterOf(pKeyboard), 2)); // only 1 switches on
     EXPECT_EQ(0u, pContext->ulKeyDefTypes);
     EXPECT_TRUE(NT_SUCCESS(pKeyboard->SendPnp(IRP_MN_QUERY_REMOVE_DEVICE)));
     EXPECT_TRUE(NT_SUCCESS(pKeyboard->SendPnp(IRP_MN_CANCEL_REMOVE_DEVICE)));
@@ -257,7 +259,7 @@ TEST(Threads, RemovalMeetsItsUsers)
         HostJoinThread(thread);
     }
     EXPECT_EQ(0, Globals.usOpenCount);
-    EXPECT_EQ(pStays->Filter(), NewestKeyboard());
+    EXPECT_EQ(FilterOf(pStays), NewestKeyboard());
     EXPECT_EQ(0u, ContextOf(pStays)->ulKeyDefTypes & ~KEYDEF_MACRO_MODE);
     EXPECT_EQ(0u, machine.Unload());
 }

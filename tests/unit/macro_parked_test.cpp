@@ -29,7 +29,7 @@ protected:
         Globals.ucKorvexTimerRunning = 1;
         for (ULONG i = 0; i < ulEntries; i++) {
             FifoEntry entry = {0, 8, {0, 0, static_cast<uint8_t>(0x10 + i), 7, 7, 7, 7, 7}};
-            ASSERT_EQ(InsertUSBPacketFifin(Keyboard->Filter(), &entry), OK);
+            ASSERT_EQ(InsertUSBPacketFifin(FilterOf(Keyboard), &entry), OK);
         }
         for (ULONG i = 0; i < ulReads; i++) {
             ASSERT_EQ(Keyboard->Read(), OK);
@@ -77,6 +77,9 @@ TEST_F(ParkedTest, TheOwnTimerServesThem)
     Wait(1000);
     EXPECT_EQ(Keys(), "");
     EXPECT_EQ(Context()->pFirstParked, nullptr);
+    PIRP pNone;
+    EXPECT_EQ(GetFirstParkedRequest(FilterOf(Keyboard), &pNone), OK);
+    EXPECT_EQ(pNone, nullptr);
 }
 
 // What a read that was parked brings when nothing is queued any more: zeros, whatever its buffer held.
@@ -90,17 +93,17 @@ TEST_F(ParkedTest, AnEmptyQueueGivesAnEmptyReport)
     memset(read.Buffer.get(), 0xA7, 8);
     Globals.ucKorvexTimerRunning = 1;
     FifoEntry entry = {0, 8, {0, 0, 4}};
-    ASSERT_EQ(InsertUSBPacketFifin(Keyboard->Filter(), &entry), OK);
-    SentRead parked(Keyboard->Filter(), read.Urb);
+    ASSERT_EQ(InsertUSBPacketFifin(FilterOf(Keyboard), &entry), OK);
+    SentRead parked(FilterOf(Keyboard), read.Urb);
     ASSERT_EQ(GetUSBPacketFifo(Keyboard->Index(), &entry), OK); // another one was faster
     Wait(100);
     EXPECT_EQ(parked.Result.Status, OK);
     EXPECT_EQ(parked.Result.Information, 0u);
     EXPECT_EQ(EmuBytes(read.Buffer.get(), read.Buffer.get() + 8), EmuBytes(8));
 
-    ASSERT_EQ(InsertUSBPacketFifin(Keyboard->Filter(), &entry), OK);
+    ASSERT_EQ(InsertUSBPacketFifin(FilterOf(Keyboard), &entry), OK);
     Globals.ucKorvexTimerRunning = 1;
-    SentRead cancelled(Keyboard->Filter(), read.Urb);
+    SentRead cancelled(FilterOf(Keyboard), read.Urb);
     CancelFirst();
     EXPECT_EQ(cancelled.Result.Status, STATUS_CANCELLED);
     EXPECT_EQ(read.Urb.UrbHeader.Status, USBD_STATUS_CANCELED);
@@ -137,11 +140,14 @@ TEST_F(ParkedTest, CancelledAndServed)
 TEST_F(ParkedTest, TheKeyboardGoes)
 {
     Park(3, 3);
-    CompleteParkedReads(Keyboard->Filter()); // as at surprise removal
+    CompleteParkedReads(FilterOf(Keyboard)); // as at surprise removal
     EXPECT_EQ(Keys(), "! ! !");
     EXPECT_EQ(Globals.ucKorvexTimerRunning, 0);
     Globals.ucKorvexTimerRunning = 1;
-    ASSERT_EQ(Keyboard->Read(), OK); // parks again
+    ASSERT_EQ(Keyboard->Read(), OK); // parks again, and is served
+    Wait(100);
+    EXPECT_EQ(Keys(), "10");
+    ASSERT_EQ(Keyboard->Read(), OK);
     EXPECT_EQ(ParkedCount(Context()), 1u);
     EXPECT_EQ(Keyboard->Unplug(true), OK);
     EXPECT_EQ(Received.size(), 1u);
@@ -158,15 +164,15 @@ TEST_F(ParkedTest, GivenUpAtTheSameMoment)
     ASSERT_NE(pCancel, nullptr);
     Wait(100);
     EXPECT_EQ(Keys(), "10"); // the second read has it; the first is left to its canceller
-    EXPECT_EQ(UnparkReadRequest(Keyboard->Filter(), pGivenUp), Unsuccessful);
+    EXPECT_EQ(UnparkReadRequest(FilterOf(Keyboard), pGivenUp), Unsuccessful);
     IoAcquireCancelSpinLock(&pGivenUp->CancelIrql);
-    pCancel(Keyboard->Filter(), pGivenUp);
+    pCancel(FilterOf(Keyboard), pGivenUp);
     EXPECT_EQ(Keys(), "x");
 
     PIRP pRead = IoAllocateIrp(2, FALSE);
     pRead->Cancel = TRUE;
     const LONG lReferences = Context()->lReferences;
-    EXPECT_EQ(ParkReadRequest(Keyboard->Filter(), pRead), STATUS_CANCELLED);
+    EXPECT_EQ(ParkReadRequest(FilterOf(Keyboard), pRead), STATUS_CANCELLED);
     EXPECT_EQ(Context()->lReferences, lReferences);
     EXPECT_EQ(ParkedCount(Context()), 0u);
     IoFreeIrp(pRead);
@@ -177,7 +183,7 @@ TEST_F(ParkedTest, TwoHundredGoTogether)
 {
     Park(200, 1);
     EXPECT_EQ(ParkedCount(Context()), 200u);
-    CompleteParkedReads(Keyboard->Filter());
+    CompleteParkedReads(FilterOf(Keyboard));
     EXPECT_EQ(Received.size(), 200u);
     EXPECT_EQ(ParkedCount(Context()), 0u);
     Received.clear();
@@ -201,7 +207,7 @@ TEST_F(ParkedTest, AnyDelayIsATime)
     for (ULONG ulDelayMs : {0u, ~0u}) {
         Settings.ulKorvexDelay = ulDelayMs;
         FifoEntry entry = {0, 8, {0, 0, 0x20}};
-        InsertUSBPacketFifin(Keyboard->Filter(), &entry);
+        InsertUSBPacketFifin(FilterOf(Keyboard), &entry);
         Wait(200); // the pace that ran before is over
         Globals.ucKorvexTimerRunning = 1;
         ASSERT_EQ(Keyboard->Read(), OK);

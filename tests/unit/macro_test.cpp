@@ -171,7 +171,7 @@ TEST_F(MacroTest, AFullTablePlaysItsLastMacro)
     for (UCHAR ucKey : {101, 100}) {
         UCHAR ucReport[8] = {0, 0, ucKey};
         ULONG ulCount = 0;
-        CheckForKorvexHotkey(Keyboard->Filter(), ucReport, 8);
+        CheckForKorvexHotkey(FilterOf(Keyboard), ucReport, 8);
         EXPECT_EQ(ucReport[2], ucKey == 100 ? 0 : 101);
         EXPECT_EQ(GetFifoCount(Keyboard->Index(), &ulCount), OK);
         EXPECT_EQ(ulCount, ucKey == 100 ? 1u : 0u);
@@ -321,7 +321,7 @@ TEST_F(MacroTest, KeyboardsThatTakePart)
         }
         return text;
     };
-    SetKorvexKeyboard(pJaalaa->Filter(), 1);
+    SetKorvexKeyboard(FilterOf(pJaalaa), 1);
     const std::pair<ULONG, const char*> cases[] = {
         {0x00010039, "101"}, {0x02010023, "011"}, {0xFFFFFF, "101"},
         {0x1000000, "011"},  {0, "000"},          {0x00010039, "100"},

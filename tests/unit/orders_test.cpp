@@ -4,6 +4,7 @@
 #include <memory>
 #include <vector>
 
+#include "bench_context.h"
 #include "driver/driver.h"
 #include "emu/app/application.h"
 #include "emu/app/machine.h"
@@ -72,7 +73,7 @@ TEST(Orders, AWalkNeverMeetsAListThatIsBeingBuilt)
         EmuMachine machine(Seeded(seed));
         EmuPlugOptions plug;
         plug.Manual = true;
-        PDEVICE_OBJECT device = machine.Plug(EmuBootKeyboard, plug)->Filter();
+        PDEVICE_OBJECT device = FilterOf(machine.Plug(EmuBootKeyboard, plug));
         const KeyDefinition stays = tvusb::MakeHotkey(7, 0, {0x3B}, false);
         const KeyDefinition goes = tvusb::MakeHotkey(8, 0, {0x3C}, false);
         ASSERT_EQ(STATUS_SUCCESS, AddKeyDefinition(device, &stays));

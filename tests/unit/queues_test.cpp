@@ -135,9 +135,9 @@ void ExerciseRing(const Ring& ring)
 
 TEST_F(QueuesTest, RingsKeepTheOldest1024InOrder)
 {
-    ExerciseRing(NotifyRing(pSecond->Filter(), pSecond->Index()));
+    ExerciseRing(NotifyRing(FilterOf(pSecond), pSecond->Index()));
     ExerciseRing(MacroRing());
-    EXPECT_EQ(0u, NotifyRing(pFirst->Filter(), pFirst->Index()).Count()) << "each keyboard has its own";
+    EXPECT_EQ(0u, NotifyRing(FilterOf(pFirst), pFirst->Index()).Count()) << "each keyboard has its own";
     NotifyRecord record;
     ULONG ulCount;
     EXPECT_EQ(UN, GetNotifyRecord(77, &record, 1));
@@ -149,13 +149,14 @@ TEST_F(QueuesTest, ASecondRegistrationFailsAndKeepsTheFirst)
 {
     HANDLE hFirst = HostCreateEvent(false), hSecond = HostCreateEvent(false);
     HANDLE hWaitOnly = HostCreateEvent(false, SYNCHRONIZE);
+    ASSERT_NE(nullptr, Globals.pControlDevice);
     const struct {
         std::function<NTSTATUS(HANDLE)> Register;
         std::function<NTSTATUS()> Release;
         std::function<void()> Signal;
     } Kinds[] = {
         {[&](HANDLE h) { return RegisterNotifyEvent(ValueOf(h), UserMode, pSecond->Index()); },
-         [&] { return ReleaseNotifyEvent(pSecond->Index()); }, [&] { SignalNotifyEvent(pSecond->Filter()); }},
+         [&] { return ReleaseNotifyEvent(pSecond->Index()); }, [&] { SignalNotifyEvent(FilterOf(pSecond)); }},
         {[](HANDLE h) { return RegisterMacroEvent(ValueOf(h), UserMode); },
          [] { return ReleaseMacroEvent(); }, [] { SignalMacroEvent(); }},
         {[](HANDLE h) { return RegisterApplicationEvent(ValueOf(h), UserMode); },
@@ -206,7 +207,7 @@ TEST_F(QueuesTest, EventsAreReleasedTogetherAndAtRemoval)
     EXPECT_EQ(OK, ReleaseAllEvents());
     EXPECT_EQ(OK, RegisterNotifyEvent(ValueOf(h), UserMode, pSecond->Index()));
     HostCloseHandle(h);
-    SignalNotifyEvent(pSecond->Filter());
+    SignalNotifyEvent(FilterOf(pSecond));
     pSecond->Unplug(true); // the ledgers at unload tell whether its reference went
 }
 
@@ -253,8 +254,8 @@ TEST(QueuesThreads, OneRegistrationWins)
     threads.push_back(HostStartThread([&] {
         for (ULONG n = 0; n < 4000; n++) {
             NotifyRecord record = {1, 0, 0, 1, 0, 0, n};
-            (void)QueueNotifyRecord(pKeyboard->Filter(), &record); // full in the end
-            SignalNotifyEvent(pKeyboard->Filter());
+            (void)QueueNotifyRecord(FilterOf(pKeyboard), &record); // full in the end
+            SignalNotifyEvent(FilterOf(pKeyboard));
         }
     }));
     for (HostThread thread : threads) {

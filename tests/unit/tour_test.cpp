@@ -43,7 +43,7 @@ public:
     EmuBytes Notify()
     {
         NotifyRecord record = {1, 0, NOTIFY_SOURCE_HOTKEY, 1, 0, 5, 42};
-        EXPECT_EQ(OK, QueueNotifyRecord(pKeyboard->Filter(), &record));
+        EXPECT_EQ(OK, QueueNotifyRecord(FilterOf(pKeyboard), &record));
         return Two();
     }
 

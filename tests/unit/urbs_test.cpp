@@ -306,9 +306,11 @@ protected:
     }
     void TearDown() override
     {
-        Context()->pLowerDevice = pLower;
-        IoDeleteDevice(pDevice);
-        EXPECT_EQ(0u, HostUnloadDriver(pBelow));
+        if (pDevice != nullptr) {
+            Context()->pLowerDevice = pLower;
+            IoDeleteDevice(pDevice);
+            EXPECT_EQ(0u, HostUnloadDriver(pBelow));
+        }
         Urbs::TearDown();
     }
 
