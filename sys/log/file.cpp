@@ -171,7 +171,7 @@ static NTSTATUS AppendLines(LogFile* pFile, const char* pText, ULONG ulLength, P
 static NTSTATUS AppendMark(LogFile* pFile)
 {
     const char* pszMark = "\r\nOVERFLOW\r\n";
-    if (pFile->cLast == '\n' || pFile->cLast == '\0') {
+    if (pFile->cLast == '\n') {
         pszMark += 2;
     } else if (pFile->cLast == '\r') {
         pszMark += 1;

@@ -161,6 +161,7 @@ TEST_F(LogText, NothingIsFormattedForAFullBuffer)
     formatted = -1;
     KeResetEvent(&Globals.LogEvent);
     LogPrintf(1, 0, "none%n", &formatted);
+    LogWrite(1, 0, 0, "made before somebody else took the room");
     EXPECT_EQ(-1, formatted);
     EXPECT_EQ(1, Globals.ucLogCut) << "and it is told that something is missing";
     EXPECT_NE(0, KeReadStateEvent(&Globals.LogEvent));
