@@ -12,7 +12,7 @@ public:
 
     // Whether the macro mode is on; the keyboard's mode key switches it.
     Result<bool> IsOn() const;
-    // Reads the macro settings and the macro file again; what cannot be read keeps its value.
+    // Reads the macro settings and the macro file again, up to the first setting that is absent, which is reset.
     Status Reload() const;
     // Mode changes and captured reports, of all keyboards.
     MacroQueue Records() const;
