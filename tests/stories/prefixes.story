@@ -99,3 +99,12 @@ report 01 A5 04 -> 01 04 00
 report 01 89 00 -> 01 00 00
 report 01 04 8B -> 01 04 00
 report 01 8A A5 -> 01 00 00
+
+story A hotkey that only listens keeps its key when a prefix went before it
+keyboard normal
+hotkey 9 prefix1 1E
+hotkey 5 - 3B                            # waits, and is no reason to keep it for later
+report 00 00 89 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+report 00 00 04 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | down 9
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | up 9

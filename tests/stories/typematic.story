@@ -120,3 +120,20 @@ define 5 5
 report 00 00 04 00 00 00 00 00 -> 00 00 04 00 00 00 00 00 | key 1E 5
 wait 283ms | repeat 1E 5
 report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | key 9E 5
+
+# The delay of a held volume hotkey ends after its keyboard has become a cashier's, which has no key to repeat yet.
+story A volume hotkey that is held when point of sale comes
+keyboard normal
+hotkey 5 - E0 2E
+hotkey 7 - 3B
+report 00 00 3A 00 00 00 00 00 -> 00 00 3A 00 00 00 00 00 | down 7
+define 6 5
+wait 2000ms                              # no volume key
+remove 6
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00 | up 7
+report 00 00 EA 00 00 00 00 00 -> 00 00 EA 00 00 00 00 00 | down 5
+define 6 5
+wait 566ms
+wait 1ms | up 5
+report 00 00 EA 00 00 00 00 00 -> 00 00 EA 00 00 00 00 00
+wait 2000ms
