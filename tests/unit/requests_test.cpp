@@ -1,7 +1,6 @@
 // requests_test.cpp - requests that are passed to the keyboard: what goes over the wire, and what the application
 // gets when the keyboard answers oddly, late, or not at all.
 #include "bench_application.h"
-#include "bench_urb.h"
 #include "control/control.h"
 #include "log/log.h"
 
@@ -153,19 +152,6 @@ TEST_P(RequestsTest, EepromSize)
     pKeyboard->SetRules({Rule(EmuAnswerShort, 73)});
     EXPECT_EQ(OK, Ask(0x2220A4, Access(0, 0), 64));
     EXPECT_EQ(0u, Out.size()) << "the count did not come";
-}
-
-TEST_P(RequestsTest, SizeQueryIsLogged)
-{
-    KeptLog log(LOG_TRAFFIC);
-    const struct {
-        ULONG ulCode;
-        const char* pTitle;
-    } Queries[] = {{0x2220A4, "(ReadQuintoraEEprom) pUchar"}, {0x2220A8, "(WriteQuintoraEEprom) pTmp"}};
-    for (const auto& query : Queries) {
-        EXPECT_EQ(OK, Ask(query.ulCode, Access(0, 0), 64));
-        EXPECT_LT(0u, KeptLog::Count(log.Take(), query.pTitle)) << query.pTitle;
-    }
 }
 
 TEST_P(RequestsTest, StringsOfOddLengths)
