@@ -111,7 +111,7 @@ TEST(Entry, LogFileNameOfFittingLength)
         EXPECT_EQ(*pszLevel == 'd' ? 0x1000u : 0x20000000u, Settings.ulLogFileSize);
     }
     LoadedDriver driver(Key + "\"LogFile\"=hex(1):66,00,67,00\r\n"); // without a NUL at its end
-    EXPECT_EQ(4u, Settings.LogFileName.Length);
+    ASSERT_EQ(4u, Settings.LogFileName.Length);
     EXPECT_EQ(0, Settings.LogFileName.Buffer[2]);
 }
 

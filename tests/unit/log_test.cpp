@@ -223,6 +223,7 @@ protected:
             "\"LogLevel\"=dword:00000001\r\n" +
             values;
         HostStart(options);
+        m_bRunning = true;
         ASSERT_EQ(STATUS_SUCCESS, HostLoadDriver(DriverEntry, L"Tv64USB", &m_pDriver));
         ASSERT_NE(nullptr, Globals.pLogBuffer);
     }
@@ -231,8 +232,15 @@ protected:
         EXPECT_EQ(0u, HostUnloadDriver(m_pDriver));
         EXPECT_EQ(nullptr, Globals.pLogBuffer);
         EXPECT_EQ(0u, HostStop());
+        m_bRunning = false;
     }
-    void TearDown() override { std::filesystem::remove_all(m_Root); }
+    void TearDown() override
+    {
+        if (m_bRunning) { // a test that failed
+            HostStop();
+        }
+        std::filesystem::remove_all(m_Root);
+    }
     void StartOver(bool bTogether);
     // The file of that name, wherever under the root the host puts it.
     std::string Read(const std::string& name)
@@ -248,6 +256,7 @@ protected:
     }
 
     std::filesystem::path m_Root;
+    bool m_bRunning = false;
     PDRIVER_OBJECT m_pDriver = nullptr;
 };
 
