@@ -77,7 +77,7 @@ TEST(Threaded, KeyboardAnswersOnAnotherThread)
     ASSERT_EQ(pKeyboard->SetRules({{EmuAny, EmuAny, EmuAny, EmuAny, EmuAnswerLate, 1, 0, 0, 0}}),
               STATUS_SUCCESS);
 
-    std::atomic<unsigned> checked{0};
+    std::atomic<unsigned> checked{0}, ended{0};
     std::vector<HostThread> threads;
     for (UCHAR ucThread = 0; ucThread < 2; ucThread++) {
         threads.push_back(HostStartThread([&, ucThread] {
@@ -93,11 +93,13 @@ TEST(Threaded, KeyboardAnswersOnAnotherThread)
                 EXPECT_EQ(out, (std::vector<UCHAR>{ucRound}));
                 checked++;
             }
+            ended++;
         }));
     }
-    while (checked < 40) {
+    while (checked < 40 && ended < 2) {
         std::this_thread::yield();
     }
+    EXPECT_GE(checked, 40u);
     pKeyboard->Unplug(true);
     for (HostThread thread : threads) {
         HostJoinThread(thread);
