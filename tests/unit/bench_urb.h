@@ -49,7 +49,7 @@ struct InterruptUrb {
 class SentRead
 {
 public:
-    SentRead(PDEVICE_OBJECT device, URB& urb)
+    SentRead(PDEVICE_OBJECT device, URB& urb, bool bCancelled = false)
         : pIrp(IoAllocateIrp(static_cast<CCHAR>(device->StackSize), FALSE))
     {
         PIO_STACK_LOCATION pNext = IoGetNextIrpStackLocation(pIrp);
@@ -57,6 +57,7 @@ public:
         pNext->Parameters.DeviceIoControl.IoControlCode = IOCTL_INTERNAL_USB_SUBMIT_URB;
         pNext->Parameters.Others.Argument1 = &urb;
         pIrp->IoStatus.Information = 77;
+        pIrp->Cancel = bCancelled ? TRUE : FALSE;
         IO_COMPLETION_ROUTINE* pKeep = [](PDEVICE_OBJECT, PIRP pCompleted, PVOID pSelf) -> NTSTATUS {
             static_cast<SentRead*>(pSelf)->Result = pCompleted->IoStatus;
             return STATUS_MORE_PROCESSING_REQUIRED;

@@ -107,6 +107,9 @@ TEST_F(ParkedTest, AnEmptyQueueGivesAnEmptyReport)
     CancelFirst();
     EXPECT_EQ(cancelled.Result.Status, STATUS_CANCELLED);
     EXPECT_EQ(read.Urb.UrbHeader.Status, USBD_STATUS_CANCELED);
+    SentRead givenUp(FilterOf(Keyboard), read.Urb, true);
+    EXPECT_EQ(givenUp.Result.Status, STATUS_CANCELLED);
+    EXPECT_EQ(givenUp.Result.Information, 0u);
     Wait(100);
 }
 

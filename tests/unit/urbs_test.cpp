@@ -289,12 +289,13 @@ protected:
     void SetUp() override
     {
         Urbs::SetUp();
+        uSucceed = ~0u;
         PDRIVER_INITIALIZE pEntry = [](PDRIVER_OBJECT pDriver, PUNICODE_STRING) -> NTSTATUS {
             pDriver->DriverUnload = [](PDRIVER_OBJECT) {};
             pDriver->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = [](PDEVICE_OBJECT,
                                                                         PIRP pIrp) -> NTSTATUS {
                 Take(*static_cast<PURB>(IoGetCurrentIrpStackLocation(pIrp)->Parameters.Others.Argument1));
-                return CompleteRequest(pIrp, STATUS_SUCCESS, 0);
+                return CompleteRequest(pIrp, uSucceed-- == 0 ? STATUS_UNSUCCESSFUL : STATUS_SUCCESS, 0);
             };
             return STATUS_SUCCESS;
         };
@@ -346,10 +347,12 @@ protected:
     }
 
     static std::string Told;
+    static unsigned uSucceed; // so many, then one fails
     PDRIVER_OBJECT pBelow = nullptr;
     PDEVICE_OBJECT pDevice = nullptr, pLower = nullptr;
 };
 std::string OwnRequests::Told;
+unsigned OwnRequests::uSucceed;
 
 TEST_F(OwnRequests, HaveTheirUrbs)
 {
@@ -394,6 +397,9 @@ TEST_F(OwnRequests, HaveTheirUrbs)
         EXPECT_EQ(STATUS_SUCCESS, row.Send()) << row.pszUrb;
         EXPECT_EQ(row.pszUrb, Told.substr(0, strlen(row.pszUrb)));
     }
+    uSucceed = 1; // its length is told, the string itself is not
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, GetStringDescriptor(ulIndex, 2, 0x409, ucOut, sizeof(ucOut), &ulLength));
+    EXPECT_EQ(0u, ulLength);
     Told.clear();
     EXPECT_EQ(STATUS_SUCCESS, ReadDescriptorMemory(ulIndex, 0x1234, 0, ucOut, &ulLength));
     EXPECT_EQ(STATUS_SUCCESS, WriteDescriptorMemory(ulIndex, 0x1234, 0, ucData, &ulLength));
