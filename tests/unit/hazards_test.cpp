@@ -104,6 +104,16 @@ TEST_F(Hazards, OnlyAReadCountsAsOne)
     SendOwn(Filter(), read.Urb);
     EXPECT_EQ(0u, Context()->ulIrpCancelledForInsert);
     EXPECT_TRUE(CancelPendingRead(Filter()));
+    for (ULONG ulPending :
+         {0u, 1u}) { // a report that is put in marks the read that it calls back, if there is one
+        if (ulPending) {
+            ASSERT_EQ(STATUS_SUCCESS, Keyboard->Read());
+        }
+        EXPECT_EQ(ulPending, Keyboard->PendingReads());
+        EXPECT_EQ(STATUS_SUCCESS, Application->InsertUSBPackets(Keyboard->Index(), {{0, 8, {1}}}));
+        EXPECT_EQ(ulPending, Context()->ulIrpCancelledForInsert);
+        ASSERT_EQ(STATUS_SUCCESS, Keyboard->Read()); // brings it
+    }
 }
 
 // A read that is given up while it is parked is gone when the dispatch routine returns.

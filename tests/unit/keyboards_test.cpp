@@ -105,7 +105,7 @@ TEST(Keyboards, TheFilterTakesOverWhatTheDeviceBelowIs)
     // What an application finds the keyboard by.
     DeviceContext* pContext = FilterContextOf(pFilter);
     const UNICODE_STRING& link = pContext->InterfaceLinkName;
-    EXPECT_GE(link.MaximumLength, link.Length);
+    EXPECT_EQ(link.MaximumLength, link.Length);
     const std::string name(link.Buffer, link.Buffer + link.Length / sizeof(WCHAR));
     EXPECT_NE(std::string::npos, name.find("{3b7e91c4-5a2d-4f60-9c1e-7d84a2f0b613}")) << name;
     EXPECT_EQ(0, memcmp(object, pContext->PhysicalDeviceObjectName, sizeof(object)));

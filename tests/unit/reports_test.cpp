@@ -263,7 +263,9 @@ TEST_F(Reports, ShortReportsHaveNoModifiers)
     Begin(EmuBootKeyboard);
     Define(7, 1, 1, {0x3B});
     EmuBytes report = {1, 0x3A, 5};
-    Handle([&](ULONG ulLen, PUCHAR pBuf) { return DiagNormalPacket02(Filter(), ulLen, pBuf); }, report);
+    EXPECT_EQ(
+        STATUS_SUCCESS,
+        Handle([&](ULONG ulLen, PUCHAR pBuf) { return DiagNormalPacket02(Filter(), ulLen, pBuf); }, report));
     EXPECT_EQ(report, (EmuBytes{1, 5, 0}));
     EXPECT_EQ(Globals.ulModifierFlags, 0u);
     EXPECT_EQ(Events(), "01 ");

@@ -257,12 +257,19 @@ TEST_F(Urbs, DescriptorsAreReadAsFarAsTheyCame)
         UCHAR ucByte;
         size_t lines;
     } cases[] = {
-        {"whole", 40, 23, 2, 2},        {"names more than came", 29, 23, 255, 1},
-        {"none came", 26, 23, 2, 0},    {"no count", 23, 23, 2, 0},
-        {"another type", 40, 19, 7, 0}, {"another length", 40, 18, 7, 0},
-        {"ends before", 40, 2, 18, 0},  {"no interface", 40, 10, 5, 0},
-        {"cut there", 10, 23, 2, 0},    {"no total length", 3, 23, 2, 0},
-        {"alone", 40, 2, 9, 0},         {"longer than its kind", 40, 0, 10, 0},
+        {"whole", 40, 23, 2, 2},
+        {"names more than came", 29, 23, 255, 1},
+        {"none came", 26, 23, 2, 0},
+        {"no count", 23, 23, 2, 0},
+        {"another type", 40, 19, 7, 0},
+        {"another length", 40, 18, 7, 0},
+        {"ends before", 40, 2, 18, 0},
+        {"ends within", 40, 2, 19, 2},
+        {"no interface", 40, 10, 5, 0},
+        {"cut there", 10, 23, 2, 0},
+        {"no total length", 3, 23, 2, 0},
+        {"alone", 40, 2, 9, 0},
+        {"longer than its kind", 40, 0, 10, 0},
     };
     KeptLog log(LOG_DETAIL);
     for (const auto& row : cases) {
