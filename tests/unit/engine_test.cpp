@@ -105,6 +105,20 @@ TEST(Modifiers, MaskMatchesTheWord)
 
 using Engine = KeyboardTest;
 
+// "Any" of a pair stands for both sides, which are dropped; no other bit of a mask is.
+TEST_F(Engine, MasksKeepWhatIsNoSideOfAPair)
+{
+    const struct {
+        ULONG ulGiven, ulKept;
+    } masks[] = {{~0u, ~0x1FEu}, {0x5FF, 0x5F9}, {0x9FF, 0x9E7}, {0x11FF, 0x119F}, {0x21FF, 0x207F}};
+    for (const auto& mask : masks) {
+        KeyDefinition definition = Hotkey(7, mask.ulGiven, {0x3B});
+        ASSERT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_SUCCESS);
+        EXPECT_EQ(mask.ulKept, (*HotkeyWalk(Context()).begin()).ulModifiers) << std::hex << mask.ulGiven;
+        ASSERT_EQ(RemoveKeyDefinition(Filter(), 7), STATUS_SUCCESS);
+    }
+}
+
 TEST_F(Engine, ScanCodesBecomeKeyBytes)
 {
     struct {
