@@ -105,6 +105,21 @@ TEST(Modifiers, MaskMatchesTheWord)
 
 using Engine = KeyboardTest;
 
+// Behind its last key a buffer is empty, so that a dump shows no key that has gone.
+TEST_F(Engine, KeysThatLeaveABufferLeaveNothingBehind)
+{
+    UCHAR ucKey;
+    for (UCHAR ucGiven : {4, 5}) {
+        ASSERT_TRUE(AddDataToInsertBuffer(Filter(), &ucGiven));
+    }
+    for (UCHAR ucWanted : {4, 5}) {
+        ASSERT_TRUE(GetDataFromInsertBuffer(Filter(), &ucKey));
+        EXPECT_EQ(ucWanted, ucKey);
+        const USHORT usLeft = Context()->usInsertCount;
+        EXPECT_EQ(0, Context()->InsertBuf[usLeft]);
+    }
+}
+
 // "Any" of a pair stands for both sides, which are dropped; no other bit of a mask is.
 TEST_F(Engine, MasksKeepWhatIsNoSideOfAPair)
 {
