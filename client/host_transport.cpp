@@ -46,7 +46,7 @@ public:
         HostSetCaller32(m_b32);
         ULONG ulReported = 0;
         NTSTATUS status = HostDeviceControl(m_File, ulCode, pIn, ulIn, pOut, ulOut, &ulReported);
-        *pulReported = ulReported;
+        *pulReported = NT_ERROR(status) ? 0 : ulReported;
         return static_cast<uint32_t>(status);
     }
 

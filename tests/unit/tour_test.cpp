@@ -32,6 +32,33 @@ public:
         return bToured ? STATUS_SUCCESS : STATUS_NOT_SUPPORTED;
     }
 
+    void SetUp() override
+    {
+        ApplicationTest::SetUp();
+        HostSetCaller32(GetParam());
+        ASSERT_EQ(OK, HostOpen(L"\\\\.\\TvUSB", &file));
+    }
+
+    void TearDown() override
+    {
+        HostClose(file);
+        ApplicationTest::TearDown();
+    }
+
+    // The request itself, as an application is told nothing of what the driver reports with an error.
+    NTSTATUS Send(ULONG ulCode, const EmuBytes& in, ULONG ulOut)
+    {
+        ULONG ulInformation;
+        Out.assign(ulOut, 0xEE);
+        NTSTATUS status =
+            HostDeviceControl(file, ulCode, in.data(), (ULONG)in.size(), Out.data(), ulOut, &ulInformation);
+        if (NT_ERROR(status)) {
+            EXPECT_EQ(EmuBytes(ulOut, 0xEE), Out) << "no output with an error";
+        }
+        Out.resize(ulInformation);
+        return status;
+    }
+
     EmuBytes Handle() { return BytesOf(hEvent); }
     EmuBytes Definition() { return BytesOf(KeyDefinition{7, 0, 1, 0x400, 1, 0, {0x3B}}); }
     EmuBytes DefinitionId() { return BytesOf(7u); }
@@ -69,6 +96,7 @@ protected:
     EmuBytes Shortest(const Row& row);
 
     HANDLE hEvent = nullptr;
+    HostFile file = nullptr;
     bool bToured = false; // the keyboard is enumerated, the driver's own requests come
 };
 
