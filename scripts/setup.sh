@@ -8,6 +8,9 @@ PACKAGES_TEST="$PACKAGES_RUN clang clang-format llvm libclang-rt-14-dev libgtest
 # For scripts/check-package: a command interpreter for Windows.
 PACKAGES_PACKAGE="wine wine64"
 
+# Of the suite `wine` alone: the kernel under the driver's file, and the tests' library to build for it.
+PACKAGES_WINE="wine wine64 googletest"
+
 # ensure_packages STAMP-NAME PACKAGE...
 ensure_packages() {
     local stamp="build/.packages-$1"
@@ -52,4 +55,33 @@ configure() {
         rm -rf "build/$1"
     fi
     cmake --preset "$1"
+}
+
+# ensure_wine32: a Wine for 32-bit programs, where its packages go together with the machine's; $wine32_missing says
+# why there is none. The foreign architecture that it needs is taken away again when it was added in vain.
+ensure_wine32() {
+    local stamp=build/.packages-wine32 root="" added=""
+    wine32_missing=""
+    dpkg-query -W -f='${Status}' wine32:i386 2>/dev/null | grep -q 'install ok installed' && return
+    mkdir -p build
+    if [ -f $stamp ]; then
+        wine32_missing=$(cat $stamp)
+        return
+    fi
+    [ "$(id -u)" = 0 ] || root=sudo
+    {
+        if ! dpkg --print-foreign-architectures | grep -qx i386; then
+            $root dpkg --add-architecture i386 && added=1
+            $root apt-get update -qq
+        fi
+        if $root apt-get install -s --no-install-recommends wine32:i386 >build/wine32.log 2>&1 &&
+            ! grep '^Remv' build/wine32.log; then
+            install_packages wine32:i386 && return
+        fi
+        if [ -n "$added" ]; then
+            $root dpkg --remove-architecture i386 && $root apt-get update -qq
+        fi
+    } >&2
+    wine32_missing="the package wine32:i386 does not go together with the machine's packages (build/wine32.log)"
+    echo "$wine32_missing" >$stamp
 }

@@ -1,7 +1,9 @@
 // macro_file.h - macro configuration files for tests: their bytes, and a folder to put them into.
 #pragma once
 
+#ifndef _WIN32
 #include <unistd.h>
+#endif
 
 #include <cstdint>
 #include <cstdio>
@@ -52,10 +54,21 @@ inline FileBytes TwoMacros()
     return file;
 }
 
-// A folder of its own that holds C:\ for a machine; it goes with the object.
+// A folder of its own that holds C:\ for a machine; it goes with the object. On Windows that is C:\ itself, from
+// which what was written goes.
 class DriveFolder
 {
 public:
+#ifdef _WIN32
+    DriveFolder() : m_Path("C:\\") {}
+    ~DriveFolder()
+    {
+        for (const auto& name : m_Written) {
+            std::error_code ignored;
+            std::filesystem::remove(m_Path / name, ignored);
+        }
+    }
+#else
     DriveFolder()
     {
         std::string name = (std::filesystem::temp_directory_path() / "tv64usb-XXXXXX").string();
@@ -70,13 +83,18 @@ public:
         std::error_code ignored; // a folder left over is no test's failure
         std::filesystem::remove_all(m_Path, ignored);
     }
+#endif
     DriveFolder(const DriveFolder&) = delete;
     DriveFolder& operator=(const DriveFolder&) = delete;
 
-    std::string Path() const { return m_Path.string(); }
+    std::string Path() const
+    {
+        return m_Path.string();
+    }
     void Write(const std::string& name, const FileBytes& bytes) const
     {
-        FILE* pFile = fopen((m_Path / name).c_str(), "wb");
+        m_Written.push_back(name);
+        FILE* pFile = fopen((m_Path / name).string().c_str(), "wb");
         if (pFile == nullptr || fwrite(bytes.data(), 1, bytes.size(), pFile) != bytes.size()) {
             perror("macro file");
             abort();
@@ -86,4 +104,5 @@ public:
 
 private:
     std::filesystem::path m_Path;
+    mutable std::vector<std::string> m_Written;
 };

@@ -23,7 +23,8 @@
 #define SCHEDULE_POINT() ((void)0)
 
 // Exported by ntoskrnl.exe, declared by no kernel header of the toolchain.
-extern "C" int _vsnprintf(char* pszBuffer, size_t cchBuffer, const char* pszFormat, va_list arguments);
+extern "C" __declspec(dllimport) int _vsnprintf(char* pszBuffer, size_t cchBuffer, const char* pszFormat,
+                                                va_list arguments);
 
 // Known to the system since Windows 8, not to the toolchain, whose mapping routines take a priority and no flags.
 #ifndef MdlMappingNoExecute
@@ -35,7 +36,8 @@ inline MM_PAGE_PRIORITY operator|(MM_PAGE_PRIORITY priority, int flags)
 #endif
 
 // The toolchain declares the type as imported data of the kernel and the pointer to it besides: one step more
-// than from the import table's entry to the type. The entry itself is the pointer that the platform documents.
+// than from the import table's entry to the type. The entry itself is the pointer that the platform
+// documents.
 extern "C" POBJECT_TYPE* __imp_ExEventObjectType;
 #define ExEventObjectType __imp_ExEventObjectType
 

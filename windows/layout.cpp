@@ -1,7 +1,7 @@
 // layout.cpp - the records that the driver touches lie where 64-bit Windows has them.
 //
-// The records come from the toolchain's headers, the driver meets the system's: sizes and offsets in bytes, as the
-// platform's own headers and debugger tell them. Nothing of this is in the image.
+// The records come from the toolchain's headers, the driver meets the system's: sizes and offsets in bytes,
+// as the platform's own headers and debugger tell them. Nothing of this is in the image.
 #include <kernel.h>
 #include <stddef.h>
 

@@ -13,7 +13,7 @@ static string SettingLine(const string& name, const EmuSetting& setting)
     string line = "\"" + name + "\"=";
     if (const ULONG* pulNumber = std::get_if<ULONG>(&setting)) {
         char text[32];
-        snprintf(text, sizeof text, "dword:%08x\n", *pulNumber);
+        snprintf(text, sizeof text, "dword:%08x\n", static_cast<unsigned>(*pulNumber));
         return line + text;
     }
     line += '"';

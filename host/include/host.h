@@ -17,7 +17,7 @@
 #include <map>
 #include <string>
 
-#include "kernel.h"
+#include <kernel.h>
 
 enum HostMode { HostSimulated, HostThreaded };
 

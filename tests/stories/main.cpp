@@ -31,8 +31,9 @@ void Register(const std::string& group, const std::string& title, const std::str
 void RegisterStories(const std::filesystem::path& file)
 {
     for (const Story& story : ReadStories(file.string())) {
-        Register(file.stem(), story.Title, file, [=] { PlayStory(story, false); });
-        Register(file.stem(), story.Title + ", 32 bits", file, [=] { PlayStory(story, true); });
+        Register(file.stem().string(), story.Title, file.string(), [=] { PlayStory(story, false); });
+        Register(file.stem().string(), story.Title + ", 32 bits", file.string(),
+                 [=] { PlayStory(story, true); });
     }
 }
 
@@ -40,7 +41,7 @@ void RegisterStories(const std::filesystem::path& file)
 void RegisterLog(const std::filesystem::path& file)
 {
     for (unsigned uLevel : {3, 1, 0}) {
-        Register("logs", file.stem().string() + " at level " + std::to_string(uLevel), file,
+        Register("logs", file.stem().string() + " at level " + std::to_string(uLevel), file.string(),
                  [=] { PlayLog(file.string(), uLevel); });
     }
 }

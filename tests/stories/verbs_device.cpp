@@ -94,7 +94,7 @@ void Player::Read(const Words& words, const Parts& parts)
 void Player::Write(const Words& words, const Parts&)
 {
     EmuBytes data = Bytes(words, 3);
-    EmuBytes access = Words16({Number(words.at(2), 16), data.size()});
+    EmuBytes access = Words16({Number(words.at(2), 16), static_cast<unsigned long>(data.size())});
     access.insert(access.end(), data.begin(), data.end());
     EXPECT_TRUE(Ask(Memory(words.at(1)).ulWrite, access, 0).empty());
 }

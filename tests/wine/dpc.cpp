@@ -1,7 +1,7 @@
 // dpc.cpp - the queue of deferred calls and the thread that runs them. See dpc.h.
 //
-// A queued call is linked by DpcListEntry, and its DpcData points at the queue; both belong to QueueLock. The thread
-// is made with the first call and never ends.
+// A queued call is linked by DpcListEntry, and its DpcData points at the queue; both belong to QueueLock. The
+// thread is made with the first call and never ends.
 #include "dpc.h"
 
 void (*pSetDpcLevel)(KIRQL level);
@@ -13,7 +13,8 @@ static KEVENT Idle; // nothing is queued and nothing runs
 static LONG lBegun;
 static volatile LONG lReady;
 
-// Takes the first call out, its arguments first, as it may be queued anew from now on; null: the queue is empty.
+// Takes the first call out, its arguments first, as it may be queued anew from now on; null: the queue is
+// empty.
 static PKDPC TakeNext(PVOID* ppFirst, PVOID* ppSecond)
 {
     PKDPC pDpc = nullptr;

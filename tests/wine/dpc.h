@@ -1,5 +1,5 @@
-// dpc.h - deferred calls, for which this kernel has only stubs: one thread runs them in the order in which they were
-// queued. Usable in a program and in a .sys alike.
+// dpc.h - deferred calls, for which this kernel has only stubs: one thread runs them in the order in which
+// they were queued. Usable in a program and in a .sys alike.
 #pragma once
 
 #include <kernel.h>

@@ -1,7 +1,7 @@
 // imports.h - puts routines of our own in the place of some that a loaded module imports.
 //
-// What this kernel lacks is filled that way in memory, with the driver's file unchanged. A routine that stands for
-// the kernel's is named after it: OwnKeInsertQueueDpc stands for KeInsertQueueDpc.
+// What this kernel lacks is filled that way in memory, with the driver's file unchanged. A routine that
+// stands for the kernel's is named after it: OwnKeInsertQueueDpc stands for KeInsertQueueDpc.
 #pragma once
 
 struct Replacement {

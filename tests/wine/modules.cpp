@@ -21,7 +21,8 @@ typedef NTSTATUS(NTAPI ProtectMemory)(HANDLE hProcess, PVOID* ppAddress, SIZE_T*
                                       ULONG* pulOld);
 enum : ULONG { Loading = 1 };
 
-// Offsets in bytes: the process block's loader data, its list in load order, an entry's base address and name.
+// Offsets in bytes: the process block's loader data, its list in load order, an entry's base address and
+// name.
 enum : ULONG { PebLoader = 0x18, LoaderModules = 0x10, ModuleBase = 0x30, ModuleName = 0x58 };
 
 const wchar_t* pszAwaited;
@@ -89,6 +90,12 @@ void* FindExport(const wchar_t* pszModule, const char* pszName)
         }
     }
     return nullptr;
+}
+
+unsigned long ModuleBytes(void* pModule)
+{
+    return At<IMAGE_NT_HEADERS>(pModule, At<IMAGE_DOS_HEADER>(pModule, 0)->e_lfanew)
+        ->OptionalHeader.SizeOfImage;
 }
 
 void CallAtLoad(const wchar_t* pszModule, ModuleLoaded* pRoutine)

@@ -1,5 +1,5 @@
-// userhandle.h - an application's handle as a kernel object, which this kernel refuses to make of it. Usable in a
-// program and in a .sys alike.
+// userhandle.h - an application's handle as a kernel object, which this kernel refuses to make of it. Usable
+// in a program and in a .sys alike.
 #pragma once
 
 #include <kernel.h>
