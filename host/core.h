@@ -301,6 +301,8 @@ struct HostState {
     std::string RegistryOnDisk; // .reg text as of the last flush; empty: as it was at the start
     std::vector<struct FileBody*> OpenFiles;
 
+    std::shared_ptr<struct HostTracing> Tracing; // trace.cpp
+
     std::string FailKind;
     unsigned uFailNth = 0;
     bool bFailOn = false;

@@ -1,5 +1,5 @@
 // driver.cpp - starting and ending the host, loading and unloading drivers, and the audits.
-#include "core.h"
+#include "trace.h"
 
 #include <chrono>
 
@@ -47,6 +47,7 @@ void HostStart(const HostOptions& options)
     HostSeedSchedule(g->bThreaded ? 0 : options.Seed);
     g->llStart = HostNow();
     g->pMain = HostSelf();
+    HostStartTrace();
     HostParseRegistry(options.RegistryText);
     HostStartSystemThreads();
 }
@@ -54,7 +55,7 @@ void HostStart(const HostOptions& options)
 static unsigned Audit(PDRIVER_OBJECT pDriver)
 {
     unsigned uLeaks = HostAuditNames(pDriver) + HostAuditPnp(pDriver) + HostAuditObjects(pDriver) +
-                      HostAuditPool(pDriver) + HostAuditRequests(pDriver);
+                      HostAuditPool(pDriver) + HostAuditRequests(pDriver) + HostAuditTrace(pDriver);
     HostLock lock(g->Lock);
     for (const auto& due : g->Due) {
         PKTIMER pTimer = due.second.pTimer;

@@ -272,10 +272,3 @@ void ExSystemTimeToLocalTime(PLARGE_INTEGER pSystem, PLARGE_INTEGER pLocal)
 {
     *pLocal = *pSystem; // the host lives in UTC
 }
-
-PVOID MmGetSystemRoutineAddress(PUNICODE_STRING)
-{
-    HostEnter(__func__, PASSIVE_LEVEL);
-    HostShouldFail("routine");
-    return nullptr; // optional services: none
-}

@@ -10,12 +10,16 @@
 // the same seed gives the same run.
 // Threaded mode: threads run freely, the clock is real.
 //
+// With the environment's TV64USB_TRACE=LEVEL, 1 to 5, the events that drivers trace up to this level are printed
+// on standard error, a line each.
+//
 // A broken rule prints "HOST STOP <CODE>: <what>" on standard error and aborts.
 #pragma once
 
 #include <functional>
 #include <map>
 #include <string>
+#include <vector>
 
 #include <kernel.h>
 
@@ -96,13 +100,29 @@ void HostEndThreadWaits(HostThread t);
 // The Nth fallible call from now on fails (of the kind pWhat: "pool", "irp", "device", ...; nullptr: any); 0:
 // none. With bFromThenOn all that follow it fail too. Kinds: pool, mdl, map, irp, lower (a request that one
 // driver sends to another), workitem, thread, handle, device, attach, link, security, open, interface,
-// notification, property, routine, wdm, key, value, flush, file, read, write, fileinfo.
+// notification, property, routine, trace, wdm, key, value, flush, file, read, write, fileinfo.
 void HostFailNth(const char* pWhat, unsigned ulNth, bool bFromThenOn = false);
 // Only calls made by this driver's code are counted and fail; nullptr: everybody's.
 void HostFailOnlyIn(const WCHAR* pServiceName);
 // How many calls could have failed since HostFailNth was called last; of each kind, whatever its pWhat.
 unsigned HostFallibleCalls();
 std::map<std::string, unsigned> HostFallibleByKind();
+
+// One traced event: what its provider and it say of themselves, and the values of its fields. Of a provider that
+// could not set its traits, all three lie in Data, in this order.
+struct HostTraceEvent {
+    EVENT_DESCRIPTOR Descriptor;
+    std::vector<UCHAR> Traits;
+    std::vector<UCHAR> Metadata;
+    std::vector<UCHAR> Data;
+};
+// Called by whoever writes an event, on its thread at its IRQL.
+using HostTraceConsumer = std::function<void(const HostTraceEvent&)>;
+// Begins a tracing session: the provider's events up to this level (0: all), of one of the keywords ullAny (0:
+// any) and all of ullAll, from now on, whether the provider is registered or will be. Returns its number.
+unsigned HostTrace(const GUID& provider, UCHAR ucLevel, ULONGLONG ullAny, ULONGLONG ullAll,
+                   HostTraceConsumer consumer);
+void HostEndTrace(unsigned uSession);
 
 // The registry as .reg text: as it is, and as a system that stops now would find it again.
 std::string HostRegistryText();

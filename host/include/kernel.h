@@ -15,6 +15,7 @@
 #include "nt/interlocked.h"
 #include "nt/ke.h"
 #include "nt/ex.h"
+#include "nt/etw.h"
 #include "nt/io.h"
 #include "nt/irp.h"
 #include "nt/pnp.h"

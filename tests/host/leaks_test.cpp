@@ -55,6 +55,11 @@ static const Leak LEAKS[] = {
              EventCategoryDeviceInterfaceChange, 0, const_cast<GUID*>(&CLASS), pDevice->DriverObject,
              [](PVOID, PVOID) { return STATUS_SUCCESS; }, nullptr, &pEntry);
      }},
+    {"TraceProvider", "trace provider: registered",
+     [](PDEVICE_OBJECT) {
+         REGHANDLE handle;
+         EtwRegister(&CLASS, nullptr, nullptr, &handle);
+     }},
     {"Timer", "timer",
      [](PDEVICE_OBJECT) {
          static KTIMER timer;
