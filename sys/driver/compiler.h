@@ -4,6 +4,8 @@
 #pragma once
 
 #define NOINLINE __attribute__((noinline))
+// Seldom called: the branch that leads to it is laid aside.
+#define COLD __attribute__((noinline, cold))
 
 // The arguments from `first` on are those of the text `format`, as printf takes them; both counted from 1.
 #define PRINTF_LIKE(format, first) __attribute__((__format__(printf, format, first)))

@@ -52,7 +52,7 @@ DispatchRoutine DispatchPnp; // PASSIVE
 
 // unload.cpp
 void UnloadDriver(PDRIVER_OBJECT pDriver);
-void FreeDriverMemory(); // what driver entry allocated; also for an entry that fails
+void FreeDriverResources(); // what driver entry took; also for an entry that fails
 
 // controldevice.cpp
 NTSTATUS CreateControlDevice(PDEVICE_OBJECT pFilterDevice);

@@ -6,6 +6,7 @@
 #include "driver/driver.h"
 
 #include "control/control.h"
+#include "log/events.h"
 #include "log/log.h"
 #include "macro/macro.h"
 #include "report/keytable.h"
@@ -39,7 +40,7 @@ static void SetInitialState()
 }
 
 // Keeps the service key path for later reads of the macro settings, NUL-terminated.
-// IRQL = PASSIVE. Owns: the buffer until FreeDriverMemory. Fails: no memory, path too long to extend.
+// IRQL = PASSIVE. Owns: the buffer until FreeDriverResources. Fails: no memory, path too long to extend.
 static NTSTATUS CopyRegistryPath(PUNICODE_STRING pRegistryPath)
 {
     const ULONG ulBytes = pRegistryPath->Length + 10u;
@@ -92,15 +93,16 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistr
     IRQL_AT_MOST(PASSIVE_LEVEL);
     UCHAR ucUnused;
 
+    StartTracing(); // until FreeDriverResources
     SetInitialState();
     if (!NT_SUCCESS(CopyRegistryPath(pRegistryPath)) ||
         !NT_SUCCESS(BuildParametersPath(pRegistryPath, PagedPool, &Globals.ParametersPath))) {
-        FreeDriverMemory();
+        FreeDriverResources();
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     Globals.pDriverObject = pDriver;
     if (!IoIsWdmVersionAvailable(1, 0x30)) {
-        FreeDriverMemory();
+        FreeDriverResources();
         return STATUS_UNSUCCESSFUL;
     }
 
@@ -115,5 +117,6 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistr
     UpdateErrorCount(ErrorCountLeave, &ucUnused);
 
     KeInitializeMutex(&Globals.ControlDeviceMutex, 0);
+    Trace(DriverLoaded, pRegistryPath);
     return STATUS_SUCCESS;
 }

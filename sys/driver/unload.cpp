@@ -3,6 +3,7 @@
 // Runs at PASSIVE_LEVEL after the last device object is gone.
 #include "driver/driver.h"
 
+#include "log/events.h"
 #include "log/log.h"
 #include "macro/macro.h"
 
@@ -16,12 +17,13 @@ static void FreeString(PUNICODE_STRING pString)
 }
 
 // IRQL = PASSIVE, nobody else runs in the driver.
-void FreeDriverMemory()
+void FreeDriverResources()
 {
     FreeString(&Settings.LogFileName);
     FreeString(&Globals.RegistryPathCopy);
     FreeString(&Globals.ParametersPath);
     FreeMacroTable();
+    StopTracing();
 }
 
 // The log goes first: its last lines still need the file's name.
@@ -29,6 +31,7 @@ void FreeDriverMemory()
 void UnloadDriver(PDRIVER_OBJECT)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
+    Trace(DriverUnloads, &Globals.RegistryPathCopy);
     StopLog();
-    FreeDriverMemory();
+    FreeDriverResources();
 }

@@ -6,6 +6,7 @@
 // Runs at PASSIVE_LEVEL when definitions change; the keyboard's type is the one known then.
 #include "hotkeys/hotkeys.h"
 
+#include "log/events.h"
 #include "log/log.h"
 #include "report/keytable.h"
 
@@ -93,7 +94,11 @@ NTSTATUS AppendUsage(HotkeyEntry* pEntry, ULONG ulScanCode)
     USHORT usUsage;
     USHORT usUsageBytes;
     NTSTATUS status = PS2ToHID(ulScanCode, &usUsage, &usUsageBytes);
-    return NT_SUCCESS(status) ? AppendKeyBytes(pEntry, usUsage, usUsageBytes) : status;
+    if (!NT_SUCCESS(status)) {
+        Trace(ScanCodeUnknown, ulScanCode);
+        return status;
+    }
+    return AppendKeyBytes(pEntry, usUsage, usUsageBytes);
 }
 
 NTSTATUS AppendKey(HotkeyEntry* pEntry, ULONG ulScanCode, ULONG ulKbdType)

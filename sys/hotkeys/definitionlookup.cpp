@@ -4,6 +4,8 @@
 // that holds KeyDefLock or DefinitionMutex. The report road holds neither while it works, so it takes copies.
 #include "hotkeys/hotkeys.h"
 
+#include "log/events.h"
+
 namespace
 {
 // Walks to the first definition that fits, or to the first null slot. *pusIndex receives where it stopped.
@@ -52,6 +54,7 @@ bool GetSwallowOf(PDEVICE_OBJECT device, ULONG ulId, PUCHAR pucSwallow)
     LockScope lock(FilterContextOf(device)->KeyDefLock);
     const KeyDefinition* pDefinition = FindKeyDefinitionById(device, ulId, nullptr);
     if (pDefinition == nullptr) {
+        Trace(DefinitionUnknown, FilterContextOf(device)->ulDeviceIndex, ulId);
         return false;
     }
     *pucSwallow = static_cast<UCHAR>(pDefinition->ulSwallow);

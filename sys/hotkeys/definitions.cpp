@@ -120,12 +120,12 @@ NTSTATUS AddKeyDefinition(PDEVICE_OBJECT device, const KeyDefinition* pDefinitio
     }
     RecomputeKeyDefTypes(pContext);
     if (pDefinition->ulType == 1) {
-        return BuildHotkeyList(device);
-    }
-    if (pDefinition->ulType >= 4 && pDefinition->ulType <= 8) {
+        status = BuildHotkeyList(device);
+    } else if (pDefinition->ulType >= 4 && pDefinition->ulType <= 8) {
         ForgetOldOPOSPacket(pContext);
     }
-    return STATUS_SUCCESS;
+    TraceHotkeyLists();
+    return status;
 }
 
 // Removes the first definition with this id. When the last one of discard mode goes, held reports are replayed.
@@ -150,6 +150,7 @@ NTSTATUS RemoveKeyDefinition(PDEVICE_OBJECT device, ULONG ulId)
     if (bWasDiscarding && (ReadShared(pContext->ulKeyDefTypes) & KEYDEF_DISCARD) == 0) {
         ReplayDiscardedReports(device);
     }
+    TraceHotkeyLists();
     if (pDefinition == nullptr) {
         return STATUS_UNSUCCESSFUL;
     }
@@ -175,6 +176,7 @@ void FreeKeyDefinitions(PDEVICE_OBJECT device)
     }
     RecomputeKeyDefTypes(pContext);
     (void)BuildHotkeyList(device); // nothing left that could fail to convert
+    TraceHotkeyLists();
 }
 
 // The application has closed its last handle: what it defined goes, on every keyboard.

@@ -9,6 +9,7 @@
 
 #include "control/control.h"
 #include "driver/sums.h"
+#include "log/events.h"
 #include "log/log.h"
 #include "macro/macro.h"
 #include "usb/usb.h"
@@ -98,6 +99,7 @@ NTSTATUS InsertUSBPacketFifin(PDEVICE_OBJECT device, const FifoEntry* pEntry)
     }
     LockScope lock(pContext->FifoLock);
     if (pContext->ulFifoCount >= FIFO_SIZE) {
+        Trace(FifoFull, pContext->ulDeviceIndex, {pEntry->ucData, pEntry->usLength});
         return STATUS_UNSUCCESSFUL;
     }
     LogHexDump("(InsertUSBPacketFifin) adding entry:", pEntry->usLength, pEntry->ucData);
@@ -125,6 +127,8 @@ NTSTATUS GetUSBPacketFifo(ULONG ulDeviceIndex, FifoEntry* pEntry)
             pContext->ulFifoCount--;
             pContext->ulFifoRead = (pContext->ulFifoRead + 1) % FIFO_SIZE;
             status = STATUS_SUCCESS;
+        } else {
+            Trace(FifoEmpty, ulDeviceIndex);
         }
     }
     if (NT_SUCCESS(status)) {

@@ -8,6 +8,7 @@
 #include "hotkeys/hotkeys.h"
 
 #include "driver/sums.h"
+#include "log/events.h"
 #include "report/report.h"
 
 namespace
@@ -44,13 +45,15 @@ bool IsTrackedAsModifier(ULONG ulKbdType, UCHAR ucKey)
            (ulKbdType == NORMALKbdType && IsPrefixUsage(ucKey));
 }
 
-void DropTrackedKeys(HotkeyEntry* pEntry, ULONG ulKbdType)
+void DropTrackedKeys(DeviceContext* pContext, HotkeyEntry* pEntry)
 {
+    const ULONG ulKbdType = ReadShared(pContext->KbdType);
     for (ULONG i = 0; i < pEntry->ulKeyCount;) {
         if (!IsTrackedAsModifier(ulKbdType, pEntry->ucKeys[i])) {
             i++;
             continue;
         }
+        Trace(KeyDropped, pContext->ulDeviceIndex, pEntry->ucKeys[i]);
         RtlMoveMemory(&pEntry->ucKeys[i], &pEntry->ucKeys[i + 1], pEntry->ulKeyCount - i - 1);
         pEntry->ucKeys[--pEntry->ulKeyCount] = 0;
     }
@@ -97,7 +100,7 @@ NTSTATUS AddEntryOf(PDEVICE_OBJECT device, const KeyDefinition* pDefinition, Hot
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    DropTrackedKeys(&entry, ReadShared(FilterContextOf(device)->KbdType));
+    DropTrackedKeys(FilterContextOf(device), &entry);
     if (pDefinition->ulId == 0) {
         return status; // an id of 0 would end the list
     }
@@ -135,6 +138,22 @@ NTSTATUS BuildHotkeyList(PDEVICE_OBJECT device) WITHOUT_LOCK_ANALYSIS
     }
     WriteShared(pContext->ulHotkeyList, ulList);
     return status;
+}
+
+// The lists of all keyboards, when anybody listens.
+// IRQL = PASSIVE.
+void TraceHotkeyLists()
+{
+    if (!IsTraced(TRACE_VERBOSE)) {
+        return;
+    }
+    for (PDEVICE_OBJECT device = FirstKeyboard(); device != nullptr; device = NextKeyboard(device)) {
+        ULONG ulIndex = 0;
+        for (const HotkeyEntry& entry : HotkeyWalk(FilterContextOf(device))) {
+            Trace(HotkeyListEntry, FilterContextOf(device)->ulDeviceIndex, ulIndex++, entry.ulId,
+                  entry.ulModifiers, entry.ulKeyCount, {entry.ucKeys, 8});
+        }
+    }
 }
 
 HotkeyWalk::HotkeyWalk(DeviceContext* pContext) : pContext(pContext)

@@ -20,6 +20,7 @@ bool GetDefinitionOfType(PDEVICE_OBJECT device, ULONG ulType, KeyDefinition* pCo
 
 // hotkeylist.cpp: the hotkey list made from the definitions
 NTSTATUS BuildHotkeyList(PDEVICE_OBJECT device); // IRQL = PASSIVE. Lock: the caller holds DefinitionMutex.
+void TraceHotkeyLists();                         // after each change
 
 // convert.cpp
 NTSTATUS ConvertPS2ToHID(PDEVICE_OBJECT device, const KeyDefinition* pDefinition, HotkeyEntry* pEntry);

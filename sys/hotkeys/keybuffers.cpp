@@ -7,6 +7,7 @@
 // takes the log's leaf lock.
 #include "hotkeys/hotkeys.h"
 
+#include "log/events.h"
 #include "log/log.h"
 
 namespace
@@ -65,6 +66,7 @@ ULONG SwallowScan(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, ULONG ulIndex
     {
         LockScope lock(pContext->BufferLock);
         if (!Push(pContext->SwallowBuf, &pContext->usSwallowCount, pBuf[ulIndex])) {
+            Trace(SwallowBufferFull, pContext->ulDeviceIndex, pBuf[ulIndex]);
             return ulLen;
         }
     }
@@ -97,6 +99,7 @@ bool AddDataToInsertBuffer(PDEVICE_OBJECT device, const UCHAR* pUsage)
     DeviceContext* pContext = FilterContextOf(device);
     LockScope lock(pContext->BufferLock);
     if (!Push(pContext->InsertBuf, &pContext->usInsertCount, *pUsage)) {
+        Trace(InsertBufferFull, pContext->ulDeviceIndex, *pUsage);
         return false;
     }
     LogHexDump("(AddDataToInsertBuffer) leaving. InsertBuf: ", pContext->usInsertCount, pContext->InsertBuf);

@@ -10,6 +10,7 @@
 #include "macro/macro.h"
 
 #include "driver/sums.h"
+#include "log/events.h"
 #include "log/log.h"
 
 namespace
@@ -98,6 +99,7 @@ MacroTableRecord* BuildRecord(const FileText& text, ULONG ulOffset)
     pRecord->usActionCount = static_cast<USHORT>(ulActions);
     const UCHAR* pAction = text.pBytes + ulOffset + RECORD_HEADER_BYTES;
     for (ULONG i = 0; i < ulActions; i++, pAction += ACTION_BYTES) {
+        Trace(MacroAction, pRecord->usKey, i, pAction[0], pAction[1]);
         LogHexDump("(ReadKorvexConfigFile) Record:", LowerOf(pAction[1], REPORT_BYTES), pAction + 2);
         RtlCopyMemory(pRecord->Action(i), pAction + 2, REPORT_BYTES);
     }

@@ -10,7 +10,7 @@
 // because a keyboard may take its time to answer.
 #include "macro/macro.h"
 
-#include "log/trace.h"
+#include "log/events.h"
 #include "usb/usb.h"
 
 // The keyboard's LEDs as flags, with Scroll Lock showing the mode.
@@ -59,7 +59,7 @@ static void QueueMode(PDEVICE_OBJECT device)
 static void ForStandardKeyboards(void (*pSend)(PDEVICE_OBJECT device))
 {
     if (ReadShared(Settings.ucKorvexLEDDisabled) == 1) {
-        Trace("(SetKorvexLed) the LED is not used\n");
+        Trace(LedNotUsed, ReadShared(Globals.ucKorvexMode));
         return;
     }
     for (PDEVICE_OBJECT device = FirstKeyboard(); device != nullptr; device = NextKeyboard(device)) {
@@ -75,7 +75,7 @@ static void ForStandardKeyboards(void (*pSend)(PDEVICE_OBJECT device))
 NTSTATUS SetKorvexLed(UCHAR ucMode)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
-    Trace("(SetKorvexLed) mode %u\n", static_cast<unsigned>(ucMode));
+    Trace(ModeShown, ucMode);
     ForStandardKeyboards(KeGetCurrentIrql() > PASSIVE_LEVEL ? QueueMode : SendModeAtOnce);
     return STATUS_SUCCESS;
 }

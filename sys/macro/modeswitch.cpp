@@ -10,7 +10,7 @@
 
 #include "driver/sums.h"
 #include "log/log.h"
-#include "log/trace.h"
+#include "log/events.h"
 
 namespace
 {
@@ -29,7 +29,7 @@ NTSTATUS GetModeHotkey(ULONG ulLen, const UCHAR* pBuf, ModeHotkey* pHotkey)
 {
     const ULONG ulHotkey = ReadShared(Settings.ulKorvexHotkey);
     if (ulHotkey == 0 || ulLen == 0 || pBuf == nullptr) {
-        Trace("(KorvexModeSwitch) no mode hotkey or no report\n");
+        Trace(ModeHotkeyNotSought, ulHotkey, ulLen);
         return STATUS_UNSUCCESSFUL;
     }
     *pHotkey = {{static_cast<UCHAR>(ulHotkey), static_cast<UCHAR>(ulHotkey >> 8)},

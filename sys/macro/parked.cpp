@@ -11,7 +11,7 @@
 #include "macro/macro.h"
 
 #include "driver/sums.h"
-#include "log/trace.h"
+#include "log/events.h"
 
 namespace
 {
@@ -21,13 +21,22 @@ void PublishFirst(DeviceContext* pContext) REQUIRES_LOCK(pContext->ParkLock)
                                      pContext->ParkedRequests[0]);
 }
 
+void TraceParkedReads(DeviceContext* pContext) REQUIRES_LOCK(pContext->ParkLock)
+{
+    for (ULONG i = 0; IsTraced(TRACE_VERBOSE) && i < pContext->ulParkedCount; i++) {
+        Trace(ParkedRead, pContext->ulDeviceIndex, i, pContext->ulParkedCount, pContext->ParkedRequests[i]);
+    }
+}
+
 void RemoveSlot(DeviceContext* pContext, ULONG ulSlot) REQUIRES_LOCK(pContext->ParkLock)
 {
+    Trace(ReadUnparked, pContext->ulDeviceIndex, pContext->ParkedRequests[ulSlot]);
     pContext->ulParkedCount--;
     RtlMoveMemory(&pContext->ParkedRequests[ulSlot], &pContext->ParkedRequests[ulSlot + 1],
                   (pContext->ulParkedCount - ulSlot) * sizeof(pContext->ParkedRequests[0]));
     pContext->ParkedRequests[pContext->ulParkedCount] = nullptr;
     PublishFirst(pContext);
+    TraceParkedReads(pContext);
 }
 
 void ArmTimer(DeviceContext* pContext) REQUIRES_LOCK(pContext->ParkLock)
@@ -80,7 +89,8 @@ NTSTATUS ParkReadRequest(PDEVICE_OBJECT device, PIRP request)
     if (!pContext->ucKorvexDelayArmed) {
         ArmTimer(pContext);
     }
-    Trace("(ParkReadRequest) %u parked\n", static_cast<unsigned>(pContext->ulParkedCount));
+    Trace(ReadParked, pContext->ulDeviceIndex, request);
+    TraceParkedReads(pContext);
     return STATUS_SUCCESS;
 }
 
@@ -93,7 +103,6 @@ NTSTATUS UnparkReadRequest(PDEVICE_OBJECT device, PIRP request)
     for (ULONG i = 0; i < pContext->ulParkedCount; i++) {
         if (pContext->ParkedRequests[i] == request) {
             RemoveSlot(pContext, i);
-            Trace("(UnparkReadRequest) %u parked\n", static_cast<unsigned>(pContext->ulParkedCount));
             return STATUS_SUCCESS;
         }
     }

@@ -9,7 +9,7 @@
 
 #include "hotkeys/hotkeys.h"
 #include "log/log.h"
-#include "log/trace.h"
+#include "log/events.h"
 
 namespace
 {
@@ -30,7 +30,7 @@ void PassModifiers(PDEVICE_OBJECT device, PUCHAR pBuf, const MacroTableRecord* p
     if ((pRecord->usKey >> 8) == 0 || (pBuf[0] & ucMask) == 0) {
         return;
     }
-    Trace("(CheckForKorvexHotkey) modifier macro 0x%04x\n", static_cast<unsigned>(pRecord->usKey));
+    Trace(ModifierMacro, FilterContextOf(device)->ulDeviceIndex, pRecord->usKey);
     pBuf[0] = static_cast<UCHAR>(pBuf[0] & ~ucMask);
     PlayMacro(device, pRecord);
 }
@@ -42,7 +42,7 @@ void PassKey(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, ULONG ulPosition,
     if ((pRecord->usKey >> 8) != 0 || static_cast<UCHAR>(pRecord->usKey) != pBuf[ulPosition]) {
         return;
     }
-    Trace("(CheckForKorvexHotkey) key macro 0x%04x\n", static_cast<unsigned>(pRecord->usKey));
+    Trace(KeyMacro, FilterContextOf(device)->ulDeviceIndex, pRecord->usKey);
     (void)RemoveKeyFromBuffer(pBuf, ulLen, ulPosition); // the report keeps its length
     PlayMacro(device, pRecord);
 }

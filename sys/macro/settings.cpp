@@ -9,7 +9,7 @@
 
 #include "control/control.h"
 #include "log/log.h"
-#include "log/trace.h"
+#include "log/events.h"
 
 namespace
 {
@@ -95,8 +95,8 @@ void TakeHotkey(const RegistryValue& value)
             EndMode();
         }
     }
-    Trace("(ReadKorvexParameters) %s\n",
-          ReadShared(Settings.ulKorvexHotkey) >= FIRST_EXTENDED_HOTKEY ? "extended" : "normal");
+    Trace(ModeHotkey, ReadShared(Settings.ulKorvexHotkey) >= FIRST_EXTENDED_HOTKEY ? "extended" : "normal",
+          ReadShared(Settings.ulKorvexHotkey));
 }
 
 // A pace of 0 means as fast as the timer goes; no pace at all is what an absent value stands for.
@@ -141,11 +141,11 @@ void TakeFile(const RegistryValue& value)
         ZwCreateFile(&hFile, GENERIC_READ, &attributes, &ioStatus, nullptr, FILE_ATTRIBUTE_NORMAL,
                      FILE_SHARE_READ, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
     if (!NT_SUCCESS(status)) {
-        Trace("(ReadKorvexParameters) no configuration file: 0x%08x\n", static_cast<unsigned>(status));
+        Trace(MacroFileNotOpened, &path, status);
         return;
     }
     status = ReadKorvexConfigFile(hFile);
-    Trace("(ReadKorvexParameters) configuration file: 0x%08x\n", static_cast<unsigned>(status));
+    Trace(MacroFileRead, &path, status);
     ZwClose(hFile);
 }
 
@@ -184,7 +184,7 @@ NTSTATUS ReadKorvexParameters(PUNICODE_STRING pRegistryPath)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
     HANDLE hKey;
-    Trace("(ReadKorvexParameters) a path of %u bytes\n", static_cast<unsigned>(pRegistryPath->Length));
+    Trace(MacroSettings, pRegistryPath);
     KeWaitForSingleObject(&Globals.MacroSettingsMutex, Executive, KernelMode, FALSE, nullptr);
     NTSTATUS status = OpenParametersKey(&hKey);
     if (NT_SUCCESS(status)) {
@@ -201,12 +201,11 @@ NTSTATUS ReadKorvexParameters(PUNICODE_STRING pRegistryPath)
 NTSTATUS SetKorvexKeyboard(PDEVICE_OBJECT device, UCHAR ucOn)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
+    Trace(TakesPart, FilterContextOf(device)->ulDeviceIndex, ucOn == 1);
     auto plTypes = reinterpret_cast<LONG volatile*>(&FilterContextOf(device)->ulKeyDefTypes);
     if (ucOn == 1) {
-        Trace("(SetKorvexKeyboard) takes part\n");
         InterlockedOr(plTypes, static_cast<LONG>(KEYDEF_MACRO_MODE));
     } else {
-        Trace("(SetKorvexKeyboard) takes no part\n");
         InterlockedAnd(plTypes, ~static_cast<LONG>(KEYDEF_MACRO_MODE));
     }
     return STATUS_SUCCESS;

@@ -7,6 +7,7 @@
 // Several keyboards write the word at once, so each update computes it anew until nobody came between.
 #include "report/report.h"
 
+#include "log/events.h"
 #include "log/log.h"
 #include "siblings/siblings.h"
 
@@ -81,6 +82,16 @@ ULONG DeriveEitherSide(ULONG ulFlags)
     }
     return ulFlags;
 }
+// Each single modifier that came or went.
+void TraceModifiers(PDEVICE_OBJECT device, ULONG ulBefore, ULONG ulFlags)
+{
+    for (const ModifierBit& bit : ModifierBits) {
+        if ((ulBefore ^ ulFlags) & bit.ulFlag) {
+            Trace(ModifierChanged, FilterContextOf(device)->ulDeviceIndex, bit.ulFlag,
+                  (ulFlags & bit.ulFlag) != 0, ulFlags);
+        }
+    }
+}
 } // namespace
 
 // The report bits of a mask's single modifiers; the derived bits have none.
@@ -131,6 +142,9 @@ void UpdateModifierFlags(PDEVICE_OBJECT device, const UCHAR* pBuf, ULONG ulLen, 
         }
         ulFlags = DeriveEitherSide(ulFlags);
     } while (!CompareExchangeShared(Globals.ulModifierFlags, ulBefore, ulFlags));
+    if (IsTraced(TRACE_VERBOSE)) {
+        TraceModifiers(device, ulBefore, ulFlags);
+    }
     if (bReleased) {
         WriteShared(Globals.ulPrefixReleased, 1u);
     }

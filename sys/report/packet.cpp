@@ -9,6 +9,7 @@
 #include "report/report.h"
 
 #include "hotkeys/hotkeys.h"
+#include "log/events.h"
 #include "log/log.h"
 
 ULONG FirstKeyPosition(ULONG ulLen)
@@ -79,6 +80,7 @@ static NTSTATUS DiagByLength(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
     switch (ulLen) {
     case 8:
         if (IsRolloverPacket(ulLen, pBuf)) {
+            Trace(Rollover, FilterContextOf(device)->ulDeviceIndex, {pBuf, ulLen});
             return STATUS_UNSUCCESSFUL;
         }
         return FilterContextOf(device)->ucRunDiagNormalPacket02 ? DiagNormalPacket02(device, ulLen, pBuf)

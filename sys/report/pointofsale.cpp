@@ -14,7 +14,7 @@
 #include "driver/sums.h"
 #include "hotkeys/hotkeys.h"
 #include "log/log.h"
-#include "log/trace.h"
+#include "log/events.h"
 #include "report/keytable.h"
 
 namespace
@@ -102,7 +102,7 @@ void CompareModifiers(const Sale& sale, UCHAR ucModifiers)
             continue;
         }
         bool bPressed = (ucModifiers & ucBit) != 0;
-        Trace("(HandleOPOSPacket) %s %s\n", ModifierNames[i], bPressed ? "pressed" : "released");
+        Trace(SaleModifier, FilterContextOf(sale.device)->ulDeviceIndex, ModifierNames[i], bPressed);
         UCHAR ucUsage = static_cast<UCHAR>(USAGE_LEFT_CONTROL + i);
         if (bPressed) {
             PressKey(sale, ucUsage);
@@ -240,8 +240,7 @@ NTSTATUS HandleOPOSPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
 NTSTATUS SendOPOSScanCode(PDEVICE_OBJECT device, ULONG ulScanCode, UCHAR ucBreak, UCHAR ucHasBreak,
                           UCHAR ucTypematic, const KeyDefinition* pDefinition)
 {
-    Trace("(SendOPOSScanCode) 0x%08x, break %u, repeats %u\n", static_cast<unsigned>(ulScanCode),
-          static_cast<unsigned>(ucBreak), static_cast<unsigned>(ucTypematic));
+    Trace(SaleScanCode, FilterContextOf(device)->ulDeviceIndex, ulScanCode, ucBreak, ucTypematic);
     if (ucBreak && !ucHasBreak) {
         return STATUS_SUCCESS;
     }

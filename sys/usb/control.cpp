@@ -5,7 +5,7 @@
 #include "usb/usb.h"
 
 #include "log/log.h"
-#include "log/trace.h"
+#include "log/events.h"
 
 namespace
 {
@@ -93,8 +93,8 @@ void InspectControlTransfer(PDEVICE_OBJECT device, const Transfer& transfer, UCH
 void InspectDescriptorRequest(PDEVICE_OBJECT device, const Transfer& transfer, UCHAR ucCompletion)
 {
     const auto& request = transfer.pUrb->UrbControlDescriptorRequest;
-    Trace("(ShowURBInfo) %s, index %u\n", DescriptorTypeName(request.DescriptorType),
-          static_cast<unsigned>(request.Index));
+    Trace(DescriptorRequest, FilterContextOf(device)->ulDeviceIndex, ucCompletion,
+          DescriptorTypeName(request.DescriptorType), request.Index);
     if (ucCompletion && transfer.pBuf != nullptr) {
         DiagDescriptor(device, transfer.pBuf, transfer.ulLen, 1);
     } else {

@@ -10,7 +10,7 @@
 
 #include "driver/sums.h"
 #include "log/log.h"
-#include "log/trace.h"
+#include "log/events.h"
 #include "macro/macro.h"
 
 namespace
@@ -90,6 +90,7 @@ ULONG KbdTypeOf(PDEVICE_OBJECT device, const UCHAR* pTriple, bool bInConfigurati
 void LearnInterface(PDEVICE_OBJECT device, const UCHAR* pTriple, bool bInConfiguration)
 {
     DeviceContext* pContext = FilterContextOf(device);
+    Trace(Interface, pContext->ulDeviceIndex, pTriple[0], pTriple[1], InterfaceProtocolName(pTriple[2]));
     StoreTriple(pContext, pTriple);
     if (ReadShared(pContext->KbdType) == UnknownKbdType) {
         DecideKbdType(device, KbdTypeOf(device, pTriple, bInConfiguration));
@@ -116,12 +117,9 @@ void DiagHidDescriptor(const UCHAR* pBuf, ULONG ulLen, USHORT usTotalLength)
         return;
     }
     UCHAR ucDescriptors = pBuf[23];
-    Trace("(DiagDescriptor) bcdHID 0x%04x, bCountryCode %u, bNumDescriptors %u\n",
-          static_cast<unsigned>(WordAt(pBuf, 20)), static_cast<unsigned>(pBuf[22]),
-          static_cast<unsigned>(ucDescriptors));
+    Trace(HidDescriptor, WordAt(pBuf, 20), pBuf[22], ucDescriptors);
     for (ULONG i = 0; i < ucDescriptors && 24 + 3 * i + 3 <= ulLen; i++) {
-        Trace("(DiagDescriptor) %s, length %u\n", DescriptorTypeName(pBuf[24 + 3 * i]),
-              static_cast<unsigned>(WordAt(pBuf, 25 + 3 * i)));
+        Trace(HidClassDescriptor, DescriptorTypeName(pBuf[24 + 3 * i]), WordAt(pBuf, 25 + 3 * i));
         LogPrintf(LOG_DETAIL, 1, "(DiagDescriptor) report Descriptor Data Removed because of bluescreen");
     }
 }
@@ -151,11 +149,9 @@ void DiagSetupPacket(const UCHAR* pPacket)
     static const char* const Recipients[4] = {"Device", "Interface", "Endpoint", "Other"};
     LogHexDump("(DiagSetupPacket) pPacket", 8, pPacket);
     UCHAR ucRecipient = pPacket[0] & 0x1F;
-    Trace("(DiagSetupPacket) %s, %s, %s, %s, wValue 0x%04x, wIndex 0x%04x, wLength %u\n",
-          pPacket[0] & 0x80 ? "Device-to-host" : "Host-to-device", Types[(pPacket[0] >> 5) & 3],
+    Trace(SetupPacket, pPacket[0] & 0x80 ? "Device-to-host" : "Host-to-device", Types[(pPacket[0] >> 5) & 3],
           ucRecipient < 4 ? Recipients[ucRecipient] : "Reserved", StandardRequestName(pPacket[1]),
-          static_cast<unsigned>(WordAt(pPacket, 2)), static_cast<unsigned>(WordAt(pPacket, 4)),
-          static_cast<unsigned>(WordAt(pPacket, 6)));
+          WordAt(pPacket, 2), WordAt(pPacket, 4), WordAt(pPacket, 6));
 }
 
 // Learns from one descriptor. ucCompleted 1: the buffer holds the keyboard's answer.
@@ -169,7 +165,7 @@ void DiagDescriptor(PDEVICE_OBJECT device, const UCHAR* pBuf, ULONG ulLen, UCHAR
     if (ulLen < 2) {
         return;
     }
-    Trace("(DiagDescriptor) %s\n", DescriptorTypeName(pBuf[1]));
+    Trace(Descriptor, FilterContextOf(device)->ulDeviceIndex, DescriptorTypeName(pBuf[1]));
     UCHAR ucLength = pBuf[0];
     switch (pBuf[1]) {
     case DEVICE_DESCRIPTOR:

@@ -9,6 +9,7 @@
 
 #include "control/control.h"
 #include "hotkeys/hotkeys.h"
+#include "log/events.h"
 #include "log/log.h"
 #include "macro/macro.h"
 #include "report/report.h"
@@ -162,7 +163,9 @@ UCHAR InterceptReport(PDEVICE_OBJECT device, PIRP Irp, const Transfer& read, UCH
     if (!ucCompletion) {
         return AnswerRead(device, Irp, read);
     }
-    if (!IsRolloverReport(read)) {
+    if (IsRolloverReport(read)) {
+        Trace(Rollover, FilterContextOf(device)->ulDeviceIndex, {read.pBuf, read.ulLen});
+    } else {
         HandleReport(device, read, ulKbdType);
     }
     return URB_PASS;

@@ -9,7 +9,7 @@
 // asked for is kept in the request's own stack location, because the USB stack overwrites it with what came.
 #include "usb/usb.h"
 
-#include "log/trace.h"
+#include "log/events.h"
 
 namespace
 {
@@ -85,7 +85,7 @@ NTSTATUS InternalIoctlCompletion(PDEVICE_OBJECT, PIRP Irp, PVOID Context)
     } else if (status == STATUS_CANCELLED && ReadShared(Irp->Cancel)) {
         status = STATUS_SUCCESS;
     } else {
-        Trace("(InternalIoctlCompletion) request failed with 0x%08x\n", static_cast<unsigned>(status));
+        Trace(RequestFailed, FilterContextOf(DeviceObject)->ulDeviceIndex, status);
     }
     if (RemovePendingIrp(DeviceObject, Irp)) {
         status = STATUS_MORE_PROCESSING_REQUIRED;

@@ -1,4 +1,4 @@
-// names.cpp - names of URB functions, descriptor types and standard requests, for trace points.
+// names.cpp - names of URB functions, descriptor types, standard requests and interface protocols, for trace points.
 #include "usb/usb.h"
 
 namespace
@@ -91,4 +91,10 @@ const char* DescriptorTypeName(UCHAR ucType)
         return ClassDescriptorNames[ucType - 33];
     }
     return ucType < ARRAYSIZE(DescriptorTypeNames) ? DescriptorTypeNames[ucType] : "unknown descriptor";
+}
+
+const char* InterfaceProtocolName(UCHAR ucProtocol)
+{
+    static const char* const Names[3] = {"None", "Keyboard", "Mouse"};
+    return ucProtocol < ARRAYSIZE(Names) ? Names[ucProtocol] : "Reserved";
 }

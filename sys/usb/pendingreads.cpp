@@ -7,6 +7,8 @@
 // oldest entry for those who only ask whether there is one.
 #include "usb/usb.h"
 
+#include "log/events.h"
+
 // Appends a read that goes down.
 // IRQL <= DISPATCH. Lock: takes PendingIrpLock. Fails: 100 pending, the read goes down untracked.
 NTSTATUS AddPendingIrp(PDEVICE_OBJECT device, PIRP Irp)
@@ -14,11 +16,15 @@ NTSTATUS AddPendingIrp(PDEVICE_OBJECT device, PIRP Irp)
     DeviceContext* pContext = FilterContextOf(device);
     LockScope lock(pContext->PendingIrpLock);
     if (pContext->ulPendingIrpCount >= PENDING_IRP_SIZE) {
+        Trace(PendingListFull, pContext->ulDeviceIndex, Irp);
         return STATUS_UNSUCCESSFUL;
     }
     pContext->PendingIrps[pContext->ulPendingIrpCount++] = Irp;
     (void)InterlockedExchangePointer(reinterpret_cast<PVOID*>(&pContext->pPendingReadIrp),
                                      pContext->PendingIrps[0]);
+    for (ULONG i = 0; IsTraced(TRACE_VERBOSE) && i < pContext->ulPendingIrpCount; i++) {
+        Trace(PendingRead, pContext->ulDeviceIndex, i, pContext->ulPendingIrpCount, pContext->PendingIrps[i]);
+    }
     return STATUS_SUCCESS;
 }
 

@@ -9,7 +9,7 @@
 #include "usb/usb.h"
 
 #include "driver/sums.h"
-#include "log/trace.h"
+#include "log/events.h"
 
 namespace
 {
@@ -91,8 +91,8 @@ NTSTATUS SubmitUrbSync(PDEVICE_OBJECT device, PURB pUrb)
         return STATUS_UNSUCCESSFUL;
     }
     NTSTATUS status = RunUrb(FilterContextOf(device)->pLowerDevice, pUrb);
-    Trace("(SubmitUrbSync) %s, status 0x%08x, URB status 0x%08x\n", UrbFunctionName(pUrb->UrbHeader.Function),
-          static_cast<unsigned>(status), static_cast<unsigned>(pUrb->UrbHeader.Status));
+    Trace(RequestSent, FilterContextOf(device)->ulDeviceIndex, UrbFunctionName(pUrb->UrbHeader.Function),
+          status, static_cast<ULONG>(pUrb->UrbHeader.Status));
     ReleaseDevice(device);
     return status;
 }

@@ -8,7 +8,7 @@
 // The block comes from another driver: its header length is checked before anything behind the header is read.
 #include "usb/usb.h"
 
-#include "log/trace.h"
+#include "log/events.h"
 
 namespace
 {
@@ -64,6 +64,23 @@ void BoundByRequest(PIRP Irp, Transfer* pTransfer)
         pTransfer->ulLen = ulRequested;
     }
 }
+// The first interface's record; the USB stack fills in its class. No configuration: the keyboard has none from
+// now on.
+void TraceConfiguration(DeviceContext* pContext, PURB pUrb, UCHAR ucCompletion)
+{
+    const auto& selected = pUrb->UrbSelectConfiguration;
+    const auto& first = selected.Interface;
+    if (pUrb->UrbHeader.Length < offsetof(struct _URB_SELECT_CONFIGURATION, ConfigurationHandle)) {
+        return;
+    }
+    if (selected.ConfigurationDescriptor == nullptr) {
+        Trace(Deconfigured, pContext->ulDeviceIndex, ucCompletion);
+    } else if (pUrb->UrbHeader.Length >= offsetof(struct _URB_SELECT_CONFIGURATION, Interface.Pipes)) {
+        Trace(ConfigurationSelected, pContext->ulDeviceIndex, ucCompletion, first.InterfaceNumber,
+              first.AlternateSetting, first.Class, first.SubClass, InterfaceProtocolName(first.Protocol),
+              first.NumberOfPipes);
+    }
+}
 } // namespace
 
 // Keeps what the stack asked for in the request's own location; the copy for the lower driver has it not.
@@ -85,7 +102,11 @@ UCHAR ShowURBInfo(PDEVICE_OBJECT DeviceObject, PIRP Irp, UCHAR ucCompletion)
     if (pUrb == nullptr || pUrb->UrbHeader.Function > URB_FUNCTION_SET_DESCRIPTOR_TO_INTERFACE) {
         return URB_PASS;
     }
-    Trace("(ShowURBInfo) %s\n", UrbFunctionName(pUrb->UrbHeader.Function));
+    Trace(UrbSeen, FilterContextOf(DeviceObject)->ulDeviceIndex, ucCompletion,
+          UrbFunctionName(pUrb->UrbHeader.Function));
+    if (pUrb->UrbHeader.Function == URB_FUNCTION_SELECT_CONFIGURATION) {
+        TraceConfiguration(FilterContextOf(DeviceObject), pUrb, ucCompletion);
+    }
     Transfer transfer;
     if (!ReadTransfer(pUrb, &transfer)) {
         return URB_PASS;

@@ -72,6 +72,7 @@ void DiagDescriptor(PDEVICE_OBJECT device, const UCHAR* pBuf, ULONG ulLen, UCHAR
 const char* UrbFunctionName(USHORT usFunction);
 const char* DescriptorTypeName(UCHAR ucType);
 const char* StandardRequestName(UCHAR ucRequest);
+const char* InterfaceProtocolName(UCHAR ucProtocol);
 
 // leds.cpp: the lock LEDs, their two encodings, and how the driver itself sets them
 enum : USHORT { LED_REPORT_NUM = 1, LED_REPORT_CAPS = 2, LED_REPORT_SCROLL = 4 };

@@ -88,6 +88,4 @@ int _vsnprintf(char* pBuffer, size_t count, const char* pFormat, va_list argumen
 int _snprintf(char* pBuffer, size_t count, const char* pFormat, ...);
 
 ULONG DbgPrint(PCSTR Format, ...);
-enum { DPFLTR_IHVDRIVER_ID = 77, DPFLTR_TRACE_LEVEL = 2 };
-ULONG DbgPrintEx(ULONG ComponentId, ULONG Level, PCSTR Format, ...) __attribute__((format(printf, 3, 4)));
 }

@@ -1,0 +1,364 @@
+// trace_test.cpp - the driver as a provider of the system's event tracing: who is told what, and when.
+#include "bench_frame.h"
+#include "bench_keyboard.h"
+#include "bench_macro.h"
+#include "bench_urb.h"
+#include "control/control.h"
+#include "hotkeys/hotkeys.h"
+#include "log/events.h"
+#include "report/report.h"
+#include "trace_decoder.h"
+#include "usb/usb.h"
+
+namespace
+{
+using Lines = std::vector<std::string>;
+
+// --- the provider
+
+// Ctrl+F1 pressed and released at a keyboard with a hotkey on it, while a session listens from before the driver
+// is loaded. Prepare runs right before that, when the host runs.
+struct Scene {
+    explicit Scene(const std::function<void()>& prepare, UCHAR ucLevel = 0, ULONGLONG ullKeywords = 0)
+    {
+        EmuMachineOptions options;
+        options.Entry = DriverEntry;
+        options.BeforeLoad = [&] {
+            Listener.Begin(ucLevel, ullKeywords);
+            prepare();
+        };
+        EmuMachine machine(options);
+        HostFailNth(nullptr, 0);
+        EXPECT_EQ(machine.LoadStatus(), STATUS_SUCCESS);
+        EmuKeyboard* pKeyboard = machine.Plug(EmuBootKeyboard, {});
+        const KeyDefinition definition = Hotkey(7);
+        EXPECT_EQ(AddKeyDefinition(pKeyboard->Filter(), &definition), STATUS_SUCCESS);
+        EXPECT_EQ(StartReportProcessing(pKeyboard->Index()), STATUS_SUCCESS);
+        pKeyboard->Report({1, 0, 0x3A, 0, 0, 0, 0, 0});
+        pKeyboard->Report({0, 0, 0, 0, 0, 0, 0, 0});
+        EXPECT_EQ(pKeyboard->Received().size(), 2u) << "served, with or without tracing";
+        EXPECT_EQ(machine.Unload(), 0u) << "things left over, a registration among them";
+    }
+    TraceListener Listener;
+};
+
+TEST(Trace, EventsAreReadWithoutTheDriversSources)
+{
+    Scene scene([] {});
+    std::map<USHORT, std::string> names;
+    std::map<std::string, USHORT> ids;
+    for (const HostTraceEvent& event : scene.Listener.Events) {
+        const std::string line = TraceListener::Decode(event);
+        const std::string name = line.substr(0, line.find(' '));
+        EXPECT_EQ(names.emplace(event.Descriptor.Id, name).first->second, name);
+        EXPECT_EQ(ids.emplace(name, event.Descriptor.Id).first->second, event.Descriptor.Id) << name;
+        EXPECT_FALSE(event.Traits.empty() || event.Metadata.empty()) << "the system tells the parts apart";
+        EXPECT_TRUE(event.Descriptor.Level >= 3 && event.Descriptor.Level <= 5) << line;
+        EXPECT_NE(event.Descriptor.Keyword, 0u) << line;
+    }
+    EXPECT_GE(names.size(), 12u);
+    const Lines lines = scene.Listener.Take({"DriverLoaded", "DriverUnloads", "ModifierChanged"});
+    const std::string path = "\\Registry\\Machine\\System\\CurrentControlSet\\Services\\Tv64USB";
+    EXPECT_EQ(lines, (Lines{"DriverLoaded registryPath=" + path,
+                            "ModifierChanged keyboard=0 modifier=0x2 down=1 modifiers=0x402",
+                            "ModifierChanged keyboard=0 modifier=0x2 down=0 modifiers=0x0",
+                            "DriverUnloads registryPath=" + path}));
+}
+
+TEST(Trace, SessionsChooseByLevelAndKeyword)
+{
+    const auto names = [](UCHAR ucLevel, ULONGLONG ullKeywords) {
+        Scene scene([] {}, ucLevel, ullKeywords);
+        std::set<std::string> found;
+        for (const std::string& line : scene.Listener.Take()) {
+            found.insert(line.substr(0, line.find(' ')));
+        }
+        return found;
+    };
+    EXPECT_EQ(names(TRACE_WARNING, 0), std::set<std::string>{});
+    EXPECT_EQ(names(TRACE_INFO, TRACE_LIFE), (std::set<std::string>{"DriverLoaded", "DriverUnloads"}));
+    EXPECT_EQ(names(TRACE_INFO, TRACE_REPORTS | TRACE_USB),
+              (std::set<std::string>{"ConfigurationSelected", "Interface"}));
+    EXPECT_EQ(names(TRACE_VERBOSE, TRACE_REPORTS | TRACE_HOTKEYS),
+              (std::set<std::string>{"HotkeyListEntry", "ModifierChanged"}));
+}
+
+// Each look-up, the registration and the provider's name fail in turn, then all look-ups: the driver serves all
+// the same. Without the last two of them events come, but nothing tells the system which bytes are what.
+TEST(Trace, ASystemWithoutItIsServed)
+{
+    const struct {
+        const char* pszKind;
+        unsigned uNth;
+        bool bFromThenOn;
+        bool bEvents;
+    } cases[] = {
+        {"routine", 1, true, false},  {"routine", 1, false, false}, {"routine", 2, false, false},
+        {"routine", 3, false, false}, {"routine", 4, false, true},  {"trace", 1, false, false},
+        {"trace", 2, false, true},
+    };
+    Scene whole([] {});
+    const Lines lines = whole.Listener.Take({"DriverLoaded", "ModifierChanged", "HotkeyListEntry"});
+    EXPECT_EQ(lines.size(), 4u);
+    for (const auto& row : cases) {
+        SCOPED_TRACE(testing::Message() << row.pszKind << " " << row.uNth << " " << row.bFromThenOn);
+        Scene scene([&] { HostFailNth(row.pszKind, row.uNth, row.bFromThenOn); });
+        EXPECT_EQ(scene.Listener.Events.empty(), !row.bEvents);
+        for (const HostTraceEvent& event : scene.Listener.Events) {
+            EXPECT_TRUE(event.Traits.empty() && event.Metadata.empty());
+        }
+        EXPECT_EQ(scene.Listener.Take({"DriverLoaded", "ModifierChanged", "HotkeyListEntry"}),
+                  row.bEvents ? lines : Lines{});
+    }
+}
+
+class TraceTest : public KeyboardTest
+{
+protected:
+    // Begins at level 5 and forgets what the start traced.
+    void Listen()
+    {
+        Listener.Begin(TRACE_VERBOSE);
+        Listener.Take();
+    }
+    // What a request at the keyboard is called in the events.
+    static std::string NameOf(PIRP pIrp)
+    {
+        char text[24];
+        snprintf(text, sizeof(text), "0x%llx", static_cast<ULONGLONG>(reinterpret_cast<ULONG_PTR>(pIrp)));
+        return text;
+    }
+    static KeyDefinition Sale(uint32_t ulId)
+    {
+        KeyDefinition definition = {};
+        definition.ulId = ulId;
+        definition.ulType = 5;
+        return definition;
+    }
+    TraceListener Listener;
+};
+
+TEST_F(TraceTest, TheFlagFollowsTheSessions)
+{
+    EXPECT_EQ(ucTraceLevel, 0);
+    TraceListener other;
+    Listener.Begin(TRACE_WARNING);
+    EXPECT_EQ(ucTraceLevel, TRACE_WARNING);
+    other.Begin();
+    EXPECT_EQ(ucTraceLevel, 0xFF) << "level 0 asks for every level";
+    other.End();
+    EXPECT_EQ(ucTraceLevel, TRACE_WARNING);
+    Keyboard->Report({2, 0, 0, 0, 0, 0, 0, 0});
+    EXPECT_EQ(Listener.Take(), Lines{}) << "of a lower level alone";
+    Listener.End();
+    EXPECT_EQ(ucTraceLevel, 0);
+}
+
+TEST_F(TraceTest, TheLogStaysAsItIs)
+{
+    const auto logged = [&] {
+        KeptLog log(LOG_DETAIL);
+        const KeyDefinition definition = Hotkey(7, MODIFIER_ANY_CONTROL, {0x3B});
+        EXPECT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_SUCCESS);
+        Keyboard->Report({1, 0, 0x3A, 0, 0, 0, 0, 0});
+        Keyboard->Report({0, 0, 0, 0, 0, 0, 0, 0});
+        EXPECT_EQ(RemoveKeyDefinition(Filter(), 7), STATUS_SUCCESS);
+        return log.Take();
+    };
+    EXPECT_EQ(StartReportProcessing(Keyboard->Index()), STATUS_SUCCESS);
+    const std::string alone = logged();
+    Listen();
+    EXPECT_EQ(logged(), alone);
+    EXPECT_GT(alone.size(), 1000u);
+    EXPECT_GT(Listener.Take().size(), 5u);
+}
+
+// --- each trace point in its situation
+
+TEST_F(TraceTest, WhatTheKeyboardSaysOfItself)
+{
+    Listen();
+    Machine->Plug(EmuBootKeyboard, {});
+    EXPECT_EQ(Listener.Take({"ConfigurationSelected"}),
+              (Lines{"ConfigurationSelected keyboard=1 completed=0 interface=0 alternate=0 class=0x0 "
+                     "subClass=0x0 protocol=None pipes=1",
+                     "ConfigurationSelected keyboard=1 completed=1 interface=0 alternate=0 class=0x3 "
+                     "subClass=0x1 protocol=Keyboard pipes=1"}));
+    Machine->Plug(EmuBootKeyboard, {});
+    EXPECT_EQ(Listener.Take({"Interface", "HidDescriptor", "HidClassDescriptor", "TakesPart"}),
+              (Lines{"Interface keyboard=2 class=0x3 subClass=0x1 protocol=Keyboard",
+                     "TakesPart keyboard=2 on=1", "HidDescriptor version=0x110 country=0 descriptors=1",
+                     "HidClassDescriptor type=Report descriptor (class) length=63"}));
+    URB urb = {};
+    urb.UrbHeader.Function = URB_FUNCTION_SELECT_CONFIGURATION;
+    for (const size_t length : {sizeof(urb.UrbHeader), offsetof(struct _URB_SELECT_CONFIGURATION, Interface),
+                                offsetof(struct _URB_SELECT_CONFIGURATION, Interface.Pipes)}) {
+        urb.UrbHeader.Length = static_cast<USHORT>(length);
+        FilterIrp request(Filter(), &urb);
+        EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 1), URB_PASS);
+    }
+    urb.UrbSelectConfiguration.ConfigurationDescriptor =
+        reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(&urb);
+    urb.UrbSelectConfiguration.Interface.Protocol = 2;
+    for (const size_t length : {offsetof(struct _URB_SELECT_CONFIGURATION, Interface),
+                                offsetof(struct _URB_SELECT_CONFIGURATION, Interface.Pipes)}) {
+        urb.UrbHeader.Length = static_cast<USHORT>(length);
+        FilterIrp request(Filter(), &urb);
+        EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 0), URB_PASS);
+    }
+    EXPECT_EQ(Listener.Take({"Deconfigured", "ConfigurationSelected"}),
+              (Lines{"Deconfigured keyboard=0 completed=1", "Deconfigured keyboard=0 completed=1",
+                     "ConfigurationSelected keyboard=0 completed=0 interface=0 alternate=0 class=0x0 "
+                     "subClass=0x0 protocol=Mouse pipes=0"}))
+        << "as far as the URB reaches";
+}
+
+TEST_F(TraceTest, RequestsAndTheirFailures)
+{
+    Listen();
+    EmuBytes data(18);
+    const UCHAR ucSetup[8] = {0x80, 6, 0, 1, 0, 0, 18, 0};
+    EXPECT_EQ(Keyboard->Control(ucSetup, data, EmuHidRouteControl), STATUS_SUCCESS);
+    const std::string packet = "SetupPacket direction=Device-to-host type=Standard recipient=Device "
+                               "request=GET_DESCRIPTOR value=0x100 index=0x0 length=18";
+    EXPECT_EQ(Listener.Take(),
+              (Lines{"UrbSeen keyboard=0 completed=0 function=URB_FUNCTION_CONTROL_TRANSFER", packet,
+                     "Descriptor keyboard=0 type=INVALID descriptor", // nothing is there yet
+                     "UrbSeen keyboard=0 completed=1 function=URB_FUNCTION_CONTROL_TRANSFER", packet,
+                     "Descriptor keyboard=0 type=Device descriptor"}));
+    EXPECT_EQ(Keyboard->Control(ucSetup, data, EmuHidRouteDescriptor), STATUS_SUCCESS);
+    EXPECT_EQ(Listener.Take({"DescriptorRequest"}),
+              (Lines{"DescriptorRequest keyboard=0 completed=0 type=Device descriptor index=0",
+                     "DescriptorRequest keyboard=0 completed=1 type=Device descriptor index=0"}));
+    EXPECT_EQ(Keyboard->FailRead(STATUS_DEVICE_NOT_CONNECTED), STATUS_SUCCESS);
+    EXPECT_EQ(Listener.Take({"RequestFailed"}), (Lines{"RequestFailed keyboard=0 status=0xc000009d"}));
+    EXPECT_EQ(SendLedReport(Filter(), 1), STATUS_SUCCESS);
+    EXPECT_EQ(
+        Listener.Take({"RequestSent"}),
+        (Lines{"RequestSent keyboard=0 function=URB_FUNCTION_CLASS_INTERFACE status=0x0 urbStatus=0x0"}));
+}
+
+TEST_F(TraceTest, TheListOfPendingReads)
+{
+    EmuPlugOptions options;
+    options.Manual = true;
+    options.Reads = 101;
+    Keyboard = Machine->Plug(EmuBootKeyboard, options);
+    Listen();
+    Lines expected;
+    for (ULONG ulReads = 1; ulReads <= 3; ulReads++) {
+        Keyboard->Read();
+        for (ULONG i = 0; i < ulReads; i++) {
+            expected.push_back("PendingRead keyboard=1 index=" + std::to_string(i) + " count=" +
+                               std::to_string(ulReads) + " request=" + NameOf(Context()->PendingIrps[i]));
+        }
+    }
+    EXPECT_EQ(Listener.Take({"PendingRead", "PendingListFull"}), expected);
+    for (ULONG i = 3; i <= 100; i++) {
+        Keyboard->Read();
+    }
+    const Lines full = Listener.Take({"PendingListFull"});
+    ASSERT_EQ(full.size(), 1u) << "the 101st";
+    EXPECT_EQ(full[0].find("PendingListFull keyboard=1 request=0x"), 0u);
+}
+
+TEST_F(TraceTest, ReportsAndModifiers)
+{
+    Listen();
+    Keyboard->Report({0, 0, 1, 1, 1, 1, 1, 1});
+    UCHAR ucRollover[8] = {1, 1, 1, 1, 1, 1, 1, 1};
+    EXPECT_EQ(DiagUSBPacket(Filter(), 8, ucRollover), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(Listener.Take({"Rollover"}), (Lines{"Rollover keyboard=0 report=0000010101010101",
+                                                  "Rollover keyboard=0 report=0101010101010101"}));
+    Keyboard->Report({0, 0, 0, 0, 0, 0, 0, 0});
+    Listener.Take();
+    Keyboard->Report({0x42, 0, 0, 0, 0, 0, 0, 0}); // left Shift, right Alt
+    Keyboard->Report({0x40, 0, 0, 0, 0, 0, 0, 0});
+    Keyboard->Report({0x40, 0, 4, 0, 0, 0, 0, 0}); // no change
+    EXPECT_EQ(Listener.Take({"ModifierChanged"}),
+              (Lines{"ModifierChanged keyboard=0 modifier=0x8 down=1 modifiers=0x1848",
+                     "ModifierChanged keyboard=0 modifier=0x40 down=1 modifiers=0x1848",
+                     "ModifierChanged keyboard=0 modifier=0x8 down=0 modifiers=0x1040"}))
+        << "the word has Any Shift and Any Alt too";
+}
+
+TEST_F(TraceTest, HotkeyListsAfterEachChange)
+{
+    Machine->Plug(EmuBootKeyboard, {});
+    Listen();
+    const std::set<std::string> names = {"HotkeyListEntry", "KeyDropped", "ScanCodeUnknown",
+                                         "DefinitionUnknown"};
+    const std::string first = "HotkeyListEntry keyboard=0 index=0 id=7 modifiers=0x400 keyCount=1 "
+                              "keys=3A00000000000000";
+    const std::string second = "HotkeyListEntry keyboard=1 index=0 id=8 modifiers=0x0 keyCount=1 "
+                               "keys=0400000000000000";
+    const KeyDefinition control = Hotkey(7, MODIFIER_ANY_CONTROL, {0x3B});
+    const KeyDefinition prefix = Hotkey(8, 0, {0x7D, 0x1E}); // the first is the prefix key
+    const KeyDefinition unknown = Hotkey(9, 0, {0x7F});
+    const KeyDefinition sale = Sale(10);
+    EXPECT_EQ(AddKeyDefinitionByIndex(0, &control), STATUS_SUCCESS);
+    EXPECT_EQ(Listener.Take(names), (Lines{first}));
+    EXPECT_EQ(AddKeyDefinitionByIndex(1, &prefix), STATUS_SUCCESS);
+    EXPECT_EQ(Listener.Take(names), (Lines{"KeyDropped keyboard=1 key=0x89", second, first}))
+        << "of all keyboards, the newest first";
+    EXPECT_EQ(AddKeyDefinitionByIndex(1, &unknown), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(Listener.Take(names),
+              (Lines{"KeyDropped keyboard=1 key=0x89", "ScanCodeUnknown scanCode=0x7f", second, first}));
+    EXPECT_EQ(AddKeyDefinitionByIndex(0, &sale), STATUS_SUCCESS);
+    EXPECT_EQ(Listener.Take(names), (Lines{second, first}));
+    EXPECT_EQ(RemoveKeyDefinitionByIndex(0, 99), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(Listener.Take(names), (Lines{second, first})) << "also when nothing was removed";
+    EXPECT_EQ(RemoveKeyDefinitionByIndex(0, 7), STATUS_SUCCESS);
+    EXPECT_EQ(Listener.Take(names), (Lines{second}));
+    UCHAR ucSwallow = 0;
+    EXPECT_FALSE(GetSwallowOf(Filter(), 7, &ucSwallow));
+    EXPECT_EQ(Listener.Take(names), (Lines{"DefinitionUnknown keyboard=0 id=7"}));
+    FreeKeyDefinitions(Filter());
+    EXPECT_EQ(Listener.Take(names), (Lines{second}));
+}
+
+TEST_F(TraceTest, FullAndEmptyQueues)
+{
+    Listen();
+    for (ULONG i = 0; i < KEY_BUFFER_SIZE; i++) {
+        UCHAR ucReport[3] = {0, 4, 0}, ucUsage = 5;
+        EXPECT_EQ(SwallowScan(Filter(), ucReport, 3, 1), 2u);
+        EXPECT_TRUE(AddDataToInsertBuffer(Filter(), &ucUsage));
+    }
+    const FifoEntry entry = {0, 3, {1, 2, 3}};
+    for (ULONG i = 0; i < FIFO_SIZE; i++) {
+        EXPECT_EQ(InsertUSBPacketFifin(Filter(), &entry), STATUS_SUCCESS);
+    }
+    EXPECT_EQ(Listener.Take(), Lines{});
+    UCHAR ucReport[3] = {0, 6, 0}, ucUsage = 7;
+    EXPECT_EQ(SwallowScan(Filter(), ucReport, 3, 1), 3u);
+    EXPECT_FALSE(AddDataToInsertBuffer(Filter(), &ucUsage));
+    EXPECT_EQ(InsertUSBPacketFifin(Filter(), &entry), STATUS_UNSUCCESSFUL);
+    FifoEntry taken;
+    while (NT_SUCCESS(GetUSBPacketFifo(Keyboard->Index(), &taken))) {
+    }
+    EXPECT_EQ(Listener.Take(),
+              (Lines{"SwallowBufferFull keyboard=0 key=0x6", "InsertBufferFull keyboard=0 key=0x7",
+                     "FifoFull keyboard=0 report=010203", "FifoEmpty keyboard=0"}));
+    DiscardSwallowBuffer(Filter());
+    while (GetDataFromInsertBuffer(Filter(), &ucUsage)) {
+    }
+}
+
+TEST_F(TraceTest, PointOfSaleKeys)
+{
+    const KeyDefinition sale = Sale(5);
+    EXPECT_EQ(AddKeyDefinition(Filter(), &sale), STATUS_SUCCESS);
+    EXPECT_EQ(StartReportProcessing(Keyboard->Index()), STATUS_SUCCESS);
+    Listen();
+    Keyboard->Report({2, 0, 4, 0, 0, 0, 0, 0});
+    Keyboard->Report({0, 0, 0, 0, 0, 0, 0, 0});
+    EXPECT_EQ(Listener.Take({"SaleModifier", "SaleScanCode"}),
+              (Lines{"SaleModifier keyboard=0 modifier=Shift Left down=1",
+                     "SaleScanCode keyboard=0 scanCode=0x2a break=0 repeats=1",
+                     "SaleScanCode keyboard=0 scanCode=0x1e break=0 repeats=1",
+                     "SaleModifier keyboard=0 modifier=Shift Left down=0",
+                     "SaleScanCode keyboard=0 scanCode=0x2a break=1 repeats=1",
+                     "SaleScanCode keyboard=0 scanCode=0x1e break=1 repeats=1"}));
+}
+} // namespace
