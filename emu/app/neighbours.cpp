@@ -105,6 +105,11 @@ void EmuSibling::Answer(const EmuReply& answer)
     }
 }
 
+void EmuSibling::CancelSlowly(ULONG ulMs)
+{
+    EmuSetSiblingCancelDelay(m_pDevice, ulMs);
+}
+
 void EmuSibling::Release()
 {
     if (m_pDevice) {

@@ -53,6 +53,7 @@ public:
     // The interface alone, while the device is there.
     NTSTATUS Publish(bool bPresent);
     void Answer(const EmuReply& answer);
+    void CancelSlowly(ULONG ulMs);
     void Release();     // answers what it holds
     ULONG Held() const; // requests
     // The modifier words since the last call, in order.

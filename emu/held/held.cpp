@@ -9,15 +9,32 @@ static NTSTATUS Complete(PIRP pIrp, NTSTATUS Status, ULONG_PTR ulInformation)
     return Status;
 }
 
+// One that was held has been completed: the end of the device waits for the last.
+// IRQL <= DISPATCH. Lock: takes Lock.
+static VOID NoteCompleted(HeldRequests* pHeld)
+{
+    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pHeld->Lock);
+    if (--pHeld->ulUnderWay == 0) {
+        KeSetEvent(&pHeld->NoneLeft, IO_NO_INCREMENT, FALSE);
+    }
+    KeReleaseSpinLock(&pHeld->Lock, irql);
+}
+
 // IRQL DISPATCH, with the cancel spin lock. Lock: takes Lock.
 static VOID NTAPI CancelHeld(PDEVICE_OBJECT, PIRP pIrp)
 {
     auto pHeld = static_cast<HeldRequests*>(pIrp->Tail.Overlay.DriverContext[0]);
     IoReleaseCancelSpinLock(pIrp->CancelIrql);
+    LARGE_INTEGER delay;
+    delay.QuadPart = InterlockedOr(&pHeld->lCancelMs, 0) * -10000LL;
+    if (delay.QuadPart != 0 && KeGetCurrentIrql() == PASSIVE_LEVEL) {
+        KeDelayExecutionThread(KernelMode, FALSE, &delay);
+    }
     KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pHeld->Lock);
     RemoveEntryList(&pIrp->Tail.Overlay.ListEntry);
     KeReleaseSpinLock(&pHeld->Lock, irql);
     Complete(pIrp, STATUS_CANCELLED, 0);
+    NoteCompleted(pHeld);
 }
 
 // The oldest request that is not being cancelled; one whose cancel routine runs already is left to it.
@@ -41,6 +58,7 @@ VOID ReleaseHeld(HeldRequests* pHeld)
     IRQL_AT_MOST(DISPATCH_LEVEL);
     while (PIRP pIrp = TakeHeld(pHeld)) {
         IoCompleteRequest(pIrp, IO_NO_INCREMENT);
+        NoteCompleted(pHeld);
     }
 }
 
@@ -54,6 +72,8 @@ VOID InitializeHeld(HeldRequests* pHeld)
     KeInitializeSpinLock(&pHeld->Lock);
     InitializeListHead(&pHeld->Waiting);
     pHeld->bGone = FALSE;
+    pHeld->ulUnderWay = 0;
+    KeInitializeEvent(&pHeld->NoneLeft, NotificationEvent, TRUE);
     KeInitializeTimer(&pHeld->Timer);
     KeInitializeDpc(&pHeld->Dpc, TimeOver, pHeld);
 }
@@ -71,6 +91,8 @@ static NTSTATUS Hold(HeldRequests* pHeld, PIRP pIrp, ULONG ulDelayMs)
     }
     IoMarkIrpPending(pIrp);
     pIrp->Tail.Overlay.DriverContext[0] = pHeld;
+    pHeld->ulUnderWay++;
+    KeClearEvent(&pHeld->NoneLeft);
     InsertTailList(&pHeld->Waiting, &pIrp->Tail.Overlay.ListEntry);
     IoSetCancelRoutine(pIrp, CancelHeld);
     // The canceller sets its mark, then looks for the routine; this side the other way round.
@@ -83,6 +105,7 @@ static NTSTATUS Hold(HeldRequests* pHeld, PIRP pIrp, ULONG ulDelayMs)
     KeReleaseSpinLock(&pHeld->Lock, irql);
     if (bCancelled) {
         Complete(pIrp, STATUS_CANCELLED, 0);
+        NoteCompleted(pHeld);
     }
     return STATUS_PENDING;
 }
@@ -110,7 +133,11 @@ VOID EndHeld(HeldRequests* pHeld)
     KeFlushQueuedDpcs();
     while (PIRP pIrp = TakeHeld(pHeld)) {
         Complete(pIrp, STATUS_DELETE_PENDING, 0);
+        NoteCompleted(pHeld);
     }
+    KeWaitForSingleObject(&pHeld->NoneLeft, Executive, KernelMode, FALSE, nullptr);
+    irql = KeAcquireSpinLockRaiseToDpc(&pHeld->Lock); // who set the event has let go of the lock
+    KeReleaseSpinLock(&pHeld->Lock, irql);
 }
 
 ULONG CountHeld(HeldRequests* pHeld)

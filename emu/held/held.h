@@ -20,6 +20,9 @@ struct HeldRequests {
     KSPIN_LOCK Lock;    // guards the list and the mark
     LIST_ENTRY Waiting; // oldest first, linked by their ListEntry
     BOOLEAN bGone;      // nothing is held any more
+    ULONG ulUnderWay;   // held, or being completed
+    KEVENT NoneLeft;    // none is under way
+    LONG lCancelMs;     // (x) so long a cancel routine takes that was called at PASSIVE_LEVEL
     KTIMER Timer;
     KDPC Dpc;
 };
@@ -32,7 +35,8 @@ NTSTATUS AnswerRequest(HeldRequests* pHeld, PIRP pIrp, NTSTATUS Status, ULONG_PT
                        BOOLEAN bHold, ULONG ulDelayMs);
 // Completes every held request with the answer that it was given. IRQL <= DISPATCH. Lock: takes Lock.
 VOID ReleaseHeld(HeldRequests* pHeld);
-// Fails every held request; later ones fail at once. IRQL PASSIVE. Lock: takes Lock.
+// Fails every held request; later ones fail at once. Returns when those have been completed, too, that others
+// release or cancel. IRQL PASSIVE. Lock: takes Lock.
 VOID EndHeld(HeldRequests* pHeld);
 // How many requests are held. IRQL <= DISPATCH. Lock: takes Lock.
 ULONG CountHeld(HeldRequests* pHeld);

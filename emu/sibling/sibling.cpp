@@ -116,13 +116,13 @@ NTSTATUS EmuCreateSibling(PDRIVER_OBJECT pDriver, const EmuSiblingOptions* pOpti
     pSibling->Options = *pOptions;
     KeInitializeSpinLock(&pSibling->Lock);
     InitializeHeld(&pSibling->Held);
+    auto plFlags = reinterpret_cast<LONG*>(&pDevice->Flags); // who opens it by name looks at them meanwhile
+    InterlockedOr(plFlags, DO_BUFFERED_IO | DO_BUS_ENUMERATED_DEVICE);
     status = IoRegisterDeviceInterface(pDevice, &kind.Class, nullptr, &pSibling->Link);
     if (!NT_SUCCESS(status)) {
         IoDeleteDevice(pDevice);
         return status;
     }
-    auto plFlags = reinterpret_cast<LONG*>(&pDevice->Flags); // who opens it by name looks at them meanwhile
-    InterlockedOr(plFlags, DO_BUFFERED_IO | DO_BUS_ENUMERATED_DEVICE);
     InterlockedAnd(plFlags, ~DO_DEVICE_INITIALIZING);
     *ppDevice = pDevice;
     return STATUS_SUCCESS;
@@ -149,6 +149,11 @@ VOID EmuSetSiblingAnswer(PDEVICE_OBJECT pDevice, const EmuReply* pAnswer)
     KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pSibling->Lock);
     pSibling->Answer = *pAnswer;
     KeReleaseSpinLock(&pSibling->Lock, irql);
+}
+
+VOID EmuSetSiblingCancelDelay(PDEVICE_OBJECT pDevice, ULONG ulMs)
+{
+    InterlockedExchange(&SiblingOf(pDevice)->Held.lCancelMs, (LONG)ulMs);
 }
 
 VOID EmuReleaseSibling(PDEVICE_OBJECT pDevice)

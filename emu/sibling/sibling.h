@@ -31,6 +31,8 @@ NTSTATUS EmuPublishSibling(PDEVICE_OBJECT pDevice, BOOLEAN bPresent);
 VOID EmuRemoveSibling(PDEVICE_OBJECT pDevice);
 // How it answers from now on. IRQL <= DISPATCH. Lock: takes its own.
 VOID EmuSetSiblingAnswer(PDEVICE_OBJECT pDevice, const EmuReply* pAnswer);
+// So long it takes to cancel what it holds. IRQL <= DISPATCH.
+VOID EmuSetSiblingCancelDelay(PDEVICE_OBJECT pDevice, ULONG ulMs);
 // Answers what it holds; tells how many requests that are. IRQL <= DISPATCH.
 VOID EmuReleaseSibling(PDEVICE_OBJECT pDevice);
 ULONG EmuSiblingHeld(PDEVICE_OBJECT pDevice);

@@ -211,6 +211,25 @@ TEST_F(Siblings, RemovalDoesNotWaitForASilentMouse)
     EXPECT_EQ(Globals.pControlDevice, nullptr);
 }
 
+// The mouse's cancel routine is under way when the mouse goes: its device stays until the request is back.
+TEST_F(Siblings, MouseGoesWhileItsRequestIsBeingCancelled)
+{
+    EmuSibling* pUsb = Machine->AddSibling(EmuUsbMouseSibling);
+    pUsb->Arrive(Silent);
+    pUsb->CancelSlowly(3);
+    Keyboard->Report(ControlHeld);
+    HostSettle();
+    EXPECT_EQ(pUsb->Held(), 1u);
+    HostThread removal = HostStartThread([&] {
+        Application->Close();
+        Keyboard->Unplug(true);
+    });
+    HostSettle();
+    pUsb->Leave();
+    HostJoinThread(removal);
+    EXPECT_EQ(Globals.pControlDevice, nullptr);
+}
+
 TEST_F(Siblings, MouseGoesWithAWordUnanswered)
 {
     EmuSibling* pUsb = Machine->AddSibling(EmuUsbMouseSibling);
