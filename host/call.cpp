@@ -5,12 +5,17 @@
 #include "irp.h"
 
 [[noreturn]] static void __attribute__((noinline))
-BugOnReturn(UCHAR ucMajor, NTSTATUS status, bool bCompleted)
+BugOnReturn(UCHAR ucMajor, NTSTATUS status, bool bCompleted, bool bMarked)
 {
     if (!bCompleted) {
         HostBug("IRP_LOST",
                 "dispatch of major 0x%02x returned 0x%08x, but the request was neither completed nor kept "
                 "pending",
+                ucMajor, static_cast<unsigned>(status));
+    }
+    if ((status == STATUS_PENDING) == bMarked) {
+        HostBug("IRP_RETURNED_STATUS_MISMATCH",
+                "dispatch of major 0x%02x returned 0x%08x, the request was completed with another status",
                 ucMajor, static_cast<unsigned>(status));
     }
     HostBug("IRP_PENDING_MISMATCH",
@@ -64,23 +69,27 @@ static NTSTATUS __attribute__((noinline)) FailRequest(PIRP pIrp)
 
 // Makes the next location the current one and calls the device's driver.
 // IRQL <= DISPATCH. Lock: none held.
-NTSTATUS IofCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp)
+NTSTATUS HostCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
     SCHEDULE_POINT();
     HostIrp* pHost = HostLiveIrp(pIrp, "IoCallDriver");
     CheckCall(pDevice, pIrp, HostSelf());
+    HostCheckPassedOn(pIrp, pHost);
     IoSetNextIrpStackLocation(pIrp);
     PIO_STACK_LOCATION pLocation = IoGetCurrentIrpStackLocation(pIrp);
     UCHAR ucMajor = pLocation->MajorFunction;
     pLocation->DeviceObject = pDevice;
     HostStep* pStep = pHost == nullptr ? nullptr : &pHost->pSteps[static_cast<int>(pIrp->CurrentLocation)];
-    HostCallFrame frame = {nullptr, false, false};
+    HostCallFrame frame = {nullptr, false, false, 0};
     if (pStep != nullptr) {
         HostStepLock lock;
         frame.pBefore = pStep->pFrame;
         pStep->pFrame = &frame;
         pStep->pDevice = pDevice;
         pStep->pDriver = pDevice->DriverObject;
+        pStep->pRoutine = pLocation->CompletionRoutine;
+        pStep->bNextPower = false;
+        pHost->iLowest = pIrp->CurrentLocation < pHost->iLowest ? pIrp->CurrentLocation : pHost->iLowest;
     }
     HostNote(pHost, "passed to", pDevice->DriverObject, ucMajor);
     bool bFail = FailsBelow(pDevice, pLocation);
@@ -94,25 +103,25 @@ NTSTATUS IofCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp)
     }
     HostStepLock lock;
     if (frame.bCompleted) {
-        if ((status == STATUS_PENDING) != frame.bMarked) {
-            BugOnReturn(ucMajor, status, true);
+        if ((status == STATUS_PENDING) != frame.bMarked ||
+            (status != STATUS_PENDING && status != frame.Status)) {
+            BugOnReturn(ucMajor, status, true, frame.bMarked);
         }
     } else if (status == STATUS_PENDING) {
         pStep->pFrame = frame.pBefore;
         pStep->bReturnedPending = true;
         HostNote(pHost, "kept pending by", pDevice->DriverObject, ucMajor);
     } else {
-        BugOnReturn(ucMajor, status, false);
+        BugOnReturn(ucMajor, status, false, false);
     }
     return status;
 }
 
-NTSTATUS PoCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp)
+NTSTATUS IofCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
-    return IofCallDriver(pDevice, pIrp);
-}
-
-void PoStartNextPowerIrp(PIRP)
-{
-    HostEnter(__func__, DISPATCH_LEVEL);
+    if (HostLiveIrp(pIrp, "IoCallDriver") != nullptr &&
+        IoGetNextIrpStackLocation(pIrp)->MajorFunction == IRP_MJ_POWER) {
+        HostBug("DRIVER_POWER_STATE_FAILURE", "IoCallDriver with a power request: PoCallDriver sends those");
+    }
+    return HostCallDriver(pDevice, pIrp);
 }

@@ -2,21 +2,25 @@
 #include "irp.h"
 
 // The request leaves a location: what its dispatch routine returned, or will return, must agree.
-static void __attribute__((noinline)) RetireStep(HostStep* pStep, bool bMarked)
+static void __attribute__((noinline)) RetireStep(HostStep* pStep, PIRP pIrp, bool bMarked)
 {
     HostStepLock lock;
     for (HostCallFrame* pFrame = pStep->pFrame; pFrame != nullptr; pFrame = pFrame->pBefore) {
         pFrame->bCompleted = true;
         pFrame->bMarked = bMarked;
+        pFrame->Status = pIrp->IoStatus.Status;
     }
     if (pStep->bReturnedPending && !bMarked) {
         HostBug("IRP_PENDING_MISMATCH",
                 "a dispatch routine returned STATUS_PENDING, but the request was not marked");
     }
-    *pStep = {nullptr, false, nullptr, nullptr};
+    if (HostIsPower(IoGetCurrentIrpStackLocation(pIrp)) && pStep->pDevice != nullptr && !pStep->bNextPower) {
+        HostBug("DRIVER_POWER_STATE_FAILURE", "a power request is completed without PoStartNextPowerIrp");
+    }
+    *pStep = {};
 }
 
-static void __attribute__((noinline)) CheckCompletion(PIRP pIrp, HostIrp*, PKTHREAD pSelf)
+static void __attribute__((noinline)) CheckCompletion(PIRP pIrp, HostIrp* pHost, PKTHREAD pSelf)
 {
     if (pSelf->Irql > DISPATCH_LEVEL) {
         HostBug("IRQL_NOT_LESS_OR_EQUAL", "IoCompleteRequest called at IRQL %u", pSelf->Irql);
@@ -39,6 +43,9 @@ static void __attribute__((noinline)) CheckCompletion(PIRP pIrp, HostIrp*, PKTHR
             HostBug("MULTIPLE_IRP_COMPLETE_REQUESTS",
                     "IoCompleteRequest by a driver that no longer holds the request");
         }
+    }
+    if (pIrp->CurrentLocation <= pIrp->StackCount && pHost != nullptr) {
+        HostCheckAnswered(pIrp, pHost);
     }
 }
 
@@ -76,7 +83,8 @@ void HostCopyOut(PIRP pIrp, HostIrp* pHost)
     if (pHost->ulMethod == METHOD_BUFFERED && !bError && ulBytes != 0 && pIrp->UserBuffer != nullptr) {
         size_t offset;
         const UCHAR* pData = static_cast<const UCHAR*>(pIrp->AssociatedIrp.SystemBuffer);
-        if (HostFindUnwritten(pData, ulBytes, &offset)) {
+        if (HostFindUnwritten(pData, ulBytes, &offset) ||
+            HostFindUnwrittenOutput(pHost->ulCode, pHost->ullKey, pData, pHost->ulInput, ulBytes, &offset)) {
             HostBug("UNINITIALISED_OUTPUT", "the output holds memory that nobody wrote, at byte %zu of %llu",
                     offset, ulBytes);
         }
@@ -144,7 +152,7 @@ void IofCompleteRequest(PIRP pIrp, CCHAR)
         bool bMarked = ucControl & SL_PENDING_RETURNED;
         pIrp->PendingReturned = bMarked;
         if (pHost != nullptr) {
-            RetireStep(&pHost->pSteps[static_cast<int>(pIrp->CurrentLocation)], bMarked);
+            RetireStep(&pHost->pSteps[static_cast<int>(pIrp->CurrentLocation)], pIrp, bMarked);
         }
         pLocation->Control = 0;
         pLocation->CompletionRoutine = nullptr;

@@ -21,6 +21,21 @@
 
 #include "fiber.h"
 
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define HOST_ASAN 1
+#endif
+#if __has_feature(thread_sanitizer)
+#define HOST_TSAN 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__)
+#define HOST_ASAN 1
+#endif
+#if defined(__SANITIZE_THREAD__)
+#define HOST_TSAN 1
+#endif
+
 using HostLock = std::unique_lock<std::mutex>;
 using HostText = std::u16string;
 
@@ -91,6 +106,7 @@ struct _KTHREAD {
     bool bLeafHeld;
     unsigned uCallsUnderLock;
     std::vector<const void*> Mutexes; // that it owns
+    const UCHAR* pStackTop;           // where drivers' code began on it; null: no driver's code runs
     unsigned uOnStack;                // requests under way whose event or status block lies on its stack
     PDRIVER_OBJECT pWorkOf;           // a worker: whose work routine runs
     PDRIVER_OBJECT pTells;            // to whose callback it brings a notification
@@ -112,9 +128,9 @@ void HostWake(PKTHREAD pThread);                // under Lock
 bool HostStops(PKTHREAD pThread);               // it is suspended, and nothing keeps it from that
 void HostStopHere();                            // a place where a suspended thread stops
 void HostYield(HostLock& lock, PKTHREAD pSelf); // simulated mode: whoever can may run now
-void HostLeave(HostLock& lock, PKTHREAD pSelf); // simulated mode: a thread's end; does not return
-void HostArrived(HostLock& lock);               // simulated mode: first on a new thread's stack
-void HostRunDpcs();                             // simulated mode without a seed, below DISPATCH_LEVEL
+[[noreturn]] void HostLeave(HostLock& lock, PKTHREAD pSelf); // simulated mode: a thread's end
+void HostArrived(HostLock& lock);                            // simulated mode: first on a new thread's stack
+void HostRunDpcs(); // simulated mode without a seed, below DISPATCH_LEVEL
 void HostStartSystemThreads();
 bool HostEndSystemThreads(); // false: a thread could not be ended
 
@@ -135,6 +151,9 @@ private:
     const char* pWhat;
     KIRQL Irql;
     unsigned uHeld;
+    size_t mutexes;
+    unsigned uCriticalRegions;
+    const UCHAR* pStackTop;
 };
 
 // --- the order of locks (order.cpp), all under Lock
@@ -142,6 +161,7 @@ void HostNoteOrder(PKTHREAD pSelf, const void* pTaken);
 void HostForgetLocks(const void* p, size_t bytes);
 
 // --- dispatcher objects (wait.cpp)
+void HostCheckInitialise(const void* pObject, size_t bytes, const char* pCall); // takes Lock
 void HostInitHeader(DISPATCHER_HEADER* pHeader, UCHAR ucType, size_t size, LONG lState);
 void HostSignal(DISPATCHER_HEADER* pHeader);         // under Lock, SignalState already set
 void HostEndWait(PKTHREAD pThread, NTSTATUS status); // under Lock
@@ -168,11 +188,16 @@ void HostEndWorkers();
 void* HostAllocate(size_t bytes, const char* pKind, ULONG ulTag, PDRIVER_OBJECT pOwner);
 void HostRelease(void* p, const char* pKind);
 void HostCheckNoLiveThings(const void* p, size_t bytes, const char* pWhat);
+void HostCheckNotPaged(const void* pThing, const char* pCode, const char* pCall);
 void HostGuardPaged(bool bGuard);
 void HostCheckNotFreed(const void* pObject, const char* pCall); // an event, timer, DPC
 bool HostIsFreed(const void* p);                                // as far as an address sanitizer knows
 bool HostFindUnwritten(const UCHAR* pData, size_t bytes, size_t* pOffset);
 void HostFillUnwritten(UCHAR* pData, size_t bytes);
+ULONGLONG HostFillOutput(UCHAR* pData, size_t begin, size_t end);
+bool HostFindUnwrittenOutput(ULONG ulCode, ULONGLONG ullKey, const UCHAR* pData, size_t begin, size_t end,
+                             size_t* pOffset);
+extern const UCHAR HostUnwritten[4];
 unsigned HostAuditPool(PDRIVER_OBJECT pDriver);
 void HostDropMemory(bool bFree); // frees what is left, or forgets it
 extern const char HostPoolKind[];
@@ -188,6 +213,7 @@ struct HostName {
 };
 HostText HostCanonicalName(const HostText& name);
 NTSTATUS HostLookUpDevice(const HostText& name, PDEVICE_OBJECT* ppDevice, HostText* pRest); // referenced
+NTSTATUS HostCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp); // IoCallDriver and PoCallDriver alike
 NTSTATUS HostSendRequest(PDEVICE_OBJECT pTop, const IO_STACK_LOCATION& location, NTSTATUS initial,
                          KPROCESSOR_MODE mode, ULONG_PTR* pInformation);
 NTSTATUS HostOpenDevice(const HostText& name, KPROCESSOR_MODE mode, PFILE_OBJECT* ppFile);
@@ -201,6 +227,8 @@ void HostCheckNoStackObjects(PKTHREAD pThread, const void* pReturned); // a rout
 unsigned HostAuditNames(PDRIVER_OBJECT pDriver);
 unsigned HostAuditPnp(PDRIVER_OBJECT pDriver);
 void HostForgetDevice(PDEVICE_OBJECT pDevice); // its properties
+void HostCheckPhysical(PDEVICE_OBJECT pDevice, const char* pCall);
+bool HostIsAttached(PDEVICE_OBJECT pDevice); // to a device below it
 void HostAwaitNotifications(PDRIVER_OBJECT pDriver);
 void HostDropPnp();
 void HostTargetEvent(PDEVICE_OBJECT pDevice, const GUID& event);
@@ -297,6 +325,7 @@ struct HostState {
     std::map<const void*, std::set<const void*>> LockOrder; // locks that were taken while the key was held
     std::mutex IrpLock;
     KSPIN_LOCK CancelLock = 0;
+    std::map<std::pair<PDEVICE_OBJECT, int>, std::vector<UCHAR>> Properties;
     HostKey Registry;
     std::string RegistryOnDisk; // .reg text as of the last flush; empty: as it was at the start
     std::vector<struct FileBody*> OpenFiles;

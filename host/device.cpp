@@ -205,6 +205,12 @@ void IoDetachDevice(PDEVICE_OBJECT pTarget)
     HostDereference(pTarget);
 }
 
+bool HostIsAttached(PDEVICE_OBJECT pDevice)
+{
+    HostLock lock(g->Lock);
+    return pDevice->DeviceObjectExtension->pAttachedTo != nullptr;
+}
+
 PDEVICE_OBJECT IoGetAttachedDevice(PDEVICE_OBJECT pDevice)
 {
     HostObjectOf(pDevice, __func__);

@@ -9,6 +9,7 @@ enum : UCHAR { DPC_TYPE = 0x13 };
 
 void KeInitializeDpc(PRKDPC pDpc, PKDEFERRED_ROUTINE pRoutine, PVOID pContext)
 {
+    HostCheckInitialise(pDpc, sizeof(KDPC), __func__);
     pDpc->Type = DPC_TYPE;
     pDpc->Importance = 1;
     pDpc->Number = 0;
@@ -61,10 +62,13 @@ void HostRunOneDpc(HostLock& lock, PKTHREAD pSelf)
     g->DpcsRunning.push_back({pDpc, pSelf, pDriver});
     lock.unlock();
     KIRQL before = KfRaiseIrql(DISPATCH_LEVEL);
+    const UCHAR* pInterrupted = pSelf->pStackTop;
+    pSelf->pStackTop = nullptr; // DPCs have a stack of their own
     {
         HostDriverScope scope(pDriver, "a DPC routine");
         pRoutine(pDpc, pContext, pArgument1, pArgument2);
     }
+    pSelf->pStackTop = pInterrupted;
     pSelf->Irql = before;
     if (!g->bThreaded && before < DISPATCH_LEVEL) {
         HostGuardPaged(false);

@@ -25,6 +25,9 @@ static UNICODE_STRING StringOf(HostText& text)
 
 static NTSTATUS RefuseRequest(PDEVICE_OBJECT, PIRP pIrp)
 {
+    if (IoGetCurrentIrpStackLocation(pIrp)->MajorFunction == IRP_MJ_POWER) {
+        PoStartNextPowerIrp(pIrp);
+    }
     pIrp->IoStatus.Status = STATUS_INVALID_DEVICE_REQUEST;
     pIrp->IoStatus.Information = 0;
     IofCompleteRequest(pIrp, IO_NO_INCREMENT);
@@ -191,6 +194,7 @@ unsigned HostUnloadDriver(PDRIVER_OBJECT pDriver)
 NTSTATUS HostAddDevice(PDRIVER_OBJECT pDriver, PDEVICE_OBJECT pPhysical)
 {
     HostEnter(__func__, PASSIVE_LEVEL);
+    __atomic_or_fetch(&pPhysical->Flags, DO_BUS_ENUMERATED_DEVICE, __ATOMIC_RELAXED);
     NTSTATUS status;
     {
         HostDriverScope scope(pDriver, "AddDevice");

@@ -8,25 +8,11 @@
 #include <ucontext.h>
 #include <unistd.h>
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define FIBER_ASAN 1
-#endif
-#if __has_feature(thread_sanitizer)
-#define FIBER_TSAN 1
-#endif
-#endif
-#if defined(__SANITIZE_ADDRESS__)
-#define FIBER_ASAN 1
-#endif
-#if defined(__SANITIZE_THREAD__)
-#define FIBER_TSAN 1
-#endif
-#if defined(FIBER_ASAN)
+#if defined(HOST_ASAN)
 #include <sanitizer/asan_interface.h>
 #include <sanitizer/common_interface_defs.h>
 #endif
-#if defined(FIBER_TSAN)
+#if defined(HOST_TSAN)
 #include <sanitizer/tsan_interface.h>
 #endif
 
@@ -34,7 +20,7 @@ enum : size_t { DEFAULT_STACK = 1 << 20, SMALLEST_STACK = 16384, KEPT_STACKS = 1
 
 struct HostFiber {
     ucontext_t Context;
-    void (*pEntry)(void*);
+    HostFiberEntry* pEntry;
     void* pContext;
     UCHAR* pMapping; // null: the caller's own stack
     size_t mappingBytes;
@@ -63,7 +49,7 @@ static UCHAR* MapStack(size_t bytes)
 
 static void UnmapStack(UCHAR* p, size_t bytes)
 {
-#if defined(FIBER_ASAN)
+#if defined(HOST_ASAN)
     size_t guard = static_cast<size_t>(getpagesize());
     ASAN_UNPOISON_MEMORY_REGION(p + guard, bytes - guard);
 #endif
@@ -77,7 +63,7 @@ static void UnmapStack(UCHAR* p, size_t bytes)
 // What comes first on a stack that was just entered.
 static void Arrive([[maybe_unused]] HostFiber* pSelf, [[maybe_unused]] HostFiber* pFrom)
 {
-#if defined(FIBER_ASAN)
+#if defined(HOST_ASAN)
     const void* pBottom;
     size_t bytes;
     __sanitizer_finish_switch_fiber(pSelf->pFakeStack, &pBottom, &bytes);
@@ -97,24 +83,23 @@ static int SwapContext(ucontext_t* pFrom, const ucontext_t* pTo)
 
 static HostFiber* pLeft; // the one that was running before
 
-static void Enter(unsigned uHigh, unsigned uLow)
+[[noreturn]] static void Enter(unsigned uHigh, unsigned uLow)
 {
     HostFiber* pSelf = reinterpret_cast<HostFiber*>(static_cast<size_t>(uHigh) << 32 | uLow);
     Arrive(pSelf, pLeft);
     pSelf->pEntry(pSelf->pContext);
-    HostBug("THREAD_RETURNED", "a fiber's entry routine returned");
 }
 
 HostFiber* HostCallerFiber()
 {
     HostFiber* pFiber = new HostFiber();
-#if defined(FIBER_TSAN)
+#if defined(HOST_TSAN)
     pFiber->pTsan = __tsan_get_current_fiber();
 #endif
     return pFiber;
 }
 
-HostFiber* HostNewFiber(size_t stackBytes, void (*pEntry)(void*), void* pContext)
+HostFiber* HostNewFiber(size_t stackBytes, HostFiberEntry* pEntry, void* pContext)
 {
     if (stackBytes != 0 && stackBytes < SMALLEST_STACK) {
         HostBug("BAD_STACK_SIZE", "a stack of %zu bytes is not possible", stackBytes);
@@ -135,7 +120,7 @@ HostFiber* HostNewFiber(size_t stackBytes, void (*pEntry)(void*), void* pContext
     size_t self = reinterpret_cast<size_t>(pFiber);
     makecontext(&pFiber->Context, reinterpret_cast<void (*)()>(Enter), 2, static_cast<unsigned>(self >> 32),
                 static_cast<unsigned>(self));
-#if defined(FIBER_TSAN)
+#if defined(HOST_TSAN)
     pFiber->pTsan = __tsan_create_fiber(0);
 #endif
     return pFiber;
@@ -145,10 +130,10 @@ HostFiber* HostNewFiber(size_t stackBytes, void (*pEntry)(void*), void* pContext
 void HostSwitchFiber(HostFiber* pFrom, HostFiber* pTo, [[maybe_unused]] bool bFromEnds)
 {
     pLeft = pFrom;
-#if defined(FIBER_ASAN)
+#if defined(HOST_ASAN)
     __sanitizer_start_switch_fiber(bFromEnds ? nullptr : &pFrom->pFakeStack, pTo->pBottom, pTo->stackBytes);
 #endif
-#if defined(FIBER_TSAN)
+#if defined(HOST_TSAN)
     __tsan_switch_to_fiber(pTo->pTsan, 0);
 #endif
     SwapContext(&pFrom->Context, &pTo->Context);
@@ -159,7 +144,7 @@ void HostDeleteFiber(HostFiber* pFiber)
 {
     if (pFiber->pMapping != nullptr) {
         UnmapStack(pFiber->pMapping, pFiber->mappingBytes);
-#if defined(FIBER_TSAN)
+#if defined(HOST_TSAN)
         __tsan_destroy_fiber(pFiber->pTsan);
 #endif
     }

@@ -7,8 +7,9 @@
 #include <cstddef>
 
 struct HostFiber;
+typedef void HostFiberEntry(void* pContext) __attribute__((noreturn));
 
 HostFiber* HostCallerFiber(); // stands for the calling thread's own stack
-HostFiber* HostNewFiber(size_t stackBytes, void (*pEntry)(void*), void* pContext);
+HostFiber* HostNewFiber(size_t stackBytes, HostFiberEntry* pEntry, void* pContext);
 void HostSwitchFiber(HostFiber* pFrom, HostFiber* pTo, bool bFromEnds);
 void HostDeleteFiber(HostFiber* pFiber);

@@ -49,6 +49,7 @@ PIRP HostNewIrp(CCHAR stackSize)
     pHost->pOwner = pSelf->pDriver;
     pHost->b32 = pSelf->b32;
     pHost->iSteps = stackSize;
+    pHost->iLowest = stackSize + 1;
     PIRP pIrp = reinterpret_cast<PIRP>(pHost + 1);
     pIrp->AllocationFlags = TRACKED;
     ResetIrp(pIrp, stackSize);
@@ -117,8 +118,11 @@ void IoInitializeIrp(PIRP pIrp, USHORT, CCHAR stackSize)
 
 void IoReuseIrp(PIRP pIrp, NTSTATUS status)
 {
-    HostLiveIrp(pIrp, __func__);
+    HostIrp* pHost = HostLiveIrp(pIrp, __func__);
     CheckIdle(pIrp, __func__);
+    if (pHost != nullptr) {
+        pHost->iLowest = pIrp->StackCount + 1;
+    }
     PKTHREAD pThread = pIrp->Tail.Overlay.Thread;
     ResetIrp(pIrp, pIrp->StackCount);
     pIrp->Tail.Overlay.Thread = pThread;

@@ -4,7 +4,7 @@
 //
 // For each stack location a step remembers the call that is under way in it. So the host can compare what
 // a dispatch routine returned with what the request did: STATUS_PENDING and the pending mark belong together,
-// any other status means that the request was completed before the return.
+// any other status means that the request was completed before the return, with that status.
 #pragma once
 
 #include "core.h"
@@ -19,6 +19,7 @@ struct HostCallFrame {
     HostCallFrame* pBefore; // an outer call in the same location (the driver skipped its own)
     bool bCompleted;
     bool bMarked;
+    NTSTATUS Status; // that the request left the location with
 };
 
 struct HostStep {
@@ -26,6 +27,8 @@ struct HostStep {
     bool bReturnedPending;
     PDEVICE_OBJECT pDevice; // who was called last in this location
     PDRIVER_OBJECT pDriver;
+    PIO_COMPLETION_ROUTINE pRoutine; // the location's, when it was called
+    bool bNextPower;                 // its driver called PoStartNextPowerIrp
 };
 
 // Something that happened to a request, by whose code, with a status, a function or a level.
@@ -41,6 +44,7 @@ struct HostIrp {
     PDRIVER_OBJECT pOwner;
     HostStep* pSteps; // by CurrentLocation
     int iSteps;       // of its stack; the request's own count is written anew when it is reused
+    int iLowest;      // the lowest location that was called
     bool b32;
     bool bSystem;   // the system frees it when it is complete
     bool bComplete; // finalised while somebody held it
@@ -49,8 +53,11 @@ struct HostIrp {
     PKTHREAD pRequester;
     ULONG ulMethod;
     ULONG ulOutput;
-    bool bOnStack;   // its event or status block lies with the caller, who must outlive it
-    LIST_ENTRY Link; // HostState::Requests
+    ULONG ulInput;
+    ULONG ulCode;
+    ULONGLONG ullKey; // of its system buffer's unwritten bytes
+    bool bOnStack;    // its event or status block lies with the caller, who must outlive it
+    LIST_ENTRY Link;  // HostState::Requests
     unsigned uTransitions;
     HostTransition Transitions[TRANSITIONS]; // the last ones, a ring
 };
@@ -72,6 +79,9 @@ public:
     }
 };
 
+void HostCheckPassedOn(PIRP pIrp, HostIrp* pHost);  // stack.cpp: on a way down
+void HostCheckAnswered(PIRP pIrp, HostIrp* pHost);  // stack.cpp: at a completion
+bool HostIsPower(PIO_STACK_LOCATION pLocation);     // a power request of which one at a time is under way
 HostIrp* HostIrpOf(PIRP pIrp);                      // null for a request in a driver's own memory
 HostIrp* HostLiveIrp(PIRP pIrp, const char* pCall); // the same; stops the run if the request is gone
 PIRP HostNewIrp(CCHAR stackSize);

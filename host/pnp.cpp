@@ -1,4 +1,4 @@
-// pnp.cpp - device interfaces, notifications, device properties.
+// pnp.cpp - device interfaces and their notifications.
 //
 // Arrivals and removals are delivered one at a time by a worker at PASSIVE_LEVEL. Interfaces that exist
 // when a driver registers with INCLUDE_EXISTING_INTERFACES are told within the registration. The platform lets
@@ -52,7 +52,6 @@ static std::vector<std::unique_ptr<Interface>> Interfaces;
 static std::vector<std::shared_ptr<Notification>> Notifications;
 static std::deque<Delivery> Deliveries;
 static bool bDelivering;
-static std::map<std::pair<PDEVICE_OBJECT, int>, std::vector<UCHAR>> Properties;
 
 static void Pause()
 {
@@ -155,8 +154,8 @@ static HostText GuidText(const GUID& guid)
 // physical device, in the order in which they register.
 static HostText InstanceOf(PDEVICE_OBJECT pDevice)
 {
-    auto location = Properties.find({pDevice, DevicePropertyLocationInformation});
-    if (location != Properties.end()) {
+    auto location = g->Properties.find({pDevice, DevicePropertyLocationInformation});
+    if (location != g->Properties.end()) {
         auto pText = reinterpret_cast<const char16_t*>(location->second.data());
         return u"ROOT#HOST#" + HostText(pText, location->second.size() / sizeof(WCHAR) - 1);
     }
@@ -174,7 +173,7 @@ NTSTATUS IoRegisterDeviceInterface(PDEVICE_OBJECT pDevice, const GUID* pClass, P
                                    PUNICODE_STRING pLink)
 {
     HostEnter(__func__, PASSIVE_LEVEL);
-    HostObjectOf(pDevice, __func__);
+    HostCheckPhysical(pDevice, __func__);
     if (HostShouldFail("interface")) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -364,46 +363,6 @@ void HostTargetEvent(PDEVICE_OBJECT pDevice, const GUID& event)
     }
 }
 
-void HostSetDeviceProperty(PDEVICE_OBJECT pDevice, DEVICE_REGISTRY_PROPERTY property, const void* pData,
-                           ULONG ulBytes)
-{
-    HostLock lock(g->Lock);
-    if (pData == nullptr) {
-        Properties.erase({pDevice, property});
-        return;
-    }
-    const UCHAR* p = static_cast<const UCHAR*>(pData);
-    Properties[{pDevice, property}].assign(p, p + ulBytes);
-}
-
-NTSTATUS IoGetDeviceProperty(PDEVICE_OBJECT pDevice, DEVICE_REGISTRY_PROPERTY property, ULONG ulLength,
-                             PVOID pBuffer, PULONG pulResult)
-{
-    HostEnter(__func__, PASSIVE_LEVEL);
-    HostObjectOf(pDevice, __func__);
-    *pulResult = 0;
-    if (HostShouldFail("property")) {
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    HostLock lock(g->Lock);
-    auto it = Properties.find({pDevice, property});
-    if (it == Properties.end()) {
-        return STATUS_OBJECT_NAME_NOT_FOUND;
-    }
-    *pulResult = static_cast<ULONG>(it->second.size());
-    if (ulLength < it->second.size()) {
-        return STATUS_BUFFER_TOO_SMALL;
-    }
-    memcpy(pBuffer, it->second.data(), it->second.size());
-    return STATUS_SUCCESS;
-}
-
-void HostForgetDevice(PDEVICE_OBJECT pDevice)
-{
-    HostLock lock(g->Lock);
-    Properties.erase(Properties.lower_bound({pDevice, 0}), Properties.upper_bound({pDevice, 0x7fffffff}));
-}
-
 unsigned HostAuditPnp(PDRIVER_OBJECT pDriver)
 {
     unsigned uLeaks = 0;
@@ -426,6 +385,5 @@ void HostDropPnp()
     Interfaces.clear();
     Notifications.clear();
     Deliveries.clear();
-    Properties.clear();
     bDelivering = false;
 }

@@ -1,7 +1,7 @@
 // pool.cpp - pool memory, its ledger and the traps around it.
 //
-// Every block has a header in front (and, without an address sanitizer, guard bytes behind) and lies in one
-// list. A freed block stays in a quarantine for a while, so that a second free is recognised. Fresh memory
+// Every block has a header in front, which ends in guard bytes (and, without an address sanitizer, guard bytes
+// behind), and lies in one list. A freed block stays in a quarantine for a while, so that a second free is recognised. Fresh memory
 // holds a pattern that stands for "never written"; the same pattern found in what is copied to an
 // application is memory that nobody wrote. Paged blocks are poisoned while the simulated processor is at
 // DISPATCH_LEVEL (only an address sanitizer sees the access).
@@ -9,14 +9,6 @@
 
 #include <cstdlib>
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define HOST_ASAN 1
-#endif
-#endif
-#if defined(__SANITIZE_ADDRESS__)
-#define HOST_ASAN 1
-#endif
 #if defined(HOST_ASAN)
 #include <sanitizer/asan_interface.h>
 enum { GUARD_BYTES = 0 };
@@ -29,12 +21,9 @@ enum { GUARD_BYTES = 16 };
 const char HostPoolKind[] = "pool memory";
 const char HostObjectKind[] = "object";
 const char HostExtensionKind[] = "device extension";
-static const char MdlKind[] = "MDL";
 
 enum : ULONG_PTR { LIVE = 0x6576696c6b636c62, FREED = 0x6465657266626c6b };
 enum { QUARANTINE_BLOCKS = 256, FREED_BYTE = 0xFD };
-
-static const UCHAR UNWRITTEN[4] = {0xC5, 0x3A, 0x96, 0xE1};
 
 struct alignas(16) Block {
     ULONG_PTR ulState;
@@ -44,6 +33,7 @@ struct alignas(16) Block {
     LIST_ENTRY Link;
     ULONG ulTag;
     bool bPaged;
+    alignas(8) UCHAR Before[24]; // what lies right before the body belongs to nobody
 
     UCHAR* Body() { return reinterpret_cast<UCHAR*>(this + 1); }
 };
@@ -53,33 +43,12 @@ static LIST_ENTRY Blocks = {&Blocks, &Blocks};
 static std::deque<Block*> Quarantine;
 static std::vector<Block*> PagedBlocks;
 
-void HostFillUnwritten(UCHAR* pData, size_t bytes)
+static void GuardFront(Block* pBlock)
 {
-    size_t written = bytes < sizeof UNWRITTEN ? bytes : sizeof UNWRITTEN;
-    memcpy(pData, UNWRITTEN, written);
-    while (written < bytes) { // what is there already, as often as it fits
-        size_t more = written < bytes - written ? written : bytes - written;
-        memcpy(pData + written, pData, more);
-        written += more;
+    if (GUARD_BYTES != 0) {
+        HostFillUnwritten(pBlock->Before, sizeof(pBlock->Before));
     }
-}
-
-// Looks for four bytes in a row of the pattern, wherever it begins.
-bool HostFindUnwritten(const UCHAR* pData, size_t bytes, size_t* pOffset)
-{
-    for (size_t i = 0; i + 4 <= bytes; i++) {
-        for (size_t phase = 0; phase < 4; phase++) {
-            size_t same = 0;
-            while (same < 4 && pData[i + same] == UNWRITTEN[(phase + same) % 4]) {
-                same++;
-            }
-            if (same == 4) {
-                *pOffset = i;
-                return true;
-            }
-        }
-    }
-    return false;
+    ASAN_POISON_MEMORY_REGION(pBlock->Before, sizeof(pBlock->Before));
 }
 
 // Memory of the host or of a driver, filled with the pattern. Never fails.
@@ -91,8 +60,9 @@ void* HostAllocate(size_t bytes, const char* pKind, ULONG ulTag, PDRIVER_OBJECT 
     if (pBlock == nullptr) {
         HostBug("OUT_OF_MEMORY", "%zu bytes", bytes);
     }
-    *pBlock = {LIVE, bytes, pKind, pOwner, {nullptr, nullptr}, ulTag, false};
+    *pBlock = {LIVE, bytes, pKind, pOwner, {nullptr, nullptr}, ulTag, false, {}};
     HostFillUnwritten(pBlock->Body(), bytes + GUARD_BYTES);
+    GuardFront(pBlock);
     ASAN_POISON_MEMORY_REGION(pBlock->Body() + bytes, ((bytes + 15) & ~size_t(15)) - bytes);
     std::lock_guard<std::mutex> lock(PoolLock);
     InsertTailList(&Blocks, &pBlock->Link);
@@ -101,6 +71,7 @@ void* HostAllocate(size_t bytes, const char* pKind, ULONG ulTag, PDRIVER_OBJECT 
 
 static void FreeBlock(Block* pBlock)
 {
+    ASAN_UNPOISON_MEMORY_REGION(pBlock->Before, sizeof(pBlock->Before));
     ASAN_UNPOISON_MEMORY_REGION(pBlock->Body(), (pBlock->bytes + 15) & ~size_t(15));
     for (size_t i = 0; pBlock->ulState == FREED && i < pBlock->bytes; i++) {
         if (pBlock->Body()[i] != FREED_BYTE) {
@@ -120,8 +91,13 @@ static Block* CheckBlock(void* p, const char* pKind)
     if (pBlock->ulState != LIVE || pBlock->pKind != pKind) {
         HostBug("BAD_POOL_CALLER", "%s at %p is freed, but no such block begins there", pKind, p);
     }
+    for (size_t i = 0; GUARD_BYTES != 0 && i < sizeof(pBlock->Before); i++) {
+        if (pBlock->Before[i] != HostUnwritten[i % 4]) {
+            HostBug("BAD_POOL_HEADER", "%s at %p was written before its beginning", pKind, p);
+        }
+    }
     for (size_t i = 0; i < GUARD_BYTES; i++) {
-        if (pBlock->Body()[pBlock->bytes + i] != UNWRITTEN[(pBlock->bytes + i) % 4]) {
+        if (pBlock->Body()[pBlock->bytes + i] != HostUnwritten[(pBlock->bytes + i) % 4]) {
             HostBug("BAD_POOL_HEADER", "%s at %p (%zu bytes) was written beyond its end", pKind, p,
                     pBlock->bytes);
         }
@@ -182,45 +158,14 @@ static bool Within(const void* pThing, const void* p, size_t bytes)
     return pThing >= p && pThing < static_cast<const UCHAR*>(p) + bytes;
 }
 
-// Memory that goes away must not hold anything that the system still knows of.
-// IRQL: any. Lock: takes Lock.
-void HostCheckNoLiveThings(const void* p, size_t bytes, const char* pWhat)
+// What the system uses at DISPATCH_LEVEL must not lie in paged pool.
+// IRQL: any. Lock: takes PoolLock.
+void HostCheckNotPaged(const void* pThing, const char* pCode, const char* pCall)
 {
-    HostLock lock(g->Lock);
-    for (const auto& due : g->Due) {
-        if (due.second.pTimer != nullptr && Within(due.second.pTimer, p, bytes)) {
-            HostBug("TIMER_OR_DPC_IN_FREED_MEMORY", "%s is freed while a timer in it is set", pWhat);
-        }
-        if (due.second.pTimer != nullptr && Within(due.second.pTimer->Dpc, p, bytes)) {
-            HostBug("TIMER_OR_DPC_IN_FREED_MEMORY", "%s is freed while a timer is set for a DPC in it",
-                    pWhat);
-        }
-    }
-    for (PLIST_ENTRY pEntry = g->DpcQueue.Flink; pEntry != &g->DpcQueue; pEntry = pEntry->Flink) {
-        if (Within(pEntry, p, bytes)) {
-            HostBug("TIMER_OR_DPC_IN_FREED_MEMORY", "%s is freed while a DPC in it is queued", pWhat);
-        }
-    }
-    PKTHREAD pSelf = HostSelf();
-    for (const HostState::RunningDpc& running : g->DpcsRunning) {
-        if (running.pThread != pSelf && Within(running.pDpc, p, bytes)) {
-            HostBug("TIMER_OR_DPC_IN_FREED_MEMORY", "%s is freed while a DPC in it runs on another processor",
-                    pWhat);
-        }
-    }
-    HostForgetLocks(p, bytes);
-    for (PKTHREAD pThread : g->Threads) {
-        for (ULONG i = 0; i < pThread->ulBlocks; i++) {
-            if (Within(pThread->pBlocks[i].Object, p, bytes)) {
-                HostBug("DISPATCHER_OBJECT_IN_FREED_MEMORY",
-                        "%s is freed while thread '%s' waits for %s in it", pWhat, pThread->Name.c_str(),
-                        HostDescribeWait(pThread).c_str());
-            }
-        }
-    }
-    for (const HostState::Work& work : g->WorkQueue) {
-        if (Within(work.pIdentity, p, bytes)) {
-            HostBug("WORK_ITEM_IN_FREED_MEMORY", "%s is freed while a work item in it is queued", pWhat);
+    std::lock_guard<std::mutex> lock(PoolLock);
+    for (Block* pBlock : PagedBlocks) {
+        if (Within(pThing, pBlock->Body(), pBlock->bytes)) {
+            HostBug(pCode, "%s of an address in paged pool", pCall);
         }
     }
 }
@@ -285,6 +230,9 @@ static PVOID AllocatePool(POOL_TYPE type, SIZE_T bytes, ULONG ulTag, const char*
     if (bytes == 0) {
         HostBug("BAD_POOL_CALLER", "%s of no bytes", pCall);
     }
+    if (ulTag == 0) {
+        HostBug("BAD_POOL_CALLER", "%s with tag 0", pCall);
+    }
     if (type != PagedPool && type != NonPagedPoolNx) {
         HostBug("EXECUTABLE_POOL", "%s of executable memory: use NonPagedPoolNx", pCall);
     }
@@ -333,60 +281,4 @@ void ExFreePoolWithTag(PVOID p, ULONG ulTag)
         }
     }
     ExFreePool(p);
-}
-
-PMDL IoAllocateMdl(PVOID pAddress, ULONG ulLength, BOOLEAN, BOOLEAN, PIRP pIrp)
-{
-    HostEnter(__func__, DISPATCH_LEVEL);
-    if (HostShouldFail("mdl")) {
-        return nullptr;
-    }
-    PMDL pMdl = static_cast<PMDL>(HostAllocate(sizeof(MDL), MdlKind, 0, HostSelf()->pDriver));
-    ULONG_PTR ulAddress = reinterpret_cast<ULONG_PTR>(pAddress);
-    *pMdl = {};
-    pMdl->Size = sizeof(MDL);
-    pMdl->StartVa = reinterpret_cast<PVOID>(ulAddress & ~ULONG_PTR(PAGE_SIZE - 1));
-    pMdl->ByteOffset = static_cast<ULONG>(ulAddress & (PAGE_SIZE - 1));
-    pMdl->ByteCount = ulLength;
-    if (pIrp != nullptr) {
-        pIrp->MdlAddress = pMdl;
-    }
-    return pMdl;
-}
-
-void IoFreeMdl(PMDL pMdl)
-{
-    HostEnter(__func__, DISPATCH_LEVEL);
-    HostRelease(pMdl, MdlKind);
-}
-
-void MmBuildMdlForNonPagedPool(PMDL pMdl)
-{
-    HostEnter(__func__, DISPATCH_LEVEL);
-    pMdl->MappedSystemVa = MmGetMdlVirtualAddress(pMdl);
-    pMdl->MdlFlags |= MDL_SOURCE_IS_NONPAGED_POOL;
-}
-
-PVOID MmMapLockedPagesSpecifyCache(PMDL pMdl, KPROCESSOR_MODE mode, MEMORY_CACHING_TYPE, PVOID, ULONG,
-                                   ULONG ulPriority)
-{
-    HostEnter(__func__, mode == KernelMode ? DISPATCH_LEVEL : APC_LEVEL);
-    if (!(pMdl->MdlFlags & (MDL_PAGES_LOCKED | MDL_SOURCE_IS_NONPAGED_POOL))) {
-        HostBug("MDL_NOT_LOCKED", "MmMapLockedPagesSpecifyCache of an MDL whose pages are not locked");
-    }
-    if (!(ulPriority & MdlMappingNoExecute)) {
-        HostBug("EXECUTABLE_MDL_MAPPING", "MmMapLockedPagesSpecifyCache without MdlMappingNoExecute");
-    }
-    if (HostShouldFail("map")) {
-        return nullptr;
-    }
-    pMdl->MappedSystemVa = MmGetMdlVirtualAddress(pMdl);
-    pMdl->MdlFlags |= MDL_MAPPED_TO_SYSTEM_VA;
-    return pMdl->MappedSystemVa;
-}
-
-void MmUnmapLockedPages(PVOID, PMDL pMdl)
-{
-    HostEnter(__func__, DISPATCH_LEVEL);
-    pMdl->MdlFlags &= ~MDL_MAPPED_TO_SYSTEM_VA;
 }

@@ -118,6 +118,7 @@ NTSTATUS ZwQueryValueKey(HANDLE h, PUNICODE_STRING pName, KEY_VALUE_INFORMATION_
         return STATUS_BUFFER_TOO_SMALL;
     }
     PKEY_VALUE_PARTIAL_INFORMATION pPartial = static_cast<PKEY_VALUE_PARTIAL_INFORMATION>(pBuffer);
+    HostFillUnwritten(static_cast<UCHAR*>(pBuffer), ulLength); // what is not written is not zero
     pPartial->TitleIndex = 0;
     pPartial->Type = value.ulType;
     pPartial->DataLength = static_cast<ULONG>(value.Data.size());

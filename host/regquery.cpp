@@ -5,6 +5,9 @@
 //   up to 4 bytes   as they are
 //   longer          a negative first LONG tells the buffer's size: data only;
 //                   else: length, type, data
+//
+// Without NOEXPAND the variables in a text are replaced, and a list of texts is handed over text by text. The
+// one variable is %SystemRoot%.
 #include "core.h"
 
 static const char16_t* BaseOf(ULONG ulRelativeTo)
@@ -90,6 +93,57 @@ static std::vector<UCHAR> DefaultOf(const RTL_QUERY_REGISTRY_TABLE* pEntry, ULON
     return std::vector<UCHAR>(p, p == nullptr ? p : p + length);
 }
 
+static std::vector<UCHAR> BytesOf(const HostText& text)
+{
+    const UCHAR* p = reinterpret_cast<const UCHAR*>(text.c_str());
+    return std::vector<UCHAR>(p, p + (text.size() + 1) * sizeof(WCHAR));
+}
+
+static HostText TextOf(const std::vector<UCHAR>& data)
+{
+    HostText text(data.size() / sizeof(WCHAR), u'\0');
+    memcpy(&text[0], data.data(), text.size() * sizeof(WCHAR));
+    return text;
+}
+
+static std::vector<UCHAR> Expand(const std::vector<UCHAR>& data)
+{
+    const HostText variable = u"%SYSTEMROOT%";
+    HostText text = TextOf(data).c_str();
+    for (size_t at; (at = HostUpper(text).find(variable)) != HostText::npos;) {
+        text.replace(at, variable.size(), u"C:\\Windows");
+    }
+    return BytesOf(text);
+}
+
+// Hands one value to its variable or its routine.
+static NTSTATUS Hand(const RTL_QUERY_REGISTRY_TABLE* pEntry, ULONG ulType, std::vector<UCHAR> data,
+                     PVOID pContext, PVOID pEntryContext)
+{
+    data.reserve(1); // an empty value has an address too
+    if (pEntry->Flags & RTL_QUERY_REGISTRY_DIRECT) {
+        return StoreDirect(pEntryContext, ulType, data);
+    }
+    return pEntry->QueryRoutine(const_cast<PWSTR>(pEntry->Name), ulType, data.data(),
+                                static_cast<ULONG>(data.size()), pContext, pEntryContext);
+}
+
+// One text after the other, until an empty one; direct ones go into counted strings side by side.
+static NTSTATUS HandEach(const RTL_QUERY_REGISTRY_TABLE* pEntry, const std::vector<UCHAR>& data,
+                         PVOID pContext)
+{
+    const HostText all = TextOf(data);
+    PUCHAR pEntryContext = static_cast<PUCHAR>(pEntry->EntryContext);
+    NTSTATUS status = STATUS_SUCCESS;
+    for (size_t begin = 0; NT_SUCCESS(status) && begin < all.size() && all[begin] != 0;) {
+        const HostText one = all.c_str() + begin;
+        begin += one.size() + 1;
+        status = Hand(pEntry, REG_SZ, BytesOf(one), pContext, pEntryContext);
+        pEntryContext += pEntry->Flags & RTL_QUERY_REGISTRY_DIRECT ? sizeof(UNICODE_STRING) : 0;
+    }
+    return status;
+}
+
 static NTSTATUS QueryOne(const HostKey* pKey, const RTL_QUERY_REGISTRY_TABLE* pEntry, PVOID pContext)
 {
     HostText name = pEntry->Name == nullptr ? HostText() : HostTextOf(pEntry->Name);
@@ -117,12 +171,14 @@ static NTSTATUS QueryOne(const HostKey* pKey, const RTL_QUERY_REGISTRY_TABLE* pE
     } else if (bTypeCheck && (pEntry->Flags & RTL_QUERY_REGISTRY_DIRECT) && ulType != ulWanted) {
         return STATUS_OBJECT_TYPE_MISMATCH;
     }
-    data.reserve(1); // an empty value has an address too
-    if (pEntry->Flags & RTL_QUERY_REGISTRY_DIRECT) {
-        return StoreDirect(pEntry->EntryContext, ulType, data);
+    const bool bExpand = !(pEntry->Flags & RTL_QUERY_REGISTRY_NOEXPAND);
+    if (bExpand && ulType == REG_MULTI_SZ) {
+        return HandEach(pEntry, data, pContext);
     }
-    return pEntry->QueryRoutine(const_cast<PWSTR>(pEntry->Name), ulType, data.data(),
-                                static_cast<ULONG>(data.size()), pContext, pEntry->EntryContext);
+    if (bExpand && ulType == REG_EXPAND_SZ) {
+        return Hand(pEntry, REG_SZ, Expand(data), pContext, pEntry->EntryContext);
+    }
+    return Hand(pEntry, ulType, std::move(data), pContext, pEntry->EntryContext);
 }
 
 NTSTATUS RtlQueryRegistryValues(ULONG ulRelativeTo, PCWSTR pPath, PRTL_QUERY_REGISTRY_TABLE pTable,

@@ -15,6 +15,8 @@ PIRP IoBuildDeviceIoControlRequest(ULONG ulCode, PDEVICE_OBJECT pDevice, PVOID p
     pHost->bSystem = true;
     pHost->ulMethod = METHOD_FROM_CTL_CODE(ulCode);
     pHost->ulOutput = ulOutput;
+    pHost->ulInput = ulInput;
+    pHost->ulCode = ulCode;
     pIrp->UserIosb = pStatus;
     pIrp->UserEvent = pEvent;
     const bool bOnStack = pStatus != nullptr || pEvent != nullptr;
@@ -37,6 +39,8 @@ PIRP IoBuildDeviceIoControlRequest(ULONG ulCode, PDEVICE_OBJECT pDevice, PVOID p
     ULONG ulBuffer = bBuffered && ulOutput > ulInput ? ulOutput : ulInput;
     if (ulBuffer != 0) {
         pIrp->AssociatedIrp.SystemBuffer = HostAllocate(ulBuffer, HostIrpBufferKind, 0, nullptr);
+        pHost->ullKey =
+            HostFillOutput(static_cast<UCHAR*>(pIrp->AssociatedIrp.SystemBuffer), ulInput, ulBuffer);
         if (ulInput != 0) {
             memcpy(pIrp->AssociatedIrp.SystemBuffer, pInput, ulInput);
         }
@@ -67,14 +71,15 @@ static NTSTATUS SendAndWait(PDEVICE_OBJECT pTop, PIRP pIrp, ULONG_PTR* pInformat
         pHost->pRequester = pSelf;
         pSelf->pRequest = pIrp;
     }
-    if (IofCallDriver(pTop, pIrp) == STATUS_PENDING && pSelf->bTerminating) {
+    NTSTATUS status = HostCallDriver(pTop, pIrp);
+    if (status == STATUS_PENDING && pSelf->bTerminating) {
         HostCancelRequestOf(pSelf);
     }
     KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
     if (pInformation != nullptr) {
         *pInformation = result.Information;
     }
-    return result.Status;
+    return status == STATUS_PENDING ? result.Status : status;
 }
 
 // Sends a request of the system to the top of a stack and waits for its completion.

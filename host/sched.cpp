@@ -183,6 +183,7 @@ void HostLeave(HostLock& lock, PKTHREAD pSelf)
     PKTHREAD pNext = PickNext(lock, pSelf);
     g->pEnded = pSelf;
     Switch(lock, pSelf, pNext, true);
+    __builtin_unreachable();
 }
 
 void HostYield(HostLock& lock, PKTHREAD pSelf)

@@ -67,16 +67,22 @@ std::string HostUtf8(const HostText& text)
     return utf8;
 }
 
-WCHAR RtlUpcaseUnicodeChar(WCHAR c)
+static WCHAR Upcase(WCHAR c)
 {
     bool bLower = (c >= L'a' && c <= L'z') || (c >= 0xE0 && c <= 0xFE && c != 0xF7);
     return static_cast<WCHAR>(bLower ? c - 0x20 : c);
 }
 
+WCHAR RtlUpcaseUnicodeChar(WCHAR c)
+{
+    HostEnter(__func__, PASSIVE_LEVEL);
+    return Upcase(c);
+}
+
 HostText HostUpper(HostText text)
 {
     for (char16_t& c : text) {
-        c = static_cast<char16_t>(RtlUpcaseUnicodeChar(static_cast<WCHAR>(c)));
+        c = static_cast<char16_t>(Upcase(static_cast<WCHAR>(c)));
     }
     return text;
 }
@@ -152,11 +158,11 @@ void RtlFreeUnicodeString(PUNICODE_STRING pString)
 
 LONG RtlCompareUnicodeString(PCUNICODE_STRING pFirst, PCUNICODE_STRING pSecond, BOOLEAN bIgnoreCase)
 {
-    HostEnter(__func__, APC_LEVEL);
+    HostEnter(__func__, PASSIVE_LEVEL);
     size_t count = std::min(pFirst->Length, pSecond->Length) / sizeof(WCHAR);
     for (size_t i = 0; i < count; i++) {
-        WCHAR first = bIgnoreCase ? RtlUpcaseUnicodeChar(pFirst->Buffer[i]) : pFirst->Buffer[i];
-        WCHAR second = bIgnoreCase ? RtlUpcaseUnicodeChar(pSecond->Buffer[i]) : pSecond->Buffer[i];
+        WCHAR first = bIgnoreCase ? Upcase(pFirst->Buffer[i]) : pFirst->Buffer[i];
+        WCHAR second = bIgnoreCase ? Upcase(pSecond->Buffer[i]) : pSecond->Buffer[i];
         if (first != second) {
             return LONG(first) - LONG(second);
         }

@@ -90,11 +90,14 @@ static void RunBody(PKTHREAD pSelf)
         } catch (const NTSTATUS&) {
             // PsTerminateSystemThread unwinds to here.
         }
+        if (!pSelf->Mutexes.empty()) {
+            HostBug("THREAD_TERMINATE_HELD_MUTEX", "thread '%s' ends and owns a mutex", pSelf->Name.c_str());
+        }
     }
     pSelf->Body = nullptr;
 }
 
-static void RunFiber(void* pContext)
+__attribute__((noreturn)) static void RunFiber(void* pContext)
 {
     PKTHREAD pSelf = static_cast<PKTHREAD>(pContext);
     {

@@ -122,6 +122,7 @@ void KeInitializeTimer(PKTIMER pTimer)
 
 void KeInitializeTimerEx(PKTIMER pTimer, TIMER_TYPE type)
 {
+    HostCheckInitialise(pTimer, sizeof(KTIMER), __func__);
     HostInitHeader(&pTimer->Header, type == NotificationTimer ? 8 : 9, sizeof(KTIMER), 0);
     pTimer->DueTime.QuadPart = 0;
     pTimer->TimerListEntry = {nullptr, nullptr};

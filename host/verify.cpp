@@ -11,6 +11,13 @@ HostState* g;
 
 enum : unsigned { MOST_CALLS_UNDER_LOCK = 1000 };
 
+// The kernel's stack has 24 KB. Frames are several times as large with sanitizers or without optimisation.
+#if defined(HOST_ASAN) || defined(HOST_TSAN) || !defined(__OPTIMIZE__)
+enum : ptrdiff_t { STACK_BYTES = 5 * 24 * 1024 };
+#else
+enum : ptrdiff_t { STACK_BYTES = 24 * 1024 };
+#endif
+
 // Prints the rule's code and what broke it, then aborts.
 // IRQL: any.
 void HostBug(const char* pCode, const char* pFormat, ...)
@@ -97,6 +104,11 @@ void HostCheckIrqlAtMost(const char* pRoutine, KIRQL highest)
         HostBug("IRQL_NOT_LESS_OR_EQUAL", "%s called at IRQL %u, at most %u is allowed", pRoutine,
                 pSelf->Irql, highest);
     }
+    const UCHAR* pHere = static_cast<const UCHAR*>(__builtin_frame_address(0));
+    if (pSelf->pStackTop != nullptr && pSelf->pStackTop - pHere > STACK_BYTES) {
+        HostBug("KERNEL_STACK_OVERFLOW", "%s: drivers take %td bytes of the thread's stack", pRoutine,
+                pSelf->pStackTop - pHere);
+    }
     if (pSelf->uHeld != 0 && ++pSelf->uCallsUnderLock > MOST_CALLS_UNDER_LOCK) {
         HostBug("SPIN_LOCK_HELD_TOO_LONG", "%s: more than %u kernel calls under one spin lock", pRoutine,
                 MOST_CALLS_UNDER_LOCK);
@@ -119,24 +131,35 @@ void HostCheckIrqlIs(const char* pRoutine, KIRQL level)
 }
 
 HostDriverScope::HostDriverScope(PDRIVER_OBJECT pDriver, const char* pWhat)
-    : pThread(HostSelf()), pBefore(pThread->pDriver), pWhat(pWhat), Irql(pThread->Irql), uHeld(pThread->uHeld)
+    : pThread(HostSelf()), pBefore(pThread->pDriver), pWhat(pWhat), Irql(pThread->Irql),
+      uHeld(pThread->uHeld), mutexes(pThread->Mutexes.size()), uCriticalRegions(pThread->uCriticalRegions),
+      pStackTop(pThread->pStackTop)
 {
     if (pDriver != nullptr && (__atomic_load_n(&pDriver->Flags, __ATOMIC_RELAXED) & HOST_DRIVER_GONE)) {
         HostBug("DRIVER_UNLOADED_WITHOUT_CANCELLING_PENDING_OPERATIONS", "%s of %s runs after its unload",
                 pWhat, HostUtf8(HostServiceOf(pDriver)).c_str());
     }
     pThread->pDriver = pDriver;
+    if (pThread->pStackTop == nullptr && pDriver != nullptr) {
+        pThread->pStackTop = static_cast<const UCHAR*>(__builtin_frame_address(0));
+    }
 }
 
 HostDriverScope::~HostDriverScope()
 {
     pThread->pDriver = pBefore;
+    pThread->pStackTop = pStackTop;
     if (__atomic_load_n(&pThread->uOnStack, __ATOMIC_RELAXED) != 0) {
         HostCheckNoStackObjects(pThread, this);
     }
     if (pThread->uHeld != uHeld) {
         HostBug("SPIN_LOCK_HELD_ON_RETURN", "%s returned with %u spin locks held, entered with %u", pWhat,
                 pThread->uHeld, uHeld);
+    }
+    if (pThread->Mutexes.size() != mutexes || pThread->uCriticalRegions != uCriticalRegions) {
+        HostBug("APC_INDEX_MISMATCH",
+                "%s returned with %zu mutexes held and in %u critical regions, entered with %zu and in %u",
+                pWhat, pThread->Mutexes.size(), pThread->uCriticalRegions, mutexes, uCriticalRegions);
     }
     if (pThread->Irql != Irql) {
         HostBug("IRQL_UNEXPECTED_VALUE", "%s entered at IRQL %u and returned at %u", pWhat, Irql,

@@ -255,6 +255,7 @@ std::string HostDescribeWait(PKTHREAD pThread)
 
 void KeInitializeEvent(PRKEVENT pEvent, EVENT_TYPE type, BOOLEAN bState)
 {
+    HostCheckInitialise(pEvent, sizeof(KEVENT), __func__);
     HostInitHeader(&pEvent->Header, type == NotificationEvent ? NOTIFICATION_EVENT : SYNCHRONIZATION_EVENT,
                    sizeof(KEVENT), bState ? 1 : 0);
 }
@@ -302,6 +303,7 @@ LONG KeReadStateEvent(PRKEVENT pEvent)
 
 void HostInitializeMutex(PRKMUTEX pMutex, ULONG, const char* pName)
 {
+    HostCheckInitialise(pMutex, sizeof(KMUTANT), "KeInitializeMutex");
     HostInitHeader(&pMutex->Header, MUTANT, sizeof(KMUTANT), 1);
     InitializeListHead(&pMutex->MutantListEntry);
     {

@@ -87,6 +87,13 @@ static const Rule REQUESTS[] = {
              return CompleteWith(pIrp, STATUS_SUCCESS);
          });
      }},
+    {"ReturnedAnotherStatus", "IRP_RETURNED_STATUS_MISMATCH",
+     [](SmallSystem& system) {
+         Dispatching(system, [](PDEVICE_OBJECT, PIRP pIrp) {
+             CompleteWith(pIrp, STATUS_UNSUCCESSFUL);
+             return STATUS_SUCCESS;
+         });
+     }},
     {"CompletedAsPending", "IRP_COMPLETED_PENDING",
      [](SmallSystem& system) {
          Dispatching(system, [](PDEVICE_OBJECT, PIRP pIrp) { return CompleteWith(pIrp, STATUS_PENDING); });
@@ -146,6 +153,20 @@ static const Rule REQUESTS[] = {
      [](SmallSystem& system) {
          Dispatching(system, [](PDEVICE_OBJECT, PIRP pIrp) { return CompleteWith(pIrp, STATUS_SUCCESS, 8); });
      }},
+    {"OneByteNeverWritten", "UNINITIALISED_OUTPUT",
+     [](SmallSystem& system) {
+         hooks.Dispatch = [](PDEVICE_OBJECT, PIRP pIrp) {
+             UCHAR* p = static_cast<UCHAR*>(pIrp->AssociatedIrp.SystemBuffer);
+             for (int i = 0; i < 8; i++) {
+                 p[i] = i == 5 ? p[i] : 0xC5; // looks unwritten and is not
+             }
+             return CompleteWith(pIrp, STATUS_SUCCESS, 8);
+         };
+         UCHAR out[8];
+         for (int i = 0; i < 5; i++) {
+             system.Control(nullptr, 0, out, sizeof(out));
+         }
+     }},
     {"OutputFromFreshPool", "UNINITIALISED_OUTPUT",
      [](SmallSystem& system) {
          Dispatching(system, [](PDEVICE_OBJECT, PIRP pIrp) {
@@ -153,6 +174,29 @@ static const Rule REQUESTS[] = {
              memcpy(pIrp->AssociatedIrp.SystemBuffer, p + 3, 8);
              ExFreePool(p);
              return CompleteWith(pIrp, STATUS_SUCCESS, 8);
+         });
+     }},
+    {"NoSuchFunction", "INVALID_MAJOR_FUNCTION",
+     [](SmallSystem& system) {
+         PIRP pIrp = OwnRequest(system);
+         IoGetNextIrpStackLocation(pIrp)->MajorFunction = IRP_MJ_MAXIMUM_FUNCTION + 1;
+         IoCallDriver(system.pDevice, pIrp);
+     }},
+    {"FreedButNotAllocated", "IRP_FREED_BY_OTHER",
+     [](SmallSystem& system) {
+         Dispatching(system, [](PDEVICE_OBJECT, PIRP pIrp) {
+             IoFreeIrp(pIrp);
+             return STATUS_SUCCESS;
+         });
+     }},
+    {"RecursionWithoutEnd", "KERNEL_STACK_OVERFLOW",
+     [](SmallSystem& system) {
+         static SmallSystem* pSystem;
+         pSystem = &system;
+         Dispatching(system, [](PDEVICE_OBJECT, PIRP) {
+             PIRP pIrp = OwnRequest(*pSystem);
+             IoSetCompletionRoutine(pIrp, Keep, nullptr, TRUE, TRUE, TRUE);
+             return IoCallDriver(pSystem->pDevice, pIrp);
          });
      }},
     {"FreedInUse", "IRP_FREED_IN_USE",
@@ -176,6 +220,96 @@ static const Rule REQUESTS[] = {
      }},
 };
 RULES(Requests, REQUESTS);
+
+// --- what a driver in the middle of a stack owes a request
+
+static PDEVICE_OBJECT pLower;
+
+// A device of the small driver on top of the first; what it does with requests is the hook's.
+static void Filtering(SmallSystem& system, NTSTATUS (*pPass)(PIRP pIrp), UCHAR ucMajor, UCHAR ucMinor)
+{
+    PDEVICE_OBJECT pUpper;
+    IoCreateDevice(system.pDriver, 0, nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &pUpper);
+    pLower = IoAttachDeviceToDeviceStack(pUpper, system.pDevice);
+    hooks.Dispatch = [=](PDEVICE_OBJECT pDevice, PIRP pIrp) {
+        if (pDevice == pUpper) {
+            return pPass(pIrp);
+        }
+        PoStartNextPowerIrp(pIrp);
+        return CompleteWith(pIrp, STATUS_SUCCESS);
+    };
+    ucMajor == IRP_MJ_POWER ? HostSendPower(system.pDevice, ucMinor) : HostSendPnp(system.pDevice, ucMinor);
+}
+
+static const Rule FILTERS[] = {
+    {"CompletesPnpItself", "PNP_IRP_NOT_FORWARDED",
+     [](SmallSystem& system) {
+         Filtering(
+             system, [](PIRP pIrp) { return CompleteWith(pIrp, STATUS_SUCCESS); }, IRP_MJ_PNP,
+             IRP_MN_QUERY_REMOVE_DEVICE);
+     }},
+    {"FailsTheRemoval", "PNP_IRP_NOT_FORWARDED",
+     [](SmallSystem& system) {
+         Filtering(
+             system, [](PIRP pIrp) { return CompleteWith(pIrp, STATUS_UNSUCCESSFUL); }, IRP_MJ_PNP,
+             IRP_MN_REMOVE_DEVICE);
+     }},
+    {"SetsUpNoLocation", "IRP_NEXT_LOCATION_NOT_SET_UP",
+     [](SmallSystem& system) {
+         Filtering(
+             system, [](PIRP pIrp) { return IoCallDriver(pLower, pIrp); }, IRP_MJ_PNP, IRP_MN_STOP_DEVICE);
+     }},
+    {"SetsARoutineAndSkips", "IRP_COMPLETION_ROUTINE_SKIPPED",
+     [](SmallSystem& system) {
+         Filtering(
+             system,
+             [](PIRP pIrp) {
+                 IoSetCompletionRoutine(pIrp, Keep, nullptr, TRUE, TRUE, TRUE);
+                 IoSkipCurrentIrpStackLocation(pIrp);
+                 return IoCallDriver(pLower, pIrp);
+             },
+             IRP_MJ_PNP, IRP_MN_STOP_DEVICE);
+     }},
+    {"SkipsAndSetsARoutine", "IRP_COMPLETION_ROUTINE_SKIPPED",
+     [](SmallSystem& system) {
+         Filtering(
+             system,
+             [](PIRP pIrp) {
+                 IoSkipCurrentIrpStackLocation(pIrp);
+                 IoSetCompletionRoutine(pIrp, Keep, nullptr, TRUE, TRUE, TRUE);
+                 return IoCallDriver(pLower, pIrp);
+             },
+             IRP_MJ_PNP, IRP_MN_STOP_DEVICE);
+     }},
+    {"PowerByIoCallDriver", "DRIVER_POWER_STATE_FAILURE",
+     [](SmallSystem& system) {
+         Filtering(
+             system,
+             [](PIRP pIrp) {
+                 PoStartNextPowerIrp(pIrp);
+                 IoSkipCurrentIrpStackLocation(pIrp);
+                 return IoCallDriver(pLower, pIrp);
+             },
+             IRP_MJ_POWER, IRP_MN_SET_POWER);
+     }},
+    {"NextPowerNotStarted", "DRIVER_POWER_STATE_FAILURE",
+     [](SmallSystem& system) {
+         Filtering(
+             system,
+             [](PIRP pIrp) {
+                 IoSkipCurrentIrpStackLocation(pIrp);
+                 return PoCallDriver(pLower, pIrp);
+             },
+             IRP_MJ_POWER, IRP_MN_SET_POWER);
+     }},
+    {"PowerCompletedAndNextNotStarted", "DRIVER_POWER_STATE_FAILURE",
+     [](SmallSystem& system) {
+         Filtering(
+             system, [](PIRP pIrp) { return CompleteWith(pIrp, STATUS_UNSUCCESSFUL); }, IRP_MJ_POWER,
+             IRP_MN_QUERY_POWER);
+     }},
+};
+RULES(Filters, FILTERS);
 
 // --- what a stop tells of a request
 

@@ -44,6 +44,7 @@ static const Leak LEAKS[] = {
     {"Interface", "device interface",
      [](PDEVICE_OBJECT pDevice) {
          UNICODE_STRING link;
+         pDevice->Flags |= DO_BUS_ENUMERATED_DEVICE;
          IoRegisterDeviceInterface(pDevice, &CLASS, nullptr, &link);
          IoSetDeviceInterfaceState(&link, TRUE);
          RtlFreeUnicodeString(&link);

@@ -107,6 +107,42 @@ static const Rule LEVELS[] = {
              KeSetEvent(&system.Extension()->Event, 0, FALSE);
          }
      }},
+    {"UpcaseAtDispatch", "IRQL_NOT_LESS_OR_EQUAL",
+     [](SmallSystem&) {
+         Raise();
+         RtlUpcaseUnicodeChar(L'a');
+     }},
+    {"CompareAtApc", "IRQL_NOT_LESS_OR_EQUAL",
+     [](SmallSystem&) {
+         UNICODE_STRING text = Str(L"a");
+         KfRaiseIrql(APC_LEVEL);
+         RtlCompareUnicodeString(&text, &text, TRUE);
+     }},
+    {"LockThatNobodyGivesBack", "SPIN_LOCK_DEADLOCK",
+     [](SmallSystem& system) {
+         system.End();
+         SmallSystem seeded(HostSimulated, "", "", 1);
+         first = 1; // never initialised
+         TakeFirst();
+     }},
+    {"MutexKeptByDispatch", "APC_INDEX_MISMATCH",
+     [](SmallSystem& system) {
+         static KMUTEX mutex;
+         KeInitializeMutex(&mutex, 0);
+         InDriver(system, [](PDEVICE_OBJECT) {
+             KeWaitForSingleObject(&mutex, Executive, KernelMode, FALSE, nullptr);
+         });
+     }},
+    {"MutexKeptByAThreadThatEnds", "THREAD_TERMINATE_HELD_MUTEX",
+     [](SmallSystem&) {
+         static KMUTEX mutex;
+         KeInitializeMutex(&mutex, 0);
+         HostJoinThread(
+             HostStartThread([] { KeWaitForSingleObject(&mutex, Executive, KernelMode, FALSE, nullptr); }));
+     }},
+    {"CriticalRegionLeftOpen", "APC_INDEX_MISMATCH",
+     [](SmallSystem& system) { InDriver(system, [](PDEVICE_OBJECT) { KeEnterCriticalRegion(); }); }},
+    {"CriticalRegionLeftTwice", "APC_INDEX_MISMATCH", [](SmallSystem&) { KeLeaveCriticalRegion(); }},
     {"DispatchKeepsALock", "SPIN_LOCK_HELD_ON_RETURN",
      [](SmallSystem& system) {
          hooks.Dispatch = [](PDEVICE_OBJECT, PIRP pIrp) {

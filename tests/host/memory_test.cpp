@@ -72,7 +72,64 @@ static const Rule MEMORY[] = {
          MmBuildMdlForNonPagedPool(pMdl);
          MmMapLockedPagesSpecifyCache(pMdl, KernelMode, MmCached, nullptr, FALSE, NormalPagePriority);
      }},
+    {"TagOfZeros", "BAD_POOL_CALLER", [](SmallSystem&) { ExAllocatePoolWithTag(NonPagedPoolNx, 8, 0); }},
+    {"MutexInFreedPool", "DISPATCHER_OBJECT_IN_FREED_MEMORY",
+     [](SmallSystem&) {
+         PKMUTEX pMutex = static_cast<PKMUTEX>(Pool(sizeof(KMUTEX)));
+         KeInitializeMutex(pMutex, 0);
+         KeWaitForSingleObject(pMutex, Executive, KernelMode, FALSE, nullptr);
+         ExFreePool(pMutex);
+     }},
+    {"EventInPagedPool", "DISPATCHER_OBJECT_IN_PAGED_POOL",
+     [](SmallSystem&) {
+         PVOID p = ExAllocatePoolWithTag(PagedPool, sizeof(KEVENT), 1);
+         KeInitializeEvent(static_cast<PKEVENT>(p), NotificationEvent, FALSE);
+     }},
+    {"TimerInitialisedWhileSet", "TIMER_OR_DPC_INVALID",
+     [](SmallSystem&) {
+         InPool* p = Things();
+         KeSetTimer(&p->Timer, Ms(1), nullptr);
+         KeInitializeTimer(&p->Timer);
+     }},
+    {"DpcInitialisedWhileQueued", "TIMER_OR_DPC_INVALID",
+     [](SmallSystem&) {
+         InPool* p = Things();
+         Raise();
+         KeInsertQueueDpc(&p->Dpc, nullptr, nullptr);
+         KeInitializeDpc(&p->Dpc, Nothing, nullptr);
+     }},
+    {"EventInitialisedWhileAwaited", "DISPATCHER_OBJECT_IN_USE",
+     [](SmallSystem&) {
+         InPool* p = Things();
+         HostStartThread([=] { KeWaitForSingleObject(&p->Event, Executive, KernelMode, FALSE, nullptr); });
+         HostSettle();
+         KeInitializeEvent(&p->Event, NotificationEvent, FALSE);
+     }},
+    {"MdlOverPagedPool", "MDL_OVER_PAGED_POOL",
+     [](SmallSystem&) {
+         PVOID p = ExAllocatePoolWithTag(PagedPool, 64, 1);
+         MmBuildMdlForNonPagedPool(IoAllocateMdl(static_cast<UCHAR*>(p) + 8, 8, FALSE, FALSE, nullptr));
+     }},
+    {"MdlMappedUnlocked", "MDL_NOT_LOCKED",
+     [](SmallSystem&) {
+         PMDL pMdl = IoAllocateMdl(Pool(), 8, FALSE, FALSE, nullptr);
+         MmGetSystemAddressForMdlSafe(pMdl, NormalPagePriority | MdlMappingNoExecute);
+     }},
+    {"MdlUnmappedTwice", "SYSTEM_PTE_MISUSE",
+     [](SmallSystem&) {
+         PMDL pMdl = IoAllocateMdl(Pool(), 8, FALSE, FALSE, nullptr);
+         pMdl->MdlFlags |= MDL_PAGES_LOCKED;
+         PVOID p = MmGetSystemAddressForMdlSafe(pMdl, NormalPagePriority | MdlMappingNoExecute);
+         MmUnmapLockedPages(p, pMdl);
+         MmUnmapLockedPages(p, pMdl);
+     }},
 #if !defined(UNDER_ASAN)
+    {"WrittenBeforeItsBeginning", "BAD_POOL_HEADER",
+     [](SmallSystem&) {
+         UCHAR* p = static_cast<UCHAR*>(Pool());
+         p[-1] = 0;
+         ExFreePool(p);
+     }},
     {"WrittenAfterItWasFreed", "FREED_MEMORY_WRITTEN",
      [](SmallSystem&) {
          UCHAR* p = static_cast<UCHAR*>(Pool());
@@ -141,6 +198,36 @@ TEST(PagedMemory, CannotBeTouchedAtDispatchLevel)
             p[0] = 2;
         },
         "use-after-poison");
+}
+
+// Pool memory, a device's extension, a request's buffer: the bytes in front belong to nobody.
+TEST(MemoryInFront, CannotBeTouched)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    for (int iDistance : {1, 8}) {
+        EXPECT_DEATH(
+            {
+                SmallSystem system;
+                (void)static_cast<volatile UCHAR*>(Pool())[-iDistance];
+            },
+            "use-after-poison");
+        EXPECT_DEATH(
+            {
+                SmallSystem system;
+                static_cast<volatile UCHAR*>(system.pDevice->DeviceExtension)[-iDistance] = 0;
+            },
+            "use-after-poison");
+        EXPECT_DEATH(
+            {
+                SmallSystem system;
+                hooks.Dispatch = [=](PDEVICE_OBJECT, PIRP pIrp) {
+                    (void)static_cast<volatile UCHAR*>(pIrp->AssociatedIrp.SystemBuffer)[-iDistance];
+                    return CompleteWith(pIrp, STATUS_SUCCESS);
+                };
+                system.Control("in", 2);
+            },
+            "use-after-poison");
+    }
 }
 
 TEST(FreedMemory, CannotBeTouched)

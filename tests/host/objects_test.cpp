@@ -139,6 +139,30 @@ static const Rule OBJECTS[] = {
          };
          HostAddDevice(system.pDriver, system.pDevice);
      }},
+    {"WaitForNoEvent", "BAD_EVENT_HANDLE",
+     [](SmallSystem&) { HostWaitEvent(reinterpret_cast<HANDLE>(0x1234), 0); }},
+    {"SetAndWait", "KE_SET_EVENT_WAIT",
+     [](SmallSystem& system) {
+         KeInitializeEvent(&system.Extension()->Event, NotificationEvent, FALSE);
+         KeSetEvent(&system.Extension()->Event, 0, TRUE);
+     }},
+    {"WaitForTooMany", "MAXIMUM_WAIT_OBJECTS_EXCEEDED",
+     [](SmallSystem& system) {
+         PVOID objects[THREAD_WAIT_OBJECTS + 1] = {system.Extension()};
+         KeWaitForMultipleObjects(THREAD_WAIT_OBJECTS + 1, objects, WaitAny, Executive, KernelMode, FALSE,
+                                  nullptr, nullptr);
+     }},
+    {"InterfaceOfADeviceOfNoBus", "PNP_DETECTED_FATAL_ERROR",
+     [](SmallSystem& system) {
+         static const GUID CLASS = {1, 2, 3, {4}};
+         UNICODE_STRING link;
+         IoRegisterDeviceInterface(Second(system), &CLASS, nullptr, &link);
+     }},
+    {"PropertyOfADeviceOfNoBus", "PNP_DETECTED_FATAL_ERROR",
+     [](SmallSystem& system) {
+         ULONG ulLength;
+         IoGetDeviceProperty(Second(system), DevicePropertyHardwareID, 0, nullptr, &ulLength);
+     }},
     {"HandleNotOpen", "INVALID_KERNEL_HANDLE",
      [](SmallSystem& system) {
          InDriver(system, [](PDEVICE_OBJECT) { ZwClose(reinterpret_cast<HANDLE>(0x1234)); });

@@ -1,5 +1,5 @@
 // pnp_test.cpp - interfaces, their notifications, device properties.
-#include "driver.h"
+#include "rules.h"
 
 #include <vector>
 
@@ -32,6 +32,7 @@ TEST_P(PnpModes, InterfacesComeAndGoAndAreTold)
                                        system.pDriver, Tell, const_cast<char*>(pName), ppEntry);
     };
     listen(0, "early", &pEarly);
+    system.pDevice->Flags |= DO_BUS_ENUMERATED_DEVICE;
     ASSERT_EQ(STATUS_SUCCESS, IoRegisterDeviceInterface(system.pDevice, &CLASS, nullptr, &link));
     EXPECT_NE(std::string::npos, Narrow(&link).find("{3b7e91c4-5a2d-4f60-9c1e-7d84a2f0b613}"));
     EXPECT_EQ(STATUS_SUCCESS, IoSetDeviceInterfaceState(&link, TRUE));
@@ -55,6 +56,7 @@ TEST_P(PnpModes, InterfacesComeAndGoAndAreTold)
 TEST(Pnp, DevicePropertiesTellTheirLength)
 {
     SmallSystem system;
+    system.pDevice->Flags |= DO_BUS_ENUMERATED_DEVICE;
     ULONG ulLength;
     UCHAR buffer[4];
     EXPECT_EQ(STATUS_OBJECT_NAME_NOT_FOUND,
@@ -75,6 +77,7 @@ TEST(Pnp, ANotificationCanComeAfterItsRegistrationWent)
         HostOptions options;
         options.bLateNotifications = bLate;
         SmallSystem system(options);
+        system.pDevice->Flags |= DO_BUS_ENUMERATED_DEVICE;
         told.clear();
         static UNICODE_STRING link;
         static PVOID pEntry;
@@ -93,4 +96,43 @@ TEST(Pnp, ANotificationCanComeAfterItsRegistrationWent)
         EXPECT_EQ(0u, system.Stop());
         EXPECT_EQ(bLate ? (std::vector<std::string>{"x+", "x-"}) : std::vector<std::string>(), told);
     }
+}
+
+// Within its own registration there is nothing yet to take back; in a later call of the callback there is.
+TEST(Pnp, ACallbackCanTakeItsRegistrationBack)
+{
+    static PVOID pEntry;
+    static PDRIVER_NOTIFICATION_CALLBACK_ROUTINE pRoutine = [](PVOID pRecord, PVOID pContext) -> NTSTATUS {
+        IoUnregisterPlugPlayNotification(pEntry);
+        return Tell(pRecord, pContext);
+    };
+    auto listen = [](SmallSystem& system, ULONG ulFlags) {
+        IoRegisterPlugPlayNotification(EventCategoryDeviceInterfaceChange, ulFlags, const_cast<GUID*>(&CLASS),
+                                       system.pDriver, pRoutine, const_cast<char*>("x"), &pEntry);
+    };
+    auto publish = [](SmallSystem& system) {
+        UNICODE_STRING link;
+        system.pDevice->Flags |= DO_BUS_ENUMERATED_DEVICE;
+        IoRegisterDeviceInterface(system.pDevice, &CLASS, nullptr, &link);
+        IoSetDeviceInterfaceState(&link, TRUE);
+        return link;
+    };
+    {
+        SmallSystem system;
+        told.clear();
+        listen(system, 0);
+        UNICODE_STRING link = publish(system);
+        IoSetDeviceInterfaceState(&link, FALSE);
+        HostSettle();
+        EXPECT_EQ((std::vector<std::string>{"x+"}), told);
+        RtlFreeUnicodeString(&link);
+    }
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            SmallSystem system;
+            publish(system);
+            listen(system, PNPNOTIFY_DEVICE_INTERFACE_INCLUDE_EXISTING_INTERFACES);
+        },
+        "HOST STOP NOTIFICATION_NOT_REGISTERED:");
 }

@@ -218,6 +218,42 @@ TEST(Registry, DirectQueries)
     EXPECT_EQ(STATUS_BUFFER_TOO_SMALL, QueryDirect(L"Bytes", bytes, 0, REG_NONE, nullptr, 0));
 }
 
+static std::string handed;
+
+static NTSTATUS NTAPI NoteText(PWSTR, ULONG ulType, PVOID pData, ULONG ulLength, PVOID, PVOID)
+{
+    UNICODE_STRING text = {static_cast<USHORT>(ulLength), static_cast<USHORT>(ulLength),
+                           static_cast<PWCH>(pData)};
+    handed += std::to_string(ulType) + Narrow(&text).c_str() + ";";
+    return STATUS_SUCCESS;
+}
+
+TEST(Registry, TextsAreExpandedAndListsAreTakenApartUnlessAskedNotTo)
+{
+    SmallSystem system;
+    UNICODE_STRING path = Str(L"\\Registry\\Machine\\Software\\Small");
+    OBJECT_ATTRIBUTES attributes = Named(path);
+    HANDLE hKey;
+    ASSERT_EQ(STATUS_SUCCESS, ZwCreateKey(&hKey, KEY_WRITE, &attributes, 0, nullptr, 0, nullptr));
+    static WCHAR szPath[] = L"%systemroot%\\x%y%";
+    static WCHAR szList[] = L"one\0two\0";
+    UNICODE_STRING names[] = {Str(L"Path"), Str(L"List")};
+    ZwSetValueKey(hKey, &names[0], 0, REG_EXPAND_SZ, szPath, sizeof(szPath));
+    ZwSetValueKey(hKey, &names[1], 0, REG_MULTI_SZ, szList, sizeof(szList));
+    ZwClose(hKey);
+    handed.clear();
+    for (ULONG ulFlags : {0u, static_cast<ULONG>(RTL_QUERY_REGISTRY_NOEXPAND)}) {
+        RTL_QUERY_REGISTRY_TABLE table[3] = {};
+        for (int i = 0; i < 2; i++) {
+            table[i].QueryRoutine = NoteText;
+            table[i].Flags = ulFlags;
+            table[i].Name = names[i].Buffer;
+        }
+        EXPECT_EQ(STATUS_SUCCESS, RtlQueryRegistryValues(0, path.Buffer, table, nullptr, nullptr));
+    }
+    EXPECT_EQ("1C:\\Windows\\x%y%;1one;1two;2%systemroot%\\x%y%;7one;", handed);
+}
+
 TEST(Registry, DirectTextIsBoundedByItsCapacity)
 {
     SmallSystem system(HostSimulated, SEED); // Text is `a "b" \c`: 8 characters, 18 bytes with its NUL

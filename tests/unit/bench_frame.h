@@ -56,7 +56,8 @@ inline NTSTATUS Send(PDEVICE_OBJECT pDevice, UCHAR ucMajor, UCHAR ucMinor, ULONG
         return STATUS_MORE_PROCESSING_REQUIRED;
     };
     IoSetCompletionRoutine(pIrp, pKeep, nullptr, TRUE, TRUE, TRUE);
-    const NTSTATUS status = IoCallDriver(pDevice, pIrp);
+    const NTSTATUS status =
+        ucMajor == IRP_MJ_POWER ? PoCallDriver(pDevice, pIrp) : IoCallDriver(pDevice, pIrp);
     EXPECT_EQ(status, pIrp->IoStatus.Status);
     *pulInformation = pIrp->IoStatus.Information;
     IoFreeIrp(pIrp);

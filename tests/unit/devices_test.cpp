@@ -42,7 +42,8 @@ NTSTATUS Send(PDEVICE_OBJECT pDevice, UCHAR ucMajor, UCHAR ucMinor, ULONG ulCode
     };
     bool bCompleted = false;
     IoSetCompletionRoutine(pIrp, pKeep, &bCompleted, TRUE, TRUE, TRUE);
-    const NTSTATUS status = IoCallDriver(pDevice, pIrp);
+    const NTSTATUS status =
+        ucMajor == IRP_MJ_POWER ? PoCallDriver(pDevice, pIrp) : IoCallDriver(pDevice, pIrp);
     EXPECT_TRUE(bCompleted) << +ucMajor;
     EXPECT_EQ(status, pIrp->IoStatus.Status) << +ucMajor;
     EXPECT_EQ(0u, pIrp->IoStatus.Information) << +ucMajor;

@@ -1,0 +1,91 @@
+// unwritten.cpp - memory that nobody wrote, and how it is known again in what leaves a driver.
+//
+//   pool memory       one pattern of four bytes; four in a row of it, wherever they went
+//   a request's       bytes that a key of this request makes: one unwritten byte is known by its place. By chance
+//   system buffer     any byte looks so once in 256 times, so each place of each request's output collects points,
+//                     as many as unwritten bytes stand together there, until a written one ends it; five stop the
+//                     run: five such bytes at once, or one of them five times running
+//
+// What is written by a driver but comes from an unwritten variable of its stack is not seen.
+#include "core.h"
+
+const UCHAR HostUnwritten[4] = {0xC5, 0x3A, 0x96, 0xE1};
+
+enum : unsigned { ENOUGH_POINTS = 5 };
+
+void HostFillUnwritten(UCHAR* pData, size_t bytes)
+{
+    size_t written = bytes < sizeof HostUnwritten ? bytes : sizeof HostUnwritten;
+    memcpy(pData, HostUnwritten, written);
+    while (written < bytes) { // what is there already, as often as it fits
+        size_t more = written < bytes - written ? written : bytes - written;
+        memcpy(pData + written, pData, more);
+        written += more;
+    }
+}
+
+// Looks for four bytes in a row of the pattern, wherever it begins.
+bool HostFindUnwritten(const UCHAR* pData, size_t bytes, size_t* pOffset)
+{
+    for (size_t i = 0; i + 4 <= bytes; i++) {
+        for (size_t phase = 0; phase < 4; phase++) {
+            size_t same = 0;
+            while (same < 4 && pData[i + same] == HostUnwritten[(phase + same) % 4]) {
+                same++;
+            }
+            if (same == 4) {
+                *pOffset = i;
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+static UCHAR KeyByte(ULONGLONG ullKey, size_t i)
+{
+    return static_cast<UCHAR>((ullKey >> (i % 8 * 8)) + i * 167);
+}
+
+// Fills a system buffer behind its input. Result: the key by which its bytes are known again.
+ULONGLONG HostFillOutput(UCHAR* pData, size_t begin, size_t end)
+{
+    static ULONGLONG ullRequests;
+    ULONGLONG ullKey = __atomic_add_fetch(&ullRequests, 1, __ATOMIC_RELAXED) * 0x9e3779b97f4a7c15;
+    ullKey = (ullKey ^ (ullKey >> 30)) * 0xbf58476d1ce4e5b9;
+    ullKey ^= ullKey >> 27;
+    for (size_t i = begin; i < end; i++) {
+        pData[i] = KeyByte(ullKey, i);
+    }
+    return ullKey;
+}
+
+// Looks at an output of the request with this code; what lies before `begin` was input.
+bool HostFindUnwrittenOutput(ULONG ulCode, ULONGLONG ullKey, const UCHAR* pData, size_t begin, size_t end,
+                             size_t* pOffset)
+{
+    static std::mutex lock;
+    static std::map<ULONG, std::vector<UCHAR>> pointsByCode;
+    std::lock_guard<std::mutex> scope(lock);
+    std::vector<UCHAR>& points = pointsByCode[ulCode];
+    points.resize(points.size() > end ? points.size() : end);
+    for (size_t i = begin; i < end;) {
+        size_t after = i;
+        while (after < end && pData[after] == KeyByte(ullKey, after)) {
+            after++;
+        }
+        if (after == i) {
+            points[i++] = 0;
+            continue;
+        }
+        for (size_t together = after - i; i < after; i++) {
+            if (points[i] + together >= ENOUGH_POINTS) {
+                *pOffset = i;
+                points.clear();
+                return true;
+            }
+            points[i] = static_cast<UCHAR>(points[i] + together);
+        }
+    }
+    return false;
+}
