@@ -3,6 +3,7 @@
 
 #include "core.h"
 
+#include <cstdlib>
 #include <dlfcn.h>
 #include <sys/mman.h>
 #include <ucontext.h>
@@ -88,6 +89,7 @@ static HostFiber* pLeft; // the one that was running before
     HostFiber* pSelf = reinterpret_cast<HostFiber*>(static_cast<size_t>(uHigh) << 32 | uLow);
     Arrive(pSelf, pLeft);
     pSelf->pEntry(pSelf->pContext);
+    abort();
 }
 
 HostFiber* HostCallerFiber()

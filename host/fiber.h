@@ -7,7 +7,7 @@
 #include <cstddef>
 
 struct HostFiber;
-typedef void HostFiberEntry(void* pContext) __attribute__((noreturn));
+typedef void HostFiberEntry(void* pContext); // does not return
 
 HostFiber* HostCallerFiber(); // stands for the calling thread's own stack
 HostFiber* HostNewFiber(size_t stackBytes, HostFiberEntry* pEntry, void* pContext);

@@ -290,6 +290,7 @@ TEST_F(LogInFile, OverflowIsTold)
             LogPrintf(1, 0, "%s", line.c_str());
             expected += line + "\r\n";
         }
+        LogHexDump("without a place", 3, "abc");
         KeLowerIrql(oldIrql);
         HostSettle();
         LogPrintf(1, 0, "after");

@@ -206,10 +206,15 @@ TEST_F(TraceTest, WhatTheKeyboardSaysOfItself)
         FilterIrp request(Filter(), &urb);
         EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 0), URB_PASS);
     }
+    urb.UrbSelectConfiguration.Interface.Protocol = 3;
+    FilterIrp request(Filter(), &urb);
+    EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 0), URB_PASS);
     EXPECT_EQ(Listener.Take({"Deconfigured", "ConfigurationSelected"}),
               (Lines{"Deconfigured keyboard=0 completed=1", "Deconfigured keyboard=0 completed=1",
                      "ConfigurationSelected keyboard=0 completed=0 interface=0 alternate=0 class=0x0 "
-                     "subClass=0x0 protocol=Mouse pipes=0"}))
+                     "subClass=0x0 protocol=Mouse pipes=0",
+                     "ConfigurationSelected keyboard=0 completed=0 interface=0 alternate=0 class=0x0 "
+                     "subClass=0x0 protocol=Reserved pipes=0"}))
         << "as far as the URB reaches";
 }
 
