@@ -31,6 +31,7 @@ Status Channel::Open() const
     uint32_t ulStatus = System() != nullptr ? System()->Open() : Status::NotOpen;
     if (System() != nullptr) {
         m_Shared->bOpen = Status(ulStatus).Ok();
+        m_Shared->ulOpenings++;
     }
     return {ulStatus, 0, "opening the driver"};
 }
@@ -43,10 +44,33 @@ void Channel::Close() const
     }
 }
 
-Status Channel::Send(uint32_t ulCode, const Bytes& in, std::vector<uint8_t>* pOut) const
+Channel Channel::Bound() const
+{
+    Channel bound = *this;
+    bound.m_ulOpening = m_Shared != nullptr ? m_Shared->ulOpenings : 0;
+    return bound;
+}
+
+Channel Channel::Free() const
+{
+    Channel free = *this;
+    free.m_ulOpening = 0;
+    return free;
+}
+
+uint32_t Channel::Readiness() const
 {
     if (!IsOpen()) {
-        return {Status::NotOpen, ulCode};
+        return Status::NotOpen;
+    }
+    bool bStale = m_ulOpening != 0 && m_ulOpening != m_Shared->ulOpenings;
+    return bStale ? Status::OpenedAnew : Status::Success;
+}
+
+Status Channel::Send(uint32_t ulCode, const Bytes& in, std::vector<uint8_t>* pOut) const
+{
+    if (uint32_t ulWhy = Readiness()) {
+        return {ulWhy, ulCode};
     }
     auto ulOut = static_cast<uint32_t>(pOut->size());
     uint32_t ulReported = 0;
@@ -58,8 +82,8 @@ Status Channel::Send(uint32_t ulCode, const Bytes& in, std::vector<uint8_t>* pOu
 Status Channel::SendRecord(uint32_t ulCode, uint32_t ulIndex, const Bytes& payload,
                            std::vector<uint8_t>* pOut) const
 {
-    if (!IsOpen()) {
-        return Status::OfRequest(Status::NotOpen, ulCode, ulIndex);
+    if (uint32_t ulWhy = Readiness()) {
+        return Status::OfRequest(ulWhy, ulCode, ulIndex);
     }
     std::vector<uint8_t> in = System()->Is32() ? BuildRecord<ControlRequest32>(ulIndex, payload)
                                                : BuildRecord<ControlRequest64>(ulIndex, payload);

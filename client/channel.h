@@ -5,7 +5,8 @@
 //   Event  ─┘
 //
 // Copies speak through the same transport, which lives as long as one of them does. A channel that was moved
-// from, or whose driver is closed, answers NotOpen without sending.
+// from, or whose driver is closed, answers NotOpen without sending; one that was bound to an opening answers
+// OpenedAnew after the next, as the driver may have been loaded anew and have given its indexes to others.
 #pragma once
 
 #include <memory>
@@ -32,6 +33,9 @@ public:
     Status Open() const;
     void Close() const;
     bool IsOpen() const { return m_Shared != nullptr && m_Shared->bOpen; }
+    // This channel for the present opening alone, or for all.
+    Channel Bound() const;
+    Channel Free() const;
     // The transport, for events; null when moved from.
     Transport* System() const { return m_Shared != nullptr ? m_Shared->pTransport.get() : nullptr; }
 
@@ -62,6 +66,7 @@ private:
     struct Shared {
         std::unique_ptr<Transport> pTransport;
         bool bOpen = false;
+        uint32_t ulOpenings = 0;
     };
 
     template <class T>
@@ -75,7 +80,11 @@ private:
     }
     static bool Copy(const std::vector<uint8_t>& out, void* pTo, size_t length);
 
+    // Success when a request may be sent.
+    uint32_t Readiness() const;
+
     std::shared_ptr<Shared> m_Shared;
+    uint32_t m_ulOpening = 0; // 0: any
 };
 
 template <class T> Bytes BytesOf(const T& value)

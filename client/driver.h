@@ -5,9 +5,9 @@
 //   tvusb::Result<tvusb::Keyboard> keyboard = driver.FindOnly();
 //
 // The control device exists while a keyboard is started. When the last one is pulled out every listener ends with
-// KeyboardGone: Close, and try Open again until a keyboard is back; the objects made before speak through the new
-// handle then. Who must be told before the keyboard is gone registers an event (RegisterApplicationEvent): the driver
-// waits up to 5 seconds for all handles to be closed.
+// KeyboardGone: Close, and try Open again until a keyboard is back, then FindAgain. Who must be told before the
+// keyboard is gone registers an event (RegisterApplicationEvent): the driver waits up to 5 seconds for all handles to
+// be closed.
 #pragma once
 
 #include "client/keyboard.h"
@@ -58,7 +58,7 @@ public:
     Result<uint32_t> FindKeyboardIndex(const std::u16string& Name) const;
 
     // The names of the keyboards' interfaces, as the system tells them: what FindByName takes. Empty when it cannot
-    // tell any.
+    // tell any. Who wants to be told of arrivals asks the system for those of KeyboardInterfaceClass (transport.h).
     Result<std::vector<std::u16string>> ListNames() const;
 
     // The ways to a keyboard. All fail with NoSuchKeyboard when there is none.

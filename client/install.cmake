@@ -1,5 +1,5 @@
 # What `cmake --install BUILD --prefix FOLDER --component client` brings to whoever writes applications: headers,
-# libraries, a CMake package (find_package(tvusb), tvusb::client) and pkg-config files (tvusb-client). Outside
+# libraries, samples, a CMake package (find_package(tvusb), tvusb::client) and pkg-config files (tvusb-client). Outside
 # Windows also the stand, which gives an application a driver with an emulated keyboard (tvusb::stand, tvusb-stand).
 # Nothing of it names the folder, so it may be moved.
 include(CMakePackageConfigHelpers)
@@ -44,6 +44,8 @@ else()
         tvusb-sys tvusb-host pthread)
 endif()
 install(FILES ${headers} DESTINATION ${TVUSB_INCLUDE}/client COMPONENT client)
+install(FILES LICENSE docs/requests.md samples/hotkey_listener.cpp samples/eeprom_backup.cpp
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tvusb COMPONENT client)
 install(FILES ${CMAKE_SOURCE_DIR}/sys/control/requests.h DESTINATION ${TVUSB_INCLUDE}/sys/control COMPONENT client)
 
 configure_package_config_file(${CMAKE_SOURCE_DIR}/client/tvusb-config.cmake.in ${CMAKE_BINARY_DIR}/tvusb-config.cmake

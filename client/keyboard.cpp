@@ -46,9 +46,9 @@ Status Keyboard::FindAgain()
     if (!m_Channel.IsOpen()) {
         return {Status::NotOpen, 0, "keyboard " + std::to_string(m_ulIndex)};
     }
-    auto found = m_Name.empty() ? FindListed(m_Channel, m_ulIndex) : FindName(m_Channel, m_Name);
+    auto found = m_Name.empty() ? FindListed(m_Channel, m_ulIndex) : FindName(m_Channel.Free(), m_Name);
     if (found) {
-        m_ulIndex = found->m_ulIndex;
+        *this = std::move(*found);
     }
     return found.Error();
 }
@@ -103,7 +103,8 @@ Status Keyboard::InsertPackets(const std::vector<FifoEntry>& reports, bool bWait
     return m_Channel.SendRecord(IOCTL_TVUSB_INSERT_PACKETS, m_ulIndex, BytesOf(payload));
 }
 
-// As many at a time as the driver's queue holds.
+// As many at a time as the driver's queue holds, which drops what does not fit: what was inserted before is let run out
+// first, behind a report that lets go of everything.
 Status Keyboard::TypeText(const std::string& text) const
 {
     std::vector<FifoEntry> reports;
@@ -117,7 +118,7 @@ Status Keyboard::TypeText(const std::string& text) const
         reports.push_back(MakeReport({press->begin(), press->end()}));
         reports.push_back(MakeReport(std::vector<uint8_t>(press->size())));
     }
-    Status status;
+    Status status = reports.empty() ? Status() : InsertPackets({reports[1]}, true);
     for (size_t at = 0; status.Ok() && at < reports.size(); at += QUEUE_REPORTS) {
         size_t end = std::min(at + QUEUE_REPORTS, reports.size());
         status = InsertPackets({reports.begin() + at, reports.begin() + end}, true);

@@ -3,8 +3,9 @@
 //
 // A Keyboard is a small value: the driver's index and the name of the keyboard's device interface, by which the
 // system tells it from its like. When the keyboard is plugged in again it has a new index, no definitions and no
-// event: FindAgain, then set it up anew. Every call fails with Unsuccessful while no keyboard has the index, with NotOpen when the driver is not
-// open. Calls may come from several threads; one that waits holds off no other.
+// event: FindAgain, then set it up anew. Every call fails with Unsuccessful while no keyboard has the index, with
+// NotOpen when the driver is not open, with OpenedAnew when it was since the keyboard was found. Calls may come
+// from several threads; one that waits holds off no other.
 #pragma once
 
 #include <string>
@@ -41,8 +42,8 @@ class Keyboard
 {
 public:
     Keyboard() = default; // of no driver
-    Keyboard(Channel channel, uint32_t ulIndex, std::u16string Name)
-        : m_Channel(std::move(channel)), m_ulIndex(ulIndex), m_Name(std::move(Name))
+    Keyboard(const Channel& channel, uint32_t ulIndex, std::u16string Name)
+        : m_Channel(channel.Bound()), m_ulIndex(ulIndex), m_Name(std::move(Name))
     {
     }
 

@@ -34,6 +34,7 @@ const StatusText StatusTexts[] = {
     {Status::KeyboardGone, "the keyboard was pulled out"},
     {Status::Incomplete, "not all keyboards are told: one that is not yet started hides another"},
     {Status::NoSuchKeyboard, "there is no such keyboard"},
+    {Status::OpenedAnew, "the driver was opened anew, and the keyboard was not found again since"},
     {0xC000000E, "the keyboard is gone"},
     {0xC000009D, "the keyboard is not connected"},
     {0xC00000A3, "the keyboard is not ready"},

@@ -34,6 +34,7 @@ public:
         KeyboardGone = 0xE0000002,   // listening ended, as the keyboard was pulled out
         Incomplete = 0xE0000003,     // a list has not all that there is; what it has comes with it
         NoSuchKeyboard = 0xE0000004, // no keyboard is what was looked for
+        OpenedAnew = 0xE0000005,     // not sent: Keyboard::FindAgain first
     };
 
     // About: what was asked, or of whom, besides the request: "keyboard 3".

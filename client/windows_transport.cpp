@@ -89,7 +89,10 @@ public:
         SP_DEVICE_INTERFACE_DATA which = {};
         which.cbSize = sizeof(which);
         for (DWORD i = 0; SetupDiEnumDeviceInterfaces(hDevices, nullptr, &keyboards, i, &which); i++) {
-            names.push_back(NameOf(hDevices, &which));
+            std::u16string name = NameOf(hDevices, &which);
+            if ((which.Flags & SPINT_ACTIVE) != 0 && !name.empty()) {
+                names.push_back(std::move(name));
+            }
         }
         SetupDiDestroyDeviceInfoList(hDevices);
         return names;

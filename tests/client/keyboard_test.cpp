@@ -187,8 +187,15 @@ TEST_P(ClientTest, HandlesCloseOnceAndMovedFromOnesAnswer)
     second.Close();
     second.Close();
     EXPECT_EQ(taken.GetLeds().Error(), Status::NotOpen) << "a keyboard of a closed driver";
+    tvusb::NotifyQueue events = taken.Events();
     EXPECT_TRUE(second.Open().Ok());
+    EXPECT_EQ(taken.GetLeds().Error().Text(),
+              "GET_LEDS, keyboard 0: the driver was opened anew, and the keyboard was "
+              "not found again since (0xE0000005)");
+    EXPECT_EQ(events.Count().Error(), Status::OpenedAnew);
+    ASSERT_TRUE(taken.FindAgain().Ok());
     EXPECT_TRUE(taken.GetLeds().Ok());
+    EXPECT_EQ(*taken.Events().Count(), 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Processes, MacroTest, BothProcessSizes, ProcessSizeName);

@@ -1,4 +1,6 @@
 // typing_test.cpp - text and keys as an application types them, and as someone at the samples' keyboard does.
+#include <atomic>
+
 #include "emu/app/person.h"
 #include "tests/client/client_test.h"
 
@@ -18,6 +20,8 @@ TEST_P(TypingTest, TextReachesTheSystemKeyByKey)
     ASSERT_TRUE(keyboard.TypeText(text).Ok());
     std::string seen;
     std::vector<EmuReceived> received = pPlugged->Taken();
+    EXPECT_EQ(received.at(0).Bytes, EmuBytes(8));
+    received.erase(received.begin());
     ASSERT_EQ(received.size(), 2 * text.size());
     for (size_t i = 0; i < received.size(); i++) {
         KeyReport report;
@@ -37,6 +41,33 @@ TEST_P(TypingTest, TextReachesTheSystemKeyByKey)
         "(0xC000000D)");
     EXPECT_TRUE(pPlugged->Taken().empty());
     EXPECT_TRUE(keyboard.TypeText("").Ok());
+}
+
+// Ten reports wait at a system that does not read; it takes up reading while the text is typed.
+TEST_P(TypingTest, NothingIsDroppedBehindWhatWaits)
+{
+    EmuPlugOptions options;
+    options.Manual = true;
+    EmuKeyboard* pSlow = machine.Plug(EmuBootKeyboard, options);
+    auto slow = driver.FindByIndex(pSlow->Index());
+    ASSERT_TRUE(slow.Ok());
+    ASSERT_TRUE(
+        slow->InsertPackets(std::vector<FifoEntry>(10, tvusb::MakeReport({0, 0, 9, 0, 0, 0, 0, 0})), false)
+            .Ok());
+    std::atomic<bool> bTyped{false};
+    HostThread system = HostStartThread([&] {
+        HANDLE hPause = HostCreateEvent(false);
+        while (!bTyped) {
+            HostWaitEvent(hPause, 10000);
+            pSlow->Read();
+        }
+        HostCloseHandle(hPause);
+    });
+    Status status = slow->TypeText("abcdefgh");
+    bTyped = true;
+    HostJoinThread(system);
+    EXPECT_TRUE(status.Ok()) << status.Text();
+    EXPECT_EQ(pSlow->Taken().size(), 10u + 1 + 16);
 }
 
 INSTANTIATE_TEST_SUITE_P(Processes, TypingTest, BothProcessSizes, ProcessSizeName);
