@@ -8,7 +8,7 @@ PACKAGES_TEST="$PACKAGES_RUN clang clang-format llvm libclang-rt-14-dev libgtest
 # For scripts/check-package: a command interpreter for Windows.
 PACKAGES_PACKAGE="wine wine64"
 
-# Of the suite `wine` alone: the kernel under the driver's file, and the tests' library to build for it.
+# Of the suites `wine` and `pnp` alone: the kernel under the driver's file, and the tests' library to build for it.
 PACKAGES_WINE="wine wine64 googletest"
 
 # ensure_packages STAMP-NAME PACKAGE...

@@ -1,0 +1,15 @@
+// gaps.h - what Tv64USB.sys and the test drivers get in place of some of this kernel's routines.
+#pragma once
+
+#include <kernel.h>
+
+#include "tests/wine/imports.h"
+
+// For a test driver: deferred calls and timers.
+extern const Replacement TestDriverGaps[];
+
+// From now on Tv64USB.sys gets, when it is loaded: deferred calls, timers, applications' handles, locked pages, and
+// memory that is counted (tests/wine/memory.h) from its loading on.
+void FillFilterGaps();
+// Whether it imported every routine that was to be replaced.
+bool AreFilterGapsFilled();
