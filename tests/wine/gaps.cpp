@@ -2,6 +2,7 @@
 // handles, requests and their stacks, devices, links, the registry, files, threads, events, mutexes.
 #include "gaps.h"
 
+#include "attached.h"
 #include "clock.h"
 #include "dpc.h"
 #include "imports.h"
@@ -35,6 +36,7 @@ static const Replacement ForBoth[] = {
     // Devices are not found by name, and freed under what is attached to them; locked pages are a stub.
     OWN(IoCreateDevice),
     OWN(IoDeleteDevice),
+    OWN(IoAttachDeviceToDeviceStack),
     OWN(IoDetachDevice),
     OWN(MmMapLockedPagesSpecifyCache),
     // Interfaces belong to devices that a bus enumerated.

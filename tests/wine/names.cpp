@@ -4,7 +4,6 @@
 #include <list>
 #include <map>
 #include <mutex>
-#include <set>
 
 #include "send.h"
 #include "text.h"
@@ -19,7 +18,6 @@ struct NamedDevice {
 
 std::mutex g_Lock; // guards what follows
 std::list<NamedDevice> g_Devices;
-std::set<PDEVICE_OBJECT> g_Deleted;      // and referenced until nothing is on top of them
 std::map<PVOID, PDEVICE_OBJECT> g_Files; // opened by name, with the device that was named
 
 // Referenced; null: there is none, or it is not ready.
@@ -67,22 +65,8 @@ VOID NTAPI OwnIoDeleteDevice(PDEVICE_OBJECT pDevice)
     {
         std::lock_guard<std::mutex> guard(g_Lock);
         g_Devices.remove_if([pDevice](const NamedDevice& named) { return named.pDevice == pDevice; });
-        if (pDevice->AttachedDevice) {
-            ObReferenceObject(pDevice);
-            g_Deleted.insert(pDevice);
-        }
     }
     pReal(pDevice);
-}
-
-VOID NTAPI OwnIoDetachDevice(PDEVICE_OBJECT pTarget)
-{
-    static auto pReal = reinterpret_cast<decltype(&IoDetachDevice)>(KernelExport("IoDetachDevice"));
-    pReal(pTarget);
-    std::lock_guard<std::mutex> guard(g_Lock);
-    if (g_Deleted.erase(pTarget) != 0) {
-        ObDereferenceObject(pTarget);
-    }
 }
 
 NTSTATUS NTAPI OwnIoGetDeviceObjectPointer(PUNICODE_STRING pName, ACCESS_MASK, PFILE_OBJECT* ppFile,

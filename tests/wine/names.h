@@ -6,9 +6,7 @@
 NTSTATUS NTAPI OwnIoCreateDevice(PDRIVER_OBJECT pDriver, ULONG ulExtension, PUNICODE_STRING pName,
                                  DEVICE_TYPE type, ULONG ulCharacteristics, BOOLEAN bExclusive,
                                  PDEVICE_OBJECT* ppDevice);
-// A device with another on top of it stays until that one is detached: this kernel frees it at once.
 VOID NTAPI OwnIoDeleteDevice(PDEVICE_OBJECT pDevice);
-VOID NTAPI OwnIoDetachDevice(PDEVICE_OBJECT pTarget);
 NTSTATUS NTAPI OwnIoGetDeviceObjectPointer(PUNICODE_STRING pName, ACCESS_MASK access, PFILE_OBJECT* ppFile,
                                            PDEVICE_OBJECT* ppDevice);
 // Of any object; a file of IoGetDeviceObjectPointer is cleaned up and closed.

@@ -2,6 +2,7 @@
 #include "gaps.h"
 
 #include "timers.h"
+#include "tests/wine/attached.h"
 #include "tests/wine/dpc.h"
 #include "tests/wine/memory.h"
 #include "tests/wine/modules.h"
@@ -16,13 +17,14 @@ static NTSTATUS NTAPI OwnIoGetDeviceObjectPointer(PUNICODE_STRING, ACCESS_MASK, 
     return STATUS_OBJECT_NAME_NOT_FOUND;
 }
 
-#define OWN_CALLS_AND_TIMERS                                                                                 \
+#define OWN_FOR_ALL                                                                                          \
     OWN(KeInitializeDpc), OWN(KeInsertQueueDpc), OWN(KeRemoveQueueDpc), OWN(KeFlushQueuedDpcs),              \
-        OWN(KeInitializeTimer), OWN(KeSetTimer), OWN(KeCancelTimer)
+        OWN(KeInitializeTimer), OWN(KeSetTimer), OWN(KeCancelTimer), OWN(IoAttachDeviceToDeviceStack),       \
+        OWN(IoDetachDevice)
 
-const Replacement TestDriverGaps[] = {OWN_CALLS_AND_TIMERS, END_OF_OWN};
+const Replacement TestDriverGaps[] = {OWN_FOR_ALL, END_OF_OWN};
 
-static const Replacement FilterGaps[] = {OWN_CALLS_AND_TIMERS,
+static const Replacement FilterGaps[] = {OWN_FOR_ALL,
                                          OWN(ObReferenceObjectByHandle),
                                          OWN(IoGetDeviceObjectPointer),
                                          OWN(MmMapLockedPagesSpecifyCache),

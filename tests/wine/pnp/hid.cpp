@@ -200,6 +200,7 @@ static NTSTATUS NTAPI AddKeyboard(PDRIVER_OBJECT pDriver, PDEVICE_OBJECT pPhysic
 // Without an unload routine: the threads of the filter's deferred calls and timers stay.
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistryPath)
 {
+    ReplaceImports(pDriver->DriverStart, TestDriverGaps);
     FillFilterGaps();
     KeInitializeSpinLock(&SystemLock);
     EmuHidEntry(pDriver, pRegistryPath);
