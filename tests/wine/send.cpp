@@ -3,7 +3,16 @@
 
 #include <host.h>
 
+#include "text.h"
 #include "turns.h"
+#include "usermode.h"
+
+NTSTATUS MakeDriver(const std::u16string& name, PDRIVER_INITIALIZE pEntry)
+{
+    typedef NTSTATUS(NTAPI CreateDriver)(PUNICODE_STRING pName, PDRIVER_INITIALIZE pEntry);
+    UNICODE_STRING counted = CountedText(name);
+    return reinterpret_cast<CreateDriver*>(KernelExport("IoCreateDriver"))(&counted, pEntry);
+}
 
 static NTSTATUS NTAPI TellEnd(PDEVICE_OBJECT, PIRP, PVOID pEvent)
 {

@@ -39,6 +39,13 @@ void StartRequests(void (*pFirst)())
     CloseHandle(CreateThread(nullptr, 0, HandleRequests, reinterpret_cast<void*>(pFirst), 0, nullptr));
 }
 
+bool OpenAndClose(const char* pszPath)
+{
+    HANDLE hFile = CreateFileA(pszPath, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                               OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    return hFile != INVALID_HANDLE_VALUE && CloseHandle(hFile);
+}
+
 bool MakeService(const char* pszService, const std::string& imagePath)
 {
     SC_HANDLE hManager = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);

@@ -13,6 +13,9 @@ void SleepMs(unsigned uMs);
 // Hands applications' requests to the drivers, in a thread that calls the routine first.
 void StartRequests(void (*pFirst)());
 
+// Opens the file or device, as an application does, and closes it. Fails: false, it does not open.
+bool OpenAndClose(const char* pszPath);
+
 // The driver's service, made anew, and the values of its parameters key: numbers and text.
 using Settings32 = std::map<std::string, std::variant<unsigned long, std::string>>;
 bool MakeService(const char* pszService, const std::string& imagePath);

@@ -14,12 +14,14 @@
 #include "dpc.h"
 #include "driver/driver.h"
 #include "faults.h"
+#include "fence.h"
 #include "gaps.h"
 #include "interfaces.h"
 #include "memory.h"
 #include "modules.h"
 #include "parameters.h"
 #include "properties.h"
+#include "send.h"
 #include "text.h"
 #include "turns.h"
 
@@ -93,16 +95,13 @@ NTSTATUS NTAPI EnterEmulation(PDRIVER_OBJECT pDriver, PUNICODE_STRING pPath)
     return g_pEntry(pDriver, pPath);
 }
 
-NTSTATUS MakeDriver(PDRIVER_INITIALIZE pEntry, const WCHAR* pszService, PDRIVER_OBJECT* ppDriver)
+NTSTATUS MakeEmulation(PDRIVER_INITIALIZE pEntry, const WCHAR* pszService, PDRIVER_OBJECT* ppDriver)
 {
     static std::map<PDRIVER_INITIALIZE, PDRIVER_OBJECT> made;
     if (!made[pEntry]) {
-        typedef NTSTATUS(NTAPI CreateDriver)(PUNICODE_STRING pName, PDRIVER_INITIALIZE pEntry);
-        std::u16string text = u"\\Driver\\" + std::u16string(reinterpret_cast<const char16_t*>(pszService));
-        UNICODE_STRING name = CountedText(text);
         g_pEntry = pEntry;
-        NTSTATUS status =
-            reinterpret_cast<CreateDriver*>(KernelExport("IoCreateDriver"))(&name, EnterEmulation);
+        NTSTATUS status = MakeDriver(
+            u"\\Driver\\" + std::u16string(reinterpret_cast<const char16_t*>(pszService)), EnterEmulation);
         if (!NT_SUCCESS(status)) {
             return status;
         }
@@ -118,6 +117,10 @@ unsigned UnloadFile()
     const auto pBase = static_cast<const char*>(g_pDriver->DriverStart);
     const ULONG ulBytes = g_pDriver->DriverSize;
     UNICODE_STRING key = CountedText(SERVICE_KEY);
+    if (!PassFence()) {
+        fprintf(stderr, "left: requests of applications, perhaps\n");
+        uLeft++;
+    }
     g_pDriver = nullptr;
     NTSTATUS status = ZwUnloadDriver(&key);
     if (!NT_SUCCESS(status)) {
@@ -157,7 +160,7 @@ unsigned HostStop()
 
 NTSTATUS HostLoadDriver(PDRIVER_INITIALIZE pEntry, const WCHAR* pServiceName, PDRIVER_OBJECT* ppDriver)
 {
-    return pEntry == DriverEntry ? LoadFile(ppDriver) : MakeDriver(pEntry, pServiceName, ppDriver);
+    return pEntry == DriverEntry ? LoadFile(ppDriver) : MakeEmulation(pEntry, pServiceName, ppDriver);
 }
 
 unsigned HostUnloadDriver(PDRIVER_OBJECT pDriver)
