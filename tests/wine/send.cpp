@@ -1,18 +1,5 @@
-// send.cpp - see send.h; what host.h offers of it.
+// send.cpp - see send.h.
 #include "send.h"
-
-#include <host.h>
-
-#include "text.h"
-#include "turns.h"
-#include "usermode.h"
-
-NTSTATUS MakeDriver(const std::u16string& name, PDRIVER_INITIALIZE pEntry)
-{
-    typedef NTSTATUS(NTAPI CreateDriver)(PUNICODE_STRING pName, PDRIVER_INITIALIZE pEntry);
-    UNICODE_STRING counted = CountedText(name);
-    return reinterpret_cast<CreateDriver*>(KernelExport("IoCreateDriver"))(&counted, pEntry);
-}
 
 static NTSTATUS NTAPI TellEnd(PDEVICE_OBJECT, PIRP, PVOID pEvent)
 {
@@ -25,6 +12,9 @@ NTSTATUS SendToTop(PDEVICE_OBJECT pTop, UCHAR ucMajor, UCHAR ucMinor, PFILE_OBJE
     KEVENT ended;
     KeInitializeEvent(&ended, NotificationEvent, FALSE);
     PIRP pIrp = IoAllocateIrp(pTop->StackSize, FALSE);
+    if (!pIrp) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
     PIO_STACK_LOCATION pLocation = IoGetNextIrpStackLocation(pIrp);
     pLocation->MajorFunction = ucMajor;
     pLocation->MinorFunction = ucMinor;
@@ -36,18 +26,4 @@ NTSTATUS SendToTop(PDEVICE_OBJECT pTop, UCHAR ucMajor, UCHAR ucMinor, PFILE_OBJE
     NTSTATUS status = pIrp->IoStatus.Status;
     IoFreeIrp(pIrp);
     return status;
-}
-
-NTSTATUS HostSendPnp(PDEVICE_OBJECT pInStack, UCHAR ucMinor)
-{
-    Asking asking;
-    PDEVICE_OBJECT pTop = IoGetAttachedDeviceReference(pInStack);
-    NTSTATUS status = SendToTop(pTop, IRP_MJ_PNP, ucMinor, nullptr, STATUS_NOT_SUPPORTED);
-    ObDereferenceObject(pTop);
-    return status;
-}
-
-NTSTATUS HostAddDevice(PDRIVER_OBJECT pDriver, PDEVICE_OBJECT pPhysical)
-{
-    return pDriver->DriverExtension->AddDevice(pDriver, pPhysical);
 }

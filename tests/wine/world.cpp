@@ -95,13 +95,16 @@ NTSTATUS NTAPI EnterEmulation(PDRIVER_OBJECT pDriver, PUNICODE_STRING pPath)
     return g_pEntry(pDriver, pPath);
 }
 
-NTSTATUS MakeEmulation(PDRIVER_INITIALIZE pEntry, const WCHAR* pszService, PDRIVER_OBJECT* ppDriver)
+NTSTATUS MakeDriver(PDRIVER_INITIALIZE pEntry, const WCHAR* pszService, PDRIVER_OBJECT* ppDriver)
 {
     static std::map<PDRIVER_INITIALIZE, PDRIVER_OBJECT> made;
     if (!made[pEntry]) {
+        typedef NTSTATUS(NTAPI CreateDriver)(PUNICODE_STRING pName, PDRIVER_INITIALIZE pEntry);
+        std::u16string text = u"\\Driver\\" + std::u16string(reinterpret_cast<const char16_t*>(pszService));
+        UNICODE_STRING name = CountedText(text);
         g_pEntry = pEntry;
-        NTSTATUS status = MakeDriver(
-            u"\\Driver\\" + std::u16string(reinterpret_cast<const char16_t*>(pszService)), EnterEmulation);
+        NTSTATUS status =
+            reinterpret_cast<CreateDriver*>(KernelExport("IoCreateDriver"))(&name, EnterEmulation);
         if (!NT_SUCCESS(status)) {
             return status;
         }
@@ -160,7 +163,7 @@ unsigned HostStop()
 
 NTSTATUS HostLoadDriver(PDRIVER_INITIALIZE pEntry, const WCHAR* pServiceName, PDRIVER_OBJECT* ppDriver)
 {
-    return pEntry == DriverEntry ? LoadFile(ppDriver) : MakeEmulation(pEntry, pServiceName, ppDriver);
+    return pEntry == DriverEntry ? LoadFile(ppDriver) : MakeDriver(pEntry, pServiceName, ppDriver);
 }
 
 unsigned HostUnloadDriver(PDRIVER_OBJECT pDriver)
@@ -172,6 +175,20 @@ unsigned HostUnloadDriver(PDRIVER_OBJECT pDriver)
         uLeft++;
     }
     return pDriver == g_pDriver ? uLeft + UnloadFile() : uLeft;
+}
+
+NTSTATUS HostSendPnp(PDEVICE_OBJECT pInStack, UCHAR ucMinor)
+{
+    Asking asking;
+    PDEVICE_OBJECT pTop = IoGetAttachedDeviceReference(pInStack);
+    NTSTATUS status = SendToTop(pTop, IRP_MJ_PNP, ucMinor, nullptr, STATUS_NOT_SUPPORTED);
+    ObDereferenceObject(pTop);
+    return status;
+}
+
+NTSTATUS HostAddDevice(PDRIVER_OBJECT pDriver, PDEVICE_OBJECT pPhysical)
+{
+    return pDriver->DriverExtension->AddDevice(pDriver, pPhysical);
 }
 
 struct HostThreadObject {

@@ -10,7 +10,8 @@
 #include "control.h"
 #include "emu/keyboard/keyboard.h"
 #include "gaps.h"
-#include "testdriver.h"
+#include "tests/wine/send.h"
+#include "tests/wine/testdriver.h"
 
 enum : ULONG { BusTag = 0x73754276, MaximumPorts = 8 };
 
@@ -98,30 +99,11 @@ static NTSTATUS Pull(PDEVICE_OBJECT pKeyboard)
     return STATUS_SUCCESS;
 }
 
-static NTSTATUS NTAPI Answered(PDEVICE_OBJECT, PIRP, PVOID pContext)
-{
-    KeSetEvent(static_cast<PKEVENT>(pContext), IO_NO_INCREMENT, FALSE);
-    return STATUS_MORE_PROCESSING_REQUIRED;
-}
-
 // Asks the whole stack whether it may be removed, which this kernel's Plug and Play never does itself.
 static NTSTATUS AskRemove(PDEVICE_OBJECT pKeyboard)
 {
     PDEVICE_OBJECT pTop = IoGetAttachedDeviceReference(pKeyboard);
-    PIRP pIrp = IoAllocateIrp(pTop->StackSize, FALSE);
-    NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
-    if (pIrp) {
-        KEVENT done;
-        KeInitializeEvent(&done, NotificationEvent, FALSE);
-        pIrp->IoStatus.Status = STATUS_NOT_SUPPORTED;
-        IoGetNextIrpStackLocation(pIrp)->MajorFunction = IRP_MJ_PNP;
-        IoGetNextIrpStackLocation(pIrp)->MinorFunction = IRP_MN_QUERY_REMOVE_DEVICE;
-        IoSetCompletionRoutine(pIrp, Answered, &done, TRUE, TRUE, TRUE);
-        IoCallDriver(pTop, pIrp);
-        KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
-        status = pIrp->IoStatus.Status;
-        IoFreeIrp(pIrp);
-    }
+    NTSTATUS status = SendToTop(pTop, IRP_MJ_PNP, IRP_MN_QUERY_REMOVE_DEVICE, nullptr, STATUS_NOT_SUPPORTED);
     ObDereferenceObject(pTop);
     return status;
 }

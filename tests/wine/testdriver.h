@@ -1,4 +1,5 @@
-// testdriver.h - what the two test drivers have in common: the device that the scenes talk to.
+// testdriver.h - what drivers of this world have in common: the device that a test's program opens and talks to.
+// Usable in a program and in a .sys alike.
 #pragma once
 
 #include <kernel.h>
