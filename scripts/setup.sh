@@ -5,11 +5,14 @@
 PACKAGES_RUN="g++ cmake ninja-build libpcap-dev libcli11-dev libtomlplusplus-dev libfmt-dev pkg-config"
 PACKAGES_TEST="$PACKAGES_RUN clang clang-format llvm libclang-rt-14-dev libgtest-dev libbenchmark-dev
     lld g++-mingw-w64-x86-64 binutils-mingw-w64-x86-64 g++-mingw-w64-i686 python3 xz-utils"
-# For scripts/check-package: a command interpreter for Windows.
-PACKAGES_PACKAGE="wine wine64"
-
-# Of the suites `wine` and `pnp` alone: the kernel under the driver's file, and the tests' library to build for it.
+# For what runs under Wine: the kernel under the driver's file, a command interpreter for Windows, and the tests'
+# library to build for it.
 PACKAGES_WINE="wine wine64 googletest"
+
+# Put before a program: sanitizers place their shadow memory where a widely randomised address space may have put
+# something else.
+plain=""
+setarch "$(uname -m)" -R true 2>/dev/null && plain="setarch $(uname -m) -R" || true
 
 # ensure_packages STAMP-NAME PACKAGE...
 ensure_packages() {

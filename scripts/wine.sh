@@ -12,10 +12,10 @@ fail() {
 child=""
 end_world() {
     trap '' INT TERM HUP
-    [ -n "$child" ] && kill "$child" 2>/dev/null
+    [ -z "$child" ] || kill "$child" 2>/dev/null || true
     if [ -d "$WINEPREFIX" ]; then
-        wineserver -k 2>/dev/null
-        timeout 10 wineserver -w 2>/dev/null || wineserver -k9 2>/dev/null
+        wineserver -k 2>/dev/null || true # none runs
+        timeout 10 wineserver -w 2>/dev/null || wineserver -k9 2>/dev/null || true
     fi
     rm -rf "$world"
 }
@@ -24,8 +24,8 @@ end_world() {
 within() {
     timeout --kill-after=5 "$@" </dev/null &
     child=$!
-    wait $child
-    local status=$?
+    local status=0
+    wait $child || status=$?
     child=""
     return $status
 }
@@ -47,8 +47,8 @@ make_world() {
     trap 'exit 143' TERM HUP
 
     # The server writes the prefix to the disk when it ends; what runs before that does not find all of it.
-    within $limit "$wine" wineboot -i >"$world/wineboot.log" 2>&1 && within $limit wineserver -w
-    status=$?
+    status=0
+    { within $limit "$wine" wineboot -i >"$world/wineboot.log" 2>&1 && within $limit wineserver -w; } || status=$?
     [ $status -ne 124 ] || fail "the prefix was not made within $limit seconds"
     [ $status -eq 0 ] && [ -f "$WINEPREFIX/system.reg" ] && return
     cat "$world/wineboot.log" >&2
