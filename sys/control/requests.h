@@ -19,8 +19,9 @@ constexpr uint32_t TvUsbControlCode(uint32_t ulFunction)
 }
 
 // The requests. Above each: its group, what it does, when it fails with UNSUCCESSFUL, which other statuses it
-// gives, what it does without the keyboard if that is nothing the table tells. Behind it: input -> output. "index" is a record (ControlRequest) whose ulDeviceIndex names a
-// keyboard, "record" one whose index is not looked at; behind it stands what its payload holds.
+// gives, what it does without the keyboard if that is nothing the table tells. Behind it: input -> output.
+// "index" is a record (ControlRequest) whose ulDeviceIndex names a keyboard, "record" one whose index is not
+// looked at; behind it stands what its payload holds.
 // What is checked in which order stands in table.cpp. docs/requests.md and client/requesttexts.h are
 // made from all three by scripts/make-requests.
 enum : uint32_t {
@@ -150,8 +151,9 @@ enum : uint32_t {
     IOCTL_TVUSB_READ_DEVICE_DESCRIPTOR = TvUsbControlCode(0x822), // index -> 18 bytes
 
     // [memory] A USB string as UTF-16 that ends with 0; index 0 holds the languages. It needs as many bytes as
-    // its descriptor has, 254 at most 127 characters and their 0. With less room nothing is copied, and what
-    // is told is the room, not the length: ask with 256 bytes. Unsuccessful: no keyboard has this index, or it gave no such string.
+    // its descriptor has, 255 at most: 126 characters and their 0 are 254. With less room nothing is copied, and
+    // what is told is the room, not the length: ask with 256 bytes. Unsuccessful: no keyboard has this index,
+    // or it gave no such string.
     IOCTL_TVUSB_READ_STRING_DESCRIPTOR = TvUsbControlCode(0x823), // index, DescriptorIndex -> text
 
     // [memory] Reads the keyboard's memory through descriptor 0xFD; a length of 0 does nothing.

@@ -83,8 +83,9 @@ static NTSTATUS ApplyToCount(HANDLE hKey, USHORT usMode, PUCHAR pucRefuse)
         *pucRefuse = 1;
         return STATUS_SUCCESS;
     }
-    status = WriteCount(hKey, NextCount(usMode, ulCount));
-    if (NT_SUCCESS(status) && NextCount(usMode, ulCount) != ulCount) {
+    const ULONG ulNext = NextCount(usMode, ulCount);
+    status = WriteCount(hKey, ulNext);
+    if (NT_SUCCESS(status) && ulNext != ulCount) {
         (void)ZwFlushKey(hKey); // not flushed, it is lost only if the system stops now
     }
     return status;

@@ -9,8 +9,8 @@
 #include "macro/macro.h"
 
 #include "driver/sums.h"
-#include "log/log.h"
 #include "log/events.h"
+#include "log/log.h"
 
 namespace
 {

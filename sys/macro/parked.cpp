@@ -6,8 +6,8 @@
 // Who takes a read's cancel routine away completes the read: whoever finds it gone leaves the read to the
 // cancel routine. A parked read holds a reference on the keyboard, and the keyboard's own timer is armed while
 // one is parked, so that each is served: when the queue has run empty, all that are left at once.
-// ucKorvexTimerRunning is the same of all keyboards together: what one
-// of them sets another may clear, and then that one's pace is a report short.
+// ucKorvexTimerRunning is the same of all keyboards together: what one of them sets another may clear, and then
+// that one's pace is a report short.
 #include "macro/macro.h"
 
 #include "driver/sums.h"

@@ -8,8 +8,8 @@
 #include "macro/macro.h"
 
 #include "control/control.h"
-#include "log/log.h"
 #include "log/events.h"
+#include "log/log.h"
 
 namespace
 {
