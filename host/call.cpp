@@ -67,12 +67,15 @@ static NTSTATUS __attribute__((noinline)) FailRequest(PIRP pIrp)
     return STATUS_INSUFFICIENT_RESOURCES;
 }
 
-// Makes the next location the current one and calls the device's driver.
+// Makes the next location the current one and calls the device's driver. Power requests come by PoCallDriver only.
 // IRQL <= DISPATCH. Lock: none held.
-NTSTATUS HostCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp)
+NTSTATUS HostCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp, bool bPowerToo)
 {
     SCHEDULE_POINT();
     HostIrp* pHost = HostLiveIrp(pIrp, "IoCallDriver");
+    if (!bPowerToo && pHost != nullptr && IoGetNextIrpStackLocation(pIrp)->MajorFunction == IRP_MJ_POWER) {
+        HostBug("DRIVER_POWER_STATE_FAILURE", "IoCallDriver with a power request: PoCallDriver sends those");
+    }
     CheckCall(pDevice, pIrp, HostSelf());
     HostCheckPassedOn(pIrp, pHost);
     IoSetNextIrpStackLocation(pIrp);
@@ -119,9 +122,5 @@ NTSTATUS HostCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp)
 
 NTSTATUS IofCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
-    if (HostLiveIrp(pIrp, "IoCallDriver") != nullptr &&
-        IoGetNextIrpStackLocation(pIrp)->MajorFunction == IRP_MJ_POWER) {
-        HostBug("DRIVER_POWER_STATE_FAILURE", "IoCallDriver with a power request: PoCallDriver sends those");
-    }
-    return HostCallDriver(pDevice, pIrp);
+    return HostCallDriver(pDevice, pIrp, false);
 }

@@ -213,7 +213,8 @@ struct HostName {
 };
 HostText HostCanonicalName(const HostText& name);
 NTSTATUS HostLookUpDevice(const HostText& name, PDEVICE_OBJECT* ppDevice, HostText* pRest); // referenced
-NTSTATUS HostCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp); // IoCallDriver and PoCallDriver alike
+// IoCallDriver and PoCallDriver; the first does not send power requests.
+NTSTATUS HostCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp, bool bPowerToo);
 NTSTATUS HostSendRequest(PDEVICE_OBJECT pTop, const IO_STACK_LOCATION& location, NTSTATUS initial,
                          KPROCESSOR_MODE mode, ULONG_PTR* pInformation);
 NTSTATUS HostOpenDevice(const HostText& name, KPROCESSOR_MODE mode, PFILE_OBJECT* ppFile);

@@ -71,7 +71,7 @@ static NTSTATUS SendAndWait(PDEVICE_OBJECT pTop, PIRP pIrp, ULONG_PTR* pInformat
         pHost->pRequester = pSelf;
         pSelf->pRequest = pIrp;
     }
-    NTSTATUS status = HostCallDriver(pTop, pIrp);
+    NTSTATUS status = HostCallDriver(pTop, pIrp, true);
     if (status == STATUS_PENDING && pSelf->bTerminating) {
         HostCancelRequestOf(pSelf);
     }

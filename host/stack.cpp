@@ -67,7 +67,7 @@ void HostCheckAnswered(PIRP pIrp, HostIrp* pHost)
 
 NTSTATUS PoCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
-    return HostCallDriver(pDevice, pIrp);
+    return HostCallDriver(pDevice, pIrp, true);
 }
 
 void PoStartNextPowerIrp(PIRP pIrp)
