@@ -144,10 +144,12 @@ TEST_F(Engine, ScanCodesBecomeKeyBytes)
         {{0x1D, 0x2E}, STATUS_SUCCESS, {0xE0, 0x06}},
         {{0xE0, 0x2A, 0xE0, 0x37}, STATUS_SUCCESS, {0x46}},
         {{0xE1, 0x1D, 0x45}, STATUS_SUCCESS, {0x48}},
+        {{0xE1, 0x1D, 0x45, 0x1E}, STATUS_SUCCESS, {0x48, 0x04}},
         {{0xE0, 0x32}, STATUS_SUCCESS, {0x02, 0x23}}, // a wide usage, high byte first
         {{0xE0, 0x1D, 0x1E}, STATUS_SUCCESS, {0xE4, 0x04}},
         {{}, STATUS_SUCCESS, {}},
         {{0xE0}, STATUS_UNSUCCESSFUL, {}},
+        {{0x1E, 0xE0}, STATUS_UNSUCCESSFUL, {}},
         {{0x1E, 0xE1, 0x1D}, STATUS_UNSUCCESSFUL, {}},
         {{0x7F}, STATUS_UNSUCCESSFUL, {}},
         {{0xE0, 0x2A, 0xE0, 0x38}, STATUS_UNSUCCESSFUL, {}}, // not the print key
@@ -176,6 +178,10 @@ TEST_F(Engine, DefinitionsAreBounded)
     EXPECT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_SUCCESS);
     definition.usScanCount = 33;
     EXPECT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_UNSUCCESSFUL);
+    HostFailNth("pool", 1);
+    definition.usScanCount = 1;
+    EXPECT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_UNSUCCESSFUL);
+    HostFailNth(nullptr, 0);
     EXPECT_EQ(Context()->ulKeyDefTypes, static_cast<ULONG>(KEYDEF_HOTKEY) | KEYDEF_MACRO_MODE);
 
     FreeKeyDefinitions(Filter());

@@ -425,6 +425,26 @@ TEST_F(Waits, RemovalAndTheEndOfTheProcessEndThem)
     }
 }
 
+TEST_F(Waits, AProcessThatEndsLetsNoOtherThrough)
+{
+    NTSTATUS status[2] = {STATUS_PENDING, STATUS_PENDING};
+    HostThread threads[2];
+    for (int i = 0; i < 2; i++) {
+        threads[i] = HostStartThread(
+            [&, i] { status[i] = Application->InsertUSBPackets(Keyboard->Index(), {{1, 8, {1}}}); });
+        HostSettle();
+    }
+    HostEndThreadWaits(threads[0]);
+    HostJoinThread(threads[0]);
+    HostSettle();
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, status[0]);
+    EXPECT_EQ(STATUS_PENDING, status[1]);
+    Keyboard->Read();
+    Keyboard->Read();
+    HostJoinThread(threads[1]);
+    EXPECT_EQ(STATUS_SUCCESS, status[1]);
+}
+
 // A debugger stops the application's thread, wherever it waits: the keyboard can be pulled all the same, and the
 // thread hears of it when it goes on.
 TEST_F(Waits, ASuspendedThreadHoldsNoKeyboardUp)

@@ -285,12 +285,14 @@ TEST_F(LogInFile, OverflowIsTold)
         std::string expected;
         KIRQL oldIrql;
         KeRaiseIrql(DISPATCH_LEVEL, &oldIrql); // the drain cannot come between
-        for (int i = 0; i < 50; i++) {
+        for (int i = 0; i < (last == 998 ? 41 : 50); i++) { // nothing comes behind the cut line, or much
             const std::string line(i == 40 ? last : 998, 'l');
             LogPrintf(1, 0, "%s", line.c_str());
             expected += line + "\r\n";
         }
-        LogHexDump("without a place", 3, "abc");
+        if (last != 998) {
+            LogHexDump("without a place", 3, "abc");
+        }
         KeLowerIrql(oldIrql);
         HostSettle();
         LogPrintf(1, 0, "after");
