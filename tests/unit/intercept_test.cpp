@@ -430,8 +430,9 @@ TEST_F(Waits, AProcessThatEndsLetsNoOtherThrough)
     NTSTATUS status[2] = {STATUS_PENDING, STATUS_PENDING};
     HostThread threads[2];
     for (int i = 0; i < 2; i++) {
-        threads[i] = HostStartThread(
-            [&, i] { status[i] = Application->InsertUSBPackets(Keyboard->Index(), {{1, 8, {1}}}); });
+        threads[i] = HostStartThread([&, i] {
+            status[i] = Application->InsertUSBPackets(Keyboard->Index(), {{1, 8, {1}}});
+        });
         HostSettle();
     }
     HostEndThreadWaits(threads[0]);

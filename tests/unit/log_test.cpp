@@ -284,7 +284,7 @@ TEST_F(LogInFile, OverflowIsTold)
         Load(DrivePath);
         std::string expected;
         KIRQL oldIrql;
-        KeRaiseIrql(DISPATCH_LEVEL, &oldIrql); // the drain cannot come between
+        KeRaiseIrql(DISPATCH_LEVEL, &oldIrql);              // the drain cannot come between
         for (int i = 0; i < (last == 998 ? 41 : 50); i++) { // nothing comes behind the cut line, or much
             const std::string line(i == 40 ? last : 998, 'l');
             LogPrintf(1, 0, "%s", line.c_str());
