@@ -6,7 +6,7 @@
 
 #include "driver/driver.h"
 #include "emu/app/machine.h"
-#include "program.h"
+#include "wine/program.h"
 
 namespace
 {

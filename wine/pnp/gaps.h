@@ -3,13 +3,13 @@
 
 #include <kernel.h>
 
-#include "tests/wine/imports.h"
+#include "wine/imports.h"
 
 // For a test driver: deferred calls, timers, and devices that stay under what is attached to them.
 extern const Replacement TestDriverGaps[];
 
 // From now on Tv64USB.sys gets, when it is loaded: the same, applications' handles, locked pages, and
-// memory that is counted (tests/wine/memory.h) from its loading on.
+// memory that is counted (wine/memory.h) from its loading on.
 void FillFilterGaps();
 // Whether it imported every routine that was to be replaced.
 bool AreFilterGapsFilled();

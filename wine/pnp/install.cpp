@@ -8,7 +8,7 @@
 #include <newdev.h>
 #include <setupapi.h>
 
-#include "tests/wine/usermode.h"
+#include "wine/usermode.h"
 
 namespace
 {

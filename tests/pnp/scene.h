@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "client/client.h"
-#include "keyboard.h"
+#include "wine/pnp/keyboard.h"
 
 class PlugAndPlay : public testing::Test
 {

@@ -8,7 +8,7 @@
 
 #include <setupapi.h>
 
-#include "tests/wine/usermode.h"
+#include "wine/usermode.h"
 
 static const char ServiceKey[] = "System\\CurrentControlSet\\Services\\Tv64USB";
 

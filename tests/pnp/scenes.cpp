@@ -5,9 +5,9 @@
 #include <fstream>
 #include <sstream>
 
-#include "install.h"
+#include "wine/pnp/install.h"
 #include "scene.h"
-#include "tests/wine/program.h"
+#include "wine/program.h"
 
 using tvusb::Status;
 

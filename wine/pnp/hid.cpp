@@ -13,8 +13,8 @@
 #include "control.h"
 #include "emu/hid/hid.h"
 #include "gaps.h"
-#include "tests/wine/memory.h"
-#include "tests/wine/testdriver.h"
+#include "wine/memory.h"
+#include "wine/testdriver.h"
 
 enum : ULONG { MaximumKeyboards = 8, KeptReports = 512 };
 

@@ -10,8 +10,8 @@
 #include "control.h"
 #include "emu/keyboard/keyboard.h"
 #include "gaps.h"
-#include "tests/wine/send.h"
-#include "tests/wine/testdriver.h"
+#include "wine/send.h"
+#include "wine/testdriver.h"
 
 enum : ULONG { BusTag = 0x73754276, MaximumPorts = 8 };
 

@@ -4,7 +4,7 @@
 // time in 100 ns. The thread is made with the first timer and never ends.
 #include "timers.h"
 
-#include "tests/wine/dpc.h"
+#include "wine/dpc.h"
 
 static KSPIN_LOCK ListLock;
 static LIST_ENTRY Armed = {&Armed, &Armed}; // the first due comes first

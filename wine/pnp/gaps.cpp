@@ -2,11 +2,11 @@
 #include "gaps.h"
 
 #include "timers.h"
-#include "tests/wine/attached.h"
-#include "tests/wine/dpc.h"
-#include "tests/wine/memory.h"
-#include "tests/wine/modules.h"
-#include "tests/wine/userhandle.h"
+#include "wine/attached.h"
+#include "wine/dpc.h"
+#include "wine/memory.h"
+#include "wine/modules.h"
+#include "wine/userhandle.h"
 
 static ULONG ulReplaced;
 
