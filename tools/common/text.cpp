@@ -1,6 +1,8 @@
 // text.cpp - small text helpers that the readers and the printers share.
 #include "text.h"
 
+#include <fmt/format.h>
+
 namespace
 {
 
@@ -74,4 +76,18 @@ std::string HexOf(const std::vector<uint8_t>& bytes, std::string_view separator)
         text += pDigits[ucByte & 15];
     }
     return text;
+}
+
+std::string QuotedJson(std::string_view text)
+{
+    std::string quoted = "\"";
+    for (unsigned char c : text) {
+        if (c == '"' || c == '\\')
+            quoted += fmt::format("\\{}", static_cast<char>(c));
+        else if (c < 0x20 || c == 0x7F)
+            quoted += fmt::format("\\u{:04x}", c);
+        else
+            quoted += static_cast<char>(c);
+    }
+    return quoted + "\"";
 }

@@ -17,3 +17,6 @@ std::string_view Trim(std::string_view text);
 
 // Lower-case hexadecimal digits, with the separator between the bytes.
 std::string HexOf(const std::vector<uint8_t>& bytes, std::string_view separator = "");
+
+// A JSON string with its quotes; the text is UTF-8.
+std::string QuotedJson(std::string_view text);

@@ -11,21 +11,6 @@
 namespace
 {
 
-// A JSON string with its quotes; the text is UTF-8.
-std::string Quoted(const std::string& text)
-{
-    std::string quoted = "\"";
-    for (unsigned char c : text) {
-        if (c == '"' || c == '\\')
-            quoted += fmt::format("\\{}", static_cast<char>(c));
-        else if (c < 0x20 || c == 0x7F)
-            quoted += fmt::format("\\u{:04x}", c);
-        else
-            quoted += static_cast<char>(c);
-    }
-    return quoted + "\"";
-}
-
 class JsonPrinter final : public ReplayPrinter
 {
 public:
@@ -38,7 +23,7 @@ public:
                    "{{\"type\":\"keyboard\",\"t_us\":{},\"kbd\":{},\"index\":{},\"kbdtype\":{},\"vendor\":{},"
                    "\"product\":{},\"name\":{}}}\n",
                    ullUs, uKeyboard, ulIndex, uType, keyboard.usVendor, keyboard.usProduct,
-                   Quoted(keyboard.name));
+                   QuotedJson(keyboard.name));
     }
 
     void Definition(uint64_t ullUs, unsigned uKeyboard, uint32_t ulId, uint32_t ulStatus) override
