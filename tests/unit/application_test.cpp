@@ -1,7 +1,7 @@
 // application_test.cpp - the control device, opens and closes, and what the last close releases.
 #include <gtest/gtest.h>
 
-#include "bench_frame.h"
+#include "registry.h"
 #include "control/control.h"
 #include "emu/app/application.h"
 #include "siblings/siblings.h"

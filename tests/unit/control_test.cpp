@@ -1,10 +1,9 @@
 // control_test.cpp - what the control requests answer, to applications of both process sizes.
-#include "bench_application.h"
+#include "machine.h"
 #include "control/control.h"
 
 namespace
 {
-constexpr NTSTATUS OK = STATUS_SUCCESS;
 constexpr NTSTATUS TS = STATUS_BUFFER_TOO_SMALL;
 constexpr NTSTATUS UN = STATUS_UNSUCCESSFUL;
 constexpr NTSTATUS NO = STATUS_INVALID_DEVICE_REQUEST;
@@ -56,7 +55,7 @@ TEST_P(ControlTest, KeyboardsAreListed)
     static const WCHAR HardwareIds[] = L"HID\\First\0HID\\Second\0";
     EmuPlugOptions options;
     options.Start = false;
-    EmuKeyboard* pSecond = machine.Plug(EmuBootKeyboard, options);
+    EmuKeyboard* pSecond = Machine->Plug(EmuBootKeyboard, options);
     HostSetDeviceProperty(pSecond->Physical(), DevicePropertyHardwareID, HardwareIds, sizeof(HardwareIds));
     ASSERT_EQ(OK, pSecond->Start());
 
@@ -86,7 +85,7 @@ TEST_P(ControlTest, KeyboardsAreListed)
     EXPECT_EQ(2, list.usCount);
     EXPECT_EQ(1u, list.Entries[0].ulDeviceIndex + list.Entries[1].ulDeviceIndex);
 
-    pKeyboard->Unplug(true);
+    Keyboard->Unplug(true);
     pSecond->Unplug(true);
     EXPECT_EQ(UN, Send(IOCTL_TVUSB_GET_KEYBOARD_INFO, {}, 0)) << "no keyboard comes before any length";
 }
@@ -99,7 +98,7 @@ TEST_P(ControlTest, TheListOfKeyboardsEndsWithItsRoom)
     options.NoEnumeration = true;
     EmuKeyboard* pLast = nullptr;
     for (int i = 1; i < 128; i++) {
-        pLast = machine.Plug(EmuBootKeyboard, options);
+        pLast = Machine->Plug(EmuBootKeyboard, options);
     }
     const std::vector<WCHAR> text(256, L'd');
     HostSetDeviceProperty(pLast->Physical(), DevicePropertyDeviceDescription, text.data(), 512);
@@ -120,7 +119,7 @@ TEST_P(ControlTest, TheListOfKeyboardsEndsWithItsRoom)
 
 TEST_P(ControlTest, KeyboardIsFoundByItsInterfaceName)
 {
-    const UNICODE_STRING& link = ContextOf(pKeyboard)->InterfaceLinkName;
+    const UNICODE_STRING& link = ContextOf(Keyboard)->InterfaceLinkName;
     ASSERT_GT(link.Length, 8);
     auto payload = [](const WCHAR* pFrom, size_t chars) {
         EmuBytes bytes(reinterpret_cast<const UCHAR*>(pFrom), reinterpret_cast<const UCHAR*>(pFrom + chars));
@@ -139,7 +138,7 @@ TEST_P(ControlTest, KeyboardIsFoundByItsInterfaceName)
     EXPECT_EQ(UN, Send(IOCTL_TVUSB_FIND_KEYBOARD, Record(9, payload(name.data(), name.size() - 1)), 4));
     EXPECT_EQ(UN, Send(IOCTL_TVUSB_FIND_KEYBOARD, Record(9, EmuBytes(516, 'a')), 4)) << "no end";
     HostFailNth("interface", 1); // this one has no name, and the search goes on behind it
-    EmuKeyboard* pNameless = machine.Plug();
+    EmuKeyboard* pNameless = Machine->Plug();
     HostFailNth(nullptr, 0);
     EXPECT_EQ(0, ContextOf(pNameless)->ucInterfaceRegistered);
     EXPECT_EQ(OK, Send(IOCTL_TVUSB_FIND_KEYBOARD, Record(9, payload(name.data(), name.size())), 4));
@@ -155,7 +154,7 @@ TEST_P(ControlTest, TakeManyLeavesEmptySlotsZero)
 {
     NotifyRecord notify = {1, 0, NOTIFY_SOURCE_HOTKEY, 1, 0, 5, 42};
     MacroRecord macro = {MACRO_RECORD_REPORT, 0, 0, 10, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}};
-    EXPECT_EQ(OK, QueueNotifyRecord(FilterOf(pKeyboard), &notify));
+    EXPECT_EQ(OK, QueueNotifyRecord(FilterOf(Keyboard), &notify));
     EXPECT_EQ(OK, QueueMacroRecord(&macro));
     const struct {
         ULONG ulCode;
@@ -210,7 +209,7 @@ TEST_P(ControlTest, RecordsBelongToTheProcessSize)
     EXPECT_EQ(GetParam() ? OK : TS, Send(IOCTL_TVUSB_STOP_PROCESSING, in, 0));
     HANDLE hEvent = HostCreateEvent(false);
     EXPECT_EQ(OK, Send(IOCTL_TVUSB_REGISTER_NOTIFY_EVENT, Record(0, BytesOf(hEvent)), 0));
-    SignalNotifyEvent(FilterOf(pKeyboard));
+    SignalNotifyEvent(FilterOf(Keyboard));
     EXPECT_TRUE(HostTakeEvent(hEvent));
     EXPECT_EQ(OK, Send(IOCTL_TVUSB_RELEASE_NOTIFY_EVENT, Record(0), 0));
     HostCloseHandle(hEvent);

@@ -1,6 +1,6 @@
 // devices_test.cpp - devices of the driver that cannot serve a request: not complete yet, without a device
 // below, on their way out, or without a control device beside them; and limits that no usual system reaches.
-#include "bench_keyboard.h"
+#include "machine.h"
 
 #include "control/control.h"
 #include "hotkeys/hotkeys.h"

@@ -1,6 +1,6 @@
 // engine_test.cpp - the closed parts of the report engine: key table, conversion, hotkey list, key buffers,
 // FIFO, descriptors.
-#include "bench_keyboard.h"
+#include "machine.h"
 
 #include "hotkeys/hotkeys.h"
 #include "report/keytable.h"

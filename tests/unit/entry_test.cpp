@@ -1,7 +1,7 @@
 // entry_test.cpp - the driver's entry and its settings, and the start-up guard.
 #include <gtest/gtest.h>
 
-#include "bench_frame.h"
+#include "registry.h"
 #include "driver/driver.h"
 #include "macro/macro.h"
 #include "report/keytable.h"

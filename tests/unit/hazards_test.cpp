@@ -1,6 +1,6 @@
 // hazards_test.cpp - what the obvious code would do wrong and no other test shows; docs/decisions.md names them.
-#include "bench_keyboard.h"
-#include "bench_urb.h"
+#include "machine.h"
+#include "urbs.h"
 
 #include "control/control.h"
 #include "hotkeys/hotkeys.h"
@@ -268,8 +268,7 @@ protected:
     }
     static EmuMachineOptions Options()
     {
-        EmuMachineOptions options;
-        options.Entry = DriverEntry;
+        EmuMachineOptions options = DriverOptions();
         options.Seed = GetParam();
         return options;
     }

@@ -1,6 +1,6 @@
 // intercept_test.cpp - URBs as other drivers may send them, reads that the driver answers, and waits.
-#include "bench_keyboard.h"
-#include "bench_urb.h"
+#include "machine.h"
+#include "urbs.h"
 
 #include <vector>
 

@@ -3,7 +3,7 @@
 
 #include <atomic>
 
-#include "bench_frame.h"
+#include "registry.h"
 #include "emu/app/application.h"
 #include "macro/macro.h"
 

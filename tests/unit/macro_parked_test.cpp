@@ -1,8 +1,8 @@
 // macro_parked_test.cpp - reads that wait while a macro is played at another pace.
 #include <gtest/gtest.h>
 
-#include "bench_macro.h"
-#include "bench_urb.h"
+#include "machine.h"
+#include "urbs.h"
 #include "hotkeys/hotkeys.h"
 
 namespace

@@ -4,8 +4,8 @@
 
 #include <functional>
 
-#include "bench_macro.h"
-#include "bench_urb.h"
+#include "machine.h"
+#include "urbs.h"
 #include "control/control.h"
 #include "emu/app/application.h"
 #include "hotkeys/hotkeys.h"

@@ -9,7 +9,7 @@
 
 #include "driver/driver.h"
 #include "emu/app/application.h"
-#include "emu/app/machine.h"
+#include "machine.h"
 #include "macro/macro.h"
 #include "tests/macro_file.h"
 
@@ -20,9 +20,7 @@ const EmuBytes MacroKey = {0, 0, 0x3A, 0, 0, 0, 0, 0};
 
 EmuMachineOptions Options(const DriveFolder& drive, ULONG ulDelayMs)
 {
-    EmuMachineOptions options;
-    options.Entry = DriverEntry;
-    options.Mode = HostThreaded;
+    EmuMachineOptions options = DriverOptions(HostThreaded);
     options.FileRoot = drive.Path();
     options.Settings["KorvexHotkey"] = ULONG{0x00010039};
     options.Settings["KorvexLEDDisabled"] = ULONG{0};

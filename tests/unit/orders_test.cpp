@@ -4,7 +4,7 @@
 #include <memory>
 #include <vector>
 
-#include "bench_context.h"
+#include "machine.h"
 #include "driver/driver.h"
 #include "emu/app/application.h"
 #include "emu/app/machine.h"
@@ -12,8 +12,7 @@
 
 static EmuMachineOptions Seeded(unsigned seed)
 {
-    EmuMachineOptions options;
-    options.Entry = DriverEntry;
+    EmuMachineOptions options = DriverOptions();
     options.Seed = seed;
     return options;
 }

@@ -4,23 +4,14 @@
 
 #include <atomic>
 
-#include "bench_context.h"
+#include "machine.h"
 #include "control/control.h"
 #include "emu/app/machine.h"
 
 namespace
 {
-constexpr NTSTATUS OK = STATUS_SUCCESS;
 constexpr NTSTATUS UN = STATUS_UNSUCCESSFUL;
 constexpr ULONG RING = 1024;
-
-EmuMachineOptions Options(HostMode mode = HostSimulated)
-{
-    EmuMachineOptions options;
-    options.Entry = DriverEntry;
-    options.Mode = mode;
-    return options;
-}
 
 ULONGLONG ValueOf(HANDLE h)
 {
@@ -41,7 +32,7 @@ protected:
 
     void TearDown() override { EXPECT_EQ(0u, machine.Unload()); }
 
-    EmuMachine machine{Options()};
+    EmuMachine machine{DriverOptions()};
     EmuKeyboard* pFirst = nullptr;
     EmuKeyboard* pSecond = nullptr;
 };
@@ -231,7 +222,7 @@ TEST_F(QueuesTest, ReportProcessingIsASwitchForEachKeyboard)
 // Registrations, releases and signals from all sides: at most one is registered, no reference is lost.
 TEST(QueuesThreads, OneRegistrationWins)
 {
-    EmuMachine machine(Options(HostThreaded));
+    EmuMachine machine(DriverOptions(HostThreaded));
     ASSERT_EQ(OK, machine.LoadStatus());
     EmuKeyboard* pKeyboard = machine.Plug();
     ASSERT_EQ(OK, pKeyboard->StartStatus());

@@ -1,7 +1,7 @@
 // reports_test.cpp - the report kinds where a story cannot look: lengths that no keyboard sends, what is
 // remembered and dumped of them, and repeats that two processors fight about.
-#include "bench_keyboard.h"
-#include "bench_urb.h"
+#include "machine.h"
+#include "urbs.h"
 
 #include <functional>
 

@@ -1,12 +1,11 @@
 // requests_test.cpp - requests that are passed to the keyboard: what goes over the wire, and what the application
 // gets when the keyboard answers oddly, late, or not at all.
-#include "bench_application.h"
+#include "machine.h"
 #include "control/control.h"
 #include "log/log.h"
 
 namespace
 {
-constexpr NTSTATUS OK = STATUS_SUCCESS;
 constexpr NTSTATUS TS = STATUS_BUFFER_TOO_SMALL;
 constexpr NTSTATUS UN = STATUS_UNSUCCESSFUL;
 
@@ -52,7 +51,7 @@ protected:
 
     NTSTATUS Ask(ULONG ulCode, const EmuBytes& payload, ULONG ulOut)
     {
-        return Send(ulCode, Record(pKeyboard->Index(), payload), ulOut);
+        return Send(ulCode, Record(Keyboard->Index(), payload), ulOut);
     }
 
     std::vector<EmuBytes> strings;
@@ -101,13 +100,13 @@ TEST_P(RequestsTest, WhatGoesOverTheWire)
         {0x2220D0, Access(0x0102, 0), 3, {{0xC0, 1, 0, 2, 0x02, 0x01, 0, 0}}, OK},
         {0x2220D4, Access(0x0102, 0), 3, {{0x40, 9, 0, 2, 0x02, 0x01, 0, 0}}, OK},
     };
-    pKeyboard->SetRules({{0x41, EmuAny, EmuAny, EmuAny, EmuAnswerStatus, 0, STATUS_SUCCESS, 0, 0}});
+    Keyboard->SetRules({{0x41, EmuAny, EmuAny, EmuAny, EmuAnswerStatus, 0, STATUS_SUCCESS, 0, 0}});
     for (size_t i = 0; i < ARRAYSIZE(Rows); i++) {
         SCOPED_TRACE(testing::Message() << "row " << i << ", code " << std::hex << Rows[i].ulCode);
-        pKeyboard->TakenRequests();
+        Keyboard->TakenRequests();
         EXPECT_EQ(Rows[i].status, Ask(Rows[i].ulCode, Rows[i].payload, Rows[i].ulOut));
         std::vector<EmuBytes> wire;
-        for (const EmuRequest& request : pKeyboard->TakenRequests()) {
+        for (const EmuRequest& request : Keyboard->TakenRequests()) {
             wire.emplace_back(request.Setup.begin(), request.Setup.end());
             wire.back().insert(wire.back().end(), request.Data.begin(), request.Data.end());
         }
@@ -123,7 +122,7 @@ TEST_P(RequestsTest, LedsAreRememberedAsFlags)
         EXPECT_EQ(OK, Ask(0x222064, {}, 2));
         EXPECT_EQ((EmuBytes{flags[1], 0}), Out);
     }
-    pKeyboard->SetRules({Rule(EmuAnswerStatus, 0, STATUS_UNSUCCESSFUL)});
+    Keyboard->SetRules({Rule(EmuAnswerStatus, 0, STATUS_UNSUCCESSFUL)});
     EXPECT_EQ(UN, Ask(0x222068, {5, 0}, 0));
     EXPECT_EQ(OK, Ask(0x222064, {}, 2));
     EXPECT_EQ((EmuBytes{5, 0}), Out) << "what was wanted, though the keyboard did not take it";
@@ -137,8 +136,8 @@ TEST_P(RequestsTest, EepromSize)
         ULONG ulSize;
     } Sizes[] = {{8, 0x40, 64}, {8, 0xFF, 255}, {0xFF, 0xFF, 8128}, {7, 1, 0}, {3, 3, 1}, {0, 0x40, 0}};
     for (const auto& size : Sizes) {
-        pKeyboard->Memory().ucEepromUnit = size.ucUnit;
-        pKeyboard->Memory().ucEepromCount = size.ucCount;
+        Keyboard->Memory().ucEepromUnit = size.ucUnit;
+        Keyboard->Memory().ucEepromCount = size.ucCount;
         for (ULONG ulCode : {0x2220A4u, 0x2220A8u}) {
             EXPECT_EQ(OK, Ask(ulCode, Access(0xFFFF, 0), size.ulSize));
             EXPECT_EQ(EmuBytes(size.ulSize), Out);
@@ -149,7 +148,7 @@ TEST_P(RequestsTest, EepromSize)
             EXPECT_EQ(0u, Out.size());
         }
     }
-    pKeyboard->SetRules({Rule(EmuAnswerShort, 73)});
+    Keyboard->SetRules({Rule(EmuAnswerShort, 73)});
     EXPECT_EQ(OK, Ask(0x2220A4, Access(0, 0), 64));
     EXPECT_EQ(0u, Out.size()) << "the count did not come";
 }
@@ -198,7 +197,7 @@ TEST_P(RequestsTest, StringsOfOddLengths)
     }
     strings.clear();
     for (ULONG ulSkip : {0u, 1u}) {
-        pKeyboard->SetRules({Rule(EmuAnswerStatus, 0, STATUS_UNSUCCESSFUL, ulSkip)});
+        Keyboard->SetRules({Rule(EmuAnswerStatus, 0, STATUS_UNSUCCESSFUL, ulSkip)});
         EXPECT_EQ(OK, Ask(0x22208C, String(1, 0x409), 100)) << "a failure is hidden";
         EXPECT_EQ(0u, Out.size());
     }
@@ -213,26 +212,26 @@ TEST_P(RequestsTest, ShortAndFailedAnswers)
     for (const auto& read : Reads) {
         SCOPED_TRACE(testing::Message() << "code " << std::hex << read.ulCode);
         EmuBytes payload = Access(0, static_cast<USHORT>(read.ulLength));
-        pKeyboard->SetRules({});
+        Keyboard->SetRules({});
         ASSERT_EQ(OK, Ask(read.ulCode, payload, 100));
         EmuBytes whole = Out;
         ASSERT_EQ(read.ulLength, whole.size());
 
-        pKeyboard->SetRules({Rule(EmuAnswerShort, 7)});
+        Keyboard->SetRules({Rule(EmuAnswerShort, 7)});
         EXPECT_EQ(OK, Ask(read.ulCode, payload, 100));
         std::fill(whole.begin() + 7, whole.end(), UCHAR{0});
         EXPECT_EQ(whole, Out) << "what did not come is zero";
 
-        pKeyboard->SetRules({Rule(EmuAnswerUrbStatus, 18)});
+        Keyboard->SetRules({Rule(EmuAnswerUrbStatus, 18)});
         EXPECT_EQ(OK, Ask(read.ulCode, payload, 100));
         EXPECT_EQ(EmuBytes(read.ulLength), Out) << "only the URB failed";
 
-        pKeyboard->SetRules({Rule(EmuAnswerStatus, 0, STATUS_UNSUCCESSFUL)});
+        Keyboard->SetRules({Rule(EmuAnswerStatus, 0, STATUS_UNSUCCESSFUL)});
         EXPECT_EQ(read.stalled, Ask(read.ulCode, payload, 100));
         EXPECT_EQ(0u, Out.size());
     }
     for (ULONG ulCode : {0x222068u, 0x222094u, 0x2220A0u, 0x2220A8u, 0x2220D4u}) {
-        pKeyboard->SetRules({Rule(EmuAnswerStatus, 0, STATUS_DEVICE_NOT_READY)});
+        Keyboard->SetRules({Rule(EmuAnswerStatus, 0, STATUS_DEVICE_NOT_READY)});
         EXPECT_EQ(STATUS_DEVICE_NOT_READY, Ask(ulCode, Access(1, 3), 0)) << std::hex << ulCode;
     }
 }
@@ -245,10 +244,10 @@ TEST_P(RequestsTest, ByNameWithoutABufferOrAKeyboard)
     EXPECT_GT(ulLength, 2u) << "the length alone";
     EXPECT_EQ(UN, GetDeviceDescriptor(99, ucDescriptor));
     EXPECT_EQ(0x77, ucDescriptor[0]);
-    pKeyboard->TakenRequests();
+    Keyboard->TakenRequests();
     EXPECT_EQ(OK, ReadQuintoraEEprom(0, 0, 8, nullptr, &ulLength));
     EXPECT_EQ(0u, ulLength);
-    EXPECT_EQ(0u, pKeyboard->TakenRequests().size());
+    EXPECT_EQ(0u, Keyboard->TakenRequests().size());
 }
 
 // The memory families' whole reach: the largest length that an input and an output can hold.
@@ -272,14 +271,14 @@ TEST_P(RequestsTest, LargestTransfers)
 TEST_P(RequestsTest, EmptyTransfersNeedNoBuffer)
 {
     ULONG ulLength = 7;
-    pKeyboard->TakenRequests();
-    EXPECT_EQ(OK, ReadVendorMemory(pKeyboard->Index(), 1, 0, nullptr, &ulLength));
-    EXPECT_EQ(OK, WriteVendorMemory(pKeyboard->Index(), 1, 0, nullptr, &ulLength));
+    Keyboard->TakenRequests();
+    EXPECT_EQ(OK, ReadVendorMemory(Keyboard->Index(), 1, 0, nullptr, &ulLength));
+    EXPECT_EQ(OK, WriteVendorMemory(Keyboard->Index(), 1, 0, nullptr, &ulLength));
     EXPECT_EQ(0u, ulLength);
-    EXPECT_EQ(2u, pKeyboard->TakenRequests().size());
-    EXPECT_EQ(OK, ReadDescriptorMemory(pKeyboard->Index(), 1, 0, nullptr, &ulLength));
-    EXPECT_EQ(OK, WriteDescriptorMemory(pKeyboard->Index(), 1, 0, nullptr, &ulLength));
-    EXPECT_EQ(0u, pKeyboard->TakenRequests().size());
+    EXPECT_EQ(2u, Keyboard->TakenRequests().size());
+    EXPECT_EQ(OK, ReadDescriptorMemory(Keyboard->Index(), 1, 0, nullptr, &ulLength));
+    EXPECT_EQ(OK, WriteDescriptorMemory(Keyboard->Index(), 1, 0, nullptr, &ulLength));
+    EXPECT_EQ(0u, Keyboard->TakenRequests().size());
 }
 
 TEST_P(RequestsTest, WithoutMemoryNothingIsSent)
@@ -298,7 +297,7 @@ TEST_P(RequestsTest, WithoutMemoryNothingIsSent)
         EmuBytes payload = request.ulCode == 0x22208C   ? String(1, 0x409)
                            : request.ulCode == 0x2220A0 ? Command(0, 0)
                                                         : Access(1, 5);
-        pKeyboard->TakenRequests();
+        Keyboard->TakenRequests();
         HostFailNth("irp", 1 + request.ulIrps); // the first is the application's own
         EXPECT_EQ(request.noIrp, Ask(request.ulCode, payload, 100));
         EXPECT_EQ(0u, Out.size());
@@ -307,7 +306,7 @@ TEST_P(RequestsTest, WithoutMemoryNothingIsSent)
             EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, Ask(request.ulCode, payload, 100));
         }
         HostFailNth(nullptr, 0);
-        EXPECT_EQ(request.ulIrps - 1, pKeyboard->TakenRequests().size());
+        EXPECT_EQ(request.ulIrps - 1, Keyboard->TakenRequests().size());
     }
     for (USHORT usLength : {0, 5}) {
         HostFailNth("pool", 1);
@@ -318,7 +317,7 @@ TEST_P(RequestsTest, WithoutMemoryNothingIsSent)
 
 TEST_P(RequestsTest, LateAnswerIsWaitedFor)
 {
-    pKeyboard->SetRules({Rule(EmuAnswerLate, 40)});
+    Keyboard->SetRules({Rule(EmuAnswerLate, 40)});
     unsigned long long ullBefore = HostNowUs();
     EXPECT_EQ(OK, Ask(0x22208C, String(3, 0x409), 100));
     EXPECT_EQ((EmuBytes{'0', 0, '0', 0, '0', 0, '1', 0, 0, 0}), Out);
@@ -332,7 +331,7 @@ TEST_P(RequestsTest, KeyboardGoesDuringRequests)
 {
     for (EmuAnswer How : {EmuAnswerNever, EmuAnswerDeaf}) {
         for (bool bSurprise : {false, true}) {
-            EmuKeyboard* pSecond = machine.Plug(EmuBootKeyboard);
+            EmuKeyboard* pSecond = Machine->Plug(EmuBootKeyboard);
             ASSERT_EQ(OK, pSecond->StartStatus());
             pSecond->SetRules({Rule(How, 0, 0, 1)}); // the string's second read
             NTSTATUS statuses[2] = {STATUS_PENDING, STATUS_PENDING};

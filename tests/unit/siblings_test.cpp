@@ -1,6 +1,6 @@
 // siblings_test.cpp - keyboard class devices that answer oddly, mouse filters that are slow, silent or gone,
 // interfaces that come and go faster than anybody looks.
-#include "bench_keyboard.h"
+#include "machine.h"
 
 #include <atomic>
 
@@ -396,10 +396,7 @@ void TypeOnce(EmuMachine& machine, bool bSurprise)
 // Mice come and go while keyboards are typed on; then while the control device is made and deleted with each.
 TEST(Threaded, ModifierWordsMeetRemovalAndUnload)
 {
-    EmuMachineOptions options;
-    options.Entry = DriverEntry;
-    options.Mode = HostThreaded;
-    EmuMachine machine(options);
+    EmuMachine machine(DriverOptions(HostThreaded));
     ASSERT_EQ(machine.LoadStatus(), STATUS_SUCCESS);
     EmuKeyboard* pStays = machine.Plug();
     EmuSibling* pPs2 = machine.AddSibling(EmuPs2MouseSibling);

@@ -1,14 +1,12 @@
 // threaded_test.cpp - four keyboards typed at once while an application defines, drains and pulls.
-#include "bench_keyboard.h"
+#include "machine.h"
 
 #include <atomic>
 #include <thread>
 
 TEST(Threaded, KeyboardsTypeWhileTheApplicationWorks)
 {
-    EmuMachineOptions options;
-    options.Entry = DriverEntry;
-    options.Mode = HostThreaded;
+    EmuMachineOptions options = DriverOptions(HostThreaded);
     std::atomic<unsigned> received{0}; // the machine's threads count to its end
     EmuMachine machine(options);
     ASSERT_EQ(machine.LoadStatus(), STATUS_SUCCESS);
@@ -65,10 +63,7 @@ TEST(Threaded, KeyboardsTypeWhileTheApplicationWorks)
 // thread, and is pulled in the midst of it.
 TEST(Threaded, KeyboardAnswersOnAnotherThread)
 {
-    EmuMachineOptions options;
-    options.Entry = DriverEntry;
-    options.Mode = HostThreaded;
-    EmuMachine machine(options);
+    EmuMachine machine(DriverOptions(HostThreaded));
     ASSERT_EQ(machine.LoadStatus(), STATUS_SUCCESS);
     EmuPlugOptions plug;
     plug.Record = false;

@@ -1,11 +1,10 @@
 // tour_test.cpp - every control request, in both process sizes: its checks one after the other, no keyboard, an
 // unknown one, success.
-#include "bench_application.h"
+#include "machine.h"
 #include "control/control.h"
 
 namespace
 {
-constexpr NTSTATUS OK = STATUS_SUCCESS;
 constexpr NTSTATUS TS = STATUS_BUFFER_TOO_SMALL;
 constexpr NTSTATUS UN = STATUS_UNSUCCESSFUL;
 constexpr NTSTATUS NO = STATUS_INVALID_DEVICE_REQUEST;
@@ -70,7 +69,7 @@ public:
     EmuBytes Notify()
     {
         NotifyRecord record = {1, 0, NOTIFY_SOURCE_HOTKEY, 1, 0, 5, 42};
-        EXPECT_EQ(OK, QueueNotifyRecord(FilterOf(pKeyboard), &record));
+        EXPECT_EQ(OK, QueueNotifyRecord(FilterOf(Keyboard), &record));
         return Two();
     }
 
@@ -83,7 +82,7 @@ public:
 
     EmuBytes Name()
     {
-        const UNICODE_STRING& link = ContextOf(pKeyboard)->InterfaceLinkName;
+        const UNICODE_STRING& link = ContextOf(Keyboard)->InterfaceLinkName;
         const UCHAR* pName = reinterpret_cast<const UCHAR*>(link.Buffer + 4);
         return EmuBytes(pName, pName + link.Length - 8);
     }
@@ -198,7 +197,7 @@ void TourTest::CheckLengths(const Row& row, NTSTATUS shortStatus, Outcome shorte
 void TourTest::CheckSuccess(const Row& row)
 {
     EmuBytes payload = row.pPrepare != nullptr ? (this->*row.pPrepare)() : EmuBytes();
-    EmuBytes in = row.input == WholeRecord ? Record(pKeyboard->Index(), payload) : Shortest(row);
+    EmuBytes in = row.input == WholeRecord ? Record(Keyboard->Index(), payload) : Shortest(row);
     EXPECT_EQ(row.success.status, Send(row.ulCode, in, 4096)) << "success";
     EXPECT_EQ(row.success.ulInformation, Out.size());
 }
@@ -206,9 +205,9 @@ void TourTest::CheckSuccess(const Row& row)
 TEST_P(TourTest, EveryRequestInItsOrderOfChecks)
 {
     hEvent = HostCreateEvent(false);
-    machine.AddClassDevice(0);
+    Machine->AddClassDevice(0);
     bToured = true;
-    machine.AddClassDevice(0); // has the key repeat
+    Machine->AddClassDevice(0); // has the key repeat
     for (const Row& row : Rows) {
         SCOPED_TRACE(testing::Message() << "code " << std::hex << row.ulCode);
         CheckLengths(row, row.shortStatus, row.unknown);
@@ -220,13 +219,13 @@ TEST_P(TourTest, EveryRequestInItsOrderOfChecks)
     EXPECT_EQ(TS, Send(0x222044, Record(0, BytesOf<USHORT>(1)), 2051))
         << "the length comes before the position";
     EXPECT_EQ(UN, Send(0x222044, Record(0, BytesOf<USHORT>(1)), 2052));
-    pKeyboard->Unplug(true);
+    Keyboard->Unplug(true);
     for (const Row& row : Rows) {
         SCOPED_TRACE(testing::Message() << "without keyboards, code " << std::hex << row.ulCode);
         bool bNeedsKeyboard = row.ulCode == 0x222044; // before any length
         CheckLengths(row, bNeedsKeyboard ? UN : row.shortStatus, row.none);
     }
-    pApp->Close();
+    Application->Close();
     HostCloseHandle(hEvent);
 }
 

@@ -1,5 +1,5 @@
 // trace_macro_test.cpp - what the macro mode traces, each in its situation.
-#include "bench_macro.h"
+#include "machine.h"
 #include "hotkeys/hotkeys.h"
 #include "log/events.h"
 #include "trace_decoder.h"

@@ -1,8 +1,7 @@
 // trace_test.cpp - the driver as a provider of the system's event tracing: who is told what, and when.
-#include "bench_frame.h"
-#include "bench_keyboard.h"
-#include "bench_macro.h"
-#include "bench_urb.h"
+#include "registry.h"
+#include "machine.h"
+#include "urbs.h"
 #include "control/control.h"
 #include "hotkeys/hotkeys.h"
 #include "log/events.h"
@@ -21,8 +20,7 @@ using Lines = std::vector<std::string>;
 struct Scene {
     explicit Scene(const std::function<void()>& prepare, UCHAR ucLevel = 0, ULONGLONG ullKeywords = 0)
     {
-        EmuMachineOptions options;
-        options.Entry = DriverEntry;
+        EmuMachineOptions options = DriverOptions();
         options.BeforeLoad = [&] {
             Listener.Begin(ucLevel, ullKeywords);
             prepare();

@@ -1,7 +1,7 @@
 // urbs_test.cpp - what the driver learns from, dumps of and changes in the URBs that pass it, with buffers of
 // exactly their lengths.
-#include "bench_keyboard.h"
-#include "bench_urb.h"
+#include "machine.h"
+#include "urbs.h"
 
 #include <functional>
 

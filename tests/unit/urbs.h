@@ -1,4 +1,4 @@
-// bench_urb.h - requests with URBs as they stand at a filter device, and the log that their dumps go to.
+// urbs.h - requests with URBs as they stand at a filter device, and the log that their dumps go to.
 #pragma once
 
 #include <kernel.h>

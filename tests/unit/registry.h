@@ -1,15 +1,7 @@
-// bench_frame.h - what the tests of entry, keyboards and control device share: a driver that finds these values in
-// the registry, a request to a device, a hotkey.
+// registry.h - a driver that finds these values in its registry key, and one request to a device.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <string>
-
-#include "bench_context.h"
-#include "driver/driver.h"
-#include "emu/app/application.h"
-#include "emu/app/machine.h"
+#include "machine.h"
 
 inline const std::string Head = "Windows Registry Editor Version 5.00\r\n\r\n";
 inline const std::string Key =
@@ -31,16 +23,9 @@ inline long long StoredCount()
 
 inline EmuMachineOptions WithRegistry(const std::string& values)
 {
-    EmuMachineOptions options;
-    options.Entry = DriverEntry;
+    EmuMachineOptions options = DriverOptions();
     options.RegistryText = values.empty() ? values : Key + values;
     return options;
-}
-
-// Whether the driver's control device can be opened.
-inline bool CanOpen()
-{
-    return NT_SUCCESS(EmuApplication().OpenStatus());
 }
 
 // Sends one request to a device as the system would.
@@ -62,10 +47,4 @@ inline NTSTATUS Send(PDEVICE_OBJECT pDevice, UCHAR ucMajor, UCHAR ucMinor, ULONG
     *pulInformation = pIrp->IoStatus.Information;
     IoFreeIrp(pIrp);
     return status;
-}
-
-// Ctrl+F1.
-inline KeyDefinition Hotkey(uint32_t ulId)
-{
-    return tvusb::MakeHotkey(ulId, MODIFIER_ANY_CONTROL, {0x3B}, false);
 }
