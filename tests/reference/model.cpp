@@ -24,7 +24,9 @@ void World::Log(uint8_t level, const char* format, ...)
     va_end(arguments);
     if (LogText.size() < LOG_CHARACTERS) {
         LogText += LogHead + message + "\r\n";
-        LogText.resize(LogText.size() < LOG_CHARACTERS ? LogText.size() : LOG_CHARACTERS);
+        if (LogText.size() > LOG_CHARACTERS) {
+            LogText.resize(LOG_CHARACTERS);
+        }
     }
 }
 
