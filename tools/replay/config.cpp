@@ -162,6 +162,8 @@ private:
         for (const toml::node& table : TablesOf(node, "definitions are tables: [[definition]]"))
             Try([&] {
                 KeyDefinition definition = ReadDefinition(*table.as_table());
+                const toml::node* pName = table.as_table()->get("name");
+                m_config.definitionNames.push_back(pName ? TextOf(*pName, "name") : "");
                 m_config.definitions.push_back(definition);
                 m_config.definitionLines.push_back(LineOf(table));
             });
@@ -169,7 +171,8 @@ private:
 
     KeyDefinition ReadDefinition(const toml::table& table) const
     {
-        RefuseUnknownKeys(table, {"id", "type", "modifiers", "scans", "keys", "swallow"}, "[[definition]]");
+        RefuseUnknownKeys(table, {"id", "name", "type", "modifiers", "scans", "keys", "swallow"},
+                          "[[definition]]");
         KeyDefinition definition{};
         if (!table.get("id"))
             Fail(table, "a definition needs an id");

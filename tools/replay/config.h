@@ -25,6 +25,7 @@ struct ReplayConfig {
 
     std::map<std::string, unsigned> settingLines;  // of the file, by name
     std::vector<unsigned> definitionLines;         // one for each definition
+    std::vector<std::string> definitionNames;      // likewise; "" for none
     std::string macroFile;                         // KorvexConfigFile as the host knows it, or ""
     std::shared_ptr<TemporaryFile> compiledMacros; // what its readable form became
 };

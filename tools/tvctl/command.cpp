@@ -58,7 +58,10 @@ int RunTvctl(int argc, const char* const* argv, const MakeTransport& way)
     app.require_subcommand(1);
     app.fallthrough();
     ControlVerbs verbs;
-    AddListVerbs(app, verbs);
+    for (auto add :
+         {AddListVerbs, AddWatchVerb, AddHotkeyVerbs, AddInsertVerbs, AddSettingVerbs, AddEepromVerbs,
+          AddDescriptorVerbs, static_cast<void (*)(CLI::App&, ControlVerbs&)>(AddMacroVerbs), AddDoctorVerb})
+        add(app, verbs);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

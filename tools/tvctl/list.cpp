@@ -6,11 +6,6 @@
 namespace
 {
 
-std::string VersionText(uint32_t ulVersion)
-{
-    return fmt::format("{}.{}.{}", ulVersion >> 16, ulVersion >> 8 & 0xFF, ulVersion & 0xFF);
-}
-
 ExitStatus List(Session& session)
 {
     for (const KeyboardFacts& facts : session.Keyboards())
@@ -51,6 +46,11 @@ ExitStatus Info(Session& session)
 }
 
 } // namespace
+
+std::string VersionText(uint32_t ulVersion)
+{
+    return fmt::format("{}.{}.{}", ulVersion >> 16, ulVersion >> 8 & 0xFF, ulVersion & 0xFF);
+}
 
 void AddListVerbs(CLI::App& app, ControlVerbs& verbs)
 {

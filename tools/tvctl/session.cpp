@@ -10,7 +10,9 @@ ExitStatus ExitOf(const tvusb::Status& status)
 {
     switch (status.Value()) {
     case tvusb::Status::NameNotFound:
+        return status.Request() == 0 ? NoKeyboard : Refused; // opening; else it is another device's name
     case tvusb::Status::NoSuchKeyboard:
+    case tvusb::Status::KeyboardGone:
         return NoKeyboard;
     case tvusb::Status::Ambiguous:
         return SeveralFit;
@@ -58,10 +60,12 @@ KeyboardFacts Session::Chosen()
             fitting.push_back(facts);
     if (fitting.size() == 1)
         return fitting[0];
+    std::string meant = word.empty() ? "" : fmt::format(" '{}'", word);
     std::string what =
-        fitting.empty() ? fmt::format("no keyboard is '{}'; there {}:", word, all.size() == 1 ? "is" : "are")
-                        : fmt::format("{} keyboards fit{}, say which with --keyboard:", fitting.size(),
-                                      word.empty() ? "" : fmt::format(" '{}'", word));
+        all.empty() ? "no keyboard is started"
+        : fitting.empty()
+            ? fmt::format("no keyboard is{}; there {}:", meant, all.size() == 1 ? "is" : "are")
+            : fmt::format("{} keyboards fit{}, say which with --keyboard:", fitting.size(), meant);
     Failure failure(fitting.empty() ? NoKeyboard : SeveralFit, what);
     for (const KeyboardFacts& facts : fitting.empty() ? all : fitting)
         failure.Add(LineOf(facts, "candidate"), TextOf(facts));
