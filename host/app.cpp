@@ -170,7 +170,7 @@ HANDLE HostCreateEvent(bool bManualReset, ACCESS_MASK rights)
 {
     PKEVENT pEvent = static_cast<PKEVENT>(HostNewObject(HostKindEvent, sizeof(KEVENT), nullptr));
     KeInitializeEvent(pEvent, bManualReset ? NotificationEvent : SynchronizationEvent, FALSE);
-    return HostNewHandle(pEvent, true, rights);
+    return HostNewHandle(pEvent, 0, rights);
 }
 
 static PKEVENT EventOf(HANDLE h)

@@ -88,6 +88,7 @@ void HostCopyOut(PIRP pIrp, HostIrp* pHost)
             HostBug("UNINITIALISED_OUTPUT", "the output holds memory that nobody wrote, at byte %zu of %llu",
                     offset, ulBytes);
         }
+        HostTellOutput("an answer", pData, ulBytes);
         memcpy(pIrp->UserBuffer, pData, ulBytes);
     }
     if (pIrp->AssociatedIrp.SystemBuffer != nullptr && pHost->ulMethod != METHOD_NEITHER) {

@@ -65,8 +65,9 @@ HostObject* HostObjectOf(void* pBody, const char* pCall); // checks that the obj
 void HostReference(void* pBody);                 // the host's own references: not in a driver's ledger
 long HostDereference(void* pBody);               // what is left
 void HostForgetSecurity(PDEVICE_OBJECT pDevice); // security.cpp
-ACCESS_MASK HostRightsOf(HostKind kind, ACCESS_MASK desired);      // generic rights become the kind's own
-HANDLE HostNewHandle(void* pBody, bool bUser, ACCESS_MASK rights); // takes over a reference
+ACCESS_MASK HostRightsOf(HostKind kind, ACCESS_MASK desired); // generic rights become the kind's own
+// Takes over a reference. Without OBJ_KERNEL_HANDLE it is a handle of the process that happens to run.
+HANDLE HostNewHandle(void* pBody, ULONG ulAttributes, ACCESS_MASK rights);
 void* HostFromHandle(HANDLE h, HostKind kind, ACCESS_MASK needed, NTSTATUS* pStatus); // borrowed
 const char* HostKindName(HostKind kind);
 unsigned HostAuditObjects(PDRIVER_OBJECT pDriver);
@@ -193,6 +194,7 @@ void HostGuardPaged(bool bGuard);
 void HostCheckNotFreed(const void* pObject, const char* pCall); // an event, timer, DPC
 bool HostIsFreed(const void* p);                                // as far as an address sanitizer knows
 bool HostFindUnwritten(const UCHAR* pData, size_t bytes, size_t* pOffset);
+void HostFillPattern(UCHAR* pData, size_t bytes);
 void HostFillUnwritten(UCHAR* pData, size_t bytes);
 ULONGLONG HostFillOutput(UCHAR* pData, size_t begin, size_t end);
 bool HostFindUnwrittenOutput(ULONG ulCode, ULONGLONG ullKey, const UCHAR* pData, size_t begin, size_t end,

@@ -175,6 +175,11 @@ PDEVICE_OBJECT IoAttachDeviceToDeviceStack(PDEVICE_OBJECT pSource, PDEVICE_OBJEC
 {
     HostEnter(__func__, DISPATCH_LEVEL);
     HostObjectOf(pTarget, __func__);
+    if (!(pSource->Characteristics & FILE_DEVICE_SECURE_OPEN)) {
+        HostBug("DEVICE_OPEN_NOT_SECURE",
+                "a device is attached that was made without FILE_DEVICE_SECURE_OPEN: what "
+                "is opened behind its name is not checked");
+    }
     if (HostShouldFail("attach")) {
         return nullptr;
     }

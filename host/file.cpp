@@ -4,7 +4,7 @@
 //                                                           \SystemRoot is the folder Windows)
 //   \??\/abs/x                                              the host's own path
 //
-// Names are tried as they stand, then without case. Reads and writes without an offset go on where the last
+// Names are tried as they stand, then, with OBJ_CASE_INSENSITIVE, without case. Reads and writes without an offset go on where the last
 // one ended. Who else may have the file open is told in sharing.cpp.
 #include "file.h"
 
@@ -55,10 +55,10 @@ NTSTATUS HostStatusOfErrno(int iError)
 }
 
 // One step down: the name as it stands, or one that differs in case only.
-std::string HostFileIn(const std::string& folder, const std::string& name)
+std::string HostFileIn(const std::string& folder, const std::string& name, bool bIgnoreCase)
 {
     std::string exact = folder + "/" + name;
-    if (access(exact.c_str(), F_OK) == 0) {
+    if (!bIgnoreCase || access(exact.c_str(), F_OK) == 0) {
         return exact;
     }
     DIR* pDir = opendir(folder.c_str());
@@ -74,7 +74,7 @@ std::string HostFileIn(const std::string& folder, const std::string& name)
     return found;
 }
 
-NTSTATUS HostMapPath(const HostText& name, std::string* pPath)
+NTSTATUS HostMapPath(const HostText& name, bool bIgnoreCase, std::string* pPath)
 {
     std::string path = HostUtf8(name);
     std::string upper = HostUtf8(HostCanonicalName(name));
@@ -102,10 +102,16 @@ NTSTATUS HostMapPath(const HostText& name, std::string* pPath)
         if (piece == "..") {
             return STATUS_OBJECT_NAME_INVALID;
         }
-        mapped = piece.empty() ? mapped : HostFileIn(mapped, piece);
+        mapped = piece.empty() ? mapped : HostFileIn(mapped, piece, bIgnoreCase);
     }
     *pPath = mapped;
     return STATUS_SUCCESS;
+}
+
+static NTSTATUS MapName(POBJECT_ATTRIBUTES pAttributes, std::string* pPath)
+{
+    return HostMapPath(HostTextOf(pAttributes->ObjectName), pAttributes->Attributes & OBJ_CASE_INSENSITIVE,
+                       pPath);
 }
 
 static bool IsOverwritten(ULONG ulDisposition)
@@ -171,7 +177,7 @@ NTSTATUS ZwCreateFile(PHANDLE pHandle, ACCESS_MASK access, POBJECT_ATTRIBUTES pA
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     std::string path;
-    NTSTATUS status = HostMapPath(HostTextOf(pAttributes->ObjectName), &path);
+    NTSTATUS status = MapName(pAttributes, &path);
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -190,7 +196,7 @@ NTSTATUS ZwCreateFile(PHANDLE pHandle, ACCESS_MASK access, POBJECT_ATTRIBUTES pA
         *pFile = file;
         g->OpenFiles.push_back(pFile);
     }
-    *pHandle = HostNewHandle(pFile, false, access);
+    *pHandle = HostNewHandle(pFile, pAttributes->Attributes, access);
     pStatus->Status = STATUS_SUCCESS;
     return STATUS_SUCCESS;
 }
@@ -259,6 +265,7 @@ NTSTATUS ZwWriteFile(HANDLE h, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_STATUS_BLOCK 
     if (!(pFile->Rights & FILE_WRITE_DATA) || (!bHere && llAt == -1)) {
         llAt = lseek(pFile->iFd, 0, SEEK_END);
     }
+    HostTellOutput("a file", pBuffer, ulLength);
     ssize_t put = pwrite(pFile->iFd, pBuffer, ulLength, llAt);
     if (put < 0) {
         return HostEndOnFile(pStatus, HostStatusOfErrno(errno), 0);
@@ -274,7 +281,7 @@ NTSTATUS ZwDeleteFile(POBJECT_ATTRIBUTES pAttributes)
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     std::string path;
-    NTSTATUS status = HostMapPath(HostTextOf(pAttributes->ObjectName), &path);
+    NTSTATUS status = MapName(pAttributes, &path);
     if (!NT_SUCCESS(status)) {
         return status;
     }

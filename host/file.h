@@ -19,8 +19,9 @@ struct FileBody {
 
 // --- file.cpp
 NTSTATUS HostStatusOfErrno(int iError);
-std::string HostFileIn(const std::string& folder, const std::string& name); // that name, whatever its case
-NTSTATUS HostMapPath(const HostText& name, std::string* pPath);
+// That name, or one that differs in case only.
+std::string HostFileIn(const std::string& folder, const std::string& name, bool bIgnoreCase = true);
+NTSTATUS HostMapPath(const HostText& name, bool bIgnoreCase, std::string* pPath);
 FileBody* HostBeginOnFile(HANDLE h, const char* pCall, const char* pKind, ACCESS_MASK needed,
                           NTSTATUS* pStatus);
 NTSTATUS HostEndOnFile(PIO_STATUS_BLOCK pStatus, NTSTATUS status, ULONG_PTR ulInformation);

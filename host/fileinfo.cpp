@@ -45,7 +45,7 @@ static NTSTATUS Rename(FileBody* pFile, const FILE_RENAME_INFORMATION* pRename)
         path = std::string(pFile->pPath);
         path = HostFileIn(path.substr(0, path.find_last_of('/')), HostUtf8(name));
     } else {
-        NTSTATUS status = HostMapPath(name, &path);
+        NTSTATUS status = HostMapPath(name, true, &path);
         if (!NT_SUCCESS(status)) {
             return status;
         }

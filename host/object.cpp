@@ -135,14 +135,14 @@ ACCESS_MASK HostRightsOf(HostKind kind, ACCESS_MASK desired)
     return granted;
 }
 
-HANDLE HostNewHandle(void* pBody, bool bUser, ACCESS_MASK rights)
+HANDLE HostNewHandle(void* pBody, ULONG ulAttributes, ACCESS_MASK rights)
 {
     PDRIVER_OBJECT pDriver = HostSelf()->pDriver;
     rights = HostRightsOf(HostObjectOf(pBody, "a new handle")->Kind, rights);
     HostLock lock(g->Lock);
     ULONG_PTR ulHandle = g->ulNextHandle;
     g->ulNextHandle += 4;
-    g->Handles[ulHandle] = {pBody, pDriver, bUser, rights};
+    g->Handles[ulHandle] = {pBody, pDriver, !(ulAttributes & OBJ_KERNEL_HANDLE), rights};
     return reinterpret_cast<HANDLE>(ulHandle);
 }
 

@@ -43,10 +43,11 @@ static LIST_ENTRY Blocks = {&Blocks, &Blocks};
 static std::deque<Block*> Quarantine;
 static std::vector<Block*> PagedBlocks;
 
-static void GuardFront(Block* pBlock)
+static void Guard(Block* pBlock)
 {
     if (GUARD_BYTES != 0) {
-        HostFillUnwritten(pBlock->Before, sizeof(pBlock->Before));
+        HostFillPattern(pBlock->Before, sizeof(pBlock->Before));
+        HostFillPattern(pBlock->Body() + pBlock->bytes, GUARD_BYTES);
     }
     ASAN_POISON_MEMORY_REGION(pBlock->Before, sizeof(pBlock->Before));
 }
@@ -61,8 +62,8 @@ void* HostAllocate(size_t bytes, const char* pKind, ULONG ulTag, PDRIVER_OBJECT 
         HostBug("OUT_OF_MEMORY", "%zu bytes", bytes);
     }
     *pBlock = {LIVE, bytes, pKind, pOwner, {nullptr, nullptr}, ulTag, false, {}};
-    HostFillUnwritten(pBlock->Body(), bytes + GUARD_BYTES);
-    GuardFront(pBlock);
+    HostFillUnwritten(pBlock->Body(), bytes);
+    Guard(pBlock);
     ASAN_POISON_MEMORY_REGION(pBlock->Body() + bytes, ((bytes + 15) & ~size_t(15)) - bytes);
     std::lock_guard<std::mutex> lock(PoolLock);
     InsertTailList(&Blocks, &pBlock->Link);
@@ -97,7 +98,7 @@ static Block* CheckBlock(void* p, const char* pKind)
         }
     }
     for (size_t i = 0; i < GUARD_BYTES; i++) {
-        if (pBlock->Body()[pBlock->bytes + i] != HostUnwritten[(pBlock->bytes + i) % 4]) {
+        if (pBlock->Body()[pBlock->bytes + i] != HostUnwritten[i % 4]) {
             HostBug("BAD_POOL_HEADER", "%s at %p (%zu bytes) was written beyond its end", pKind, p,
                     pBlock->bytes);
         }

@@ -63,7 +63,7 @@ static NTSTATUS OpenKey(PHANDLE pHandle, ACCESS_MASK desired, POBJECT_ATTRIBUTES
     }
     KeyBody* pBody = static_cast<KeyBody*>(HostNewObject(HostKindKey, sizeof(KeyBody), DestroyKeyBody));
     pBody->pKey = pKey;
-    *pHandle = HostNewHandle(pBody, false, desired);
+    *pHandle = HostNewHandle(pBody, pAttributes->Attributes, desired);
     return STATUS_SUCCESS;
 }
 
@@ -142,6 +142,7 @@ NTSTATUS ZwSetValueKey(HANDLE h, PUNICODE_STRING pName, ULONG, ULONG ulType, PVO
     }
     HostText name = HostTextOf(pName);
     const UCHAR* p = static_cast<const UCHAR*>(pData);
+    HostTellOutput("a value", pData, ulSize);
     HostLock lock(g->Lock);
     pKey->Values[HostUpper(name)] = {name, ulType, std::vector<UCHAR>(p, p + ulSize)};
     return STATUS_SUCCESS;

@@ -42,6 +42,7 @@ PIRP IoBuildDeviceIoControlRequest(ULONG ulCode, PDEVICE_OBJECT pDevice, PVOID p
         pHost->ullKey =
             HostFillOutput(static_cast<UCHAR*>(pIrp->AssociatedIrp.SystemBuffer), ulInput, ulBuffer);
         if (ulInput != 0) {
+            HostTellOutput("a request", pInput, ulInput);
             memcpy(pIrp->AssociatedIrp.SystemBuffer, pInput, ulInput);
         }
     }

@@ -22,15 +22,15 @@ void HostForgetSecurity(PDEVICE_OBJECT pDevice)
     }
 }
 
-NTSTATUS ObOpenObjectByPointer(PVOID pBody, ULONG, struct _ACCESS_STATE*, ACCESS_MASK desired, POBJECT_TYPE,
-                               KPROCESSOR_MODE mode, PHANDLE pHandle)
+NTSTATUS ObOpenObjectByPointer(PVOID pBody, ULONG ulAttributes, struct _ACCESS_STATE*, ACCESS_MASK desired,
+                               POBJECT_TYPE, KPROCESSOR_MODE, PHANDLE pHandle)
 {
     HostEnter(__func__, PASSIVE_LEVEL);
     if (HostShouldFail("handle")) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     HostReference(pBody);
-    *pHandle = HostNewHandle(pBody, mode == UserMode, desired);
+    *pHandle = HostNewHandle(pBody, ulAttributes, desired);
     return STATUS_SUCCESS;
 }
 
@@ -68,8 +68,9 @@ NTSTATUS ZwSetSecurityObject(HANDLE h, SECURITY_INFORMATION information, PSECURI
 {
     HostEnter(__func__, PASSIVE_LEVEL);
     NTSTATUS status;
-    PDEVICE_OBJECT pDevice =
-        static_cast<PDEVICE_OBJECT>(HostFromHandle(h, HostKindDevice, WRITE_DAC, &status));
+    const ACCESS_MASK needed = (information & DACL_SECURITY_INFORMATION ? WRITE_DAC : 0) |
+                               (information & LABEL_SECURITY_INFORMATION ? WRITE_OWNER : 0);
+    PDEVICE_OBJECT pDevice = static_cast<PDEVICE_OBJECT>(HostFromHandle(h, HostKindDevice, needed, &status));
     if (pDevice == nullptr) {
         return status;
     }
@@ -80,6 +81,7 @@ NTSTATUS ZwSetSecurityObject(HANDLE h, SECURITY_INFORMATION information, PSECURI
     if (HostShouldFail("security")) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
+    HostTellOutput("an access list", pDescriptor, bytes);
     HostForgetSecurity(pDevice);
     pDevice->SecurityDescriptor = HostAllocate(bytes, HostSecurityKind, 0, nullptr);
     memcpy(pDevice->SecurityDescriptor, pDescriptor, bytes);

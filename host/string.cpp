@@ -10,6 +10,11 @@
 HostText HostTextOf(PCUNICODE_STRING pString)
 {
     HostText text;
+    if (pString != nullptr &&
+        (pString->Length % sizeof(WCHAR) != 0 || pString->Length > pString->MaximumLength)) {
+        HostBug("INVALID_UNICODE_STRING", "a counted string of %u bytes in a buffer of %u", pString->Length,
+                pString->MaximumLength);
+    }
     for (size_t i = 0; pString != nullptr && i < pString->Length / sizeof(WCHAR); i++) {
         text.push_back(static_cast<char16_t>(pString->Buffer[i]));
     }

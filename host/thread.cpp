@@ -287,7 +287,7 @@ void HostResumeThread(HostThread t)
     }
 }
 
-NTSTATUS PsCreateSystemThread(PHANDLE pHandle, ULONG ulDesired, POBJECT_ATTRIBUTES, HANDLE,
+NTSTATUS PsCreateSystemThread(PHANDLE pHandle, ULONG ulDesired, POBJECT_ATTRIBUTES pAttributes, HANDLE,
                               PCLIENT_ID pClient, PKSTART_ROUTINE pRoutine, PVOID pContext)
 {
     HostEnter(__func__, PASSIVE_LEVEL);
@@ -296,7 +296,7 @@ NTSTATUS PsCreateSystemThread(PHANDLE pHandle, ULONG ulDesired, POBJECT_ATTRIBUT
     }
     PKTHREAD pThread = HostSpawn(
         "system thread", [=] { pRoutine(pContext); }, 0, HostSelf()->pDriver);
-    *pHandle = HostNewHandle(pThread, false, ulDesired);
+    *pHandle = HostNewHandle(pThread, pAttributes == nullptr ? 0 : pAttributes->Attributes, ulDesired);
     if (pClient != nullptr) {
         *pClient = {nullptr, pThread};
     }

@@ -1,19 +1,42 @@
 // unwritten.cpp - memory that nobody wrote, and how it is known again in what leaves a driver.
 //
+// At once, in every run:
 //   pool memory       one pattern of four bytes; four in a row of it, wherever they went
 //   a request's       bytes that a key of this request makes: one unwritten byte is known by its place. By chance
 //   system buffer     any byte looks so once in 256 times, so each place of each request's output collects points,
 //                     as many as unwritten bytes stand together there, until a written one ends it; five stop the
 //                     run: five such bytes at once, or one of them five times running
 //
-// What is written by a driver but comes from an unwritten variable of its stack is not seen.
+// By comparing two runs (scripts/check-unwritten), to the single byte: the environment's TV64USB_PAINT, a byte in
+// hexadecimal, fills all memory that nobody wrote, and TV64USB_OUTPUTS names a file that gets a line for each piece
+// of data that a driver gives to others. A byte that is another under another paint was never written. Unwritten
+// variables of the stack differ by the builds that run.
 #include "core.h"
+
+#include <cstdlib>
 
 const UCHAR HostUnwritten[4] = {0xC5, 0x3A, 0x96, 0xE1};
 
 enum : unsigned { ENOUGH_POINTS = 5 };
 
+static int ReadPaint()
+{
+    const char* pText = getenv("TV64USB_PAINT");
+    return pText == nullptr ? -1 : static_cast<int>(strtoul(pText, nullptr, 16) & 0xFF);
+}
+
+static const int Paint = ReadPaint(); // -1: none
+
 void HostFillUnwritten(UCHAR* pData, size_t bytes)
+{
+    if (Paint >= 0) {
+        memset(pData, Paint, bytes);
+    } else {
+        HostFillPattern(pData, bytes);
+    }
+}
+
+void HostFillPattern(UCHAR* pData, size_t bytes)
 {
     size_t written = bytes < sizeof HostUnwritten ? bytes : sizeof HostUnwritten;
     memcpy(pData, HostUnwritten, written);
@@ -27,7 +50,7 @@ void HostFillUnwritten(UCHAR* pData, size_t bytes)
 // Looks for four bytes in a row of the pattern, wherever it begins.
 bool HostFindUnwritten(const UCHAR* pData, size_t bytes, size_t* pOffset)
 {
-    for (size_t i = 0; i + 4 <= bytes; i++) {
+    for (size_t i = 0; Paint < 0 && i + 4 <= bytes; i++) {
         for (size_t phase = 0; phase < 4; phase++) {
             size_t same = 0;
             while (same < 4 && pData[i + same] == HostUnwritten[(phase + same) % 4]) {
@@ -55,7 +78,7 @@ ULONGLONG HostFillOutput(UCHAR* pData, size_t begin, size_t end)
     ullKey = (ullKey ^ (ullKey >> 30)) * 0xbf58476d1ce4e5b9;
     ullKey ^= ullKey >> 27;
     for (size_t i = begin; i < end; i++) {
-        pData[i] = KeyByte(ullKey, i);
+        pData[i] = Paint >= 0 ? static_cast<UCHAR>(Paint) : KeyByte(ullKey, i);
     }
     return ullKey;
 }
@@ -64,6 +87,9 @@ ULONGLONG HostFillOutput(UCHAR* pData, size_t begin, size_t end)
 bool HostFindUnwrittenOutput(ULONG ulCode, ULONGLONG ullKey, const UCHAR* pData, size_t begin, size_t end,
                              size_t* pOffset)
 {
+    if (Paint >= 0) {
+        return false;
+    }
     static std::mutex lock;
     static std::map<ULONG, std::vector<UCHAR>> pointsByCode;
     std::lock_guard<std::mutex> scope(lock);
@@ -88,4 +114,28 @@ bool HostFindUnwrittenOutput(ULONG ulCode, ULONGLONG ullKey, const UCHAR* pData,
         }
     }
     return false;
+}
+
+static FILE* OpenOutputs()
+{
+    const char* pPath = getenv("TV64USB_OUTPUTS");
+    FILE* pFile = pPath == nullptr ? nullptr : fopen(pPath, "w");
+    if (pPath != nullptr && pFile == nullptr) {
+        HostBug("NO_SUCH_FILE", "TV64USB_OUTPUTS: %s cannot be written", pPath);
+    }
+    return pFile;
+}
+
+// Real threads have no order that two runs could be compared by: what they give is not told.
+void HostTellOutput(const char* pWhat, const void* pData, size_t bytes)
+{
+    static FILE* const pOutputs = OpenOutputs();
+    if (pOutputs == nullptr || (g != nullptr && g->bThreaded)) {
+        return;
+    }
+    fprintf(pOutputs, "%s:", pWhat);
+    for (size_t i = 0; i < bytes; i++) {
+        fprintf(pOutputs, "%02x", static_cast<const UCHAR*>(pData)[i]);
+    }
+    fputc('\n', pOutputs);
 }

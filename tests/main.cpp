@@ -4,11 +4,18 @@
 
 #include <cstdint>
 
+#include <host.h>
+
 namespace
 {
 class EndTest : public testing::EmptyTestEventListener
 {
-    void OnTestStart(const testing::TestInfo&) override { m_uStack = Here(); }
+    void OnTestStart(const testing::TestInfo& test) override
+    {
+        m_uStack = Here();
+        HostTellOutput((std::string("TEST ") + test.test_suite_name() + "." + test.name()).c_str(), nullptr,
+                       0);
+    }
 
     // Not in another thread of the test's, where nobody would catch it, nor of an exception's own report, which has no
     // file.

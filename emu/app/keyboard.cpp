@@ -32,6 +32,8 @@ NTSTATUS EmuKeyboard::Hook(PVOID pContext, const UCHAR* pSetup, PUCHAR pBuffer, 
 VOID EmuKeyboard::Request(PVOID pContext, const UCHAR* pSetup, const UCHAR* pData, ULONG ulLength)
 {
     auto pKeyboard = static_cast<EmuKeyboard*>(pContext);
+    HostTellOutput("to the keyboard", pSetup, 8);
+    HostTellOutput("with data", pData, ulLength);
     EmuRequest request = {{}, EmuBytes(pData, pData + ulLength)};
     std::copy(pSetup, pSetup + request.Setup.size(), request.Setup.begin());
     std::lock_guard<std::mutex> guard(pKeyboard->m_Lock);
@@ -46,6 +48,7 @@ VOID EmuKeyboard::Led(PVOID pContext, const UCHAR* pReport, ULONG ulLength)
 VOID EmuKeyboard::Observe(PVOID pContext, const UCHAR* pReport, ULONG ulLength, NTSTATUS Status)
 {
     auto pKeyboard = static_cast<EmuKeyboard*>(pContext);
+    HostTellOutput("to the HID stack", pReport, ulLength);
     EmuReceived received{EmuBytes(pReport, pReport + ulLength), Status};
     if (pKeyboard->m_Options.Record && NT_SUCCESS(Status)) {
         std::lock_guard<std::mutex> guard(pKeyboard->m_Lock);

@@ -40,12 +40,13 @@ static string RegistryText(const EmuMachineOptions& options)
 }
 
 EmuMachine::EmuMachine(const EmuMachineOptions& options)
-    : m_bSettles(options.Mode == HostSimulated && options.Seed == 0)
+    : m_bSettles(options.Mode == HostSimulated && options.Seed == 0 && !options.LateNotifications)
 {
     HostOptions host;
     host.Mode = options.Mode;
     host.Seed = options.Seed;
     host.DroppedLock = options.DroppedLock;
+    host.bLateNotifications = options.LateNotifications;
     host.ulFirstHandle = options.FirstHandle;
     host.RegistryText = RegistryText(options);
     host.FileRoot = options.FileRoot;

@@ -70,6 +70,8 @@ struct EmuMachineOptions {
     std::string DroppedLock; // a lock of the driver that protects nothing in this run, by its field's name
     unsigned long long Seed = 0; // simulated: what chooses who runs next; 0: nobody comes between
     ULONG_PTR FirstHandle = 4;   // see HostOptions
+    bool LateNotifications =
+        false; // see HostOptions; neighbours do not settle, so that something can come late
     std::map<std::string, EmuSetting>
         Settings;                     // values of the parameters key, absent = absent in the registry
     std::string RegistryText;         // more registry content, as .reg text with its head line or ""

@@ -146,8 +146,8 @@ NTSTATUS EmuHidAttach(PDRIVER_OBJECT pDriver, PDEVICE_OBJECT pPhysical, const Em
         return STATUS_INVALID_PARAMETER;
     }
     PDEVICE_OBJECT pDevice;
-    NTSTATUS status =
-        IoCreateDevice(pDriver, sizeof(HidDevice), nullptr, FILE_DEVICE_KEYBOARD, 0, FALSE, &pDevice);
+    NTSTATUS status = IoCreateDevice(pDriver, sizeof(HidDevice), nullptr, FILE_DEVICE_KEYBOARD,
+                                     FILE_DEVICE_SECURE_OPEN, FALSE, &pDevice);
     if (!NT_SUCCESS(status)) {
         return status;
     }

@@ -124,6 +124,10 @@ unsigned HostTrace(const GUID& provider, UCHAR ucLevel, ULONGLONG ullAny, ULONGL
                    HostTraceConsumer consumer);
 void HostEndTrace(unsigned uSession);
 
+// Data that a driver gave to somebody, for the comparison of two runs; the host tells what it sees by itself, see
+// host/unwritten.cpp.
+void HostTellOutput(const char* pWhat, const void* pData, size_t bytes);
+
 // The registry as .reg text: as it is, and as a system that stops now would find it again.
 std::string HostRegistryText();
 std::string HostFlushedRegistryText();

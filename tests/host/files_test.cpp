@@ -19,7 +19,8 @@ protected:
                     ULONG ulShare = FILE_SHARE_READ)
     {
         UNICODE_STRING name = Str(pName);
-        OBJECT_ATTRIBUTES attributes = Named(name);
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, &name, ulAttributes, nullptr, nullptr);
         return ZwCreateFile(&h, access, &attributes, &io, nullptr, FILE_ATTRIBUTE_NORMAL, ulShare,
                             ulDisposition, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
     }
@@ -59,6 +60,7 @@ protected:
     }
 
     std::filesystem::path root;
+    ULONG ulAttributes = OBJ_KERNEL_HANDLE | OBJ_CASE_INSENSITIVE;
     HANDLE h = nullptr;
     IO_STATUS_BLOCK io = {};
 };
@@ -77,6 +79,9 @@ TEST_F(Files, NamesMapBelowTheRoot)
     ZwClose(h);
     EXPECT_EQ("hello", Content("Logs/a.txt"));
     EXPECT_EQ(STATUS_OBJECT_NAME_COLLISION, Create(L"\\??\\C:\\Logs\\A.TXT", FILE_CREATE));
+    ulAttributes = OBJ_KERNEL_HANDLE;
+    EXPECT_EQ(STATUS_OBJECT_NAME_NOT_FOUND, Create(L"\\??\\C:\\Logs\\A.TXT", FILE_OPEN));
+    ulAttributes |= OBJ_CASE_INSENSITIVE;
     ASSERT_EQ(STATUS_SUCCESS, Create(L"\\SystemRoot\\x.txt", FILE_OPEN_IF));
     ZwClose(h);
     EXPECT_TRUE(std::filesystem::exists(root / "Windows" / "x.txt"));

@@ -229,7 +229,7 @@ static PDEVICE_OBJECT pLower;
 static void Filtering(SmallSystem& system, NTSTATUS (*pPass)(PIRP pIrp), UCHAR ucMajor, UCHAR ucMinor)
 {
     PDEVICE_OBJECT pUpper;
-    IoCreateDevice(system.pDriver, 0, nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &pUpper);
+    IoCreateDevice(system.pDriver, 0, nullptr, FILE_DEVICE_UNKNOWN, FILE_DEVICE_SECURE_OPEN, FALSE, &pUpper);
     pLower = IoAttachDeviceToDeviceStack(pUpper, system.pDevice);
     hooks.Dispatch = [=](PDEVICE_OBJECT pDevice, PIRP pIrp) {
         if (pDevice == pUpper) {

@@ -4,7 +4,7 @@
 static PDEVICE_OBJECT Second(SmallSystem& system)
 {
     PDEVICE_OBJECT pDevice;
-    IoCreateDevice(system.pDriver, 0, nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &pDevice);
+    IoCreateDevice(system.pDriver, 0, nullptr, FILE_DEVICE_UNKNOWN, FILE_DEVICE_SECURE_OPEN, FALSE, &pDevice);
     return pDevice;
 }
 
@@ -83,6 +83,23 @@ static const Rule OBJECTS[] = {
          h = HostCreateEvent(true);
          InDriver(system, [](PDEVICE_OBJECT) { ZwClose(h); });
      }},
+    {"HandleOfWhateverProcessRuns", "USER_HANDLE_IN_KERNEL_MODE",
+     [](SmallSystem& system) {
+         InDriver(system, [](PDEVICE_OBJECT) {
+             UNICODE_STRING name = Str(L"\\Registry\\Machine\\X");
+             OBJECT_ATTRIBUTES attributes;
+             InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+             HANDLE h;
+             ZwCreateKey(&h, KEY_READ, &attributes, 0, nullptr, 0, nullptr);
+             ZwFlushKey(h);
+         });
+     }},
+    {"StringLongerThanItsBuffer", "INVALID_UNICODE_STRING",
+     [](SmallSystem&) {
+         UNICODE_STRING name = Str(L"\\Device\\Small");
+         name.MaximumLength = name.Length - 2;
+         IoDeleteSymbolicLink(&name);
+     }},
     {"DpcAfterTheUnload", "DRIVER_UNLOADED_WITHOUT_CANCELLING_PENDING_OPERATIONS",
      [](SmallSystem& system) {
          static KTIMER timer;
@@ -127,13 +144,16 @@ static const Rule OBJECTS[] = {
          IoAttachDeviceToDeviceStack(pDevice, system.pDevice);
          IoDeleteDevice(pDevice);
      }},
+    {"AttachedWithoutSecureOpen", "DEVICE_OPEN_NOT_SECURE",
+     [](SmallSystem& system) { IoAttachDeviceToDeviceStack(system.pDevice, Second(system)); }},
     {"DetachedFromNothing", "DEVICE_NOT_ATTACHED",
      [](SmallSystem& system) { IoDetachDevice(system.pDevice); }},
     {"StillInitializing", "DEVICE_STILL_INITIALIZING",
      [](SmallSystem& system) {
          system.pDriver->DriverExtension->AddDevice = [](PDRIVER_OBJECT pDriver, PDEVICE_OBJECT pPhysical) {
              PDEVICE_OBJECT pDevice;
-             IoCreateDevice(pDriver, 0, nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &pDevice);
+             IoCreateDevice(pDriver, 0, nullptr, FILE_DEVICE_UNKNOWN, FILE_DEVICE_SECURE_OPEN, FALSE,
+                            &pDevice);
              IoAttachDeviceToDeviceStack(pDevice, pPhysical);
              return STATUS_SUCCESS;
          };

@@ -10,8 +10,8 @@ static std::vector<int> order;
 static PDEVICE_OBJECT AttachUpper(SmallSystem& system)
 {
     PDEVICE_OBJECT pUpper;
-    EXPECT_EQ(STATUS_SUCCESS,
-              IoCreateDevice(system.pDriver, 0, nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &pUpper));
+    EXPECT_EQ(STATUS_SUCCESS, IoCreateDevice(system.pDriver, 0, nullptr, FILE_DEVICE_UNKNOWN,
+                                             FILE_DEVICE_SECURE_OPEN, FALSE, &pUpper));
     EXPECT_EQ(system.pDevice, IoAttachDeviceToDeviceStack(pUpper, system.pDevice));
     EXPECT_EQ(2, pUpper->StackSize);
     pUpper->Flags &= ~DO_DEVICE_INITIALIZING;

@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <functional>
 
+#include <host.h>
+
 #include "story.h"
 
 namespace
@@ -15,7 +17,13 @@ class StoryTest : public testing::Test
 {
 public:
     explicit StoryTest(std::function<void()> play) : m_Play(std::move(play)) {}
-    void TestBody() override { m_Play(); }
+    void TestBody() override
+    {
+        const testing::TestInfo* pTest = testing::UnitTest::GetInstance()->current_test_info();
+        HostTellOutput((std::string("TEST ") + pTest->test_suite_name() + "." + pTest->name()).c_str(),
+                       nullptr, 0);
+        m_Play();
+    }
 
 private:
     std::function<void()> m_Play;

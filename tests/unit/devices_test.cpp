@@ -129,34 +129,36 @@ TEST_F(Devices, AnOpenCountsWithoutAControlDeviceToo)
     EXPECT_EQ(0, Globals.usOpenCount);
 }
 
-// The context of the registrations that are in force.
-static PVOID Registration()
+// A notification still comes when its registration was undone, or when the next one is in force: it counts nothing, and
+// the mouse that is there is found by the next one.
+TEST(LateNotifications, ChangeNothing)
 {
-    LockScope lock(Globals.SiblingLock);
-    return reinterpret_cast<PVOID>(static_cast<ULONG_PTR>(Globals.ulArrivalGeneration));
-}
-
-// A notification still comes when its registration was undone, before the next one or after it: it counts nothing,
-// and the mouse that is there is found by the next one.
-TEST_F(Devices, ALateNotificationChangesNothing)
-{
-    EmuSibling* pMouse = Machine->AddSibling(EmuUsbMouseSibling);
-    DEVICE_INTERFACE_CHANGE_NOTIFICATION record = {};
-    for (const GUID* pEvent : {&GUID_DEVICE_INTERFACE_ARRIVAL, &GUID_DEVICE_INTERFACE_REMOVAL}) {
-        record.Event = *pEvent;
-        const PVOID pOld = Registration();
-        Application.reset();
-        Keyboard->Unplug(false);
+    for (const auto& [bArrival, bNext] :
+         {std::pair(true, true), {true, false}, {false, true}, {false, false}}) {
+        EmuMachineOptions options;
+        options.Entry = DriverEntry;
+        options.LateNotifications = true;
+        EmuMachine machine(options);
+        EmuKeyboard* pKeyboard = machine.Plug();
+        EmuSibling* pMouse = machine.AddSibling(EmuUsbMouseSibling);
+        EXPECT_EQ(STATUS_SUCCESS, pMouse->Arrive());
+        if (!bArrival) {
+            HostSettle();
+            EXPECT_EQ(STATUS_SUCCESS, pMouse->Publish(false));
+        }
+        pKeyboard->Unplug(false); // before anybody was told
         ASSERT_EQ(nullptr, Globals.pControlDevice);
-        EXPECT_EQ(STATUS_SUCCESS, UsbMouseArrival(&record, pOld));
-        (void)pMouse->Arrive();
-        Keyboard = Machine->Plug();
+        if (bNext) {
+            (void)machine.Plug();
+        }
         HostSettle();
-        EXPECT_EQ(1, ControlContextOf(Globals.pControlDevice)->UsbMouse.ucConnected);
-        EXPECT_EQ(STATUS_SUCCESS, UsbMouseArrival(&record, pOld));
-        (void)pMouse->Leave();
-        HostSettle();
-        EXPECT_EQ(0, ControlContextOf(Globals.pControlDevice)->UsbMouse.ucConnected);
+        EXPECT_EQ(bArrival ? bNext : 1, Globals.ucUsbMouseArrivals) << bArrival << bNext;
+        if (bArrival) {
+            (void)machine.Plug();
+            HostSettle();
+            EXPECT_EQ(1, ControlContextOf(Globals.pControlDevice)->UsbMouse.ucConnected);
+        }
+        EXPECT_EQ(0u, machine.Unload());
     }
 }
 

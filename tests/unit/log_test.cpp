@@ -264,17 +264,18 @@ const char* const DrivePath = "\"LogFile\"=\"\\\\??\\\\C:\\\\tv.log\"\r\n";
 
 TEST_F(LogInFile, DrainsAppendsAndLosesNothingAtUnload)
 {
-    Load("\"LogFile\"=\"C:\\\\tv.log\"\r\n"); // as people write it
+    Load("\"LogFile\"=\"C:\\\\tv.log\"\r\n");         // as people write it
+    std::ofstream(m_Root / "TV.log") << "before\r\n"; // a name is the same in whatever case
     LogPrintf(1, 0, "one");
     HostSettle();
-    EXPECT_EQ("one\r\n", Read("tv.log"));
+    EXPECT_EQ("before\r\none\r\n", Read("TV.log"));
     EXPECT_STREQ("", Globals.pLogBuffer);
     EXPECT_EQ(0, Globals.ucLogEventPending);
     LogPrintf(1, 0, "two");
     HostSettle();
     LogPrintf(1, 0, "three");
     Unload();
-    EXPECT_EQ("one\r\ntwo\r\nthree\r\n", Read("tv.log"));
+    EXPECT_EQ("before\r\none\r\ntwo\r\nthree\r\n", Read("TV.log"));
 }
 
 // The text that is kept ends within a line, within a line end, or with a whole line: OVERFLOW is a line always.
