@@ -205,3 +205,6 @@ void HostJoinThread(HostThread thread)
     thread->Thread.join();
     delete thread;
 }
+
+// Runs that could be compared byte by byte are the host's.
+void HostTellOutput(const char*, const void*, size_t) {}
