@@ -49,6 +49,7 @@ static void InitializeContext(PDEVICE_OBJECT pDevice, PDEVICE_OBJECT pPhysicalDe
     pContext->lReferences = 1;
 
     InitializeLocks(pContext);
+    InitializeHotkeys(pContext);
     KeInitializeEvent(&pContext->ReferencesGone, NotificationEvent, FALSE);
     KeInitializeEvent(&pContext->InsertModifierEvent, SynchronizationEvent, FALSE);
     KeInitializeEvent(&pContext->InsertScansTurn, SynchronizationEvent, TRUE);

@@ -17,6 +17,12 @@
 #define LOCK_ATTRIBUTE(attribute)
 #endif
 
+// Of a value that is not 0.
+inline unsigned LowestBit(unsigned long long ullValue)
+{
+    return static_cast<unsigned>(__builtin_ctzll(ullValue));
+}
+
 // One access each, never torn, of a field of 1, 2, 4 or 8 bytes. What was written before a release is seen by whoever
 // acquires it; the last three do both.
 template <typename Field> inline Field LoadAcquire(const Field& field)

@@ -17,7 +17,7 @@
 
 #include "control/requests.h"
 #include "driver/lock.h"
-#include "hotkeys/entry.h"
+#include "hotkeys/index.h"
 
 enum : ULONG {
     CONTROL_DEVICE_KIND = 1,
@@ -143,10 +143,22 @@ struct DeviceContext {
     KMUTEX DefinitionMutex; // one change of the definitions at a time, at PASSIVE_LEVEL
     SpinLock KeyDefLock;    // a definition found under it is not freed
     KeyDefinition* KeyDefinitions[KEY_DEFINITION_SLOTS] GUARDED_BY(KeyDefLock);
-    ULONG ulKeyDefTypes;                          // (x)
-    HotkeyEntry HotkeyLists[2][HOTKEY_LIST_SIZE]; // (r) the published one; the other: DefinitionMutex
-    ULONG ulHotkeyList;                           // (x) which of the two is published
-    LONG lHotkeyWalks[2];                         // (x) walks under way in each
+    UCHAR ucDefinitionHashes[KEY_DEFINITION_SLOTS]; // of their ids. KeyDefLock
+    ULONG ulDefinitions;                            // how many there are. KeyDefLock
+    ULONG ulHotkeyDefinitions;                      // of type 1. DefinitionMutex
+    ULONG ulKeyDefTypes;                            // (x)
+
+    // The hotkeys, see hotkeys/index.h, and what the report road knows of them.
+    ULONGLONG ullHotkeys; // (x) what is published; written under DefinitionMutex
+    HotkeyIndex*
+        pHotkeyIndexes[2];      // published and aside; changed under DefinitionMutex while nobody walks it
+    LONG lHotkeyWalks[2];       // (x) walks under way in each
+    UCHAR ucKeyMeans[256];      // (x) of a usage: it is no mere key, see report/calm.cpp
+    UCHAR ucModifiersMean[256]; // (x) of a modifier byte: likewise
+    ULONGLONG ullHeldHotkeys[HOTKEY_SET_WORDS]; // (r) a bit for each that is down or has a key held
+    ULONG ulHeldHotkeys;                        // (r) how many these are
+    ULONG ulHeldOf;                             // (r) generation of the hotkeys that they are
+    ULONGLONG ullHotkeyScan;                    // (r) keys looked up so far
 
     // Hotkey matching.
     UCHAR ucHotkeyActive;   // (x)

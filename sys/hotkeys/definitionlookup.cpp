@@ -1,64 +1,108 @@
 // definitionlookup.cpp - finding a key definition.
 //
-// The three Find routines walk the packed list and hand out pointers, which stay valid only for a caller
+// The three Find routines walk the list, by a byte of the ids where they can, and hand out pointers, which stay valid
+// only for a caller
 // that holds KeyDefLock or DefinitionMutex. The report road holds neither while it works, so it takes copies.
 #include "hotkeys/hotkeys.h"
 
-#include "log/events.h"
-
 namespace
 {
-// Walks to the first definition that fits, or to the first null slot. *pusIndex receives where it stopped.
-template <typename Fits>
-KeyDefinition* Walk(DeviceContext* pContext, PUSHORT pusIndex, Fits fits) WITHOUT_LOCK_ANALYSIS
+// One byte of an id, so that eight slots are passed over at once.
+UCHAR HashOf(ULONG ulId)
 {
-    USHORT usIndex = 0;
-    KeyDefinition* pFound = nullptr;
-    for (; usIndex < KEY_DEFINITION_SLOTS - 1 && pContext->KeyDefinitions[usIndex] != nullptr; usIndex++) {
-        if (fits(pContext->KeyDefinitions[usIndex])) {
-            pFound = pContext->KeyDefinitions[usIndex];
+    return static_cast<UCHAR>(ulId ^ ulId >> 8 ^ ulId >> 16 ^ ulId >> 24);
+}
+
+// A set bit in the lowest byte that is 0, and nothing below it.
+ULONGLONG ZeroBytesOf(ULONGLONG ullBytes)
+{
+    return (ullBytes - 0x0101010101010101) & ~ullBytes & 0x8080808080808080;
+}
+
+// The first slot from usIndex on whose id has this hash, or the first one that is free.
+USHORT NextOfHash(DeviceContext* pContext, USHORT usIndex, UCHAR ucHash) WITHOUT_LOCK_ANALYSIS
+{
+    const ULONG ulEnd = pContext->ulDefinitions;
+    for (; usIndex < ulEnd && usIndex % 8 != 0; usIndex++) {
+        if (pContext->ucDefinitionHashes[usIndex] == ucHash) {
+            return usIndex;
+        }
+    }
+    for (; usIndex < ulEnd; usIndex += 8) {
+        ULONGLONG ullHashes;
+        RtlCopyMemory(&ullHashes, &pContext->ucDefinitionHashes[usIndex], sizeof(ullHashes));
+        const ULONGLONG ullFound = ZeroBytesOf(ullHashes ^ ucHash * 0x0101010101010101ull);
+        if (ullFound != 0) {
+            const ULONG ulFound = usIndex + LowestBit(ullFound) / 8;
+            return static_cast<USHORT>(ulFound < ulEnd ? ulFound : ulEnd);
+        }
+    }
+    return static_cast<USHORT>(ulEnd);
+}
+
+// The first definition with this id that fits. *pusIndex receives where the walk stopped: there, or the first free slot.
+template <typename Fits>
+KeyDefinition* FindById(DeviceContext* pContext, ULONG ulId, PUSHORT pusIndex,
+                        Fits fits) WITHOUT_LOCK_ANALYSIS
+{
+    const UCHAR ucHash = HashOf(ulId);
+    USHORT usIndex = NextOfHash(pContext, 0, ucHash);
+    for (; usIndex < pContext->ulDefinitions; usIndex = NextOfHash(pContext, usIndex + 1, ucHash)) {
+        KeyDefinition* pDefinition = pContext->KeyDefinitions[usIndex];
+        if (pDefinition->ulId == ulId && fits(pDefinition)) {
             break;
         }
     }
     if (pusIndex != nullptr) {
         *pusIndex = usIndex;
     }
-    return pFound;
+    return usIndex < pContext->ulDefinitions ? pContext->KeyDefinitions[usIndex] : nullptr;
 }
 } // namespace
 
+// Puts a definition into the first free slot. Lock: the caller holds KeyDefLock and has seen that there is one.
+void AppendDefinition(DeviceContext* pContext, KeyDefinition* pDefinition) WITHOUT_LOCK_ANALYSIS
+{
+    pContext->ucDefinitionHashes[pContext->ulDefinitions] = HashOf(pDefinition->ulId);
+    pContext->KeyDefinitions[pContext->ulDefinitions++] = pDefinition;
+}
+
 KeyDefinition* FindKeyDefinitionById(PDEVICE_OBJECT device, ULONG ulId, PUSHORT pusIndex)
 {
-    return Walk(FilterContextOf(device), pusIndex,
-                [=](const KeyDefinition* pDefinition) { return pDefinition->ulId == ulId; });
+    return FindById(FilterContextOf(device), ulId, pusIndex, [](const KeyDefinition*) { return true; });
 }
 
-KeyDefinition* FindKeyDefinitionByType(PDEVICE_OBJECT device, ULONG ulType, PUSHORT pusIndex)
+KeyDefinition* FindKeyDefinitionByType(PDEVICE_OBJECT device, ULONG ulType,
+                                       PUSHORT pusIndex) WITHOUT_LOCK_ANALYSIS
 {
-    return Walk(FilterContextOf(device), pusIndex,
-                [=](const KeyDefinition* pDefinition) { return pDefinition->ulType == ulType; });
+    DeviceContext* pContext = FilterContextOf(device);
+    USHORT usIndex = 0;
+    while (usIndex < pContext->ulDefinitions && pContext->KeyDefinitions[usIndex]->ulType != ulType) {
+        usIndex++;
+    }
+    if (pusIndex != nullptr) {
+        *pusIndex = usIndex;
+    }
+    return usIndex < pContext->ulDefinitions ? pContext->KeyDefinitions[usIndex] : nullptr;
 }
 
-// A null record fits nothing: the walk then tells the first null slot.
+// A null record fits nothing: *pusIndex then tells the first free slot.
 KeyDefinition* FindKeyDefinition(PDEVICE_OBJECT device, const KeyDefinition* pDefinition, PUSHORT pusIndex)
 {
-    return Walk(FilterContextOf(device), pusIndex, [=](const KeyDefinition* pOther) {
-        return pDefinition != nullptr && RtlEqualMemory(pOther, pDefinition, sizeof(*pDefinition));
+    DeviceContext* pContext = FilterContextOf(device);
+    if (pDefinition == nullptr) {
+        *pusIndex = static_cast<USHORT>(pContext->ulDefinitions);
+        return nullptr;
+    }
+    return FindById(pContext, pDefinition->ulId, pusIndex, [=](const KeyDefinition* pOther) {
+        return RtlEqualMemory(pOther, pDefinition, sizeof(*pDefinition));
     });
 }
 
-// The swallow byte of the first definition with this id.
-// IRQL <= DISPATCH. Lock: takes KeyDefLock. Fails: unknown id, *pucSwallow untouched.
-bool GetSwallowOf(PDEVICE_OBJECT device, ULONG ulId, PUCHAR pucSwallow)
+// Lock: the caller holds DefinitionMutex.
+bool IsHotkeyDefinition(DeviceContext* pContext, USHORT usIndex) WITHOUT_LOCK_ANALYSIS
 {
-    LockScope lock(FilterContextOf(device)->KeyDefLock);
-    const KeyDefinition* pDefinition = FindKeyDefinitionById(device, ulId, nullptr);
-    if (pDefinition == nullptr) {
-        Trace(DefinitionUnknown, FilterContextOf(device)->ulDeviceIndex, ulId);
-        return false;
-    }
-    *pucSwallow = static_cast<UCHAR>(pDefinition->ulSwallow);
-    return true;
+    return pContext->KeyDefinitions[usIndex]->ulType == 1;
 }
 
 // A copy of the first definition of this type.

@@ -45,7 +45,17 @@ void RecomputeKeyDefTypes(DeviceContext* pContext) WITHOUT_LOCK_ANALYSIS
     }
 }
 
-// Puts a copy of the record into the first free slot. Lock: the caller holds DefinitionMutex.
+// One more type exists. Lock: the caller holds DefinitionMutex.
+void AddKeyDefType(DeviceContext* pContext, ULONG ulType)
+{
+    const ULONG ulBit = ulType == 0 ? 0 : 1u << ((ulType - 1) % 32);
+    ULONG ulBefore = ReadShared(pContext->ulKeyDefTypes);
+    while (!CompareExchangeShared(pContext->ulKeyDefTypes, ulBefore, ulBefore | ulBit)) {
+    }
+}
+
+// Puts a copy of the record into the first free slot, and sees to the room for its hotkey first.
+// Lock: the caller holds DefinitionMutex. Fails: no pool, list full; nothing has changed.
 NTSTATUS StoreCopy(PDEVICE_OBJECT device, const KeyDefinition* pDefinition)
 {
     DeviceContext* pContext = FilterContextOf(device);
@@ -57,12 +67,14 @@ NTSTATUS StoreCopy(PDEVICE_OBJECT device, const KeyDefinition* pDefinition)
     *pCopy = *pDefinition;
     USHORT usIndex;
     (void)FindKeyDefinition(device, nullptr, &usIndex);
-    if (usIndex >= KEY_DEFINITION_SLOTS - 1) {
+    if (usIndex >= KEY_DEFINITION_SLOTS - 1 ||
+        (pDefinition->ulType == 1 && !NT_SUCCESS(ReserveHotkey(pContext)))) {
         ExFreePoolWithTag(pCopy, POOL_TAG);
         return STATUS_UNSUCCESSFUL;
     }
+    pContext->ulHotkeyDefinitions += pDefinition->ulType == 1;
     LockScope lock(pContext->KeyDefLock);
-    pContext->KeyDefinitions[usIndex] = pCopy;
+    AppendDefinition(pContext, pCopy);
     return STATUS_SUCCESS;
 }
 
@@ -84,6 +96,9 @@ KeyDefinition* TakeOut(PDEVICE_OBJECT device, ULONG ulId)
         KeyDefinition** ppSlots = pContext->KeyDefinitions;
         RtlMoveMemory(&ppSlots[usIndex], &ppSlots[usIndex + 1],
                       (KEY_DEFINITION_SLOTS - 1 - usIndex) * sizeof(ppSlots[0]));
+        PUCHAR pHashes = pContext->ucDefinitionHashes;
+        RtlMoveMemory(&pHashes[usIndex], &pHashes[usIndex + 1], KEY_DEFINITION_SLOTS - 1 - usIndex);
+        pContext->ulDefinitions--;
     }
     return pDefinition;
 }
@@ -99,7 +114,7 @@ void ReplayDiscardedReports(PDEVICE_OBJECT device)
 }
 } // namespace
 
-// Adds a copy of the record. A hotkey definition rebuilds the hotkey list, whose status is the result.
+// Adds a copy of the record. Of a hotkey definition the status of its conversion is the result.
 // IRQL = PASSIVE. Lock: takes DefinitionMutex, KeyDefLock. Owns: copies the record.
 // Fails: duplicate, more than 32 scan bytes, list full, no pool, last hotkey not convertible.
 NTSTATUS AddKeyDefinition(PDEVICE_OBJECT device, const KeyDefinition* pDefinition)
@@ -118,9 +133,9 @@ NTSTATUS AddKeyDefinition(PDEVICE_OBJECT device, const KeyDefinition* pDefinitio
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    RecomputeKeyDefTypes(pContext);
+    AddKeyDefType(pContext, pDefinition->ulType);
     if (pDefinition->ulType == 1) {
-        status = BuildHotkeyList(device);
+        status = AddLastHotkey(device);
     } else if (pDefinition->ulType >= 4 && pDefinition->ulType <= 8) {
         ForgetOldOPOSPacket(pContext);
     }
@@ -143,7 +158,10 @@ NTSTATUS RemoveKeyDefinition(PDEVICE_OBJECT device, ULONG ulId)
         if (pDefinition != nullptr) {
             RecomputeKeyDefTypes(pContext);
             if (pDefinition->ulType == 1) {
+                pContext->ulHotkeyDefinitions--;
                 (void)BuildHotkeyList(device); // the removal is done whatever became of the other hotkeys
+            } else {
+                RenewSwallow(device, ulId);
             }
         }
     }
@@ -173,9 +191,11 @@ void FreeKeyDefinitions(PDEVICE_OBJECT device)
                 pDefinition = nullptr;
             }
         }
+        pContext->ulDefinitions = 0;
     }
+    pContext->ulHotkeyDefinitions = 0;
     RecomputeKeyDefTypes(pContext);
-    (void)BuildHotkeyList(device); // nothing left that could fail to convert
+    DropHotkeys(pContext);
     TraceHotkeyLists();
 }
 

@@ -1,14 +1,15 @@
-// hotkeylist.cpp - the hotkey list of a keyboard, made from its definitions of type 1.
+// hotkeylist.cpp - the hotkeys of a keyboard, made from its definitions of type 1 and published.
 //
-//   lists   [0] published ◄── walks        ulHotkeyList says which one is published;
-//           [1] aside     ◄── the rebuild  publishing exchanges it
+//   add      room for one more in both indexes (the only step that can fail) ─► behind the published ones ─► publish
+//   remove   all made anew in the index aside ─► publish it
 //
-// A walk counts itself in for the published list and looks again that it still is; so once the count of the
-// list aside is 0 nobody reads it, and the next rebuild may use it. Walks are short and never wait.
+// An add makes all anew as well while the log or a trace names each conversion, and when the keyboard's kind has
+// become known since. Everything here runs at PASSIVE_LEVEL under the keyboard's DefinitionMutex.
 #include "hotkeys/hotkeys.h"
 
 #include "driver/sums.h"
 #include "log/events.h"
+#include "log/log.h"
 #include "report/report.h"
 
 namespace
@@ -26,16 +27,13 @@ const MaskClear MaskClears[] = {
     {MODIFIER_ANY_GUI, 0x180},
 };
 
-// Nobody walks the list that is not published any more; the walks of the one before may still run.
-// IRQL = PASSIVE. Lock: the caller holds DefinitionMutex.
-HotkeyEntry* ListAside(DeviceContext* pContext, PULONG pulList)
+// Nobody begins a walk of an index that is not published any more; those of before may still run.
+void WaitForWalks(DeviceContext* pContext, ULONG ulList)
 {
-    *pulList = ReadShared(pContext->ulHotkeyList) ^ 1;
     LARGE_INTEGER delay = RelativeMs(1);
-    while (ReadShared(pContext->lHotkeyWalks[*pulList]) != 0) {
+    while (ReadShared(pContext->lHotkeyWalks[ulList]) != 0) {
         (void)KeDelayExecutionThread(KernelMode, FALSE, &delay);
     }
-    return pContext->HotkeyLists[*pulList];
 }
 
 // The driver tracks these keys as modifiers, so they are no keys of a hotkey.
@@ -77,67 +75,227 @@ NTSTATUS SetModifiers(HotkeyEntry* pEntry, ULONG ulModifiers)
     return STATUS_SUCCESS;
 }
 
-// The identical entry of the list, or the first empty one; null when neither is there.
-HotkeyEntry* FindHotkeyEntry(HotkeyEntry* pList, const HotkeyEntry* pWanted)
+// The hotkey of definition usIndex into the index. An id of 0 makes none.
+// Fails: not convertible, or too many key bytes.
+NTSTATUS AddHotkeyOf(PDEVICE_OBJECT device, USHORT usIndex, HotkeyIndex* pIndex) WITHOUT_LOCK_ANALYSIS
 {
-    for (ULONG i = 0; i < HOTKEY_LIST_SIZE; i++) {
-        HotkeyEntry* pEntry = &pList[i];
-        if (pEntry->ulId == 0 ||
-            (pEntry->ulId == pWanted->ulId && pEntry->ulModifiers == pWanted->ulModifiers &&
-             pEntry->ulKeyCount == pWanted->ulKeyCount &&
-             RtlEqualMemory(pEntry->ucKeys, pWanted->ucKeys, sizeof(pWanted->ucKeys)))) {
-            return pEntry;
-        }
-    }
-    return nullptr;
-}
-
-// One definition's entry into the list. Fails: not convertible, or too many key bytes.
-NTSTATUS AddEntryOf(PDEVICE_OBJECT device, const KeyDefinition* pDefinition, HotkeyEntry* pList)
-{
+    DeviceContext* pContext = FilterContextOf(device);
+    const KeyDefinition* pDefinition = pContext->KeyDefinitions[usIndex];
     HotkeyEntry entry;
     NTSTATUS status = ConvertPS2ToHID(device, pDefinition, &entry);
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    DropTrackedKeys(FilterContextOf(device), &entry);
+    DropTrackedKeys(pContext, &entry);
     if (pDefinition->ulId == 0) {
-        return status; // an id of 0 would end the list
+        return status;
     }
     entry.ulId = pDefinition->ulId;
     status = SetModifiers(&entry, pDefinition->ulModifiers);
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    HotkeyEntry* pSlot = FindHotkeyEntry(pList, &entry);
-    if (pSlot != nullptr && pSlot->ulId == 0) {
-        *pSlot = entry;
+    USHORT usFirst;
+    const KeyDefinition* pFirst = FindKeyDefinitionById(device, entry.ulId, &usFirst);
+    entry.ucSwallow = static_cast<UCHAR>(pFirst->ulSwallow);
+    if (usFirst == usIndex || !IsHotkeyIn(pIndex, entry)) {
+        AppendHotkey(pIndex, entry);
     }
     return status;
 }
+
+// The keys and modifier bytes that these entries, or the engine itself, look at.
+void ClassifyKeysOf(DeviceContext* pContext, const HotkeyEntry& entry)
+{
+    for (ULONG i = 0; i < entry.ulKeyCount; i++) {
+        if (entry.ucKeys[i] != 0) {
+            WriteShared(pContext->ucKeyMeans[entry.ucKeys[i]], 1);
+        }
+    }
+    const UCHAR ucBits = ReportBitsOf(entry.ulModifiers);
+    for (ULONG i = 0; entry.ucKeys[0] == 0 && i < 256; i++) {
+        if ((i & ucBits) == ucBits) {
+            WriteShared(pContext->ucModifiersMean[i], 1);
+        }
+    }
+}
+
+void ClassifyKeys(DeviceContext* pContext, const HotkeyIndex* pIndex)
+{
+    for (ULONG i = 0; i < 256; i++) {
+        const UCHAR ucValue = static_cast<UCHAR>(i);
+        const bool bTracked = ucValue == USAGE_FN || ucValue == USAGE_CONTEXT_KEY || IsPrefixUsage(ucValue);
+        WriteShared(pContext->ucModifiersMean[i], bTracked);
+        WriteShared(pContext->ucKeyMeans[i], bTracked || ucValue == USAGE_ROLLOVER);
+    }
+    for (ULONG i = 0; pIndex != nullptr && i < pIndex->ulCount; i++) {
+        ClassifyKeysOf(pContext, pIndex->pEntries[i]);
+    }
+}
+
+// From here to the publication no report goes by the classes.
+HotkeyView BeginChange(DeviceContext* pContext)
+{
+    const ULONGLONG ullHotkeys = ReadShared(pContext->ullHotkeys);
+    WriteShared(pContext->ullHotkeys, ullHotkeys | HOTKEYS_CHANGING);
+    return ViewOf(ullHotkeys);
+}
+
+void Publish(DeviceContext* pContext, HotkeyView view, ULONG ulList)
+{
+    const HotkeyIndex* pIndex = pContext->pHotkeyIndexes[ulList];
+    view.ulList = ulList;
+    view.ulCount = pIndex == nullptr ? 0 : pIndex->ulCount;
+    view.ulPrefixes = pIndex == nullptr ? 0 : pIndex->ulPrefixes;
+    view.ulGeneration++;
+    WriteShared(pContext->ullHotkeys, WordOf(view));
+}
+
+void PublishAnew(DeviceContext* pContext, ULONG ulList)
+{
+    const HotkeyView view = BeginChange(pContext);
+    ClassifyKeys(pContext, pContext->pHotkeyIndexes[ulList]);
+    Publish(pContext, view, ulList);
+}
+
+void FreeIndex(HotkeyIndex* pIndex)
+{
+    if (pIndex != nullptr) {
+        ExFreePoolWithTag(pIndex, POOL_TAG);
+    }
+}
+
+ULONG ListAside(DeviceContext* pContext)
+{
+    return ViewOf(ReadShared(pContext->ullHotkeys)).ulList ^ 1;
+}
+
+// Puts another index, or none, in the place of one that is not published.
+void ReplaceAside(DeviceContext* pContext, HotkeyIndex* pIndex)
+{
+    const ULONG ulList = ListAside(pContext);
+    WaitForWalks(pContext, ulList);
+    FreeIndex(pContext->pHotkeyIndexes[ulList]);
+    pContext->pHotkeyIndexes[ulList] = pIndex;
+}
+
+// What the report road changes in the entries stays behind: after a change nothing is held.
+void CopyHotkeys(HotkeyIndex* pTo, const HotkeyIndex* pFrom)
+{
+    for (ULONG i = 0; pFrom != nullptr && i < pFrom->ulCount; i++) {
+        const HotkeyEntry& entry = pFrom->pEntries[i];
+        HotkeyEntry copy = {};
+        copy.ulId = entry.ulId;
+        copy.ulModifiers = entry.ulModifiers;
+        copy.ulKeyCount = entry.ulKeyCount;
+        copy.ucSwallow = entry.ucSwallow;
+        RtlCopyMemory(copy.ucKeys, entry.ucKeys, sizeof(copy.ucKeys));
+        AppendHotkey(pTo, copy);
+    }
+    pTo->ulKbdType = pFrom == nullptr ? static_cast<ULONG>(UnknownKbdType) : pFrom->ulKbdType;
+}
+
+bool IsEachConversionNamed()
+{
+    return IsLogOn(LOG_DETAIL) || IsTraced(TRACE_WARNING);
+}
 } // namespace
 
-// Builds the list aside from all definitions of type 1 and publishes it at once, every state flag 0. The
-// result is the status of the last conversion.
-// IRQL = PASSIVE. Lock: the caller holds DefinitionMutex. Fails: the last hotkey was not convertible.
-NTSTATUS BuildHotkeyList(PDEVICE_OBJECT device) WITHOUT_LOCK_ANALYSIS
+// At add-device: a keyboard without hotkeys.
+void InitializeHotkeys(DeviceContext* pContext)
+{
+    ClassifyKeys(pContext, nullptr);
+}
+
+// Room for one more definition of type 1 in both indexes: an add then writes behind the published ones, and no
+// removal needs memory.
+// Fails: no memory; nothing has changed.
+NTSTATUS ReserveHotkey(DeviceContext* pContext)
+{
+    static const ULONG Capacities[] = {16, 64, 128, 256, HOTKEY_LIST_SIZE};
+    const ULONG ulList = ListAside(pContext) ^ 1;
+    const HotkeyIndex* pPublished = pContext->pHotkeyIndexes[ulList];
+    if (pPublished != nullptr && pContext->ulHotkeyDefinitions < pPublished->ulCapacity) {
+        return STATUS_SUCCESS;
+    }
+    const ULONG* pCapacity = Capacities;
+    while (*pCapacity <= pContext->ulHotkeyDefinitions) {
+        pCapacity++;
+    }
+    HotkeyIndex* pFirst = AllocateHotkeyIndex(*pCapacity);
+    HotkeyIndex* pSecond = AllocateHotkeyIndex(*pCapacity);
+    if (pFirst == nullptr || pSecond == nullptr) {
+        FreeIndex(pFirst);
+        FreeIndex(pSecond);
+        return STATUS_UNSUCCESSFUL;
+    }
+    CopyHotkeys(pFirst, pPublished);
+    ReplaceAside(pContext, pFirst);
+    PublishAnew(pContext, ulList ^ 1);
+    ReplaceAside(pContext, pSecond);
+    return STATUS_SUCCESS;
+}
+
+// Makes all hotkeys anew aside and publishes them. The result is the status of the last conversion.
+// Fails: the last hotkey was not convertible.
+NTSTATUS BuildHotkeyList(PDEVICE_OBJECT device)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
     DeviceContext* pContext = FilterContextOf(device);
-    ULONG ulList;
-    HotkeyEntry* pList = ListAside(pContext, &ulList);
-    RtlZeroMemory(pList, sizeof(pContext->HotkeyLists[0]));
+    const ULONG ulList = ListAside(pContext);
+    HotkeyIndex* pIndex = pContext->pHotkeyIndexes[ulList];
     NTSTATUS status = STATUS_SUCCESS;
-    for (const KeyDefinition* pDefinition : pContext->KeyDefinitions) {
-        if (pDefinition == nullptr) {
-            break;
-        }
-        if (pDefinition->ulType == 1) {
-            status = AddEntryOf(device, pDefinition, pList);
+    WaitForWalks(pContext, ulList);
+    if (pIndex != nullptr) {
+        ClearHotkeyIndex(pIndex);
+        pIndex->ulKbdType = ReadShared(pContext->KbdType);
+    }
+    for (USHORT i = 0; i < pContext->ulDefinitions; i++) {
+        if (IsHotkeyDefinition(pContext, i)) {
+            status = AddHotkeyOf(device, i, pIndex);
         }
     }
-    WriteShared(pContext->ulHotkeyList, ulList);
+    PublishAnew(pContext, ulList);
     return status;
+}
+
+// The hotkey of the definition that was stored last, for which ReserveHotkey has made room.
+// Fails: it is not convertible.
+NTSTATUS AddLastHotkey(PDEVICE_OBJECT device)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    const ULONG ulList = ListAside(pContext) ^ 1;
+    HotkeyIndex* pIndex = pContext->pHotkeyIndexes[ulList];
+    if (pIndex->ulKbdType != ReadShared(pContext->KbdType) || IsEachConversionNamed()) {
+        return BuildHotkeyList(device);
+    }
+    const ULONG ulBefore = pIndex->ulCount;
+    const HotkeyView view = BeginChange(pContext);
+    const NTSTATUS status = AddHotkeyOf(device, static_cast<USHORT>(pContext->ulDefinitions - 1), pIndex);
+    if (pIndex->ulCount != ulBefore) {
+        ClassifyKeysOf(pContext, pIndex->pEntries[ulBefore]);
+    }
+    Publish(pContext, view, ulList);
+    return status;
+}
+
+// A definition of another type that came first with this id is gone: the next one says what is swallowed.
+void RenewSwallow(PDEVICE_OBJECT device, ULONG ulId)
+{
+    const KeyDefinition* pDefinition = FindKeyDefinitionById(device, ulId, nullptr);
+    for (HotkeyEntry& entry : HotkeyWalk(FilterContextOf(device))) {
+        if (entry.ulId == ulId && pDefinition != nullptr) {
+            WriteShared(entry.ucSwallow, static_cast<UCHAR>(pDefinition->ulSwallow));
+        }
+    }
+}
+
+// Nothing is defined any more: publishes no hotkeys and gives the memory back.
+void DropHotkeys(DeviceContext* pContext)
+{
+    ReplaceAside(pContext, nullptr);
+    PublishAnew(pContext, ListAside(pContext));
+    ReplaceAside(pContext, nullptr);
 }
 
 // The lists of all keyboards, when anybody listens.
@@ -154,22 +312,4 @@ void TraceHotkeyLists()
                   entry.ulModifiers, entry.ulKeyCount, {entry.ucKeys, 8});
         }
     }
-}
-
-HotkeyWalk::HotkeyWalk(DeviceContext* pContext) : pContext(pContext)
-{
-    for (;;) {
-        ulList = ReadShared(pContext->ulHotkeyList);
-        InterlockedIncrement(&pContext->lHotkeyWalks[ulList]);
-        if (ReadShared(pContext->ulHotkeyList) == ulList) {
-            break;
-        }
-        InterlockedDecrement(&pContext->lHotkeyWalks[ulList]);
-    }
-    pFirst = pContext->HotkeyLists[ulList];
-}
-
-HotkeyWalk::~HotkeyWalk()
-{
-    InterlockedDecrement(&pContext->lHotkeyWalks[ulList]);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "driver/driver.h"
+#include "hotkeys/pass.h"
 
 // definitions.cpp: what the application defined. IRQL = PASSIVE. Lock: DefinitionMutex, then KeyDefLock.
 NTSTATUS AddKeyDefinition(PDEVICE_OBJECT device, const KeyDefinition* pDefinition);
@@ -15,52 +16,30 @@ void FreeAllKeyDefinitions();
 KeyDefinition* FindKeyDefinitionById(PDEVICE_OBJECT device, ULONG ulId, PUSHORT pusIndex);
 KeyDefinition* FindKeyDefinitionByType(PDEVICE_OBJECT device, ULONG ulType, PUSHORT pusIndex);
 KeyDefinition* FindKeyDefinition(PDEVICE_OBJECT device, const KeyDefinition* pDefinition, PUSHORT pusIndex);
-bool GetSwallowOf(PDEVICE_OBJECT device, ULONG ulId, PUCHAR pucSwallow); // copies, false: unknown id
+void AppendDefinition(DeviceContext* pContext, KeyDefinition* pDefinition); // the first free slot
+bool IsHotkeyDefinition(DeviceContext* pContext, USHORT usIndex);
 bool GetDefinitionOfType(PDEVICE_OBJECT device, ULONG ulType, KeyDefinition* pCopy); // copies, false: none
 
-// hotkeylist.cpp: the hotkey list made from the definitions
-NTSTATUS BuildHotkeyList(PDEVICE_OBJECT device); // IRQL = PASSIVE. Lock: the caller holds DefinitionMutex.
-void TraceHotkeyLists();                         // after each change
+// hotkeylist.cpp: the hotkeys made from the definitions. IRQL = PASSIVE. Lock: the caller holds DefinitionMutex.
+void InitializeHotkeys(DeviceContext* pContext); // at add-device
+NTSTATUS ReserveHotkey(DeviceContext* pContext); // room for one more
+NTSTATUS AddLastHotkey(PDEVICE_OBJECT device);
+NTSTATUS BuildHotkeyList(PDEVICE_OBJECT device);
+void RenewSwallow(PDEVICE_OBJECT device, ULONG ulId);
+void DropHotkeys(DeviceContext* pContext);
+void TraceHotkeyLists(); // after each change, without the mutex
 
 // convert.cpp
 NTSTATUS ConvertPS2ToHID(PDEVICE_OBJECT device, const KeyDefinition* pDefinition, HotkeyEntry* pEntry);
 
-// One walk of the published hotkey list: while it lives the list is not rebuilt under it. Ends at the first
-// entry whose ulId is 0.
-class HotkeyWalk
-{
-public:
-    struct End {
-    };
-    struct Iterator {
-        HotkeyEntry* pEntry;
-        HotkeyEntry* pLimit;
-        HotkeyEntry& operator*() const { return *pEntry; }
-        void operator++() { pEntry++; }
-        bool operator!=(End) const { return pEntry < pLimit && pEntry->ulId != 0; }
-    };
-
-    explicit HotkeyWalk(DeviceContext* pContext);
-    ~HotkeyWalk();
-    HotkeyWalk(const HotkeyWalk&) = delete;
-    HotkeyWalk& operator=(const HotkeyWalk&) = delete;
-    Iterator begin() const { return {pFirst, pFirst + HOTKEY_LIST_SIZE}; }
-    End end() const { return {}; }
-
-private:
-    DeviceContext* pContext;
-    ULONG ulList;
-    HotkeyEntry* pFirst;
-};
-
 // matching.cpp: the hotkey pass, once a key of a report. IRQL <= DISPATCH.
-NTSTATUS ProcessHotkeyScan(PDEVICE_OBJECT device, UCHAR ucUsage, USHORT usReleased, PUCHAR pBuf,
-                           PULONG pIndex, PULONG pLen, PUCHAR pHotkeyReleased);
-bool UpdateHotkeyListByScan(PDEVICE_OBJECT device, UCHAR ucUsage, USHORT usReleased);
+NTSTATUS ProcessHotkeyScan(HotkeyPass& pass, UCHAR ucUsage, USHORT usReleased, PUCHAR pBuf, PULONG pIndex,
+                           PULONG pLen, PUCHAR pHotkeyReleased);
+bool UpdateHotkeyListByScan(HotkeyPass& pass, UCHAR ucUsage, USHORT usReleased);
 
 // truematch.cpp
 void SendHotkeyEvent(PDEVICE_OBJECT device, ULONG ulId, ULONG ulValue, ULONG ulEscAbort);
-UCHAR FindTrueMatch(PDEVICE_OBJECT device, PUCHAR pNoPartial, PUCHAR pSwallow, PUCHAR pHotkeyReleased);
+UCHAR FindTrueMatch(HotkeyPass& pass, PUCHAR pNoPartial, PUCHAR pSwallow, PUCHAR pHotkeyReleased);
 
 // typematic.cpp: the repeat timers
 KDEFERRED_ROUTINE TypematicDelayCallback;

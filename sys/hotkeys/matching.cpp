@@ -48,6 +48,9 @@ bool SwallowKey(PDEVICE_OBJECT device, const Walker& walker)
 // after a released prefix, lose them.
 void GiveBackSwallowBuffer(PDEVICE_OBJECT device)
 {
+    if (ReadShared(FilterContextOf(device)->usSwallowCount) == 0) {
+        return; // only this road puts keys there
+    }
     bool bNormal = ReadShared(FilterContextOf(device)->KbdType) == NORMALKbdType;
     UCHAR ucUsage;
     while (GetDataFromSwallowBuffer(device, &ucUsage)) {
@@ -59,23 +62,25 @@ void GiveBackSwallowBuffer(PDEVICE_OBJECT device)
 }
 
 // The active hotkey ends although its keys are still held: another key came.
-void EndActiveHotkey(PDEVICE_OBJECT device)
+void EndActiveHotkey(HotkeyPass& pass)
 {
-    DeviceContext* pContext = FilterContextOf(device);
+    DeviceContext* pContext = pass.Context();
     ULONG ulId = ReadShared(pContext->ulActiveHotkeyId);
     CancelTypematicTimers();
-    SendHotkeyEvent(device, ulId, 0, 0);
-    for (HotkeyEntry& entry : HotkeyWalk(pContext)) {
+    SendHotkeyEvent(pass.Device(), ulId, 0, 0);
+    for (HotkeyEntry& entry : pass.Held()) {
         if (entry.ulId == ulId && entry.ucDown == 1) {
             entry.ucDown = 0;
+            pass.Settle(entry);
         }
     }
     WriteShared(pContext->ucHotkeyActive, 0);
 }
 
 // A key that belongs to no hotkey whose mask matches.
-void PassForeignKey(PDEVICE_OBJECT device, USHORT usReleased, const Walker& walker)
+void PassForeignKey(HotkeyPass& pass, USHORT usReleased, const Walker& walker)
 {
+    PDEVICE_OBJECT device = pass.Device();
     WriteShared(Globals.ucHotkeyComplete, 0);
     if (ReadShared(Globals.ucSwallowPending) == 1 && usReleased == 0) {
         (void)SwallowKey(device, walker); // a key that finds no room stays in the report
@@ -84,24 +89,25 @@ void PassForeignKey(PDEVICE_OBJECT device, USHORT usReleased, const Walker& walk
     } else if (ReadShared(Globals.ulPrefixReleased) == 1 && usReleased == 0) {
         RemoveKey(walker);
     }
-    if (ReadShared(FilterContextOf(device)->ucHotkeyActive) == 1) {
-        EndActiveHotkey(device);
+    if (ReadShared(pass.Context()->ucHotkeyActive) == 1) {
+        EndActiveHotkey(pass);
     }
 }
 
 // A key of a hotkey whose mask matches.
-void PassHotkeyKey(PDEVICE_OBJECT device, USHORT usReleased, const Walker& walker, PUCHAR pHotkeyReleased)
+void PassHotkeyKey(HotkeyPass& pass, USHORT usReleased, const Walker& walker, PUCHAR pHotkeyReleased)
 {
+    PDEVICE_OBJECT device = pass.Device();
     if (usReleased == 1) {
         UCHAR ucScratch = 0; // neither output is used
-        WriteShared(Globals.ucHotkeyComplete, FindTrueMatch(device, &ucScratch, &ucScratch, pHotkeyReleased));
+        WriteShared(Globals.ucHotkeyComplete, FindTrueMatch(pass, &ucScratch, &ucScratch, pHotkeyReleased));
     } else if (SwallowKey(device, walker)) {
         WriteShared(Globals.ucSwallowPending, 1);
     }
     UCHAR ucNoPartial = 1;
     UCHAR ucSwallow = 0;
     UCHAR ucReleased = 0; // not used
-    UCHAR ucComplete = FindTrueMatch(device, &ucNoPartial, &ucSwallow, &ucReleased);
+    UCHAR ucComplete = FindTrueMatch(pass, &ucNoPartial, &ucSwallow, &ucReleased);
     WriteShared(Globals.ucHotkeyComplete, ucComplete);
     if (ucComplete == 1 && ucSwallow == 1) {
         DiscardSwallowBuffer(device);
@@ -135,6 +141,7 @@ bool MarkKey(HotkeyEntry& entry, UCHAR ucUsage, UCHAR ucDown)
         bHit = true;
         if (entry.ucHotkeyDown[i] != ucDown) {
             entry.ucHotkeyDown[i] = ucDown;
+            entry.ucHeldKeys = static_cast<UCHAR>(ucDown ? entry.ucHeldKeys + 1 : entry.ucHeldKeys - 1);
             break;
         }
     }
@@ -152,6 +159,7 @@ void ClearKey(HotkeyEntry& entry, UCHAR ucUsage, ULONG ulEntry)
                   static_cast<unsigned>(ucUsage), static_cast<unsigned>(i), static_cast<unsigned>(ulEntry));
         if (entry.ucHotkeyDown[i] != 0) {
             entry.ucHotkeyDown[i] = 0;
+            entry.ucHeldKeys--;
             break;
         }
     }
@@ -161,8 +169,8 @@ void ClearKey(HotkeyEntry& entry, UCHAR ucUsage, ULONG ulEntry)
 // Follows one key: usReleased 1 for a key that left the report (pBuf is then the previous report), 0 for a
 // key in the new report. A key taken out shortens *pLen and steps *pIndex back.
 // IRQL <= DISPATCH. Owns: nothing; pBuf is rewritten. Fails: never.
-NTSTATUS ProcessHotkeyScan(PDEVICE_OBJECT device, UCHAR ucUsage, USHORT usReleased, PUCHAR pBuf,
-                           PULONG pIndex, PULONG pLen, PUCHAR pHotkeyReleased)
+NTSTATUS ProcessHotkeyScan(HotkeyPass& pass, UCHAR ucUsage, USHORT usReleased, PUCHAR pBuf, PULONG pIndex,
+                           PULONG pLen, PUCHAR pHotkeyReleased)
 {
     Walker walker = {pBuf, pIndex, pLen};
     if (ReadShared(Globals.ucHotkeyComplete) == 1 && ucUsage == USAGE_ESCAPE && usReleased == 0) {
@@ -171,10 +179,10 @@ NTSTATUS ProcessHotkeyScan(PDEVICE_OBJECT device, UCHAR ucUsage, USHORT usReleas
         CancelTypematicTimers();
         return STATUS_SUCCESS;
     }
-    if (UpdateHotkeyListByScan(device, ucUsage, usReleased)) {
-        PassHotkeyKey(device, usReleased, walker, pHotkeyReleased);
+    if (UpdateHotkeyListByScan(pass, ucUsage, usReleased)) {
+        PassHotkeyKey(pass, usReleased, walker, pHotkeyReleased);
     } else {
-        PassForeignKey(device, usReleased, walker);
+        PassForeignKey(pass, usReleased, walker);
     }
     ResetPrefixes(ucUsage, usReleased);
     return STATUS_SUCCESS;
@@ -183,30 +191,25 @@ NTSTATUS ProcessHotkeyScan(PDEVICE_OBJECT device, UCHAR ucUsage, USHORT usReleas
 // Tracks the held key bytes of every hotkey. A pressed key touches only hotkeys that are armed or down, a
 // released key all. Returns whether the key belongs to a hotkey whose mask matches.
 // IRQL <= DISPATCH. Fails: never.
-bool UpdateHotkeyListByScan(PDEVICE_OBJECT device, UCHAR ucUsage, USHORT usReleased)
+bool UpdateHotkeyListByScan(HotkeyPass& pass, UCHAR ucUsage, USHORT usReleased)
 {
-    ULONG ulFlags = ReadShared(Globals.ulModifierFlags);
-    bool bTouchAll = usReleased == 1 || ReadShared(Globals.ulPrefixReleased) == 1;
+    const ULONG ulFlags = pass.BeginScan();
+    const bool bTouchAll = usReleased == 1 || ReadShared(Globals.ulPrefixReleased) == 1;
     bool bResult = false;
-    ULONG ulEntry = 0;
-    for (HotkeyEntry& entry : HotkeyWalk(FilterContextOf(device))) {
-        ULONG ulThis = ulEntry++;
-        if (!bTouchAll && entry.ucModMatch != 1 && entry.ucDown != 1) {
+    for (HotkeyEntry& entry : pass.Holding(ucUsage)) {
+        if (!bTouchAll && entry.ucDown != 1 && !pass.WasArmed(entry)) {
             continue;
         }
         if (IsModifierMaskMatched(entry.ulModifiers, ulFlags)) {
-            bool bHit = MarkKey(entry, ucUsage, usReleased == 1 ? 0 : 1);
-            bResult = bResult || bHit;
+            if (MarkKey(entry, ucUsage, usReleased == 1 ? 0 : 1)) {
+                pass.Hit(entry);
+                bResult = true;
+            }
             LogHexDump("(UpdateHotkeyListByScan) ucHotkeyDown", entry.ulKeyCount, entry.ucHotkeyDown);
-            if (entry.ulKeyCount > 1) {
-                entry.ucModMatch = bHit ? 1 : 0;
-            }
-        } else {
-            entry.ucModMatch = 0;
-            if (usReleased == 1) {
-                ClearKey(entry, ucUsage, ulThis);
-            }
+        } else if (usReleased == 1) {
+            ClearKey(entry, ucUsage, pass.NumberOf(entry));
         }
+        pass.Settle(entry);
     }
     return bResult;
 }

@@ -12,29 +12,10 @@
 
 namespace
 {
-bool AreAllKeysHeld(const HotkeyEntry& entry)
+void PressHotkey(HotkeyPass& pass, HotkeyEntry& entry)
 {
-    for (ULONG i = 0; i < entry.ulKeyCount; i++) {
-        if (entry.ucHotkeyDown[i] != 1) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool IsAnyKeyHeld(const HotkeyEntry& entry)
-{
-    for (ULONG i = 0; i < entry.ulKeyCount; i++) {
-        if (entry.ucHotkeyDown[i] == 1) {
-            return true;
-        }
-    }
-    return false;
-}
-
-void PressHotkey(PDEVICE_OBJECT device, HotkeyEntry& entry)
-{
-    DeviceContext* pContext = FilterContextOf(device);
+    PDEVICE_OBJECT device = pass.Device();
+    DeviceContext* pContext = pass.Context();
     entry.ucDown = 1;
     SendHotkeyEvent(device, entry.ulId, 1, ReadShared(Globals.ucEscAbort));
     if (entry.ucKeys[0] == USAGE_VOLUME_UP || entry.ucKeys[0] == USAGE_VOLUME_DOWN) {
@@ -44,10 +25,12 @@ void PressHotkey(PDEVICE_OBJECT device, HotkeyEntry& entry)
     WriteShared(pContext->ulActiveHotkeyId, entry.ulId);
 }
 
-void ReleaseHotkey(PDEVICE_OBJECT device, HotkeyEntry& entry)
+void ReleaseHotkey(HotkeyPass& pass, HotkeyEntry& entry)
 {
-    DeviceContext* pContext = FilterContextOf(device);
+    PDEVICE_OBJECT device = pass.Device();
+    DeviceContext* pContext = pass.Context();
     entry.ucDown = 0;
+    pass.Settle(entry);
     CancelTypematicTimers();
     SendHotkeyEvent(device, entry.ulId, 0, ReadShared(Globals.ucEscAbort));
     WriteShared(Globals.ucEscAbort, 0);
@@ -68,25 +51,25 @@ void SendHotkeyEvent(PDEVICE_OBJECT device, ULONG ulId, ULONG ulValue, ULONG ulE
 // the swallow byte of a complete one, *pHotkeyReleased 1 when a down one ends, which also takes back a match
 // found before it in the same walk. Returns 1 when a hotkey is complete.
 // IRQL <= DISPATCH. Fails: never.
-UCHAR FindTrueMatch(PDEVICE_OBJECT device, PUCHAR pNoPartial, PUCHAR pSwallow, PUCHAR pHotkeyReleased)
+UCHAR FindTrueMatch(HotkeyPass& pass, PUCHAR pNoPartial, PUCHAR pSwallow, PUCHAR pHotkeyReleased)
 {
     UCHAR ucResult = 0;
-    for (HotkeyEntry& entry : HotkeyWalk(FilterContextOf(device))) {
+    for (HotkeyEntry& entry : pass.Held()) {
         if (entry.ulKeyCount == 0) {
             continue;
         }
         LogHexDump("(FindTrueMatch) ucHotkeyDown", entry.ulKeyCount, entry.ucHotkeyDown);
-        if (entry.ucModMatch == 1 && AreAllKeysHeld(entry)) {
+        if (entry.ucHeldKeys == entry.ulKeyCount && pass.IsArmed(entry)) {
             ucResult = 1;
-            (void)GetSwallowOf(device, entry.ulId, pSwallow); // unknown: the value stays
+            *pSwallow = ReadShared(entry.ucSwallow);
             if (!entry.ucDown) {
-                PressHotkey(device, entry);
+                PressHotkey(pass, entry);
             }
         } else if (entry.ucDown) {
-            ReleaseHotkey(device, entry);
+            ReleaseHotkey(pass, entry);
             ucResult = 0;
             *pHotkeyReleased = 1;
-        } else if (IsAnyKeyHeld(entry)) {
+        } else if (entry.ucHeldKeys != 0) {
             *pNoPartial = 0;
         }
     }

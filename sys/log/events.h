@@ -63,8 +63,7 @@ inline constexpr TraceEvent KeyDropped(41, TRACE_INFO, TRACE_HOTKEYS, "KeyDroppe
                                        Hex8{"key"});
 inline constexpr TraceEvent ScanCodeUnknown(42, TRACE_WARNING, TRACE_HOTKEYS, "ScanCodeUnknown",
                                             Hex32{"scanCode"});
-inline constexpr TraceEvent DefinitionUnknown(43, TRACE_WARNING, TRACE_HOTKEYS, "DefinitionUnknown",
-                                              U32{"keyboard"}, U32{"id"});
+// 43 was a hotkey without a definition, which no report can meet.
 
 // Keys and reports that wait.
 inline constexpr TraceEvent SwallowBufferFull(50, TRACE_WARNING, TRACE_QUEUES, "SwallowBufferFull",

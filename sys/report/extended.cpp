@@ -17,12 +17,6 @@ namespace
 {
 enum : ULONG { POWER_PACKET_BYTES = 2, MINIMUM_KEY_AREA = 4, MAXIMUM_KEY_AREA = 8 };
 
-ULONG ReadWord(const UCHAR* pBytes)
-{
-    return pBytes[0] | static_cast<ULONG>(pBytes[1]) << 8 | static_cast<ULONG>(pBytes[2]) << 16 |
-           static_cast<ULONG>(pBytes[3]) << 24;
-}
-
 void WriteWord(PUCHAR pBytes, ULONG ulWord)
 {
     for (ULONG i = 0; i < 4; i++) {
@@ -31,39 +25,40 @@ void WriteWord(PUCHAR pBytes, ULONG ulWord)
 }
 
 // The hotkey's keys are in the report, or not: each change is an event of its own, at once.
-void SetHotkeyDown(PDEVICE_OBJECT device, HotkeyEntry& entry, UCHAR ucDown)
+void SetHotkeyDown(HotkeyPass& pass, HotkeyEntry& entry, UCHAR ucDown)
 {
     if (entry.ucDown == ucDown) {
         return;
     }
     if (ucDown) {
         entry.ucDown = 1;
-        NotifyHotkeyEvent(device, entry.ulId, 1);
+        NotifyHotkeyEvent(pass.Device(), entry.ulId, 1);
     } else {
-        NotifyHotkeyEvent(device, entry.ulId, 0);
+        NotifyHotkeyEvent(pass.Device(), entry.ulId, 0);
         entry.ucDown = 0;
     }
+    pass.Settle(entry);
 }
 
 // Hands each key that left the report to the pass.
-void PassReleasedPowerKeys(PDEVICE_OBJECT device, ULONG ulLen, const UCHAR* pBuf, PULONG pulLen)
+void PassReleasedPowerKeys(HotkeyPass& pass, ULONG ulLen, const UCHAR* pBuf, PULONG pulLen)
 {
-    UCHAR* pOld = FilterContextOf(device)->ucOldPowerPacket;
+    UCHAR* pOld = pass.Context()->ucOldPowerPacket;
     UCHAR ucHotkeyReleased = 0; // not looked at: the keys of this report are handed on all the same
     for (ULONG i = 0; i < *pulLen && pOld[i] != 0; i++) {
         if (!IsKeyInPacket(pOld[i], pBuf, ulLen)) {
-            ProcessHotkeyScan(device, pOld[i], 1, pOld, &i, pulLen, &ucHotkeyReleased);
+            ProcessHotkeyScan(pass, pOld[i], 1, pOld, &i, pulLen, &ucHotkeyReleased);
         }
     }
 }
 
 // Hands each key of the report to the pass. A key taken out at position 0 leaves the index one before it,
 // where nothing is read before the loop steps on.
-void PassPressedPowerKeys(PDEVICE_OBJECT device, PUCHAR pBuf, PULONG pulLen)
+void PassPressedPowerKeys(HotkeyPass& pass, PUCHAR pBuf, PULONG pulLen)
 {
     UCHAR ucHotkeyReleased = 0; // as above
     for (ULONG i = 0; i < *pulLen && pBuf[i] != 0; i++) {
-        ProcessHotkeyScan(device, pBuf[i], 0, pBuf, &i, pulLen, &ucHotkeyReleased);
+        ProcessHotkeyScan(pass, pBuf[i], 0, pBuf, &i, pulLen, &ucHotkeyReleased);
     }
 }
 } // namespace
@@ -80,11 +75,12 @@ NTSTATUS DiagPowerPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
     LogHexDump("(DiagPowerPacket) new packet:", ulLen, pBuf);
     LogHexDump("(DiagPowerPacket) old packet:", ulLen, pContext->ucOldPowerPacket);
     const UCHAR ucReceived[POWER_PACKET_BYTES] = {pBuf[0], pBuf[1]};
-    UpdateHotkeyModifierMatch(device);
+    HotkeyPass pass(device);
+    UpdateHotkeyModifierMatch(pass);
 
     ULONG ulCurrentLen = ulLen;
-    PassReleasedPowerKeys(device, ulLen, pBuf, &ulCurrentLen);
-    PassPressedPowerKeys(device, pBuf, &ulCurrentLen);
+    PassReleasedPowerKeys(pass, ulLen, pBuf, &ulCurrentLen);
+    PassPressedPowerKeys(pass, pBuf, &ulCurrentLen);
     if (ReadShared(pContext->usSwallowCount) != 0) {
         UCHAR ucUsage;
         while (GetDataFromSwallowBuffer(device, &ucUsage)) {
@@ -105,16 +101,17 @@ NTSTATUS DiagJaalaaPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
     if (ulLen < MINIMUM_KEY_AREA || ulLen > MAXIMUM_KEY_AREA) {
         return STATUS_UNSUCCESSFUL;
     }
-    UpdateHotkeyModifierMatch(device);
-    ULONG ulKeys = ReadWord(pBuf);
-    for (HotkeyEntry& entry : HotkeyWalk(FilterContextOf(device))) {
-        ULONG ulHotkey = ReadWord(entry.ucKeys);
-        if (entry.ucModMatch == 1 && (ulKeys & ulHotkey) == ulHotkey) {
-            SetHotkeyDown(device, entry, 1);
+    HotkeyPass pass(device);
+    UpdateHotkeyModifierMatch(pass);
+    ULONG ulKeys = ReadPattern(pBuf);
+    for (HotkeyEntry& entry : pass.Extended(ulKeys)) {
+        ULONG ulHotkey = ReadPattern(entry.ucKeys);
+        if ((ulKeys & ulHotkey) == ulHotkey && pass.IsArmed(entry)) {
+            SetHotkeyDown(pass, entry, 1);
             ulKeys &= ~ulHotkey;
             WriteWord(pBuf, ulKeys);
         } else {
-            SetHotkeyDown(device, entry, 0);
+            SetHotkeyDown(pass, entry, 0);
         }
     }
     LogHexDump("(DiagJaalaaPacket) new packet:", ulLen, pBuf);
@@ -130,16 +127,17 @@ NTSTATUS DiagJaalaaPacketPower(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
     if (ulLen != POWER_PACKET_BYTES) {
         return STATUS_UNSUCCESSFUL;
     }
-    UpdateHotkeyModifierMatch(device);
+    HotkeyPass pass(device);
+    UpdateHotkeyModifierMatch(pass);
     ULONG ulPower = pBuf[1] == 0 ? 0 : static_cast<ULONG>(pBuf[1]) << 8 | pBuf[0];
-    for (HotkeyEntry& entry : HotkeyWalk(FilterContextOf(device))) {
-        ULONG ulHotkey = ReadWord(entry.ucKeys);
-        if (entry.ucModMatch == 1 && ulHotkey == ulPower) {
-            SetHotkeyDown(device, entry, 1);
+    for (HotkeyEntry& entry : pass.Extended(ulPower)) {
+        ULONG ulHotkey = ReadPattern(entry.ucKeys);
+        if (ulHotkey == ulPower && pass.IsArmed(entry)) {
+            SetHotkeyDown(pass, entry, 1);
             ulPower &= ~ulHotkey;
             pBuf[1] = static_cast<UCHAR>(ulPower);
         } else {
-            SetHotkeyDown(device, entry, 0);
+            SetHotkeyDown(pass, entry, 0);
         }
     }
     LogHexDump("(DiagJaalaaPacketPower) new packet:", 2, pBuf);

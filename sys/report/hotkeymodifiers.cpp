@@ -8,31 +8,23 @@
 
 // Arms the hotkeys whose mask matches now. A latched prefix that no hotkey uses is marked for the reset.
 // IRQL <= DISPATCH. Fails: never.
-void UpdateHotkeyModifierMatch(PDEVICE_OBJECT device)
+void UpdateHotkeyModifierMatch(HotkeyPass& pass)
 {
-    ULONG ulFlags = ReadShared(Globals.ulModifierFlags);
-    bool bPrefixUsed = false;
-    for (HotkeyEntry& entry : HotkeyWalk(FilterContextOf(device))) {
-        entry.ucModMatch = IsModifierMaskMatched(entry.ulModifiers, ulFlags) ? 1 : 0;
-        if (entry.ulModifiers & ulFlags & MODIFIER_PREFIXES) {
-            bPrefixUsed = true;
-        }
-    }
-    if (!bPrefixUsed && (ulFlags & MODIFIER_PREFIXES)) {
+    const ULONG ulFlags = pass.Arm();
+    if ((ulFlags & MODIFIER_PREFIXES) && !(ulFlags & pass.Prefixes())) {
         WriteShared(Globals.ulPrefixReleased, 0u);
         WriteShared(Globals.ulPrefixUnmatched, 1u);
     }
 }
 
 // Hotkeys without keys: down while all their modifier bits are set in byte 0, whose bits they take out when
-// their definition says so. A definition that is gone leaves the swallow value of the hotkey before.
+// their definition says so.
 // IRQL <= DISPATCH. Owns: nothing; pBuf[0] is rewritten. Fails: never.
-NTSTATUS CheckModifierOnlyHotkeys(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
+void CheckModifierOnlyHotkeys(HotkeyPass& pass, PUCHAR pBuf)
 {
-    UNREFERENCED_PARAMETER(ulLen);
-    DeviceContext* pContext = FilterContextOf(device);
-    UCHAR ucSwallow = 1;
-    for (HotkeyEntry& entry : HotkeyWalk(pContext)) {
+    PDEVICE_OBJECT device = pass.Device();
+    DeviceContext* pContext = pass.Context();
+    for (HotkeyEntry& entry : pass.Holding(0)) {
         if (entry.ucKeys[0] != 0) {
             continue;
         }
@@ -40,13 +32,13 @@ NTSTATUS CheckModifierOnlyHotkeys(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBu
         if ((pBuf[0] & ucBits) == ucBits) {
             if (!entry.ucDown) {
                 entry.ucDown = 1;
+                pass.Settle(entry);
                 NotifyHotkeyEvent(device, entry.ulId, 1);
                 if (pContext->ucSendUpEventImmediately) {
                     NotifyHotkeyEvent(device, entry.ulId, 0);
                 }
             }
-            (void)GetSwallowOf(device, entry.ulId, &ucSwallow);
-            if (ucSwallow) {
+            if (ReadShared(entry.ucSwallow) != 0) {
                 pBuf[0] = static_cast<UCHAR>(pBuf[0] & ~ucBits);
             }
         } else if (entry.ucDown) {
@@ -54,9 +46,9 @@ NTSTATUS CheckModifierOnlyHotkeys(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBu
                 NotifyHotkeyEvent(device, entry.ulId, 0);
             }
             entry.ucDown = 0;
+            pass.Settle(entry);
         }
     }
-    return STATUS_SUCCESS;
 }
 
 // Sends one hotkey event with the Esc-abort flag, which it uses up.

@@ -18,7 +18,7 @@ struct ModifierBit {
     ULONG ulFlag;
 };
 
-const ModifierBit ModifierBits[] = {
+constexpr ModifierBit ModifierBits[] = {
     {0x01, 0x002}, {0x10, 0x004}, {0x02, 0x008}, {0x20, 0x010},
     {0x04, 0x020}, {0x40, 0x040}, {0x08, 0x080}, {0x80, 0x100},
 };
@@ -28,7 +28,7 @@ struct DerivedBit {
     ULONG ulFlag;
 };
 
-const DerivedBit DerivedBits[] = {
+constexpr DerivedBit DerivedBits[] = {
     {0x006, MODIFIER_ANY_CONTROL},
     {0x018, MODIFIER_ANY_SHIFT},
     {0x060, MODIFIER_ANY_ALT},
@@ -67,21 +67,30 @@ ULONG TrackPrefixes(ULONG ulFlags, const UCHAR* pBuf, ULONG ulLen, bool* pbRelea
     return LatchPrefix(ulFlags, pBuf, ulLen, Globals.ucPosKeyPrefixUsage, MODIFIER_POSKEY_PREFIX, pbReleased);
 }
 
-ULONG ApplyModifierByte(ULONG ulFlags, UCHAR ucModifiers)
+constexpr ULONG WordOf(UCHAR ucModifiers)
 {
+    ULONG ulFlags = 0;
     for (const ModifierBit& bit : ModifierBits) {
-        ulFlags = ucModifiers & bit.ucReportBit ? ulFlags | bit.ulFlag : ulFlags & ~bit.ulFlag;
+        ulFlags |= ucModifiers & bit.ucReportBit ? bit.ulFlag : 0;
+    }
+    for (const DerivedBit& bit : DerivedBits) {
+        ulFlags |= ulFlags & bit.ulEither ? bit.ulFlag : 0;
     }
     return ulFlags;
 }
 
-ULONG DeriveEitherSide(ULONG ulFlags)
-{
-    for (const DerivedBit& bit : DerivedBits) {
-        ulFlags = ulFlags & bit.ulEither ? ulFlags | bit.ulFlag : ulFlags & ~bit.ulFlag;
+// For each modifier byte the single bits and those derived from them.
+struct ModifierWords {
+    USHORT usWords[256];
+    constexpr ModifierWords() : usWords()
+    {
+        for (ULONG i = 0; i < 256; i++) {
+            usWords[i] = static_cast<USHORT>(WordOf(static_cast<UCHAR>(i)));
+        }
     }
-    return ulFlags;
-}
+};
+constexpr ModifierWords Words;
+
 // Each single modifier that came or went.
 void TraceModifiers(PDEVICE_OBJECT device, ULONG ulBefore, ULONG ulFlags)
 {
@@ -93,6 +102,11 @@ void TraceModifiers(PDEVICE_OBJECT device, ULONG ulBefore, ULONG ulFlags)
     }
 }
 } // namespace
+
+ULONG WordOfModifiers(UCHAR ucModifiers)
+{
+    return Words.usWords[ucModifiers];
+}
 
 // The report bits of a mask's single modifiers; the derived bits have none.
 UCHAR ReportBitsOf(ULONG ulModifiers)
@@ -135,13 +149,12 @@ void UpdateModifierFlags(PDEVICE_OBJECT device, const UCHAR* pBuf, ULONG ulLen, 
     ULONG ulBefore = ReadShared(Globals.ulModifierFlags);
     ULONG ulFlags;
     do {
-        ulFlags = ApplyModifierByte(ulBefore, pBuf[0]);
+        ulFlags = (ulBefore & ~static_cast<ULONG>(MODIFIER_OF_BYTE)) | WordOfModifiers(pBuf[0]);
         ulFlags = bContextKey ? ulFlags | MODIFIER_CONTEXT_KEY : ulFlags & ~MODIFIER_CONTEXT_KEY;
         if (bPrefixes) {
             ulFlags = TrackPrefixes(ulFlags, pBuf, ulLen, &bReleased);
         }
-        ulFlags = DeriveEitherSide(ulFlags);
-    } while (!CompareExchangeShared(Globals.ulModifierFlags, ulBefore, ulFlags));
+    } while (ulFlags != ulBefore && !CompareExchangeShared(Globals.ulModifierFlags, ulBefore, ulFlags));
     if (IsTraced(TRACE_VERBOSE)) {
         TraceModifiers(device, ulBefore, ulFlags);
     }

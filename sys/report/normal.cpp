@@ -19,25 +19,25 @@ bool IsFnOrPrefix(UCHAR ucUsage)
 }
 
 // Hands each key that left the report to the pass. Returns 1 when a hotkey that had fired was released.
-UCHAR PassReleasedKeys(PDEVICE_OBJECT device, ULONG ulLen, const UCHAR* pBuf, PULONG pulLen)
+UCHAR PassReleasedKeys(HotkeyPass& pass, ULONG ulLen, const UCHAR* pBuf, PULONG pulLen)
 {
-    UCHAR* pOld = FilterContextOf(device)->ucOldPacket;
+    UCHAR* pOld = pass.Context()->ucOldPacket;
     UCHAR ucHotkeyReleased = 0;
     for (ULONG i = FirstKeyPosition(ulLen); i < *pulLen && pOld[i] != 0; i++) {
         if (!IsKeyInPacket(pOld[i], pBuf, ulLen)) {
-            ProcessHotkeyScan(device, pOld[i], 1, pOld, &i, pulLen, &ucHotkeyReleased);
+            ProcessHotkeyScan(pass, pOld[i], 1, pOld, &i, pulLen, &ucHotkeyReleased);
         }
     }
     return ucHotkeyReleased;
 }
 
 // Hands each key of the report to the pass. Returns the position at which the walk ended.
-ULONG PassPressedKeys(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf, PULONG pulLen)
+ULONG PassPressedKeys(HotkeyPass& pass, ULONG ulLen, PUCHAR pBuf, PULONG pulLen)
 {
     UCHAR ucHotkeyReleased = 0; // not looked at: the report of the release is over
     ULONG i = FirstKeyPosition(ulLen);
     for (; i < *pulLen && pBuf[i] != 0; i++) {
-        ProcessHotkeyScan(device, pBuf[i], 0, pBuf, &i, pulLen, &ucHotkeyReleased);
+        ProcessHotkeyScan(pass, pBuf[i], 0, pBuf, &i, pulLen, &ucHotkeyReleased);
     }
     return i;
 }
@@ -75,21 +75,22 @@ NTSTATUS DiagNormalPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
     DeviceContext* pContext = FilterContextOf(device);
     LogHexDump("(DiagNormalPacket) new packet:", ulLen, pBuf);
     LogHexDump("(DiagNormalPacket) old packet:", ulLen, pContext->ucOldPacket);
+    HotkeyPass pass(device);
     UCHAR ucReceived[8] = {};
     RtlCopyMemory(ucReceived, pBuf, ulLen);
     if (ulLen == 8) {
-        CheckModifierOnlyHotkeys(device, ulLen, pBuf);
+        CheckModifierOnlyHotkeys(pass, pBuf);
         UpdateModifierFlags(device, pBuf, 8, 1);
     }
-    UpdateHotkeyModifierMatch(device);
+    UpdateHotkeyModifierMatch(pass);
 
     ULONG ulCurrentLen = ulLen;
-    if (PassReleasedKeys(device, ulLen, pBuf, &ulCurrentLen)) {
+    if (PassReleasedKeys(pass, ulLen, pBuf, &ulCurrentLen)) {
         for (ULONG i = FirstKeyPosition(ulLen); i < ulLen && pBuf[i] != 0; i++) {
             pBuf[i] = 0;
         }
     }
-    ULONG ulStopped = PassPressedKeys(device, ulLen, pBuf, &ulCurrentLen);
+    ULONG ulStopped = PassPressedKeys(pass, ulLen, pBuf, &ulCurrentLen);
     if (ReadShared(pContext->usSwallowCount) != 0) {
         GiveBackHeldKeys(device);
     }

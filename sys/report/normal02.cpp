@@ -10,33 +10,35 @@
 namespace
 {
 // Unless the up event went out with the down event, it goes out now.
-void ReleaseHotkey(PDEVICE_OBJECT device, HotkeyEntry& entry, const char* pszLog)
+void ReleaseHotkey(HotkeyPass& pass, HotkeyEntry& entry, const char* pszLog)
 {
     if (!entry.ucDown) {
         return;
     }
-    if (!FilterContextOf(device)->ucSendUpEventImmediately) {
+    if (!pass.Context()->ucSendUpEventImmediately) {
         if (pszLog != nullptr) {
             LogPrintf(LOG_TRAFFIC, 1, "%s", pszLog);
         }
-        NotifyHotkeyEvent(device, entry.ulId, 0);
+        NotifyHotkeyEvent(pass.Device(), entry.ulId, 0);
     }
     entry.ucDown = 0;
+    pass.Settle(entry);
 }
 
-void PressHotkey(PDEVICE_OBJECT device, HotkeyEntry& entry)
+void PressHotkey(HotkeyPass& pass, HotkeyEntry& entry)
 {
     entry.ucDown = 1;
-    NotifyHotkeyEvent(device, entry.ulId, 1);
+    pass.Settle(entry);
+    NotifyHotkeyEvent(pass.Device(), entry.ulId, 1);
     LogPrintf(LOG_TRAFFIC, 1, "(DiagNormalPacket02) Fire DOWN event");
-    if (FilterContextOf(device)->ucSendUpEventImmediately) {
-        NotifyHotkeyEvent(device, entry.ulId, 0);
+    if (pass.Context()->ucSendUpEventImmediately) {
+        NotifyHotkeyEvent(pass.Device(), entry.ulId, 0);
     }
 }
 
 // Takes the hotkey's key out of the report. The byte that moves in after a removal is not looked at, and
 // the press of the hotkey ends the walk. Returns whether the key was there.
-bool TakeHotkeyOut(PDEVICE_OBJECT device, HotkeyEntry& entry, ULONG ulLen, PUCHAR pBuf)
+bool TakeHotkeyOut(HotkeyPass& pass, HotkeyEntry& entry, ULONG ulLen, PUCHAR pBuf)
 {
     bool bFound = false;
     for (ULONG i = FirstKeyPosition(ulLen); i < ulLen && pBuf[i] != 0; i++) {
@@ -46,7 +48,7 @@ bool TakeHotkeyOut(PDEVICE_OBJECT device, HotkeyEntry& entry, ULONG ulLen, PUCHA
         bFound = true;
         (void)RemoveKeyFromBuffer(pBuf, ulLen, i);
         if (!entry.ucDown) {
-            PressHotkey(device, entry);
+            PressHotkey(pass, entry);
             break;
         }
     }
@@ -58,19 +60,21 @@ bool TakeHotkeyOut(PDEVICE_OBJECT device, HotkeyEntry& entry, ULONG ulLen, PUCHA
 NTSTATUS DiagNormalPacket02(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
 {
     LogHexDump("(DiagNormalPacket02) new packet:", ulLen, pBuf);
+    HotkeyPass pass(device);
+    const ULONG ulFirst = FirstKeyPosition(ulLen);
     if (ulLen == 8) {
-        CheckModifierOnlyHotkeys(device, ulLen, pBuf);
+        CheckModifierOnlyHotkeys(pass, pBuf);
         UpdateModifierFlags(device, pBuf, 8, 1);
     }
-    UpdateHotkeyModifierMatch(device);
-    for (HotkeyEntry& entry : HotkeyWalk(FilterContextOf(device))) {
+    UpdateHotkeyModifierMatch(pass);
+    for (HotkeyEntry& entry : pass.Simple(pBuf + ulFirst, ulLen - ulFirst)) {
         if (entry.ucKeys[0] == 0) {
             continue;
         }
-        if (entry.ucModMatch != 1) {
-            ReleaseHotkey(device, entry, nullptr);
-        } else if (!TakeHotkeyOut(device, entry, ulLen, pBuf)) {
-            ReleaseHotkey(device, entry, "(DiagNormalPacket02) Fire UP event (1)");
+        if (!pass.IsArmed(entry)) {
+            ReleaseHotkey(pass, entry, nullptr);
+        } else if (!TakeHotkeyOut(pass, entry, ulLen, pBuf)) {
+            ReleaseHotkey(pass, entry, "(DiagNormalPacket02) Fire UP event (1)");
         }
     }
     LogHexDump("(DiagNormalPacket02) new packet:", ulLen, pBuf);

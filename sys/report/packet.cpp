@@ -1,6 +1,7 @@
 // packet.cpp - the entry of the report engine: which handler does a report belong to?
 //
 //   DiagUSBPacket ── Jaalaa, Chic ── by report ID ── extended.cpp
+//        │        ├─ means nothing to anybody ────── calm.cpp, and that is all
 //        │        └─ any other ───── by length ───── normal.cpp, normal02.cpp, extended.cpp
 //        ├─ place queued keys into the report's key positions
 //        └─ let the modifier word follow the rewritten report
@@ -128,6 +129,9 @@ NTSTATUS DiagUSBPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
         status = DiagChicReport(device, ulLen, pBuf, &ucHandled);
         break;
     default:
+        if (ulLen == 8 && PassCalmReport(pContext, pBuf)) {
+            return STATUS_SUCCESS;
+        }
         status = DiagByLength(device, ulLen, pBuf);
         break;
     }

@@ -321,8 +321,9 @@ TEST_F(Engine, AFullSwallowBufferDoesNotHoldTheWalkUp)
     UCHAR ucReport[8] = {0, 0, 4};
     ULONG ulIndex = 2, ulLen = 8;
     UCHAR ucReleased = 0;
-    UpdateHotkeyModifierMatch(Filter());
-    ProcessHotkeyScan(Filter(), 4, 0, ucReport, &ulIndex, &ulLen, &ucReleased);
+    HotkeyPass pass(Filter());
+    UpdateHotkeyModifierMatch(pass);
+    ProcessHotkeyScan(pass, 4, 0, ucReport, &ulIndex, &ulLen, &ucReleased);
     EXPECT_EQ(ulIndex, 2u);
     EXPECT_EQ(ulLen, 8u);
     EXPECT_EQ(ucReport[2], 4);

@@ -1,0 +1,61 @@
+// calm.cpp - the quick way: a report that means nothing to anybody.
+//
+//   no hotkey is held, no key waits, no prefix is latched, nobody logs or traces
+//   no key of the report belongs to a hotkey, no hotkey of modifiers only is touched   ─► the report goes on as it is;
+//                                                                                        only the modifier word and the
+//                                                                                        previous report follow it
+// What a key means stands in a table of the keyboard, made from the hotkeys that are published. The table is written
+// while their word says so; a report that finds the word changed, or changing, goes the long way. The long way decides
+// everything this one decides, and leaves the same.
+#include "report/report.h"
+
+#include "hotkeys/pass.h"
+#include "log/events.h"
+#include "log/log.h"
+#include "siblings/siblings.h"
+
+namespace
+{
+enum : ULONG { MODIFIER_OF_KEYS = MODIFIER_PREFIXES | MODIFIER_FN | MODIFIER_CONTEXT_KEY };
+
+// Nothing of before waits for this report.
+bool IsNothingUnderWay(const DeviceContext* pContext)
+{
+    return pContext->ulHeldHotkeys == 0 && ReadShared(pContext->usSwallowCount) == 0 &&
+           ReadShared(pContext->usInsertCount) == 0 && ReadShared(pContext->ucHotkeyActive) == 0 &&
+           ReadShared(Globals.ucHotkeyComplete) == 0 && ReadShared(Globals.ucSwallowPending) == 0 &&
+           ReadShared(Globals.ulPrefixReleased) == 0 && ReadShared(Globals.ulPrefixUnmatched) == 0;
+}
+
+bool IsMeaningless(const DeviceContext* pContext, const UCHAR* pBuf)
+{
+    UCHAR ucMeans = ReadShared(pContext->ucModifiersMean[pBuf[0]]);
+    for (ULONG i = 1; i < 8; i++) {
+        ucMeans |= ReadShared(pContext->ucKeyMeans[pBuf[i]]);
+    }
+    return ucMeans == 0;
+}
+} // namespace
+
+// Takes a standard report of 8 bytes the quick way. Returns false, having changed nothing, when the report needs the
+// long one.
+// IRQL <= DISPATCH. Owns: nothing; pBuf stays as it is.
+bool PassCalmReport(DeviceContext* pContext, const UCHAR* pBuf)
+{
+    const ULONGLONG ullHotkeys = ReadShared(pContext->ullHotkeys);
+    ULONG ulBefore = ReadShared(Globals.ulModifierFlags);
+    if (IsWholeWalk() || (ullHotkeys & HOTKEYS_CHANGING) || (ulBefore & MODIFIER_OF_KEYS) ||
+        !IsNothingUnderWay(pContext) || !IsMeaningless(pContext, pBuf) || IsTraced(TRACE_VERBOSE) ||
+        ReadShared(pContext->ullHotkeys) != ullHotkeys) {
+        return false;
+    }
+    const ULONG ulFlags = (ulBefore & ~static_cast<ULONG>(MODIFIER_OF_BYTE)) | WordOfModifiers(pBuf[0]);
+    if (ulFlags != ulBefore &&
+        (IsMouseSiblingConnected() || !CompareExchangeShared(Globals.ulModifierFlags, ulBefore, ulFlags))) {
+        return false;
+    }
+    if (!pContext->ucRunDiagNormalPacket02) { // simple matching compares nothing with it
+        RtlCopyMemory(pContext->ucOldPacket, pBuf, sizeof(pContext->ucOldPacket));
+    }
+    return true;
+}
