@@ -250,6 +250,9 @@ Block MakeScene(const std::string& name)
     if (what == "memory") {
         return Memory(static_cast<unsigned>(atoi(who.c_str())));
     }
+    if (what == "request") {
+        return MakeRequestScene(who);
+    }
     const Deed* deed = FindDeed(what);
     return deed == nullptr ? Block() : MakeReports(*deed, who, number);
 }

@@ -36,7 +36,39 @@
 #define HOST_TSAN 1
 #endif
 
-using HostLock = std::unique_lock<std::mutex>;
+extern bool
+    HostRunsFreely; // threads run freely; else one runs at a time, and nobody needs a lock or an atomic sum
+
+class HostLock
+{
+public:
+    explicit HostLock(std::mutex& mutex) : m_Lock(mutex, std::defer_lock) { lock(); }
+    void lock()
+    {
+        if (HostRunsFreely) {
+            m_Lock.lock();
+        }
+    }
+    void unlock()
+    {
+        if (HostRunsFreely) {
+            m_Lock.unlock();
+        }
+    }
+    operator std::unique_lock<std::mutex>&() { return m_Lock; } // for condition variables
+
+private:
+    std::unique_lock<std::mutex> m_Lock;
+};
+
+// The sum after adding.
+template <typename Number> Number HostAdd(Number* pNumber, Number change)
+{
+    if (HostRunsFreely) {
+        return __atomic_add_fetch(pNumber, change, __ATOMIC_ACQ_REL);
+    }
+    return *pNumber += change;
+}
 using HostText = std::u16string;
 
 // --- verify.cpp
@@ -118,7 +150,14 @@ struct _KTHREAD {
 struct HostThreadObject : _KTHREAD {
 };
 
-PKTHREAD HostSelf();
+extern __thread PKTHREAD HostKnownSelf; // of the run with this number
+extern __thread ULONGLONG HostKnownIn;
+extern ULONGLONG HostRun; // 0: the host does not run
+PKTHREAD HostAdopt();
+inline PKTHREAD HostSelf() // whose code runs on this thread of the system
+{
+    return HostKnownIn == HostRun && HostRun != 0 ? HostKnownSelf : HostAdopt();
+}
 PKTHREAD HostSpawn(const char* pName, std::function<void()> body, size_t stackBytes,
                    PDRIVER_OBJECT pDriver = nullptr); // referenced for the caller
 const HostText& HostServiceOf(PDRIVER_OBJECT pDriver);
@@ -187,6 +226,7 @@ void HostEndWorkers();
 
 // --- memory (pool.cpp)
 void* HostAllocate(size_t bytes, const char* pKind, ULONG ulTag, PDRIVER_OBJECT pOwner);
+void* HostAllocateBare(size_t bytes, const char* pKind, PDRIVER_OBJECT pOwner); // for who writes all of it
 void HostRelease(void* p, const char* pKind);
 void HostCheckNoLiveThings(const void* p, size_t bytes, const char* pWhat);
 void HostCheckNotPaged(const void* pThing, const char* pCode, const char* pCall);
@@ -194,12 +234,11 @@ void HostGuardPaged(bool bGuard);
 void HostCheckNotFreed(const void* pObject, const char* pCall); // an event, timer, DPC
 bool HostIsFreed(const void* p);                                // as far as an address sanitizer knows
 bool HostFindUnwritten(const UCHAR* pData, size_t bytes, size_t* pOffset);
-void HostFillPattern(UCHAR* pData, size_t bytes);
 void HostFillUnwritten(UCHAR* pData, size_t bytes);
 ULONGLONG HostFillOutput(UCHAR* pData, size_t begin, size_t end);
 bool HostFindUnwrittenOutput(ULONG ulCode, ULONGLONG ullKey, const UCHAR* pData, size_t begin, size_t end,
                              size_t* pOffset);
-extern const UCHAR HostUnwritten[4];
+extern const UCHAR HostUnwritten[64]; // the pattern, over and over
 unsigned HostAuditPool(PDRIVER_OBJECT pDriver);
 void HostDropMemory(bool bFree); // frees what is left, or forgets it
 extern const char HostPoolKind[];
@@ -263,7 +302,6 @@ struct HostState {
     HostOptions Options;
     bool bThreaded = false;
     bool bStopping = false;
-    ULONGLONG ullGeneration = 0;
 
     std::mutex Lock;
     std::vector<PKTHREAD> Threads; // all that live
@@ -319,13 +357,18 @@ struct HostState {
         ACCESS_MASK Rights;
     };
     std::map<ULONG_PTR, HandleEntry> Handles;
-    ULONG_PTR ulNextHandle = 4;                                  // or HostOptions::ulFirstHandle
-    std::map<std::pair<PDRIVER_OBJECT, void*>, long> References; // each driver's balance
+    ULONG_PTR ulNextHandle = 4; // or HostOptions::ulFirstHandle
+    struct Balance {
+        long lAll; // what one took, another may give back
+        std::map<PDRIVER_OBJECT, long> Drivers;
+    };
+    std::unordered_map<void*, Balance> References; // what drivers took, by object
 
     std::map<HostText, HostName> Names;
     std::vector<struct HostDriver*> Drivers;
     LIST_ENTRY Requests;
     std::map<const void*, std::set<const void*>> LockOrder; // locks that were taken while the key was held
+    std::set<const void*> OrderedLocks;                     // all of them
     std::mutex IrpLock;
     KSPIN_LOCK CancelLock = 0;
     std::map<std::pair<PDEVICE_OBJECT, int>, std::vector<UCHAR>> Properties;
@@ -335,11 +378,11 @@ struct HostState {
 
     std::shared_ptr<struct HostTracing> Tracing; // trace.cpp
 
-    std::string FailKind;
+    std::string FailKind; // empty: any
     unsigned uFailNth = 0;
     bool bFailOn = false;
     HostText FailIn;
-    std::map<std::string, unsigned> FallibleByKind;
+    std::vector<std::pair<const char*, unsigned>> FallibleByKind; // a kind can stand there more than once
     unsigned uFallible = 0;
 };
 

@@ -94,7 +94,7 @@ static PDEVICE_OBJECT NewDevice(PDRIVER_OBJECT pDriver, ULONG ulExtension, ULONG
     pDevice->StackSize = 1;
     pDevice->DeviceObjectExtension = new _DEVOBJ_EXTENSION{nullptr, {}, false, ulExtension};
     if (ulExtension != 0) {
-        pDevice->DeviceExtension = HostAllocate(ulExtension, HostExtensionKind, 0, nullptr);
+        pDevice->DeviceExtension = HostAllocateBare(ulExtension, HostExtensionKind, nullptr);
         memset(pDevice->DeviceExtension, 0, ulExtension);
     }
     return pDevice;

@@ -36,14 +36,14 @@ static NTSTATUS RefuseRequest(PDEVICE_OBJECT, PIRP pIrp)
 
 void HostStart(const HostOptions& options)
 {
-    static ULONGLONG ullGeneration;
+    static ULONGLONG ullRuns;
     if (g != nullptr) {
         HostBug("HOST_STARTED_TWICE", "HostStart without HostStop");
     }
     g = new HostState();
-    g->ullGeneration = ++ullGeneration;
+    HostRun = ++ullRuns;
     g->Options = options;
-    g->bThreaded = options.Mode == HostThreaded;
+    HostRunsFreely = g->bThreaded = options.Mode == HostThreaded;
     g->ulNextHandle = options.ulFirstHandle;
     InitializeListHead(&g->DpcQueue);
     InitializeListHead(&g->Requests);
@@ -117,6 +117,7 @@ unsigned HostStop()
         HostDropPnp();
         HostDropMemory(false); // the threads that could not be ended keep what they use
         g = nullptr;
+        HostRun = 0;
         return uLeaks;
     }
     HostDropPnp();
@@ -126,6 +127,7 @@ unsigned HostStop()
     }
     delete g;
     g = nullptr;
+    HostRun = 0;
     return uLeaks;
 }
 

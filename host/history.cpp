@@ -7,7 +7,7 @@
 void HostNote(HostIrp* pHost, const char* pWhat, PDRIVER_OBJECT pDriver, ULONG_PTR ulValue)
 {
     if (pHost != nullptr) {
-        unsigned uNext = __atomic_fetch_add(&pHost->uTransitions, 1, __ATOMIC_RELAXED);
+        unsigned uNext = HostAdd(&pHost->uTransitions, 1u) - 1;
         pHost->Transitions[uNext % TRANSITIONS] = {pWhat, pDriver, ulValue};
     }
 }

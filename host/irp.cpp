@@ -43,7 +43,7 @@ PIRP HostNewIrp(CCHAR stackSize)
     size_t irpSize = IoSizeOfIrp(stackSize);
     PKTHREAD pSelf = HostSelf();
     HostIrp* pHost = static_cast<HostIrp*>(
-        HostAllocate(sizeof(HostIrp) + irpSize + steps * sizeof(HostStep), HostIrpKind, 0, pSelf->pDriver));
+        HostAllocateBare(sizeof(HostIrp) + irpSize + steps * sizeof(HostStep), HostIrpKind, pSelf->pDriver));
     memset(static_cast<void*>(pHost), 0, offsetof(HostIrp, Transitions));
     pHost->ulMagic = IRP_MAGIC;
     pHost->pOwner = pSelf->pDriver;

@@ -67,13 +67,13 @@ class HostStepLock
 public:
     HostStepLock()
     {
-        if (g->bThreaded) {
+        if (HostRunsFreely) {
             g->IrpLock.lock();
         }
     }
     ~HostStepLock()
     {
-        if (g->bThreaded) {
+        if (HostRunsFreely) {
             g->IrpLock.unlock();
         }
     }

@@ -34,7 +34,7 @@ const char* HostKindName(HostKind kind)
 void* HostNewObject(HostKind kind, size_t bodySize, void (*pDestroy)(void* pBody))
 {
     HostObject* pObject =
-        static_cast<HostObject*>(HostAllocate(sizeof(HostObject) + bodySize, HostObjectKind, 0, nullptr));
+        static_cast<HostObject*>(HostAllocateBare(sizeof(HostObject) + bodySize, HostObjectKind, nullptr));
     *pObject = {OBJECT_MAGIC, kind, 1, nullptr, pDestroy, bodySize, nullptr};
     memset(pObject + 1, 0, bodySize);
     return pObject + 1;
@@ -51,22 +51,20 @@ HostObject* HostObjectOf(void* pBody, const char* pCall)
 
 void HostReference(void* pBody)
 {
-    __atomic_add_fetch(&HostObjectOf(pBody, "a reference")->lReferences, 1, __ATOMIC_RELAXED);
+    HostAdd(&HostObjectOf(pBody, "a reference")->lReferences, 1L);
 }
 
 long HostDereference(void* pBody)
 {
     HostObject* pObject = HostObjectOf(pBody, "a dereference");
-    long lLeft = __atomic_sub_fetch(&pObject->lReferences, 1, __ATOMIC_ACQ_REL);
+    long lLeft = HostAdd(&pObject->lReferences, -1L);
     if (lLeft > 0) {
         return lLeft;
     }
     HostCheckNoLiveThings(pBody, pObject->bodySize, HostKindName(pObject->Kind));
     {
         HostLock lock(g->Lock);
-        for (auto it = g->References.begin(); it != g->References.end();) {
-            it = it->first.second == pBody ? g->References.erase(it) : std::next(it);
-        }
+        g->References.erase(pBody);
     }
     if (pObject->pDestroy != nullptr) {
         pObject->pDestroy(pBody);
@@ -80,16 +78,10 @@ static void Book(void* pBody, long lChange)
 {
     PDRIVER_OBJECT pDriver = HostSelf()->pDriver;
     HostLock lock(g->Lock);
-    long& lBalance = g->References[{pDriver, pBody}];
-    lBalance += lChange;
-    if (lBalance == 0) {
-        g->References.erase({pDriver, pBody});
-    }
-    long lAll = 0; // what one took, another may give back
-    for (const auto& reference : g->References) {
-        lAll += reference.first.second == pBody ? reference.second : 0;
-    }
-    if (lAll < 0) {
+    HostState::Balance& balance = g->References[pBody];
+    balance.Drivers[pDriver] += lChange;
+    balance.lAll += lChange;
+    if (balance.lAll < 0) {
         HostBug("REFERENCE_BY_POINTER", "drivers gave back more references on %s %p than they took",
                 HostKindName(HostObjectOf(pBody, "a dereference")->Kind), pBody);
     }
@@ -238,14 +230,11 @@ unsigned HostAuditObjects(PDRIVER_OBJECT pDriver)
             HostLeak(uLeaks, "handle: %s", HostKindName(HostObjectOf(handle.second.pBody, "audit")->Kind));
         }
     }
-    std::map<void*, long> all; // what one took, another may have given back
-    for (const auto& reference : g->References) {
-        all[reference.first.second] += reference.second;
-    }
-    for (const auto& reference : g->References) {
-        if (reference.first.first == pDriver && reference.second > 0 && all[reference.first.second] > 0) {
-            HostLeak(uLeaks, "reference: %ld on %s", reference.second,
-                     HostKindName(HostObjectOf(reference.first.second, "audit")->Kind));
+    for (const auto& [pBody, balance] : g->References) {
+        auto own = balance.Drivers.find(pDriver);
+        if (balance.lAll > 0 && own != balance.Drivers.end() && own->second > 0) {
+            HostLeak(uLeaks, "reference: %ld on %s", own->second,
+                     HostKindName(HostObjectOf(pBody, "audit")->Kind));
         }
     }
     return uLeaks;

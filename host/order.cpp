@@ -23,6 +23,7 @@ static void NoteOne(const void* pHeld, const void* pTaken)
     if (pHeld == pTaken || !g->LockOrder[pHeld].insert(pTaken).second) {
         return;
     }
+    g->OrderedLocks.insert({pHeld, pTaken});
     if (Leads(pTaken, pHeld, 16)) {
         HostBug("LOCK_ORDER", "lock %p is taken under %p; before, it was the other way round", pTaken, pHeld);
     }
@@ -43,10 +44,12 @@ void HostNoteOrder(PKTHREAD pSelf, const void* pTaken)
 // Lock: held.
 void HostForgetLocks(const void* p, size_t bytes)
 {
-    if (g->LockOrder.empty()) {
+    const void* pEnd = static_cast<const UCHAR*>(p) + bytes;
+    auto first = g->OrderedLocks.lower_bound(p);
+    if (first == g->OrderedLocks.end() || *first >= pEnd) {
         return;
     }
-    const void* pEnd = static_cast<const UCHAR*>(p) + bytes;
+    g->OrderedLocks.erase(first, g->OrderedLocks.lower_bound(pEnd));
     g->LockOrder.erase(g->LockOrder.lower_bound(p), g->LockOrder.lower_bound(pEnd));
     for (auto& order : g->LockOrder) {
         order.second.erase(order.second.lower_bound(p), order.second.lower_bound(pEnd));

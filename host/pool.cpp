@@ -46,39 +46,57 @@ static std::vector<Block*> PagedBlocks;
 static void Guard(Block* pBlock)
 {
     if (GUARD_BYTES != 0) {
-        HostFillPattern(pBlock->Before, sizeof(pBlock->Before));
-        HostFillPattern(pBlock->Body() + pBlock->bytes, GUARD_BYTES);
+        memcpy(pBlock->Before, HostUnwritten, sizeof(pBlock->Before));
+        memcpy(pBlock->Body() + pBlock->bytes, HostUnwritten, GUARD_BYTES);
     }
     ASAN_POISON_MEMORY_REGION(pBlock->Before, sizeof(pBlock->Before));
+}
+
+static Block* NewBlock(size_t bytes, const char* pKind, ULONG ulTag, PDRIVER_OBJECT pOwner)
+{
+    Block* pBlock = static_cast<Block*>(malloc((sizeof(Block) + bytes + GUARD_BYTES + 15) & ~size_t(15)));
+    if (pBlock == nullptr) {
+        HostBug("OUT_OF_MEMORY", "%zu bytes", bytes);
+    }
+    *pBlock = {LIVE, bytes, pKind, pOwner, {nullptr, nullptr}, ulTag, false, {}};
+    Guard(pBlock);
+    ASAN_POISON_MEMORY_REGION(pBlock->Body() + bytes, ((bytes + 15) & ~size_t(15)) - bytes);
+    HostLock lock(PoolLock);
+    InsertTailList(&Blocks, &pBlock->Link);
+    return pBlock;
 }
 
 // Memory of the host or of a driver, filled with the pattern. Never fails.
 // IRQL: any.
 void* HostAllocate(size_t bytes, const char* pKind, ULONG ulTag, PDRIVER_OBJECT pOwner)
 {
-    Block* pBlock =
-        static_cast<Block*>(aligned_alloc(16, (sizeof(Block) + bytes + GUARD_BYTES + 15) & ~size_t(15)));
-    if (pBlock == nullptr) {
-        HostBug("OUT_OF_MEMORY", "%zu bytes", bytes);
-    }
-    *pBlock = {LIVE, bytes, pKind, pOwner, {nullptr, nullptr}, ulTag, false, {}};
+    Block* pBlock = NewBlock(bytes, pKind, ulTag, pOwner);
     HostFillUnwritten(pBlock->Body(), bytes);
-    Guard(pBlock);
-    ASAN_POISON_MEMORY_REGION(pBlock->Body() + bytes, ((bytes + 15) & ~size_t(15)) - bytes);
-    std::lock_guard<std::mutex> lock(PoolLock);
-    InsertTailList(&Blocks, &pBlock->Link);
     return pBlock->Body();
+}
+
+void* HostAllocateBare(size_t bytes, const char* pKind, PDRIVER_OBJECT pOwner)
+{
+    return NewBlock(bytes, pKind, 0, pOwner)->Body();
+}
+
+// Each byte is the one before it, and the first one is right.
+static bool IsAllFreed(const UCHAR* p, size_t bytes)
+{
+    return bytes == 0 || (p[0] == FREED_BYTE && memcmp(p, p + 1, bytes - 1) == 0);
 }
 
 static void FreeBlock(Block* pBlock)
 {
     ASAN_UNPOISON_MEMORY_REGION(pBlock->Before, sizeof(pBlock->Before));
     ASAN_UNPOISON_MEMORY_REGION(pBlock->Body(), (pBlock->bytes + 15) & ~size_t(15));
-    for (size_t i = 0; pBlock->ulState == FREED && i < pBlock->bytes; i++) {
-        if (pBlock->Body()[i] != FREED_BYTE) {
-            HostBug("FREED_MEMORY_WRITTEN", "%s (%zu bytes) was written at byte %zu after it was freed",
-                    pBlock->pKind, pBlock->bytes, i);
+    if (pBlock->ulState == FREED && !IsAllFreed(pBlock->Body(), pBlock->bytes)) {
+        size_t i = 0;
+        while (pBlock->Body()[i] == FREED_BYTE) {
+            i++;
         }
+        HostBug("FREED_MEMORY_WRITTEN", "%s (%zu bytes) was written at byte %zu after it was freed",
+                pBlock->pKind, pBlock->bytes, i);
     }
     free(pBlock);
 }
@@ -92,16 +110,12 @@ static Block* CheckBlock(void* p, const char* pKind)
     if (pBlock->ulState != LIVE || pBlock->pKind != pKind) {
         HostBug("BAD_POOL_CALLER", "%s at %p is freed, but no such block begins there", pKind, p);
     }
-    for (size_t i = 0; GUARD_BYTES != 0 && i < sizeof(pBlock->Before); i++) {
-        if (pBlock->Before[i] != HostUnwritten[i % 4]) {
-            HostBug("BAD_POOL_HEADER", "%s at %p was written before its beginning", pKind, p);
-        }
+    if (GUARD_BYTES != 0 && memcmp(pBlock->Before, HostUnwritten, sizeof(pBlock->Before)) != 0) {
+        HostBug("BAD_POOL_HEADER", "%s at %p was written before its beginning", pKind, p);
     }
-    for (size_t i = 0; i < GUARD_BYTES; i++) {
-        if (pBlock->Body()[pBlock->bytes + i] != HostUnwritten[i % 4]) {
-            HostBug("BAD_POOL_HEADER", "%s at %p (%zu bytes) was written beyond its end", pKind, p,
-                    pBlock->bytes);
-        }
+    if (memcmp(pBlock->Body() + pBlock->bytes, HostUnwritten, GUARD_BYTES) != 0) {
+        HostBug("BAD_POOL_HEADER", "%s at %p (%zu bytes) was written beyond its end", pKind, p,
+                pBlock->bytes);
     }
     return pBlock;
 }
@@ -112,7 +126,7 @@ void HostRelease(void* p, const char* pKind)
 {
     Block* pBlock = CheckBlock(p, pKind);
     HostCheckNoLiveThings(p, pBlock->bytes, pKind);
-    std::lock_guard<std::mutex> lock(PoolLock);
+    HostLock lock(PoolLock);
     RemoveEntryList(&pBlock->Link);
     if (pBlock->bPaged) {
         for (size_t i = 0; i < PagedBlocks.size(); i++) {
@@ -163,7 +177,7 @@ static bool Within(const void* pThing, const void* p, size_t bytes)
 // IRQL: any. Lock: takes PoolLock.
 void HostCheckNotPaged(const void* pThing, const char* pCode, const char* pCall)
 {
-    std::lock_guard<std::mutex> lock(PoolLock);
+    HostLock lock(PoolLock);
     for (Block* pBlock : PagedBlocks) {
         if (Within(pThing, pBlock->Body(), pBlock->bytes)) {
             HostBug(pCode, "%s of an address in paged pool", pCall);
@@ -187,7 +201,7 @@ void HostGuardPaged(bool bGuard)
 unsigned HostAuditPool(PDRIVER_OBJECT pDriver)
 {
     unsigned uLeaks = 0;
-    std::lock_guard<std::mutex> lock(PoolLock);
+    HostLock lock(PoolLock);
     for (PLIST_ENTRY pEntry = Blocks.Flink; pEntry != &Blocks; pEntry = pEntry->Flink) {
         Block* pBlock = CONTAINING_RECORD(pEntry, Block, Link);
         bool bTold = pBlock->pKind == HostObjectKind || pBlock->pKind == HostExtensionKind ||
@@ -243,7 +257,7 @@ static PVOID AllocatePool(POOL_TYPE type, SIZE_T bytes, ULONG ulTag, const char*
     void* p = HostAllocate(bytes, HostPoolKind, ulTag, HostSelf()->pDriver);
     if (type == PagedPool) {
         Block* pBlock = static_cast<Block*>(p) - 1;
-        std::lock_guard<std::mutex> lock(PoolLock);
+        HostLock lock(PoolLock);
         pBlock->bPaged = true;
         PagedBlocks.push_back(pBlock);
     }

@@ -6,8 +6,9 @@
 
 #include <cstring>
 
-static thread_local PKTHREAD tSelf;
-static thread_local ULONGLONG tGeneration;
+__thread PKTHREAD HostKnownSelf;
+__thread ULONGLONG HostKnownIn;
+ULONGLONG HostRun;
 
 static void InitThread(PKTHREAD pThread, const char* pName)
 {
@@ -36,12 +37,12 @@ static PKTHREAD NewThread(const char* pName)
 
 void HostSetSelf(PKTHREAD pThread)
 {
-    tSelf = pThread;
-    tGeneration = g->ullGeneration;
+    HostKnownSelf = pThread;
+    HostKnownIn = HostRun;
 }
 
 // A thread that the host did not start: the one that started the host, or, when threads run freely, any.
-static PKTHREAD Adopt()
+PKTHREAD HostAdopt()
 {
     if (g == nullptr) {
         HostBug("HOST_NOT_STARTED", "a kernel service was called without HostStart");
@@ -58,14 +59,6 @@ static PKTHREAD Adopt()
     g->Threads.push_back(pThread);
     g->Adopted.push_back(pThread);
     return pThread;
-}
-
-PKTHREAD HostSelf()
-{
-    if (__builtin_expect(tSelf != nullptr && g != nullptr && tGeneration == g->ullGeneration, 1)) {
-        return tSelf;
-    }
-    return Adopt();
 }
 
 static void EndThread(PKTHREAD pSelf)

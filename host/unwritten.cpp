@@ -15,7 +15,9 @@
 
 #include <cstdlib>
 
-const UCHAR HostUnwritten[4] = {0xC5, 0x3A, 0x96, 0xE1};
+#define FOUR 0xC5, 0x3A, 0x96, 0xE1
+#define SIXTEEN FOUR, FOUR, FOUR, FOUR
+const UCHAR HostUnwritten[64] = {SIXTEEN, SIXTEEN, SIXTEEN, SIXTEEN};
 
 enum : unsigned { ENOUGH_POINTS = 5 };
 
@@ -27,23 +29,21 @@ static int ReadPaint()
 
 static const int Paint = ReadPaint(); // -1: none
 
+static void FillPattern(UCHAR* pData, size_t bytes)
+{
+    size_t written = 0;
+    for (; bytes - written >= sizeof HostUnwritten; written += sizeof HostUnwritten) {
+        memcpy(pData + written, HostUnwritten, sizeof HostUnwritten);
+    }
+    memcpy(pData + written, HostUnwritten, bytes - written);
+}
+
 void HostFillUnwritten(UCHAR* pData, size_t bytes)
 {
     if (Paint >= 0) {
         memset(pData, Paint, bytes);
     } else {
-        HostFillPattern(pData, bytes);
-    }
-}
-
-void HostFillPattern(UCHAR* pData, size_t bytes)
-{
-    size_t written = bytes < sizeof HostUnwritten ? bytes : sizeof HostUnwritten;
-    memcpy(pData, HostUnwritten, written);
-    while (written < bytes) { // what is there already, as often as it fits
-        size_t more = written < bytes - written ? written : bytes - written;
-        memcpy(pData + written, pData, more);
-        written += more;
+        FillPattern(pData, bytes);
     }
 }
 
@@ -92,7 +92,7 @@ bool HostFindUnwrittenOutput(ULONG ulCode, ULONGLONG ullKey, const UCHAR* pData,
     }
     static std::mutex lock;
     static std::map<ULONG, std::vector<UCHAR>> pointsByCode;
-    std::lock_guard<std::mutex> scope(lock);
+    HostLock scope(lock);
     std::vector<UCHAR>& points = pointsByCode[ulCode];
     points.resize(points.size() > end ? points.size() : end);
     for (size_t i = begin; i < end;) {

@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 HostState* g;
+bool HostRunsFreely;
 
 enum : unsigned { MOST_CALLS_UNDER_LOCK = 1000 };
 
@@ -50,6 +51,18 @@ void HostLeak(unsigned& uCount, const char* pFormat, ...)
     uCount++;
 }
 
+// Kinds are literals: the same one, nearly always, has the same address.
+static void CountFallible(const char* pKind)
+{
+    for (auto& kind : g->FallibleByKind) {
+        if (kind.first == pKind) {
+            kind.second++;
+            return;
+        }
+    }
+    g->FallibleByKind.push_back({pKind, 1});
+}
+
 // True for the call that HostFailNth chose. Calls are counted whether or not one is chosen.
 // IRQL: any. Lock: takes Lock.
 bool HostShouldFail(const char* pKind)
@@ -59,7 +72,7 @@ bool HostShouldFail(const char* pKind)
     if (!g->FailIn.empty() && (pDriver == nullptr || HostServiceOf(pDriver) != g->FailIn)) {
         return false;
     }
-    g->FallibleByKind[pKind]++;
+    CountFallible(pKind);
     if (!g->FailKind.empty() && g->FailKind != pKind) {
         return false;
     }
@@ -86,7 +99,11 @@ void HostFailOnlyIn(const WCHAR* pServiceName)
 std::map<std::string, unsigned> HostFallibleByKind()
 {
     HostLock lock(g->Lock);
-    return g->FallibleByKind;
+    std::map<std::string, unsigned> byKind;
+    for (const auto& kind : g->FallibleByKind) {
+        byKind[kind.first] += kind.second;
+    }
+    return byKind;
 }
 
 unsigned HostFallibleCalls()
