@@ -1,13 +1,15 @@
 // The registry: values of every name that the driver reads, with any type and content, and a key that is absent.
 #include "driver/driver.h"
 #include "scene.h"
+#include "tools/common/settings.h"
 
 namespace
 {
-const char* const Names[] = {
-    "Prefix1",     "Prefix2",          "PosKeyPrefix", "SendUpEventImmediately", "RunDiagNormalPacket02",
-    "LogFile",     "LogLevel",         "LogFileSize",  "KorvexHotkey",           "KorvexLEDDisabled",
-    "KorvexDelay", "KorvexConfigFile", "ErrorCount"};
+// One more than the settings: the driver's own count of its start-ups.
+const char* NameOf(unsigned uName)
+{
+    return uName < std::size(KnownSettings) ? KnownSettings[uName].pName : "ErrorCount";
+}
 
 // A value as .reg text: hex(type):01,02
 std::string ValueText(const char* pName, unsigned uType, const std::vector<uint8_t>& data)
@@ -60,7 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pBytes, size_t cBytes)
     FuzzInput input(pBytes, cBytes);
     std::string text = "\n[HKEY_LOCAL_MACHINE\\System\\CurrentControlSet\\Services\\Tv64USB\\TolvenParams]\n";
     for (unsigned uValues = input.Below(16); uValues != 0; uValues--) {
-        const char* pName = Names[input.Below(std::size(Names))];
+        const char* pName = NameOf(input.Below(std::size(KnownSettings) + 1));
         switch (input.Below(4)) {
         case 0: {
             uint32_t ulNumber = input.Long();

@@ -58,14 +58,17 @@ EmuMachineOptions OptionsOf(FuzzInput& input, const std::string& root)
 }
 } // namespace
 
-unsigned FuzzSettingBit(const std::string& name)
+unsigned FuzzSettingBits(const std::string& text)
 {
+    unsigned uMask = 0;
+    std::string last; // a name's first row counts
     for (unsigned i = 0; i < std::size(SettingRows); i++) {
-        if (name == SettingRows[i].pName) {
-            return 1u << i;
+        if (last != SettingRows[i].pName && text.find(SettingRows[i].pName) != std::string::npos) {
+            uMask |= 1u << i;
         }
+        last = SettingRows[i].pName;
     }
-    return 0;
+    return uMask;
 }
 
 FuzzScene::FuzzScene(FuzzInput& input, const std::string& root) : FuzzScene(OptionsOf(input, root)) {}
@@ -88,10 +91,9 @@ void FuzzScene::Open(bool b32)
 
 void FuzzScene::Plug(unsigned uKind, const EmuPlugOptions& options)
 {
-    static const EmuDescriptors* const kinds[] = {&EmuBootKeyboard, &EmuPowerKeyboard, &EmuJaalaaKeyboard,
-                                                  &EmuChicKeyboard, &EmuOtherInterface};
+    const std::vector<EmuKind>& kinds = EmuMachine::Kinds();
     if (m_Keyboards.size() < MaximumKeyboards) {
-        m_pCurrent = m_pMachine->Plug(*kinds[uKind % std::size(kinds)], options);
+        m_pCurrent = m_pMachine->Plug(*kinds[uKind % kinds.size()].pDescriptors, options);
         m_Keyboards.push_back(m_pCurrent);
         m_pApplication->StartReportProcessing(Index());
     }

@@ -78,8 +78,8 @@ private:
     bool m_b32 = false;
 };
 
-// The bit of a setting in the word that begins an input of deeds; 0 for a setting that has none.
-unsigned FuzzSettingBit(const std::string& name);
+// The bits of the settings that the text names, in the word that begins an input of deeds.
+unsigned FuzzSettingBits(const std::string& text);
 // A folder for this process's files; gone when the process ends.
 const std::string& FuzzFolder();
 // Takes away what an earlier input left there.

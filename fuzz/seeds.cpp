@@ -1,6 +1,7 @@
 // fuzz-seeds FOLDER - writes the first inputs of each fuzzer into FOLDER/NAME: the stories as deeds, the samples.
 //
 // What a story expects is left out; what it does becomes the deeds of scene.h.
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -37,13 +38,9 @@ public:
 
 unsigned KindOf(const std::string& name)
 {
-    const char* const names[] = {"normal", "power", "jaalaa", "chic", "other"};
-    for (unsigned i = 0; i < std::size(names); i++) {
-        if (name == names[i]) {
-            return i;
-        }
-    }
-    return 0;
+    const std::vector<std::string> names = EmuMachine::KindNames();
+    const auto at = std::find(names.begin(), names.end(), name);
+    return at == names.end() ? 0 : static_cast<unsigned>(at - names.begin());
 }
 
 // hotkey ID MODIFIERS [SCAN...] [swallow], define ID TYPE [swallow]
@@ -97,10 +94,7 @@ Seed SeedOf(const Story& story)
     Seed seed;
     unsigned uMask = 0;
     for (const StoryLine& line : story.Lines) {
-        for (const char* pName : {"SendUpEventImmediately", "RunDiagNormalPacket02", "Prefix1", "Prefix2",
-                                  "PosKeyPrefix", "KorvexHotkey"}) {
-            uMask |= line.Text.find(pName) != std::string::npos ? FuzzSettingBit(pName) : 0;
-        }
+        uMask |= FuzzSettingBits(line.Text);
     }
     seed.Byte(0); // the plain schedule
     seed.Word(uMask);

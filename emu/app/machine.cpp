@@ -72,14 +72,33 @@ EmuMachine::~EmuMachine()
     Unload();
 }
 
+const std::vector<EmuKind>& EmuMachine::Kinds()
+{
+    static const std::vector<EmuKind> kinds = {
+        {"normal", &EmuBootKeyboard, 1},       {"power", &EmuPowerKeyboard, 2},
+        {"consumer", &EmuConsumerKeyboard, 2}, {"jaalaa", &EmuJaalaaKeyboard, 3},
+        {"chic", &EmuChicKeyboard, 4},         {"other", &EmuOtherInterface, 5},
+    };
+    return kinds;
+}
+
+std::vector<string> EmuMachine::KindNames()
+{
+    std::vector<string> names;
+    for (const EmuKind& kind : Kinds()) {
+        names.emplace_back(kind.pName);
+    }
+    return names;
+}
+
 const EmuDescriptors* EmuMachine::FindKind(const string& name)
 {
-    static const std::map<string, const EmuDescriptors*> kinds = {
-        {"normal", &EmuBootKeyboard},   {"power", &EmuPowerKeyboard}, {"consumer", &EmuConsumerKeyboard},
-        {"jaalaa", &EmuJaalaaKeyboard}, {"chic", &EmuChicKeyboard},   {"other", &EmuOtherInterface},
-    };
-    auto kind = kinds.find(name);
-    return kind == kinds.end() ? nullptr : kind->second;
+    for (const EmuKind& kind : Kinds()) {
+        if (name == kind.pName) {
+            return kind.pDescriptors;
+        }
+    }
+    return nullptr;
 }
 
 std::vector<const EmuDescriptors*> EmuMachine::FindInterfaces(const string& names)

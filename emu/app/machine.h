@@ -150,6 +150,13 @@ private:
     std::vector<EmuRequest> m_Requests;
 };
 
+// A kind of keyboard to plug in.
+struct EmuKind {
+    const char* pName;
+    const EmuDescriptors* pDescriptors;
+    ULONG ulKbdType; // what the driver takes it for
+};
+
 class EmuMachine
 {
 public:
@@ -170,7 +177,10 @@ public:
                       const EmuPlugOptions& options = {});
     // Drops the handle of a keyboard that is unplugged.
     void Forget(EmuKeyboard* pKeyboard);
-    // "normal", "power", "consumer", "jaalaa", "chic" or "other"; null for another word.
+    // The one list of them, by name for whoever asks people for one.
+    static const std::vector<EmuKind>& Kinds();
+    static std::vector<std::string> KindNames();
+    // The kind of that name; null for another word.
     static const EmuDescriptors* FindKind(const std::string& name);
     // The interfaces of one keyboard, each of which the driver gets to filter: "normal+power"; none when a
     // word is unknown.

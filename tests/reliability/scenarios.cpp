@@ -60,9 +60,8 @@ static void LoadDriver(World& world, const Failing& beforeLoad)
 static void AddAndStart(World& world, const Failing& beforeRun)
 {
     beforeRun();
-    for (const EmuDescriptors* pKind :
-         {&EmuBootKeyboard, &EmuPowerKeyboard, &EmuJaalaaKeyboard, &EmuChicKeyboard, &EmuOtherInterface}) {
-        world.Plug(*pKind);
+    for (const EmuKind& kind : EmuMachine::Kinds()) {
+        world.Plug(*kind.pDescriptors);
     }
 }
 

@@ -40,11 +40,6 @@ std::string Repeated(const std::string& text, int iTimes)
     return all;
 }
 
-const std::pair<KeyboardKind, const char*> Kinds[] = {{KeyboardKind::Normal, "normal"},
-                                                      {KeyboardKind::Power, "power"},
-                                                      {KeyboardKind::Jaalaa, "jaalaa"},
-                                                      {KeyboardKind::Chic, "chic"}};
-
 } // namespace
 
 TEST(Check, GoesOnBehindAMistake)
@@ -254,14 +249,14 @@ TEST(Check, AgreesWithTheDriver)
         text += Definition(body, ++iId);
     ReplayConfig config = ParseConfig("my.toml", text);
     unsigned uRefused = 0;
-    for (const auto& [kind, pName] : Kinds) {
+    for (const auto& [pName, pDescriptors, ulKbdType] : EmuMachine::Kinds()) {
         EmuMachineOptions options;
         options.Entry = DriverEntry;
         EmuMachine machine(options);
-        EmuKeyboard* pKeyboard = machine.Plug(*EmuMachine::FindKind(pName));
+        EmuKeyboard* pKeyboard = machine.Plug(*pDescriptors);
         EmuApplication application;
         for (const KeyDefinition& definition : config.definitions) {
-            bool bRefused = FaultOf(definition, config, kind).bRefused;
+            bool bRefused = FaultOf(definition, config, KeyboardKind{ulKbdType}).bRefused;
             NTSTATUS status = application.AddDefinition(pKeyboard->Index(), definition);
             EXPECT_EQ(bRefused, !NT_SUCCESS(status)) << pName << ": " << bodies[definition.ulId - 1];
             application.RemoveDefinition(pKeyboard->Index(), definition.ulId);

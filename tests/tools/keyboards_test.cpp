@@ -4,7 +4,6 @@
 #include "tools/replay/capture.h"
 #include "tools/replay/configuration.h"
 #include "tools/common/failure.h"
-#include "tools/replay/kbdtype.h"
 #include "tools/replay/keyboards.h"
 
 #include <gtest/gtest.h>
@@ -170,37 +169,6 @@ TEST(Keyboards, ACaptureWithoutOneIsRefused)
             EXPECT_NE(nullptr, strstr(error.what(), ": packet ")) << error.what();
         }
     }
-}
-
-TEST(KeyboardType, FollowsTheDescriptors)
-{
-    struct Case {
-        const char* pName;
-        TestInterface interface;
-        uint16_t usVendor, usProduct;
-        unsigned uType;
-    };
-    const Case cases[] = {
-        {"boot", {3, 1, 1}, 1, 2, 1},           {"power", {3, 0, 0}, 1, 2, 2},
-        {"Jaalaa", {3, 1, 2}, 0x7A3C, 0x66, 3}, {"Jaalaa of others", {3, 1, 2}, 1, 0x65, 3},
-        {"Chic", {3, 1, 2}, 0x7A3C, 0x65, 4},   {"other", {3, 0, 1}, 1, 2, 5},
-        {"no HID", {0xFF, 0, 0}, 1, 2, 5},
-    };
-    for (const Case& c : cases) {
-        KeyboardType type;
-        Bytes whole = ConfigurationOf({c.interface});
-        type.LearnDescriptor(DeviceDescriptorOf(c.usVendor, c.usProduct));
-        EXPECT_EQ(0u, type.Type());
-        type.LearnDescriptor(Bytes(whole.begin(), whole.begin() + 9)); // the head alone tells nothing
-        EXPECT_EQ(0u, type.Type()) << c.pName;
-        type.LearnDescriptor(whole);
-        EXPECT_EQ(c.uType, type.Type()) << c.pName;
-        type.LearnDescriptor(ConfigurationOf({{3, 1, c.uType == 1 ? uint8_t(2) : uint8_t(1)}}));
-        EXPECT_EQ(c.uType, type.Type()) << c.pName << ": decided once";
-    }
-    KeyboardType lone;
-    lone.Learn({0x81, 6, 0, 4, 0, 0, 9, 0}, {9, 4, 0, 0, 1, 3, 1, 2, 0});
-    EXPECT_EQ(5u, lone.Type()) << "the controllers are known by a configuration only";
 }
 
 TEST(Configuration, LeavesOutWhatBelongsToNoInterface)

@@ -256,9 +256,7 @@ TEST(Replay, ReportsARefusedDefinitionAndGoesOn)
 TEST(Replay, GivesARecordingTheKindThatWasAskedFor)
 {
     const char* pRecording = "D: 0\nN: Mine\nI: 3 046d c31c\nE: 1.000000 2 00 00\nE: 1.5 2 01 00\n";
-    const std::pair<const char*, unsigned> kinds[] = {
-        {"normal", 1}, {"power", 2}, {"jaalaa", 3}, {"chic", 4}, {"other", 5}};
-    for (auto [pKind, uType] : kinds) {
+    for (auto [pKind, pDescriptors, uType] : EmuMachine::Kinds()) {
         Lines lines = ReplayedRecording(pRecording, F1, pKind);
         ASSERT_FALSE(lines.empty());
         EXPECT_EQ(R"({"type":"keyboard","t_us":0,"kbd":0,"index":0,"kbdtype":)" + std::to_string(uType) +

@@ -10,7 +10,8 @@
 #include <string>
 #include <vector>
 
-enum class KeyboardKind { Normal, Power, Jaalaa, Chic, Other };
+// As the driver numbers them.
+enum class KeyboardKind : uint32_t { Normal = 1, Power, Jaalaa, Chic, Other };
 
 // What is wrong with one definition on a keyboard of that kind, or "".
 struct DefinitionFault {

@@ -2,21 +2,15 @@
 //
 // Exit status: 0 nothing to tell, 1 warnings only, 2 mistakes: the file cannot be used.
 #include "check.h"
+#include "emu/app/machine.h"
 #include "tools/verbs.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <map>
 
 namespace
 {
-
-const std::map<std::string, KeyboardKind> Kinds = {{"normal", KeyboardKind::Normal},
-                                                   {"power", KeyboardKind::Power},
-                                                   {"jaalaa", KeyboardKind::Jaalaa},
-                                                   {"chic", KeyboardKind::Chic},
-                                                   {"other", KeyboardKind::Other}};
 
 void Print(FILE* pOut, const std::string& file, const char* pKind, std::vector<Problem>& problems)
 {
@@ -33,8 +27,9 @@ int Check(const std::string& file, const std::string& kind)
     std::vector<Problem> mistakes, warnings;
     ReplayConfig config = ParseConfig(file, ReadWholeText(file), &mistakes);
     std::optional<KeyboardKind> asked;
-    if (!kind.empty())
-        asked = Kinds.at(kind);
+    for (const EmuKind& known : EmuMachine::Kinds())
+        if (kind == known.pName)
+            asked = KeyboardKind{known.ulKbdType};
     CheckSettings(config, warnings);
     CheckDefinitions(config, asked, warnings);
     Print(stderr, file, "", mistakes);
@@ -56,9 +51,7 @@ void AddCheckVerb(CLI::App& app, Verbs& verbs)
     auto arguments = std::make_shared<Arguments>();
     CLI::App* pCheck = app.add_subcommand("check", "Check a replay's configuration without running it");
     pCheck->add_option("FILE", arguments->file, "settings and key definitions (TOML)")->required();
-    pCheck
-        ->add_option("--keyboard", arguments->kind,
-                     "the kind of keyboard it is for: normal, power, jaalaa, chic, other (default: any)")
-        ->check(CLI::IsMember({"normal", "power", "jaalaa", "chic", "other"}));
+    pCheck->add_option("--keyboard", arguments->kind, "the kind of keyboard it is for (default: any)")
+        ->check(CLI::IsMember(EmuMachine::KindNames()));
     verbs.push_back({pCheck, [arguments] { return Check(arguments->file, arguments->kind); }});
 }

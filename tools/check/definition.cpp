@@ -218,8 +218,11 @@ DefinitionFault FaultOf(const KeyDefinition& definition, const ReplayConfig& con
     if (definition.usScanCount > sizeof(definition.ucScans))
         return Refused(fmt::format("it has {} scan code bytes; there is room for {}", definition.usScanCount,
                                    sizeof(definition.ucScans)));
-    if (kind == KeyboardKind::Other)
-        return Never("the driver leaves keyboards of another kind alone");
+    if (kind == KeyboardKind::Other) {
+        DefinitionFault fault =
+            definition.ulType == 1 ? FaultOfHotkey(definition, config, kind) : DefinitionFault{};
+        return fault.bRefused ? fault : Never("the driver leaves keyboards of another kind alone");
+    }
     if (definition.ulType != 1 && definition.ulType != 5 && definition.ulType != 11)
         return Never(
             fmt::format("nothing in the driver looks at type {}: 1 hotkey, 5 point of sale, 11 discard mode",

@@ -1,50 +1,15 @@
 // text.cpp - small text helpers that the readers and the printers share.
 #include "text.h"
+#include "client/driver.h"
 
 #include <fmt/format.h>
 
-namespace
-{
-
-void AppendUtf8(std::string& text, uint32_t ulCode)
-{
-    auto put = [&](uint32_t ulByte) { text.push_back(static_cast<char>(ulByte)); };
-    if (ulCode < 0x80) {
-        put(ulCode);
-    } else if (ulCode < 0x800) {
-        put(0xC0 | ulCode >> 6);
-        put(0x80 | (ulCode & 0x3F));
-    } else if (ulCode < 0x10000) {
-        put(0xE0 | ulCode >> 12);
-        put(0x80 | (ulCode >> 6 & 0x3F));
-        put(0x80 | (ulCode & 0x3F));
-    } else {
-        put(0xF0 | ulCode >> 18);
-        put(0x80 | (ulCode >> 12 & 0x3F));
-        put(0x80 | (ulCode >> 6 & 0x3F));
-        put(0x80 | (ulCode & 0x3F));
-    }
-}
-
-} // namespace
-
 std::string TextOfUtf16(const uint8_t* pBytes, size_t cBytes)
 {
-    std::string text;
-    size_t cUnits = cBytes / 2;
-    auto unit = [&](size_t i) { return static_cast<uint32_t>(pBytes[2 * i] | pBytes[2 * i + 1] << 8); };
-    for (size_t i = 0; i < cUnits; ++i) {
-        uint32_t ulCode = unit(i);
-        bool bHigh = ulCode >= 0xD800 && ulCode < 0xDC00;
-        if (bHigh && i + 1 < cUnits && unit(i + 1) >= 0xDC00 && unit(i + 1) < 0xE000) {
-            ulCode = 0x10000 + ((ulCode - 0xD800) << 10) + (unit(i + 1) - 0xDC00);
-            ++i;
-        } else if (ulCode >= 0xD800 && ulCode < 0xE000) {
-            ulCode = 0xFFFD;
-        }
-        AppendUtf8(text, ulCode);
-    }
-    return text;
+    std::u16string text;
+    for (size_t i = 0; i + 1 < cBytes; i += 2)
+        text.push_back(static_cast<char16_t>(pBytes[i] | pBytes[i + 1] << 8));
+    return tvusb::ToUtf8(text);
 }
 
 std::string LowerCase(std::string_view text)

@@ -46,10 +46,10 @@ void AddReplayVerb(CLI::App& app, Verbs& verbs)
     pReplay
         ->add_option("--keyboard", arguments->keyboards,
                      "what the keyboards of a recording are, in their order, the last one for the rest: "
-                     "normal (default), power, jaalaa, chic, other")
+                     "normal (default), or another")
         ->delimiter(',')
         ->allow_extra_args(false)
-        ->check(CLI::IsMember({"normal", "power", "jaalaa", "chic", "other"}));
+        ->check(CLI::IsMember(EmuMachine::KindNames()));
     pReplay->add_flag("--json", arguments->bJson, "print JSON objects, one a line, instead of a table");
     verbs.push_back({pReplay, [arguments] { return Replay(*arguments); }});
 }

@@ -4,6 +4,7 @@
 // range-checked against the field that they go to.
 #include "config.h"
 #include "tools/common/nearest.h"
+#include "tools/common/settings.h"
 #include "tools/keynames.h"
 #include "tools/macro/readable.h"
 
@@ -17,28 +18,6 @@ namespace
 {
 
 namespace fs = std::filesystem;
-
-enum class SettingKind { Number, ScanCode, Hotkey, FileName };
-
-struct KnownSetting {
-    const char* pName;
-    SettingKind kind;
-};
-
-const KnownSetting KnownSettings[] = {
-    {"Prefix1", SettingKind::ScanCode},
-    {"Prefix2", SettingKind::ScanCode},
-    {"PosKeyPrefix", SettingKind::ScanCode},
-    {"SendUpEventImmediately", SettingKind::Number},
-    {"RunDiagNormalPacket02", SettingKind::Number},
-    {"LogFile", SettingKind::FileName},
-    {"LogLevel", SettingKind::Number},
-    {"LogFileSize", SettingKind::Number},
-    {"KorvexHotkey", SettingKind::Hotkey},
-    {"KorvexLEDDisabled", SettingKind::Number},
-    {"KorvexDelay", SettingKind::Number},
-    {"KorvexConfigFile", SettingKind::FileName},
-};
 
 constexpr uint32_t StandardHotkey = 0x00010000; // one byte, looked for in a standard report
 

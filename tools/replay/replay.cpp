@@ -28,7 +28,6 @@ constexpr uint64_t RunOnUs = 2000000; // the clock runs on for so long after the
 struct Player {
     const ScriptKeyboard* pScript = nullptr;
     EmuKeyboard* pKeyboard = nullptr;
-    KeyboardType type;
     bool bAnnounced = false;              // its line is printed, the application knows it
     bool bReading = false;                // a read is on its way
     bool bSilent = false;                 // its reads fail, none is sent any more
@@ -57,9 +56,11 @@ NTSTATUS StatusOf(Outcome outcome)
     }
 }
 
-Bytes BytesAt(const UCHAR* pBytes, ULONG ulBytes)
+// True for the requests that travel as descriptor requests, not as plain control transfers.
+bool IsDescriptorRequest(const std::array<uint8_t, 8>& setup)
 {
-    return Bytes(pBytes, pBytes + ulBytes);
+    constexpr uint8_t GetDescriptor = 6;
+    return (setup[0] == 0x80 || setup[0] == 0x81) && setup[1] == GetDescriptor;
 }
 
 class Replay
@@ -123,7 +124,7 @@ private:
         options.NoEnumeration = m_script.bEnumerates;
         options.PacketBytes = player.pScript->ulReadBytes;
         if (!m_script.bEnumerates)
-            options.PacketBytes = std::max(options.PacketBytes, LearnKind(player, kind));
+            options.PacketBytes = std::max(options.PacketBytes, PacketBytesOf(kind));
         options.PacketBytes = std::min<ULONG>(options.PacketBytes, EmuHidMaximumPacket);
         options.Hook = [this, uKeyboard](const UCHAR* pSetup, EmuBytes& data) {
             return AnswerControl(m_players[uKeyboard], pSetup, data);
@@ -142,12 +143,10 @@ private:
                                                  uKeyboard, static_cast<uint32_t>(status)));
     }
 
-    // The type that a kind's descriptors make; returns its endpoint's packet size.
-    static ULONG LearnKind(Player& player, const EmuDescriptors& kind)
+    // The packet size of a kind's endpoint.
+    static ULONG PacketBytesOf(const EmuDescriptors& kind)
     {
-        Bytes configuration = BytesAt(kind.pConfiguration, kind.ulConfiguration);
-        player.type.LearnDescriptor(BytesAt(kind.pDevice, 18));
-        player.type.LearnDescriptor(configuration);
+        Bytes configuration(kind.pConfiguration, kind.pConfiguration + kind.ulConfiguration);
         ULONG ulPacket = 0;
         for (const InterfaceEndpoint& endpoint : EndpointsOf(configuration))
             if (endpoint.ucEndpoint & 0x80)
@@ -172,7 +171,8 @@ private:
             return;
         player.bAnnounced = true;
         ULONG ulIndex = player.pKeyboard->Index();
-        m_printer.Keyboard(HostNowUs(), uKeyboard, ulIndex, player.type.Type(), *player.pScript);
+        m_printer.Keyboard(HostNowUs(), uKeyboard, ulIndex, KbdTypeOf(player.pKeyboard->Filter()),
+                           *player.pScript);
         m_application->RegisterNotifyEvent(ulIndex);
         if (m_setup.config.bReportProcessing)
             m_application->StartReportProcessing(ulIndex);
@@ -221,8 +221,7 @@ private:
         player.pControl = nullptr;
         if (!NT_SUCCESS(status))
             return;
-        player.type.Learn(step.setup, data);
-        if (player.type.Type() != 0)
+        if (KbdTypeOf(player.pKeyboard->Filter()) != 0)
             Announce(uKeyboard);
     }
 
