@@ -59,6 +59,7 @@ NTSTATUS GetNotifyCount(ULONG ulDeviceIndex, PULONG pulCount);
 NTSTATUS ClearNotifyQueue(ULONG ulDeviceIndex);
 NTSTATUS GetNotifyRecord(ULONG ulDeviceIndex, NotifyRecord* pRecord, UCHAR ucRemove);
 NTSTATUS QueueEvent(PDEVICE_OBJECT device, ULONG ulId, ULONG ulValue, ULONG ulEscAbort, UCHAR ucSource);
+void QueueAndSignalEvent(PDEVICE_OBJECT device, ULONG ulId, ULONG ulValue, ULONG ulEscAbort, UCHAR ucSource);
 ULONG NotifyTime(); // system time / 1000, low 32 bits
 
 // macroqueue.cpp

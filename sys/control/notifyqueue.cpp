@@ -16,23 +16,20 @@ ULONG NotifyTime()
     return static_cast<ULONG>(now.QuadPart / 1000);
 }
 
-// IRQL <= DISPATCH. Lock: takes NotifyLock. Owns: copies the record. Fails: ring full.
-NTSTATUS QueueNotifyRecord(PDEVICE_OBJECT device, const NotifyRecord* pRecord)
+// Copies the record behind the others. Fails: false, ring full.
+static bool Append(DeviceContext* pContext, const NotifyRecord* pRecord) REQUIRES_LOCK(pContext->NotifyLock)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    LockScope lock(pContext->NotifyLock);
     if (pContext->ulNotifyCount >= NOTIFY_QUEUE_SIZE) {
-        return STATUS_UNSUCCESSFUL;
+        return false;
     }
     pContext->NotifyQueue[pContext->ulNotifyWrite] = *pRecord;
     pContext->ulNotifyCount++;
     pContext->ulNotifyWrite = (pContext->ulNotifyWrite + 1) % NOTIFY_QUEUE_SIZE;
-    return STATUS_SUCCESS;
+    return true;
 }
 
-// Queues a record made from these fields and stamped now. The application sees a loss as a gap.
-// IRQL <= DISPATCH. Lock: takes NotifyLock. Fails: ring full.
-NTSTATUS QueueEvent(PDEVICE_OBJECT device, ULONG ulId, ULONG ulValue, ULONG ulEscAbort, UCHAR ucSource)
+// A record made from these fields and stamped now.
+static NotifyRecord MakeRecord(ULONG ulId, ULONG ulValue, ULONG ulEscAbort, UCHAR ucSource)
 {
     NotifyRecord record = {};
     record.ulValue = ulValue;
@@ -41,7 +38,36 @@ NTSTATUS QueueEvent(PDEVICE_OBJECT device, ULONG ulId, ULONG ulValue, ULONG ulEs
     record.ucValid = 1;
     record.ulTime = NotifyTime();
     record.ulId = ulId;
+    return record;
+}
+
+// IRQL <= DISPATCH. Lock: takes NotifyLock. Owns: copies the record. Fails: ring full.
+NTSTATUS QueueNotifyRecord(PDEVICE_OBJECT device, const NotifyRecord* pRecord)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    LockScope lock(pContext->NotifyLock);
+    return Append(pContext, pRecord) ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
+}
+
+// The application sees a loss as a gap.
+// IRQL <= DISPATCH. Lock: takes NotifyLock. Fails: ring full.
+NTSTATUS QueueEvent(PDEVICE_OBJECT device, ULONG ulId, ULONG ulValue, ULONG ulEscAbort, UCHAR ucSource)
+{
+    const NotifyRecord record = MakeRecord(ulId, ulValue, ulEscAbort, ucSource);
     return QueueNotifyRecord(device, &record);
+}
+
+// An event and its signal in one hold of the lock.
+// IRQL <= DISPATCH. Lock: takes NotifyLock. Fails: a full ring drops the event; the signal comes all the same.
+void QueueAndSignalEvent(PDEVICE_OBJECT device, ULONG ulId, ULONG ulValue, ULONG ulEscAbort, UCHAR ucSource)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    const NotifyRecord record = MakeRecord(ulId, ulValue, ulEscAbort, ucSource);
+    LockScope lock(pContext->NotifyLock);
+    (void)Append(pContext, &record);
+    if (pContext->pNotifyEvent != nullptr) { // an application without an event polls
+        KeSetEvent(pContext->pNotifyEvent, IO_NO_INCREMENT, FALSE);
+    }
 }
 
 // The oldest record; ucRemove 1 takes it, any other value leaves it queued.

@@ -116,7 +116,7 @@ struct DeviceContext {
     DiscardEntry DiscardRing[DISCARD_RING_SIZE] GUARDED_BY(DiscardLock);
     ULONG ulDiscardWrite GUARDED_BY(DiscardLock);
     ULONG ulDiscardRead GUARDED_BY(DiscardLock);
-    ULONG ulDiscardCount GUARDED_BY(DiscardLock);
+    ULONG ulDiscardCount;    // (x) written under DiscardLock
     UCHAR ucSendEmptyPacket; // (x) the next read releases the inserted keys
     UCHAR ucKbdModifiers;    // (x) byte 0 of the last completed 8-byte report
     USHORT usLedReport;      // (x) HID form: Num 1, Caps 2, Scroll 4
@@ -184,7 +184,7 @@ struct DeviceContext {
     FifoEntry Fifo[FIFO_SIZE] GUARDED_BY(FifoLock);
     ULONG ulFifoWrite GUARDED_BY(FifoLock);
     ULONG ulFifoRead GUARDED_BY(FifoLock);
-    ULONG ulFifoCount GUARDED_BY(FifoLock);
+    ULONG ulFifoCount; // (x) written under FifoLock
     KEVENT FifoEvent;  // synchronization, set when the queue has run empty
     LONG lFifoWaiters; // (x)
 
@@ -270,6 +270,7 @@ struct DriverGlobals {
     UCHAR ucPosKeyPrefixUsage;
 
     // Hotkeys of all keyboards.
+    LONG lArmedRepeats;     // (x) timers of the key repeat that are due
     UCHAR ucHotkeyComplete; // (x)
     UCHAR ucEscAbort;       // (x)
     UCHAR ucSwallowPending; // (x)
@@ -312,8 +313,8 @@ struct DriverGlobals {
     // Siblings: arrivals minus removals of each class.
     SpinLock SiblingLock;
     UCHAR ucPs2KeyboardArrivals GUARDED_BY(SiblingLock);
-    UCHAR ucPs2MouseArrivals GUARDED_BY(SiblingLock);
-    UCHAR ucUsbMouseArrivals GUARDED_BY(SiblingLock);
+    UCHAR ucPs2MouseArrivals;                          // (x) written under SiblingLock; 0: none is connected
+    UCHAR ucUsbMouseArrivals;                          // (x) likewise
     ULONG ulArrivalGeneration GUARDED_BY(SiblingLock); // whose callbacks count
     KEVENT SiblingRequestsEnd; // notification: whoever waits for another driver's answer gives up
 };

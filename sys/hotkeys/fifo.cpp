@@ -104,7 +104,7 @@ NTSTATUS InsertUSBPacketFifin(PDEVICE_OBJECT device, const FifoEntry* pEntry)
     }
     LogHexDump("(InsertUSBPacketFifin) adding entry:", pEntry->usLength, pEntry->ucData);
     pContext->Fifo[pContext->ulFifoWrite] = *pEntry;
-    pContext->ulFifoCount++;
+    WriteShared(pContext->ulFifoCount, pContext->ulFifoCount + 1);
     pContext->ulFifoWrite = (pContext->ulFifoWrite + 1) % FIFO_SIZE;
     return STATUS_SUCCESS;
 }
@@ -124,7 +124,7 @@ NTSTATUS GetUSBPacketFifo(ULONG ulDeviceIndex, FifoEntry* pEntry)
         LockScope lock(pContext->FifoLock);
         if (pContext->ulFifoCount != 0) {
             *pEntry = pContext->Fifo[pContext->ulFifoRead];
-            pContext->ulFifoCount--;
+            WriteShared(pContext->ulFifoCount, pContext->ulFifoCount - 1);
             pContext->ulFifoRead = (pContext->ulFifoRead + 1) % FIFO_SIZE;
             status = STATUS_SUCCESS;
         } else {

@@ -81,6 +81,9 @@ ULONG SwallowScan(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, ULONG ulIndex
 bool GetDataFromSwallowBuffer(PDEVICE_OBJECT device, PUCHAR pOut)
 {
     DeviceContext* pContext = FilterContextOf(device);
+    if (ReadShared(pContext->usSwallowCount) == 0) {
+        return false;
+    }
     LockScope lock(pContext->BufferLock);
     return Pop(pContext->SwallowBuf, &pContext->usSwallowCount, pOut);
 }
@@ -89,8 +92,11 @@ bool GetDataFromSwallowBuffer(PDEVICE_OBJECT device, PUCHAR pOut)
 void DiscardSwallowBuffer(PDEVICE_OBJECT device)
 {
     DeviceContext* pContext = FilterContextOf(device);
+    if (ReadShared(pContext->usSwallowCount) == 0) {
+        return;
+    }
     LockScope lock(pContext->BufferLock);
-    RtlZeroMemory(pContext->SwallowBuf, sizeof(pContext->SwallowBuf));
+    RtlZeroMemory(pContext->SwallowBuf, pContext->usSwallowCount); // behind them all is 0
     WriteShared(pContext->usSwallowCount, 0);
 }
 
@@ -109,6 +115,9 @@ bool AddDataToInsertBuffer(PDEVICE_OBJECT device, const UCHAR* pUsage)
 bool GetDataFromInsertBuffer(PDEVICE_OBJECT device, PUCHAR pOut)
 {
     DeviceContext* pContext = FilterContextOf(device);
+    if (ReadShared(pContext->usInsertCount) == 0) {
+        return false;
+    }
     LockScope lock(pContext->BufferLock);
     return Pop(pContext->InsertBuf, &pContext->usInsertCount, pOut);
 }

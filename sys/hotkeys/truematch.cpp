@@ -43,8 +43,7 @@ void ReleaseHotkey(HotkeyPass& pass, HotkeyEntry& entry)
 // IRQL <= DISPATCH. Fails: a full queue drops the event.
 void SendHotkeyEvent(PDEVICE_OBJECT device, ULONG ulId, ULONG ulValue, ULONG ulEscAbort)
 {
-    (void)QueueEvent(device, ulId, ulValue, ulEscAbort, NOTIFY_SOURCE_HOTKEY);
-    SignalNotifyEvent(device);
+    QueueAndSignalEvent(device, ulId, ulValue, ulEscAbort, NOTIFY_SOURCE_HOTKEY);
 }
 
 // Looks for complete hotkeys among those with keys. *pNoPartial becomes 0 when one is partly held, *pSwallow

@@ -30,9 +30,21 @@ bool IsPointOfSale(DeviceContext* pContext)
     return (ReadShared(pContext->ulKeyDefTypes) & KEYDEF_POINT_OF_SALE) != 0;
 }
 
+// Not due any more. Lock: the caller holds TypematicLock.
+void Forget(TypematicTimer& timer)
+{
+    if (timer.ullDue != 0) {
+        timer.ullDue = 0;
+        InterlockedDecrement(&Globals.lArmedRepeats);
+    }
+}
+
 // Lock: the caller holds TypematicLock.
 void Arm(TypematicTimer& timer, ULONGLONG ullMs)
 {
+    if (timer.ullDue == 0) {
+        InterlockedIncrement(&Globals.lArmedRepeats);
+    }
     timer.ullDue = KeQueryInterruptTime() + ullMs * 10000;
     KeSetTimer(&timer.Timer, RelativeMs(ullMs), &timer.Dpc);
 }
@@ -40,7 +52,7 @@ void Arm(TypematicTimer& timer, ULONGLONG ullMs)
 // Lock: the caller holds TypematicLock.
 void Disarm(TypematicTimer& timer)
 {
-    timer.ullDue = 0;
+    Forget(timer);
     KeCancelTimer(&timer.Timer);
     KeRemoveQueueDpc(&timer.Dpc);
 }
@@ -51,7 +63,7 @@ bool TakeDue(TypematicTimer& timer)
     if (timer.ullDue == 0 || KeQueryInterruptTime() < timer.ullDue) {
         return false;
     }
-    timer.ullDue = 0;
+    Forget(timer);
     return true;
 }
 
@@ -96,9 +108,12 @@ void CancelTypematicOf(PDEVICE_OBJECT device)
     Disarm(pContext->TypematicRepeat);
 }
 
-// Ends the repeat of every keyboard, not only of the one whose report is being analysed.
+// Ends the repeat of every keyboard, not only of the one whose report is being analysed. Mostly none is armed.
 void CancelTypematicTimers()
 {
+    if (ReadShared(Globals.lArmedRepeats) == 0) {
+        return;
+    }
     for (PDEVICE_OBJECT device = FirstKeyboard(); device != nullptr; device = NextKeyboard(device)) {
         CancelTypematicOf(device);
     }

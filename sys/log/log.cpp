@@ -52,7 +52,7 @@ static bool IsLevelKept(UCHAR ucLevel)
 }
 
 // IRQL any.
-bool IsLogOn(UCHAR ucLevel)
+bool IsLevelOn(UCHAR ucLevel)
 {
     return IsLevelKept(ucLevel) && (Settings.ulLogLevel != ONLY_LEVEL || ucLevel == ONLY_LEVEL);
 }
@@ -198,11 +198,8 @@ NOINLINE static void DumpGroup(const char* pszTitle, ULONG ulFirst, ULONG ulCoun
 
 // The bytes in lines of 16, the rest in a last, shorter one.
 // IRQL any. Lock: takes LogLock. Fails: never.
-void LogHexDump(const char* pszTitle, ULONG ulLen, const void* pBuf)
+void LogKeptHexDump(const char* pszTitle, ULONG ulLen, const void* pBuf)
 {
-    if (!IsLogOn(LOG_TRAFFIC)) {
-        return;
-    }
     if (pBuf == nullptr) {
         LogPrintf(LOG_TRAFFIC, 1, "%s pBuf is NULL", pszTitle);
         return;

@@ -4,7 +4,7 @@
 // ulLogLevel (10: only level 10). Level and buffer are tested before anything is formatted.
 #pragma once
 
-#include "driver/compiler.h"
+#include "driver/context.h"
 
 #include <kernel.h>
 
@@ -16,9 +16,22 @@ enum : ULONG {
 
 // log.cpp: IRQL any. Lock: takes LogLock, the leaf. Fails: never; a full buffer drops the text.
 void LogPrintf(UCHAR ucLevel, UCHAR ucTimestamp, const char* pszFormat, ...) PRINTF_LIKE(3, 4);
-void LogHexDump(const char* pszTitle, ULONG ulLen, const void* pBuf);
+void LogKeptHexDump(const char* pszTitle, ULONG ulLen, const void* pBuf);
 void LogWrite(UCHAR ucLevel, ULONG ulReserved, UCHAR ucTimestamp, const char* pszText);
-bool IsLogOn(UCHAR ucLevel); // would a message of this level be kept?
+bool IsLevelOn(UCHAR ucLevel);
+
+// Would a message of this level be kept? Mostly there is no log at all.
+inline bool IsLogOn(UCHAR ucLevel)
+{
+    return LoadAcquire(Globals.pLogBuffer) != nullptr && IsLevelOn(ucLevel);
+}
+
+inline void LogHexDump(const char* pszTitle, ULONG ulLen, const void* pBuf)
+{
+    if (IsLogOn(LOG_TRAFFIC)) {
+        LogKeptHexDump(pszTitle, ulLen, pBuf);
+    }
+}
 
 // format.cpp: as the platform's bounded printf: IRQL any (no %S above PASSIVE).
 NTSTATUS LogFormat(char* pszOut, size_t cbOut, const char* pszFormat, ...) PRINTF_LIKE(3, 4);

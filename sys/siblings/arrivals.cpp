@@ -126,7 +126,7 @@ static void CountArrival(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling,
             return;
         }
         ucBefore = Globals.*pSibling->pucArrivals;
-        Globals.*pSibling->pucArrivals = static_cast<UCHAR>(ucBefore + 1);
+        WriteShared(Globals.*pSibling->pucArrivals, ucBefore + 1);
     }
     if (ucBefore == 0 && pControlDevice != nullptr) {
         QueueOpen(pControlDevice, pSibling);
@@ -141,7 +141,7 @@ static void CountRemoval(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling,
         return;
     }
     const UCHAR ucBefore = Globals.*pSibling->pucArrivals;
-    Globals.*pSibling->pucArrivals = static_cast<UCHAR>(ucBefore - 1);
+    WriteShared(Globals.*pSibling->pucArrivals, ucBefore - 1);
     if (ucBefore == 1 && pControlDevice != nullptr) {
         SiblingLink* pLink = &(ControlContextOf(pControlDevice)->*pSibling->pLink);
         WriteShared(pLink->ucConnected, 0);

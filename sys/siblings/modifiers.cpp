@@ -24,6 +24,9 @@ static bool IsMouseConnected(const ControlContext* pControl)
 bool IsMouseSiblingConnected()
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
+    if (ReadShared(Globals.ucPs2MouseArrivals) == 0 && ReadShared(Globals.ucUsbMouseArrivals) == 0) {
+        return false;
+    }
     PDEVICE_OBJECT pControlDevice = ReferenceControlDevice();
     if (pControlDevice == nullptr) {
         return false;

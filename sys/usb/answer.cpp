@@ -79,7 +79,7 @@ bool PlaceModifierReport(DeviceContext* pContext, const Transfer& read)
 bool PlaceDiscardedReport(DeviceContext* pContext, const Transfer& read)
 {
     DiscardEntry entry;
-    if ((ReadShared(pContext->ulKeyDefTypes) & KEYDEF_DISCARD) ||
+    if (ReadShared(pContext->ulDiscardCount) == 0 || (ReadShared(pContext->ulKeyDefTypes) & KEYDEF_DISCARD) ||
         !NT_SUCCESS(GetDiscardedPacket(pContext->ulDeviceIndex, &entry))) {
         return false;
     }
@@ -159,8 +159,7 @@ bool LeaveAnsweredRead(DeviceContext* pContext, PIRP Irp)
 UCHAR AnswerRead(PDEVICE_OBJECT device, PIRP Irp, const Transfer& read)
 {
     DeviceContext* pContext = FilterContextOf(device);
-    ULONG ulCount;
-    if (NT_SUCCESS(GetFifoCount(pContext->ulDeviceIndex, &ulCount)) && ulCount > 0) {
+    if (ReadShared(pContext->ulFifoCount) > 0) {
         if (ReadShared(Globals.ucKorvexTimerRunning) == 1) {
             return ParkRead(device, Irp, read);
         }

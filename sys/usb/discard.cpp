@@ -16,7 +16,7 @@ NTSTATUS AddDiscardedPacket(PDEVICE_OBJECT device, const UCHAR* pValue, UCHAR uc
     }
     pContext->DiscardRing[pContext->ulDiscardWrite] = {*pValue, ucIsModifier};
     pContext->ulDiscardWrite = (pContext->ulDiscardWrite + 1) % DISCARD_RING_SIZE;
-    pContext->ulDiscardCount++;
+    WriteShared(pContext->ulDiscardCount, pContext->ulDiscardCount + 1);
     return STATUS_SUCCESS;
 }
 
@@ -52,7 +52,7 @@ NTSTATUS GetDiscardedPacket(ULONG ulDeviceIndex, DiscardEntry* pEntry)
         if (pContext->ulDiscardCount != 0) {
             *pEntry = pContext->DiscardRing[pContext->ulDiscardRead];
             pContext->ulDiscardRead = (pContext->ulDiscardRead + 1) % DISCARD_RING_SIZE;
-            pContext->ulDiscardCount--;
+            WriteShared(pContext->ulDiscardCount, pContext->ulDiscardCount - 1);
             status = STATUS_SUCCESS;
         }
     }

@@ -171,7 +171,7 @@ TEST(ControlDevice, CompletesEveryMajorFunction)
     EmuMachine machine(WithRegistry(""));
     machine.Plug();
     EXPECT_FALSE(IsMouseSiblingConnected());
-    Control()->UsbMouse.ucConnected = 1;
+    Globals.ucUsbMouseArrivals = Control()->UsbMouse.ucConnected = 1;
     EXPECT_TRUE(IsMouseSiblingConnected());
     EXPECT_EQ(0u, Globals.pControlDevice->Flags & DO_DEVICE_INITIALIZING);
     ULONG_PTR ulInformation = 0;
