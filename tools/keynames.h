@@ -1,8 +1,11 @@
 // keynames.h - the keys as people call them.
 //
-// One table: a key's HID usage, its PS/2 set 1 make code and its names. The configuration takes any of the
+// One table: a key's HID usage and its names, joined with its row of the driver's key table, which knows the PS/2
+// set 1 make code. The configuration takes any of the
 // names, in any case; the printed table shows the first.
 #pragma once
+
+#include "sys/report/keytable.h"
 
 #include <cstdint>
 #include <optional>
@@ -13,8 +16,10 @@
 struct KeyName {
     uint16_t usUsage; // of the keyboard page, or of the consumer page for the media keys
     bool bConsumer;
-    uint32_t ulMakeCode; // most significant byte first, or 0 when the key has none
-    const char* pNames;  // separated by '|', the one to show first
+    const char* pNames;      // separated by '|', the one to show first
+    const KeyTableRow* pRow; // of the driver's table
+
+    uint32_t MakeCode() const; // most significant byte first, or 0 when the key has none
 };
 
 // All keys, keyboard page first, each page by usage.

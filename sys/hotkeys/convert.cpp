@@ -24,6 +24,8 @@ const Controller Jaalaa = {"(ConvertPS2ToHID) Device with Jaalaa electronics",
 const Controller Chic = {"(ConvertPS2ToHID) Device with Chic electronics",
                          "(ConvertPS2ToHID) PS2Scan=0x%08x, ulHIDChic=0x%08X", &KeyTableRow::ulHIDChic};
 
+} // namespace
+
 // The next key of the sequence: one byte, or a prefix with the bytes that belong to it. *pulIndex moves on
 // to the last byte taken. Fails: the sequence ends behind a prefix.
 NTSTATUS NextScanCode(const KeyDefinition* pDefinition, PULONG pulIndex, PULONG pulScanCode)
@@ -57,6 +59,8 @@ NTSTATUS NextScanCode(const KeyDefinition* pDefinition, PULONG pulIndex, PULONG 
     }
 }
 
+namespace
+{
 // The low ulBytes bytes of the value, most significant first. Fails: no room.
 NTSTATUS AppendKeyBytes(HotkeyEntry* pEntry, ULONG ulValue, ULONG ulBytes)
 {

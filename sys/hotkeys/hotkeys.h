@@ -30,6 +30,7 @@ void DropHotkeys(DeviceContext* pContext);
 void TraceHotkeyLists(); // after each change, without the mutex
 
 // convert.cpp
+NTSTATUS NextScanCode(const KeyDefinition* pDefinition, PULONG pulIndex, PULONG pulScanCode); // any IRQL
 NTSTATUS ConvertPS2ToHID(PDEVICE_OBJECT device, const KeyDefinition* pDefinition, HotkeyEntry* pEntry);
 
 // matching.cpp: the hotkey pass, once a key of a report. IRQL <= DISPATCH.

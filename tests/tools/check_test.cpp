@@ -68,7 +68,9 @@ TEST(Check, TellsWhatCanNeverFire)
         {Definition("modifiers = [\"lctrl\"]"), KeyboardKind::Normal, {}},
         {Definition("modifiers = [\"menu\"]"), KeyboardKind::Normal, {}},
         {Definition(plain) + Definition(media, 8), std::nullopt, {}},
-        {Definition("keys = [\"Fn\"]"), KeyboardKind::Power, {}},
+        {Definition("keys = [\"Fn\"]"),
+         KeyboardKind::Power,
+         {"1: definition 7: it never fires: its key is one that the driver takes as the modifier fn only"}},
         {Definition("type = 5") + Definition("type = 11", 8), KeyboardKind::Normal, {}},
         {"[settings]\nPrefix1 = 0x3B\n" + Definition("modifiers = [\"prefix1\"]\nkeys = [\"A\"]"),
          std::nullopt,
@@ -112,9 +114,29 @@ TEST(Check, TellsWhatCanNeverFire)
          {"1: definition 7: it never fires: no modifier sets the bits 0x1"}},
         {Definition("modifiers = [\"ctrl\", \"lctrl\"]"),
          KeyboardKind::Normal,
-         {"1: definition 7: it never fires: modifiers without a key count one by one: name the sides (lctrl, "
-          "rctrl, "
-          "...); as it stands it is down from the first report on"}},
+         {"1: definition 7: it fires with the first report and never again: modifiers without a key count "
+          "one by one: name the sides (lctrl, rctrl, ...)"}},
+        {Definition("") + Definition("keys = []", 8),
+         KeyboardKind::Normal,
+         {"1: definition 7: it fires with the first report and never again: it has neither a key nor a "
+          "modifier of its own",
+          "4: definition 8: it fires with the first report and never again: it has neither a key nor a "
+          "modifier of its own"}},
+        {Definition(plain + "\nswallow = 2") + Definition("keys = [\"F2\"]\nswallow = 256", 8) +
+             Definition("keys = [\"F3\"]\nswallow = 257", 9) +
+             Definition("modifiers = [\"lctrl\"]\nswallow = 2", 10),
+         KeyboardKind::Normal,
+         {"1: definition 7: swallow is 2, of which the driver takes the low byte, 2: it swallows nothing; "
+          "write "
+          "1 or 0",
+          "5: definition 8: swallow is 256, of which the driver takes the low byte, 0: it swallows nothing; "
+          "write "
+          "1 or 0",
+          "9: definition 9: swallow is 257, of which the driver takes the low byte, 1: it swallows; write 1 "
+          "or 0",
+          "13: definition 10: swallow is 2, of which the driver takes the low byte, 2: it swallows; write 1 "
+          "or "
+          "0"}},
         // the kind of keyboard
         {Definition(media),
          KeyboardKind::Normal,
@@ -145,9 +167,8 @@ TEST(Check, TellsWhatCanNeverFire)
           "3: definition 7: it never fires: prefix2 is not set: Prefix2 is no key's scan code"}},
         {"[settings]\nPrefix1 = \"F1\"\n" + Definition(plain),
          KeyboardKind::Normal,
-         {"3: definition 7: it never fires: its key is that of Prefix1, which the driver takes as the "
-          "modifier "
-          "prefix1 only"}},
+         {"3: definition 7: it fires with the first report and never again: its key is "
+          "one that the driver takes as the modifier prefix1 only"}},
         // what others do to it
         {Definition(plain) + Definition(plain + "\nswallow = 1"),
          std::nullopt,
@@ -256,7 +277,7 @@ TEST(Check, AgreesWithTheDriver)
         EmuKeyboard* pKeyboard = machine.Plug(*pDescriptors);
         EmuApplication application;
         for (const KeyDefinition& definition : config.definitions) {
-            bool bRefused = FaultOf(definition, config, KeyboardKind{ulKbdType}).bRefused;
+            bool bRefused = FaultOf(definition, config, KeyboardKind{ulKbdType}).claim == Claim::Refused;
             NTSTATUS status = application.AddDefinition(pKeyboard->Index(), definition);
             EXPECT_EQ(bRefused, !NT_SUCCESS(status)) << pName << ": " << bodies[definition.ulId - 1];
             application.RemoveDefinition(pKeyboard->Index(), definition.ulId);

@@ -137,7 +137,7 @@ TEST(Config, NamesTheLineThatIsWrong)
          "my.toml:3: unknown key 'key' in [[definition]] (did you mean 'keys'?)"},
         {"\n[[definition]]\ntype = 1", "my.toml:2: a definition needs an id"},
         {"[[definition]]\nid = 1.5", "my.toml:2: id is a number"},
-        {"[[definition]]\nid = 1\nswallow = true", "my.toml:3: swallow is a number"},
+        {"[[definition]]\nid = 1\nswallow = \"yes\"", "my.toml:3: swallow is a number"},
         {"[[definition]]\nid = 1\nmodifiers = [\"ctrl\",\n\"hyper\"]",
          "my.toml:4: unknown modifier name 'hyper'"},
         {"[[definition]]\nid = 1\nmodifiers = \"ctrl\"",
@@ -156,6 +156,23 @@ TEST(Config, NamesTheLineThatIsWrong)
     EXPECT_EQ(0u, FailureOf("[settings]\nPrefix1 = \n").find("my.toml:2: "))
         << FailureOf("[settings]\nPrefix1 = \n");
     EXPECT_THROW(ReadConfig("/no/such/file.toml"), InputError);
+}
+
+// What people write instead of modifiers and numbers.
+TEST(Config, TakesChordsAndTruth)
+{
+    ReplayConfig config = ParseConfig(
+        "my.toml", "[[definition]]\nid = 1\nkeys = [\"ctrl+Left Shift+F1\"]\nswallow = true\n"
+                   "[[definition]]\nid = 2\nmodifiers = [\"alt\"]\nkeys = [\"win+Keypad +\", \"A\"]\n"
+                   "swallow = false\n");
+    EXPECT_EQ(0x408u, config.definitions[0].ulModifiers);
+    EXPECT_EQ(Bytes{0x3B}, ScansOf(config.definitions[0]));
+    EXPECT_EQ(1u, config.definitions[0].ulSwallow);
+    EXPECT_EQ(0x3000u, config.definitions[1].ulModifiers);
+    EXPECT_EQ((Bytes{0x4E, 0x1E}), ScansOf(config.definitions[1]));
+    EXPECT_EQ(0u, config.definitions[1].ulSwallow);
+    EXPECT_EQ("my.toml:3: unknown key name 'F1+ctrl'",
+              FailureOf("[[definition]]\nid = 1\nkeys = [\"F1+ctrl\"]"));
 }
 
 TEST(KeyNames, AreUniqueAndFound)

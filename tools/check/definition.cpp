@@ -15,20 +15,10 @@ namespace
 {
 
 constexpr size_t MostKeyBytes = 32;
-constexpr uint32_t ContextKeyBit = 0x200, SingleBits = 0x1FE;
-constexpr uint32_t KnownModifierBits = 0xB8003FFE;
+constexpr uint32_t KnownModifierBits = 0x3FFE | MODIFIER_PREFIXES | MODIFIER_FN;
 constexpr uint16_t FnUsage = 0xA5;
 
-struct PrefixSetting {
-    const char* pModifier;
-    const char* pSetting;
-    uint32_t ulBit, ulDefault;
-};
-const PrefixSetting Prefixes[] = {
-    {"prefix1", "Prefix1", 0x10000000, 0x7D},
-    {"prefix2", "Prefix2", 0x20000000, 0x7B},
-    {"pos", "PosKeyPrefix", 0x08000000, 0x79},
-};
+using KeyBytes = std::vector<uint8_t>;
 
 const KeyTableRow* RowOf(uint32_t ulScanCode)
 {
@@ -42,46 +32,22 @@ bool IsConsumer(const KeyTableRow* pRow)
     return pRow - KeyTable >= 255;
 }
 
-std::string NameOf(uint32_t ulScanCode)
+// True when a power keyboard's report may carry that byte: as half of a media usage, too.
+bool IsInPowerReports(uint16_t usUsage)
 {
-    for (const KeyName& key : AllKeyNames())
-        if (key.ulMakeCode == ulScanCode) {
-            std::string_view names = key.pNames;
-            return std::string(names.substr(0, names.find('|')));
-        }
-    return "0x" + HexOf(MakeCodeBytes(ulScanCode));
-}
-
-// The definition's keys as scan codes, cut where the driver cuts them. False: a prefix without its bytes.
-bool SplitScans(const KeyDefinition& definition, std::vector<uint32_t>& codes)
-{
-    const uint8_t* pScans = definition.ucScans;
-    size_t cScans = definition.usScanCount;
-    const uint8_t printScreen[] = {0xE0, 0x2A, 0xE0, 0x37};
-    if (cScans == 4 && std::equal(printScreen, printScreen + 4, pScans)) {
-        codes.push_back(0xE02AE037);
-        return true;
-    }
-    for (size_t i = 0; i < cScans; ++i) {
-        size_t cMore = pScans[i] == 0xE1 ? 2 : pScans[i] == 0xE0 ? 1 : 0;
-        if (cScans - i <= cMore)
-            return false;
-        uint32_t ulCode = pScans[i];
-        for (; cMore > 0; --cMore)
-            ulCode = ulCode << 8 | pScans[++i];
-        codes.push_back(ulCode);
-    }
-    return true;
+    return std::any_of(std::begin(KeyTable), std::end(KeyTable), [=](const KeyTableRow& row) {
+        return IsConsumer(&row) && (row.usUsage >> 8 == usUsage || (row.usUsage & 0xFF) == usUsage);
+    });
 }
 
 DefinitionFault Refused(const std::string& what)
 {
-    return {true, false, what};
+    return {Claim::Refused, false, what};
 }
 
 DefinitionFault Never(const std::string& what)
 {
-    return {false, false, what};
+    return {Claim::Never, false, what};
 }
 
 DefinitionFault OfKind(DefinitionFault fault)
@@ -90,40 +56,61 @@ DefinitionFault OfKind(DefinitionFault fault)
     return fault;
 }
 
-// One key on one kind: how many bytes of the hotkey it takes, or what is wrong.
-DefinitionFault FaultOfKey(uint32_t ulCode, KeyboardKind kind, size_t& cBytes)
+// One key on one kind: its bytes go behind those before, and what is wrong is told.
+DefinitionFault FaultOfKey(uint32_t ulCode, KeyboardKind kind, KeyBytes& bytes)
 {
     const KeyTableRow* pRow = RowOf(ulCode);
     if (ulCode == 0xE02A)
         return Refused("Print Screen stands alone in a definition, without other keys");
     if (!pRow)
         return Refused(fmt::format("no key has the scan code {}", HexOf(MakeCodeBytes(ulCode), " ")));
-    std::string name = NameOf(ulCode);
+    std::string name = KeyNameOf(ulCode);
     if (kind == KeyboardKind::Jaalaa || kind == KeyboardKind::Chic) {
         bool bJaalaa = kind == KeyboardKind::Jaalaa;
-        cBytes += 4;
+        bytes.resize(bytes.size() + 4);
         if ((bJaalaa ? pRow->ulHIDJaalaa : pRow->ulHIDChic) == 0)
             return OfKind(
                 Refused(fmt::format("a {} keyboard has no key {}", bJaalaa ? "Jaalaa" : "Chic", name)));
         return {};
     }
-    cBytes += pRow->usUsageBytes;
+    if (pRow->usUsageBytes == 2)
+        bytes.push_back(static_cast<uint8_t>(pRow->usUsage >> 8));
+    bytes.push_back(static_cast<uint8_t>(pRow->usUsage));
     if (kind == KeyboardKind::Normal && IsConsumer(pRow))
         return OfKind(Never(fmt::format("a normal keyboard's reports have no key {}", name)));
     if (kind == KeyboardKind::Normal && pRow->usUsage >= 0xE0)
         return Never(fmt::format("{} is no key of a report; name it in modifiers", name));
-    if (kind == KeyboardKind::Power && !IsConsumer(pRow) && pRow->usUsage != FnUsage)
+    if (kind == KeyboardKind::Power && !IsConsumer(pRow) && pRow->usUsage != FnUsage &&
+        !IsInPowerReports(pRow->usUsage))
         return OfKind(Never(fmt::format("a power keyboard's reports have no key {}", name)));
     return {};
 }
 
-// The prefix whose key this is, or null.
-const PrefixSetting* PrefixOfKey(uint32_t ulCode, const ReplayConfig& config)
+// The prefix whose key has that usage, or null.
+const PrefixSetting* PrefixOfUsage(uint8_t ucUsage, const ReplayConfig& config)
 {
-    for (const PrefixSetting& prefix : Prefixes)
-        if (NumberSetting(config, prefix.pSetting).value_or(prefix.ulDefault) == ulCode)
+    for (const PrefixSetting& prefix : Prefixes) {
+        const KeyTableRow* pRow = RowOf(NumberSetting(config, prefix.pSetting).value_or(prefix.ulDefault));
+        if (pRow && static_cast<uint8_t>(pRow->usUsage) == ucUsage)
             return &prefix;
+    }
     return nullptr;
+}
+
+// Takes out what the driver tracks as a modifier on that kind of keyboard; tells the modifier of the last one.
+const char* DropTrackedKeys(KeyBytes& bytes, const ReplayConfig& config, KeyboardKind kind)
+{
+    const char* pDropped = nullptr;
+    auto isTracked = [&](uint8_t ucUsage) {
+        const PrefixSetting* pPrefix = PrefixOfUsage(ucUsage, config);
+        const char* pModifier = kind == KeyboardKind::Power && ucUsage == FnUsage ? "fn"
+                                : kind == KeyboardKind::Normal && pPrefix         ? pPrefix->pModifier
+                                                                                  : nullptr;
+        pDropped = pModifier ? pModifier : pDropped;
+        return pModifier != nullptr;
+    };
+    bytes.erase(std::remove_if(bytes.begin(), bytes.end(), isTracked), bytes.end());
+    return pDropped;
 }
 
 DefinitionFault FaultOfModifiers(uint32_t ulModifiers, const ReplayConfig& config)
@@ -139,25 +126,32 @@ DefinitionFault FaultOfModifiers(uint32_t ulModifiers, const ReplayConfig& confi
     return {};
 }
 
-// A hotkey of modifiers alone.
-DefinitionFault FaultOfNoKeys(uint32_t ulModifiers, KeyboardKind kind)
+// A hotkey without a key: it was given none, or the prefix's key alone, which is no key but a modifier.
+DefinitionFault FaultOfNoKeys(uint32_t ulModifiers, KeyboardKind kind, const char* pDropped)
 {
+    constexpr uint32_t SingleBits = 0x1FE;
+    std::string dropped =
+        pDropped ? fmt::format("its key is one that the driver takes as the modifier {} only", pDropped) : "";
     if (kind == KeyboardKind::Power)
-        return Never("a power keyboard needs a key");
+        return Never(pDropped ? dropped : "a power keyboard needs a key");
     bool bEither = false; // one of ctrl, shift, alt, win takes the single ones of its pair away
     uint32_t ulSingle = ulModifiers & SingleBits;
     for (auto [ulAny, ulPair] :
-         {std::pair(0x400u, 0x006u), {0x800u, 0x018u}, {0x1000u, 0x060u}, {0x2000u, 0x180u}})
+         {std::pair<uint32_t, uint32_t>(MODIFIER_ANY_CONTROL, MODIFIER_LEFT_CONTROL | MODIFIER_RIGHT_CONTROL),
+          {MODIFIER_ANY_SHIFT, MODIFIER_LEFT_SHIFT | MODIFIER_RIGHT_SHIFT},
+          {MODIFIER_ANY_ALT, MODIFIER_LEFT_ALT | MODIFIER_RIGHT_ALT},
+          {MODIFIER_ANY_GUI, MODIFIER_LEFT_GUI | MODIFIER_RIGHT_GUI}})
         if (ulModifiers & ulAny) {
             ulSingle &= ~ulPair;
             bEither = true;
         }
-    if (kind == KeyboardKind::Normal && ulSingle == 0)
-        return Never(
-            bEither ? "modifiers without a key count one by one: name the sides (lctrl, rctrl, ...); as it "
-                      "stands it is down from the first report on"
-                    : "it has neither a key nor a modifier; it is down from the first report on");
-    return {};
+    if (kind != KeyboardKind::Normal || ulSingle != 0)
+        return {};
+    if (pDropped)
+        return {Claim::Once, false, dropped};
+    return {Claim::Once, false,
+            bEither ? "modifiers without a key count one by one: name the sides (lctrl, rctrl, ...)"
+                    : "it has neither a key nor a modifier of its own"};
 }
 
 DefinitionFault FaultOfHotkey(const KeyDefinition& definition, const ReplayConfig& config, KeyboardKind kind)
@@ -165,40 +159,55 @@ DefinitionFault FaultOfHotkey(const KeyDefinition& definition, const ReplayConfi
     std::vector<uint32_t> codes;
     if (!SplitScans(definition, codes))
         return Refused("its scan codes end behind a prefix byte");
-    size_t cBytes = 0, cKept = 0;
+    KeyBytes bytes;
     DefinitionFault never;
-    const PrefixSetting* pDropped = nullptr;
+    const bool bSimple =
+        kind == KeyboardKind::Normal && NumberSetting(config, "RunDiagNormalPacket02").value_or(0);
+    bool bFirstFound = false; // simple matching looks for the first key only
     for (uint32_t ulCode : codes) {
-        DefinitionFault fault = FaultOfKey(ulCode, kind, cBytes);
-        if (fault.bRefused)
+        DefinitionFault fault = FaultOfKey(ulCode, kind, bytes);
+        if (fault.claim == Claim::Refused)
             return fault;
-        if (never.what.empty())
+        if (never.claim == Claim::Fine && !bFirstFound)
             never = fault;
-        const PrefixSetting* pPrefix = kind == KeyboardKind::Normal ? PrefixOfKey(ulCode, config) : nullptr;
-        if (pPrefix)
-            pDropped = pPrefix;
-        else
-            ++cKept;
+        KeyBytes kept = bytes;
+        DropTrackedKeys(kept, config, kind);
+        bFirstFound = bSimple && !kept.empty();
     }
-    if (definition.ulModifiers & ContextKeyBit)
-        ++cBytes;
-    if (cBytes > MostKeyBytes)
-        return Refused(fmt::format("its keys take {} bytes; there is room for {}", cBytes, MostKeyBytes));
+    bool bContextKey = (definition.ulModifiers & MODIFIER_CONTEXT_KEY) != 0; // which becomes a key as well
+    const char* pDropped = bytes.size() > MostKeyBytes ? nullptr : DropTrackedKeys(bytes, config, kind);
+    if (bytes.size() + bContextKey > MostKeyBytes)
+        return Refused(fmt::format("its keys take {} bytes; there is room for {}", bytes.size() + bContextKey,
+                                   MostKeyBytes));
     if (definition.ulId == 0)
         return Never("the driver makes no hotkey of id 0");
-    if (DefinitionFault fault = FaultOfModifiers(definition.ulModifiers, config); !fault.what.empty())
+    bool bNoKeys = bytes.empty() && !bContextKey;
+    if (bNoKeys && kind == KeyboardKind::Normal) // the mask does not count then
+        return FaultOfNoKeys(definition.ulModifiers, kind, pDropped);
+    if (DefinitionFault fault = FaultOfModifiers(definition.ulModifiers, config); fault.claim != Claim::Fine)
         return fault;
-    if (!never.what.empty())
+    if (never.claim != Claim::Fine)
         return never;
-    if (pDropped && cKept == 0)
-        return Never(fmt::format("its key is that of {}, which the driver takes as the modifier {} only",
-                                 pDropped->pSetting, pDropped->pModifier));
-    if (codes.empty() && !(definition.ulModifiers & ContextKeyBit))
-        return FaultOfNoKeys(definition.ulModifiers, kind);
-    return {};
+    return bNoKeys ? FaultOfNoKeys(definition.ulModifiers, kind, pDropped) : DefinitionFault{};
 }
 
 } // namespace
+
+const PrefixSetting Prefixes[3] = {
+    {"prefix1", "Prefix1", MODIFIER_PREFIX1, 0x7D},
+    {"prefix2", "Prefix2", MODIFIER_PREFIX2, 0x7B},
+    {"pos", "PosKeyPrefix", MODIFIER_POSKEY_PREFIX, 0x79},
+};
+
+std::string KeyNameOf(uint32_t ulScanCode)
+{
+    for (const KeyName& key : AllKeyNames())
+        if (key.MakeCode() == ulScanCode) {
+            std::string_view names = key.pNames;
+            return std::string(names.substr(0, names.find('|')));
+        }
+    return "0x" + HexOf(MakeCodeBytes(ulScanCode));
+}
 
 std::optional<uint32_t> NumberSetting(const ReplayConfig& config, const std::string& name)
 {
@@ -221,7 +230,8 @@ DefinitionFault FaultOf(const KeyDefinition& definition, const ReplayConfig& con
     if (kind == KeyboardKind::Other) {
         DefinitionFault fault =
             definition.ulType == 1 ? FaultOfHotkey(definition, config, kind) : DefinitionFault{};
-        return fault.bRefused ? fault : Never("the driver leaves keyboards of another kind alone");
+        return fault.claim == Claim::Refused ? fault
+                                             : Never("the driver leaves keyboards of another kind alone");
     }
     if (definition.ulType != 1 && definition.ulType != 5 && definition.ulType != 11)
         return Never(

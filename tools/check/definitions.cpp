@@ -41,9 +41,11 @@ public:
             if (i == MostDefinitions)
                 Warn(i, fmt::format("the driver refuses it and all behind it: a keyboard holds {}",
                                     MostDefinitions));
-            if (!ExamineFault(i) && !ExamineEarlier(i) && definitions[i].ulType == Hotkey) {
-                ExamineModes(i);
+            ExamineSwallow(i);
+            if (!ExamineEarlier(i) && !ExamineFault(i) && definitions[i].ulType == Hotkey &&
+                !ExamineModes(i)) {
                 ExaminePrefixes(i);
+                ExamineSameId(i);
             }
         }
     }
@@ -64,12 +66,17 @@ private:
         for (KeyboardKind kind :
              m_kind ? std::vector{*m_kind} : std::vector(std::begin(all), std::end(all))) {
             DefinitionFault fault = FaultOf(m_config.definitions[i], m_config, kind);
-            if (fault.what.empty())
+            if (fault.claim == Claim::Fine)
                 return false;
-            if (first.what.empty())
+            if (first.claim == Claim::Fine)
                 first = fault;
         }
-        std::string what = (first.bRefused ? "the driver refuses it: " : "it never fires: ") + first.what;
+        if (first.claim == Claim::Once && ExamineModes(i))
+            return true;
+        std::string what = first.claim == Claim::Refused ? "the driver refuses it: "
+                           : first.claim == Claim::Once  ? "it fires with the first report and never again: "
+                                                         : "it never fires: ";
+        what += first.what;
         Warn(i, !m_kind && first.bOfKind ? what + "; nor does another kind of keyboard take it" : what);
         return true;
     }
@@ -81,6 +88,8 @@ private:
         for (size_t k = 0; k < i; ++k) {
             const KeyDefinition& other = m_config.definitions[k];
             unsigned uLine = m_config.definitionLines[k];
+            if (!IsTaken(k))
+                continue;
             if (IsSame(other, own)) {
                 Warn(i, fmt::format("the driver refuses it: it is the one of line {} again", uLine));
                 return true;
@@ -95,43 +104,66 @@ private:
                                     uLine));
                 return true;
             }
-            if (own.ulType == Hotkey && other.ulId == own.ulId && other.ulSwallow != own.ulSwallow) {
-                Warn(i, fmt::format("its swallow has no effect: that of line {}, with the same id, counts",
-                                    uLine));
-                return false;
-            }
         }
         return false;
     }
 
+    // One that the driver refuses does nothing to the others.
+    bool IsTaken(size_t i) const
+    {
+        KeyboardKind kind = m_kind.value_or(KeyboardKind::Normal);
+        return FaultOf(m_config.definitions[i], m_config, kind).claim != Claim::Refused;
+    }
+
+    // The driver looks a hotkey's swallow up by its id and takes the first.
+    void ExamineSameId(size_t i)
+    {
+        const KeyDefinition& own = m_config.definitions[i];
+        for (size_t k = 0; k < i; ++k)
+            if (m_config.definitions[k].ulId == own.ulId &&
+                m_config.definitions[k].ulSwallow != own.ulSwallow)
+                return Warn(
+                    i, fmt::format("its swallow has no effect: that of line {}, with the same id, counts",
+                                   m_config.definitionLines[k]));
+    }
+
     // Discard mode and point of sale take a report before the hotkeys see it.
-    void ExamineModes(size_t i)
+    bool ExamineModes(size_t i)
     {
         for (size_t k = 0; k < m_config.definitions.size(); ++k) {
             uint32_t ulType = m_config.definitions[k].ulType;
-            if (ulType != DiscardMode && ulType != PointOfSale)
+            if ((ulType != DiscardMode && ulType != PointOfSale) || !IsTaken(k))
                 continue;
             Warn(i, fmt::format("it never fires: the {} definition of line {} takes every report",
                                 ulType == DiscardMode ? "discard-mode" : "point-of-sale",
                                 m_config.definitionLines[k]));
-            return;
+            return true;
         }
+        return false;
     }
 
     void ExaminePrefixes(size_t i)
     {
-        const struct {
-            uint32_t ulBit;
-            const char *pModifier, *pSetting, *pKey;
-        } prefixes[] = {{0x10000000, "prefix1", "Prefix1", "International 3 (0x7D)"},
-                        {0x20000000, "prefix2", "Prefix2", "International 5 (0x7B)"},
-                        {0x08000000, "pos", "PosKeyPrefix", "International 4 (0x79)"}};
-        for (const auto& prefix : prefixes)
+        for (const PrefixSetting& prefix : Prefixes)
             if (m_config.definitions[i].ulModifiers & prefix.ulBit &&
                 !m_config.settings.count(prefix.pSetting))
-                Warn(i, fmt::format(
-                            "it needs {}, which is not set: [settings] has no {}, so the driver takes {}",
-                            prefix.pModifier, prefix.pSetting, prefix.pKey));
+                Warn(i, fmt::format("it needs {}, which is not set: [settings] has no {}, so the driver "
+                                    "takes {} (0x{:X})",
+                                    prefix.pModifier, prefix.pSetting, KeyNameOf(prefix.ulDefault),
+                                    prefix.ulDefault));
+    }
+
+    // Only the low byte counts: 1 takes keys out, any but 0 takes out modifiers that stand alone.
+    void ExamineSwallow(size_t i)
+    {
+        const KeyDefinition& own = m_config.definitions[i];
+        uint32_t ulByte = own.ulSwallow & 0xFF;
+        bool bAlone = own.ulType == Hotkey && own.usScanCount == 0;
+        if (own.ulSwallow > 1)
+            Warn(i,
+                 fmt::format(
+                     "swallow is {}, of which the driver takes the low byte, {}: it swallows{}; write 1 or 0",
+                     own.ulSwallow, ulByte, ulByte == 1 || (bAlone && ulByte) ? "" : " nothing"));
     }
 
     const ReplayConfig& m_config;

@@ -1,7 +1,6 @@
 // command.cpp - tvusb keys: every key with a name, as the driver's key table knows it.
 //
 //   name  other names   usage   scan code   Jaalaa pattern   Chic pattern
-#include "sys/report/keytable.h"
 #include "tools/common/text.h"
 #include "tools/keynames.h"
 #include "tools/verbs.h"
@@ -13,15 +12,6 @@
 namespace
 {
 
-// The row of the driver's table; the keyboard page's keys come first there.
-const KeyTableRow* RowOf(const KeyName& key)
-{
-    constexpr size_t KeyboardRows = 255;
-    const KeyTableRow* pBegin = key.bConsumer ? KeyTable + KeyboardRows : KeyTable;
-    const KeyTableRow* pEnd = key.bConsumer ? std::end(KeyTable) : KeyTable + KeyboardRows;
-    return std::find_if(pBegin, pEnd, [&](const KeyTableRow& row) { return row.usUsage == key.usUsage; });
-}
-
 std::string PatternText(ULONG ulPattern)
 {
     return ulPattern ? fmt::format("0x{:08X}", ulPattern) : "-";
@@ -29,17 +19,16 @@ std::string PatternText(ULONG ulPattern)
 
 std::string LineOf(const KeyName& key)
 {
-    const KeyTableRow* pRow = RowOf(key);
     std::string names = key.pNames;
     size_t cBar = names.find('|');
     std::string others = cBar == names.npos ? "" : names.substr(cBar + 1);
     for (size_t cAt; (cAt = others.find('|')) != others.npos;)
         others.replace(cAt, 1, ", ");
-    std::string scan = key.ulMakeCode ? HexOf(MakeCodeBytes(key.ulMakeCode), " ") : "-";
+    std::string scan = key.MakeCode() ? HexOf(MakeCodeBytes(key.MakeCode()), " ") : "-";
     std::transform(scan.begin(), scan.end(), scan.begin(), [](unsigned char c) { return toupper(c); });
     return fmt::format("{:<20}  {:<8}  0x{:03X}  {:<11}  {:<10}  {:<10}  {}", names.substr(0, cBar),
                        key.bConsumer ? "media" : "keyboard", key.usUsage, scan,
-                       PatternText(pRow->ulHIDJaalaa), PatternText(pRow->ulHIDChic), others);
+                       PatternText(key.pRow->ulHIDJaalaa), PatternText(key.pRow->ulHIDChic), others);
 }
 
 int Print(const std::string& filter)

@@ -95,9 +95,9 @@ private:
     // A key by its name where the setting is a key: its scan code, or the mode hotkey of a standard report.
     uint32_t ReadKeySetting(SettingKind kind, const toml::node& node) const
     {
-        const KeyName& key = KeyOf(node);
+        const KeyName& key = KeyOf(node, node.as_string()->get());
         if (kind == SettingKind::ScanCode)
-            return key.ulMakeCode;
+            return key.MakeCode();
         if (key.bConsumer)
             Fail(node, fmt::format("'{}' is no key of the standard report; give the number",
                                    node.as_string()->get()));
@@ -157,7 +157,9 @@ private:
             Fail(table, "a definition needs an id");
         definition.ulId = NumberOf(*table.get("id"), "id");
         definition.ulType = table.get("type") ? NumberOf(*table.get("type"), "type") : 1;
-        definition.ulSwallow = table.get("swallow") ? NumberOf(*table.get("swallow"), "swallow") : 0;
+        if (const toml::node* pNode = table.get("swallow"))
+            definition.ulSwallow =
+                pNode->is_boolean() ? pNode->as_boolean()->get() : NumberOf(*pNode, "swallow");
         definition.ulModifiers = table.get("modifiers") ? ReadModifiers(*table.get("modifiers")) : 0;
 
         std::vector<uint8_t> scans;
@@ -166,7 +168,7 @@ private:
         if (const toml::node* pNode = table.get("scans"))
             scans = ReadScans(*pNode);
         if (const toml::node* pNode = table.get("keys"))
-            scans = ReadKeys(*pNode);
+            scans = ReadKeys(*pNode, definition.ulModifiers);
         // A count above the room is the driver's to refuse; the record carries what it has room for.
         definition.usScanCount = static_cast<uint16_t>(scans.size());
         std::copy_n(scans.begin(), std::min(scans.size(), sizeof(definition.ucScans)), definition.ucScans);
@@ -200,12 +202,21 @@ private:
         return scans;
     }
 
-    std::vector<uint8_t> ReadKeys(const toml::node& node) const
+    // Each element is a key, or a chord: modifiers before the key, as in "ctrl+F1".
+    std::vector<uint8_t> ReadKeys(const toml::node& node, uint32_t& ulModifiers) const
     {
         std::vector<uint8_t> scans;
         for (const toml::node& element : ArrayOf(node, "keys is a list of names")) {
-            (void)TextOf(element, "a key");
-            for (uint8_t ucByte : MakeCodeBytes(KeyOf(element).ulMakeCode))
+            std::string_view name = TextOf(element, "a key");
+            while (!FindKeyByName(name)) {
+                size_t cPlus = name.find('+');
+                auto mask = cPlus == name.npos ? std::nullopt : FindModifierMask(name.substr(0, cPlus));
+                if (!mask)
+                    break;
+                ulModifiers |= *mask;
+                name.remove_prefix(cPlus + 1);
+            }
+            for (uint8_t ucByte : MakeCodeBytes(KeyOf(element, name).MakeCode()))
                 scans.push_back(ucByte);
         }
         if (scans.size() > 0xFFFF)
@@ -214,13 +225,12 @@ private:
     }
 
     // A key by its name, which stands there.
-    const KeyName& KeyOf(const toml::node& node) const
+    const KeyName& KeyOf(const toml::node& node, std::string_view name) const
     {
-        const std::string& name = node.as_string()->get();
         const KeyName* pKey = FindKeyByName(name);
         if (!pKey)
             Fail(node, fmt::format("unknown key name '{}'{}", name, DidYouMean(name, KnownKeyNames(true))));
-        if (pKey->ulMakeCode == 0)
+        if (pKey->MakeCode() == 0)
             Fail(node, fmt::format("the key '{}' has no PS/2 scan code", name));
         return *pKey;
     }

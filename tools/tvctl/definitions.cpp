@@ -43,7 +43,7 @@ const KeyName* FirstKey(const std::vector<uint8_t>& scans, size_t cAt, size_t* p
     const KeyName* pFound = nullptr;
     *pcBytes = 0;
     for (const KeyName& key : AllKeyNames()) {
-        std::vector<uint8_t> code = key.ulMakeCode ? MakeCodeBytes(key.ulMakeCode) : std::vector<uint8_t>();
+        std::vector<uint8_t> code = key.MakeCode() ? MakeCodeBytes(key.MakeCode()) : std::vector<uint8_t>();
         bool bThere =
             code.size() <= scans.size() - cAt && std::equal(code.begin(), code.end(), scans.begin() + cAt);
         if (bThere && code.size() > *pcBytes) {
@@ -119,10 +119,10 @@ KeyDefinition ReadChord(const std::string& words, uint32_t ulId)
             names.insert(names.end(), modifiers.begin(), modifiers.end());
             throw InputError(fmt::format("no key is '{}'{}", word, DidYouMean(word, names)));
         }
-        if (pKey && pKey->ulMakeCode == 0)
+        if (pKey && pKey->MakeCode() == 0)
             throw InputError(fmt::format("the key '{}' has no PS/2 scan code", word));
         ulModifiers |= modifier.value_or(0);
-        for (uint8_t ucByte : pKey ? MakeCodeBytes(pKey->ulMakeCode) : std::vector<uint8_t>())
+        for (uint8_t ucByte : pKey ? MakeCodeBytes(pKey->MakeCode()) : std::vector<uint8_t>())
             scans.push_back(ucByte);
     }
     if (scans.size() > sizeof(KeyDefinition::ucScans))
