@@ -171,10 +171,11 @@ Block LastAdd(unsigned count)
     };
 }
 
-// With the log on; each report's text goes to the file, or none does and the buffer is full.
+// With the log on: typing whose text goes to the file report by report; or presses, of which each tells more than the
+// buffer holds, the slowest of them.
 Block Logged(bool bDrained)
 {
-    const Deed& deed = *FindDeed("press");
+    const Deed& deed = *FindDeed(bDrained ? "typing" : "press");
     Hotkeys list = deed.List;
     list.Count = 511;
     auto stage = std::make_shared<Stage>(list, 1, 3);

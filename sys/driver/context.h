@@ -303,7 +303,7 @@ struct DriverGlobals {
     KDPC LogDpc;
     KEVENT LogEvent;         // synchronization
     UCHAR ucLogDpcPending;   // (x)
-    UCHAR ucLogEventPending; // (x)
+    UCHAR ucLogEventPending; // (x) LogEvent is set, or will be at once
     UCHAR ucLogStop;         // (x) the drain shall end
     UCHAR ucLogCut;          // (x) text was cut or dropped since the last drain; written under LogLock
     char cLogWritten;        // the drain's: the last character that it wrote, 0: none yet

@@ -21,8 +21,7 @@ static KSTART_ROUTINE DrainThread;
 static void NTAPI LogDpcRoutine(PKDPC, PVOID, PVOID, PVOID)
 {
     WriteShared(Globals.ucLogDpcPending, 0);
-    KeSetEvent(&Globals.LogEvent, IO_NO_INCREMENT, FALSE);
-    WriteShared(Globals.ucLogEventPending, 1);
+    SignalLogEvent();
 }
 
 // IRQL = PASSIVE, once at driver entry.

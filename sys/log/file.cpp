@@ -126,6 +126,9 @@ static NTSTATUS AppendPiece(LogFile* pFile, const char* pText, ULONG ulLength)
 // The length of the whole lines at the text's start that take no more than llRoom; at least one line.
 static ULONG MeasureLines(const char* pText, ULONG ulLength, LONGLONG llRoom)
 {
+    if (ulLength <= llRoom) {
+        return ulLength;
+    }
     ULONG ulFit = 0;
     for (ULONG i = 0; i < ulLength; i++) {
         if (pText[i] == '\n' || i + 1 == ulLength) {

@@ -16,8 +16,10 @@
 
 enum : ULONG {
     MESSAGE_BYTES = 2048,
-    DUMP_LINE_BYTES = 160,
+    DUMP_LINE_BYTES = 320,
+    DUMP_TITLE_BYTES = 240, // of a title at the most
     DUMP_GROUP = 16,
+    TIME_BYTES = 64,
     LOG_FULL = LOG_BUFFER_BYTES - LOG_RESERVE_BYTES, // the text's NUL at the latest stands before it
     ONLY_LEVEL = 10, // this log level lets only messages of the same level pass
 };
@@ -57,23 +59,19 @@ bool IsLevelOn(UCHAR ucLevel)
     return IsLevelKept(ucLevel) && (Settings.ulLogLevel != ONLY_LEVEL || ucLevel == ONLY_LEVEL);
 }
 
-// The time as a line's head. Returns the text's new length.
-// IRQL = DISPATCH or above, under LogLock. Fails: the end is cut; the mark is set.
-static ULONG AppendTime(char* pszLog, ULONG ulLength)
+// With leading zeros. Returns the text's new end.
+static char* AppendNumber(char* pszEnd, ULONG ulNumber, ULONG ulLeast)
 {
-    LARGE_INTEGER now;
-    TIME_FIELDS time;
-    KeQuerySystemTime(&now);
-    RtlTimeToTimeFields(&now, &time);
-    const NTSTATUS status = LogFormat(
-        pszLog + ulLength, LOG_FULL - ulLength, "%02u/%02u/%04u %02u:%02u:%02u:%03u -- ",
-        static_cast<unsigned>(time.Day), static_cast<unsigned>(time.Month), static_cast<unsigned>(time.Year),
-        static_cast<unsigned>(time.Hour), static_cast<unsigned>(time.Minute),
-        static_cast<unsigned>(time.Second), static_cast<unsigned>(time.Milliseconds));
-    if (status != STATUS_SUCCESS) {
-        WriteShared(Globals.ucLogCut, 1);
+    char Digits[10];
+    ULONG ulDigits = 0;
+    do {
+        Digits[ulDigits++] = static_cast<char>('0' + ulNumber % 10);
+        ulNumber /= 10;
+    } while (ulNumber != 0 || ulDigits < ulLeast);
+    while (ulDigits != 0) {
+        *pszEnd++ = Digits[--ulDigits];
     }
-    return ulLength + static_cast<ULONG>(strlen(pszLog + ulLength));
+    return pszEnd;
 }
 
 // Returns the text's new length.
@@ -88,6 +86,33 @@ static ULONG AppendText(char* pszLog, ULONG ulLength, const char* pszText)
         WriteShared(Globals.ucLogCut, 1);
     }
     return ulLength;
+}
+
+// The time as a line's head. Returns the text's new length.
+// IRQL = DISPATCH or above, under LogLock. Fails: the end is cut; the mark is set.
+static ULONG AppendTime(char* pszLog, ULONG ulLength)
+{
+    LARGE_INTEGER now;
+    TIME_FIELDS time;
+    KeQuerySystemTime(&now);
+    RtlTimeToTimeFields(&now, &time);
+    char szTime[TIME_BYTES];
+    char* pszEnd = szTime;
+    const struct {
+        SHORT sValue;
+        USHORT usDigits;
+        const char* pszBehind;
+    } parts[] = {
+        {time.Day, 2, "/"},    {time.Month, 2, "/"},  {time.Year, 4, " "},           {time.Hour, 2, ":"},
+        {time.Minute, 2, ":"}, {time.Second, 2, ":"}, {time.Milliseconds, 3, " -- "}};
+    for (const auto& part : parts) {
+        pszEnd = AppendNumber(pszEnd, static_cast<ULONG>(part.sValue), part.usDigits);
+        for (const char* pszText = part.pszBehind; *pszText != '\0'; pszText++) {
+            *pszEnd++ = *pszText;
+        }
+    }
+    *pszEnd = '\0';
+    return AppendText(pszLog, ulLength, szTime);
 }
 
 // Whether a line finds a place at all.
@@ -113,6 +138,15 @@ static void AppendLine(char* pszLog, UCHAR ucTimestamp, const char* pszText)
     WriteShared(Globals.ulLogLength, AppendText(pszLog, ulLength, "\r\n"));
 }
 
+// Sets the event unless the drain has yet to take the last one: it clears the mark before it looks at the text, so
+// it sees what was appended before the mark was found.
+void SignalLogEvent()
+{
+    if (ReadShared(Globals.ucLogEventPending) == 0 && ExchangeShared(Globals.ucLogEventPending, 1) == 0) {
+        KeSetEvent(&Globals.LogEvent, IO_NO_INCREMENT, FALSE);
+    }
+}
+
 // Above DISPATCH_LEVEL an event cannot be set; the deferred call does it.
 // IRQL any.
 static void SignalDrain()
@@ -121,8 +155,7 @@ static void SignalDrain()
         WriteShared(Globals.ucLogDpcPending, 1);
         KeInsertQueueDpc(&Globals.LogDpc, nullptr, nullptr);
     } else {
-        KeSetEvent(&Globals.LogEvent, IO_NO_INCREMENT, FALSE);
-        WriteShared(Globals.ucLogEventPending, 1);
+        SignalLogEvent();
     }
 }
 
@@ -154,7 +187,7 @@ static bool FindRoom()
     if (IsThereRoom()) {
         return true;
     }
-    {
+    if (ReadShared(Globals.ucLogCut) == 0) {
         LogScope scope;
         WriteShared(Globals.ucLogCut, 1);
     }
@@ -175,7 +208,7 @@ void LogPrintf(UCHAR ucLevel, UCHAR ucTimestamp, const char* pszFormat, ...)
     va_end(arguments);
 }
 
-// One line of at most 16 bytes under its title and range.
+// One line of at most 16 bytes under its title and range; made by hand, because a report may tell a thousand of them.
 // IRQL any. Lock: takes LogLock.
 NOINLINE static void DumpGroup(const char* pszTitle, ULONG ulFirst, ULONG ulCount, const UCHAR* pBuf)
 {
@@ -185,6 +218,16 @@ NOINLINE static void DumpGroup(const char* pszTitle, ULONG ulFirst, ULONG ulCoun
     if (!FindRoom()) {
         return;
     }
+    while (*pszTitle != '\0' && pszEnd < szLine + DUMP_TITLE_BYTES) {
+        *pszEnd++ = *pszTitle++;
+    }
+    *pszEnd++ = '[';
+    pszEnd = AppendNumber(pszEnd, ulFirst, 2);
+    *pszEnd++ = '-';
+    pszEnd = AppendNumber(pszEnd, ulFirst + ulCount - 1, 2);
+    *pszEnd++ = ']';
+    *pszEnd++ = ':';
+    *pszEnd++ = ' ';
     for (ULONG i = 0; i < ulCount; i++) {
         const UCHAR ucByte = pBuf[ulFirst + i];
         *pszEnd++ = Digits[ucByte >> 4];
@@ -192,8 +235,7 @@ NOINLINE static void DumpGroup(const char* pszTitle, ULONG ulFirst, ULONG ulCoun
         *pszEnd++ = ' ';
     }
     *pszEnd = '\0';
-    LogPrintf(LOG_TRAFFIC, 1, "%s[%02u-%02u]: %s", pszTitle, static_cast<unsigned>(ulFirst),
-              static_cast<unsigned>(ulFirst + ulCount - 1), szLine);
+    LogWrite(LOG_TRAFFIC, 0, 1, szLine);
 }
 
 // The bytes in lines of 16, the rest in a last, shorter one.

@@ -6,6 +6,9 @@
 // format.cpp
 NTSTATUS LogFormatArguments(char* pszOut, size_t cbOut, const char* pszFormat, va_list arguments);
 
+// log.cpp: IRQL <= DISPATCH. The drain will look at the text.
+void SignalLogEvent();
+
 // Holds the log's lock, the leaf. Above DISPATCH_LEVEL the text is used without it.
 class LogScope
 {

@@ -159,7 +159,8 @@ TEST_F(LogText, NothingIsFormattedForAFullBuffer)
     memset(m_Buffer, 'b', 40949);
     CutTo(40949);
     formatted = -1;
-    KeResetEvent(&Globals.LogEvent);
+    KeResetEvent(&Globals.LogEvent); // as the drain takes it
+    Globals.ucLogEventPending = 0;
     LogPrintf(1, 0, "none%n", &formatted);
     LogWrite(1, 0, 0, "made before somebody else took the room");
     EXPECT_EQ(-1, formatted);
@@ -178,7 +179,8 @@ TEST_F(LogText, FromAnyLevel)
         LogPrintf(1, 0, "dispatch");
         EXPECT_EQ(DISPATCH_LEVEL, KeGetCurrentIrql());
     }
-    KeResetEvent(&Globals.LogEvent);
+    KeResetEvent(&Globals.LogEvent); // as the drain takes it
+    Globals.ucLogEventPending = 0;
     KeRaiseIrql(HIGH_LEVEL, &oldIrql);
     LogPrintf(1, 0, "above");
     EXPECT_EQ(HIGH_LEVEL, KeGetCurrentIrql());
