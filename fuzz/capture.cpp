@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pBytes, size_t cBytes)
     try {
         Script script = ReadInput(FuzzFolder() + "/capture");
         ReplayConfig config;
-        auto pPrinter = bTable ? MakeTablePrinter(pNowhere, true) : MakeJsonPrinter(pNowhere);
+        auto pPrinter = bTable ? MakeTablePrinter(pNowhere, {true}) : MakeJsonPrinter(pNowhere);
         uLeft = RunReplay(script, {DriverEntry, {&EmuBootKeyboard, &EmuPowerKeyboard}, config}, *pPrinter);
     } catch (const std::runtime_error&) { // no input that can be read, or a keyboard that cannot be started
     }

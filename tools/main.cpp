@@ -2,6 +2,7 @@
 //
 // Exit status: 0 all went well, 1 the run failed or a check found something, 2 the command line or an input is
 // bad.
+#include "common/commandline.h"
 #include "common/failure.h"
 #include "verbs.h"
 
@@ -9,7 +10,7 @@
 
 int main(int argc, char** argv)
 {
-    CLI::App app("tvusb - the keyboard filter driver on your own machine");
+    CLI::App app("tvusb - the keyboard filter driver on your own machine", "tvusb");
     app.set_version_flag("--version", TV64USB_VERSION);
     app.require_subcommand(1);
     Verbs verbs;
@@ -17,11 +18,8 @@ int main(int argc, char** argv)
     AddMacroVerbs(app, verbs);
     AddKeysVerb(app, verbs);
     AddCheckVerb(app, verbs);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? ExitGood : ExitBadInput;
-    }
+    if (auto status = ParseCommandLine(app, argc, argv, ExitBadInput))
+        return *status;
     try {
         for (const Verb& verb : verbs)
             if (verb.pCommand->parsed())

@@ -26,12 +26,12 @@ template <typename Act> std::string Printed(std::unique_ptr<ReplayPrinter> (*mak
 
 std::unique_ptr<ReplayPrinter> PlainTable(FILE* pOut)
 {
-    return MakeTablePrinter(pOut, false);
+    return MakeTablePrinter(pOut, {});
 }
 
 std::unique_ptr<ReplayPrinter> ColourTable(FILE* pOut)
 {
-    return MakeTablePrinter(pOut, true);
+    return MakeTablePrinter(pOut, {true});
 }
 
 const Bytes CtrlF1 = {1, 0, 0x3A, 0, 0, 0, 0, 0};
@@ -56,8 +56,8 @@ TEST(Json, PrintsEachThingToTheLetter)
         keyboard.usProduct = 1;
         keyboard.name = "A \"b\\\" \t\xC3\xA9";
         printer.Keyboard(0, 0, 0, 1, keyboard);
-        printer.Definition(0, 0, 7, 0);
-        printer.Definition(1, 1, 4294967295u, 0xC0000001);
+        printer.Definition(0, 0, 7, 0, "");
+        printer.Definition(1, 1, 4294967295u, 0xC0000001, "why");
         printer.Report(12030927, 0, CtrlF1, Empty);
         printer.Report(12030928, 0, std::nullopt, {1, 0xAB});
         printer.Event(12030927, 0, Event(7, 1));
@@ -184,15 +184,30 @@ TEST(Table, ColoursWhatTheDriverChanged)
     EXPECT_EQ(same.npos, same.find("\x1b[33m")) << same;
 }
 
+// Below 100 columns the parts of a line stand below each other, and the arrow is one that the locale has.
+TEST(Table, FitsANarrowTerminal)
+{
+    auto narrow = [](FILE* pOut) { return MakeTablePrinter(pOut, {false, false, 80}); };
+    std::string text = Printed(narrow, [](ReplayPrinter& printer) {
+        printer.Report(14301076, 0, CtrlF1, Empty);
+        printer.Event(14301076, 0, Event(7, 1));
+        printer.End(0, {});
+    });
+    EXPECT_EQ(0u, text.find("  14.301076    0  01 00 3a 00 00 00 00 00  LCtrl+F1\n"
+                            "                  ->  00 00 00 00 00 00 00 00"))
+        << text;
+    EXPECT_NE(text.npos, text.find("\n                  hotkey 7 down\n")) << text;
+}
+
 TEST(Table, KeepsADevicesNameFromDrivingTheTerminal)
 {
     std::string text = Printed(PlainTable, [](ReplayPrinter& printer) {
         ScriptKeyboard keyboard;
         keyboard.name = "evil\x1b[2J";
         printer.Keyboard(0, 0, 0, 1, keyboard);
-        printer.Definition(0, 0, 7, 0xC0000001);
+        printer.Definition(0, 0, 7, 0xC0000001, "no key has it");
     });
     EXPECT_EQ("   0.000000    0  keyboard 0000:0000 evil?[2J, normal (device 0)\n"
-              "   0.000000    0  definition 7 refused: status 0xc0000001\n",
+              "   0.000000    0  definition 7 refused: no key has it (status 0xc0000001)\n",
               text);
 }

@@ -99,6 +99,11 @@ TEST_F(Program, LeavesNoHalfFiles)
     Write("old.bin", "as it was");
     ExpectBadInput("macro compile bad.toml old.bin", "bad.toml:4: ");
     ExpectBadInput("macro compile bad.toml new.bin", "bad.toml:4: ");
+    Write("worse.toml", GoodMacro + "\n[[macro]]\nplay = [\"ctr+c\", \"F99\"]\nmark = 1\n");
+    Outcome all = Run("macro compile worse.toml new.bin"); // all mistakes, each with its line
+    EXPECT_EQ(2, all.iStatus);
+    EXPECT_EQ(3, std::count(all.err.begin(), all.err.end(), '\n')) << all.err;
+    std::filesystem::remove(Path("worse.toml"));
     ExpectBadInput("macro compile none.toml new.bin", "none.toml:1: cannot be read");
     EXPECT_EQ("as it was", ContentOf(Path("old.bin")));
     EXPECT_EQ(3u, FilesThere());
@@ -139,6 +144,51 @@ TEST_F(Program, SaysWhatIsWrongWithAnInput)
     EXPECT_EQ(1, checked.iStatus);
     EXPECT_EQ("warn.toml:1: warning: definition 0: it never fires: the driver makes no hotkey of id 0\n",
               checked.out);
+}
+
+TEST_F(Program, NamesTheNearestOfWrongNames)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        {"rplay", "there is no verb 'rplay' (did you mean 'replay'?); tvusb --help lists them"},
+        {"macro shwo x", "there is no verb 'shwo' (did you mean 'show'?); tvusb macro --help lists them"},
+        {"replay --jsn x",
+         "there is no option --jsn (did you mean '--json'?); tvusb replay --help lists them"},
+        {"replay --config c.toml --keybord=power x",
+         "there is no option --keybord (did you mean '--keyboard'?)"},
+        {"--verison", "there is no option --verison (did you mean '--version'?); tvusb --help lists them"},
+        {"", "a verb is missing; tvusb --help lists them"},
+        {"macro", "a verb is missing; tvusb macro --help lists them"},
+        {"replay", "INPUT is required"},
+        {"replay a b", "The following argument was not expected: b"},
+    };
+    for (const auto& [pArguments, pSaid] : cases)
+        ExpectBadInput(pArguments, pSaid);
+    Outcome version = Run("--version");
+    EXPECT_EQ(0, version.iStatus);
+    EXPECT_TRUE(isdigit(static_cast<unsigned char>(version.out[0]))) << version.out;
+}
+
+// Made from the same declarations as --help: every verb and option of it is there, and the shell finds them.
+TEST_F(Program, MakesItsPageAndItsCompletion)
+{
+    const std::string page = Run("--man").out;
+    for (const char* pPart : {".TH tvusb 1", ".SH tvusb macro compile\n",
+                              "\\-\\-keyboard normal|power|consumer|jaalaa|chic|other"})
+        EXPECT_NE(page.npos, page.find(pPart)) << pPart << "\n" << page;
+    const std::pair<const char*, const char*> cases[] = {
+        {"tvusb ma", "macro"},
+        {"tvusb macro co", "compile"},
+        {"tvusb replay --js", "--json"},
+        {"tvusb check --keyboard j", "jaalaa"},
+        {"tvusb replay --json --conf", "--config"},
+    };
+    for (const auto& [pLine, pWord] : cases) {
+        Write("complete.sh", Run("--completion").out + "COMP_WORDS=(" + pLine +
+                                 "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n"
+                                 "_tvusb; printf '%s\\n' \"${COMPREPLY[@]}\"\n");
+        Outcome said = Run("--version >/dev/null; bash complete.sh");
+        EXPECT_EQ(pWord + std::string("\n"), said.out) << pLine << said.err;
+    }
 }
 
 TEST_F(Program, ListsKeys)

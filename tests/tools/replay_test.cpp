@@ -41,7 +41,7 @@ public:
     {
         m_json->Keyboard(ullUs, uKeyboard, ulIndex, uType, keyboard);
     }
-    void Definition(uint64_t, unsigned, uint32_t, uint32_t) override {}
+    void Definition(uint64_t, unsigned, uint32_t, uint32_t, const std::string&) override {}
     void Report(uint64_t ullUs, unsigned uKeyboard, const std::optional<Bytes>& sent,
                 const Bytes& seen) override
     {

@@ -38,9 +38,23 @@ size_t Tell(FILE* pOut, const std::string& file, bool bReadable, const MacroFile
     return cTold;
 }
 
+// Fails (InputError): after all mistakes but the last were told.
+MacroFile CompileAll(const std::string& file)
+{
+    std::vector<Problem> problems;
+    MacroFile macros = CompileMacros(file, ReadWholeText(file), &problems);
+    for (size_t i = 0; i < problems.size(); ++i) {
+        std::string line = fmt::format("{}:{}: {}", file, problems[i].uLine, problems[i].what);
+        if (i + 1 == problems.size())
+            throw InputError(line, problems[i].uLine);
+        fmt::print(stderr, "tvusb: {}\n", line);
+    }
+    return macros;
+}
+
 int Compile(const std::string& input, const std::string& output)
 {
-    MacroFile macros = CompileMacros(input, ReadWholeText(input));
+    MacroFile macros = CompileAll(input);
     WriteWholeFile(output, BytesOf(macros));
     Tell(stderr, input, true, macros, output);
     return ExitGood;
@@ -55,8 +69,7 @@ int Show(const std::string& file)
 int Check(const std::string& file)
 {
     bool bReadable = LowerCase(std::filesystem::path(file).extension().string()) == ".toml";
-    MacroFile macros =
-        bReadable ? CompileMacros(file, ReadWholeText(file)) : ReadMacroFile(file, ReadWholeFile(file));
+    MacroFile macros = bReadable ? CompileAll(file) : ReadMacroFile(file, ReadWholeFile(file));
     if (Tell(stdout, file, bReadable, macros, file) != 0)
         return ExitFailed;
     fmt::print("{}: {} macro{}, nothing to warn of\n", file, macros.macros.size(),

@@ -16,7 +16,7 @@ namespace
 class MacroCompiler : TomlReader
 {
 public:
-    explicit MacroCompiler(const std::string& file) : TomlReader(file, nullptr) {}
+    MacroCompiler(const std::string& file, std::vector<Problem>* pProblems) : TomlReader(file, pProblems) {}
 
     MacroFile Compile(std::string_view text)
     {
@@ -24,13 +24,15 @@ public:
         RefuseUnknownKeys(root, {"macro", "reserved", "tail"}, "the file");
         if (const toml::node* pNode = root.get("macro"))
             for (const toml::node& table : TablesOf(*pNode, "macros are tables: [[macro]]"))
-                m_macros.macros.push_back(ReadMacro(*table.as_table()));
+                Try([&] { m_macros.macros.push_back(ReadMacro(*table.as_table())); });
         if (const toml::node* pNode = root.get("tail"))
-            m_macros.tail = HexOf(*pNode, "tail");
+            Try([&] { m_macros.tail = HexOf(*pNode, "tail"); });
         if (const toml::node* pNode = root.get("reserved"))
-            ReadReserved(*pNode);
-        if (!m_macros.tail.empty() && ReadMacroFile(m_file, BytesOf(m_macros)).tail != m_macros.tail)
-            Fail(*root.get("tail"), "tail holds a whole record; it is the beginning of one that is cut");
+            Try([&] { ReadReserved(*pNode); });
+        Try([&] {
+            if (!m_macros.tail.empty() && ReadMacroFile(m_file, BytesOf(m_macros)).tail != m_macros.tail)
+                Fail(*root.get("tail"), "tail holds a whole record; it is the beginning of one that is cut");
+        });
         return std::move(m_macros);
     }
 
@@ -50,13 +52,13 @@ private:
         RefuseUnknownKeys(table, {"key", "modifiers", "mark", "play", "rest"}, "[[macro]]");
         MacroEntry entry;
         entry.uLine = LineOf(table);
-        entry.usKey = ReadTrigger(table);
+        Try([&] { entry.usKey = ReadTrigger(table); });
         if (const toml::node* pNode = table.get("play")) {
             if (const auto* pArray = pNode->as_array())
                 for (const toml::node& element : *pArray)
-                    Play(element, entry.actions);
+                    Try([&] { Play(element, entry.actions); });
             else
-                Play(*pNode, entry.actions);
+                Try([&] { Play(*pNode, entry.actions); });
         }
         if (const toml::node* pNode = table.get("rest")) {
             entry.rest = HexOf(*pNode, "rest");
@@ -211,7 +213,7 @@ private:
 
 } // namespace
 
-MacroFile CompileMacros(const std::string& file, std::string_view text)
+MacroFile CompileMacros(const std::string& file, std::string_view text, std::vector<Problem>* pProblems)
 {
-    return MacroCompiler(file).Compile(text);
+    return MacroCompiler(file, pProblems).Compile(text);
 }

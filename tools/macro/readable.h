@@ -13,12 +13,15 @@
 #pragma once
 
 #include "file.h"
+#include "tools/common/tomlreader.h"
 
 #include <string>
 #include <string_view>
 
 // compile.cpp. Fails (InputError): a mistake, with its line.
-MacroFile CompileMacros(const std::string& file, std::string_view text);
+// With a list of problems, mistakes go there and the reading goes on; the result is not to be used then.
+MacroFile CompileMacros(const std::string& file, std::string_view text,
+                        std::vector<Problem>* pProblems = nullptr);
 
 // show.cpp: compiled again this gives the same bytes. name: of the file, for the comment at the top.
 std::string ShowMacros(const std::string& name, const MacroFile& macros);

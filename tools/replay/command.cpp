@@ -5,8 +5,6 @@
 #include "replay.h"
 #include "tools/verbs.h"
 
-#include <unistd.h>
-
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistryPath);
 
 namespace
@@ -25,8 +23,7 @@ int Replay(const Arguments& arguments)
     ReplayConfig config;
     if (!arguments.config.empty())
         config = ReadConfig(arguments.config);
-    bool bColour = isatty(STDOUT_FILENO) && !getenv("NO_COLOR");
-    auto printer = arguments.bJson ? MakeJsonPrinter(stdout) : MakeTablePrinter(stdout, bColour);
+    auto printer = arguments.bJson ? MakeJsonPrinter(stdout) : MakeTablePrinter(stdout, TerminalOf(stdout));
     ReplaySetup setup{DriverEntry, {}, config};
     for (const std::string& name : arguments.keyboards)
         setup.kinds.push_back(EmuMachine::FindKind(name));

@@ -26,7 +26,8 @@ public:
                    QuotedJson(keyboard.name));
     }
 
-    void Definition(uint64_t ullUs, unsigned uKeyboard, uint32_t ulId, uint32_t ulStatus) override
+    void Definition(uint64_t ullUs, unsigned uKeyboard, uint32_t ulId, uint32_t ulStatus,
+                    const std::string&) override
     {
         fmt::print(m_pOut,
                    "{{\"type\":\"definition\",\"t_us\":{},\"kbd\":{},\"id\":{},\"status\":\"0x{:08x}\"}}\n",

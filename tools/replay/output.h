@@ -7,6 +7,7 @@
 #include "script.h"
 
 #include "sys/control/requests.h"
+#include "tools/common/terminal.h"
 
 #include <cstdio>
 #include <memory>
@@ -25,7 +26,8 @@ public:
     virtual ~ReplayPrinter() = default;
     virtual void Keyboard(uint64_t ullUs, unsigned uKeyboard, uint32_t ulIndex, unsigned uType,
                           const ScriptKeyboard& keyboard) = 0;
-    virtual void Definition(uint64_t ullUs, unsigned uKeyboard, uint32_t ulId, uint32_t ulStatus) = 0;
+    virtual void Definition(uint64_t ullUs, unsigned uKeyboard, uint32_t ulId, uint32_t ulStatus,
+                            const std::string& why) = 0; // in words, "" when it is taken
     // sent: what the keyboard sent, or nothing when the driver answered the read itself.
     virtual void Report(uint64_t ullUs, unsigned uKeyboard, const std::optional<Bytes>& sent,
                         const Bytes& seen) = 0;
@@ -41,4 +43,4 @@ uint8_t LedFlagsOf(uint8_t ucReport);
 // json.cpp
 std::unique_ptr<ReplayPrinter> MakeJsonPrinter(FILE* pOut);
 // table.cpp; bColour only when the output is a terminal.
-std::unique_ptr<ReplayPrinter> MakeTablePrinter(FILE* pOut, bool bColour);
+std::unique_ptr<ReplayPrinter> MakeTablePrinter(FILE* pOut, const Terminal& terminal);

@@ -12,6 +12,7 @@
 #include "kbdtype.h"
 
 #include "emu/app/application.h"
+#include "tools/check/check.h"
 
 #include <fmt/format.h>
 
@@ -178,8 +179,17 @@ private:
             m_application->StartReportProcessing(ulIndex);
         for (const KeyDefinition& definition : m_setup.config.definitions) {
             NTSTATUS status = m_application->AddDefinition(ulIndex, definition);
-            m_printer.Definition(HostNowUs(), uKeyboard, definition.ulId, static_cast<uint32_t>(status));
+            m_printer.Definition(HostNowUs(), uKeyboard, definition.ulId, static_cast<uint32_t>(status),
+                                 NT_SUCCESS(status) ? "" : WhyRefused(definition, player));
         }
+    }
+
+    // What check says of it; what it does not look at is a matter of what is there already.
+    std::string WhyRefused(const KeyDefinition& definition, const Player& player) const
+    {
+        auto kind = KeyboardKind{KbdTypeOf(player.pKeyboard->Filter())};
+        std::string what = FaultOf(definition, m_setup.config, kind).what;
+        return what.empty() ? "the keyboard has it already, or no room for it" : what;
     }
 
     // Moves the clock to that time, timer by timer: what one did is told, and the reads that follow from it

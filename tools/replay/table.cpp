@@ -4,6 +4,7 @@
 //    14.301076    0  01 00 3a 00 00 00 00 00  LCtrl+F1 →  00 00 00 00 00 00 00 00  hotkey 7 down
 //
 // One line a report, with the events that it caused beside it; the line waits until the next thing happens.
+// Below 100 columns the parts of a line stand below each other.
 // What no report caused (a timer's event, an LED report from above) has a line of its own.
 #include "keys.h"
 #include "output.h"
@@ -23,7 +24,9 @@ const char* const Yellow = "\x1b[33m";
 const char* const Green = "\x1b[32m";
 const char* const Red = "\x1b[31m";
 
-constexpr size_t SideWidth = 40; // columns of "bytes  names" on either side of the arrow
+constexpr unsigned WideColumns = 100;             // below, each part of a report has a line of its own
+const char* const Below = "\n                  "; // where it begins
+constexpr size_t SideWidth = 40;                  // columns of "bytes  names" on either side of the arrow
 
 std::string SideOf(const Bytes& report, unsigned uType)
 {
@@ -39,7 +42,10 @@ const char* TypeName(unsigned uType)
 class TablePrinter final : public ReplayPrinter
 {
 public:
-    TablePrinter(FILE* pOut, bool bColour) : m_pOut(pOut), m_bColour(bColour) {}
+    TablePrinter(FILE* pOut, const Terminal& terminal)
+        : m_pOut(pOut), m_terminal(terminal), m_bNarrow(terminal.uColumns < WideColumns)
+    {
+    }
 
     void Keyboard(uint64_t ullUs, unsigned uKeyboard, uint32_t ulIndex, unsigned uType,
                   const ScriptKeyboard& keyboard) override
@@ -50,20 +56,21 @@ public:
                          Printable(keyboard.name), TypeName(uType), ulIndex));
     }
 
-    void Definition(uint64_t ullUs, unsigned uKeyboard, uint32_t ulId, uint32_t ulStatus) override
+    void Definition(uint64_t ullUs, unsigned uKeyboard, uint32_t ulId, uint32_t ulStatus,
+                    const std::string& why) override
     {
         if (ulStatus == 0)
             Note(ullUs, uKeyboard, Plain, fmt::format("definition {} added", ulId));
         else
             Note(ullUs, uKeyboard, Red,
-                 fmt::format("definition {} refused: status 0x{:08x}", ulId, ulStatus));
+                 fmt::format("definition {} refused: {} (status 0x{:08x})", ulId, why, ulStatus));
     }
 
     void Report(uint64_t ullUs, unsigned uKeyboard, const std::optional<Bytes>& sent,
                 const Bytes& seen) override
     {
         Flush();
-        if (!m_bHead) {
+        if (!m_bHead && !m_bNarrow) {
             std::string head =
                 fmt::format("{:>11}  kbd  {:{}}    {:{}}  {}", "seconds", "the keyboard sent", SideWidth,
                             "the system sees", SideWidth, "the application is told");
@@ -72,9 +79,11 @@ public:
         }
         std::string left = sent ? SideOf(*sent, m_types[uKeyboard]) : "(answered by the driver)";
         const char* pMark = !sent || *sent != seen ? Yellow : Plain;
-        m_line = fmt::format(
-            "{:4}.{:06}  {:>3}  {:{}} {}", ullUs / 1000000, ullUs % 1000000, uKeyboard, left, SideWidth,
-            Painted(pMark, fmt::format("→  {:{}}", SideOf(seen, m_types[uKeyboard]), SideWidth)));
+        const size_t cWidth = m_bNarrow ? 0 : SideWidth;
+        m_line = fmt::format("{:4}.{:06}  {:>3}  {:{}}{}{}", ullUs / 1000000, ullUs % 1000000, uKeyboard,
+                             left, cWidth, m_bNarrow ? Below : " ",
+                             Painted(pMark, fmt::format("{}  {:{}}", m_terminal.bUtf8 ? "→" : "->",
+                                                        SideOf(seen, m_types[uKeyboard]), cWidth)));
         m_ullLine = ullUs;
         m_uLine = uKeyboard;
     }
@@ -123,7 +132,7 @@ private:
     // The text in that colour, when colours are on.
     std::string Painted(const char* pColour, const std::string& text) const
     {
-        return m_bColour && *pColour ? pColour + text + "\x1b[0m" : text;
+        return m_terminal.bColour && *pColour ? pColour + text + "\x1b[0m" : text;
     }
 
     // A name from a device, without what could drive a terminal.
@@ -178,11 +187,12 @@ private:
         if (m_line.empty() || m_ullLine != ullUs || m_uLine != uKeyboard)
             Note(ullUs, uKeyboard, pColour, text);
         else
-            m_line += "  " + Painted(pColour, text);
+            m_line += (m_bNarrow ? Below : "  ") + Painted(pColour, text);
     }
 
     FILE* m_pOut;
-    bool m_bColour;
+    const Terminal m_terminal;
+    const bool m_bNarrow;
     bool m_bHead = false;
     std::map<unsigned, unsigned> m_types; // of the keyboards
     std::string m_line;                   // of the latest report, not printed yet
@@ -196,7 +206,7 @@ private:
 
 } // namespace
 
-std::unique_ptr<ReplayPrinter> MakeTablePrinter(FILE* pOut, bool bColour)
+std::unique_ptr<ReplayPrinter> MakeTablePrinter(FILE* pOut, const Terminal& terminal)
 {
-    return std::make_unique<TablePrinter>(pOut, bColour);
+    return std::make_unique<TablePrinter>(pOut, terminal);
 }

@@ -2,6 +2,7 @@
 //
 // Answers go to standard output, what went wrong to standard error. With --json both are one JSON object a line, and
 // the last line of a failed call is one of type "error".
+#include "tools/common/commandline.h"
 #include "tools/common/failure.h"
 #include "tvctl.h"
 
@@ -49,7 +50,7 @@ int Run(const Options& options, const ControlVerbs& verbs, const MakeTransport& 
 
 int RunTvctl(int argc, const char* const* argv, const MakeTransport& way)
 {
-    CLI::App app("tvctl - the keyboards of the driver Tv64USB, for people and scripts");
+    CLI::App app("tvctl - the keyboards of the driver Tv64USB, for people and scripts", "tvctl");
     Options options;
     app.set_version_flag("--version", TV64USB_VERSION);
     app.add_flag("--json", options.bJson, "answer with one JSON object a line");
@@ -62,10 +63,7 @@ int RunTvctl(int argc, const char* const* argv, const MakeTransport& way)
          {AddListVerbs, AddWatchVerb, AddHotkeyVerbs, AddInsertVerbs, AddSettingVerbs, AddEepromVerbs,
           AddDescriptorVerbs, static_cast<void (*)(CLI::App&, ControlVerbs&)>(AddMacroVerbs), AddDoctorVerb})
         add(app, verbs);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? Done : BadInput;
-    }
+    if (auto status = ParseCommandLine(app, argc, argv, BadInput))
+        return *status;
     return Run(options, verbs, way);
 }
