@@ -264,11 +264,6 @@ static PVOID AllocatePool(POOL_TYPE type, SIZE_T bytes, ULONG ulTag, const char*
     return p;
 }
 
-PVOID ExAllocatePool(POOL_TYPE type, SIZE_T bytes)
-{
-    return AllocatePool(type, bytes, 0x656e6f4e, __func__);
-}
-
 PVOID ExAllocatePoolWithTag(POOL_TYPE type, SIZE_T bytes, ULONG ulTag)
 {
     return AllocatePool(type, bytes, ulTag, __func__);

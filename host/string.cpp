@@ -175,11 +175,6 @@ LONG RtlCompareUnicodeString(PCUNICODE_STRING pFirst, PCUNICODE_STRING pSecond, 
     return LONG(pFirst->Length) - LONG(pSecond->Length);
 }
 
-BOOLEAN RtlEqualUnicodeString(PCUNICODE_STRING pFirst, PCUNICODE_STRING pSecond, BOOLEAN bIgnoreCase)
-{
-    return pFirst->Length == pSecond->Length && RtlCompareUnicodeString(pFirst, pSecond, bIgnoreCase) == 0;
-}
-
 SIZE_T RtlCompareMemory(const void* pFirst, const void* pSecond, SIZE_T length)
 {
     const UCHAR* p = static_cast<const UCHAR*>(pFirst);
@@ -264,22 +259,4 @@ void RtlTimeToTimeFields(PLARGE_INTEGER pTime, PTIME_FIELDS pFields)
     pFields->Second = static_cast<CSHORT>(llMs / 1000 % 60);
     pFields->Milliseconds = static_cast<CSHORT>(llMs % 1000);
     pFields->Weekday = static_cast<CSHORT>((llDays + 1) % 7);
-}
-
-BOOLEAN RtlTimeFieldsToTime(PTIME_FIELDS pFields, PLARGE_INTEGER pTime)
-{
-    if (pFields->Year < 1601 || pFields->Month < 1 || pFields->Month > 12 || pFields->Day < 1 ||
-        pFields->Day > 31) {
-        return FALSE;
-    }
-    pTime->QuadPart =
-        DaysOf(pFields->Year, pFields->Month, pFields->Day) * TICKS_PER_DAY +
-        (((pFields->Hour * 60LL + pFields->Minute) * 60 + pFields->Second) * 1000 + pFields->Milliseconds) *
-            10000;
-    return TRUE;
-}
-
-void ExSystemTimeToLocalTime(PLARGE_INTEGER pSystem, PLARGE_INTEGER pLocal)
-{
-    *pLocal = *pSystem; // the host lives in UTC
 }

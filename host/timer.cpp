@@ -191,26 +191,6 @@ ULONGLONG KeQueryInterruptTime()
     return static_cast<ULONGLONG>(HostNow());
 }
 
-void KeQueryTickCount(PLARGE_INTEGER pCount)
-{
-    pCount->QuadPart = HostNow() / KeQueryTimeIncrement();
-}
-
-ULONG KeQueryTimeIncrement()
-{
-    return 156250;
-}
-
-LARGE_INTEGER KeQueryPerformanceCounter(PLARGE_INTEGER pFrequency)
-{
-    if (pFrequency != nullptr) {
-        pFrequency->QuadPart = 10000000;
-    }
-    LARGE_INTEGER now;
-    now.QuadPart = HostNow();
-    return now;
-}
-
 unsigned long long HostNowUs()
 {
     return static_cast<unsigned long long>(HostNow() / 10);

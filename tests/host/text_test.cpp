@@ -34,17 +34,22 @@ TEST(Text, FormattedTextIsCutAsThePlatformDoes)
     EXPECT_EQ(0, memcmp(buffer, "abc4", 4));
 }
 
-TEST(Text, TimeFieldsRoundTrip)
+TEST(Text, TimeFieldsOfATime)
 {
-    const TIME_FIELDS CASES[] = {{1601, 1, 1, 0, 0, 0, 0, 1},
-                                 {2000, 2, 29, 23, 59, 59, 999, 2},
-                                 {2014, 3, 7, 9, 41, 5, 0, 5},
-                                 {2100, 12, 31, 12, 0, 0, 1, 5}};
-    for (TIME_FIELDS fields : CASES) {
+    const struct {
+        LONGLONG llTime;
+        TIME_FIELDS Fields;
+    } CASES[] = {
+        {0, {1601, 1, 1, 0, 0, 0, 0, 1}},
+        {125963423999990000, {2000, 2, 29, 23, 59, 59, 999, 2}},
+        {130386588650000000, {2014, 3, 7, 9, 41, 5, 0, 5}},
+        {157784112000010000, {2100, 12, 31, 12, 0, 0, 1, 5}},
+    };
+    for (const auto& test : CASES) {
         LARGE_INTEGER time;
-        TIME_FIELDS back;
-        EXPECT_TRUE(RtlTimeFieldsToTime(&fields, &time));
-        RtlTimeToTimeFields(&time, &back);
-        EXPECT_EQ(0, memcmp(&fields, &back, sizeof(back))) << fields.Year;
+        time.QuadPart = test.llTime;
+        TIME_FIELDS fields;
+        RtlTimeToTimeFields(&time, &fields);
+        EXPECT_EQ(0, memcmp(&test.Fields, &fields, sizeof(fields))) << test.Fields.Year;
     }
 }

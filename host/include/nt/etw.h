@@ -36,7 +36,6 @@ static_assert(sizeof(EVENT_DESCRIPTOR) == 16 && sizeof(EVENT_DATA_DESCRIPTOR) ==
 #define MAX_EVENT_DATA_DESCRIPTORS 128
 #define EVENT_CONTROL_CODE_DISABLE_PROVIDER 0
 #define EVENT_CONTROL_CODE_ENABLE_PROVIDER 1
-#define EVENT_CONTROL_CODE_CAPTURE_STATE 2
 
 // Tells a provider at PASSIVE_LEVEL what all sessions together want of it. Level 0: every level.
 typedef void (*PETWENABLECALLBACK)(LPCGUID SourceId, ULONG ControlCode, UCHAR Level,

@@ -12,7 +12,6 @@ typedef enum _POOL_TYPE {
     NonPagedPoolNx = 512,
 } POOL_TYPE;
 
-PVOID ExAllocatePool(POOL_TYPE PoolType, SIZE_T NumberOfBytes);
 PVOID ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag);
 void ExFreePool(PVOID P);
 void ExFreePoolWithTag(PVOID P, ULONG Tag);
@@ -71,8 +70,6 @@ NTSTATUS ZwSetSecurityObject(HANDLE Handle, SECURITY_INFORMATION SecurityInforma
 #define WRITE_OWNER 0x00080000u
 #define SYNCHRONIZE 0x00100000u
 #define STANDARD_RIGHTS_REQUIRED 0x000F0000u
-#define STANDARD_RIGHTS_READ READ_CONTROL
-#define STANDARD_RIGHTS_WRITE READ_CONTROL
 #define STANDARD_RIGHTS_ALL 0x001F0000u
 #define GENERIC_READ 0x80000000u
 #define GENERIC_WRITE 0x40000000u
@@ -98,10 +95,7 @@ typedef struct _OBJECT_ATTRIBUTES {
     PVOID SecurityQualityOfService;
 } OBJECT_ATTRIBUTES, *POBJECT_ATTRIBUTES;
 
-#define OBJ_INHERIT 0x00000002
-#define OBJ_EXCLUSIVE 0x00000020
 #define OBJ_CASE_INSENSITIVE 0x00000040
-#define OBJ_OPENIF 0x00000080
 #define OBJ_KERNEL_HANDLE 0x00000200
 #define InitializeObjectAttributes(p, n, a, r, s)                                                            \
     {                                                                                                        \
@@ -143,7 +137,6 @@ typedef enum _MM_PAGE_PRIORITY {
     HighPagePriority = 32
 } MM_PAGE_PRIORITY;
 #define MdlMappingNoExecute 0x40000000
-#define MdlMappingNoWrite 0x80000000
 
 struct _IRP;
 PMDL IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN ChargeQuota,
@@ -154,7 +147,6 @@ PVOID MmMapLockedPagesSpecifyCache(PMDL Mdl, KPROCESSOR_MODE AccessMode, MEMORY_
                                    PVOID BaseAddress, ULONG BugCheckOnFailure, ULONG Priority);
 void MmUnmapLockedPages(PVOID BaseAddress, PMDL Mdl);
 #define MmGetMdlByteCount(Mdl) ((Mdl)->ByteCount)
-#define MmGetMdlByteOffset(Mdl) ((Mdl)->ByteOffset)
 #define MmGetMdlVirtualAddress(Mdl) ((PVOID)((PCHAR)((Mdl)->StartVa) + (Mdl)->ByteOffset))
 
 FORCEINLINE PVOID MmGetSystemAddressForMdlSafe(PMDL pMdl, ULONG ulPriority)

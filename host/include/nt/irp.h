@@ -102,7 +102,6 @@ typedef struct _IO_STACK_LOCATION {
 } IO_STACK_LOCATION, *PIO_STACK_LOCATION;
 
 #define SL_PENDING_RETURNED 0x01
-#define SL_ERROR_RETURNED 0x02
 #define SL_INVOKE_ON_CANCEL 0x20
 #define SL_INVOKE_ON_SUCCESS 0x40
 #define SL_INVOKE_ON_ERROR 0x80
@@ -171,7 +170,6 @@ static_assert(sizeof(IO_STACK_LOCATION) == 72 && sizeof(IRP) == 208 && sizeof(IO
 #define CTL_CODE(DeviceType, Function, Method, Access)                                                       \
     (((ULONG)(DeviceType) << 16) | ((ULONG)(Access) << 14) | ((ULONG)(Function) << 2) | (ULONG)(Method))
 #define METHOD_FROM_CTL_CODE(ctrlCode) ((ULONG)((ctrlCode)&3))
-#define DEVICE_TYPE_FROM_CTL_CODE(ctrlCode) (((ULONG)((ctrlCode)&0xffff0000)) >> 16)
 
 #define IoSizeOfIrp(StackSize) ((USHORT)(sizeof(IRP) + (StackSize) * sizeof(IO_STACK_LOCATION)))
 

@@ -8,7 +8,6 @@
 extern "C" {
 
 typedef struct _KTHREAD *PKTHREAD, *PRKTHREAD, *PETHREAD;
-typedef struct _EPROCESS* PEPROCESS;
 struct _KDPC;
 
 typedef struct _DISPATCHER_HEADER {
@@ -98,7 +97,6 @@ KIRQL KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK SpinLock);
 void KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql);
 void KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock);
 void KeReleaseSpinLockFromDpcLevel(PKSPIN_LOCK SpinLock);
-#define KeAcquireSpinLock(SpinLock, OldIrql) (*(OldIrql) = KeAcquireSpinLockRaiseToDpc(SpinLock))
 
 void KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State);
 LONG KeSetEvent(PRKEVENT Event, KPRIORITY Increment, BOOLEAN Wait);
@@ -115,7 +113,6 @@ NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR
 NTSTATUS KeWaitForMultipleObjects(ULONG Count, PVOID Object[], WAIT_TYPE WaitType, KWAIT_REASON WaitReason,
                                   KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Timeout,
                                   PKWAIT_BLOCK WaitBlockArray);
-#define KeWaitForMutexObject KeWaitForSingleObject
 NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Interval);
 
 void KeInitializeTimer(PKTIMER Timer);
@@ -132,12 +129,8 @@ void KeFlushQueuedDpcs(void);
 
 void KeQuerySystemTime(PLARGE_INTEGER CurrentTime);
 ULONGLONG KeQueryInterruptTime(void);
-void KeQueryTickCount(PLARGE_INTEGER TickCount);
-ULONG KeQueryTimeIncrement(void);
-LARGE_INTEGER KeQueryPerformanceCounter(PLARGE_INTEGER PerformanceFrequency);
 
 PKTHREAD KeGetCurrentThread(void);
-#define PsGetCurrentThread() KeGetCurrentThread()
 KPROCESSOR_MODE ExGetPreviousMode(void);
 void KeEnterCriticalRegion(void);
 void KeLeaveCriticalRegion(void);

@@ -12,17 +12,13 @@
 #define VOID void
 #define CONST const
 #define NTAPI
-#define NTKERNELAPI
-#define NTSYSAPI
 #define FORCEINLINE static inline
 #define EXTERN_C extern "C"
-#define DECLSPEC_ALIGN(n) alignas(n)
 #define POINTER_ALIGNMENT __attribute__((aligned(8)))
 
 typedef void* PVOID;
 typedef char CHAR, CCHAR, *PCHAR, *PSTR;
 typedef const char *PCSTR, *PCCH;
-typedef signed char SCHAR;
 typedef unsigned char UCHAR, BOOLEAN, *PUCHAR, *PBOOLEAN;
 typedef short SHORT, CSHORT, *PSHORT;
 typedef unsigned short USHORT, WORD, *PUSHORT;
@@ -32,10 +28,6 @@ typedef long long LONGLONG, LONG64, LONG_PTR, *PLONGLONG;
 typedef unsigned long long ULONGLONG, ULONG64, ULONG_PTR, SIZE_T, *PULONGLONG, *PULONG_PTR, *PSIZE_T;
 typedef wchar_t WCHAR, *PWCHAR, *PWSTR, *PWCH;
 typedef const wchar_t *PCWSTR, *PCWCH;
-typedef unsigned char UINT8;
-typedef unsigned short UINT16;
-typedef unsigned int UINT32;
-typedef unsigned long long UINT64;
 typedef LONG NTSTATUS, *PNTSTATUS;
 typedef void *HANDLE, **PHANDLE;
 typedef ULONG ACCESS_MASK, DEVICE_TYPE, LCID;
@@ -53,18 +45,12 @@ static_assert(sizeof(WCHAR) == 2, "compile with -fshort-wchar");
 #define MAXUSHORT 0xffff
 #define MAXLONG 0x7fffffff
 #define UNICODE_NULL ((WCHAR)0)
-#define ANSI_NULL ((CHAR)0)
 
 #define UNREFERENCED_PARAMETER(P) ((void)(P))
 #define ARRAYSIZE(array) (sizeof(array) / sizeof((array)[0]))
-#define RTL_NUMBER_OF(array) ARRAYSIZE(array)
 #define FIELD_OFFSET(type, field) ((LONG)offsetof(type, field))
 #define RTL_FIELD_SIZE(type, field) (sizeof(((type*)0)->field))
-#define RTL_SIZEOF_THROUGH_FIELD(type, field) (offsetof(type, field) + RTL_FIELD_SIZE(type, field))
 #define CONTAINING_RECORD(address, type, field) ((type*)((PCHAR)(address)-offsetof(type, field)))
-#define C_ASSERT(e) static_assert(e, #e)
-#define ALIGN_UP_BY(length, alignment) (((ULONG_PTR)(length) + (alignment)-1) & ~(ULONG_PTR)((alignment)-1))
-#define PAGED_CODE() IRQL_AT_MOST(APC_LEVEL)
 
 extern bool HostSeeded;
 void HostPreempt();
