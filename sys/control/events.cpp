@@ -5,7 +5,7 @@
 //
 // Producers signal under the same lock, up to DISPATCH_LEVEL, so a signal never meets a dropped reference.
 // Registrations and releases run at PASSIVE_LEVEL in the application's thread or in Plug and Play.
-#include "control/control.h"
+#include "control/notification.h"
 
 namespace
 {

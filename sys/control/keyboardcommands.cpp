@@ -4,7 +4,7 @@
 #include "control/control.h"
 
 #include "report/keytable.h"
-#include "usb/usb.h"
+#include "usb/submit.h"
 
 namespace
 {

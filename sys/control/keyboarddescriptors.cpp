@@ -4,7 +4,7 @@
 // zeros. Runs in the application's thread at PASSIVE_LEVEL.
 #include "control/control.h"
 
-#include "usb/usb.h"
+#include "usb/submit.h"
 
 namespace
 {

@@ -3,7 +3,7 @@
 // Handlers of the dispatcher's table; they run in the application's thread at PASSIVE_LEVEL. What a request
 // asks for beyond its buffers is refused before anything is sent to the keyboard.
 #include "control/call.h"
-#include "driver/sums.h"
+#include "ground/sums.h"
 #include "hotkeys/hotkeys.h"
 #include "siblings/siblings.h"
 

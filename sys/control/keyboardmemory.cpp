@@ -11,7 +11,7 @@
 #include "control/control.h"
 
 #include "log/log.h"
-#include "usb/usb.h"
+#include "usb/submit.h"
 
 namespace
 {

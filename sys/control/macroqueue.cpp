@@ -5,7 +5,7 @@
 //
 // A ring under MacroLock; equal positions mean empty or full, ulMacroCount says which. A full ring drops the
 // new record.
-#include "control/control.h"
+#include "control/notification.h"
 
 // IRQL <= DISPATCH. Lock: takes MacroLock. Owns: copies the record. Fails: ring full.
 NTSTATUS QueueMacroRecord(const MacroRecord* pRecord)

@@ -5,7 +5,7 @@
 //
 // A ring under NotifyLock; equal positions mean empty or full, ulNotifyCount says which. A full ring drops
 // the new record. Lives and dies with the keyboard's record; no close empties it.
-#include "control/control.h"
+#include "control/notification.h"
 
 // The stamp of a record: wraps about every five days.
 // IRQL any.

@@ -2,7 +2,7 @@
 //
 // One byte a keyboard, changed at PASSIVE_LEVEL and read once a report on the report road. Two requests for
 // the same change at once: one makes it, the other fails.
-#include "control/control.h"
+#include "control/notification.h"
 
 // Fails: unknown index, the switch is there already.
 static NTSTATUS SwitchReportProcessing(ULONG ulDeviceIndex, UCHAR ucOn)

@@ -16,8 +16,7 @@
 #include <kernel.h>
 
 #include "control/requests.h"
-#include "driver/lock.h"
-#include "hotkeys/index.h"
+#include "ground/lock.h"
 
 enum : ULONG {
     CONTROL_DEVICE_KIND = 1,
@@ -37,6 +36,8 @@ enum : ULONG {
 enum {
     PROPERTY_CHARS = 256,       // 512 bytes
     KEY_DEFINITION_SLOTS = 512, // the last slot stays null
+    HOTKEY_LIST_SIZE = 512,
+    HOTKEY_SET_WORDS = HOTKEY_LIST_SIZE / 64,
     KEY_BUFFER_SIZE = 1024,
     FIFO_SIZE = 16,
     PENDING_IRP_SIZE = 100,
@@ -57,7 +58,8 @@ enum : ULONG {
     KEYDEF_MACRO_MODE = 0x4000, // not derived: the keyboard takes part in the macro mode
 };
 
-struct MacroTable; // the macros in force, owned by macro/
+struct HotkeyIndex; // owned by hotkeys/
+struct MacroTable;  // the macros in force, owned by macro/
 
 // A report value held back in discard mode.
 struct DiscardEntry {
@@ -93,7 +95,7 @@ struct DeviceContext {
     UNICODE_STRING InterfaceLinkName; // (p) changed under InterfaceLock, which readers take too
     SpinLock InterfaceLock;           // what the system tells of the keyboard
 
-    // Life: see driver/keyboards.cpp.
+    // Life: see ground/keyboards.cpp.
     PDEVICE_OBJECT pNextKeyboard; // KeyboardListLock
     LONG lReferences;             // (x) 1 while attached, + 1 a user
     UCHAR ucRemoving;             // (x) no new references

@@ -32,18 +32,6 @@ static void SetControlDevice(PDEVICE_OBJECT pControlDevice)
     WriteShared(Globals.pControlDevice, pControlDevice);
 }
 
-// IRQL <= DISPATCH. Lock: takes KeyboardListLock. Owns: one reference, null when there is no control device.
-PDEVICE_OBJECT ReferenceControlDevice()
-{
-    IRQL_AT_MOST(DISPATCH_LEVEL);
-    LockScope lock(Globals.KeyboardListLock);
-    PDEVICE_OBJECT pControlDevice = ReadShared(Globals.pControlDevice);
-    if (pControlDevice != nullptr) {
-        ObReferenceObject(pControlDevice);
-    }
-    return pControlDevice;
-}
-
 // A registration that fails leaves the handle null: the arrivals of that class stay unseen, no more.
 // IRQL = PASSIVE.
 static void RegisterArrival(SiblingLink* pLink, const GUID& interfaceClass,

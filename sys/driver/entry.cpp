@@ -12,9 +12,6 @@
 #include "report/keytable.h"
 #include "usb/usb.h"
 
-DriverSettings Settings;
-DriverGlobals Globals;
-
 // Every driver-wide value starts at zero unless it is set here.
 // IRQL = PASSIVE, before any device exists.
 static void SetInitialState()

@@ -5,8 +5,7 @@
 // KeyDefLock only while the pointers move, so that the report road never sees a freed definition.
 #include "hotkeys/hotkeys.h"
 
-#include "control/control.h"
-#include "usb/usb.h"
+#include "usb/pending.h"
 
 namespace
 {

@@ -7,7 +7,7 @@
 
 #include <kernel.h>
 
-enum { HOTKEY_LIST_SIZE = 512, HOTKEY_KEYS = 32 };
+enum { HOTKEY_KEYS = 32 };
 
 struct HotkeyEntry {
     ULONG ulId;                // the application's identifier, never 0

@@ -5,14 +5,13 @@
 //
 // A ring of 16 under FifoLock; count 16 with equal positions is full. Taking a report starts the pacing timer
 // of the macro mode when a pace is set.
-#include "hotkeys/hotkeys.h"
+#include "hotkeys/buffers.h"
 
-#include "control/control.h"
-#include "driver/sums.h"
+#include "ground/sums.h"
 #include "log/events.h"
 #include "log/log.h"
-#include "macro/macro.h"
-#include "usb/usb.h"
+#include "macro/parked.h"
+#include "usb/pending.h"
 
 namespace
 {

@@ -7,10 +7,11 @@
 // become known since. Everything here runs at PASSIVE_LEVEL under the keyboard's DefinitionMutex.
 #include "hotkeys/hotkeys.h"
 
-#include "driver/sums.h"
+#include "ground/sums.h"
+#include "hotkeys/modifiers.h"
 #include "log/events.h"
 #include "log/log.h"
-#include "report/report.h"
+#include "report/keys.h"
 
 namespace
 {

@@ -5,8 +5,8 @@
 #include "hotkeys/index.h"
 
 #include "driver/context.h"
-#include "driver/driver.h"
-#include "driver/shared.h"
+#include "ground/ground.h"
+#include "ground/shared.h"
 
 // Entries and rows in one piece behind the head.
 // IRQL = PASSIVE. Owns: the caller. Fails: null, no memory.

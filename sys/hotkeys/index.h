@@ -17,18 +17,14 @@
 // for the list he walks, and sees the entries of the word that he took, to his end.
 #pragma once
 
-#include <kernel.h>
-
+#include "driver/context.h"
 #include "hotkeys/entry.h"
-
-struct DeviceContext;
 
 enum : ULONG {
     HOTKEY_ROW_NO_KEY = 0, // a usage is never 0
     HOTKEY_ROW_PATTERN = 256,
     HOTKEY_ROW_NO_PATTERN = 288,
     HOTKEY_ROWS = 289,
-    HOTKEY_SET_WORDS = HOTKEY_LIST_SIZE / 64,
 };
 
 struct HotkeyIndex {

@@ -5,11 +5,10 @@
 //
 // Runs in the application's thread at PASSIVE_LEVEL. Requests that wait take turns; removal of the keyboard
 // and the end of the process end a wait.
-#include "hotkeys/hotkeys.h"
+#include "hotkeys/buffers.h"
 
-#include "control/control.h"
 #include "log/log.h"
-#include "usb/usb.h"
+#include "usb/pending.h"
 
 namespace
 {

@@ -5,7 +5,7 @@
 // Both stay packed from index 0, oldest first; bytes from the count on are 0. The completion of one read and
 // the dispatch of another touch them on two processors, so BufferLock guards every change. A dump under it
 // takes the log's leaf lock.
-#include "hotkeys/hotkeys.h"
+#include "hotkeys/buffers.h"
 
 #include "log/events.h"
 #include "log/log.h"

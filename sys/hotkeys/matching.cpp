@@ -9,8 +9,9 @@
 // Called once a key by normal.cpp and extended.cpp, on the report road of one keyboard.
 #include "hotkeys/hotkeys.h"
 
+#include "hotkeys/modifiers.h"
 #include "log/log.h"
-#include "report/report.h"
+#include "report/keys.h"
 
 namespace
 {

@@ -9,10 +9,10 @@
 // So the words that a report met and the number of the last hit tell everything.
 #include "hotkeys/pass.h"
 
-#include "driver/driver.h"
-#include "driver/sums.h"
+#include "ground/ground.h"
+#include "ground/sums.h"
+#include "hotkeys/modifiers.h"
 #include "log/log.h"
-#include "report/report.h"
 
 #if defined(TV64USB_WHOLE_WALK)
 static const bool WalkWhole = true;

@@ -6,9 +6,9 @@
 // Runs after every key that belongs to an armed hotkey, on the report road.
 #include "hotkeys/hotkeys.h"
 
-#include "control/control.h"
+#include "control/notification.h"
 #include "log/log.h"
-#include "report/report.h"
+#include "report/keys.h"
 
 namespace
 {

@@ -7,8 +7,8 @@
 // says when its callback is due, under TypematicLock, and a callback that comes without being due does nothing.
 #include "hotkeys/hotkeys.h"
 
-#include "control/control.h"
-#include "driver/sums.h"
+#include "control/notification.h"
+#include "ground/sums.h"
 #include "report/keytable.h"
 
 namespace

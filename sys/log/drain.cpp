@@ -7,7 +7,7 @@
 // under the lock once it is in the file. A file that cannot be written (early in the start of the system)
 // leaves the text where it is until the next signal. The thread writes what is left before it ends.
 // A system thread at PASSIVE_LEVEL.
-#include "driver/driver.h"
+#include "ground/ground.h"
 
 #include "log/file.h"
 #include "log/log.h"

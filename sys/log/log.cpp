@@ -11,7 +11,7 @@
 #include "log/log.h"
 
 #include "driver/context.h"
-#include "driver/shared.h"
+#include "ground/shared.h"
 #include "log/text.h"
 
 enum : ULONG {

@@ -6,7 +6,7 @@
 // session gets an event, by level and keywords, the system decides; the driver keeps only the highest level.
 #include "log/trace.h"
 
-#include "driver/shared.h"
+#include "ground/shared.h"
 
 namespace
 {

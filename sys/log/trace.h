@@ -8,7 +8,7 @@
 // events.h. Any routine traces, at any IRQL; nothing is allocated, nothing fails.
 #pragma once
 
-#include "driver/compiler.h"
+#include "ground/compiler.h"
 
 #include <kernel.h>
 

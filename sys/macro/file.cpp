@@ -9,7 +9,7 @@
 // Runs where the settings are read, at PASSIVE_LEVEL; the text stays non-paged because it is dumped.
 #include "macro/macro.h"
 
-#include "driver/sums.h"
+#include "ground/sums.h"
 #include "log/events.h"
 #include "log/log.h"
 

@@ -11,7 +11,7 @@
 #include "macro/macro.h"
 
 #include "log/events.h"
-#include "usb/usb.h"
+#include "usb/submit.h"
 
 // The keyboard's LEDs as flags, with Scroll Lock showing the mode.
 static USHORT FlagsShowingMode(DeviceContext* pContext)

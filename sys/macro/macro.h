@@ -1,7 +1,8 @@
-// macro.h - the macro mode: settings and file, mode hotkey, playback, LEDs, parked reads.
+// macro.h - the macro mode: settings and file, mode hotkey, playback, LEDs.
 #pragma once
 
-#include "driver/driver.h"
+#include "ground/ground.h"
+#include "macro/parked.h"
 
 enum : ULONG { MACRO_POOL_TAG = 0x76726F4B }; // "Korv" in memory order
 
@@ -50,13 +51,3 @@ KDEFERRED_ROUTINE KorvexDelayCallback;
 NTSTATUS SetKorvexLed(UCHAR ucMode); // IRQL <= DISPATCH; at PASSIVE it waits for the keyboards
 void QueueKorvexLed();               // IRQL <= DISPATCH; waits for none
 IO_WORKITEM_ROUTINE KorvexLedWorkItem;
-
-// parked.cpp: reads that wait for the pacing timer. IRQL <= DISPATCH. Lock: takes ParkLock.
-NTSTATUS ParkReadRequest(PDEVICE_OBJECT device, PIRP request);
-NTSTATUS UnparkReadRequest(PDEVICE_OBJECT device, PIRP request);
-NTSTATUS GetFirstParkedRequest(PDEVICE_OBJECT device, PIRP* pRequest); // taken out; null: none
-void CompleteParkedRequest(PDEVICE_OBJECT device, PIRP request, NTSTATUS status);
-void CompleteParkedReads(PDEVICE_OBJECT device); // at removal
-void StartKorvexDelay(PDEVICE_OBJECT device);    // arms KorvexDelayTimer
-void EndKorvexDelay(PDEVICE_OBJECT device);      // it has expired
-bool IsKorvexDelayArmed(PDEVICE_OBJECT device);

@@ -8,7 +8,7 @@
 // More than two bytes are never found; no bytes at all are found at the first place looked at.
 #include "macro/macro.h"
 
-#include "driver/sums.h"
+#include "ground/sums.h"
 #include "log/events.h"
 #include "log/log.h"
 

@@ -8,9 +8,9 @@
 // one is parked, so that each is served: when the queue has run empty, all that are left at once.
 // ucKorvexTimerRunning is the same of all keyboards together: what one of them sets another may clear, and then
 // that one's pace is a report short.
-#include "macro/macro.h"
+#include "macro/parked.h"
 
-#include "driver/sums.h"
+#include "ground/sums.h"
 #include "log/events.h"
 
 namespace

@@ -7,7 +7,7 @@
 // has no room for is not played.
 #include "macro/macro.h"
 
-#include "hotkeys/hotkeys.h"
+#include "hotkeys/buffers.h"
 #include "log/events.h"
 #include "log/log.h"
 

@@ -7,7 +7,7 @@
 // Runs in driver entry and whenever the application asks for it, at PASSIVE_LEVEL, one reading at a time.
 #include "macro/macro.h"
 
-#include "control/control.h"
+#include "control/notification.h"
 #include "log/events.h"
 #include "log/log.h"
 

@@ -13,11 +13,6 @@
 #include "log/events.h"
 #include "log/log.h"
 
-ULONG FirstKeyPosition(ULONG ulLen)
-{
-    return ulLen == 8 ? 2 : ulLen == 3 ? 1 : 0;
-}
-
 bool IsRolloverPacket(ULONG ulLen, const UCHAR* pBuf)
 {
     if (ulLen != 8) {
@@ -29,17 +24,6 @@ bool IsRolloverPacket(ULONG ulLen, const UCHAR* pBuf)
         }
     }
     return true;
-}
-
-// Whether the usage stands at any key position; 0 bytes do not end the walk.
-bool IsKeyInPacket(UCHAR ucUsage, const UCHAR* pBuf, ULONG ulLen)
-{
-    for (ULONG i = FirstKeyPosition(ulLen); i < ulLen; i++) {
-        if (pBuf[i] == ucUsage) {
-            return true;
-        }
-    }
-    return false;
 }
 
 // A Jaalaa report is told by its ID; ucHandled stays 0 for an ID that nobody knows.

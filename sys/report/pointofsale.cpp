@@ -10,12 +10,11 @@
 // of the report engine; the repeats themselves come from hotkeys/typematic.cpp.
 #include "report/report.h"
 
-#include "control/control.h"
-#include "driver/sums.h"
+#include "control/notification.h"
+#include "ground/sums.h"
 #include "hotkeys/hotkeys.h"
-#include "log/log.h"
 #include "log/events.h"
-#include "report/keytable.h"
+#include "log/log.h"
 
 namespace
 {

@@ -1,7 +1,7 @@
 // siblings.h - requests to the sibling drivers and the keyboard class devices, and the siblings' arrivals.
 #pragma once
 
-#include "driver/driver.h"
+#include "ground/ground.h"
 
 enum { OUTSIDE_REQUEST_BYTES = 8 };
 

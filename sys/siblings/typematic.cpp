@@ -6,7 +6,6 @@
 // Runs at PASSIVE_LEVEL in a Plug and Play thread or the application's.
 #include "siblings/siblings.h"
 
-#include "control/control.h"
 #include "report/keytable.h"
 
 enum : USHORT {

@@ -11,12 +11,11 @@
 //                        └◄─ back; then complete read 2, and so on until the list is empty
 #include "usb/usb.h"
 
-#include "control/control.h"
-#include "driver/sums.h"
-#include "hotkeys/hotkeys.h"
+#include "ground/sums.h"
+#include "hotkeys/buffers.h"
 #include "log/log.h"
-#include "macro/macro.h"
-#include "report/report.h"
+#include "macro/parked.h"
+#include "report/keys.h"
 
 namespace
 {

@@ -8,7 +8,7 @@
 // when its bLength is that type's. Runs on the way down and completed; only completed ones decide.
 #include "usb/usb.h"
 
-#include "driver/sums.h"
+#include "ground/sums.h"
 #include "log/log.h"
 #include "log/events.h"
 #include "macro/macro.h"

@@ -1,9 +1,7 @@
 // discard.cpp - what discard mode holds back for the time after: modifier changes and lock keys.
 //
 // A ring of 128 under DiscardLock; reads on their way down take the oldest entry once discard mode is off.
-#include "usb/usb.h"
-
-#include "control/control.h"
+#include "usb/pending.h"
 
 // Appends one held-back value.
 // IRQL <= DISPATCH. Lock: takes DiscardLock. Owns: copies the value. Fails: 128 held.

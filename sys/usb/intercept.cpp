@@ -7,7 +7,7 @@
 // does a completed rollover report. The report is rewritten in place, before the HID stack sees it.
 #include "usb/usb.h"
 
-#include "control/control.h"
+#include "control/notification.h"
 #include "hotkeys/hotkeys.h"
 #include "log/events.h"
 #include "log/log.h"

@@ -1,6 +1,6 @@
 // leds.cpp - the lock LEDs in the HID output report and as the platform's keyboard indicators, and the report
 // with which the driver itself sets them.
-#include "usb/usb.h"
+#include "usb/submit.h"
 
 USHORT LedReportToFlags(USHORT usReport)
 {

@@ -1,5 +1,5 @@
 // names.cpp - names of URB functions, descriptor types, standard requests and interface protocols, for trace points.
-#include "usb/usb.h"
+#include "usb/submit.h"
 
 namespace
 {

@@ -5,7 +5,7 @@
 //
 // So the request cannot be completed and freed while IoCancelIrp works on it. pPendingReadIrp mirrors the
 // oldest entry for those who only ask whether there is one.
-#include "usb/usb.h"
+#include "usb/pending.h"
 
 #include "log/events.h"
 

@@ -6,9 +6,9 @@
 // The request goes to the device below, so it never meets the roads of the filter. There is no time-out: a
 // keyboard that is removed meanwhile has its requests completed by the USB stack, and the removal waits for
 // whoever is still sending. Runs in the caller's thread at PASSIVE_LEVEL, several at once.
-#include "usb/usb.h"
+#include "usb/submit.h"
 
-#include "driver/sums.h"
+#include "ground/sums.h"
 #include "log/events.h"
 
 namespace

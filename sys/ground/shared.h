@@ -5,7 +5,7 @@
 // each access other processors may come first.
 #pragma once
 
-#include "driver/compiler.h"
+#include "ground/compiler.h"
 
 #include <kernel.h>
 

@@ -5,7 +5,7 @@
 // by itself. clang's thread-safety analysis checks GUARDED_BY.
 #pragma once
 
-#include "driver/compiler.h"
+#include "ground/compiler.h"
 
 #include <kernel.h>
 

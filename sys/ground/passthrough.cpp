@@ -4,7 +4,7 @@
 // Out: the control device completes it with success; a filter device hands it to the device below.
 // Runs in whatever context the request arrives in, up to DISPATCH_LEVEL. A filter device is referenced
 // while a request passes, so that removal does not pull it away.
-#include "driver/driver.h"
+#include "ground/ground.h"
 
 // IRQL <= DISPATCH. Owns: gives the request up. Fails: with the status it was completed with.
 NTSTATUS CompleteRequest(PIRP pIrp, NTSTATUS status, ULONG_PTR ulInformation)

@@ -2,7 +2,7 @@
 //
 // All of the driver's own memory comes from here or is asked for with POOL_TAG, so that a leak names its
 // owner.
-#include "driver/driver.h"
+#include "ground/ground.h"
 
 // Null when there is none. Freed with ExFreePoolWithTag and POOL_TAG.
 // IRQL <= DISPATCH (non-paged), PASSIVE (paged). Owns: the caller.

@@ -5,10 +5,11 @@
 //   prefix usages ──► 0x08000000..0x20000000     latched by the press; the hotkey pass clears them
 //
 // Several keyboards write the word at once, so each update computes it anew until nobody came between.
-#include "report/report.h"
+#include "hotkeys/modifiers.h"
 
 #include "log/events.h"
 #include "log/log.h"
+#include "report/keys.h"
 #include "siblings/siblings.h"
 
 namespace

@@ -2,7 +2,7 @@
 //
 // Both walk the keyboards newest first. A walk references the device that it looks at, so none goes away
 // under it.
-#include "control/control.h"
+#include "ground/ground.h"
 
 namespace
 {

@@ -6,7 +6,7 @@
 //
 // The list is the driver's own, newest keyboard first, because the platform's list of a driver's devices
 // changes under a walk. A device that somebody references stays linked, so a walk can go on from it.
-#include "driver/driver.h"
+#include "ground/ground.h"
 
 // The one place that casts a filter device's extension. A device whose record is not complete is none yet.
 // IRQL any.

@@ -2,7 +2,7 @@
 // consist of modifiers only. Also the event that the simple handlers send.
 //
 // Runs at every standard report, before its keys are looked at.
-#include "report/report.h"
+#include "hotkeys/modifiers.h"
 
 #include "hotkeys/hotkeys.h"
 

@@ -1,0 +1,41 @@
+// ground.h - what every room stands on: the records, references on keyboards, memory, requests passed on.
+//
+// A table of contents; each file's head tells more. Locks and scopes are in lock.h, single fields in shared.h.
+#pragma once
+
+#include "driver/context.h"
+#include "ground/shared.h"
+
+// Every IRP_MJ entry of the dispatch table. IRQL <= DISPATCH unless the routine says less. Fails: with the
+// status that the request was completed with.
+using DispatchRoutine = NTSTATUS(PDEVICE_OBJECT pDevice, PIRP pIrp);
+
+// memory.cpp
+PVOID AllocateZeroed(POOL_TYPE poolType, SIZE_T ulBytes); // POOL_TAG; null when there is none
+
+// keyboards.cpp: which filter devices there are, and that none goes away while it is used
+DeviceContext* FilterContextOf(PDEVICE_OBJECT pDevice);   // null unless it is a filter device
+ControlContext* ControlContextOf(PDEVICE_OBJECT pDevice); // null unless it is the control device
+bool AcquireDevice(PDEVICE_OBJECT pDevice);               // false: being removed
+void ReleaseDevice(PDEVICE_OBJECT pDevice);
+PDEVICE_OBJECT FirstKeyboard();                      // newest first; referenced; null at the end
+PDEVICE_OBJECT NextKeyboard(PDEVICE_OBJECT pDevice); // releases pDevice, references the next
+void PublishKeyboard(PDEVICE_OBJECT pDevice);
+void RefuseNewReferences(PDEVICE_OBJECT pDevice);
+void WaitForReferences(PDEVICE_OBJECT pDevice);
+void UnlinkKeyboard(PDEVICE_OBJECT pDevice);
+
+// find.cpp: the device comes referenced; the caller gives it back with ReleaseDevice.
+NTSTATUS FindDeviceByIndex(ULONG ulDeviceIndex, PDEVICE_OBJECT* ppDevice);
+NTSTATUS FindDeviceByInterfaceName(PCWSTR pszName, PULONG pulDeviceIndex);
+
+// controlreference.cpp
+PDEVICE_OBJECT ReferenceControlDevice(); // referenced object, or null when there is none
+
+// passthrough.cpp
+DispatchRoutine DispatchPassThrough;
+DispatchRoutine DispatchRead;
+DispatchRoutine DispatchPower;
+NTSTATUS CompleteRequest(PIRP pIrp, NTSTATUS status, ULONG_PTR ulInformation);
+NTSTATUS ForwardRequest(DeviceContext* pContext, PIRP pIrp); // the caller holds the device
+NTSTATUS ForwardAndWait(DeviceContext* pContext, PIRP pIrp); // PASSIVE; the request comes back to the caller

@@ -1,0 +1,19 @@
+// modifiers.h - the modifier word of all keyboards, and what it means to the hotkeys.
+#pragma once
+
+#include "hotkeys/pass.h"
+
+// The bits of the modifier word that follow from a report's modifier byte.
+enum : ULONG { MODIFIER_OF_BYTE = 0x3DFE };
+
+// modifiers.cpp: the modifier word of all keyboards
+void UpdateModifierFlags(PDEVICE_OBJECT device, const UCHAR* pBuf, ULONG ulLen, UCHAR ucFlag);
+bool IsModifierMaskMatched(ULONG ulMask, ULONG ulFlags);
+UCHAR ReportBitsOf(ULONG ulModifiers);    // bits of the report's modifier byte
+ULONG WordOfModifiers(UCHAR ucModifiers); // what that byte sets in the word
+bool IsPrefixUsage(UCHAR ucUsage);        // one of the three prefix keys
+
+// hotkeymodifiers.cpp: what the modifier word means to the hotkeys
+void UpdateHotkeyModifierMatch(HotkeyPass& pass);
+void CheckModifierOnlyHotkeys(HotkeyPass& pass, PUCHAR pBuf); // rewrites byte 0
+void NotifyHotkeyEvent(PDEVICE_OBJECT device, ULONG ulId, UCHAR ucDown);

@@ -1,0 +1,14 @@
+// pending.h - reads that lie at the keyboard, and what discard mode held back for them.
+#pragma once
+
+#include "ground/ground.h"
+
+// pendingreads.cpp: IRQL <= DISPATCH. Lock: takes PendingIrpLock.
+NTSTATUS AddPendingIrp(PDEVICE_OBJECT device, PIRP Irp);
+bool RemovePendingIrp(PDEVICE_OBJECT device, PIRP Irp); // true: the canceller completes it
+bool CancelPendingRead(PDEVICE_OBJECT device);          // false: none was pending
+
+// discard.cpp: IRQL <= DISPATCH. Lock: takes DiscardLock.
+NTSTATUS AddDiscardedPacket(PDEVICE_OBJECT device, const UCHAR* pValue, UCHAR ucIsModifier);
+NTSTATUS GetDiscardedPacketCount(ULONG ulDeviceIndex, PULONG pulCount);
+NTSTATUS GetDiscardedPacket(ULONG ulDeviceIndex, DiscardEntry* pEntry);
