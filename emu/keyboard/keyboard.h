@@ -22,12 +22,12 @@ struct EmuDescriptors {
     const WCHAR* pHardwareId;    // the first hardware id
 };
 
-// The kinds, each in its own file.
+// The kinds.
 extern const EmuDescriptors EmuBootKeyboard;     // boot.cpp: interface 3/1/1, 8-byte reports
 extern const EmuDescriptors EmuPowerKeyboard;    // power.cpp: interface 3/0/0, 2-byte reports
 extern const EmuDescriptors EmuConsumerKeyboard; // consumer.cpp: interface 3/0/0, 3-byte reports
-extern const EmuDescriptors EmuJaalaaKeyboard;   // jaalaa.cpp: interface 3/1/2
-extern const EmuDescriptors EmuChicKeyboard;     // chic.cpp: interface 3/1/2, vendor 0x7A3C, product 0x0065
+extern const EmuDescriptors EmuJaalaaKeyboard;   // controllers.cpp: interface 3/1/2
+extern const EmuDescriptors EmuChicKeyboard;     // likewise, vendor 0x7A3C, product 0x0065
 extern const EmuDescriptors EmuOtherInterface;   // other.cpp: interface 3/0/1
 
 // Answers one request of the control pipe instead of the descriptor tables. `pSetup` is the setup packet as
