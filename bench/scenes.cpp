@@ -66,9 +66,11 @@ template <typename Send, typename Drop>
 double TimeReports(const Reports& round, unsigned reports, Send send, Drop drop)
 {
     const double start = Now();
+    auto next = round.begin();
     for (unsigned i = 0; i < reports;) {
         for (unsigned end = i + REPORTS_A_DROP; i < end; i++) {
-            send(round[i % round.size()]);
+            send(*next);
+            next = next + 1 == round.end() ? round.begin() : next + 1;
         }
         drop();
     }

@@ -68,30 +68,6 @@ ULONG TrackPrefixes(ULONG ulFlags, const UCHAR* pBuf, ULONG ulLen, bool* pbRelea
     return LatchPrefix(ulFlags, pBuf, ulLen, Globals.ucPosKeyPrefixUsage, MODIFIER_POSKEY_PREFIX, pbReleased);
 }
 
-constexpr ULONG WordOf(UCHAR ucModifiers)
-{
-    ULONG ulFlags = 0;
-    for (const ModifierBit& bit : ModifierBits) {
-        ulFlags |= ucModifiers & bit.ucReportBit ? bit.ulFlag : 0;
-    }
-    for (const DerivedBit& bit : DerivedBits) {
-        ulFlags |= ulFlags & bit.ulEither ? bit.ulFlag : 0;
-    }
-    return ulFlags;
-}
-
-// For each modifier byte the single bits and those derived from them.
-struct ModifierWords {
-    USHORT usWords[256];
-    constexpr ModifierWords() : usWords()
-    {
-        for (ULONG i = 0; i < 256; i++) {
-            usWords[i] = static_cast<USHORT>(WordOf(static_cast<UCHAR>(i)));
-        }
-    }
-};
-constexpr ModifierWords Words;
-
 // Each single modifier that came or went.
 void TraceModifiers(PDEVICE_OBJECT device, ULONG ulBefore, ULONG ulFlags)
 {
@@ -102,12 +78,30 @@ void TraceModifiers(PDEVICE_OBJECT device, ULONG ulBefore, ULONG ulFlags)
         }
     }
 }
+
+constexpr USHORT WordOf(UCHAR ucModifiers)
+{
+    ULONG ulFlags = 0;
+    for (const ModifierBit& bit : ModifierBits) {
+        ulFlags |= ucModifiers & bit.ucReportBit ? bit.ulFlag : 0;
+    }
+    for (const DerivedBit& bit : DerivedBits) {
+        ulFlags |= ulFlags & bit.ulEither ? bit.ulFlag : 0;
+    }
+    return static_cast<USHORT>(ulFlags);
+}
+
+constexpr ModifierWords MakeModifierWords()
+{
+    ModifierWords words = {};
+    for (ULONG i = 0; i < 256; i++) {
+        words.usOf[i] = WordOf(static_cast<UCHAR>(i));
+    }
+    return words;
+}
 } // namespace
 
-ULONG WordOfModifiers(UCHAR ucModifiers)
-{
-    return Words.usWords[ucModifiers];
-}
+const ModifierWords WordsOfModifiers = MakeModifierWords();
 
 // The report bits of a mask's single modifiers; the derived bits have none.
 UCHAR ReportBitsOf(ULONG ulModifiers)

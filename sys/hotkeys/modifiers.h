@@ -9,9 +9,18 @@ enum : ULONG { MODIFIER_OF_BYTE = 0x3DFE };
 // modifiers.cpp: the modifier word of all keyboards
 void UpdateModifierFlags(PDEVICE_OBJECT device, const UCHAR* pBuf, ULONG ulLen, UCHAR ucFlag);
 bool IsModifierMaskMatched(ULONG ulMask, ULONG ulFlags);
-UCHAR ReportBitsOf(ULONG ulModifiers);    // bits of the report's modifier byte
-ULONG WordOfModifiers(UCHAR ucModifiers); // what that byte sets in the word
-bool IsPrefixUsage(UCHAR ucUsage);        // one of the three prefix keys
+UCHAR ReportBitsOf(ULONG ulModifiers); // bits of the report's modifier byte
+bool IsPrefixUsage(UCHAR ucUsage);     // one of the three prefix keys
+
+// For each modifier byte what it sets in the word: the single bits and those derived from them.
+struct ModifierWords {
+    USHORT usOf[256];
+};
+extern const ModifierWords WordsOfModifiers;
+inline ULONG WordOfModifiers(UCHAR ucModifiers)
+{
+    return WordsOfModifiers.usOf[ucModifiers];
+}
 
 // hotkeymodifiers.cpp: what the modifier word means to the hotkeys
 void UpdateHotkeyModifierMatch(HotkeyPass& pass);

@@ -12,18 +12,12 @@
 #include "ground/ground.h"
 #include "ground/sums.h"
 #include "hotkeys/modifiers.h"
-#include "log/log.h"
 
 #if defined(TV64USB_WHOLE_WALK)
-static const bool WalkWhole = true;
+const bool WalkWhole = true;
 #else
-static const bool WalkWhole = false;
+const bool WalkWhole = false;
 #endif
-
-bool IsWholeWalk()
-{
-    return WalkWhole || IsLogOn(LOG_TRAFFIC);
-}
 
 HotkeyPass::HotkeyPass(PDEVICE_OBJECT pFilter)
     : HotkeyWalk(FilterContextOf(pFilter)), device(pFilter), bWhole(IsWholeWalk())

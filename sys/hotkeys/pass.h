@@ -12,9 +12,15 @@
 
 #include "driver/context.h"
 #include "hotkeys/index.h"
+#include "log/log.h"
 
-// Each walk visits every entry: the driver is built so, or report traffic goes to the log.
-bool IsWholeWalk();
+extern const bool WalkWhole; // the driver is built so, see pass.cpp
+
+// Each walk visits every entry.
+inline bool IsWholeWalk()
+{
+    return WalkWhole || IsLogOn(LOG_TRAFFIC);
+}
 
 // Some entries of one list, in its order.
 class HotkeySet

@@ -18,20 +18,20 @@ namespace
 {
 enum : ULONG { MODIFIER_OF_KEYS = MODIFIER_PREFIXES | MODIFIER_FN | MODIFIER_CONTEXT_KEY };
 
-// Nothing of before waits for this report.
+// Nothing of before waits for this report. The fields are shared; between these looks nobody need come first.
 bool IsNothingUnderWay(const DeviceContext* pContext)
 {
-    return pContext->ulHeldHotkeys == 0 && ReadShared(pContext->usSwallowCount) == 0 &&
-           ReadShared(pContext->usInsertCount) == 0 && ReadShared(pContext->ucHotkeyActive) == 0 &&
-           ReadShared(Globals.ucHotkeyComplete) == 0 && ReadShared(Globals.ucSwallowPending) == 0 &&
-           ReadShared(Globals.ulPrefixReleased) == 0 && ReadShared(Globals.ulPrefixUnmatched) == 0;
+    return (pContext->ulHeldHotkeys | LoadAcquire(pContext->usSwallowCount) |
+            LoadAcquire(pContext->usInsertCount) | LoadAcquire(pContext->ucHotkeyActive) |
+            LoadAcquire(Globals.ucHotkeyComplete) | LoadAcquire(Globals.ucSwallowPending) |
+            LoadAcquire(Globals.ulPrefixReleased) | LoadAcquire(Globals.ulPrefixUnmatched)) == 0;
 }
 
 bool IsMeaningless(const DeviceContext* pContext, const UCHAR* pBuf)
 {
-    UCHAR ucMeans = ReadShared(pContext->ucModifiersMean[pBuf[0]]);
+    UCHAR ucMeans = LoadAcquire(pContext->ucModifiersMean[pBuf[0]]);
     for (ULONG i = 1; i < 8; i++) {
-        ucMeans |= ReadShared(pContext->ucKeyMeans[pBuf[i]]);
+        ucMeans |= LoadAcquire(pContext->ucKeyMeans[pBuf[i]]);
     }
     return ucMeans == 0;
 }
