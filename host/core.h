@@ -132,7 +132,7 @@ struct _KTHREAD {
     NTSTATUS WaitStatus;
     ULONG ulBlocks;
     PKWAIT_BLOCK pBlocks;
-    std::pair<LONGLONG, ULONGLONG> Due; // key in HostState::Due while a timed wait runs
+    std::pair<LONGLONG, ULONGLONG> Due; // key in HostClock::Due while a timed wait runs
     bool bTimed;
     PKSPIN_LOCK Held[2];
     unsigned uHeld;
@@ -298,92 +298,4 @@ struct HostKey {
 HostKey* HostFindKey(const HostText& path, bool bCreate, bool* pbCreated);
 void HostParseRegistry(const std::string& text);
 
-struct HostState {
-    HostOptions Options;
-    bool bThreaded = false;
-    bool bStopping = false;
-
-    std::mutex Lock;
-    std::vector<PKTHREAD> Threads; // all that live
-    std::vector<std::unique_ptr<HostOsThread>> OsThreads;
-    std::vector<PKTHREAD> Adopted;
-    std::deque<PKTHREAD> Ready;
-    std::deque<PKTHREAD> Settling;
-    PKTHREAD pMain = nullptr;
-    PKTHREAD pEnded = nullptr; // simulated mode: whoever runs next lets it go
-    unsigned uThreads = 0;
-
-    bool bSeeded = false; // the seed chooses who runs next
-    ULONGLONG ullRandom = 0;
-    ULONGLONG ullDigest = 0; // of all choices so far
-    unsigned uOneIn = 1;     // of so many points, others may run first at one
-    ULONGLONG ullSwitches = 0;
-
-    LONGLONG llNow = 0; // simulated clock
-    LONGLONG llStart = 0;
-    ULONGLONG ullSequence = 0;
-    struct DueThing {
-        PKTIMER pTimer;
-        PKTHREAD pThread;
-    };
-    std::map<std::pair<LONGLONG, ULONGLONG>, DueThing> Due;
-    std::condition_variable TimerWake;
-    LIST_ENTRY DpcQueue;
-    struct RunningDpc {
-        PKDPC pDpc;
-        PKTHREAD pThread;
-        PDRIVER_OBJECT pDriver;
-    };
-    std::vector<RunningDpc> DpcsRunning;
-    std::vector<PKTHREAD> IdleDpcThreads; // with a seed
-    std::condition_variable DpcWake;
-    std::condition_variable DpcIdle;
-    std::vector<PKTHREAD> SystemThreads;
-
-    struct Work {
-        std::function<void()> Run;
-        const void* pIdentity;
-        PDRIVER_OBJECT pOwner;
-    };
-    std::deque<Work> WorkQueue;
-    std::vector<PKTHREAD> Workers;
-    std::vector<PKTHREAD> IdleWorkers;
-    unsigned uBusyWorkers = 0;
-
-    struct HandleEntry {
-        void* pBody;
-        PDRIVER_OBJECT pOwner;
-        bool bUser;
-        ACCESS_MASK Rights;
-    };
-    std::map<ULONG_PTR, HandleEntry> Handles;
-    ULONG_PTR ulNextHandle = 4; // or HostOptions::ulFirstHandle
-    struct Balance {
-        long lAll; // what one took, another may give back
-        std::map<PDRIVER_OBJECT, long> Drivers;
-    };
-    std::unordered_map<void*, Balance> References; // what drivers took, by object
-
-    std::map<HostText, HostName> Names;
-    std::vector<struct HostDriver*> Drivers;
-    LIST_ENTRY Requests;
-    std::map<const void*, std::set<const void*>> LockOrder; // locks that were taken while the key was held
-    std::set<const void*> OrderedLocks;                     // all of them
-    std::mutex IrpLock;
-    KSPIN_LOCK CancelLock = 0;
-    std::map<std::pair<PDEVICE_OBJECT, int>, std::vector<UCHAR>> Properties;
-    HostKey Registry;
-    std::string RegistryOnDisk; // .reg text as of the last flush; empty: as it was at the start
-    std::vector<struct FileBody*> OpenFiles;
-
-    std::shared_ptr<struct HostTracing> Tracing; // trace.cpp
-
-    std::string FailKind; // empty: any
-    unsigned uFailNth = 0;
-    bool bFailOn = false;
-    HostText FailIn;
-    std::vector<std::pair<const char*, unsigned>> FallibleByKind; // a kind can stand there more than once
-    unsigned uFallible = 0;
-};
-
-extern HostState* g;
+#include "state.h"

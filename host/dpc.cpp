@@ -25,11 +25,11 @@ void KeInitializeDpc(PRKDPC pDpc, PKDEFERRED_ROUTINE pRoutine, PVOID pContext)
 // Lock: held.
 void HostWakeDpcThreads()
 {
-    g->DpcWake.notify_all();
-    for (PKTHREAD pThread : g->IdleDpcThreads) {
+    g->Dpcs.Wake.notify_all();
+    for (PKTHREAD pThread : g->Dpcs.IdleThreads) {
         HostWake(pThread);
     }
-    g->IdleDpcThreads.clear();
+    g->Dpcs.IdleThreads.clear();
 }
 
 // Appends the call; one that is queued already stays where it is.
@@ -44,7 +44,7 @@ void HostQueueDpc(PKDPC pDpc, PVOID pArgument1, PVOID pArgument2)
     }
     pDpc->SystemArgument1 = pArgument1;
     pDpc->SystemArgument2 = pArgument2;
-    InsertTailList(&g->DpcQueue, &pDpc->DpcListEntry);
+    InsertTailList(&g->Dpcs.Queue, &pDpc->DpcListEntry);
     HostWakeDpcThreads();
 }
 
@@ -52,14 +52,14 @@ void HostQueueDpc(PKDPC pDpc, PVOID pArgument1, PVOID pArgument2)
 // Lock: held, released during the call.
 void HostRunOneDpc(HostLock& lock, PKTHREAD pSelf)
 {
-    PKDPC pDpc = CONTAINING_RECORD(RemoveHeadList(&g->DpcQueue), KDPC, DpcListEntry);
+    PKDPC pDpc = CONTAINING_RECORD(RemoveHeadList(&g->Dpcs.Queue), KDPC, DpcListEntry);
     pDpc->DpcListEntry = {nullptr, nullptr};
     PKDEFERRED_ROUTINE pRoutine = pDpc->DeferredRoutine;
     PVOID pContext = pDpc->DeferredContext;
     PVOID pArgument1 = pDpc->SystemArgument1;
     PVOID pArgument2 = pDpc->SystemArgument2;
     PDRIVER_OBJECT pDriver = static_cast<PDRIVER_OBJECT>(pDpc->DpcData);
-    g->DpcsRunning.push_back({pDpc, pSelf, pDriver});
+    g->Dpcs.Running.push_back({pDpc, pSelf, pDriver});
     lock.unlock();
     KIRQL before = KfRaiseIrql(DISPATCH_LEVEL);
     const UCHAR* pInterrupted = pSelf->pStackTop;
@@ -75,20 +75,20 @@ void HostRunOneDpc(HostLock& lock, PKTHREAD pSelf)
     }
     SCHEDULE_POINT();
     lock.lock();
-    for (size_t i = 0; i < g->DpcsRunning.size(); i++) {
-        if (g->DpcsRunning[i].pThread == pSelf) {
-            g->DpcsRunning.erase(g->DpcsRunning.begin() + static_cast<long>(i));
+    for (size_t i = 0; i < g->Dpcs.Running.size(); i++) {
+        if (g->Dpcs.Running[i].pThread == pSelf) {
+            g->Dpcs.Running.erase(g->Dpcs.Running.begin() + static_cast<long>(i));
             break;
         }
     }
-    g->DpcIdle.notify_all();
+    g->Dpcs.Idle.notify_all();
 }
 
 void HostRunDpcs()
 {
     PKTHREAD pSelf = HostSelf();
     HostLock lock(g->Lock);
-    while (!g->bSeeded && !IsListEmpty(&g->DpcQueue)) {
+    while (!g->Sched.bSeeded && !IsListEmpty(&g->Dpcs.Queue)) {
         HostRunOneDpc(lock, pSelf);
     }
 }
@@ -98,12 +98,12 @@ void HostDpcThread()
     PKTHREAD pSelf = HostSelf();
     HostLock lock(g->Lock);
     while (!g->bStopping) {
-        if (IsListEmpty(&g->DpcQueue) && g->bSeeded) {
-            g->IdleDpcThreads.push_back(pSelf);
+        if (IsListEmpty(&g->Dpcs.Queue) && g->Sched.bSeeded) {
+            g->Dpcs.IdleThreads.push_back(pSelf);
             pSelf->bWaiting = true;
             HostBlock(lock, pSelf);
-        } else if (IsListEmpty(&g->DpcQueue)) {
-            g->DpcWake.wait(lock);
+        } else if (IsListEmpty(&g->Dpcs.Queue)) {
+            g->Dpcs.Wake.wait(lock);
         } else {
             HostRunOneDpc(lock, pSelf);
         }
@@ -143,9 +143,9 @@ void KeFlushQueuedDpcs()
 {
     HostEnter(__func__, PASSIVE_LEVEL);
     HostLock lock(g->Lock);
-    while ((g->bThreaded || g->bSeeded) && (!IsListEmpty(&g->DpcQueue) || !g->DpcsRunning.empty())) {
+    while ((g->bThreaded || g->Sched.bSeeded) && (!IsListEmpty(&g->Dpcs.Queue) || !g->Dpcs.Running.empty())) {
         if (g->bThreaded) {
-            g->DpcIdle.wait(lock);
+            g->Dpcs.Idle.wait(lock);
         } else {
             HostYield(lock, HostSelf());
         }

@@ -44,12 +44,12 @@ void HostStart(const HostOptions& options)
     HostRun = ++ullRuns;
     g->Options = options;
     HostRunsFreely = g->bThreaded = options.Mode == HostThreaded;
-    g->ulNextHandle = options.ulFirstHandle;
-    InitializeListHead(&g->DpcQueue);
-    InitializeListHead(&g->Requests);
+    g->Objects.ulNextHandle = options.ulFirstHandle;
+    InitializeListHead(&g->Dpcs.Queue);
+    InitializeListHead(&g->Irps.All);
     HostSeedSchedule(g->bThreaded ? 0 : options.Seed);
-    g->llStart = HostNow();
-    g->pMain = HostSelf();
+    g->Clock.llStart = HostNow();
+    g->Threads.pMain = HostSelf();
     HostStartTrace();
     HostParseRegistry(options.RegistryText);
     HostStartSystemThreads();
@@ -60,28 +60,28 @@ static unsigned Audit(PDRIVER_OBJECT pDriver)
     unsigned uLeaks = HostAuditNames(pDriver) + HostAuditPnp(pDriver) + HostAuditObjects(pDriver) +
                       HostAuditPool(pDriver) + HostAuditRequests(pDriver) + HostAuditTrace(pDriver);
     HostLock lock(g->Lock);
-    for (const auto& due : g->Due) {
+    for (const auto& due : g->Clock.Due) {
         PKTIMER pTimer = due.second.pTimer;
         if (pTimer != nullptr && (pTimer->Dpc == nullptr ? nullptr : pTimer->Dpc->DpcData) == pDriver) {
             HostLeak(uLeaks, "timer: set, due at %lld us", due.first.first / 10);
         }
     }
-    for (const HostState::Work& work : g->WorkQueue) {
+    for (const HostWorkers::Item& work : g->Work.Queue) {
         if (work.pOwner == pDriver) {
             HostLeak(uLeaks, "work item: queued");
         }
     }
-    for (PLIST_ENTRY pEntry = g->DpcQueue.Flink; pEntry != &g->DpcQueue; pEntry = pEntry->Flink) {
+    for (PLIST_ENTRY pEntry = g->Dpcs.Queue.Flink; pEntry != &g->Dpcs.Queue; pEntry = pEntry->Flink) {
         if (CONTAINING_RECORD(pEntry, KDPC, DpcListEntry)->DpcData == pDriver) {
             HostLeak(uLeaks, "DPC: queued");
         }
     }
-    for (const HostState::RunningDpc& running : g->DpcsRunning) {
+    for (const HostDpcs::RunningDpc& running : g->Dpcs.Running) {
         if (running.pDriver == pDriver) {
             HostLeak(uLeaks, "DPC: still running");
         }
     }
-    for (PKTHREAD pThread : g->Threads) {
+    for (PKTHREAD pThread : g->Threads.All) {
         if (pDriver != nullptr && pThread->pWorkOf == pDriver) {
             HostLeak(uLeaks, "work routine: still running");
         }
@@ -95,7 +95,7 @@ static unsigned Audit(PDRIVER_OBJECT pDriver)
 // Ends the host; audits what no unload has audited yet.
 unsigned HostStop()
 {
-    if (HostSelf() != g->pMain) {
+    if (HostSelf() != g->Threads.pMain) {
         HostBug("HOST_STOPPED_BY_OTHER", "HostStop from another thread than HostStart");
     }
     HostEnter(__func__, PASSIVE_LEVEL);
@@ -108,7 +108,7 @@ unsigned HostStop()
         }
     }
     uLeaks += Audit(nullptr);
-    for (PKTHREAD pThread : g->Threads) {
+    for (PKTHREAD pThread : g->Threads.All) {
         if (pThread->pOs != nullptr && pThread->Name == "application") {
             HostLeak(uLeaks, "thread: %s still runs", pThread->Name.c_str());
         }

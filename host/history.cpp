@@ -33,7 +33,7 @@ std::string HostHistoryOf(HostIrp* pHost)
 
 template <typename Visit> static void ForEachRequest(Visit visit)
 {
-    for (PLIST_ENTRY pEntry = g->Requests.Flink; pEntry != &g->Requests; pEntry = pEntry->Flink) {
+    for (PLIST_ENTRY pEntry = g->Irps.All.Flink; pEntry != &g->Irps.All; pEntry = pEntry->Flink) {
         visit(CONTAINING_RECORD(pEntry, HostIrp, Link));
     }
 }

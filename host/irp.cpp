@@ -58,7 +58,7 @@ PIRP HostNewIrp(CCHAR stackSize)
     pHost->pSteps = reinterpret_cast<HostStep*>(reinterpret_cast<UCHAR*>(pIrp) + irpSize);
     memset(pHost->pSteps, 0, steps * sizeof(HostStep));
     HostLock lock(g->Lock);
-    InsertTailList(&g->Requests, &pHost->Link);
+    InsertTailList(&g->Irps.All, &pHost->Link);
     return pIrp;
 }
 

@@ -57,7 +57,7 @@ struct HostIrp {
     ULONG ulCode;
     ULONGLONG ullKey; // of its system buffer's unwritten bytes
     bool bOnStack;    // its event or status block lies with the caller, who must outlive it
-    LIST_ENTRY Link;  // HostState::Requests
+    LIST_ENTRY Link;  // HostRequests::All
     unsigned uTransitions;
     HostTransition Transitions[TRANSITIONS]; // the last ones, a ring
 };
@@ -68,13 +68,13 @@ public:
     HostStepLock()
     {
         if (HostRunsFreely) {
-            g->IrpLock.lock();
+            g->Irps.Lock.lock();
         }
     }
     ~HostStepLock()
     {
         if (HostRunsFreely) {
-            g->IrpLock.unlock();
+            g->Irps.Lock.unlock();
         }
     }
 };

@@ -31,7 +31,7 @@ struct Stretch {
 // Lock: held.
 static void CheckTimers(const Stretch& stretch)
 {
-    for (const auto& due : g->Due) {
+    for (const auto& due : g->Clock.Due) {
         if (due.second.pTimer != nullptr && stretch.Has(due.second.pTimer)) {
             stretch.Stop(stretch.Code.pTimer, "a timer in it is set");
         }
@@ -39,13 +39,13 @@ static void CheckTimers(const Stretch& stretch)
             stretch.Stop(stretch.Code.pTimer, "a timer is set for a DPC in it");
         }
     }
-    for (PLIST_ENTRY pEntry = g->DpcQueue.Flink; pEntry != &g->DpcQueue; pEntry = pEntry->Flink) {
+    for (PLIST_ENTRY pEntry = g->Dpcs.Queue.Flink; pEntry != &g->Dpcs.Queue; pEntry = pEntry->Flink) {
         if (stretch.Has(pEntry)) {
             stretch.Stop(stretch.Code.pTimer, "a DPC in it is queued");
         }
     }
     PKTHREAD pSelf = HostSelf();
-    for (const HostState::RunningDpc& running : g->DpcsRunning) {
+    for (const HostDpcs::RunningDpc& running : g->Dpcs.Running) {
         if (running.pThread != pSelf && stretch.Has(running.pDpc)) {
             stretch.Stop(stretch.Code.pTimer, "a DPC in it runs on another processor");
         }
@@ -55,7 +55,7 @@ static void CheckTimers(const Stretch& stretch)
 // Lock: held.
 static void CheckThreads(const Stretch& stretch)
 {
-    for (PKTHREAD pThread : g->Threads) {
+    for (PKTHREAD pThread : g->Threads.All) {
         for (ULONG i = 0; i < pThread->ulBlocks; i++) {
             if (stretch.Has(pThread->pBlocks[i].Object)) {
                 std::string who =
@@ -81,7 +81,7 @@ void HostCheckNoLiveThings(const void* p, size_t bytes, const char* pWhat)
     CheckTimers(stretch);
     HostForgetLocks(p, bytes);
     CheckThreads(stretch);
-    for (const HostState::Work& work : g->WorkQueue) {
+    for (const HostWorkers::Item& work : g->Work.Queue) {
         if (stretch.Has(work.pIdentity)) {
             stretch.Stop(stretch.Code.pWork, "a work item in it is queued");
         }

@@ -52,7 +52,7 @@ void KeLowerIrql(KIRQL irql)
         HostBug("IRQL_NOT_GREATER_OR_EQUAL", "KeLowerIrql to %u while a spin lock is held", irql);
     }
     SetIrql(pSelf, irql);
-    if (irql < DISPATCH_LEVEL && !g->bThreaded && !IsListEmpty(&g->DpcQueue)) {
+    if (irql < DISPATCH_LEVEL && !g->bThreaded && !IsListEmpty(&g->Dpcs.Queue)) {
         HostRunDpcs();
     }
     SCHEDULE_POINT();
@@ -92,7 +92,7 @@ static void Take(PKTHREAD pSelf, PKSPIN_LOCK pLock, const char* pCall)
     }
     KSPIN_LOCK expected = 0;
     while (!__atomic_compare_exchange_n(pLock, &expected, self, true, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
-        if (g->bSeeded) {
+        if (g->Sched.bSeeded) {
             HostLock lock(g->Lock);
             pSelf->pSpinsFor = pLock;
             HostYield(lock, pSelf);

@@ -64,7 +64,7 @@ long HostDereference(void* pBody)
     HostCheckNoLiveThings(pBody, pObject->bodySize, HostKindName(pObject->Kind));
     {
         HostLock lock(g->Lock);
-        g->References.erase(pBody);
+        g->Objects.References.erase(pBody);
     }
     if (pObject->pDestroy != nullptr) {
         pObject->pDestroy(pBody);
@@ -78,7 +78,7 @@ static void Book(void* pBody, long lChange)
 {
     PDRIVER_OBJECT pDriver = HostSelf()->pDriver;
     HostLock lock(g->Lock);
-    HostState::Balance& balance = g->References[pBody];
+    HostLedger::Balance& balance = g->Objects.References[pBody];
     balance.Drivers[pDriver] += lChange;
     balance.lAll += lChange;
     if (balance.lAll < 0) {
@@ -132,9 +132,9 @@ HANDLE HostNewHandle(void* pBody, ULONG ulAttributes, ACCESS_MASK rights)
     PDRIVER_OBJECT pDriver = HostSelf()->pDriver;
     rights = HostRightsOf(HostObjectOf(pBody, "a new handle")->Kind, rights);
     HostLock lock(g->Lock);
-    ULONG_PTR ulHandle = g->ulNextHandle;
-    g->ulNextHandle += 4;
-    g->Handles[ulHandle] = {pBody, pDriver, !(ulAttributes & OBJ_KERNEL_HANDLE), rights};
+    ULONG_PTR ulHandle = g->Objects.ulNextHandle;
+    g->Objects.ulNextHandle += 4;
+    g->Objects.Handles[ulHandle] = {pBody, pDriver, !(ulAttributes & OBJ_KERNEL_HANDLE), rights};
     return reinterpret_cast<HANDLE>(ulHandle);
 }
 
@@ -152,8 +152,8 @@ static void CheckHandleUse(bool bUserAsKernel, const char* pCall)
 void* HostFromHandle(HANDLE h, HostKind kind, ACCESS_MASK needed, NTSTATUS* pStatus)
 {
     HostLock lock(g->Lock);
-    auto it = g->Handles.find(reinterpret_cast<ULONG_PTR>(h));
-    if (it == g->Handles.end()) {
+    auto it = g->Objects.Handles.find(reinterpret_cast<ULONG_PTR>(h));
+    if (it == g->Objects.Handles.end()) {
         *pStatus = STATUS_INVALID_HANDLE;
         return nullptr;
     }
@@ -176,8 +176,8 @@ NTSTATUS ObReferenceObjectByHandle(HANDLE h, ACCESS_MASK desired, POBJECT_TYPE p
     }
     {
         HostLock lock(g->Lock);
-        auto it = g->Handles.find(reinterpret_cast<ULONG_PTR>(h));
-        if (it == g->Handles.end() || (mode == UserMode && !it->second.bUser)) {
+        auto it = g->Objects.Handles.find(reinterpret_cast<ULONG_PTR>(h));
+        if (it == g->Objects.Handles.end() || (mode == UserMode && !it->second.bUser)) {
             return STATUS_INVALID_HANDLE;
         }
         CheckHandleUse(it->second.bUser && mode == KernelMode, __func__);
@@ -205,8 +205,8 @@ NTSTATUS ZwClose(HANDLE h)
     void* pBody;
     {
         HostLock lock(g->Lock);
-        auto it = g->Handles.find(reinterpret_cast<ULONG_PTR>(h));
-        if (it == g->Handles.end()) {
+        auto it = g->Objects.Handles.find(reinterpret_cast<ULONG_PTR>(h));
+        if (it == g->Objects.Handles.end()) {
             if (HostSelf()->pDriver != nullptr) {
                 HostBug("INVALID_KERNEL_HANDLE", "ZwClose of a handle that is not open");
             }
@@ -214,7 +214,7 @@ NTSTATUS ZwClose(HANDLE h)
         }
         CheckHandleUse(it->second.bUser, __func__);
         pBody = it->second.pBody;
-        g->Handles.erase(it);
+        g->Objects.Handles.erase(it);
     }
     HostDereference(pBody);
     return STATUS_SUCCESS;
@@ -225,12 +225,12 @@ unsigned HostAuditObjects(PDRIVER_OBJECT pDriver)
 {
     unsigned uLeaks = 0;
     HostLock lock(g->Lock);
-    for (const auto& handle : g->Handles) {
+    for (const auto& handle : g->Objects.Handles) {
         if (handle.second.pOwner == pDriver) {
             HostLeak(uLeaks, "handle: %s", HostKindName(HostObjectOf(handle.second.pBody, "audit")->Kind));
         }
     }
-    for (const auto& [pBody, balance] : g->References) {
+    for (const auto& [pBody, balance] : g->Objects.References) {
         auto own = balance.Drivers.find(pDriver);
         if (balance.lAll > 0 && own != balance.Drivers.end() && own->second > 0) {
             HostLeak(uLeaks, "reference: %ld on %s", own->second,

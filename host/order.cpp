@@ -6,8 +6,8 @@
 
 static bool Leads(const void* pFrom, const void* pTo, unsigned uDepth)
 {
-    auto it = g->LockOrder.find(pFrom);
-    if (it == g->LockOrder.end() || uDepth == 0) {
+    auto it = g->Orders.After.find(pFrom);
+    if (it == g->Orders.After.end() || uDepth == 0) {
         return false;
     }
     for (const void* pNext : it->second) {
@@ -20,10 +20,10 @@ static bool Leads(const void* pFrom, const void* pTo, unsigned uDepth)
 
 static void NoteOne(const void* pHeld, const void* pTaken)
 {
-    if (pHeld == pTaken || !g->LockOrder[pHeld].insert(pTaken).second) {
+    if (pHeld == pTaken || !g->Orders.After[pHeld].insert(pTaken).second) {
         return;
     }
-    g->OrderedLocks.insert({pHeld, pTaken});
+    g->Orders.Locks.insert({pHeld, pTaken});
     if (Leads(pTaken, pHeld, 16)) {
         HostBug("LOCK_ORDER", "lock %p is taken under %p; before, it was the other way round", pTaken, pHeld);
     }
@@ -45,13 +45,13 @@ void HostNoteOrder(PKTHREAD pSelf, const void* pTaken)
 void HostForgetLocks(const void* p, size_t bytes)
 {
     const void* pEnd = static_cast<const UCHAR*>(p) + bytes;
-    auto first = g->OrderedLocks.lower_bound(p);
-    if (first == g->OrderedLocks.end() || *first >= pEnd) {
+    auto first = g->Orders.Locks.lower_bound(p);
+    if (first == g->Orders.Locks.end() || *first >= pEnd) {
         return;
     }
-    g->OrderedLocks.erase(first, g->OrderedLocks.lower_bound(pEnd));
-    g->LockOrder.erase(g->LockOrder.lower_bound(p), g->LockOrder.lower_bound(pEnd));
-    for (auto& order : g->LockOrder) {
+    g->Orders.Locks.erase(first, g->Orders.Locks.lower_bound(pEnd));
+    g->Orders.After.erase(g->Orders.After.lower_bound(p), g->Orders.After.lower_bound(pEnd));
+    for (auto& order : g->Orders.After) {
         order.second.erase(order.second.lower_bound(p), order.second.lower_bound(pEnd));
     }
 }

@@ -327,7 +327,7 @@ NTSTATUS IoUnregisterPlugPlayNotification(PVOID pEntry)
 static bool IsTold(PDRIVER_OBJECT pDriver)
 {
     HostLock lock(g->Lock);
-    for (PKTHREAD pThread : g->Threads) {
+    for (PKTHREAD pThread : g->Threads.All) {
         if (pThread->pTells == pDriver && pThread != HostSelf()) {
             return true;
         }

@@ -14,7 +14,7 @@ static void DestroyKeyBody(void*) {}
 // Lock: held.
 HostKey* HostFindKey(const HostText& path, bool bCreate, bool* pbCreated)
 {
-    HostKey* pKey = &g->Registry;
+    HostKey* pKey = &g->Hive.Root;
     for (size_t begin = 0; begin < path.size();) {
         if (path[begin] == u'\\') {
             begin++;
@@ -160,14 +160,14 @@ NTSTATUS ZwFlushKey(HANDLE h)
     }
     std::string text = HostRegistryText(); // the whole of it, as a hive is written whole
     HostLock lock(g->Lock);
-    g->RegistryOnDisk = std::move(text);
+    g->Hive.OnDisk = std::move(text);
     return STATUS_SUCCESS;
 }
 
 std::string HostFlushedRegistryText()
 {
     HostLock lock(g->Lock);
-    return g->RegistryOnDisk.empty() ? g->Options.RegistryText : g->RegistryOnDisk;
+    return g->Hive.OnDisk.empty() ? g->Options.RegistryText : g->Hive.OnDisk;
 }
 
 NTSTATUS ZwDeleteValueKey(HANDLE h, PUNICODE_STRING pName)

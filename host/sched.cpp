@@ -28,14 +28,14 @@ void HostWake(PKTHREAD pThread)
     } else if (HostStops(pThread)) {
         pThread->bStopped = true;
     } else {
-        g->Ready.push_back(pThread);
+        g->Sched.Ready.push_back(pThread);
     }
 }
 
 [[noreturn]] static void StopForDeadlock()
 {
     std::string who;
-    for (PKTHREAD pThread : g->Threads) {
+    for (PKTHREAD pThread : g->Threads.All) {
         if (pThread->bWaiting && pThread->ulBlocks != 0) {
             who += "\n  thread '" + pThread->Name + "' waits for " + HostDescribeWait(pThread);
             who += pThread->pRequest == nullptr ? "" : HostHistoryOf(HostIrpOf(pThread->pRequest));
@@ -52,8 +52,8 @@ bool HostSeeded;
 // A small generator of our own: the same numbers everywhere.
 static unsigned Chance(unsigned uOneIn)
 {
-    g->ullRandom += 0x9e3779b97f4a7c15;
-    ULONGLONG ull = g->ullRandom;
+    g->Sched.ullRandom += 0x9e3779b97f4a7c15;
+    ULONGLONG ull = g->Sched.ullRandom;
     ull = (ull ^ (ull >> 30)) * 0xbf58476d1ce4e5b9;
     ull = (ull ^ (ull >> 27)) * 0x94d049bb133111eb;
     return static_cast<unsigned>((ull ^ (ull >> 31)) % uOneIn);
@@ -63,19 +63,19 @@ static unsigned Chance(unsigned uOneIn)
 void HostSeedSchedule(ULONGLONG ullSeed)
 {
     static const unsigned ONE_IN[] = {1, 2, 3, 4, 8, 16, 32, 64};
-    HostSeeded = g->bSeeded = ullSeed != 0;
-    g->ullRandom = ullSeed * 0x2545f4914f6cdd1d;
-    g->uOneIn = ONE_IN[Chance(sizeof(ONE_IN) / sizeof(ONE_IN[0]))];
+    HostSeeded = g->Sched.bSeeded = ullSeed != 0;
+    g->Sched.ullRandom = ullSeed * 0x2545f4914f6cdd1d;
+    g->Sched.uOneIn = ONE_IN[Chance(sizeof(ONE_IN) / sizeof(ONE_IN[0]))];
 }
 
 unsigned long long HostScheduleDigest()
 {
-    return g->ullDigest;
+    return g->Sched.ullDigest;
 }
 
 static bool IsTimedWaitDue()
 {
-    for (const auto& due : g->Due) {
+    for (const auto& due : g->Clock.Due) {
         if (due.second.pThread != nullptr) {
             return true;
         }
@@ -89,19 +89,19 @@ static bool IsTimedWaitDue()
 static PKTHREAD ChooseReady()
 {
     unsigned uHigh = 0;
-    for (PKTHREAD pThread : g->Ready) {
+    for (PKTHREAD pThread : g->Sched.Ready) {
         uHigh += pThread->Irql >= DISPATCH_LEVEL;
     }
     size_t able[64], slow[64];
     unsigned uAble = 0, uSlow = 0;
-    g->ullSwitches++;
-    for (size_t i = 0; i < g->Ready.size() && i < 64; i++) {
-        PKTHREAD pThread = g->Ready[i];
+    g->Sched.ullSwitches++;
+    for (size_t i = 0; i < g->Sched.Ready.size() && i < 64; i++) {
+        PKTHREAD pThread = g->Sched.Ready[i];
         bool bLockFree = pThread->pSpinsFor == nullptr || *pThread->pSpinsFor == 0;
         if (!bLockFree || (pThread->Irql < DISPATCH_LEVEL && uHigh >= PROCESSORS)) {
             continue;
         }
-        if (pThread->ullSlowUntil > g->ullSwitches) {
+        if (pThread->ullSlowUntil > g->Sched.ullSwitches) {
             slow[uSlow++] = i;
         } else {
             able[uAble++] = i;
@@ -111,41 +111,41 @@ static PKTHREAD ChooseReady()
         HostBug("SPIN_LOCK_DEADLOCK", "every thread that could run spins for a lock");
     }
     size_t chosen = uAble != 0 ? able[Chance(uAble)] : slow[Chance(uSlow)];
-    PKTHREAD pNext = g->Ready[chosen];
-    g->Ready.erase(g->Ready.begin() + static_cast<long>(chosen));
+    PKTHREAD pNext = g->Sched.Ready[chosen];
+    g->Sched.Ready.erase(g->Sched.Ready.begin() + static_cast<long>(chosen));
     return pNext;
 }
 
 static PKTHREAD TakeNext()
 {
-    std::deque<PKTHREAD>& queue = g->Ready.empty() ? g->Settling : g->Ready;
+    std::deque<PKTHREAD>& queue = g->Sched.Ready.empty() ? g->Sched.Settling : g->Sched.Ready;
     PKTHREAD pNext;
-    if (g->bSeeded && !g->Ready.empty()) {
+    if (g->Sched.bSeeded && !g->Sched.Ready.empty()) {
         pNext = ChooseReady();
     } else {
         pNext = queue.front();
         queue.pop_front();
     }
-    g->ullDigest = (g->ullDigest ^ pNext->uNumber) * 0x100000001b3;
+    g->Sched.ullDigest = (g->Sched.ullDigest ^ pNext->uNumber) * 0x100000001b3;
     return pNext;
 }
 
 // The next thread that may run; runs the idle loop on the calling thread until there is one.
 static PKTHREAD PickNext(HostLock& lock, PKTHREAD pSelf)
 {
-    const LONGLONG llBegin = g->llNow;
+    const LONGLONG llBegin = g->Clock.llNow;
     for (;;) {
-        if (!g->Ready.empty() || !g->Settling.empty()) {
+        if (!g->Sched.Ready.empty() || !g->Sched.Settling.empty()) {
             return TakeNext();
         }
-        if (g->Due.empty() || (g->llNow - llBegin > IDLE_DAY && !IsTimedWaitDue())) {
+        if (g->Clock.Due.empty() || (g->Clock.llNow - llBegin > IDLE_DAY && !IsTimedWaitDue())) {
             StopForDeadlock();
         }
-        if (g->Due.begin()->first.first > g->llNow) {
-            g->llNow = g->Due.begin()->first.first;
+        if (g->Clock.Due.begin()->first.first > g->Clock.llNow) {
+            g->Clock.llNow = g->Clock.Due.begin()->first.first;
         }
-        HostExpire(g->llNow);
-        while (!g->bSeeded && !IsListEmpty(&g->DpcQueue)) {
+        HostExpire(g->Clock.llNow);
+        while (!g->Sched.bSeeded && !IsListEmpty(&g->Dpcs.Queue)) {
             HostRunOneDpc(lock, pSelf);
         }
     }
@@ -154,9 +154,9 @@ static PKTHREAD PickNext(HostLock& lock, PKTHREAD pSelf)
 // Lets go of a thread that has ended: it could not while its own stack was in use.
 void HostArrived(HostLock& lock)
 {
-    PKTHREAD pEnded = g->pEnded;
+    PKTHREAD pEnded = g->Sched.pEnded;
     if (pEnded != nullptr) {
-        g->pEnded = nullptr;
+        g->Sched.pEnded = nullptr;
         lock.unlock();
         HostDeleteFiber(pEnded->pFiber);
         pEnded->pFiber = nullptr;
@@ -181,14 +181,14 @@ static void Switch(HostLock& lock, PKTHREAD pSelf, PKTHREAD pNext, bool bEnds)
 void HostLeave(HostLock& lock, PKTHREAD pSelf)
 {
     PKTHREAD pNext = PickNext(lock, pSelf);
-    g->pEnded = pSelf;
+    g->Sched.pEnded = pSelf;
     Switch(lock, pSelf, pNext, true);
     __builtin_unreachable();
 }
 
 void HostYield(HostLock& lock, PKTHREAD pSelf)
 {
-    g->Ready.push_back(pSelf);
+    g->Sched.Ready.push_back(pSelf);
     PKTHREAD pNext = PickNext(lock, pSelf);
     if (pNext != pSelf) {
         Switch(lock, pSelf, pNext, false);
@@ -200,18 +200,19 @@ void HostYield(HostLock& lock, PKTHREAD pSelf)
 void HostPreempt()
 {
     PKTHREAD pSelf = HostSelf();
-    if (Chance(g->uOneIn) != 0) {
+    if (Chance(g->Sched.uOneIn) != 0) {
         return;
     }
     HostLock lock(g->Lock);
-    if (Chance(CLOCK_ONE_IN) == 0 && !g->Due.empty() && g->Due.begin()->first.first <= g->llNow + NEAR_BY) {
-        LONGLONG llDue = g->Due.begin()->first.first;
-        g->llNow = llDue > g->llNow ? llDue : g->llNow;
-        HostExpire(g->llNow);
+    if (Chance(CLOCK_ONE_IN) == 0 && !g->Clock.Due.empty() &&
+        g->Clock.Due.begin()->first.first <= g->Clock.llNow + NEAR_BY) {
+        LONGLONG llDue = g->Clock.Due.begin()->first.first;
+        g->Clock.llNow = llDue > g->Clock.llNow ? llDue : g->Clock.llNow;
+        HostExpire(g->Clock.llNow);
     }
-    if (!g->Ready.empty()) {
+    if (!g->Sched.Ready.empty()) {
         if (Chance(SLOW_ONE_IN) == 0) {
-            pSelf->ullSlowUntil = g->ullSwitches + (1u << Chance(SLOW_LOG2));
+            pSelf->ullSlowUntil = g->Sched.ullSwitches + (1u << Chance(SLOW_LOG2));
         }
         HostYield(lock, pSelf);
     }
@@ -245,8 +246,8 @@ void HostBlock(HostLock& lock, PKTHREAD pSelf)
 
 static void Quiet(HostLock& lock)
 {
-    while (!IsListEmpty(&g->DpcQueue) || !g->DpcsRunning.empty() || !g->WorkQueue.empty() ||
-           g->uBusyWorkers != 0) {
+    while (!IsListEmpty(&g->Dpcs.Queue) || !g->Dpcs.Running.empty() || !g->Work.Queue.empty() ||
+           g->Work.uBusy != 0) {
         lock.unlock();
         usleep(200);
         lock.lock();
@@ -262,8 +263,8 @@ void HostSettle()
         Quiet(lock);
         return;
     }
-    while (!g->Ready.empty()) {
-        g->Settling.push_back(pSelf);
+    while (!g->Sched.Ready.empty()) {
+        g->Sched.Settling.push_back(pSelf);
         PKTHREAD pNext = PickNext(lock, pSelf);
         if (pNext != pSelf) {
             Switch(lock, pSelf, pNext, false);

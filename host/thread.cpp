@@ -31,7 +31,7 @@ static PKTHREAD NewThread(const char* pName)
     PKTHREAD pThread =
         static_cast<PKTHREAD>(HostNewObject(HostKindThread, sizeof(HostThreadObject), DestroyThread));
     InitThread(pThread, pName);
-    pThread->uNumber = __atomic_add_fetch(&g->uThreads, 1, __ATOMIC_RELAXED);
+    pThread->uNumber = __atomic_add_fetch(&g->Threads.uStarted, 1, __ATOMIC_RELAXED);
     return pThread;
 }
 
@@ -47,17 +47,17 @@ PKTHREAD HostAdopt()
     if (g == nullptr) {
         HostBug("HOST_NOT_STARTED", "a kernel service was called without HostStart");
     }
-    if (!g->bThreaded && g->pMain != nullptr) {
+    if (!g->bThreaded && g->Threads.pMain != nullptr) {
         HostBug("FOREIGN_THREAD", "simulated mode knows only threads that HostStartThread started");
     }
-    PKTHREAD pThread = NewThread(g->pMain == nullptr ? "main" : "adopted");
+    PKTHREAD pThread = NewThread(g->Threads.pMain == nullptr ? "main" : "adopted");
     if (!g->bThreaded) {
         pThread->pFiber = HostCallerFiber();
     }
     HostSetSelf(pThread);
     HostLock lock(g->Lock);
-    g->Threads.push_back(pThread);
-    g->Adopted.push_back(pThread);
+    g->Threads.All.push_back(pThread);
+    g->Threads.Adopted.push_back(pThread);
     return pThread;
 }
 
@@ -66,9 +66,9 @@ static void EndThread(PKTHREAD pSelf)
     pSelf->pOs->bEnded = true;
     pSelf->Header.SignalState = 1;
     HostSignal(&pSelf->Header);
-    for (size_t i = 0; i < g->Threads.size(); i++) {
-        if (g->Threads[i] == pSelf) {
-            g->Threads.erase(g->Threads.begin() + static_cast<long>(i));
+    for (size_t i = 0; i < g->Threads.All.size(); i++) {
+        if (g->Threads.All[i] == pSelf) {
+            g->Threads.All.erase(g->Threads.All.begin() + static_cast<long>(i));
             break;
         }
     }
@@ -139,14 +139,14 @@ PKTHREAD HostSpawn(const char* pName, std::function<void()> body, size_t stackBy
     pThread->pDriver = pDriver;
     HostReference(pThread);
     HostLock lock(g->Lock);
-    g->OsThreads.push_back(std::make_unique<HostOsThread>());
-    pThread->pOs = g->OsThreads.back().get();
-    g->Threads.push_back(pThread);
+    g->Threads.Os.push_back(std::make_unique<HostOsThread>());
+    pThread->pOs = g->Threads.Os.back().get();
+    g->Threads.All.push_back(pThread);
     if (g->bThreaded) {
         StartOsThread(pThread, stackBytes);
     } else {
         pThread->pFiber = HostNewFiber(stackBytes, RunFiber, pThread);
-        g->Ready.push_back(pThread);
+        g->Sched.Ready.push_back(pThread);
     }
     return pThread;
 }
@@ -154,11 +154,11 @@ PKTHREAD HostSpawn(const char* pName, std::function<void()> body, size_t stackBy
 void HostStartSystemThreads()
 {
     if (g->bThreaded) {
-        g->SystemThreads.push_back(HostSpawn("dpc", HostDpcThread, 0));
-        g->SystemThreads.push_back(HostSpawn("timer", HostTimerThread, 0));
-    } else if (g->bSeeded) {
-        g->SystemThreads.push_back(HostSpawn("dpc", HostDpcThread, 0));
-        g->SystemThreads.push_back(HostSpawn("dpc", HostDpcThread, 0));
+        g->Threads.System.push_back(HostSpawn("dpc", HostDpcThread, 0));
+        g->Threads.System.push_back(HostSpawn("timer", HostTimerThread, 0));
+    } else if (g->Sched.bSeeded) {
+        g->Threads.System.push_back(HostSpawn("dpc", HostDpcThread, 0));
+        g->Threads.System.push_back(HostSpawn("dpc", HostDpcThread, 0));
     }
 }
 
@@ -174,21 +174,21 @@ bool HostEndSystemThreads()
         HostLock lock(g->Lock);
         g->bStopping = true;
         HostWakeDpcThreads();
-        g->TimerWake.notify_all();
+        g->Clock.Wake.notify_all();
     }
     HostEndWorkers();
-    for (PKTHREAD pThread : g->SystemThreads) {
+    for (PKTHREAD pThread : g->Threads.System) {
         KeWaitForSingleObject(pThread, Executive, KernelMode, FALSE, nullptr);
         HostDereference(pThread);
     }
     bool bAllEnded = true;
-    for (size_t i = 0; g->bThreaded && i < g->OsThreads.size(); i++) {
+    for (size_t i = 0; g->bThreaded && i < g->Threads.Os.size(); i++) {
         bool bEnded;
         {
             HostLock lock(g->Lock);
-            bEnded = g->OsThreads[i]->bEnded;
+            bEnded = g->Threads.Os[i]->bEnded;
         }
-        bEnded ? pthread_join(g->OsThreads[i]->Os, nullptr) : pthread_detach(g->OsThreads[i]->Os);
+        bEnded ? pthread_join(g->Threads.Os[i]->Os, nullptr) : pthread_detach(g->Threads.Os[i]->Os);
         bAllEnded = bAllEnded && bEnded;
     }
     return bAllEnded;
@@ -274,7 +274,7 @@ void HostResumeThread(HostThread t)
     t->bSuspended = false;
     if (t->bStopped) {
         t->bStopped = false;
-        g->Ready.push_back(t);
+        g->Sched.Ready.push_back(t);
     } else if (t->bWaiting) {
         HostRetryWait(t);
     }

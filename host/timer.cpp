@@ -21,7 +21,7 @@ static LONGLONG Monotonic()
 
 LONGLONG HostNow()
 {
-    return g->bThreaded ? Monotonic() - g->llStart : g->llNow;
+    return g->bThreaded ? Monotonic() - g->Clock.llStart : g->Clock.llNow;
 }
 
 // The system time at the host's start.
@@ -32,7 +32,7 @@ LONGLONG HostSystemBase()
                                                .count() *
                                            10 +
                                        11644473600LL * 10000000LL - Monotonic();
-    return g->bThreaded ? llRealBase + g->llStart : SIMULATED_BASE;
+    return g->bThreaded ? llRealBase + g->Clock.llStart : SIMULATED_BASE;
 }
 
 static std::pair<LONGLONG, ULONGLONG> KeyOf(PKTIMER pTimer)
@@ -44,10 +44,10 @@ static std::pair<LONGLONG, ULONGLONG> KeyOf(PKTIMER pTimer)
 static void Arm(PKTIMER pTimer, LONGLONG llDue)
 {
     pTimer->DueTime.QuadPart = static_cast<ULONGLONG>(llDue);
-    pTimer->TimerListEntry.Flink = reinterpret_cast<PLIST_ENTRY>(++g->ullSequence);
+    pTimer->TimerListEntry.Flink = reinterpret_cast<PLIST_ENTRY>(++g->Clock.ullSequence);
     pTimer->Header.Inserted = 1;
-    g->Due[KeyOf(pTimer)] = {pTimer, nullptr};
-    g->TimerWake.notify_all();
+    g->Clock.Due[KeyOf(pTimer)] = {pTimer, nullptr};
+    g->Clock.Wake.notify_all();
 }
 
 static bool Disarm(PKTIMER pTimer)
@@ -55,7 +55,7 @@ static bool Disarm(PKTIMER pTimer)
     if (!pTimer->Header.Inserted) {
         return false;
     }
-    g->Due.erase(KeyOf(pTimer));
+    g->Clock.Due.erase(KeyOf(pTimer));
     pTimer->Header.Inserted = 0;
     return true;
 }
@@ -73,7 +73,7 @@ static void Fire(PKTIMER pTimer)
 }
 
 // Fires a timer or ends a timed wait. Lock: held.
-static void Expire(HostState::DueThing thing)
+static void Expire(HostClock::DueThing thing)
 {
     if (thing.pThread != nullptr) {
         HostEndWait(thing.pThread, STATUS_TIMEOUT);
@@ -86,13 +86,13 @@ static void Expire(HostState::DueThing thing)
 // Expires all that is due, in order. Threads that run freely end their timed waits themselves. Lock: held.
 void HostExpire(LONGLONG llNow)
 {
-    for (auto it = g->Due.begin(); it != g->Due.end() && it->first.first <= llNow;) {
+    for (auto it = g->Clock.Due.begin(); it != g->Clock.Due.end() && it->first.first <= llNow;) {
         if (it->second.pThread != nullptr && g->bThreaded) {
             ++it;
             continue;
         }
         Expire(it->second);
-        it = g->Due.begin();
+        it = g->Clock.Due.begin();
     }
 }
 
@@ -102,7 +102,7 @@ void HostTimerThread()
     while (!g->bStopping) {
         HostExpire(HostNow());
         LONGLONG llWait = 10000000;
-        for (const auto& entry : g->Due) {
+        for (const auto& entry : g->Clock.Due) {
             if (entry.second.pTimer != nullptr) {
                 llWait = entry.first.first - HostNow();
                 break;
@@ -110,7 +110,7 @@ void HostTimerThread()
         }
         if (llWait > 0) {
             auto until = std::chrono::system_clock::now() + std::chrono::microseconds(llWait / 10 + 1);
-            g->TimerWake.wait_until(lock, until);
+            g->Clock.Wake.wait_until(lock, until);
         }
     }
 }
@@ -199,10 +199,10 @@ unsigned long long HostNowUs()
 bool HostNextTimerUs(unsigned long long* pullUs)
 {
     HostLock lock(g->Lock);
-    if (g->Due.empty()) {
+    if (g->Clock.Due.empty()) {
         return false;
     }
-    *pullUs = static_cast<unsigned long long>((g->Due.begin()->first.first + 9) / 10);
+    *pullUs = static_cast<unsigned long long>((g->Clock.Due.begin()->first.first + 9) / 10);
     return true;
 }
 
@@ -214,12 +214,12 @@ bool HostExpireNext(unsigned long long ullUs)
     HostSettle();
     {
         HostLock lock(g->Lock);
-        if (g->bThreaded || g->Due.empty() ||
-            g->Due.begin()->first.first > static_cast<LONGLONG>(ullUs) * 10) {
+        if (g->bThreaded || g->Clock.Due.empty() ||
+            g->Clock.Due.begin()->first.first > static_cast<LONGLONG>(ullUs) * 10) {
             return false;
         }
-        g->llNow = std::max(g->llNow, g->Due.begin()->first.first);
-        Expire(g->Due.begin()->second);
+        g->Clock.llNow = std::max(g->Clock.llNow, g->Clock.Due.begin()->first.first);
+        Expire(g->Clock.Due.begin()->second);
     }
     HostRunDpcs();
     HostSettle();
@@ -245,13 +245,13 @@ void HostAdvanceToUs(unsigned long long ullUs)
         HostSettle();
         {
             HostLock lock(g->Lock);
-            if (g->Due.empty() || g->Due.begin()->first.first > llTarget) {
-                g->llNow = llTarget > g->llNow ? llTarget : g->llNow;
+            if (g->Clock.Due.empty() || g->Clock.Due.begin()->first.first > llTarget) {
+                g->Clock.llNow = llTarget > g->Clock.llNow ? llTarget : g->Clock.llNow;
                 return;
             }
-            LONGLONG llDue = g->Due.begin()->first.first;
-            g->llNow = llDue > g->llNow ? llDue : g->llNow;
-            HostExpire(g->llNow);
+            LONGLONG llDue = g->Clock.Due.begin()->first.first;
+            g->Clock.llNow = llDue > g->Clock.llNow ? llDue : g->Clock.llNow;
+            HostExpire(g->Clock.llNow);
         }
         HostRunDpcs();
     }

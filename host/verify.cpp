@@ -29,7 +29,7 @@ void HostBug(const char* pCode, const char* pFormat, ...)
     vsnprintf(text, sizeof(text), pFormat, arguments);
     va_end(arguments);
     fflush(stdout);
-    if (g != nullptr && g->bSeeded) {
+    if (g != nullptr && g->Sched.bSeeded) {
         fprintf(stderr, "HOST STOP %s: %s (seed %llu)\n", pCode, text, g->Options.Seed);
     } else {
         fprintf(stderr, "HOST STOP %s: %s\n", pCode, text);
@@ -54,13 +54,13 @@ void HostLeak(unsigned& uCount, const char* pFormat, ...)
 // Kinds are literals: the same one, nearly always, has the same address.
 static void CountFallible(const char* pKind)
 {
-    for (auto& kind : g->FallibleByKind) {
+    for (auto& kind : g->Failing.ByKind) {
         if (kind.first == pKind) {
             kind.second++;
             return;
         }
     }
-    g->FallibleByKind.push_back({pKind, 1});
+    g->Failing.ByKind.push_back({pKind, 1});
 }
 
 // True for the call that HostFailNth chose. Calls are counted whether or not one is chosen.
@@ -69,38 +69,39 @@ bool HostShouldFail(const char* pKind)
 {
     PDRIVER_OBJECT pDriver = HostSelf()->pDriver;
     HostLock lock(g->Lock);
-    if (!g->FailIn.empty() && (pDriver == nullptr || HostServiceOf(pDriver) != g->FailIn)) {
+    if (!g->Failing.In.empty() && (pDriver == nullptr || HostServiceOf(pDriver) != g->Failing.In)) {
         return false;
     }
     CountFallible(pKind);
-    if (!g->FailKind.empty() && g->FailKind != pKind) {
+    if (!g->Failing.Kind.empty() && g->Failing.Kind != pKind) {
         return false;
     }
-    g->uFallible++;
-    return g->bFailOn ? g->uFailNth != 0 && g->uFallible >= g->uFailNth : g->uFallible == g->uFailNth;
+    g->Failing.uCalls++;
+    return g->Failing.bOn ? g->Failing.uNth != 0 && g->Failing.uCalls >= g->Failing.uNth
+                          : g->Failing.uCalls == g->Failing.uNth;
 }
 
 void HostFailNth(const char* pWhat, unsigned ulNth, bool bFromThenOn)
 {
     HostLock lock(g->Lock);
-    g->FailKind = pWhat == nullptr ? "" : pWhat;
-    g->uFailNth = ulNth;
-    g->bFailOn = bFromThenOn;
-    g->uFallible = 0;
-    g->FallibleByKind.clear();
+    g->Failing.Kind = pWhat == nullptr ? "" : pWhat;
+    g->Failing.uNth = ulNth;
+    g->Failing.bOn = bFromThenOn;
+    g->Failing.uCalls = 0;
+    g->Failing.ByKind.clear();
 }
 
 void HostFailOnlyIn(const WCHAR* pServiceName)
 {
     HostLock lock(g->Lock);
-    g->FailIn = pServiceName == nullptr ? HostText() : HostTextOf(pServiceName);
+    g->Failing.In = pServiceName == nullptr ? HostText() : HostTextOf(pServiceName);
 }
 
 std::map<std::string, unsigned> HostFallibleByKind()
 {
     HostLock lock(g->Lock);
     std::map<std::string, unsigned> byKind;
-    for (const auto& kind : g->FallibleByKind) {
+    for (const auto& kind : g->Failing.ByKind) {
         byKind[kind.first] += kind.second;
     }
     return byKind;
@@ -109,7 +110,7 @@ std::map<std::string, unsigned> HostFallibleByKind()
 unsigned HostFallibleCalls()
 {
     HostLock lock(g->Lock);
-    return g->uFallible;
+    return g->Failing.uCalls;
 }
 
 // The caller of a kernel service runs at this level or lower.

@@ -103,7 +103,7 @@ void HostEndWait(PKTHREAD pThread, NTSTATUS status)
         RemoveEntryList(&pThread->pBlocks[i].WaitListEntry);
     }
     if (pThread->bTimed) {
-        g->Due.erase(pThread->Due);
+        g->Clock.Due.erase(pThread->Due);
         pThread->bTimed = false;
     }
     pThread->ulBlocks = 0;
@@ -151,9 +151,9 @@ static bool LinkWait(PKTHREAD pSelf, PVOID* ppObjects, ULONG ulCount, PKWAIT_BLO
         if (pTimeout->QuadPart == 0 || llDue <= HostNow()) {
             return false;
         }
-        pSelf->Due = {llDue, ++g->ullSequence};
+        pSelf->Due = {llDue, ++g->Clock.ullSequence};
         pSelf->bTimed = true;
-        g->Due[pSelf->Due] = {nullptr, pSelf};
+        g->Clock.Due[pSelf->Due] = {nullptr, pSelf};
     }
     for (ULONG i = 0; i < ulCount; i++) {
         pBlocks[i].Thread = pSelf;
@@ -350,7 +350,7 @@ void HostEndThreadWaits(HostThread t)
         t->bSuspended = false; // it ends, whoever stopped it
         if (t->bStopped) {
             t->bStopped = false;
-            g->Ready.push_back(t);
+            g->Sched.Ready.push_back(t);
         }
         if (t->bWaiting && (t->ulBlocks != 0 || t->bTimed) && t->WaitMode == UserMode) {
             HostEndWait(t, STATUS_USER_APC);

@@ -16,18 +16,18 @@ static void Worker()
     PKTHREAD pSelf = HostSelf();
     HostLock lock(g->Lock);
     for (;;) {
-        if (g->WorkQueue.empty()) {
+        if (g->Work.Queue.empty()) {
             if (g->bStopping) {
                 return;
             }
-            g->IdleWorkers.push_back(pSelf);
+            g->Work.Idle.push_back(pSelf);
             pSelf->bWaiting = true;
             HostBlock(lock, pSelf);
             continue;
         }
-        HostState::Work work = std::move(g->WorkQueue.front());
-        g->WorkQueue.pop_front();
-        g->uBusyWorkers++;
+        HostWorkers::Item work = std::move(g->Work.Queue.front());
+        g->Work.Queue.pop_front();
+        g->Work.uBusy++;
         pSelf->pWorkOf = work.pOwner;
         lock.unlock();
         {
@@ -37,7 +37,7 @@ static void Worker()
         work.Run = nullptr;
         lock.lock();
         pSelf->pWorkOf = nullptr;
-        g->uBusyWorkers--;
+        g->Work.uBusy--;
     }
 }
 
@@ -48,19 +48,19 @@ void HostQueueWork(std::function<void()> work, const void* pIdentity, PDRIVER_OB
     bool bSpawn = false;
     {
         HostLock lock(g->Lock);
-        g->WorkQueue.push_back({std::move(work), pIdentity, pOwner});
-        if (!g->IdleWorkers.empty()) {
-            PKTHREAD pWorker = g->IdleWorkers.back();
-            g->IdleWorkers.pop_back();
+        g->Work.Queue.push_back({std::move(work), pIdentity, pOwner});
+        if (!g->Work.Idle.empty()) {
+            PKTHREAD pWorker = g->Work.Idle.back();
+            g->Work.Idle.pop_back();
             HostWake(pWorker);
         } else {
-            bSpawn = g->Workers.size() < MAXIMUM_WORKERS;
+            bSpawn = g->Work.All.size() < MAXIMUM_WORKERS;
         }
     }
     if (bSpawn) {
         PKTHREAD pWorker = HostSpawn("worker", Worker, 0);
         HostLock lock(g->Lock);
-        g->Workers.push_back(pWorker);
+        g->Work.All.push_back(pWorker);
     }
 }
 
@@ -69,11 +69,11 @@ void HostEndWorkers()
     std::vector<PKTHREAD> workers;
     {
         HostLock lock(g->Lock);
-        workers.swap(g->Workers);
-        for (PKTHREAD pWorker : g->IdleWorkers) {
+        workers.swap(g->Work.All);
+        for (PKTHREAD pWorker : g->Work.Idle) {
             HostWake(pWorker);
         }
-        g->IdleWorkers.clear();
+        g->Work.Idle.clear();
     }
     for (PKTHREAD pWorker : workers) {
         KeWaitForSingleObject(pWorker, Executive, KernelMode, FALSE, nullptr);

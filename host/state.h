@@ -1,0 +1,137 @@
+// state.h - the host's state, a sum of records, each named after the file that owns it and changes it.
+//
+// All under HostState::Lock but where another lock stands. Included by core.h alone, behind what it is made of.
+#pragma once
+
+// thread.cpp
+struct HostThreads {
+    std::vector<PKTHREAD> All; // that live
+    std::vector<std::unique_ptr<HostOsThread>> Os;
+    std::vector<PKTHREAD> Adopted;
+    std::vector<PKTHREAD> System; // the host's own
+    PKTHREAD pMain = nullptr;
+    unsigned uStarted = 0;
+};
+
+// sched.cpp: simulated mode
+struct HostScheduler {
+    std::deque<PKTHREAD> Ready;
+    std::deque<PKTHREAD> Settling;
+    PKTHREAD pEnded = nullptr; // whoever runs next lets it go
+    bool bSeeded = false;      // the seed chooses who runs next
+    ULONGLONG ullRandom = 0;
+    ULONGLONG ullDigest = 0; // of all choices so far
+    unsigned uOneIn = 1;     // of so many points, others may run first at one
+    ULONGLONG ullSwitches = 0;
+};
+
+// timer.cpp
+struct HostClock {
+    struct DueThing {
+        PKTIMER pTimer;
+        PKTHREAD pThread;
+    };
+    LONGLONG llNow = 0; // simulated
+    LONGLONG llStart = 0;
+    ULONGLONG ullSequence = 0;
+    std::map<std::pair<LONGLONG, ULONGLONG>, DueThing> Due;
+    std::condition_variable Wake;
+};
+
+// dpc.cpp
+struct HostDpcs {
+    struct RunningDpc {
+        PKDPC pDpc;
+        PKTHREAD pThread;
+        PDRIVER_OBJECT pDriver;
+    };
+    LIST_ENTRY Queue;
+    std::vector<RunningDpc> Running;
+    std::vector<PKTHREAD> IdleThreads; // with a seed
+    std::condition_variable Wake;
+    std::condition_variable Idle;
+};
+
+// work.cpp
+struct HostWorkers {
+    struct Item {
+        std::function<void()> Run;
+        const void* pIdentity;
+        PDRIVER_OBJECT pOwner;
+    };
+    std::deque<Item> Queue;
+    std::vector<PKTHREAD> All;
+    std::vector<PKTHREAD> Idle;
+    unsigned uBusy = 0;
+};
+
+// object.cpp
+struct HostLedger {
+    struct Entry {
+        void* pBody;
+        PDRIVER_OBJECT pOwner;
+        bool bUser;
+        ACCESS_MASK Rights;
+    };
+    struct Balance {
+        long lAll; // what one took, another may give back
+        std::map<PDRIVER_OBJECT, long> Drivers;
+    };
+    std::map<ULONG_PTR, Entry> Handles;
+    ULONG_PTR ulNextHandle = 4;                    // or HostOptions::ulFirstHandle
+    std::unordered_map<void*, Balance> References; // what drivers took, by object
+};
+
+// order.cpp
+struct HostOrders {
+    std::map<const void*, std::set<const void*>> After; // locks that were taken while the key was held
+    std::set<const void*> Locks;                        // all of them
+};
+
+// irp.cpp
+struct HostRequests {
+    LIST_ENTRY All;
+    std::mutex Lock; // of their steps
+};
+
+// registry.cpp
+struct HostHives {
+    HostKey Root;
+    std::string OnDisk; // .reg text as of the last flush; empty: as it was at the start
+};
+
+// verify.cpp
+struct HostFailing {
+    std::string Kind; // empty: any
+    unsigned uNth = 0;
+    bool bOn = false;                                     // from then on
+    HostText In;                                          // only in this driver
+    std::vector<std::pair<const char*, unsigned>> ByKind; // a kind can stand there more than once
+    unsigned uCalls = 0;
+};
+
+struct HostState {
+    HostOptions Options; // driver.cpp: what was asked for, who was loaded
+    bool bThreaded = false;
+    bool bStopping = false;
+    std::vector<struct HostDriver*> Drivers;
+
+    std::mutex Lock;
+    HostThreads Threads;
+    HostScheduler Sched;
+    HostClock Clock;
+    HostDpcs Dpcs;
+    HostWorkers Work;
+    HostLedger Objects;
+    HostOrders Orders;
+    HostRequests Irps;
+    HostHives Hive;
+    HostFailing Failing;
+    KSPIN_LOCK CancelLock = 0;                                               // lock.cpp
+    std::map<HostText, HostName> Names;                                      // device.cpp
+    std::map<std::pair<PDEVICE_OBJECT, int>, std::vector<UCHAR>> Properties; // property.cpp
+    std::vector<struct FileBody*> OpenFiles;                                 // file.cpp
+    std::shared_ptr<struct HostTracing> Tracing;                             // trace.cpp
+};
+
+extern HostState* g;
