@@ -25,6 +25,7 @@ NTSTATUS StopAllReportProcessing();
 NTSTATUS QueueNotifyRecord(PDEVICE_OBJECT device, const NotifyRecord* pRecord);
 NTSTATUS GetNotifyCount(ULONG ulDeviceIndex, PULONG pulCount);
 NTSTATUS ClearNotifyQueue(ULONG ulDeviceIndex);
+NTSTATUS TakeNotifyRecords(ULONG ulDeviceIndex, NotifyRecord* pRecords, ULONG ulCount);
 NTSTATUS GetNotifyRecord(ULONG ulDeviceIndex, NotifyRecord* pRecord, UCHAR ucRemove);
 NTSTATUS QueueEvent(PDEVICE_OBJECT device, ULONG ulId, ULONG ulValue, ULONG ulEscAbort, UCHAR ucSource);
 void QueueAndSignalEvent(PDEVICE_OBJECT device, ULONG ulId, ULONG ulValue, ULONG ulEscAbort, UCHAR ucSource);

@@ -110,10 +110,7 @@ NTSTATUS HandleTakeManyNotify(ControlCall* pCall)
     if (pRecords == nullptr) {
         return STATUS_UNSUCCESSFUL;
     }
-    for (ULONG i = 0; i < ulCount; i++) {
-        (void)GetNotifyRecord(pCall->ulDeviceIndex, &pRecords[i],
-                              TAKE); // an empty queue leaves the slot zero
-    }
+    (void)TakeNotifyRecords(pCall->ulDeviceIndex, pRecords, ulCount); // an empty queue leaves the slots zero
     return STATUS_SUCCESS;
 }
 

@@ -99,6 +99,22 @@ NTSTATUS GetNotifyRecord(ULONG ulDeviceIndex, NotifyRecord* pRecord, UCHAR ucRem
     return status;
 }
 
+// Takes up to ulCount records, the oldest first; where none is left the slot stays as it is.
+// IRQL <= DISPATCH. Lock: takes NotifyLock. Fails: unknown index.
+NTSTATUS TakeNotifyRecords(ULONG ulDeviceIndex, NotifyRecord* pRecords, ULONG ulCount)
+{
+    PDEVICE_OBJECT device;
+    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    for (ULONG i = 0; i < ulCount; i++) {
+        (void)GetRecordOf(FilterContextOf(device), &pRecords[i], 1);
+    }
+    ReleaseDevice(device);
+    return STATUS_SUCCESS;
+}
+
 // IRQL <= DISPATCH. Lock: takes NotifyLock. Fails: unknown index.
 NTSTATUS GetNotifyCount(ULONG ulDeviceIndex, PULONG pulCount)
 {

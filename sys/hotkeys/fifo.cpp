@@ -25,6 +25,23 @@ void StartPacing(PDEVICE_OBJECT device)
     }
 }
 
+// Takes the oldest report and starts the pacing. Fails: empty, *pEntry untouched.
+NTSTATUS TakeOldest(PDEVICE_OBJECT device, DeviceContext* pContext, FifoEntry* pEntry)
+{
+    {
+        LockScope lock(pContext->FifoLock);
+        if (pContext->ulFifoCount == 0) {
+            Trace(FifoEmpty, pContext->ulDeviceIndex);
+            return STATUS_UNSUCCESSFUL;
+        }
+        *pEntry = pContext->Fifo[pContext->ulFifoRead];
+        WriteShared(pContext->ulFifoCount, pContext->ulFifoCount - 1);
+        pContext->ulFifoRead = (pContext->ulFifoRead + 1) % FIFO_SIZE;
+    }
+    StartPacing(device);
+    return STATUS_SUCCESS;
+}
+
 bool IsFifoEmpty(DeviceContext* pContext)
 {
     LockScope lock(pContext->FifoLock);
@@ -117,26 +134,12 @@ NTSTATUS GetUSBPacketFifo(ULONG ulDeviceIndex, FifoEntry* pEntry)
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    DeviceContext* pContext = FilterContextOf(device);
-    status = STATUS_UNSUCCESSFUL;
-    {
-        LockScope lock(pContext->FifoLock);
-        if (pContext->ulFifoCount != 0) {
-            *pEntry = pContext->Fifo[pContext->ulFifoRead];
-            WriteShared(pContext->ulFifoCount, pContext->ulFifoCount - 1);
-            pContext->ulFifoRead = (pContext->ulFifoRead + 1) % FIFO_SIZE;
-            status = STATUS_SUCCESS;
-        } else {
-            Trace(FifoEmpty, ulDeviceIndex);
-        }
-    }
-    if (NT_SUCCESS(status)) {
-        StartPacing(device);
-    }
+    status = TakeOldest(device, FilterContextOf(device), pEntry);
     ReleaseDevice(device);
     return status;
 }
 
+// IRQL <= DISPATCH. Lock: takes FifoLock. Fails: unknown index.
 NTSTATUS GetFifoCount(ULONG ulDeviceIndex, PULONG pulCount)
 {
     PDEVICE_OBJECT device;
@@ -155,13 +158,13 @@ NTSTATUS GetFifoCount(ULONG ulDeviceIndex, PULONG pulCount)
 
 // Puts the oldest report into a read's buffer, dumped before and after under the two titles. With the last one
 // the waits for an empty queue end.
-// IRQL <= DISPATCH. Lock: takes FifoLock. Fails: unknown index, empty; the buffer is untouched.
+// IRQL <= DISPATCH. Lock: takes FifoLock. Fails: empty, the buffer is untouched.
 NTSTATUS TakeFifoReport(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, const char* pszEntryTitle,
                         const char* pszBufferTitle)
 {
     DeviceContext* pContext = FilterContextOf(device);
     FifoEntry entry;
-    NTSTATUS status = GetUSBPacketFifo(pContext->ulDeviceIndex, &entry);
+    NTSTATUS status = TakeOldest(device, pContext, &entry);
     if (!NT_SUCCESS(status)) {
         return status;
     }

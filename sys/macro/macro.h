@@ -43,6 +43,10 @@ void FreeMacroTable();                      // no macros any more
 NTSTATUS CheckForKorvexModeSwitch(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf, PUCHAR pFound);
 NTSTATUS RemoveKorvexHotkeyFromPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf);
 
+// mode.cpp: a completed report. IRQL <= DISPATCH
+bool IsMacroModeReport(ULONG ulKeyDefTypes);
+void PassMacroMode(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, ULONG ulKbdType, ULONG ulKeyDefTypes);
+
 // playback.cpp: IRQL <= DISPATCH
 void CheckForKorvexHotkey(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen);
 KDEFERRED_ROUTINE KorvexDelayCallback;

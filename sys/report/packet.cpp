@@ -13,7 +13,8 @@
 #include "log/events.h"
 #include "log/log.h"
 
-bool IsRolloverPacket(ULONG ulLen, const UCHAR* pBuf)
+// Every byte is 0x01, the modifier byte too: stricter than what the road of a read holds back (usb/intercept.cpp).
+bool IsAllRollover(ULONG ulLen, const UCHAR* pBuf)
 {
     if (ulLen != 8) {
         return false;
@@ -64,7 +65,7 @@ static NTSTATUS DiagByLength(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
 {
     switch (ulLen) {
     case 8:
-        if (IsRolloverPacket(ulLen, pBuf)) {
+        if (IsAllRollover(ulLen, pBuf)) {
             Trace(Rollover, FilterContextOf(device)->ulDeviceIndex, {pBuf, ulLen});
             return STATUS_UNSUCCESSFUL;
         }

@@ -14,7 +14,7 @@ using ReportHandler = NTSTATUS(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf);
 
 // packet.cpp: what kind of report is it
 ReportHandler DiagUSBPacket;
-bool IsRolloverPacket(ULONG ulLen, const UCHAR* pBuf);
+bool IsAllRollover(ULONG ulLen, const UCHAR* pBuf);
 
 // calm.cpp: the quick way of a standard report that means nothing to anybody; false: it needs the long one
 bool PassCalmReport(DeviceContext* pContext, const UCHAR* pBuf);

@@ -79,7 +79,7 @@ bool PlaceDiscardedReport(DeviceContext* pContext, const Transfer& read)
 {
     DiscardEntry entry;
     if (ReadShared(pContext->ulDiscardCount) == 0 || (ReadShared(pContext->ulKeyDefTypes) & KEYDEF_DISCARD) ||
-        !NT_SUCCESS(GetDiscardedPacket(pContext->ulDeviceIndex, &entry))) {
+        !NT_SUCCESS(TakeDiscardedPacket(pContext, &entry))) {
         return false;
     }
     PlaceSingleByte(read, entry.ucIsModifier ? 0 : 2, entry.ucValue);

@@ -18,6 +18,7 @@ NTSTATUS AddDiscardedPacket(PDEVICE_OBJECT device, const UCHAR* pValue, UCHAR uc
     return STATUS_SUCCESS;
 }
 
+// IRQL <= DISPATCH. Lock: takes DiscardLock. Fails: unknown index.
 NTSTATUS GetDiscardedPacketCount(ULONG ulDeviceIndex, PULONG pulCount)
 {
     PDEVICE_OBJECT device;
@@ -35,6 +36,20 @@ NTSTATUS GetDiscardedPacketCount(ULONG ulDeviceIndex, PULONG pulCount)
 }
 
 // Takes the oldest value out.
+// IRQL <= DISPATCH. Lock: takes DiscardLock. Fails: empty; *pEntry untouched.
+NTSTATUS TakeDiscardedPacket(DeviceContext* pContext, DiscardEntry* pEntry)
+{
+    LockScope lock(pContext->DiscardLock);
+    if (pContext->ulDiscardCount == 0) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    *pEntry = pContext->DiscardRing[pContext->ulDiscardRead];
+    pContext->ulDiscardRead = (pContext->ulDiscardRead + 1) % DISCARD_RING_SIZE;
+    WriteShared(pContext->ulDiscardCount, pContext->ulDiscardCount - 1);
+    return STATUS_SUCCESS;
+}
+
+// The same for who knows the keyboard's index.
 // IRQL <= DISPATCH. Lock: takes DiscardLock. Fails: unknown index, empty; *pEntry untouched.
 NTSTATUS GetDiscardedPacket(ULONG ulDeviceIndex, DiscardEntry* pEntry)
 {
@@ -43,17 +58,7 @@ NTSTATUS GetDiscardedPacket(ULONG ulDeviceIndex, DiscardEntry* pEntry)
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    DeviceContext* pContext = FilterContextOf(device);
-    status = STATUS_UNSUCCESSFUL;
-    {
-        LockScope lock(pContext->DiscardLock);
-        if (pContext->ulDiscardCount != 0) {
-            *pEntry = pContext->DiscardRing[pContext->ulDiscardRead];
-            pContext->ulDiscardRead = (pContext->ulDiscardRead + 1) % DISCARD_RING_SIZE;
-            WriteShared(pContext->ulDiscardCount, pContext->ulDiscardCount - 1);
-            status = STATUS_SUCCESS;
-        }
-    }
+    status = TakeDiscardedPacket(FilterContextOf(device), pEntry);
     ReleaseDevice(device);
     return status;
 }

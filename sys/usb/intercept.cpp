@@ -22,8 +22,9 @@ bool IsForeignReport(ULONG ulKbdType, UCHAR ucReportId)
            (ulKbdType == ChicEXTENDEDKbdType && ucReportId == 1);
 }
 
-// Too many keys at once: the key positions are all 0x01, whatever the modifiers are.
-bool IsRolloverReport(const Transfer& read)
+// Too many keys at once: the key positions are all 0x01, whatever the modifiers are; the report engine leaves alone
+// only what IsAllRollover means.
+bool AreKeysRollover(const Transfer& read)
 {
     if (read.ulLen < 8) {
         return false;
@@ -34,62 +35,6 @@ bool IsRolloverReport(const Transfer& read)
         }
     }
     return true;
-}
-
-// The application records: it gets the report and the system an empty one.
-void CaptureReport(const Transfer& read)
-{
-    MacroRecord record = {};
-    record.usType = MACRO_RECORD_REPORT;
-    record.ucLength =
-        static_cast<UCHAR>(read.ulLen < sizeof(record.ucReport) ? read.ulLen : sizeof(record.ucReport));
-    RtlCopyMemory(record.ucReport, read.pBuf, record.ucLength);
-    (void)QueueMacroRecord(&record); // the application sees a loss as a gap
-    SignalMacroEvent();
-    RtlZeroMemory(read.pBuf, read.ulLen);
-}
-
-// The mode hotkey is in the report: its press flips the mode, and the report goes on without it.
-void PassModeHotkey(PDEVICE_OBJECT device, const Transfer& read)
-{
-    if (ExchangeShared(Globals.ucKorvexHotkeyHeld, 1) == 0) {
-        UCHAR ucMode = static_cast<UCHAR>(ReadShared(Globals.ucKorvexMode) ^ 1);
-        WriteShared(Globals.ucKorvexMode, ucMode);
-        MacroRecord record = {};
-        record.usType = MACRO_RECORD_MODE;
-        record.ucMode = ucMode;
-        (void)QueueMacroRecord(&record); // the application sees a loss as a gap
-        SignalMacroEvent();
-        if (!ReadShared(Settings.ucKorvexLEDDisabled)) {
-            QueueKorvexLed(); // the mode stays switched without its LED
-        }
-    }
-    (void)RemoveKorvexHotkeyFromPacket(device, read.ulLen, read.pBuf);
-}
-
-void PassMacroMode(PDEVICE_OBJECT device, const Transfer& read, ULONG ulKbdType, ULONG ulKeyDefTypes)
-{
-    UCHAR ucFound = 0;
-    if (ulKeyDefTypes & KEYDEF_MACRO_MODE) {
-        (void)CheckForKorvexModeSwitch(device, read.ulLen, read.pBuf, &ucFound);
-    }
-    if (ucFound) {
-        PassModeHotkey(device, read);
-        return;
-    }
-    WriteShared(Globals.ucKorvexHotkeyHeld, 0);
-    if (ReadShared(Globals.ucReportCapture) == 1 && ulKbdType == NORMALKbdType) {
-        CaptureReport(read);
-    } else if (ReadShared(Globals.ucKorvexMode) == 1) {
-        CheckForKorvexHotkey(device, read.pBuf, read.ulLen);
-    }
-}
-
-bool IsMacroModeReport(ULONG ulKeyDefTypes)
-{
-    return ReadShared(Settings.ulKorvexHotkey) != 0 &&
-           ((ulKeyDefTypes & KEYDEF_MACRO_MODE) || ReadShared(Globals.ucReportCapture) == 1 ||
-            ReadShared(Globals.ucKorvexMode) == 1);
 }
 
 void NotifyDiscardedEscape(PDEVICE_OBJECT device)
@@ -130,7 +75,7 @@ void HandleReport(PDEVICE_OBJECT device, const Transfer& read, ULONG ulKbdType)
     ULONG ulKeyDefTypes = ReadShared(pContext->ulKeyDefTypes);
     bool bProcessing = ReadShared(pContext->ucReportProcessing) == 1;
     if (IsMacroModeReport(ulKeyDefTypes)) {
-        PassMacroMode(device, read, ulKbdType, ulKeyDefTypes);
+        PassMacroMode(device, read.pBuf, read.ulLen, ulKbdType, ulKeyDefTypes);
     } else if (bProcessing && (ulKeyDefTypes & KEYDEF_DISCARD)) {
         PassDiscardMode(device, read);
     } else if (bProcessing && (ulKeyDefTypes & KEYDEF_POINT_OF_SALE)) {
@@ -163,7 +108,7 @@ UCHAR InterceptReport(PDEVICE_OBJECT device, PIRP Irp, const Transfer& read, UCH
     if (!ucCompletion) {
         return AnswerRead(device, Irp, read);
     }
-    if (IsRolloverReport(read)) {
+    if (AreKeysRollover(read)) {
         Trace(Rollover, FilterContextOf(device)->ulDeviceIndex, {read.pBuf, read.ulLen});
     } else {
         HandleReport(device, read, ulKbdType);

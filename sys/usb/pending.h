@@ -10,5 +10,6 @@ bool CancelPendingRead(PDEVICE_OBJECT device);          // false: none was pendi
 
 // discard.cpp: IRQL <= DISPATCH. Lock: takes DiscardLock.
 NTSTATUS AddDiscardedPacket(PDEVICE_OBJECT device, const UCHAR* pValue, UCHAR ucIsModifier);
+NTSTATUS TakeDiscardedPacket(DeviceContext* pContext, DiscardEntry* pEntry);
 NTSTATUS GetDiscardedPacketCount(ULONG ulDeviceIndex, PULONG pulCount);
 NTSTATUS GetDiscardedPacket(ULONG ulDeviceIndex, DiscardEntry* pEntry);

@@ -270,9 +270,9 @@ TEST_F(Reports, ShortReportsHaveNoModifiers)
     EXPECT_EQ(Globals.ulModifierFlags, 0u);
     EXPECT_EQ(Events(), "01 ");
     UCHAR ucOnes[9] = {1, 1, 1, 1, 1, 1, 1, 1, 1};
-    EXPECT_TRUE(IsRolloverPacket(8, ucOnes));
-    EXPECT_FALSE(IsRolloverPacket(7, ucOnes));
-    EXPECT_FALSE(IsRolloverPacket(9, ucOnes));
+    EXPECT_TRUE(IsAllRollover(8, ucOnes));
+    EXPECT_FALSE(IsAllRollover(7, ucOnes));
+    EXPECT_FALSE(IsAllRollover(9, ucOnes));
 }
 
 // A callback that was under way on another processor while a report ended its repeat and started the next.
