@@ -124,27 +124,21 @@ NTSTATUS RegisterApplicationEvent(ULONGLONG hEvent, KPROCESSOR_MODE mode)
 // Fails: unknown index, already registered, the handle's status.
 NTSTATUS RegisterNotifyEvent(ULONGLONG hEvent, KPROCESSOR_MODE mode, ULONG ulDeviceIndex)
 {
-    PDEVICE_OBJECT device;
-    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
-    if (!NT_SUCCESS(status)) {
-        return status;
+    const KeyboardReference keyboard(ulDeviceIndex);
+    if (!keyboard.IsHeld()) {
+        return keyboard.Status();
     }
-    status = RegisterEvent(NotifySlot(device), hEvent, mode);
-    ReleaseDevice(device);
-    return status;
+    return RegisterEvent(NotifySlot(keyboard.Device()), hEvent, mode);
 }
 
 // IRQL = PASSIVE. Lock: takes NotifyLock. Fails: unknown index, none registered.
 NTSTATUS ReleaseNotifyEvent(ULONG ulDeviceIndex)
 {
-    PDEVICE_OBJECT device;
-    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
-    if (!NT_SUCCESS(status)) {
-        return status;
+    const KeyboardReference keyboard(ulDeviceIndex);
+    if (!keyboard.IsHeld()) {
+        return keyboard.Status();
     }
-    status = ReleaseEvent(NotifySlot(device));
-    ReleaseDevice(device);
-    return status;
+    return ReleaseEvent(NotifySlot(keyboard.Device()));
 }
 
 // IRQL = PASSIVE. Lock: takes MacroLock. Owns: a reference on the event until its release.

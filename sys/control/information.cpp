@@ -64,13 +64,11 @@ NTSTATUS ListKeyboards(PVOID pBuffer)
 template <typename Value>
 static NTSTATUS ReadField(ULONG ulDeviceIndex, Value DeviceContext::*pField, Value* pValue)
 {
-    PDEVICE_OBJECT device;
-    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
-    if (!NT_SUCCESS(status)) {
-        return status;
+    const KeyboardReference keyboard(ulDeviceIndex);
+    if (!keyboard.IsHeld()) {
+        return keyboard.Status();
     }
-    *pValue = ReadShared(FilterContextOf(device)->*pField);
-    ReleaseDevice(device);
+    *pValue = ReadShared(keyboard.Context()->*pField);
     return STATUS_SUCCESS;
 }
 

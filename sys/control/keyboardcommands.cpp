@@ -30,28 +30,21 @@ NTSTATUS TranslateCommand(const KeyCommand* pCommand, SetupRequest* pRequest)
 // IRQL = PASSIVE. Fails: unknown index, or as SendLedReport.
 NTSTATUS SetKeyboardLeds(ULONG ulDeviceIndex, UCHAR ucLedFlags)
 {
-    PDEVICE_OBJECT device;
-    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
-    if (NT_SUCCESS(status)) {
-        status = SendLedReport(device, ucLedFlags);
-        ReleaseDevice(device);
-    }
-    return status;
+    const KeyboardReference keyboard(ulDeviceIndex);
+    return keyboard.IsHeld() ? SendLedReport(keyboard.Device(), ucLedFlags) : keyboard.Status();
 }
 
 // IRQL = PASSIVE. Fails: unknown index, unknown scan code, or as SubmitUrbSync.
 NTSTATUS SendKeyCommand(ULONG ulDeviceIndex, const KeyCommand* pCommand)
 {
-    PDEVICE_OBJECT device;
-    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
-    if (!NT_SUCCESS(status)) {
-        return status;
+    const KeyboardReference keyboard(ulDeviceIndex);
+    if (!keyboard.IsHeld()) {
+        return keyboard.Status();
     }
     SetupRequest request;
-    status = TranslateCommand(pCommand, &request);
+    NTSTATUS status = TranslateCommand(pCommand, &request);
     if (NT_SUCCESS(status)) {
-        status = WriteToKeyboard(device, request, nullptr, 0);
+        status = WriteToKeyboard(keyboard.Device(), request, nullptr, 0);
     }
-    ReleaseDevice(device);
     return status;
 }

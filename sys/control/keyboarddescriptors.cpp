@@ -49,17 +49,15 @@ NTSTATUS GetDeviceDescriptor(ULONG ulDeviceIndex, PUCHAR pDescriptor)
 {
     static const SetupRequest Request = {URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE, 0, 0,
                                          DEVICE_DESCRIPTOR_VALUE, 0};
-    PDEVICE_OBJECT device;
-    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
-    if (!NT_SUCCESS(status)) {
-        return status;
+    const KeyboardReference keyboard(ulDeviceIndex);
+    if (!keyboard.IsHeld()) {
+        return keyboard.Status();
     }
     UCHAR Descriptor[DEVICE_BYTES] = {};
-    status = ReadFromKeyboard(device, Request, Descriptor, sizeof(Descriptor));
+    NTSTATUS status = ReadFromKeyboard(keyboard.Device(), Request, Descriptor, sizeof(Descriptor));
     if (NT_SUCCESS(status)) {
         RtlCopyMemory(pDescriptor, Descriptor, sizeof(Descriptor));
     }
-    ReleaseDevice(device);
     return status;
 }
 
@@ -70,14 +68,11 @@ NTSTATUS GetStringDescriptor(ULONG ulDeviceIndex, UCHAR ucIndex, USHORT usLangua
                              ULONG ulCapacity, PULONG pulLength)
 {
     *pulLength = 0;
-    PDEVICE_OBJECT device;
-    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
-    if (!NT_SUCCESS(status)) {
-        return status;
+    const KeyboardReference keyboard(ulDeviceIndex);
+    if (!keyboard.IsHeld()) {
+        return keyboard.Status();
     }
     const SetupRequest request = {URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE, 0, 0,
                                   static_cast<USHORT>(STRING_DESCRIPTOR_VALUE | ucIndex), usLanguage};
-    status = ReadString(device, request, pOut, ulCapacity, pulLength);
-    ReleaseDevice(device);
-    return status;
+    return ReadString(keyboard.Device(), request, pOut, ulCapacity, pulLength);
 }

@@ -164,22 +164,20 @@ NTSTATUS AccessMemory(const MemoryAccessKind& kind, ULONG ulDeviceIndex, USHORT 
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
     *pulLength = 0;
-    PDEVICE_OBJECT device;
-    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
-    if (!NT_SUCCESS(status)) {
-        return status;
+    const KeyboardReference keyboard(ulDeviceIndex);
+    if (!keyboard.IsHeld()) {
+        return keyboard.Status();
     }
     if (usLength == 0 && kind.empty == AsksForSize) {
-        status = QuerySize(device, kind.pszSizeTitle, pulLength);
-    } else if (usLength == 0 ? kind.empty == DoesNothing : pOut == nullptr && pData == nullptr) {
-        status = STATUS_SUCCESS; // nothing to send, or nowhere to put it
-    } else if (kind.direction == Writes) {
-        status = WriteData(device, kind, usAddress, usLength, pData);
-    } else {
-        status = ReadData(device, AddressedRequest(kind, usAddress), usLength, pOut, pulLength);
+        return QuerySize(keyboard.Device(), kind.pszSizeTitle, pulLength);
     }
-    ReleaseDevice(device);
-    return status;
+    if (usLength == 0 ? kind.empty == DoesNothing : pOut == nullptr && pData == nullptr) {
+        return STATUS_SUCCESS; // nothing to send, or nowhere to put it
+    }
+    if (kind.direction == Writes) {
+        return WriteData(keyboard.Device(), kind, usAddress, usLength, pData);
+    }
+    return ReadData(keyboard.Device(), AddressedRequest(kind, usAddress), usLength, pOut, pulLength);
 }
 } // namespace
 

@@ -3,21 +3,18 @@
 //   report road, settings ── Queue ──► MacroQueue[1024] ── Get ──► the application's requests
 //                            ulMacroWrite ▲        ▲ ulMacroRead
 //
-// A ring under MacroLock; equal positions mean empty or full, ulMacroCount says which. A full ring drops the
-// new record.
+// A ring under MacroLock. A full one drops the new record.
 #include "control/notification.h"
+
+#include "ground/ring.h"
 
 // IRQL <= DISPATCH. Lock: takes MacroLock. Owns: copies the record. Fails: ring full.
 NTSTATUS QueueMacroRecord(const MacroRecord* pRecord)
 {
     LockScope lock(Globals.MacroLock);
-    if (Globals.ulMacroCount >= MACRO_QUEUE_SIZE) {
-        return STATUS_UNSUCCESSFUL;
-    }
-    Globals.MacroQueue[Globals.ulMacroWrite] = *pRecord;
-    Globals.ulMacroCount++;
-    Globals.ulMacroWrite = (Globals.ulMacroWrite + 1) % MACRO_QUEUE_SIZE;
-    return STATUS_SUCCESS;
+    return AppendToRing(Globals.MacroQueue, Globals.ulMacroWrite, Globals.ulMacroCount, *pRecord)
+               ? STATUS_SUCCESS
+               : STATUS_UNSUCCESSFUL;
 }
 
 // The oldest record; ucRemove 1 takes it, any other value leaves it queued.
@@ -25,15 +22,9 @@ NTSTATUS QueueMacroRecord(const MacroRecord* pRecord)
 NTSTATUS GetMacroRecord(MacroRecord* pRecord, UCHAR ucRemove)
 {
     LockScope lock(Globals.MacroLock);
-    if (Globals.ulMacroCount == 0) {
-        return STATUS_UNSUCCESSFUL;
-    }
-    *pRecord = Globals.MacroQueue[Globals.ulMacroRead];
-    if (ucRemove == 1) {
-        Globals.ulMacroCount--;
-        Globals.ulMacroRead = (Globals.ulMacroRead + 1) % MACRO_QUEUE_SIZE;
-    }
-    return STATUS_SUCCESS;
+    return ReadFromRing(Globals.MacroQueue, Globals.ulMacroRead, Globals.ulMacroCount, pRecord, ucRemove == 1)
+               ? STATUS_SUCCESS
+               : STATUS_UNSUCCESSFUL;
 }
 
 // IRQL <= DISPATCH. Lock: takes MacroLock. Fails: never.
@@ -48,9 +39,6 @@ NTSTATUS GetMacroCount(PULONG pulCount)
 NTSTATUS ClearMacroQueue()
 {
     LockScope lock(Globals.MacroLock);
-    RtlZeroMemory(Globals.MacroQueue, sizeof(Globals.MacroQueue));
-    Globals.ulMacroWrite = 0;
-    Globals.ulMacroRead = 0;
-    Globals.ulMacroCount = 0;
+    ClearRing(Globals.MacroQueue, Globals.ulMacroWrite, Globals.ulMacroRead, Globals.ulMacroCount);
     return STATUS_SUCCESS;
 }

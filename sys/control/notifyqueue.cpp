@@ -3,9 +3,10 @@
 //   report road, timers ── Queue ──► NotifyQueue[1024] ── Get ──► the application's requests
 //                            ulNotifyWrite ▲       ▲ ulNotifyRead
 //
-// A ring under NotifyLock; equal positions mean empty or full, ulNotifyCount says which. A full ring drops
-// the new record. Lives and dies with the keyboard's record; no close empties it.
+// A ring under NotifyLock. A full one drops the new record. Lives and dies with the keyboard's record; no close empties it.
 #include "control/notification.h"
+
+#include "ground/ring.h"
 
 // The stamp of a record: wraps about every five days.
 // IRQL any.
@@ -19,13 +20,7 @@ ULONG NotifyTime()
 // Copies the record behind the others. Fails: false, ring full.
 static bool Append(DeviceContext* pContext, const NotifyRecord* pRecord) REQUIRES_LOCK(pContext->NotifyLock)
 {
-    if (pContext->ulNotifyCount >= NOTIFY_QUEUE_SIZE) {
-        return false;
-    }
-    pContext->NotifyQueue[pContext->ulNotifyWrite] = *pRecord;
-    pContext->ulNotifyCount++;
-    pContext->ulNotifyWrite = (pContext->ulNotifyWrite + 1) % NOTIFY_QUEUE_SIZE;
-    return true;
+    return AppendToRing(pContext->NotifyQueue, pContext->ulNotifyWrite, pContext->ulNotifyCount, *pRecord);
 }
 
 // A record made from these fields and stamped now.
@@ -75,79 +70,59 @@ void QueueAndSignalEvent(PDEVICE_OBJECT device, ULONG ulId, ULONG ulValue, ULONG
 static NTSTATUS GetRecordOf(DeviceContext* pContext, NotifyRecord* pRecord, UCHAR ucRemove)
 {
     LockScope lock(pContext->NotifyLock);
-    if (pContext->ulNotifyCount == 0) {
-        return STATUS_UNSUCCESSFUL;
-    }
-    *pRecord = pContext->NotifyQueue[pContext->ulNotifyRead];
-    if (ucRemove == 1) {
-        pContext->ulNotifyCount--;
-        pContext->ulNotifyRead = (pContext->ulNotifyRead + 1) % NOTIFY_QUEUE_SIZE;
-    }
-    return STATUS_SUCCESS;
+    return ReadFromRing(pContext->NotifyQueue, pContext->ulNotifyRead, pContext->ulNotifyCount, pRecord,
+                        ucRemove == 1)
+               ? STATUS_SUCCESS
+               : STATUS_UNSUCCESSFUL;
 }
 
 // IRQL <= DISPATCH. Lock: takes NotifyLock. Fails: unknown index, empty; *pRecord untouched.
 NTSTATUS GetNotifyRecord(ULONG ulDeviceIndex, NotifyRecord* pRecord, UCHAR ucRemove)
 {
-    PDEVICE_OBJECT device;
-    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
-    if (!NT_SUCCESS(status)) {
-        return status;
+    const KeyboardReference keyboard(ulDeviceIndex);
+    if (!keyboard.IsHeld()) {
+        return keyboard.Status();
     }
-    status = GetRecordOf(FilterContextOf(device), pRecord, ucRemove);
-    ReleaseDevice(device);
-    return status;
+    return GetRecordOf(keyboard.Context(), pRecord, ucRemove);
 }
 
 // Takes up to ulCount records, the oldest first; where none is left the slot stays as it is.
 // IRQL <= DISPATCH. Lock: takes NotifyLock. Fails: unknown index.
 NTSTATUS TakeNotifyRecords(ULONG ulDeviceIndex, NotifyRecord* pRecords, ULONG ulCount)
 {
-    PDEVICE_OBJECT device;
-    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
-    if (!NT_SUCCESS(status)) {
-        return status;
+    const KeyboardReference keyboard(ulDeviceIndex);
+    if (!keyboard.IsHeld()) {
+        return keyboard.Status();
     }
     for (ULONG i = 0; i < ulCount; i++) {
-        (void)GetRecordOf(FilterContextOf(device), &pRecords[i], 1);
+        (void)GetRecordOf(keyboard.Context(), &pRecords[i], 1);
     }
-    ReleaseDevice(device);
     return STATUS_SUCCESS;
 }
 
 // IRQL <= DISPATCH. Lock: takes NotifyLock. Fails: unknown index.
 NTSTATUS GetNotifyCount(ULONG ulDeviceIndex, PULONG pulCount)
 {
-    PDEVICE_OBJECT device;
-    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
-    if (!NT_SUCCESS(status)) {
-        return status;
+    const KeyboardReference keyboard(ulDeviceIndex);
+    if (!keyboard.IsHeld()) {
+        return keyboard.Status();
     }
-    DeviceContext* pContext = FilterContextOf(device);
-    {
-        LockScope lock(pContext->NotifyLock);
-        *pulCount = pContext->ulNotifyCount;
-    }
-    ReleaseDevice(device);
+    DeviceContext* pContext = keyboard.Context();
+    LockScope lock(pContext->NotifyLock);
+    *pulCount = pContext->ulNotifyCount;
     return STATUS_SUCCESS;
 }
 
 // IRQL <= DISPATCH. Lock: takes NotifyLock. Fails: unknown index.
 NTSTATUS ClearNotifyQueue(ULONG ulDeviceIndex)
 {
-    PDEVICE_OBJECT device;
-    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
-    if (!NT_SUCCESS(status)) {
-        return status;
+    const KeyboardReference keyboard(ulDeviceIndex);
+    if (!keyboard.IsHeld()) {
+        return keyboard.Status();
     }
-    DeviceContext* pContext = FilterContextOf(device);
-    {
-        LockScope lock(pContext->NotifyLock);
-        RtlZeroMemory(pContext->NotifyQueue, sizeof(pContext->NotifyQueue));
-        pContext->ulNotifyWrite = 0;
-        pContext->ulNotifyRead = 0;
-        pContext->ulNotifyCount = 0;
-    }
-    ReleaseDevice(device);
+    DeviceContext* pContext = keyboard.Context();
+    LockScope lock(pContext->NotifyLock);
+    ClearRing(pContext->NotifyQueue, pContext->ulNotifyWrite, pContext->ulNotifyRead,
+              pContext->ulNotifyCount);
     return STATUS_SUCCESS;
 }

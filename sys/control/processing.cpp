@@ -7,13 +7,11 @@
 // Fails: unknown index, the switch is there already.
 static NTSTATUS SwitchReportProcessing(ULONG ulDeviceIndex, UCHAR ucOn)
 {
-    PDEVICE_OBJECT device;
-    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
-    if (!NT_SUCCESS(status)) {
-        return status;
+    const KeyboardReference keyboard(ulDeviceIndex);
+    if (!keyboard.IsHeld()) {
+        return keyboard.Status();
     }
-    UCHAR ucBefore = ExchangeShared(FilterContextOf(device)->ucReportProcessing, ucOn);
-    ReleaseDevice(device);
+    UCHAR ucBefore = ExchangeShared(keyboard.Context()->ucReportProcessing, ucOn);
     return ucBefore != ucOn ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
 }
 

@@ -32,8 +32,8 @@ static void InitializeLocks(DeviceContext* pContext)
     KeInitializeSpinLock(&pContext->FifoLock.Lock);
     KeInitializeSpinLock(&pContext->ParkLock.Lock);
     KeInitializeSpinLock(&pContext->NotifyLock.Lock);
-    KeInitializeMutex(&pContext->DefinitionMutex, 0);
-    KeInitializeMutex(&pContext->LedMutex, 0);
+    KeInitializeMutex(&pContext->DefinitionMutex.Object, 0);
+    KeInitializeMutex(&pContext->LedMutex.Object, 0);
 }
 
 // Everything of the record that does not depend on the device below.

@@ -142,8 +142,8 @@ struct DeviceContext {
     UCHAR ucOldOPOSPacket[8] GUARDED_BY(BufferLock);
 
     // Key definitions and the hotkey lists made from them.
-    KMUTEX DefinitionMutex; // one change of the definitions at a time, at PASSIVE_LEVEL
-    SpinLock KeyDefLock;    // a definition found under it is not freed
+    Mutex DefinitionMutex; // one change of the definitions at a time, at PASSIVE_LEVEL
+    SpinLock KeyDefLock;   // a definition found under it is not freed
     KeyDefinition* KeyDefinitions[KEY_DEFINITION_SLOTS] GUARDED_BY(KeyDefLock);
     UCHAR ucDefinitionHashes[KEY_DEFINITION_SLOTS]; // of their ids. KeyDefLock
     ULONG ulDefinitions;                            // how many there are. KeyDefLock
@@ -199,7 +199,7 @@ struct DeviceContext {
     UCHAR ucKorvexDelayArmed GUARDED_BY(ParkLock);                 // this keyboard's timer is armed
     PIO_WORKITEM pKorvexWorkItem;                                  // (x) of the queued LED update
     UCHAR ucLedUpdateQueued; // (x) it will show the mode, whatever that is then
-    KMUTEX LedMutex;         // one LED update at a time, at PASSIVE_LEVEL
+    Mutex LedMutex;          // one LED update at a time, at PASSIVE_LEVEL
 
     // Application notification.
     SpinLock NotifyLock;
@@ -258,10 +258,10 @@ struct DriverGlobals {
     PDEVICE_OBJECT pFirstKeyboard GUARDED_BY(KeyboardListLock); // newest first
     PDEVICE_OBJECT pControlDevice; // (x) written under ControlDeviceMutex and KeyboardListLock
     USHORT usKeyboardCount;        // (x) written in Plug and Play
-    USHORT usOpenCount;            // ControlDeviceMutex
-    KMUTEX ControlDeviceMutex;     // creation, deletion, open and close: one after the other
-    USHORT usTypematicRate;        // (x) index into TypematicPeriodTable
-    USHORT usTypematicDelay;       // (x) index into TypematicDelayTable
+    USHORT usOpenCount GUARDED_BY(ControlDeviceMutex);
+    Mutex ControlDeviceMutex; // creation, deletion, open and close: one after the other
+    USHORT usTypematicRate;   // (x) index into TypematicPeriodTable
+    USHORT usTypematicDelay;  // (x) index into TypematicDelayTable
 
     // Modifiers and prefixes of all keyboards.
     ULONG ulModifierFlags;   // (x)
@@ -284,7 +284,7 @@ struct DriverGlobals {
     UCHAR ucKorvexTimerRunning;   // (x)
     UCHAR ucReportCapture;        // (x) written under CaptureLock
     SpinLock CaptureLock;
-    KMUTEX MacroSettingsMutex; // one reading of the macro settings at a time, at PASSIVE_LEVEL
+    Mutex MacroSettingsMutex; // one reading of the macro settings at a time, at PASSIVE_LEVEL
     SpinLock MacroTableLock;
     MacroTable* pMacroTable GUARDED_BY(MacroTableLock); // null: no macros
 

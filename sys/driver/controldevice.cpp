@@ -55,7 +55,7 @@ static void UnregisterArrival(SiblingLink* pLink)
 
 // The named device, open to those it is meant for only, and its link.
 // IRQL = PASSIVE, under ControlDeviceMutex. Fails: name or link taken, no memory; nothing is left.
-static NTSTATUS CreateNamedDevice(PDEVICE_OBJECT* ppControlDevice)
+static NTSTATUS CreateNamedDevice(PDEVICE_OBJECT* ppControlDevice) REQUIRES_LOCK(Globals.ControlDeviceMutex)
 {
     UNICODE_STRING deviceName;
     UNICODE_STRING linkName;
@@ -80,7 +80,7 @@ static NTSTATUS CreateNamedDevice(PDEVICE_OBJECT* ppControlDevice)
 
 // The initialising flag is cleared last, so no open meets a half-made record.
 // IRQL = PASSIVE, under ControlDeviceMutex. Fails: as CreateNamedDevice.
-static NTSTATUS BuildControlDevice()
+static NTSTATUS BuildControlDevice() REQUIRES_LOCK(Globals.ControlDeviceMutex)
 {
     PDEVICE_OBJECT pControlDevice = nullptr;
     const NTSTATUS status = CreateNamedDevice(&pControlDevice);
@@ -106,7 +106,7 @@ static NTSTATUS BuildControlDevice()
 
 // The event that an application registered goes with the device, whether its handle is open or not.
 // IRQL = PASSIVE, under ControlDeviceMutex.
-static void TearDownControlDevice(PDEVICE_OBJECT pControlDevice)
+static void TearDownControlDevice(PDEVICE_OBJECT pControlDevice) REQUIRES_LOCK(Globals.ControlDeviceMutex)
 {
     ControlContext* pControl = ControlContextOf(pControlDevice);
     UNICODE_STRING linkName;
@@ -134,16 +134,16 @@ NTSTATUS CreateControlDevice(PDEVICE_OBJECT pFilterDevice)
     NTSTATUS status = STATUS_SUCCESS;
     UCHAR ucUnused;
 
-    KeWaitForSingleObject(&Globals.ControlDeviceMutex, Executive, KernelMode, FALSE, nullptr);
-    if (Globals.usKeyboardCount == 0) {
-        status = BuildControlDevice();
+    {
+        MutexScope lock(Globals.ControlDeviceMutex);
+        if (Globals.usKeyboardCount == 0) {
+            status = BuildControlDevice();
+        }
+        if (NT_SUCCESS(status) && pContext->ucKeyboardCounted == 0) {
+            pContext->ucKeyboardCounted = 1;
+            WriteShared(Globals.usKeyboardCount, Globals.usKeyboardCount + 1);
+        }
     }
-    if (NT_SUCCESS(status) && pContext->ucKeyboardCounted == 0) {
-        pContext->ucKeyboardCounted = 1;
-        WriteShared(Globals.usKeyboardCount, Globals.usKeyboardCount + 1);
-    }
-    KeReleaseMutex(&Globals.ControlDeviceMutex, FALSE);
-
     if (!NT_SUCCESS(status)) {
         UpdateErrorCount(ErrorCountLeave, &ucUnused);
         return status;
@@ -161,13 +161,12 @@ void DeleteControlDevice(PDEVICE_OBJECT pFilterDevice)
     if (pContext->ucKeyboardCounted == 0) {
         return;
     }
-    KeWaitForSingleObject(&Globals.ControlDeviceMutex, Executive, KernelMode, FALSE, nullptr);
+    MutexScope lock(Globals.ControlDeviceMutex);
     if (Globals.usKeyboardCount == 1 && Globals.pControlDevice != nullptr) {
         TearDownControlDevice(Globals.pControlDevice);
     }
     pContext->ucKeyboardCounted = 0;
     WriteShared(Globals.usKeyboardCount, Globals.usKeyboardCount - 1);
-    KeReleaseMutex(&Globals.ControlDeviceMutex, FALSE);
 }
 
 // The control device has no relations to tell; every other minor function succeeds.

@@ -30,7 +30,7 @@ static void SetInitialState()
     KeInitializeSpinLock(&Globals.MacroLock.Lock);
     KeInitializeSpinLock(&Globals.CaptureLock.Lock);
     KeInitializeSpinLock(&Globals.MacroTableLock.Lock);
-    KeInitializeMutex(&Globals.MacroSettingsMutex, 0);
+    KeInitializeMutex(&Globals.MacroSettingsMutex.Object, 0);
     KeInitializeSpinLock(&Globals.SiblingLock.Lock);
     KeInitializeEvent(&Globals.SiblingRequestsEnd, NotificationEvent, FALSE);
     InitializeLog();
@@ -113,7 +113,7 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistr
     ConvertPrefixKey(Settings.ulPosKeyPrefix, &Globals.ucPosKeyPrefixUsage);
     UpdateErrorCount(ErrorCountLeave, &ucUnused);
 
-    KeInitializeMutex(&Globals.ControlDeviceMutex, 0);
+    KeInitializeMutex(&Globals.ControlDeviceMutex.Object, 0);
     Trace(DriverLoaded, pRegistryPath);
     return STATUS_SUCCESS;
 }

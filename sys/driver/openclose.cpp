@@ -17,25 +17,22 @@
 // IRQL = PASSIVE. Fails: as the open was completed.
 static NTSTATUS PassCreate(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
-    if (ControlContextOf(pDevice) != nullptr || !AcquireDevice(pDevice)) {
-        return DispatchPassThrough(pDevice, pIrp); // completes it here
+    const KeyboardReference keyboard(pDevice);
+    if (!keyboard.IsHeld()) {
+        return DispatchPassThrough(pDevice, pIrp); // completes it here, as it does the control device's
     }
-    DeviceContext* pContext = FilterContextOf(pDevice);
-    NTSTATUS status;
-    if (pContext->pLowerDevice == nullptr) {
-        status = CompleteRequest(pIrp, STATUS_UNSUCCESSFUL, 0);
-    } else {
-        status = ForwardAndWait(pContext, pIrp);
-        IoCompleteRequest(pIrp, IO_NO_INCREMENT); // with the information that the lower driver gave
+    if (keyboard.Context()->pLowerDevice == nullptr) {
+        return CompleteRequest(pIrp, STATUS_UNSUCCESSFUL, 0);
     }
-    ReleaseDevice(pDevice);
+    const NTSTATUS status = ForwardAndWait(keyboard.Context(), pIrp);
+    IoCompleteRequest(pIrp, IO_NO_INCREMENT); // with the information that the lower driver gave
     return status;
 }
 
 // IRQL = PASSIVE. Lock: takes ControlDeviceMutex. Fails: false, there are as many as can be counted.
 static bool CountOpen()
 {
-    KeWaitForSingleObject(&Globals.ControlDeviceMutex, Executive, KernelMode, FALSE, nullptr);
+    MutexScope lock(Globals.ControlDeviceMutex);
     const bool bRoom = Globals.usOpenCount != MAXUSHORT;
     if (bRoom) {
         Globals.usOpenCount++;
@@ -43,13 +40,12 @@ static bool CountOpen()
     if (bRoom && Globals.pControlDevice != nullptr) {
         KeClearEvent(&ControlContextOf(Globals.pControlDevice)->ClosedEvent);
     }
-    KeReleaseMutex(&Globals.ControlDeviceMutex, FALSE);
     return bRoom;
 }
 
 // What the application had set up, released in this order, whether its control device is still there or not.
 // IRQL = PASSIVE, under ControlDeviceMutex.
-static void ReleaseApplication(PDEVICE_OBJECT pControlDevice)
+static void ReleaseApplication(PDEVICE_OBJECT pControlDevice) REQUIRES_LOCK(Globals.ControlDeviceMutex)
 {
     FreeAllKeyDefinitions();
     StopAllReportProcessing();
@@ -65,14 +61,13 @@ static void ReleaseApplication(PDEVICE_OBJECT pControlDevice)
 // IRQL = PASSIVE. Lock: takes ControlDeviceMutex.
 static void UncountOpen()
 {
-    KeWaitForSingleObject(&Globals.ControlDeviceMutex, Executive, KernelMode, FALSE, nullptr);
+    MutexScope lock(Globals.ControlDeviceMutex);
     if (Globals.usOpenCount > 0) {
         Globals.usOpenCount--;
     }
     if (Globals.usOpenCount == 0) {
         ReleaseApplication(Globals.pControlDevice);
     }
-    KeReleaseMutex(&Globals.ControlDeviceMutex, FALSE);
 }
 
 // IRQL = PASSIVE. Lock: takes ControlDeviceMutex. Fails: too many are open, or as the open was completed.

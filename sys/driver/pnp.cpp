@@ -179,10 +179,9 @@ NTSTATUS DispatchPnp(PDEVICE_OBJECT pDevice, PIRP pIrp)
     if (IoGetCurrentIrpStackLocation(pIrp)->MinorFunction == IRP_MN_REMOVE_DEVICE) {
         return RemoveKeyboard(pDevice, pIrp);
     }
-    if (!AcquireDevice(pDevice)) {
-        return CompleteRequest(pIrp, STATUS_DELETE_PENDING, 0);
+    const KeyboardReference keyboard(pDevice);
+    if (!keyboard.IsHeld()) {
+        return CompleteRequest(pIrp, keyboard.Status(), 0);
     }
-    const NTSTATUS status = DispatchHeldPnp(pDevice, pIrp);
-    ReleaseDevice(pDevice);
-    return status;
+    return DispatchHeldPnp(pDevice, pIrp);
 }

@@ -29,6 +29,38 @@ void UnlinkKeyboard(PDEVICE_OBJECT pDevice);
 NTSTATUS FindDeviceByIndex(ULONG ulDeviceIndex, PDEVICE_OBJECT* ppDevice);
 NTSTATUS FindDeviceByInterfaceName(PCWSTR pszName, PULONG pulDeviceIndex);
 
+// A reference on a keyboard for as long as this lives. Not held: the status says why.
+class KeyboardReference
+{
+public:
+    explicit KeyboardReference(ULONG ulDeviceIndex)
+        : device(nullptr), HeldStatus(FindDeviceByIndex(ulDeviceIndex, &device))
+    {
+    }
+    explicit KeyboardReference(PDEVICE_OBJECT pDevice)
+        : device(AcquireDevice(pDevice) ? pDevice : nullptr),
+          HeldStatus(device != nullptr ? STATUS_SUCCESS : STATUS_DELETE_PENDING)
+    {
+    }
+    ~KeyboardReference()
+    {
+        if (device != nullptr) {
+            ReleaseDevice(device);
+        }
+    }
+    KeyboardReference(const KeyboardReference&) = delete;
+    KeyboardReference& operator=(const KeyboardReference&) = delete;
+
+    bool IsHeld() const { return device != nullptr; }
+    NTSTATUS Status() const { return HeldStatus; }
+    PDEVICE_OBJECT Device() const { return device; }
+    DeviceContext* Context() const { return FilterContextOf(device); }
+
+private:
+    PDEVICE_OBJECT device;
+    NTSTATUS HeldStatus;
+};
+
 // controlreference.cpp
 PDEVICE_OBJECT ReferenceControlDevice(); // referenced object, or null when there is none
 

@@ -1,4 +1,4 @@
-// lock.h - the driver's spin locks and the scope that holds one; the stretch that no suspension cuts.
+// lock.h - the driver's spin locks and mutexes and the scopes that hold one; the stretch that no suspension cuts.
 //
 // A spin lock is taken only up to DISPATCH_LEVEL; above it the guarded data is used without the lock.
 // No path holds two of them at once. The one exception is the log's own lock, a leaf that log.cpp takes
@@ -41,6 +41,28 @@ public:
 private:
     PKSPIN_LOCK pLock;
     KIRQL OldIrql = 0;
+};
+
+struct LOCK_ATTRIBUTE(capability("mutex")) Mutex {
+    KMUTEX Object;
+};
+
+// IRQL = PASSIVE.
+class LOCK_ATTRIBUTE(scoped_lockable) MutexScope
+{
+public:
+    explicit MutexScope(Mutex& mutex) LOCK_ATTRIBUTE(acquire_capability(mutex)) : pMutex(&mutex.Object)
+    {
+        (void)KeWaitForSingleObject(pMutex, Executive, KernelMode, FALSE, nullptr);
+    }
+
+    ~MutexScope() LOCK_ATTRIBUTE(release_capability()) { KeReleaseMutex(pMutex, FALSE); }
+
+    MutexScope(const MutexScope&) = delete;
+    MutexScope& operator=(const MutexScope&) = delete;
+
+private:
+    PKMUTEX pMutex;
 };
 
 // While it lives the thread is not suspended: a debugger that stops an application's thread would else stop it with

@@ -54,12 +54,11 @@ NTSTATUS DispatchPassThrough(PDEVICE_OBJECT pDevice, PIRP pIrp)
     if (ControlContextOf(pDevice) != nullptr) {
         return CompleteRequest(pIrp, STATUS_SUCCESS, 0);
     }
-    if (!AcquireDevice(pDevice)) {
-        return CompleteRequest(pIrp, STATUS_DELETE_PENDING, 0);
+    const KeyboardReference keyboard(pDevice);
+    if (!keyboard.IsHeld()) {
+        return CompleteRequest(pIrp, keyboard.Status(), 0);
     }
-    const NTSTATUS status = ForwardRequest(FilterContextOf(pDevice), pIrp);
-    ReleaseDevice(pDevice);
-    return status;
+    return ForwardRequest(keyboard.Context(), pIrp);
 }
 
 // IRQL <= DISPATCH.
@@ -77,17 +76,14 @@ NTSTATUS DispatchPower(PDEVICE_OBJECT pDevice, PIRP pIrp)
         return CompleteRequest(pIrp, STATUS_SUCCESS, 0);
     }
     PoStartNextPowerIrp(pIrp);
-    if (!AcquireDevice(pDevice)) {
-        return CompleteRequest(pIrp, STATUS_DELETE_PENDING, 0);
+    const KeyboardReference keyboard(pDevice);
+    if (!keyboard.IsHeld()) {
+        return CompleteRequest(pIrp, keyboard.Status(), 0);
     }
-    NTSTATUS status;
-    PDEVICE_OBJECT pLower = FilterContextOf(pDevice)->pLowerDevice;
-    if (pLower != nullptr) {
-        IoSkipCurrentIrpStackLocation(pIrp);
-        status = PoCallDriver(pLower, pIrp);
-    } else {
-        status = CompleteRequest(pIrp, STATUS_UNSUCCESSFUL, 0);
+    PDEVICE_OBJECT pLower = keyboard.Context()->pLowerDevice;
+    if (pLower == nullptr) {
+        return CompleteRequest(pIrp, STATUS_UNSUCCESSFUL, 0);
     }
-    ReleaseDevice(pDevice);
-    return status;
+    IoSkipCurrentIrpStackLocation(pIrp);
+    return PoCallDriver(pLower, pIrp);
 }

@@ -9,22 +9,6 @@
 
 namespace
 {
-// Holds DefinitionMutex while it lives. IRQL = PASSIVE.
-class DefinitionChange
-{
-public:
-    explicit DefinitionChange(DeviceContext* pContext) : pContext(pContext)
-    {
-        (void)KeWaitForSingleObject(&pContext->DefinitionMutex, Executive, KernelMode, FALSE, nullptr);
-    }
-    ~DefinitionChange() { KeReleaseMutex(&pContext->DefinitionMutex, FALSE); }
-    DefinitionChange(const DefinitionChange&) = delete;
-    DefinitionChange& operator=(const DefinitionChange&) = delete;
-
-private:
-    DeviceContext* pContext;
-};
-
 // Renews the derived bits of ulKeyDefTypes; the macro feature's bit stays as it is, whoever changes it now.
 // Lock: the caller holds DefinitionMutex.
 void RecomputeKeyDefTypes(DeviceContext* pContext) WITHOUT_LOCK_ANALYSIS
@@ -123,7 +107,7 @@ NTSTATUS AddKeyDefinition(PDEVICE_OBJECT device, const KeyDefinition* pDefinitio
     if (pDefinition->usScanCount > sizeof(pDefinition->ucScans)) {
         return STATUS_UNSUCCESSFUL;
     }
-    DefinitionChange change(pContext);
+    MutexScope change(pContext->DefinitionMutex);
     USHORT usIndex;
     if (FindKeyDefinition(device, pDefinition, &usIndex) != nullptr) {
         return STATUS_UNSUCCESSFUL;
@@ -151,7 +135,7 @@ NTSTATUS RemoveKeyDefinition(PDEVICE_OBJECT device, ULONG ulId)
     bool bWasDiscarding;
     KeyDefinition* pDefinition;
     {
-        DefinitionChange change(pContext);
+        MutexScope change(pContext->DefinitionMutex);
         bWasDiscarding = (ReadShared(pContext->ulKeyDefTypes) & KEYDEF_DISCARD) != 0;
         pDefinition = TakeOut(device, ulId);
         if (pDefinition != nullptr) {
@@ -181,7 +165,7 @@ void FreeKeyDefinitions(PDEVICE_OBJECT device)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
     DeviceContext* pContext = FilterContextOf(device);
-    DefinitionChange change(pContext);
+    MutexScope change(pContext->DefinitionMutex);
     {
         LockScope lock(pContext->KeyDefLock);
         for (KeyDefinition*& pDefinition : pContext->KeyDefinitions) {
@@ -208,22 +192,12 @@ void FreeAllKeyDefinitions()
 
 NTSTATUS AddKeyDefinitionByIndex(ULONG ulDeviceIndex, const KeyDefinition* pDefinition)
 {
-    PDEVICE_OBJECT device;
-    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
-    if (NT_SUCCESS(status)) {
-        status = AddKeyDefinition(device, pDefinition);
-        ReleaseDevice(device);
-    }
-    return status;
+    const KeyboardReference keyboard(ulDeviceIndex);
+    return keyboard.IsHeld() ? AddKeyDefinition(keyboard.Device(), pDefinition) : keyboard.Status();
 }
 
 NTSTATUS RemoveKeyDefinitionByIndex(ULONG ulDeviceIndex, ULONG ulId)
 {
-    PDEVICE_OBJECT device;
-    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
-    if (NT_SUCCESS(status)) {
-        status = RemoveKeyDefinition(device, ulId);
-        ReleaseDevice(device);
-    }
-    return status;
+    const KeyboardReference keyboard(ulDeviceIndex);
+    return keyboard.IsHeld() ? RemoveKeyDefinition(keyboard.Device(), ulId) : keyboard.Status();
 }

@@ -3,10 +3,11 @@
 //   InsertUSBPackets, macro playback ──► Fifo[16] ──► the keyboard's next reads
 //                  write ▲                   ▲ read      (answered above the keyboard)
 //
-// A ring of 16 under FifoLock; count 16 with equal positions is full. Taking a report starts the pacing timer
+// A ring of 16 under FifoLock. Taking a report starts the pacing timer
 // of the macro mode when a pace is set.
 #include "hotkeys/buffers.h"
 
+#include "ground/ring.h"
 #include "ground/sums.h"
 #include "log/events.h"
 #include "log/log.h"
@@ -30,13 +31,10 @@ NTSTATUS TakeOldest(PDEVICE_OBJECT device, DeviceContext* pContext, FifoEntry* p
 {
     {
         LockScope lock(pContext->FifoLock);
-        if (pContext->ulFifoCount == 0) {
+        if (!ReadFromRing(pContext->Fifo, pContext->ulFifoRead, pContext->ulFifoCount, pEntry)) {
             Trace(FifoEmpty, pContext->ulDeviceIndex);
             return STATUS_UNSUCCESSFUL;
         }
-        *pEntry = pContext->Fifo[pContext->ulFifoRead];
-        WriteShared(pContext->ulFifoCount, pContext->ulFifoCount - 1);
-        pContext->ulFifoRead = (pContext->ulFifoRead + 1) % FIFO_SIZE;
     }
     StartPacing(device);
     return STATUS_SUCCESS;
@@ -114,14 +112,11 @@ NTSTATUS InsertUSBPacketFifin(PDEVICE_OBJECT device, const FifoEntry* pEntry)
         return STATUS_UNSUCCESSFUL;
     }
     LockScope lock(pContext->FifoLock);
-    if (pContext->ulFifoCount >= FIFO_SIZE) {
+    if (!AppendToRing(pContext->Fifo, pContext->ulFifoWrite, pContext->ulFifoCount, *pEntry)) {
         Trace(FifoFull, pContext->ulDeviceIndex, {pEntry->ucData, pEntry->usLength});
         return STATUS_UNSUCCESSFUL;
     }
     LogHexDump("(InsertUSBPacketFifin) adding entry:", pEntry->usLength, pEntry->ucData);
-    pContext->Fifo[pContext->ulFifoWrite] = *pEntry;
-    WriteShared(pContext->ulFifoCount, pContext->ulFifoCount + 1);
-    pContext->ulFifoWrite = (pContext->ulFifoWrite + 1) % FIFO_SIZE;
     return STATUS_SUCCESS;
 }
 
@@ -129,30 +124,23 @@ NTSTATUS InsertUSBPacketFifin(PDEVICE_OBJECT device, const FifoEntry* pEntry)
 // IRQL <= DISPATCH. Lock: takes FifoLock. Fails: unknown index, empty; *pEntry untouched.
 NTSTATUS GetUSBPacketFifo(ULONG ulDeviceIndex, FifoEntry* pEntry)
 {
-    PDEVICE_OBJECT device;
-    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
-    if (!NT_SUCCESS(status)) {
-        return status;
+    const KeyboardReference keyboard(ulDeviceIndex);
+    if (!keyboard.IsHeld()) {
+        return keyboard.Status();
     }
-    status = TakeOldest(device, FilterContextOf(device), pEntry);
-    ReleaseDevice(device);
-    return status;
+    return TakeOldest(keyboard.Device(), keyboard.Context(), pEntry);
 }
 
 // IRQL <= DISPATCH. Lock: takes FifoLock. Fails: unknown index.
 NTSTATUS GetFifoCount(ULONG ulDeviceIndex, PULONG pulCount)
 {
-    PDEVICE_OBJECT device;
-    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
-    if (!NT_SUCCESS(status)) {
-        return status;
+    const KeyboardReference keyboard(ulDeviceIndex);
+    if (!keyboard.IsHeld()) {
+        return keyboard.Status();
     }
-    DeviceContext* pContext = FilterContextOf(device);
-    {
-        LockScope lock(pContext->FifoLock);
-        *pulCount = pContext->ulFifoCount;
-    }
-    ReleaseDevice(device);
+    DeviceContext* pContext = keyboard.Context();
+    LockScope lock(pContext->FifoLock);
+    *pulCount = pContext->ulFifoCount;
     return STATUS_SUCCESS;
 }
 
@@ -184,19 +172,17 @@ NTSTATUS TakeFifoReport(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, const c
 NTSTATUS InsertUSBPackets(ULONG ulDeviceIndex, const UCHAR* pRequest)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
-    PDEVICE_OBJECT device;
-    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
-    if (!NT_SUCCESS(status)) {
-        return status;
+    const KeyboardReference keyboard(ulDeviceIndex);
+    if (!keyboard.IsHeld()) {
+        return keyboard.Status();
     }
-    status = STATUS_UNSUCCESSFUL;
+    NTSTATUS status = STATUS_UNSUCCESSFUL;
     if (pRequest != nullptr) {
         USHORT usCount;
         RtlCopyMemory(&usCount, pRequest, sizeof(usCount));
         if (IsRequestSound(pRequest, usCount)) {
-            status = InsertIntoFifo(device, pRequest, usCount);
+            status = InsertIntoFifo(keyboard.Device(), pRequest, usCount);
         }
     }
-    ReleaseDevice(device);
     return status;
 }

@@ -139,14 +139,10 @@ NTSTATUS InsertScans(ULONG ulDeviceIndex, PUCHAR pRequest)
         return STATUS_UNSUCCESSFUL;
     }
     LogHexDump("(InsertScans) pInsertScans ", request.usCount, request.pScans);
-    PDEVICE_OBJECT device;
-    if (!NT_SUCCESS(FindDeviceByIndex(ulDeviceIndex, &device))) {
+    const KeyboardReference keyboard(ulDeviceIndex);
+    if (!keyboard.IsHeld() || ReadShared(keyboard.Context()->KbdType) != NORMALKbdType) {
         return STATUS_UNSUCCESSFUL;
     }
-    NTSTATUS status = STATUS_UNSUCCESSFUL;
-    if (ReadShared(FilterContextOf(device)->KbdType) == NORMALKbdType) {
-        status = request.ulWait == 1 ? WalkScansInTurn(device, request) : WalkScans(device, request);
-    }
-    ReleaseDevice(device);
-    return status;
+    return request.ulWait == 1 ? WalkScansInTurn(keyboard.Device(), request)
+                               : WalkScans(keyboard.Device(), request);
 }

@@ -22,18 +22,17 @@ static USHORT FlagsShowingMode(DeviceContext* pContext)
 }
 
 // IRQL = PASSIVE, under LedMutex. Fails: never; the mode stays switched without its LED.
-static void SendMode(PDEVICE_OBJECT device)
+static void SendMode(PDEVICE_OBJECT device, DeviceContext* pContext) REQUIRES_LOCK(pContext->LedMutex)
 {
-    (void)SendLedReport(device, FlagsShowingMode(FilterContextOf(device)));
+    (void)SendLedReport(device, FlagsShowingMode(pContext));
 }
 
 // IRQL = PASSIVE. Lock: takes LedMutex.
 static void SendModeAtOnce(PDEVICE_OBJECT device)
 {
     DeviceContext* pContext = FilterContextOf(device);
-    KeWaitForSingleObject(&pContext->LedMutex, Executive, KernelMode, FALSE, nullptr);
-    SendMode(device);
-    KeReleaseMutex(&pContext->LedMutex, FALSE);
+    MutexScope lock(pContext->LedMutex);
+    SendMode(device, pContext);
 }
 
 // IRQL <= DISPATCH. Owns: the work item holds the keyboard. Fails: no work item; the LEDs stay as they are.
@@ -94,9 +93,10 @@ void NTAPI KorvexLedWorkItem(PDEVICE_OBJECT device, PVOID)
 {
     DeviceContext* pContext = FilterContextOf(device);
     IoFreeWorkItem(ExchangeShared(pContext->pKorvexWorkItem, static_cast<PIO_WORKITEM>(nullptr)));
-    KeWaitForSingleObject(&pContext->LedMutex, Executive, KernelMode, FALSE, nullptr);
-    ExchangeShared(pContext->ucLedUpdateQueued, 0);
-    SendMode(device);
-    KeReleaseMutex(&pContext->LedMutex, FALSE);
+    {
+        MutexScope lock(pContext->LedMutex);
+        ExchangeShared(pContext->ucLedUpdateQueued, 0);
+        SendMode(device, pContext);
+    }
     ReleaseDevice(device);
 }

@@ -185,13 +185,12 @@ NTSTATUS ReadKorvexParameters(PUNICODE_STRING pRegistryPath)
     IRQL_AT_MOST(PASSIVE_LEVEL);
     HANDLE hKey;
     Trace(MacroSettings, pRegistryPath);
-    KeWaitForSingleObject(&Globals.MacroSettingsMutex, Executive, KernelMode, FALSE, nullptr);
+    MutexScope lock(Globals.MacroSettingsMutex);
     NTSTATUS status = OpenParametersKey(&hKey);
     if (NT_SUCCESS(status)) {
         status = TakeValues(hKey);
         ZwClose(hKey);
     }
-    KeReleaseMutex(&Globals.MacroSettingsMutex, FALSE);
     return status;
 }
 

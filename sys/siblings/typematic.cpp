@@ -22,12 +22,7 @@ static const PCWSTR ClassDevices[] = {L"\\Device\\KeyboardClass0", L"\\Device\\K
 // IRQL = PASSIVE. Fails: unknown index.
 static NTSTATUS RequireKeyboard(ULONG ulDeviceIndex)
 {
-    PDEVICE_OBJECT device;
-    const NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
-    if (NT_SUCCESS(status)) {
-        ReleaseDevice(device);
-    }
-    return status;
+    return KeyboardReference(ulDeviceIndex).Status();
 }
 
 // IRQL = PASSIVE. Fails: no such class device, no request, or as it answers.

@@ -3,35 +3,30 @@
 // A ring of 128 under DiscardLock; reads on their way down take the oldest entry once discard mode is off.
 #include "usb/pending.h"
 
+#include "ground/ring.h"
+
 // Appends one held-back value.
 // IRQL <= DISPATCH. Lock: takes DiscardLock. Owns: copies the value. Fails: 128 held.
 NTSTATUS AddDiscardedPacket(PDEVICE_OBJECT device, const UCHAR* pValue, UCHAR ucIsModifier)
 {
     DeviceContext* pContext = FilterContextOf(device);
     LockScope lock(pContext->DiscardLock);
-    if (pContext->ulDiscardCount >= DISCARD_RING_SIZE) {
-        return STATUS_UNSUCCESSFUL;
-    }
-    pContext->DiscardRing[pContext->ulDiscardWrite] = {*pValue, ucIsModifier};
-    pContext->ulDiscardWrite = (pContext->ulDiscardWrite + 1) % DISCARD_RING_SIZE;
-    WriteShared(pContext->ulDiscardCount, pContext->ulDiscardCount + 1);
-    return STATUS_SUCCESS;
+    return AppendToRing(pContext->DiscardRing, pContext->ulDiscardWrite, pContext->ulDiscardCount,
+                        {*pValue, ucIsModifier})
+               ? STATUS_SUCCESS
+               : STATUS_UNSUCCESSFUL;
 }
 
 // IRQL <= DISPATCH. Lock: takes DiscardLock. Fails: unknown index.
 NTSTATUS GetDiscardedPacketCount(ULONG ulDeviceIndex, PULONG pulCount)
 {
-    PDEVICE_OBJECT device;
-    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
-    if (!NT_SUCCESS(status)) {
-        return status;
+    const KeyboardReference keyboard(ulDeviceIndex);
+    if (!keyboard.IsHeld()) {
+        return keyboard.Status();
     }
-    DeviceContext* pContext = FilterContextOf(device);
-    {
-        LockScope lock(pContext->DiscardLock);
-        *pulCount = pContext->ulDiscardCount;
-    }
-    ReleaseDevice(device);
+    DeviceContext* pContext = keyboard.Context();
+    LockScope lock(pContext->DiscardLock);
+    *pulCount = pContext->ulDiscardCount;
     return STATUS_SUCCESS;
 }
 
@@ -40,25 +35,18 @@ NTSTATUS GetDiscardedPacketCount(ULONG ulDeviceIndex, PULONG pulCount)
 NTSTATUS TakeDiscardedPacket(DeviceContext* pContext, DiscardEntry* pEntry)
 {
     LockScope lock(pContext->DiscardLock);
-    if (pContext->ulDiscardCount == 0) {
-        return STATUS_UNSUCCESSFUL;
-    }
-    *pEntry = pContext->DiscardRing[pContext->ulDiscardRead];
-    pContext->ulDiscardRead = (pContext->ulDiscardRead + 1) % DISCARD_RING_SIZE;
-    WriteShared(pContext->ulDiscardCount, pContext->ulDiscardCount - 1);
-    return STATUS_SUCCESS;
+    return ReadFromRing(pContext->DiscardRing, pContext->ulDiscardRead, pContext->ulDiscardCount, pEntry)
+               ? STATUS_SUCCESS
+               : STATUS_UNSUCCESSFUL;
 }
 
 // The same for who knows the keyboard's index.
 // IRQL <= DISPATCH. Lock: takes DiscardLock. Fails: unknown index, empty; *pEntry untouched.
 NTSTATUS GetDiscardedPacket(ULONG ulDeviceIndex, DiscardEntry* pEntry)
 {
-    PDEVICE_OBJECT device;
-    NTSTATUS status = FindDeviceByIndex(ulDeviceIndex, &device);
-    if (!NT_SUCCESS(status)) {
-        return status;
+    const KeyboardReference keyboard(ulDeviceIndex);
+    if (!keyboard.IsHeld()) {
+        return keyboard.Status();
     }
-    status = TakeDiscardedPacket(FilterContextOf(device), pEntry);
-    ReleaseDevice(device);
-    return status;
+    return TakeDiscardedPacket(keyboard.Context(), pEntry);
 }

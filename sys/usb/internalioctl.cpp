@@ -101,23 +101,17 @@ NTSTATUS DispatchInternalIoctl(PDEVICE_OBJECT pDevice, PIRP pIrp)
     if (ControlContextOf(pDevice) != nullptr) {
         return CompleteRequest(pIrp, STATUS_SUCCESS, 0);
     }
-    DeviceContext* pContext = FilterContextOf(pDevice);
-    if (pContext == nullptr) {
+    if (FilterContextOf(pDevice) == nullptr) {
         return DispatchPassThrough(pDevice, pIrp);
     }
-    if (!AcquireDevice(pDevice)) {
-        return CompleteRequest(pIrp, STATUS_DELETE_PENDING, 0);
+    const KeyboardReference keyboard(pDevice);
+    if (!keyboard.IsHeld()) {
+        return CompleteRequest(pIrp, keyboard.Status(), 0);
     }
-    NTSTATUS status = STATUS_UNSUCCESSFUL;
+    if (keyboard.Context()->pLowerDevice == nullptr) {
+        return CompleteRequest(pIrp, STATUS_UNSUCCESSFUL, 0);
+    }
     UCHAR ucComplete = 0;
-    if (pContext->pLowerDevice == nullptr) {
-        status = CompleteRequest(pIrp, STATUS_UNSUCCESSFUL, 0);
-    } else {
-        status = FilterInternalIoctl(pDevice, pIrp, &ucComplete);
-    }
-    if (ucComplete) {
-        status = CompleteAnsweredRead(pDevice, pIrp);
-    }
-    ReleaseDevice(pDevice);
-    return status;
+    const NTSTATUS status = FilterInternalIoctl(pDevice, pIrp, &ucComplete);
+    return ucComplete ? CompleteAnsweredRead(pDevice, pIrp) : status;
 }
