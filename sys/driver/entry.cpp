@@ -10,7 +10,6 @@
 #include "log/log.h"
 #include "macro/macro.h"
 #include "report/keytable.h"
-#include "siblings/siblings.h"
 #include "usb/usb.h"
 
 // Every driver-wide value starts at zero unless it is set here.
@@ -27,9 +26,13 @@ static void SetInitialState()
     Globals.usTypematicDelay = 1;
 
     KeInitializeSpinLock(&Globals.KeyboardListLock.Lock);
-    InitializeEvents();
-    InitializeMacros();
-    InitializeSiblings();
+    KeInitializeSpinLock(&Globals.EventLock.Lock);
+    KeInitializeSpinLock(&Globals.MacroLock.Lock);
+    KeInitializeSpinLock(&Globals.CaptureLock.Lock);
+    KeInitializeSpinLock(&Globals.MacroTableLock.Lock);
+    KeInitializeMutex(&Globals.MacroSettingsMutex.Object, 0);
+    KeInitializeSpinLock(&Globals.SiblingLock.Lock);
+    KeInitializeEvent(&Globals.SiblingRequestsEnd, NotificationEvent, FALSE);
     InitializeLog();
 }
 

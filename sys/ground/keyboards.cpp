@@ -122,10 +122,3 @@ void UnlinkKeyboard(PDEVICE_OBJECT pDevice)
         *ppLink = FilterContextOf(pDevice)->pNextKeyboard;
     }
 }
-
-// IRQL = PASSIVE, nobody else knows the record yet.
-void InitializeReferences(DeviceContext* pContext)
-{
-    pContext->lReferences = 1;
-    KeInitializeEvent(&pContext->ReferencesGone, NotificationEvent, FALSE);
-}

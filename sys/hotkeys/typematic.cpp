@@ -30,21 +30,18 @@ bool IsPointOfSale(DeviceContext* pContext)
     return (ReadShared(pContext->ulKeyDefTypes) & KEYDEF_POINT_OF_SALE) != 0;
 }
 
-// Not due any more.
-void Forget(DeviceContext* pContext, TypematicTimer DeviceContext::*pTimer)
-    REQUIRES_LOCK(pContext->TypematicLock)
+// Not due any more. Lock: the caller holds TypematicLock.
+void Forget(TypematicTimer& timer)
 {
-    TypematicTimer& timer = pContext->*pTimer;
     if (timer.ullDue != 0) {
         timer.ullDue = 0;
         InterlockedDecrement(&Globals.lArmedRepeats);
     }
 }
 
-void Arm(DeviceContext* pContext, TypematicTimer DeviceContext::*pTimer, ULONGLONG ullMs)
-    REQUIRES_LOCK(pContext->TypematicLock)
+// Lock: the caller holds TypematicLock.
+void Arm(TypematicTimer& timer, ULONGLONG ullMs)
 {
-    TypematicTimer& timer = pContext->*pTimer;
     if (timer.ullDue == 0) {
         InterlockedIncrement(&Globals.lArmedRepeats);
     }
@@ -52,24 +49,21 @@ void Arm(DeviceContext* pContext, TypematicTimer DeviceContext::*pTimer, ULONGLO
     KeSetTimer(&timer.Timer, RelativeMs(ullMs), &timer.Dpc);
 }
 
-void Disarm(DeviceContext* pContext, TypematicTimer DeviceContext::*pTimer)
-    REQUIRES_LOCK(pContext->TypematicLock)
+// Lock: the caller holds TypematicLock.
+void Disarm(TypematicTimer& timer)
 {
-    TypematicTimer& timer = pContext->*pTimer;
-    Forget(pContext, pTimer);
+    Forget(timer);
     KeCancelTimer(&timer.Timer);
     KeRemoveQueueDpc(&timer.Dpc);
 }
 
-// At a callback's begin: whether it shall act.
-bool TakeDue(DeviceContext* pContext, TypematicTimer DeviceContext::*pTimer)
-    REQUIRES_LOCK(pContext->TypematicLock)
+// At a callback's begin: whether it shall act. Lock: the caller holds TypematicLock.
+bool TakeDue(TypematicTimer& timer)
 {
-    TypematicTimer& timer = pContext->*pTimer;
     if (timer.ullDue == 0 || KeQueryInterruptTime() < timer.ullDue) {
         return false;
     }
-    Forget(pContext, pTimer);
+    Forget(timer);
     return true;
 }
 
@@ -101,7 +95,7 @@ void StartTypematic(PDEVICE_OBJECT device)
 {
     DeviceContext* pContext = FilterContextOf(device);
     LockScope lock(pContext->TypematicLock);
-    Arm(pContext, &DeviceContext::TypematicDelay, RepeatDelayMs());
+    Arm(pContext->TypematicDelay, RepeatDelayMs());
 }
 
 // Ends this keyboard's repeat. A callback that has begun may still send its event.
@@ -110,8 +104,8 @@ void CancelTypematicOf(PDEVICE_OBJECT device)
 {
     DeviceContext* pContext = FilterContextOf(device);
     LockScope lock(pContext->TypematicLock);
-    Disarm(pContext, &DeviceContext::TypematicDelay);
-    Disarm(pContext, &DeviceContext::TypematicRepeat);
+    Disarm(pContext->TypematicDelay);
+    Disarm(pContext->TypematicRepeat);
 }
 
 // Ends the repeat of every keyboard, not only of the one whose report is being analysed. Mostly none is armed.
@@ -131,8 +125,8 @@ void TypematicDelayCallback(PKDPC, PVOID pDevice, PVOID, PVOID)
 {
     DeviceContext* pContext = FilterContextOf(static_cast<PDEVICE_OBJECT>(pDevice));
     LockScope lock(pContext->TypematicLock);
-    if (TakeDue(pContext, &DeviceContext::TypematicDelay) && IsPointOfSale(pContext)) {
-        Arm(pContext, &DeviceContext::TypematicRepeat, RepeatPeriodMs());
+    if (TakeDue(pContext->TypematicDelay) && IsPointOfSale(pContext)) {
+        Arm(pContext->TypematicRepeat, RepeatPeriodMs());
     }
 }
 
@@ -145,20 +139,12 @@ void TypematicRepeatCallback(PKDPC, PVOID pDevice, PVOID, PVOID)
     DeviceContext* pContext = FilterContextOf(device);
     {
         LockScope lock(pContext->TypematicLock);
-        if (!TakeDue(pContext, &DeviceContext::TypematicRepeat)) {
+        if (!TakeDue(pContext->TypematicRepeat)) {
             return;
         }
         if (IsPointOfSale(pContext)) {
-            Arm(pContext, &DeviceContext::TypematicRepeat, RepeatPeriodMs());
+            Arm(pContext->TypematicRepeat, RepeatPeriodMs());
         }
     }
     SendRepeat(device, pContext);
-}
-
-// IRQL = PASSIVE, nobody else knows the record yet.
-void InitializeTypematic(PDEVICE_OBJECT device, DeviceContext* pContext)
-{
-    KeInitializeSpinLock(&pContext->TypematicLock.Lock);
-    InitializeTimer(&pContext->TypematicDelay, TypematicDelayCallback, device);
-    InitializeTimer(&pContext->TypematicRepeat, TypematicRepeatCallback, device);
 }

@@ -183,9 +183,3 @@ void EndKorvexDelay(PDEVICE_OBJECT device)
     pContext->ucKorvexDelayArmed = 0;
     WriteShared(Globals.ucKorvexTimerRunning, 0);
 }
-
-// IRQL = PASSIVE, nobody else knows the record yet.
-void InitializeParkedReads(DeviceContext* pContext)
-{
-    KeInitializeSpinLock(&pContext->ParkLock.Lock);
-}

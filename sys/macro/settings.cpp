@@ -209,11 +209,3 @@ NTSTATUS SetKorvexKeyboard(PDEVICE_OBJECT device, UCHAR ucOn)
     }
     return STATUS_SUCCESS;
 }
-
-// At driver entry, on zeroed state. IRQL = PASSIVE.
-void InitializeMacros()
-{
-    KeInitializeSpinLock(&Globals.CaptureLock.Lock);
-    KeInitializeSpinLock(&Globals.MacroTableLock.Lock);
-    KeInitializeMutex(&Globals.MacroSettingsMutex.Object, 0);
-}

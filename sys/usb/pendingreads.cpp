@@ -115,9 +115,3 @@ bool CancelPendingRead(PDEVICE_OBJECT device)
     KeLowerIrql(irql);
     return Irp != nullptr;
 }
-
-// IRQL = PASSIVE, nobody else knows the record yet.
-void InitializePendingReads(DeviceContext* pContext)
-{
-    KeInitializeSpinLock(&pContext->PendingIrpLock.Lock);
-}

@@ -48,12 +48,26 @@ void WriteAsItIs(const std::string& file, const std::vector<uint8_t>& content)
         FailToWrite(file, errno);
 }
 
-// The permissions that a new file gets here.
-mode_t UsualMode()
+#ifdef _WIN32
+// Permissions come from the folder there.
+void TakePermissions(int, const fs::path&) {}
+#else
+// The permissions of the file that is there, or those that a new file gets here.
+void TakePermissions(int iFile, const fs::path& target)
 {
     mode_t mask = umask(0);
     umask(mask);
-    return 0666 & ~mask;
+    struct stat before = {};
+    fchmod(iFile, stat(target.c_str(), &before) == 0 ? before.st_mode & 07777 : 0666 & ~mask);
+}
+#endif
+
+// In the place of what is there. 0 or the error.
+int Move(const std::string& file, const fs::path& target)
+{
+    std::error_code error;
+    fs::rename(file, target, error);
+    return error.value();
 }
 
 } // namespace
@@ -95,11 +109,10 @@ void WriteWholeFile(const std::string& file, const std::vector<uint8_t>& content
     int iFile = mkstemp(aside.data());
     if (iFile < 0)
         FailToWrite(file, errno);
-    struct stat before = {};
-    fchmod(iFile, stat(target.c_str(), &before) == 0 ? before.st_mode & 07777 : UsualMode());
+    TakePermissions(iFile, target);
     int iError = WriteAndClose(iFile, content);
-    if (iError == 0 && rename(aside.c_str(), target.c_str()) != 0)
-        iError = errno;
+    if (iError == 0)
+        iError = Move(aside, target);
     if (iError != 0) {
         unlink(aside.c_str());
         FailToWrite(file, iError);

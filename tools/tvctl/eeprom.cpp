@@ -155,7 +155,7 @@ ExitStatus Dump(Session& session, const EepromArguments& arguments)
         session.Tell(line.Hex("bytes", bytes), Rows(bytes, arguments.ulAt));
         return Done;
     }
-    WriteWholeFile(arguments.file, FileBytes(arguments.file, ImageOf(bytes, arguments.ulAt)));
+    WriteWholeFile(arguments.file, ContentFor(arguments.file, ImageOf(bytes, arguments.ulAt)));
     session.Tell(line.Text("file", arguments.file).Number("written", ulLength),
                  fmt::format("{}: {} bytes, read twice", arguments.file, ulLength));
     return Done;
@@ -260,7 +260,7 @@ ExitStatus Write(Session& session, const EepromArguments& arguments)
     std::string backup = arguments.backup.empty() ? FreeName(facts) : arguments.backup;
     std::string restore = "there is no backup";
     if (!arguments.bNoBackup) {
-        WriteWholeFile(backup, FileBytes(backup, ImageOf(memory, 0)));
+        WriteWholeFile(backup, ContentFor(backup, ImageOf(memory, 0)));
         line.Text("backup", backup);
         restore = fmt::format("to restore: tvctl eeprom write {} --no-backup -k {}", backup,
                               facts.keyboard.Index());

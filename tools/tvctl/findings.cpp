@@ -4,6 +4,7 @@
 // mode's settings in their order up to the first that is absent.
 #include "findings.h"
 #include "tools/common/nearest.h"
+#include "tools/common/settings.h"
 #include "tools/common/text.h"
 
 #include <fmt/format.h>
@@ -16,25 +17,8 @@ namespace
 constexpr uint32_t RefuseFrom = 2;
 constexpr size_t MostLogFileChars = 126, MostMacroFileChars = 93;
 
-struct KnownValue {
-    const char* pName;
-    RegistryType type;
-};
-const KnownValue KnownValues[] = {
-    {"Prefix1", TypeNumber},
-    {"Prefix2", TypeNumber},
-    {"PosKeyPrefix", TypeNumber},
-    {"SendUpEventImmediately", TypeNumber},
-    {"RunDiagNormalPacket02", TypeNumber},
-    {"LogFile", TypeText},
-    {"LogLevel", TypeNumber},
-    {"LogFileSize", TypeNumber},
-    {"KorvexHotkey", TypeNumber},
-    {"KorvexLEDDisabled", TypeNumber},
-    {"KorvexDelay", TypeNumber},
-    {"KorvexConfigFile", TypeText},
-    {"ErrorCount", TypeBinary},
-};
+constexpr char GuardValue[] = "ErrorCount"; // the driver's own, of any type
+
 const char* const MacroValues[] = {"KorvexHotkey", "KorvexLEDDisabled", "KorvexDelay", "KorvexConfigFile"};
 
 std::string TypeName(uint32_t ulType)
@@ -102,27 +86,30 @@ private:
 
     void ExamineType(const RegistryValue& value)
     {
-        auto known = std::find_if(std::begin(KnownValues), std::end(KnownValues), [&](const KnownValue& row) {
-            return LowerCase(row.pName) == LowerCase(value.name);
-        });
-        if (known == std::end(KnownValues)) {
-            std::vector<std::string> names;
-            for (const KnownValue& row : KnownValues)
-                names.emplace_back(row.pName);
+        auto same = [&](std::string_view name) { return LowerCase(name) == LowerCase(value.name); };
+        auto known = std::find_if(std::begin(KnownSettings), std::end(KnownSettings),
+                                  [&](const KnownSetting& setting) { return same(setting.pName); });
+        if (same(GuardValue))
+            return;
+        if (known == std::end(KnownSettings)) {
+            std::vector<std::string> names = {GuardValue};
+            for (const KnownSetting& setting : KnownSettings)
+                names.emplace_back(setting.pName);
             return Warn(
                 fmt::format("the driver knows no value '{}'{}", value.name, DidYouMean(value.name, names)),
                 "give it the right name, or delete it");
         }
-        bool bLength = known->type != TypeNumber || value.data.size() == 4;
-        if (known->type != TypeBinary && (value.ulType != known->type || !bLength))
+        bool bText = known->kind == SettingKind::FileName;
+        uint32_t ulType = bText ? TypeText : TypeNumber;
+        if (value.ulType != ulType || (!bText && value.data.size() != 4))
             Warn(fmt::format("{} is not read: it is {} of {} bytes", value.name, TypeName(value.ulType),
                              value.data.size()),
-                 fmt::format("make it {}", TypeName(known->type)));
+                 fmt::format("make it {}", TypeName(ulType)));
     }
 
     void ExamineGuard()
     {
-        const RegistryValue* pCount = Find("ErrorCount");
+        const RegistryValue* pCount = Find(GuardValue);
         uint32_t ulCount = pCount ? NumberOf(*pCount) : 0;
         if (ulCount >= RefuseFrom)
             m_findings.push_back({Finding::Fault,

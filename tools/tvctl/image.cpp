@@ -156,7 +156,7 @@ std::string HexText(const Image& image)
     return text + RecordOf(End, 0, {});
 }
 
-std::vector<uint8_t> FileBytes(const std::string& file, const Image& image)
+std::vector<uint8_t> ContentFor(const std::string& file, const Image& image)
 {
     std::vector<uint8_t> bytes;
     if (IsHexName(file)) {

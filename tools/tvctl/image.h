@@ -22,6 +22,6 @@ Image ReadImage(const std::string& file, uint32_t ulAt);
 
 std::string HexText(const Image& image);
 // The bytes as the file with this name has them. A binary has no holes.
-std::vector<uint8_t> FileBytes(const std::string& file, const Image& image);
+std::vector<uint8_t> ContentFor(const std::string& file, const Image& image);
 
 Image ImageOf(const std::vector<uint8_t>& bytes, uint32_t ulAt);
