@@ -200,3 +200,10 @@ void DropNotifyEvent(PDEVICE_OBJECT device)
 {
     (void)ReleaseEvent(NotifySlot(device)); // mostly none is registered
 }
+
+// At driver entry, on zeroed state. IRQL = PASSIVE.
+void InitializeEvents()
+{
+    KeInitializeSpinLock(&Globals.EventLock.Lock);
+    KeInitializeSpinLock(&Globals.MacroLock.Lock);
+}

@@ -4,6 +4,7 @@
 #include "ground/ground.h"
 
 // events.cpp: registered events. Handles are used with the requestor's mode and EVENT_MODIFY_STATE.
+void InitializeEvents(); // at driver entry
 NTSTATUS RegisterApplicationEvent(ULONGLONG hEvent, KPROCESSOR_MODE mode);
 NTSTATUS RegisterNotifyEvent(ULONGLONG hEvent, KPROCESSOR_MODE mode, ULONG ulDeviceIndex);
 NTSTATUS ReleaseNotifyEvent(ULONG ulDeviceIndex);
@@ -22,6 +23,7 @@ NTSTATUS StopReportProcessing(ULONG ulDeviceIndex);
 NTSTATUS StopAllReportProcessing();
 
 // notifyqueue.cpp
+void InitializeNotifyQueue(DeviceContext* pContext); // at add-device
 NTSTATUS QueueNotifyRecord(PDEVICE_OBJECT device, const NotifyRecord* pRecord);
 NTSTATUS GetNotifyCount(ULONG ulDeviceIndex, PULONG pulCount);
 NTSTATUS ClearNotifyQueue(ULONG ulDeviceIndex);

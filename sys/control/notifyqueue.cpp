@@ -126,3 +126,9 @@ NTSTATUS ClearNotifyQueue(ULONG ulDeviceIndex)
               pContext->ulNotifyCount);
     return STATUS_SUCCESS;
 }
+
+// IRQL = PASSIVE, nobody else knows the record yet.
+void InitializeNotifyQueue(DeviceContext* pContext)
+{
+    KeInitializeSpinLock(&pContext->NotifyLock.Lock);
+}

@@ -7,36 +7,14 @@
 // the count raised.
 #include "driver/driver.h"
 
+#include "control/notification.h"
 #include "hotkeys/hotkeys.h"
 #include "macro/macro.h"
+#include "usb/usb.h"
 
 enum : ULONG { LOWER_FLAGS = DO_BUFFERED_IO | DO_DIRECT_IO | DO_POWER_PAGABLE };
 
-// IRQL = PASSIVE.
-static void InitializeTimer(TimerWithDpc* pTimer, PKDEFERRED_ROUTINE pRoutine, PDEVICE_OBJECT pDevice)
-{
-    KeInitializeTimer(&pTimer->Timer);
-    KeInitializeDpc(&pTimer->Dpc, pRoutine, pDevice);
-}
-
-// IRQL = PASSIVE, nobody else knows the record yet.
-static void InitializeLocks(DeviceContext* pContext)
-{
-    KeInitializeSpinLock(&pContext->InterfaceLock.Lock);
-    KeInitializeSpinLock(&pContext->PendingIrpLock.Lock);
-    KeInitializeSpinLock(&pContext->AnswerLock.Lock);
-    KeInitializeSpinLock(&pContext->DiscardLock.Lock);
-    KeInitializeSpinLock(&pContext->KeyDefLock.Lock);
-    KeInitializeSpinLock(&pContext->TypematicLock.Lock);
-    KeInitializeSpinLock(&pContext->BufferLock.Lock);
-    KeInitializeSpinLock(&pContext->FifoLock.Lock);
-    KeInitializeSpinLock(&pContext->ParkLock.Lock);
-    KeInitializeSpinLock(&pContext->NotifyLock.Lock);
-    KeInitializeMutex(&pContext->DefinitionMutex.Object, 0);
-    KeInitializeMutex(&pContext->LedMutex.Object, 0);
-}
-
-// Everything of the record that does not depend on the device below.
+// Everything of the record that does not depend on the device below; each room makes ready what is its own.
 // IRQL = PASSIVE, nobody else knows the record yet.
 static void InitializeContext(PDEVICE_OBJECT pDevice, PDEVICE_OBJECT pPhysicalDevice)
 {
@@ -46,17 +24,22 @@ static void InitializeContext(PDEVICE_OBJECT pDevice, PDEVICE_OBJECT pPhysicalDe
     pContext->ulDeviceIndex = Globals.ulNextDeviceIndex;
     pContext->ucSendUpEventImmediately = Settings.ulSendUpEventImmediately != 0;
     pContext->ucRunDiagNormalPacket02 = Settings.ulRunDiagNormalPacket02 != 0;
-    pContext->lReferences = 1;
+    KeInitializeSpinLock(&pContext->InterfaceLock.Lock);
 
-    InitializeLocks(pContext);
+    InitializeReferences(pContext);
+    InitializePendingReads(pContext);
+    InitializeDiscard(pContext);
+    InitializeKeyBuffers(pContext);
+    InitializeInsertScans(pContext);
+    InitializeFifo(pContext);
+    InitializeParkedReads(pContext);
+    InitializeNotifyQueue(pContext);
+    InitializeDefinitions(pContext);
     InitializeHotkeys(pContext);
-    KeInitializeEvent(&pContext->ReferencesGone, NotificationEvent, FALSE);
-    KeInitializeEvent(&pContext->InsertModifierEvent, SynchronizationEvent, FALSE);
-    KeInitializeEvent(&pContext->InsertScansTurn, SynchronizationEvent, TRUE);
-    KeInitializeEvent(&pContext->FifoEvent, SynchronizationEvent, FALSE);
-    InitializeTimer(&pContext->KorvexDelay, KorvexDelayCallback, pDevice);
-    InitializeTimer(&pContext->TypematicDelay, TypematicDelayCallback, pDevice);
-    InitializeTimer(&pContext->TypematicRepeat, TypematicRepeatCallback, pDevice);
+    InitializeTypematic(pDevice, pContext);
+    InitializePlayback(pDevice, pContext);
+    InitializeKorvexLed(pContext);
+    InitializeAnswers(pContext);
 }
 
 // IRQL = PASSIVE.

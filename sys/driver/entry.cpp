@@ -10,6 +10,7 @@
 #include "log/log.h"
 #include "macro/macro.h"
 #include "report/keytable.h"
+#include "siblings/siblings.h"
 #include "usb/usb.h"
 
 // Every driver-wide value starts at zero unless it is set here.
@@ -26,13 +27,9 @@ static void SetInitialState()
     Globals.usTypematicDelay = 1;
 
     KeInitializeSpinLock(&Globals.KeyboardListLock.Lock);
-    KeInitializeSpinLock(&Globals.EventLock.Lock);
-    KeInitializeSpinLock(&Globals.MacroLock.Lock);
-    KeInitializeSpinLock(&Globals.CaptureLock.Lock);
-    KeInitializeSpinLock(&Globals.MacroTableLock.Lock);
-    KeInitializeMutex(&Globals.MacroSettingsMutex.Object, 0);
-    KeInitializeSpinLock(&Globals.SiblingLock.Lock);
-    KeInitializeEvent(&Globals.SiblingRequestsEnd, NotificationEvent, FALSE);
+    InitializeEvents();
+    InitializeMacros();
+    InitializeSiblings();
     InitializeLog();
 }
 

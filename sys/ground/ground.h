@@ -10,6 +10,13 @@
 // status that the request was completed with.
 using DispatchRoutine = NTSTATUS(PDEVICE_OBJECT pDevice, PIRP pIrp);
 
+// A timer whose deferred call gets the device. IRQL = PASSIVE.
+inline void InitializeTimer(TimerWithDpc* pTimer, PKDEFERRED_ROUTINE pRoutine, PDEVICE_OBJECT pDevice)
+{
+    KeInitializeTimer(&pTimer->Timer);
+    KeInitializeDpc(&pTimer->Dpc, pRoutine, pDevice);
+}
+
 // memory.cpp
 PVOID AllocateZeroed(POOL_TYPE poolType, SIZE_T ulBytes); // POOL_TAG; null when there is none
 
@@ -20,6 +27,7 @@ bool AcquireDevice(PDEVICE_OBJECT pDevice);               // false: being remove
 void ReleaseDevice(PDEVICE_OBJECT pDevice);
 PDEVICE_OBJECT FirstKeyboard();                      // newest first; referenced; null at the end
 PDEVICE_OBJECT NextKeyboard(PDEVICE_OBJECT pDevice); // releases pDevice, references the next
+void InitializeReferences(DeviceContext* pContext);  // at add-device
 void PublishKeyboard(PDEVICE_OBJECT pDevice);
 void RefuseNewReferences(PDEVICE_OBJECT pDevice);
 void WaitForReferences(PDEVICE_OBJECT pDevice);

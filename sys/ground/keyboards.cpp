@@ -122,3 +122,10 @@ void UnlinkKeyboard(PDEVICE_OBJECT pDevice)
         *ppLink = FilterContextOf(pDevice)->pNextKeyboard;
     }
 }
+
+// IRQL = PASSIVE, nobody else knows the record yet.
+void InitializeReferences(DeviceContext* pContext)
+{
+    pContext->lReferences = 1;
+    KeInitializeEvent(&pContext->ReferencesGone, NotificationEvent, FALSE);
+}

@@ -4,6 +4,7 @@
 #include "ground/ground.h"
 
 // keybuffers.cpp: SwallowBuf and InsertBuf. IRQL <= DISPATCH. Lock: takes BufferLock.
+void InitializeKeyBuffers(DeviceContext* pContext); // at add-device
 ULONG RemoveKeyFromBuffer(PUCHAR pBuf, ULONG ulLen, ULONG ulIndex);
 ULONG SwallowScan(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, ULONG ulIndex);
 bool GetDataFromSwallowBuffer(PDEVICE_OBJECT device, PUCHAR pOut);
@@ -12,9 +13,11 @@ bool AddDataToInsertBuffer(PDEVICE_OBJECT device, const UCHAR* pUsage);
 bool GetDataFromInsertBuffer(PDEVICE_OBJECT device, PUCHAR pOut);
 
 // insertscans.cpp: IRQL = PASSIVE; pRequest: wait u32, count u16, scan bytes.
+void InitializeInsertScans(DeviceContext* pContext); // at add-device
 NTSTATUS InsertScans(ULONG ulDeviceIndex, PUCHAR pRequest);
 
 // fifo.cpp: IRQL <= DISPATCH; InsertUSBPackets = PASSIVE; pRequest: count u16, unused u16, entries.
+void InitializeFifo(DeviceContext* pContext); // at add-device
 NTSTATUS InsertUSBPacketFifin(PDEVICE_OBJECT device, const FifoEntry* pEntry);
 NTSTATUS GetUSBPacketFifo(ULONG ulDeviceIndex, FifoEntry* pEntry);
 NTSTATUS GetFifoCount(ULONG ulDeviceIndex, PULONG pulCount);

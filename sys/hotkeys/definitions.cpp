@@ -201,3 +201,10 @@ NTSTATUS RemoveKeyDefinitionByIndex(ULONG ulDeviceIndex, ULONG ulId)
     const KeyboardReference keyboard(ulDeviceIndex);
     return keyboard.IsHeld() ? RemoveKeyDefinition(keyboard.Device(), ulId) : keyboard.Status();
 }
+
+// IRQL = PASSIVE, nobody else knows the record yet.
+void InitializeDefinitions(DeviceContext* pContext)
+{
+    KeInitializeSpinLock(&pContext->KeyDefLock.Lock);
+    KeInitializeMutex(&pContext->DefinitionMutex.Object, 0);
+}

@@ -186,3 +186,10 @@ NTSTATUS InsertUSBPackets(ULONG ulDeviceIndex, const UCHAR* pRequest)
     }
     return status;
 }
+
+// IRQL = PASSIVE, nobody else knows the record yet.
+void InitializeFifo(DeviceContext* pContext)
+{
+    KeInitializeSpinLock(&pContext->FifoLock.Lock);
+    KeInitializeEvent(&pContext->FifoEvent, SynchronizationEvent, FALSE);
+}

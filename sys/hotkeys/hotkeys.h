@@ -6,6 +6,7 @@
 #include "hotkeys/pass.h"
 
 // definitions.cpp: what the application defined. IRQL = PASSIVE. Lock: DefinitionMutex, then KeyDefLock.
+void InitializeDefinitions(DeviceContext* pContext); // at add-device
 NTSTATUS AddKeyDefinition(PDEVICE_OBJECT device, const KeyDefinition* pDefinition);
 NTSTATUS AddKeyDefinitionByIndex(ULONG ulDeviceIndex, const KeyDefinition* pDefinition);
 NTSTATUS RemoveKeyDefinition(PDEVICE_OBJECT device, ULONG ulId);
@@ -44,6 +45,7 @@ void SendHotkeyEvent(PDEVICE_OBJECT device, ULONG ulId, ULONG ulValue, ULONG ulE
 UCHAR FindTrueMatch(HotkeyPass& pass, PUCHAR pNoPartial, PUCHAR pSwallow, PUCHAR pHotkeyReleased);
 
 // typematic.cpp: the repeat timers
+void InitializeTypematic(PDEVICE_OBJECT device, DeviceContext* pContext); // at add-device
 KDEFERRED_ROUTINE TypematicDelayCallback;
 KDEFERRED_ROUTINE TypematicRepeatCallback;
 void StartTypematic(PDEVICE_OBJECT device);    // arms TypematicDelayTimer

@@ -146,3 +146,10 @@ NTSTATUS InsertScans(ULONG ulDeviceIndex, PUCHAR pRequest)
     return request.ulWait == 1 ? WalkScansInTurn(keyboard.Device(), request)
                                : WalkScans(keyboard.Device(), request);
 }
+
+// IRQL = PASSIVE, nobody else knows the record yet.
+void InitializeInsertScans(DeviceContext* pContext)
+{
+    KeInitializeEvent(&pContext->InsertModifierEvent, SynchronizationEvent, FALSE);
+    KeInitializeEvent(&pContext->InsertScansTurn, SynchronizationEvent, TRUE);
+}

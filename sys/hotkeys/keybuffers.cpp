@@ -121,3 +121,9 @@ bool GetDataFromInsertBuffer(PDEVICE_OBJECT device, PUCHAR pOut)
     LockScope lock(pContext->BufferLock);
     return Pop(pContext->InsertBuf, &pContext->usInsertCount, pOut);
 }
+
+// IRQL = PASSIVE, nobody else knows the record yet.
+void InitializeKeyBuffers(DeviceContext* pContext)
+{
+    KeInitializeSpinLock(&pContext->BufferLock.Lock);
+}

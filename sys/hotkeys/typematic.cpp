@@ -30,18 +30,21 @@ bool IsPointOfSale(DeviceContext* pContext)
     return (ReadShared(pContext->ulKeyDefTypes) & KEYDEF_POINT_OF_SALE) != 0;
 }
 
-// Not due any more. Lock: the caller holds TypematicLock.
-void Forget(TypematicTimer& timer)
+// Not due any more.
+void Forget(DeviceContext* pContext, TypematicTimer DeviceContext::*pTimer)
+    REQUIRES_LOCK(pContext->TypematicLock)
 {
+    TypematicTimer& timer = pContext->*pTimer;
     if (timer.ullDue != 0) {
         timer.ullDue = 0;
         InterlockedDecrement(&Globals.lArmedRepeats);
     }
 }
 
-// Lock: the caller holds TypematicLock.
-void Arm(TypematicTimer& timer, ULONGLONG ullMs)
+void Arm(DeviceContext* pContext, TypematicTimer DeviceContext::*pTimer, ULONGLONG ullMs)
+    REQUIRES_LOCK(pContext->TypematicLock)
 {
+    TypematicTimer& timer = pContext->*pTimer;
     if (timer.ullDue == 0) {
         InterlockedIncrement(&Globals.lArmedRepeats);
     }
@@ -49,21 +52,24 @@ void Arm(TypematicTimer& timer, ULONGLONG ullMs)
     KeSetTimer(&timer.Timer, RelativeMs(ullMs), &timer.Dpc);
 }
 
-// Lock: the caller holds TypematicLock.
-void Disarm(TypematicTimer& timer)
+void Disarm(DeviceContext* pContext, TypematicTimer DeviceContext::*pTimer)
+    REQUIRES_LOCK(pContext->TypematicLock)
 {
-    Forget(timer);
+    TypematicTimer& timer = pContext->*pTimer;
+    Forget(pContext, pTimer);
     KeCancelTimer(&timer.Timer);
     KeRemoveQueueDpc(&timer.Dpc);
 }
 
-// At a callback's begin: whether it shall act. Lock: the caller holds TypematicLock.
-bool TakeDue(TypematicTimer& timer)
+// At a callback's begin: whether it shall act.
+bool TakeDue(DeviceContext* pContext, TypematicTimer DeviceContext::*pTimer)
+    REQUIRES_LOCK(pContext->TypematicLock)
 {
+    TypematicTimer& timer = pContext->*pTimer;
     if (timer.ullDue == 0 || KeQueryInterruptTime() < timer.ullDue) {
         return false;
     }
-    Forget(timer);
+    Forget(pContext, pTimer);
     return true;
 }
 
@@ -95,7 +101,7 @@ void StartTypematic(PDEVICE_OBJECT device)
 {
     DeviceContext* pContext = FilterContextOf(device);
     LockScope lock(pContext->TypematicLock);
-    Arm(pContext->TypematicDelay, RepeatDelayMs());
+    Arm(pContext, &DeviceContext::TypematicDelay, RepeatDelayMs());
 }
 
 // Ends this keyboard's repeat. A callback that has begun may still send its event.
@@ -104,8 +110,8 @@ void CancelTypematicOf(PDEVICE_OBJECT device)
 {
     DeviceContext* pContext = FilterContextOf(device);
     LockScope lock(pContext->TypematicLock);
-    Disarm(pContext->TypematicDelay);
-    Disarm(pContext->TypematicRepeat);
+    Disarm(pContext, &DeviceContext::TypematicDelay);
+    Disarm(pContext, &DeviceContext::TypematicRepeat);
 }
 
 // Ends the repeat of every keyboard, not only of the one whose report is being analysed. Mostly none is armed.
@@ -125,8 +131,8 @@ void TypematicDelayCallback(PKDPC, PVOID pDevice, PVOID, PVOID)
 {
     DeviceContext* pContext = FilterContextOf(static_cast<PDEVICE_OBJECT>(pDevice));
     LockScope lock(pContext->TypematicLock);
-    if (TakeDue(pContext->TypematicDelay) && IsPointOfSale(pContext)) {
-        Arm(pContext->TypematicRepeat, RepeatPeriodMs());
+    if (TakeDue(pContext, &DeviceContext::TypematicDelay) && IsPointOfSale(pContext)) {
+        Arm(pContext, &DeviceContext::TypematicRepeat, RepeatPeriodMs());
     }
 }
 
@@ -139,12 +145,20 @@ void TypematicRepeatCallback(PKDPC, PVOID pDevice, PVOID, PVOID)
     DeviceContext* pContext = FilterContextOf(device);
     {
         LockScope lock(pContext->TypematicLock);
-        if (!TakeDue(pContext->TypematicRepeat)) {
+        if (!TakeDue(pContext, &DeviceContext::TypematicRepeat)) {
             return;
         }
         if (IsPointOfSale(pContext)) {
-            Arm(pContext->TypematicRepeat, RepeatPeriodMs());
+            Arm(pContext, &DeviceContext::TypematicRepeat, RepeatPeriodMs());
         }
     }
     SendRepeat(device, pContext);
+}
+
+// IRQL = PASSIVE, nobody else knows the record yet.
+void InitializeTypematic(PDEVICE_OBJECT device, DeviceContext* pContext)
+{
+    KeInitializeSpinLock(&pContext->TypematicLock.Lock);
+    InitializeTimer(&pContext->TypematicDelay, TypematicDelayCallback, device);
+    InitializeTimer(&pContext->TypematicRepeat, TypematicRepeatCallback, device);
 }

@@ -100,3 +100,9 @@ void NTAPI KorvexLedWorkItem(PDEVICE_OBJECT device, PVOID)
     }
     ReleaseDevice(device);
 }
+
+// IRQL = PASSIVE, nobody else knows the record yet.
+void InitializeKorvexLed(DeviceContext* pContext)
+{
+    KeInitializeMutex(&pContext->LedMutex.Object, 0);
+}

@@ -27,6 +27,7 @@ struct MacroTable {
 };
 
 // settings.cpp: IRQL = PASSIVE
+void InitializeMacros(); // at driver entry
 NTSTATUS ReadKorvexParameters(PUNICODE_STRING pRegistryPath);
 NTSTATUS SetKorvexKeyboard(PDEVICE_OBJECT device, UCHAR ucOn); // IRQL <= DISPATCH
 
@@ -48,10 +49,12 @@ bool IsMacroModeReport(ULONG ulKeyDefTypes);
 void PassMacroMode(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, ULONG ulKbdType, ULONG ulKeyDefTypes);
 
 // playback.cpp: IRQL <= DISPATCH
+void InitializePlayback(PDEVICE_OBJECT device, DeviceContext* pContext); // at add-device
 void CheckForKorvexHotkey(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen);
 KDEFERRED_ROUTINE KorvexDelayCallback;
 
 // leds.cpp: the mode on the Scroll Lock LED
-NTSTATUS SetKorvexLed(UCHAR ucMode); // IRQL <= DISPATCH; at PASSIVE it waits for the keyboards
-void QueueKorvexLed();               // IRQL <= DISPATCH; waits for none
+void InitializeKorvexLed(DeviceContext* pContext); // at add-device
+NTSTATUS SetKorvexLed(UCHAR ucMode);               // IRQL <= DISPATCH; at PASSIVE it waits for the keyboards
+void QueueKorvexLed();                             // IRQL <= DISPATCH; waits for none
 IO_WORKITEM_ROUTINE KorvexLedWorkItem;

@@ -183,3 +183,9 @@ void EndKorvexDelay(PDEVICE_OBJECT device)
     pContext->ucKorvexDelayArmed = 0;
     WriteShared(Globals.ucKorvexTimerRunning, 0);
 }
+
+// IRQL = PASSIVE, nobody else knows the record yet.
+void InitializeParkedReads(DeviceContext* pContext)
+{
+    KeInitializeSpinLock(&pContext->ParkLock.Lock);
+}

@@ -4,6 +4,7 @@
 #include "ground/ground.h"
 
 // parked.cpp: reads that wait for the pacing timer. IRQL <= DISPATCH. Lock: takes ParkLock.
+void InitializeParkedReads(DeviceContext* pContext); // at add-device
 NTSTATUS ParkReadRequest(PDEVICE_OBJECT device, PIRP request);
 NTSTATUS UnparkReadRequest(PDEVICE_OBJECT device, PIRP request);
 NTSTATUS GetFirstParkedRequest(PDEVICE_OBJECT device, PIRP* pRequest); // taken out; null: none

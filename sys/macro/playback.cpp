@@ -106,3 +106,9 @@ void NTAPI KorvexDelayCallback(PKDPC, PVOID pDevice, PVOID, PVOID)
         }
     } while (request != nullptr && !IsKorvexDelayArmed(device));
 }
+
+// IRQL = PASSIVE, nobody else knows the record yet.
+void InitializePlayback(PDEVICE_OBJECT device, DeviceContext* pContext)
+{
+    InitializeTimer(&pContext->KorvexDelay, KorvexDelayCallback, device);
+}

@@ -209,3 +209,11 @@ NTSTATUS SetKorvexKeyboard(PDEVICE_OBJECT device, UCHAR ucOn)
     }
     return STATUS_SUCCESS;
 }
+
+// At driver entry, on zeroed state. IRQL = PASSIVE.
+void InitializeMacros()
+{
+    KeInitializeSpinLock(&Globals.CaptureLock.Lock);
+    KeInitializeSpinLock(&Globals.MacroTableLock.Lock);
+    KeInitializeMutex(&Globals.MacroSettingsMutex.Object, 0);
+}

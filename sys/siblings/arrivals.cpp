@@ -188,3 +188,10 @@ NTSTATUS NTAPI UsbMouseArrival(PVOID pNotification, PVOID pContext)
 {
     return FollowSibling(pNotification, pContext, &UsbMouse);
 }
+
+// At driver entry, on zeroed state. IRQL = PASSIVE.
+void InitializeSiblings()
+{
+    KeInitializeSpinLock(&Globals.SiblingLock.Lock);
+    KeInitializeEvent(&Globals.SiblingRequestsEnd, NotificationEvent, FALSE);
+}

@@ -30,6 +30,7 @@ NTSTATUS SendMouseRequest(PCWSTR pszName, const ULONG* pulModifiers); // PASSIVE
 void EndNotifications(ControlContext* pControl);                      // PASSIVE: none is under way afterwards
 
 // arrivals.cpp: IRQL = PASSIVE
+void InitializeSiblings();                  // at driver entry
 ULONG ClassifyPnpEvent(const GUID* pEvent); // 1..8, 0 for any other
 enum : ULONG { PNP_INTERFACE_ARRIVAL = 4, PNP_INTERFACE_REMOVAL = 5 };
 PVOID BeginArrivals(); // the context for the registrations that are made now

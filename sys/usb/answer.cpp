@@ -193,3 +193,9 @@ NTSTATUS CompleteAnsweredRead(PDEVICE_OBJECT device, PIRP Irp)
     }
     return status;
 }
+
+// IRQL = PASSIVE, nobody else knows the record yet.
+void InitializeAnswers(DeviceContext* pContext)
+{
+    KeInitializeSpinLock(&pContext->AnswerLock.Lock);
+}

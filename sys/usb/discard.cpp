@@ -50,3 +50,9 @@ NTSTATUS GetDiscardedPacket(ULONG ulDeviceIndex, DiscardEntry* pEntry)
     }
     return TakeDiscardedPacket(keyboard.Context(), pEntry);
 }
+
+// IRQL = PASSIVE, nobody else knows the record yet.
+void InitializeDiscard(DeviceContext* pContext)
+{
+    KeInitializeSpinLock(&pContext->DiscardLock.Lock);
+}

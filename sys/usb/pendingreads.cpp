@@ -115,3 +115,9 @@ bool CancelPendingRead(PDEVICE_OBJECT device)
     KeLowerIrql(irql);
     return Irp != nullptr;
 }
+
+// IRQL = PASSIVE, nobody else knows the record yet.
+void InitializePendingReads(DeviceContext* pContext)
+{
+    KeInitializeSpinLock(&pContext->PendingIrpLock.Lock);
+}

@@ -25,6 +25,7 @@ struct Transfer {
 };
 
 // answer.cpp: reads that never reach the keyboard
+void InitializeAnswers(DeviceContext* pContext);                         // at add-device
 UCHAR AnswerRead(PDEVICE_OBJECT device, PIRP Irp, const Transfer& read); // way down
 NTSTATUS CompleteAnsweredRead(PDEVICE_OBJECT device, PIRP Irp);          // in order, without recursion
 
