@@ -32,10 +32,10 @@ endfunction()
 
 file(GLOB headers CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/client/*.h)
 list(REMOVE_ITEM headers ${CMAKE_SOURCE_DIR}/client/find.h ${CMAKE_SOURCE_DIR}/client/requesttexts.h
-    ${CMAKE_SOURCE_DIR}/client/windows_errors.h)
+    ${CMAKE_SOURCE_DIR}/client/windows_errors.h ${CMAKE_SOURCE_DIR}/client/frames.h)
 tv64usb_install(client)
 if(WIN32)
-    list(REMOVE_ITEM headers ${CMAKE_SOURCE_DIR}/client/host_transport.h)
+    list(REMOVE_ITEM headers ${CMAKE_SOURCE_DIR}/client/host_transport.h ${CMAKE_SOURCE_DIR}/client/socket_transport.h)
     tv64usb_pkgconfig(client "Tv64USB for applications" tvusb-client setupapi)
 else()
     tv64usb_install(stand emu sys host)

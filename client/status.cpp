@@ -29,6 +29,7 @@ const StatusText StatusTexts[] = {
     {Status::DeletePending, "the keyboard is being removed"},
     {Status::DeviceDataError, "the answer came too short or damaged"},
     {Status::Cancelled, "the request was called back"},
+    {Status::Disconnected, "the connection to the driver is lost"},
     {Status::NotOpen, "the driver is not open"},
     {Status::Ambiguous, "several keyboards fit, and none was chosen"},
     {Status::KeyboardGone, "the keyboard was pulled out"},

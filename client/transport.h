@@ -1,6 +1,7 @@
 // transport.h - the way to the driver: all that the library needs of the system it runs on.
 //
-// Two stand behind it: the host's application side (host_transport.cpp) and Windows (windows_transport.cpp).
+// Three stand behind it: the host's application side (host_transport.cpp), the control socket of another process that
+// serves the driver (socket_transport.cpp), and Windows (windows_transport.cpp).
 // Statuses are the driver's 32-bit values (status.h). Send, NewEvent, WaitEvent and FreeEvent may be called by
 // several threads at once; Open and Close only while no other call runs.
 #pragma once

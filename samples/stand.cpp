@@ -1,4 +1,5 @@
-// stand.cpp - what an application finds where no driver is installed: the driver itself on the emulated system,
+// stand.cpp - what an application finds where no driver is installed: the driver that another process serves at the
+// control socket which the environment's TVUSB_CONTROL names; else the driver itself on the emulated system,
 // one emulated keyboard with something in its EEPROM, and someone who presses Ctrl+F1 every half second, or what the
 // environment's TVUSB_PERSON says (emu/app/person.h).
 //
@@ -9,6 +10,7 @@
 #include <cstdlib>
 
 #include "client/host_transport.h"
+#include "client/socket_transport.h"
 #include "emu/app/machine.h"
 #include "emu/app/person.h"
 
@@ -79,6 +81,9 @@ private:
 
 std::unique_ptr<tvusb::Transport> tvusb::SystemTransport()
 {
+    if (!ControlPath().empty()) {
+        return SocketTransport(ControlPath());
+    }
     static Stand stand;
     return HostTransport();
 }

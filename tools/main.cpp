@@ -18,6 +18,7 @@ int main(int argc, char** argv)
     AddMacroVerbs(app, verbs);
     AddKeysVerb(app, verbs);
     AddCheckVerb(app, verbs);
+    AddLiveVerb(app, verbs);
     if (auto status = ParseCommandLine(app, argc, argv, ExitBadInput))
         return *status;
     try {

@@ -21,3 +21,4 @@ void AddReplayVerb(CLI::App& app, Verbs& verbs); // replay/command.cpp
 void AddMacroVerbs(CLI::App& app, Verbs& verbs); // macro/command.cpp
 void AddKeysVerb(CLI::App& app, Verbs& verbs);   // keys/command.cpp
 void AddCheckVerb(CLI::App& app, Verbs& verbs);  // check/command.cpp
+void AddLiveVerb(CLI::App& app, Verbs& verbs);   // live/command.cpp

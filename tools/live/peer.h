@@ -1,0 +1,76 @@
+// peer.h - one process at the control socket: its handle of the control device, its events, its waits.
+//
+// A thread of the peer's own reads requests and answers them one after the other; each wait has a thread too. What a
+// peer sends is bounded before room is made for it. Rubbish, half a frame, silence before Open or answers that
+// nobody takes end this connection, and with it the handle, as the end of a process does.
+#pragma once
+
+#include <host.h>
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "client/frames.h"
+#include "client/transport.h"
+
+constexpr int PeerPatienceMs = 5000; // for Open, for the rest of a frame, and for an answer to be taken
+constexpr size_t PeerMostEvents = 256, PeerMostWaits = 64;
+
+class Peer
+{
+public:
+    // The peer owns the socket; whoever wakes is told by a write to iWake that the peer is over.
+    Peer(int iSocket, int iWake, int iPatienceMs = PeerPatienceMs);
+    ~Peer(); // ends it and waits for it
+    Peer(const Peer&) = delete;
+    Peer& operator=(const Peer&) = delete;
+
+    int Socket() const { return m_iSocket; }
+    bool Over() const { return m_bOver; }
+    bool Ending() const { return m_bEnding; }
+    // The process is gone, or shall be: its requests are cancelled, its waits end.
+    void End();
+
+private:
+    using Bytes = std::vector<uint8_t>;
+    // An event lives as long as one waits for it.
+    struct Event {
+        tvusb::Transport& Driver;
+        uint64_t hEvent;
+        ~Event() { Driver.FreeEvent(hEvent); }
+    };
+    struct Waiter {
+        HostThread Thread = nullptr;
+        std::atomic<bool> bDone{false};
+    };
+
+    void Serve();
+    void EndWaiters();
+    bool Take(void* pTo, size_t bytes, bool bPatient);
+    bool TakeFrame(tvusb::Frame* pHead, Bytes* pBody);
+    bool Put(const tvusb::Frame& request, uint32_t ulStatus, uint32_t ulMore, const Bytes& body = {});
+    bool Open(const tvusb::Frame& head);
+    bool Answer(const tvusb::Frame& head, Bytes& body);
+    bool Control(const tvusb::Frame& head, Bytes& in);
+    bool NewEvent(const tvusb::Frame& head);
+    bool Wait(const tvusb::Frame& head);
+    bool FreeEvent(const tvusb::Frame& head);
+    bool Interfaces(const tvusb::Frame& head);
+    void OwnHandle(uint32_t ulCode, Bytes& in) const;
+    void JoinWaiters(bool bAll);
+
+    int m_iSocket, m_iWake, m_iPatienceMs;
+    std::atomic<bool> m_bOver{false}, m_bEnding{false};
+    std::unique_ptr<tvusb::Transport> m_Driver; // of the peer's thread and the waiters
+    std::map<uint32_t, std::shared_ptr<Event>>
+        m_Events; // of the peer's thread, by the number that the process knows
+    uint32_t m_ulNextEvent = 4;
+    bool m_b32 = false;
+    std::mutex m_WriteLock; // one answer at a time
+    std::mutex m_Lock;      // guards the waiters
+    std::vector<std::unique_ptr<Waiter>> m_Waiters;
+    HostThread m_Thread;
+};

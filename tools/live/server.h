@@ -1,0 +1,37 @@
+// server.h - the control socket: any number of processes at the driver of this one.
+//
+// A thread listens; each process that connects gets a Peer. Only the socket's owner and root may connect: the socket
+// has the mode 0600, and who connects is asked for.
+#pragma once
+
+#include "peer.h"
+
+#include <string>
+
+constexpr size_t ServerMostPeers = 256;
+
+class ControlServer
+{
+public:
+    // Fails (InputError): the path is no place for a socket, or is served already; what is there stays. A socket
+    // that nobody serves any more is replaced.
+    explicit ControlServer(const std::string& path, int iPatienceMs = PeerPatienceMs);
+    // Ends every peer and takes the socket away.
+    ~ControlServer();
+    ControlServer(const ControlServer&) = delete;
+    ControlServer& operator=(const ControlServer&) = delete;
+
+    size_t Peers() const { return m_cPeers; }
+
+private:
+    void Bind();
+    void Listen();
+    void Accept();
+
+    std::string m_path;
+    int m_iPatienceMs, m_iListener = -1, m_iWake = -1;
+    std::atomic<bool> m_bEnd{false};
+    std::atomic<size_t> m_cPeers{0};
+    std::vector<std::unique_ptr<Peer>> m_Peers; // of the listening thread
+    HostThread m_Thread = nullptr;
+};
