@@ -29,8 +29,9 @@ public:
         InsufficientResources = 0xC000009A,
         DeviceDataError = 0xC000009C, // fewer bytes than were asked for, or damaged ones
         Cancelled = 0xC0000120,
-        Disconnected = 0xC000020C,   // who serves the driver at a control socket is gone, or threw this process out
-        NotOpen = 0xC0000128,        // not sent: the driver is not open, or the object was moved from
+        Disconnected =
+            0xC000020C,       // who serves the driver at a control socket is gone, or threw this process out
+        NotOpen = 0xC0000128, // not sent: the driver is not open, or the object was moved from
         Ambiguous = 0xE0000001,      // several keyboards fit what was looked for: none was chosen
         KeyboardGone = 0xE0000002,   // listening ended, as the keyboard was pulled out
         Incomplete = 0xE0000003,     // a list has not all that there is; what it has comes with it

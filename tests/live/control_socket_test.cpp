@@ -31,7 +31,7 @@ class Reports : public ReplayPrinter
 {
 public:
     void Keyboard(uint64_t, unsigned, uint32_t, unsigned, const ScriptKeyboard&) override {}
-    void Definition(uint64_t, unsigned, uint32_t, uint32_t) override {}
+    void Definition(uint64_t, unsigned, uint32_t, uint32_t, const std::string&) override {}
     void Report(uint64_t, unsigned, const std::optional<EmuBytes>&, const EmuBytes& seen) override
     {
         std::lock_guard<std::mutex> lock(m_Lock);

@@ -13,7 +13,6 @@
 
 #include <csignal>
 #include <pthread.h>
-#include <unistd.h>
 
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistryPath);
 
@@ -96,8 +95,7 @@ int Live(const Arguments& arguments)
                                      fmt::join(EmuMachine::KindNames(), ", ")));
     if (!arguments.config.empty())
         options.config = ReadConfig(arguments.config);
-    auto printer = arguments.bJson ? MakeJsonPrinter(stdout)
-                                   : MakeTablePrinter(stdout, isatty(STDOUT_FILENO) && !getenv("NO_COLOR"));
+    auto printer = arguments.bJson ? MakeJsonPrinter(stdout) : MakeTablePrinter(stdout, TerminalOf(stdout));
     if (arguments.bWatch) {
         setvbuf(stdout, nullptr, _IOLBF, 0);
         options.pWatch = printer.get();
