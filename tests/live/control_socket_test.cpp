@@ -30,7 +30,10 @@ const EmuBytes Released = {1, 0, 0, 0, 0, 0, 0, 0}, F1 = {1, 0, 0x3A, 0, 0, 0, 0
 class Reports : public ReplayPrinter
 {
 public:
-    void Keyboard(uint64_t, unsigned, uint32_t, unsigned, const ScriptKeyboard&) override {}
+    void Keyboard(uint64_t, unsigned, uint32_t, unsigned, const ScriptKeyboard& keyboard) override
+    {
+        m_Keyboard = keyboard;
+    }
     void Definition(uint64_t, unsigned, uint32_t, uint32_t, const std::string&) override {}
     void Report(uint64_t, unsigned, const std::optional<EmuBytes>&, const EmuBytes& seen) override
     {
@@ -47,6 +50,8 @@ public:
         std::lock_guard<std::mutex> lock(m_Lock);
         return m_Last;
     }
+
+    ScriptKeyboard m_Keyboard;
 
 private:
     std::mutex m_Lock;
@@ -286,6 +291,12 @@ TEST_F(ControlSocket, ThePathIsTakenCarefully)
         ControlServer replaced(other, PatienceMs);
     }
     EXPECT_NE(0, access(other.c_str(), F_OK)) << "the socket goes with its server";
+}
+
+TEST_F(ControlSocket, AWatchTellsWhichKeyboardItIs)
+{
+    EXPECT_EQ(0x7A3C, m_Reports.m_Keyboard.usVendor);
+    EXPECT_EQ(0x0101, m_Reports.m_Keyboard.usProduct);
 }
 
 TEST_F(ControlSocket, AChangedConfigurationIsTakenOverAsADifference)

@@ -31,6 +31,12 @@ bool IsTwin(const KeyDefinition& a, const KeyDefinition& b)
     return IsSame(a, other);
 }
 
+// A word of a descriptor.
+uint16_t WordOf(const UCHAR* pBytes)
+{
+    return static_cast<uint16_t>(pBytes[0] | pBytes[1] << 8);
+}
+
 std::string Hex(NTSTATUS status)
 {
     return fmt::format("0x{:08X}", static_cast<uint32_t>(status));
@@ -82,7 +88,7 @@ void LiveMachine::Plug(unsigned uKeyboard, const EmuDescriptors& kind)
     std::lock_guard<std::mutex> lock(m_Lock);
     if (m_Options.pWatch && pKeyboard->Filter())
         m_Options.pWatch->Keyboard(NowUs(), uKeyboard, pKeyboard->Index(), KbdTypeOf(pKeyboard->Filter()),
-                                   {"emulated", kind.pDevice[8], kind.pDevice[10]});
+                                   {"emulated", WordOf(kind.pDevice + 8), WordOf(kind.pDevice + 10)});
 }
 
 uint64_t LiveMachine::NowUs() const
