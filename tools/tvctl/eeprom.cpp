@@ -22,7 +22,6 @@ using Memory = std::vector<uint8_t>;
 
 constexpr size_t PieceBytes = 32;         // the firmware's buffer is small
 constexpr uint32_t ReadableAddress = 256; // below it a read can begin, and every keyboard takes it in a write
-constexpr uint8_t Filler = 0x75;          // what the driver has in the place of bytes that did not come
 
 // Fails (Failure): the keyboard has none.
 uint32_t SizeOf(const tvusb::Keyboard& keyboard)
@@ -45,20 +44,6 @@ Memory ReadTwice(const tvusb::Keyboard& keyboard, uint32_t ulSize)
     if (memory != ReadOnce(keyboard, ulSize))
         throw Failure(Refused, "two reads of the EEPROM differ");
     return memory;
-}
-
-// A short answer looks like a whole one with filler at its end.
-void WarnOfFiller(const Memory& memory)
-{
-    size_t cFiller = 0;
-    while (cFiller < memory.size() && memory[memory.size() - 1 - cFiller] == Filler)
-        cFiller++;
-    if (cFiller >= 2)
-        fmt::print(stderr,
-                   "tvctl: the last {} bytes are 0x75, which also stands where a keyboard sent less than it "
-                   "was asked "
-                   "for\n",
-                   cFiller);
 }
 
 std::string Rows(const Memory& bytes, uint32_t ulAt)
@@ -146,7 +131,6 @@ ExitStatus Dump(Session& session, const EepromArguments& arguments)
         throw InputError(fmt::format("{} bytes at 0x{:X} are not in this keyboard's EEPROM of {} bytes",
                                      ulLength, arguments.ulAt, ulSize));
     Memory memory = ReadTwice(keyboard, ulSize);
-    WarnOfFiller(memory);
     auto begin = memory.begin() + arguments.ulAt;
     Memory bytes(begin, begin + ulLength);
     Line line("eeprom");
@@ -244,7 +228,6 @@ ExitStatus Write(Session& session, const EepromArguments& arguments)
     const uint32_t ulSize = SizeOf(facts.keyboard);
     MustFit(image, ulSize, arguments);
     Memory memory = ReadTwice(facts.keyboard, ulSize);
-    WarnOfFiller(memory);
     Image different = Differences(image, memory);
     Line line("written");
     line.Number("index", facts.keyboard.Index())
