@@ -10,6 +10,16 @@ report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
 mouse ps2 -> lctrl+ctrl, lctrl+ctrl+rshift+shift, -
 quiet
 
+story A mouse sees the modifiers of reports that are looked at, too
+mouse ps2 comes
+keyboard normal
+hotkey 7 lctrl 3B
+report 02 00 00 00 00 00 00 00 -> 02 00 00 00 00 00 00 00
+report 02 00 04 00 00 00 00 00 -> 02 00 04 00 00 00 00 00
+report 00 00 00 00 00 00 00 00 -> 00 00 00 00 00 00 00 00
+mouse ps2 -> lshift+shift, -
+quiet
+
 story Each mouse is told what happens while it is there
 keyboard normal
 report 01 00 00 00 00 00 00 00 -> 01 00 00 00 00 00 00 00       # nobody to tell

@@ -305,6 +305,19 @@ TEST_F(LogInFile, OverflowIsTold)
     }
 }
 
+TEST_F(LogInFile, ACutTextFitsItsFiles)
+{
+    Load(std::string(DrivePath) + "\"LogFileSize\"=dword:00001000\r\n"); // room for four lines
+    KIRQL oldIrql;
+    KeRaiseIrql(DISPATCH_LEVEL, &oldIrql);
+    for (int i = 0; i < 41; i++) {
+        LogPrintf(1, 0, "%s", std::string(998, 'l').c_str());
+    }
+    KeLowerIrql(oldIrql);
+    Unload();
+    EXPECT_EQ(std::string(949, 'l') + "\r\nOVERFLOW\r\n", Read("tv.log"));
+}
+
 TEST_F(LogInFile, OverflowIsToldOnceItCanBe)
 {
     Load(DrivePath);

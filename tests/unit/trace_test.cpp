@@ -152,6 +152,16 @@ TEST_F(TraceTest, TheFlagFollowsTheSessions)
     EXPECT_EQ(ucTraceLevel, 0);
 }
 
+// A report that means nothing to anybody is traced as every other one.
+TEST_F(TraceTest, ACalmReportIsTold)
+{
+    EXPECT_EQ(StartReportProcessing(Keyboard->Index()), STATUS_SUCCESS);
+    Listen();
+    Keyboard->Report({2, 0, 4, 0, 0, 0, 0, 0});
+    EXPECT_EQ(Listener.Take({"ModifierChanged"}),
+              Lines{"ModifierChanged keyboard=0 modifier=0x8 down=1 modifiers=0x808"});
+}
+
 TEST_F(TraceTest, TheLogStaysAsItIs)
 {
     const auto logged = [&] {
