@@ -3,6 +3,7 @@
 
 #include "tools/replay/packet.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -26,6 +27,7 @@ inline Bytes Joined(Bytes first, const Bytes& second)
 struct TestRecord {
     uint64_t ullUs;
     Bytes content;
+    unsigned uInterface = 0; // pcapng
 };
 
 // A usbmon record. type 'S', 'C' or 'E'; ucTransfer 1 interrupt, 2 control.
@@ -110,7 +112,9 @@ inline Bytes PcapFile(uint32_t ulLink, const std::vector<TestRecord>& records)
     return file;
 }
 
-inline Bytes PcapngFile(uint16_t usLink, const std::vector<TestRecord>& records)
+// interfaces: link type and snap length of each; a snap length cuts the records.
+inline Bytes PcapngFile(const std::vector<std::pair<uint16_t, uint32_t>>& interfaces,
+                        const std::vector<TestRecord>& records)
 {
     Bytes file;
     auto block = [&](uint32_t ulType, Bytes body) {
@@ -125,20 +129,29 @@ inline Bytes PcapngFile(uint16_t usLink, const std::vector<TestRecord>& records)
     Put(section, 1, 4);
     Put(section, ~0ull, 8);
     block(0x0A0D0D0A, section);
-    Bytes interface;
-    Put(interface, usLink, 4);
-    Put(interface, 65535, 4);
-    block(1, interface);
+    for (auto [usLink, ulSnap] : interfaces) {
+        Bytes interface;
+        Put(interface, usLink, 4);
+        Put(interface, ulSnap, 4);
+        block(1, interface);
+    }
     for (const TestRecord& record : records) {
         Bytes packet;
-        Put(packet, 0, 4);
+        Bytes held = record.content;
+        held.resize(std::min<size_t>(held.size(), interfaces[record.uInterface].second));
+        Put(packet, record.uInterface, 4);
         Put(packet, (TestEpochUs + record.ullUs) >> 32, 4);
         Put(packet, (TestEpochUs + record.ullUs) & 0xFFFFFFFF, 4);
+        Put(packet, held.size(), 4);
         Put(packet, record.content.size(), 4);
-        Put(packet, record.content.size(), 4);
-        block(6, Joined(packet, record.content));
+        block(6, Joined(packet, held));
     }
     return file;
+}
+
+inline Bytes PcapngFile(uint16_t usLink, const std::vector<TestRecord>& records)
+{
+    return PcapngFile({{usLink, 65535}}, records);
 }
 
 // A file in the temporary folder that goes away with the object.

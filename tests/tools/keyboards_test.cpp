@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <list>
+
 namespace
 {
 
@@ -18,14 +20,14 @@ const TestInterface Boot = {3, 1, 1}, Power = {3, 0, 0, 4};
 
 Script ScriptOf(const Bytes& content)
 {
-    TestFile file(content);
-    return ScriptOfCapture(file.Path(), ReadCapture(file.Path()));
+    static std::list<TestFile> files; // a script reads its file again when it is played
+    return ScriptOfCapture(std::make_shared<InputFile>(files.emplace_back(content).Path()));
 }
 
 std::vector<ScriptStep> StepsOf(const Script& script, unsigned uKeyboard, StepKind kind)
 {
     std::vector<ScriptStep> steps;
-    for (const ScriptStep& step : script.steps)
+    for (const ScriptStep& step : script.AllSteps())
         if (step.uKeyboard == uKeyboard && step.kind == kind)
             steps.push_back(step);
     return steps;
@@ -98,8 +100,11 @@ TEST(Keyboards, AreFoundWithoutEnumeration)
     EXPECT_EQ(8u, script.keyboards[1].ulReadBytes);
     EXPECT_EQ(0u, script.keyboards[0].usVendor);
     EXPECT_EQ("", script.keyboards[0].name);
-    // Nobody knows whose interface 0 is when there are two.
-    EXPECT_TRUE(StepsOf(script, 0, StepKind::Control).empty());
+    // Interfaces are taken to be numbered as the keyboards are.
+    EXPECT_EQ(1u, StepsOf(script, 0, StepKind::Control).size());
+    EXPECT_TRUE(StepsOf(script, 1, StepKind::Control).empty());
+    EXPECT_FALSE(script.keyboards[0].bTold);
+    EXPECT_EQ(2u, script.notes.size());
 
     Script single = ScriptOf(UsbmonStory().Control({0x21, 9, 0, 2, 0, 0, 1, 0}, {1}).Report(KeyA).File());
     ASSERT_EQ(1u, StepsOf(single, 0, StepKind::Control).size());

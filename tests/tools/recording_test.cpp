@@ -46,13 +46,13 @@ TEST(Recording, IsReadLineByLine)
     EXPECT_EQ("A \"good\" keyboard", script.keyboards[0].name);
     EXPECT_EQ(0x046D, script.keyboards[0].usVendor);
     EXPECT_EQ(0xC31C, script.keyboards[0].usProduct);
-    ASSERT_EQ(3u, script.steps.size());
-    EXPECT_EQ(0u, script.steps[0].ullUs);
-    EXPECT_EQ((Bytes{1, 0, 0x3A, 0, 0, 0, 0, 0}), script.steps[0].data);
-    EXPECT_EQ(200000u, script.steps[1].ullUs);
-    EXPECT_EQ((Bytes{2, 0x29, 0}), script.steps[1].data);
-    EXPECT_EQ(2100001u, script.steps[2].ullUs);
-    EXPECT_EQ((Bytes{0xFF, 0}), script.steps[2].data);
+    ASSERT_EQ(3u, script.AllSteps().size());
+    EXPECT_EQ(0u, script.AllSteps()[0].ullUs);
+    EXPECT_EQ((Bytes{1, 0, 0x3A, 0, 0, 0, 0, 0}), script.AllSteps()[0].data);
+    EXPECT_EQ(200000u, script.AllSteps()[1].ullUs);
+    EXPECT_EQ((Bytes{2, 0x29, 0}), script.AllSteps()[1].data);
+    EXPECT_EQ(2100001u, script.AllSteps()[2].ullUs);
+    EXPECT_EQ((Bytes{0xFF, 0}), script.AllSteps()[2].data);
 }
 
 TEST(Recording, KeepsItsDevicesApart)
@@ -62,10 +62,10 @@ TEST(Recording, KeepsItsDevicesApart)
     ASSERT_EQ(2u, script.keyboards.size());
     EXPECT_EQ("first", script.keyboards[0].name);
     EXPECT_EQ("second", script.keyboards[1].name);
-    ASSERT_EQ(3u, script.steps.size());
-    EXPECT_EQ(1u, script.steps[0].uKeyboard);
-    EXPECT_EQ(0u, script.steps[1].uKeyboard);
-    EXPECT_EQ(10u, script.steps[2].ullUs) << "a time that steps back is held";
+    ASSERT_EQ(3u, script.AllSteps().size());
+    EXPECT_EQ(1u, script.AllSteps()[0].uKeyboard);
+    EXPECT_EQ(0u, script.AllSteps()[1].uKeyboard);
+    EXPECT_EQ(10u, script.AllSteps()[2].ullUs) << "a time that steps back is held";
 }
 
 TEST(Recording, NamesTheLineThatIsBroken)

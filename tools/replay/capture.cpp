@@ -1,94 +1,158 @@
-// capture.cpp - opens pcap and pcapng files and walks their records.
+// capture.cpp - from the records of a capture file to whole packets in order.
 //
-// libpcap knows the file formats; usbmon.cpp and wincapture.cpp know what the records hold. A clock that
-// steps back inside the capture is held still: time never runs backwards in a replay.
+// A clock that steps back inside the capture is held still: time never runs backwards in a replay. The window holds
+// what was read and waits behind a request whose end has not been seen:
+//
+//   handed out | SET_REPORT (waits for its end)  report  report  completion | not read yet
 #include "capture.h"
 #include "tools/common/failure.h"
 
 #include <fmt/format.h>
-#include <pcap/pcap.h>
 
 #include <algorithm>
-#include <memory>
 
 namespace
 {
 
-constexpr int LinkUsbmonShort = 189;
-constexpr int LinkUsbmonLong = 220;
-constexpr int LinkWindows = 249;
+constexpr uint16_t LinkUsbmonShort = 189, LinkUsbmonLong = 220, LinkWindows = 249;
+constexpr size_t MostWaiting = 4096; // packets behind a request that does not end
+constexpr size_t MostOpen = 4096;    // requests that never ended
+constexpr uint64_t CopyUs = 1000;
 
-using CaptureFile = std::unique_ptr<pcap_t, decltype(&pcap_close)>;
-
-// Opens the file and checks its link type.
-// Fails (InputError): unreadable, no capture, a link type that is not told above.
-CaptureFile OpenCapture(const std::string& file)
+bool IsUsb(uint16_t usLink)
 {
-    char error[PCAP_ERRBUF_SIZE] = "";
-    CaptureFile capture(pcap_open_offline(file.c_str(), error), &pcap_close);
-    if (!capture)
-        FailAtPacket(file, 0, error);
-
-    int iLink = pcap_datalink(capture.get());
-    if (iLink != LinkUsbmonShort && iLink != LinkUsbmonLong && iLink != LinkWindows) {
-        const char* pName = pcap_datalink_val_to_name(iLink);
-        FailAtPacket(file, 1,
-                     fmt::format("link type {}{} is no USB capture that is understood (189, 220, 249 are)",
-                                 iLink, pName ? fmt::format(" ({})", pName) : ""));
-    }
-    return capture;
+    return usLink == LinkUsbmonShort || usLink == LinkUsbmonLong || usLink == LinkWindows;
 }
 
-// Microseconds of a record's time stamp.
-uint64_t MicrosecondsOf(const pcap_pkthdr& header)
+bool Waits(const Packet& packet)
 {
-    return static_cast<uint64_t>(header.ts.tv_sec) * 1000000u + static_cast<uint64_t>(header.ts.tv_usec);
+    return packet.type == TransferType::Control && packet.bSubmit && !(packet.setup[0] & 0x80) &&
+           !packet.bJoined;
 }
 
 } // namespace
 
-void FailAtPacket(const std::string& file, unsigned uNumber, const std::string& what)
+void FailAtPacket(const RawRecord& record, const std::string& what)
 {
-    throw InputError(fmt::format("{}: packet {}: {}", file, uNumber, what));
+    throw InputError(fmt::format("{}: packet {}: {} (byte {})", record.file, record.uNumber, what, record.ullAt));
 }
 
-bool LooksLikeCapture(const Bytes& start)
+CaptureReader::CaptureReader(SharedInput pInput, bool bGrows) : m_blocks(std::move(pInput), bGrows) {}
+
+unsigned CaptureReader::UsbInterfaces() const
 {
-    static const uint8_t magics[][4] = {{0xD4, 0xC3, 0xB2, 0xA1}, {0xA1, 0xB2, 0xC3, 0xD4},
-                                        {0x4D, 0x3C, 0xB2, 0xA1}, {0xA1, 0xB2, 0x3C, 0x4D},
-                                        {0x34, 0xCD, 0xB2, 0xA1}, {0xA1, 0xB2, 0xCD, 0x34},
-                                        {0x0A, 0x0D, 0x0D, 0x0A}};
-    return start.size() >= 4 &&
-           std::any_of(std::begin(magics), std::end(magics), [&](const uint8_t(&magic)[4]) {
-               return std::equal(std::begin(magic), std::end(magic), start.begin());
-           });
+    return static_cast<unsigned>(std::count(m_used.begin(), m_used.end(), true));
+}
+
+bool CaptureReader::Next(Packet& packet)
+{
+    while (m_window.empty() || (Waits(m_window.front()) && m_window.size() < MostWaiting && !m_bEnded)) {
+        if (m_bEnded)
+            return false;
+        m_bEnded = !ReadRecord();
+    }
+    packet = std::move(m_window.front());
+    m_window.pop_front();
+    ++m_ullHanded;
+    return true;
+}
+
+// Reads the next record of the file. False at its end.
+bool CaptureReader::ReadRecord()
+{
+    Block block;
+    if (!m_blocks.Next(block))
+        return false;
+    uint16_t usLink = m_blocks.Interface(block.uInterface).usLink;
+    if (!IsUsb(usLink)) {
+        ++m_leftOut[usLink];
+        return true;
+    }
+    if (m_uRecords++ == 0)
+        m_ullFirst = block.ullUs;
+    m_ullLatest = std::max(m_ullLatest, block.ullUs > m_ullFirst ? block.ullUs - m_ullFirst : 0);
+    if (m_used.size() <= block.uInterface)
+        m_used.resize(block.uInterface + 1);
+    m_used[block.uInterface] = true;
+    RawRecord record{block.pBytes,     block.cBytes, m_ullLatest, block.uNumber,
+                     m_blocks.Name(), block.ullAt,  block.cOriginal > block.cBytes, block.bSwapped};
+    RawPacket raw;
+    bool bTaken = usLink == LinkWindows ? DecodeWindows(record, raw)
+                                        : DecodeUsbmon(record, usLink == LinkUsbmonLong ? 64 : 48, raw);
+    if (bTaken && IsCopy(raw, block))
+        ++m_uCopies;
+    else if (bTaken)
+        Join(std::move(raw));
+    return true;
+}
+
+// True when another interface of the file has just shown the same packet: the same request, kind and endpoint.
+bool CaptureReader::IsCopy(const RawPacket& raw, const Block& block)
+{
+    if (m_blocks.Interfaces() < 2)
+        return false;
+    if (m_seen.size() > MostWaiting)
+        m_seen.clear();
+    const Packet& packet = raw.packet;
+    uint64_t ullKey = packet.ullTransfer * 0x9E3779B97F4A7C15ull;
+    ullKey ^= static_cast<uint64_t>(packet.ucEndpoint) | packet.bSubmit << 8 |
+              (packet.type == TransferType::Control) << 9 | static_cast<uint64_t>(raw.stage) << 10;
+    auto [seen, bNew] = m_seen.try_emplace(ullKey, Seen{block.ullUs, block.uInterface});
+    uint64_t ullApart = block.ullUs > seen->second.ullUs ? block.ullUs - seen->second.ullUs
+                                                         : seen->second.ullUs - block.ullUs;
+    if (!bNew && seen->second.uInterface != block.uInterface && ullApart <= CopyUs)
+        return true;
+    seen->second = {block.ullUs, block.uInterface};
+    return false;
+}
+
+void CaptureReader::Join(RawPacket raw)
+{
+    Packet& packet = raw.packet;
+    if (packet.type != TransferType::Control) {
+        m_window.push_back(std::move(packet));
+        return;
+    }
+    TransferKey key{static_cast<uint32_t>(packet.usBus) << 16 | packet.usDevice, packet.ullTransfer};
+    if (raw.stage == RawPacket::Setup) {
+        if (m_open.size() > MostOpen)
+            m_open.clear();
+        m_open[key] = {m_ullHanded + m_window.size(), packet.setup};
+        m_window.push_back(std::move(packet));
+        return;
+    }
+    auto open = m_open.find(key);
+    if (open == m_open.end())
+        return;
+    bool bWaiting = open->second.ullPlace >= m_ullHanded;
+    Packet* pRequest = bWaiting ? &m_window[open->second.ullPlace - m_ullHanded] : nullptr;
+    bool bComesIn = (open->second.setup[0] & 0x80) != 0;
+    if (raw.stage == RawPacket::Data && (!bComesIn || packet.bSubmit)) { // data going out, whichever way it is marked
+        if (pRequest && !bComesIn)
+            pRequest->data.insert(pRequest->data.end(), packet.data.begin(), packet.data.end());
+        if (pRequest && !packet.bSubmit) { // it has been sent; a status stage may say more
+            pRequest->bJoined = true;
+            pRequest->outcome = packet.outcome;
+        }
+        return;
+    }
+    if (packet.bSubmit)
+        return;
+    packet.setup = open->second.setup;
+    packet.bJoined = true;
+    if (pRequest) {
+        pRequest->bJoined = true;
+        pRequest->outcome = packet.outcome;
+    }
+    m_open.erase(open);
+    m_window.push_back(std::move(packet));
 }
 
 std::vector<Packet> ReadCapture(const std::string& file)
 {
-    CaptureFile capture = OpenCapture(file);
-    int iLink = pcap_datalink(capture.get());
-
+    CaptureReader reader(std::make_shared<InputFile>(file));
     std::vector<Packet> packets;
-    uint64_t ullFirst = 0, ullLatest = 0;
-    for (unsigned uNumber = 1;; ++uNumber) {
-        pcap_pkthdr* pHeader = nullptr;
-        const u_char* pBytes = nullptr;
-        int iResult = pcap_next_ex(capture.get(), &pHeader, &pBytes);
-        if (iResult == PCAP_ERROR_BREAK)
-            return packets;
-        if (iResult != 1)
-            FailAtPacket(file, uNumber, pcap_geterr(capture.get()));
-
-        uint64_t ullTime = MicrosecondsOf(*pHeader);
-        if (uNumber == 1)
-            ullFirst = ullTime;
-        ullLatest = std::max(ullLatest, ullTime > ullFirst ? ullTime - ullFirst : 0);
-
-        RawRecord record{pBytes, pHeader->caplen, ullLatest, uNumber, file};
-        if (iLink == LinkWindows)
-            DecodeWindows(record, packets);
-        else
-            DecodeUsbmon(record, iLink == LinkUsbmonLong ? 64 : 48, packets);
-    }
+    for (Packet packet; reader.Next(packet);)
+        packets.push_back(std::move(packet));
+    return packets;
 }

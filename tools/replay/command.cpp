@@ -1,9 +1,18 @@
 // command.cpp - tvusb replay: the command line of the replay.
+#include "command.h"
 #include "config.h"
 #include "input.h"
+#include "inputfile.h"
 #include "output.h"
 #include "replay.h"
+#include "tools/common/failure.h"
 #include "tools/verbs.h"
+
+#include <fmt/format.h>
+
+#include <chrono>
+#include <csignal>
+#include <unistd.h>
 
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistryPath);
 
@@ -13,40 +22,123 @@ namespace
 struct Arguments {
     std::string input;
     std::string config;
-    std::vector<std::string> keyboards = {"normal"};
-    bool bJson = false;
+    std::vector<std::string> keyboards;
+    ScriptChoice choice;
+    double from = 0, to = 0; // seconds
+    bool bJson = false, bChanged = false;
 };
 
-int Replay(const Arguments& arguments)
+// Tells on a terminal that a long file is being played, while what is printed goes elsewhere.
+class ProgressLine
 {
-    Script script = ReadInput(arguments.input);
+public:
+    ~ProgressLine()
+    {
+        if (m_bShown)
+            fputs("\r\x1b[K", stderr);
+    }
+    void Show(uint64_t ullUs, const ReplayTotals& totals)
+    {
+        auto now = std::chrono::steady_clock::now();
+        if (now - m_latest < std::chrono::milliseconds(500))
+            return;
+        m_latest = now;
+        m_bShown = true;
+        fmt::print(stderr, "\r{} reports, {} events, {} s of the input\x1b[K", totals.uReports, totals.uEvents,
+                   ullUs / 1000000);
+    }
+
+private:
+    std::chrono::steady_clock::time_point m_latest = std::chrono::steady_clock::now();
+    bool m_bShown = false;
+};
+
+std::set<uint32_t> ScanIdsOf(const ReplayConfig& config)
+{
+    std::set<uint32_t> ids;
+    for (const KeyDefinition& definition : config.definitions)
+        if (definition.ulType == DEFINITION_POINT_OF_SALE)
+            ids.insert(definition.ulId);
+    for (const KeyDefinition& definition : config.definitions)
+        if (definition.ulType != DEFINITION_POINT_OF_SALE)
+            ids.erase(definition.ulId);
+    return ids;
+}
+
+void FollowUntilInterrupted()
+{
+    signal(SIGINT, [](int) { StopFollowing(); });
+    signal(SIGTERM, [](int) { StopFollowing(); });
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+}
+
+int Replay(Arguments arguments)
+{
+    arguments.choice.ullFromUs = static_cast<uint64_t>(arguments.from * 1e6);
+    if (arguments.to > 0)
+        arguments.choice.ullToUs = static_cast<uint64_t>(arguments.to * 1e6);
+    Script script = ReadInput(arguments.input, arguments.choice);
     ReplayConfig config;
     if (!arguments.config.empty())
         config = ReadConfig(arguments.config);
-    auto printer = arguments.bJson ? MakeJsonPrinter(stdout) : MakeTablePrinter(stdout, TerminalOf(stdout));
-    ReplaySetup setup{DriverEntry, {}, config};
-    for (const std::string& name : arguments.keyboards)
-        setup.kinds.push_back(EmuMachine::FindKind(name));
-    return RunReplay(script, setup, *printer) == 0 ? ExitGood : ExitFailed;
+    bool bTerminal = isatty(STDOUT_FILENO);
+    auto printer = arguments.bJson ? MakeJsonPrinter(stdout)
+                                   : MakeTablePrinter(stdout, TerminalOf(stdout), ScanIdsOf(config));
+    if (arguments.bChanged)
+        printer = MakeChangedPrinter(std::move(printer));
+    if (arguments.choice.bFollow)
+        FollowUntilInterrupted();
+    ReplaySetup setup{DriverEntry, KindsNamed(arguments.keyboards), config};
+    ProgressLine progress;
+    if (!bTerminal && isatty(STDERR_FILENO))
+        setup.Progress = [&](uint64_t ullUs, const ReplayTotals& totals) { progress.Show(ullUs, totals); };
+    unsigned uLeft = RunReplay(script, setup, *printer);
+    if (!script.cut.empty())
+        throw InputError(script.cut);
+    return uLeft == 0 ? ExitGood : ExitFailed;
 }
 
 } // namespace
+
+std::vector<const EmuDescriptors*> KindsNamed(const std::vector<std::string>& names)
+{
+    std::vector<const EmuDescriptors*> kinds;
+    for (const std::string& name : names)
+        kinds.push_back(name == "guess" ? nullptr : EmuMachine::FindKind(name));
+    return kinds;
+}
+
+void AddKeyboardOption(CLI::App& verb, std::vector<std::string>& keyboards)
+{
+    std::vector<std::string> names = EmuMachine::KindNames();
+    names.push_back("guess");
+    verb.add_option("--keyboard", keyboards,
+                    "what the keyboards are of which the input does not tell it, in their order, the last one for "
+                    "the rest: normal (a recording's default), or another; guess: by their first report")
+        ->delimiter(',')
+        ->allow_extra_args(false)
+        ->check(CLI::IsMember(names));
+}
 
 void AddReplayVerb(CLI::App& app, Verbs& verbs)
 {
     auto arguments = std::make_shared<Arguments>();
     CLI::App* pReplay = app.add_subcommand("replay", "Replay a keyboard's reports through the driver");
     pReplay
-        ->add_option("INPUT", arguments->input, "USB capture (pcap, pcapng) or HID recording (hid-recorder)")
+        ->add_option("INPUT", arguments->input,
+                     "USB capture (pcap, pcapng) or HID recording (hid-recorder), maybe compressed (.gz); - reads it "
+                     "from standard input")
         ->required();
     pReplay->add_option("--config", arguments->config, "settings and key definitions (TOML)");
-    pReplay
-        ->add_option("--keyboard", arguments->keyboards,
-                     "what the keyboards of a recording are, in their order, the last one for the rest: "
-                     "normal (default), or another")
-        ->delimiter(',')
-        ->allow_extra_args(false)
-        ->check(CLI::IsMember(EmuMachine::KindNames()));
+    AddKeyboardOption(*pReplay, arguments->keyboards);
     pReplay->add_flag("--json", arguments->bJson, "print JSON objects, one a line, instead of a table");
+    pReplay->add_option("--device", arguments->choice.devices, "only these: VID:PID, or a part of their name")
+        ->allow_extra_args(false);
+    pReplay->add_option("--from", arguments->from, "only reports from that second of the input on")
+        ->check(CLI::Range(0.0, 1e12));
+    pReplay->add_option("--to", arguments->to, "only what comes up to that second")->check(CLI::Range(0.0, 1e12));
+    pReplay->add_flag("--changed", arguments->bChanged, "only what the driver rewrote or told");
+    pReplay->add_flag("--partial", arguments->choice.bPartial, "of a broken file, play what is whole");
+    pReplay->add_flag("--follow", arguments->choice.bFollow, "wait for more of a file that still grows (Ctrl+C ends)");
     verbs.push_back({pReplay, [arguments] { return Replay(*arguments); }});
 }

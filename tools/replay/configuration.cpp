@@ -45,6 +45,7 @@ std::vector<InterfaceEndpoint> EndpointsOf(const Bytes& configuration)
         if (IsInterface(pDescriptor, cBytes)) {
             current.ucInterface = pDescriptor[2];
             current.ucClass = pDescriptor[5];
+            current.ucProtocol = pDescriptor[7];
             bInside = true;
         } else if (bInside && pDescriptor[1] == TypeEndpoint && cBytes >= EndpointBytes) {
             current.ucEndpoint = pDescriptor[2];

@@ -13,6 +13,7 @@
 struct InterfaceEndpoint {
     uint8_t ucInterface;
     uint8_t ucClass;
+    uint8_t ucProtocol;
     uint8_t ucEndpoint; // address with direction bit
     uint16_t usPacketBytes;
 };

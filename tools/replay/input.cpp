@@ -1,20 +1,65 @@
 // input.cpp - tells captures and recordings apart and reads the input as what it is.
 #include "input.h"
-#include "capture.h"
+#include "blocks.h"
 #include "keyboards.h"
 #include "recording.h"
 #include "tools/common/failure.h"
-#include "tools/common/files.h"
 
 #include <fmt/format.h>
 
-Script ReadInput(const std::string& file)
+#include <algorithm>
+#include <filesystem>
+#include <string_view>
+
+namespace
 {
-    Bytes content = ReadWholeFile(file);
-    if (LooksLikeCapture(content))
-        return ScriptOfCapture(file, ReadCapture(file));
+
+constexpr size_t MostText = 256 << 20; // of a recording, which is read whole
+
+// A recording that umockdev made: text of devices or of ioctls, with the packets in a capture of its own.
+bool IsUmockdev(std::string_view text)
+{
+    return text.substr(0, 11) == "P: /devices" || text.substr(0, 5) == "@DEV ";
+}
+
+// The capture that lies beside such a text.
+std::string CaptureBeside(const std::string& file)
+{
+    namespace fs = std::filesystem;
+    fs::path path = file;
+    for (std::string name : {path.string() + ".pcapng", path.replace_extension(".pcapng").string()})
+        if (name != file && fs::exists(name))
+            return name;
+    throw InputError(fmt::format("{}:1: a umockdev recording without a capture beside it ({})", file,
+                                 path.filename().string()));
+}
+
+Bytes ReadAll(InputReader& reader, Bytes content)
+{
+    for (size_t cNow = 1; cNow != 0 && content.size() < MostText;) {
+        size_t cBefore = content.size();
+        content.resize(cBefore + (1 << 16));
+        cNow = reader.Read(&content[cBefore], 1 << 16);
+        content.resize(cBefore + cNow);
+    }
+    return content;
+}
+
+} // namespace
+
+Script ReadInput(const std::string& file, const ScriptChoice& choice)
+{
+    auto pInput = std::make_shared<InputFile>(file);
+    InputReader reader(pInput);
+    Bytes start(16);
+    start.resize(reader.Read(start.data(), start.size()));
+    if (LooksLikeCapture(start))
+        return ScriptOfCapture(pInput, choice);
+    if (IsUmockdev({reinterpret_cast<const char*>(start.data()), start.size()}))
+        return ReadInput(CaptureBeside(file), choice);
+    Bytes content = ReadAll(reader, std::move(start));
     if (LooksLikeRecording(content))
-        return ScriptOfRecording(file, content);
-    throw InputError(
-        fmt::format("{}:1: neither a USB capture (pcap, pcapng) nor a HID recording (hid-recorder)", file));
+        return ScriptOfRecording(pInput->Name(), content, choice);
+    throw InputError(fmt::format("{}:1: neither a USB capture (pcap, pcapng) nor a HID recording (hid-recorder)",
+                                 pInput->Name()));
 }

@@ -5,5 +5,7 @@
 
 #include <string>
 
-// The file's content tells what it is. Fails (InputError): unreadable, neither of the two, or broken.
-Script ReadInput(const std::string& file);
+// The content tells what it is; it may be compressed or come through a pipe ("-": standard input). Text of a
+// umockdev recording stands for the capture beside it.
+// Fails (InputError): unreadable, neither of the two, or broken.
+Script ReadInput(const std::string& file, const ScriptChoice& choice = {});

@@ -21,9 +21,9 @@ public:
     {
         fmt::print(m_pOut,
                    "{{\"type\":\"keyboard\",\"t_us\":{},\"kbd\":{},\"index\":{},\"kbdtype\":{},\"vendor\":{},"
-                   "\"product\":{},\"name\":{}}}\n",
+                   "\"product\":{},\"name\":{}{}}}\n",
                    ullUs, uKeyboard, ulIndex, uType, keyboard.usVendor, keyboard.usProduct,
-                   QuotedJson(keyboard.name));
+                   QuotedJson(keyboard.name), keyboard.bMouse ? ",\"device\":\"mouse\"" : "");
     }
 
     void Definition(uint64_t ullUs, unsigned uKeyboard, uint32_t ulId, uint32_t ulStatus,
@@ -61,6 +61,12 @@ public:
     {
         fmt::print(m_pOut, "{{\"type\":\"led\",\"t_us\":{},\"kbd\":{},\"report\":{},\"flags\":{}}}\n", ullUs,
                    uKeyboard, ucReport, LedFlagsOf(ucReport));
+    }
+
+    void Note(uint64_t ullUs, int iKeyboard, const std::string& text) override
+    {
+        fmt::print(m_pOut, "{{\"type\":\"note\",\"t_us\":{},\"kbd\":{},\"text\":{}}}\n", ullUs,
+                   iKeyboard < 0 ? "null" : std::to_string(iKeyboard), QuotedJson(text));
     }
 
     void End(uint64_t ullUs, const ReplayTotals& totals) override

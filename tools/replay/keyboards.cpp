@@ -2,22 +2,27 @@
 //
 // Two passes. Survey learns each device: its descriptors and strings, and which interrupt-IN endpoints
 // deliver reports. Then the keyboards are numbered by the device first seen and the interface, and the second
-// pass deals the packets out: requests to the device go to each of its keyboards, others to the one they
-// name.
+// pass deals the packets out, one by one: requests to the device go to each of its keyboards, others to the one
+// they name. Neither pass keeps packets.
 #include "keyboards.h"
 #include "capture.h"
 #include "configuration.h"
+#include "tools/common/failure.h"
 #include "tools/common/text.h"
+
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <map>
+#include <memory>
 #include <tuple>
 #include <utility>
 
 namespace
 {
 
-constexpr uint8_t ClassHub = 9;
+constexpr uint8_t ClassHid = 3, ClassHub = 9;
+constexpr uint8_t ProtocolMouse = 2;
 constexpr uint8_t RequestGetDescriptor = 6;
 constexpr uint8_t DescriptorDevice = 1, DescriptorConfiguration = 2, DescriptorString = 3;
 constexpr uint8_t RecipientMask = 0x1F, RecipientDevice = 0, RecipientInterface = 1, RecipientEndpoint = 2;
@@ -32,6 +37,8 @@ DeviceKey KeyOf(const Packet& packet)
 
 struct ReportEndpoint {
     unsigned uFirstReport = 0;
+    size_t cFirstReport = 0; // its bytes
+    unsigned uCutReport = 0; // packet of the first one that a snap length cut
     uint32_t ulReadBytes = 0; // what the stack asked for, or the longest report
 };
 
@@ -52,6 +59,8 @@ struct Found {
     DeviceKey key;
     unsigned uInterface; // of the configuration, or NoInterface + endpoint when none was captured
     std::vector<uint8_t> endpoints;
+    unsigned uOrdinal = 0; // among the keyboards of its device
+    unsigned uSiblings = 1; // keyboards of its device
 };
 
 constexpr unsigned NoInterface = 0x100;
@@ -65,26 +74,6 @@ bool IsReport(const Packet& packet)
 bool IsGetDescriptor(const std::array<uint8_t, 8>& setup, uint8_t ucType)
 {
     return setup[0] == 0x80 && setup[1] == RequestGetDescriptor && setup[3] == ucType;
-}
-
-// Which submission a control completion answers, and the reverse, by index in the packet list.
-std::map<size_t, size_t> PairTransfers(const std::vector<Packet>& packets)
-{
-    std::map<size_t, size_t> pairs;
-    std::map<std::pair<DeviceKey, uint64_t>, size_t> open;
-    for (size_t i = 0; i < packets.size(); ++i) {
-        if (packets[i].type != TransferType::Control)
-            continue;
-        auto key = std::make_pair(KeyOf(packets[i]), packets[i].ullTransfer);
-        if (packets[i].bSubmit) {
-            open[key] = i;
-        } else if (auto it = open.find(key); it != open.end()) {
-            pairs[it->second] = i;
-            pairs[i] = it->second;
-            open.erase(it);
-        }
-    }
-    return pairs;
 }
 
 void LearnDescriptor(Device& device, const std::array<uint8_t, 8>& setup, const Bytes& answer)
@@ -104,35 +93,39 @@ void LearnDescriptor(Device& device, const std::array<uint8_t, 8>& setup, const 
     }
 }
 
-std::map<DeviceKey, Device> SurveyDevices(const std::vector<Packet>& packets,
-                                          const std::map<size_t, size_t>& pairs)
+using Devices = std::map<DeviceKey, Device>;
+
+// Learns from one packet.
+void Survey(const Packet& packet, Devices& devices)
 {
-    std::map<DeviceKey, Device> devices;
-    for (size_t i = 0; i < packets.size(); ++i) {
-        const Packet& packet = packets[i];
-        auto [it, bNew] = devices.try_emplace(KeyOf(packet));
-        Device& device = it->second;
-        if (bNew)
-            device.cOrder = i;
-        if (packet.type == TransferType::Interrupt && (packet.ucEndpoint & 0x80)) {
-            uint32_t ulBytes = std::max<uint32_t>(packet.ulAsked, static_cast<uint32_t>(packet.data.size()));
-            if (IsReport(packet) && !device.reporting.count(packet.ucEndpoint))
-                device.reporting[packet.ucEndpoint].uFirstReport = packet.uNumber;
-            if (auto endpoint = device.reporting.find(packet.ucEndpoint); endpoint != device.reporting.end())
-                endpoint->second.ulReadBytes = std::max(endpoint->second.ulReadBytes, ulBytes);
-        } else if (auto pair = pairs.find(i); pair != pairs.end() && !packet.bSubmit) {
-            const Packet& request = packets[pair->second];
-            device.bHub |= (request.setup[0] & 0x7F) == HubPortRequest;
-            if (packet.outcome == Outcome::Ok)
-                LearnDescriptor(device, request.setup, packet.data);
+    auto [it, bNew] = devices.try_emplace(KeyOf(packet));
+    Device& device = it->second;
+    if (bNew)
+        device.cOrder = devices.size();
+    if (packet.type == TransferType::Interrupt && (packet.ucEndpoint & 0x80)) {
+        uint32_t ulBytes = std::max<uint32_t>(packet.ulAsked, static_cast<uint32_t>(packet.data.size()));
+        if (IsReport(packet)) {
+            auto [endpoint, bFirst] = device.reporting.try_emplace(packet.ucEndpoint);
+            if (bFirst) {
+                endpoint->second.uFirstReport = packet.uNumber;
+                endpoint->second.cFirstReport = packet.data.size();
+            }
+            if (packet.bCut && endpoint->second.uCutReport == 0)
+                endpoint->second.uCutReport = packet.uNumber;
         }
+        if (auto endpoint = device.reporting.find(packet.ucEndpoint); endpoint != device.reporting.end())
+            endpoint->second.ulReadBytes = std::max(endpoint->second.ulReadBytes, ulBytes);
+    } else if (packet.type == TransferType::Control && !packet.bSubmit && packet.bJoined) {
+        device.bHub |= (packet.setup[0] & 0x7F) == HubPortRequest;
+        if (packet.outcome == Outcome::Ok)
+            LearnDescriptor(device, packet.setup, packet.data);
     }
-    return devices;
 }
 
 // The keyboards in the order of their numbers. Hubs tell their port changes over an interrupt endpoint too;
-// those are no reports.
-std::vector<Found> FindKeyboards(const std::map<DeviceKey, Device>& devices)
+// those are no reports. uOthers counts the endpoints of other devices that
+// are no HID devices.
+std::vector<Found> FindKeyboards(const Devices& devices, unsigned& uOthers)
 {
     std::vector<Found> found;
     for (const auto& [key, device] : devices) {
@@ -140,15 +133,17 @@ std::vector<Found> FindKeyboards(const std::map<DeviceKey, Device>& devices)
             continue;
         for (const auto& [ucEndpoint, reporting] : device.reporting) {
             auto endpoint = device.endpoints.find(ucEndpoint);
-            if (endpoint != device.endpoints.end() && endpoint->second.ucClass == ClassHub)
+            if (endpoint != device.endpoints.end() && endpoint->second.ucClass != ClassHid) {
+                ++uOthers;
                 continue;
+            }
             unsigned uInterface =
                 endpoint != device.endpoints.end() ? endpoint->second.ucInterface : NoInterface + ucEndpoint;
             auto same = std::find_if(found.begin(), found.end(), [&, pKey = &key](const Found& other) {
                 return other.key == *pKey && other.uInterface == uInterface;
             });
             if (same == found.end())
-                found.push_back({&device, key, uInterface, {ucEndpoint}});
+                found.push_back({&device, key, uInterface, {ucEndpoint}, 0, 1});
             else
                 same->endpoints.push_back(ucEndpoint);
         }
@@ -161,6 +156,12 @@ std::vector<Found> FindKeyboards(const std::map<DeviceKey, Device>& devices)
     };
     std::sort(found.begin(), found.end(),
               [&](const Found& a, const Found& b) { return order(a) < order(b); });
+    for (Found& keyboard : found) {
+        auto ofDevice = [&](const Found& other) { return other.key == keyboard.key; };
+        keyboard.uSiblings = static_cast<unsigned>(std::count_if(found.begin(), found.end(), ofDevice));
+        for (const Found& other : found)
+            keyboard.uOrdinal += &other < &keyboard && ofDevice(other);
+    }
     return found;
 }
 
@@ -173,8 +174,13 @@ ScriptKeyboard DescribeKeyboard(const Found& found)
     if (auto name = device.strings.find(device.ucProductString); name != device.strings.end())
         keyboard.name = name->second;
     keyboard.ulReadBytes = 0;
+    size_t cFirst = device.reporting.at(found.endpoints[0]).cFirstReport;
+    keyboard.pGuess = cFirst == 8 ? "normal" : cFirst <= 4 ? "power" : "other";
+    keyboard.bTold = !device.configurations.empty();
     for (uint8_t ucEndpoint : found.endpoints) {
         auto known = device.endpoints.find(ucEndpoint);
+        if (known != device.endpoints.end())
+            keyboard.bMouse |= known->second.ucProtocol == ProtocolMouse;
         uint32_t ulPacket = known != device.endpoints.end() ? known->second.usPacketBytes : 0;
         const ReportEndpoint& reporting = device.reporting.at(ucEndpoint);
         uint32_t ulLongest = reporting.ulReadBytes;
@@ -183,14 +189,17 @@ ScriptKeyboard DescribeKeyboard(const Found& found)
     return keyboard;
 }
 
-// True when a control request goes to this keyboard: to its device, its interface or its endpoint.
-bool Concerns(const std::array<uint8_t, 8>& setup, const Found& found, bool bOnly)
+// True when a control request goes to this keyboard: to its device, its interface or its endpoint. Where no
+// descriptor was captured, interfaces are taken to be numbered as the keyboards are.
+bool Concerns(const std::array<uint8_t, 8>& setup, const Found& found)
 {
     switch (setup[0] & RecipientMask) {
     case RecipientDevice:
         return true;
     case RecipientInterface:
-        return setup[4] == found.uInterface || (found.uInterface >= NoInterface && bOnly);
+        if (found.uInterface < NoInterface)
+            return setup[4] == found.uInterface;
+        return found.uOrdinal == (setup[4] < found.uSiblings ? setup[4] : 0);
     case RecipientEndpoint:
         return std::count(found.endpoints.begin(), found.endpoints.end(), setup[4]) != 0;
     default:
@@ -211,94 +220,175 @@ Bytes OwnAnswer(const std::array<uint8_t, 8>& setup, const Bytes& answer, const 
     return own;
 }
 
+// What the first pass learnt, for as long as a script is played.
+struct Learnt {
+    Devices devices;
+    std::vector<Found> found;
+    std::multimap<DeviceKey, unsigned> byDevice; // the numbers of its keyboards
+};
+
 // The second pass: deals packets out to the keyboards.
-class ScriptWriter
+class StepWriter
 {
 public:
-    ScriptWriter(const std::vector<Packet>& packets, const std::map<size_t, size_t>& pairs,
-                 const std::vector<Found>& found)
-        : m_packets(packets), m_pairs(pairs), m_found(found)
+    StepWriter(SharedInput pInput, std::shared_ptr<const Learnt> pLearnt, const ScriptChoice& choice)
+        : m_reader(std::move(pInput), choice.bFollow), m_pLearnt(std::move(pLearnt)), m_choice(choice)
     {
     }
 
-    std::vector<ScriptStep> Write()
+    bool Next(ScriptStep& step)
     {
-        for (size_t i = 0; i < m_packets.size(); ++i) {
-            const Packet& packet = m_packets[i];
-            if (IsReport(packet)) {
+        while (m_cNext == m_steps.size()) {
+            m_steps.clear();
+            m_cNext = 0;
+            Packet packet;
+            if (!NextPacket(packet) || packet.ullUs > m_choice.ullToUs)
+                return false;
+            if (IsReport(packet))
                 AddReport(packet);
-            } else if (auto pair = m_pairs.find(i); pair != m_pairs.end()) {
-                const Packet& other = m_packets[pair->second];
-                AddControl(packet, packet.bSubmit ? packet : other, packet.bSubmit ? other : packet);
-            }
+            else if (packet.type == TransferType::Control && packet.bJoined)
+                AddControl(packet);
         }
-        return std::move(m_steps);
+        step = std::move(m_steps[m_cNext++]);
+        return true;
     }
 
 private:
-    ScriptStep StepAt(const Packet& packet, StepKind kind, size_t cKeyboard) const
+    bool NextPacket(Packet& packet)
+    {
+        try {
+            return m_reader.Next(packet);
+        } catch (const InputError&) {
+            if (m_choice.bPartial || m_choice.bFollow)
+                return false; // the first pass kept what is wrong
+            throw;
+        }
+    }
+
+    ScriptStep StepAt(const Packet& packet, StepKind kind, unsigned uKeyboard) const
     {
         ScriptStep step;
         step.kind = kind;
         step.ullUs = packet.ullUs;
-        step.uKeyboard = static_cast<unsigned>(cKeyboard);
+        step.uKeyboard = uKeyboard;
         return step;
     }
 
-    void AddReport(const Packet& packet)
+    void AddReport(Packet& packet)
     {
-        for (size_t k = 0; k < m_found.size(); ++k) {
-            const Found& found = m_found[k];
-            if (found.key != KeyOf(packet) ||
-                !std::count(found.endpoints.begin(), found.endpoints.end(), packet.ucEndpoint))
+        if (packet.ullUs < m_choice.ullFromUs)
+            return;
+        auto [first, last] = m_pLearnt->byDevice.equal_range(KeyOf(packet));
+        for (auto it = first; it != last; ++it) {
+            const std::vector<uint8_t>& endpoints = m_pLearnt->found[it->second].endpoints;
+            if (std::find(endpoints.begin(), endpoints.end(), packet.ucEndpoint) == endpoints.end())
                 continue;
-            ScriptStep step = StepAt(packet, StepKind::Report, k);
-            step.data = packet.data;
-            m_steps.push_back(std::move(step));
+            m_steps.push_back(StepAt(packet, StepKind::Report, it->second));
+            m_steps.back().data = std::move(packet.data);
+            return;
         }
     }
 
     // Data going out takes effect when it is submitted, data coming in when it has arrived.
-    void AddControl(const Packet& now, const Packet& request, const Packet& answer)
+    void AddControl(const Packet& packet)
     {
-        bool bComesIn = (request.setup[0] & 0x80) != 0;
-        if (now.bSubmit == bComesIn)
+        bool bComesIn = (packet.setup[0] & 0x80) != 0;
+        if (packet.bSubmit == bComesIn)
             return;
-        auto ofDevice = [&](const Found& found) { return found.key == KeyOf(now); };
-        bool bOnly = std::count_if(m_found.begin(), m_found.end(), ofDevice) == 1;
-        for (size_t k = 0; k < m_found.size(); ++k) {
-            const Found& found = m_found[k];
-            if (!ofDevice(found) || !Concerns(request.setup, found, bOnly))
+        auto [first, last] = m_pLearnt->byDevice.equal_range(KeyOf(packet));
+        for (auto it = first; it != last; ++it) {
+            const Found& found = m_pLearnt->found[it->second];
+            if (!Concerns(packet.setup, found))
                 continue;
-            ScriptStep step = StepAt(now, StepKind::Control, k);
-            step.setup = request.setup;
-            step.outcome = answer.outcome;
-            step.data = bComesIn ? OwnAnswer(request.setup, answer.data, found) : request.data;
+            ScriptStep step = StepAt(packet, StepKind::Control, it->second);
+            step.setup = packet.setup;
+            step.outcome = packet.outcome;
+            step.data = bComesIn ? OwnAnswer(packet.setup, packet.data, found) : packet.data;
             m_steps.push_back(std::move(step));
         }
     }
 
-    const std::vector<Packet>& m_packets;
-    const std::map<size_t, size_t>& m_pairs;
-    const std::vector<Found>& m_found;
-    std::vector<ScriptStep> m_steps;
+    CaptureReader m_reader;
+    std::shared_ptr<const Learnt> m_pLearnt;
+    ScriptChoice m_choice;
+    std::vector<ScriptStep> m_steps; // of one packet
+    size_t m_cNext = 0;
 };
+
+const char* Plural(unsigned uCount)
+{
+    return uCount == 1 ? "" : "s";
+}
+
+// What was left out and what could not be learnt.
+void AddNotes(Script& script, const CaptureReader& reader, const Learnt& learnt, unsigned uOthers)
+{
+    for (auto [usLink, uCount] : reader.LeftOut())
+        script.notes.push_back({-1, fmt::format("left out: {} packet{} of link type {}, which is no USB capture "
+                                                "that is understood (189, 220, 249 are)",
+                                                uCount, Plural(uCount), usLink)});
+    if (reader.Copies())
+        script.notes.push_back({-1, fmt::format("left out: {} cop{} of packets that another interface of the file "
+                                                "has shown already",
+                                                reader.Copies(), reader.Copies() == 1 ? "y" : "ies")});
+    if (uOthers)
+        script.notes.push_back(
+            {-1, fmt::format("left out: {} device endpoint{} of no keyboard or mouse", uOthers, Plural(uOthers))});
+    for (size_t k = 0; k < learnt.found.size(); ++k)
+        if (!script.keyboards[k].bTold)
+            script.notes.push_back(
+                {static_cast<int>(k), "the capture has no enumeration, so the driver does not learn what kind of "
+                                      "keyboard this is; plug it in after the start of the recording, or say "
+                                      "--keyboard KIND or --keyboard guess"});
+}
 
 } // namespace
 
-Script ScriptOfCapture(const std::string& file, const std::vector<Packet>& packets)
+Script ScriptOfCapture(SharedInput pInput, const ScriptChoice& choice)
 {
-    std::map<size_t, size_t> pairs = PairTransfers(packets);
-    std::map<DeviceKey, Device> devices = SurveyDevices(packets, pairs);
-    std::vector<Found> found = FindKeyboards(devices);
-    if (found.empty())
-        FailAtPacket(file, packets.empty() ? 0 : packets.back().uNumber,
-                     "the capture ends without a keyboard: no interrupt-IN endpoint delivered a report");
-
+    auto pLearnt = std::make_shared<Learnt>();
+    CaptureReader reader(pInput);
     Script script;
     script.bEnumerates = true;
-    for (const Found& keyboard : found)
-        script.keyboards.push_back(DescribeKeyboard(keyboard));
-    script.steps = ScriptWriter(packets, pairs, found).Write();
+    unsigned uLast = 0;
+    try {
+        for (Packet packet; reader.Next(packet); uLast = packet.uNumber)
+            Survey(packet, pLearnt->devices);
+    } catch (const InputError& error) {
+        if (!choice.bPartial && !choice.bFollow)
+            throw;
+        if (!choice.bFollow)
+            script.cut = error.what();
+    }
+    unsigned uOthers = 0;
+    std::vector<Found> all = FindKeyboards(pLearnt->devices, uOthers);
+    for (const Found& found : all) {
+        ScriptKeyboard keyboard = DescribeKeyboard(found);
+        if (!IsChosen(keyboard, choice.devices))
+            continue;
+        pLearnt->byDevice.emplace(found.key, static_cast<unsigned>(pLearnt->found.size()));
+        pLearnt->found.push_back(found);
+        script.keyboards.push_back(std::move(keyboard));
+    }
+    if (!script.cut.empty() && all.empty())
+        throw InputError(script.cut);
+    if (all.empty() && reader.Records() == 0 && !reader.LeftOut().empty())
+        throw InputError(fmt::format("{}: packet 1: link type {} is no USB capture that is understood (189, 220, "
+                                     "249 are)",
+                                     pInput->Name(), reader.LeftOut().begin()->first));
+    if (pLearnt->found.empty())
+        throw InputError(fmt::format("{}: packet {}: the capture ends without a keyboard: {}", pInput->Name(), uLast,
+                                     all.empty() ? "no interrupt-IN endpoint delivered a report"
+                                                 : "none is the device that was asked for"));
+    for (const Found& found : pLearnt->found)
+        for (uint8_t ucEndpoint : found.endpoints)
+            if (unsigned uCut = found.pDevice->reporting.at(ucEndpoint).uCutReport; uCut && !choice.bPartial)
+                throw InputError(
+                    fmt::format("{}: packet {}: truncated: a snap length cut the report", pInput->Name(), uCut));
+    AddNotes(script, reader, *pLearnt, uOthers);
+    script.Open = [pInput, pLearnt, choice]() -> StepReader {
+        auto pWriter = std::make_shared<StepWriter>(pInput, pLearnt, choice);
+        return [pWriter](ScriptStep& step) { return pWriter->Next(step); };
+    };
     return script;
 }

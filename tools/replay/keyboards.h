@@ -4,9 +4,11 @@
 // device are several keyboards, as they are for the system: each is shown a configuration of its own.
 #pragma once
 
+#include "inputfile.h"
 #include "script.h"
 
 #include <string>
 
-// Fails (InputError): no interface in the capture delivers a report.
-Script ScriptOfCapture(const std::string& file, const std::vector<Packet>& packets);
+// Reads the capture once; the script reads it again when it is played.
+// Fails (InputError): no interface in the capture delivers a report, or a broken file.
+Script ScriptOfCapture(SharedInput pInput, const ScriptChoice& choice = {});

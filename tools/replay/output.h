@@ -12,6 +12,8 @@
 #include <cstdio>
 #include <memory>
 #include <optional>
+#include <set>
+#include <string>
 
 struct ReplayTotals {
     unsigned uKeyboards = 0;
@@ -34,6 +36,8 @@ public:
     virtual void Event(uint64_t ullUs, unsigned uKeyboard, const NotifyRecord& record) = 0;
     virtual void Macro(uint64_t ullUs, const MacroRecord& record) = 0;
     virtual void Led(uint64_t ullUs, unsigned uKeyboard, uint8_t ucReport) = 0;
+    // Something to know of the input or of a keyboard (-1: none of them alone).
+    virtual void Note(uint64_t, int /*iKeyboard*/, const std::string&) {}
     virtual void End(uint64_t ullUs, const ReplayTotals& totals) = 0;
 };
 
@@ -42,5 +46,8 @@ uint8_t LedFlagsOf(uint8_t ucReport);
 
 // json.cpp
 std::unique_ptr<ReplayPrinter> MakeJsonPrinter(FILE* pOut);
-// table.cpp; bColour only when the output is a terminal.
-std::unique_ptr<ReplayPrinter> MakeTablePrinter(FILE* pOut, const Terminal& terminal);
+// table.cpp; bColour only when the output is a terminal. scanIds: definitions whose events are scan codes.
+std::unique_ptr<ReplayPrinter> MakeTablePrinter(FILE* pOut, const Terminal& terminal,
+                                                std::set<uint32_t> scanIds = {});
+// changed.cpp: passes on what was rewritten or told, and leaves reports out that went on as they came.
+std::unique_ptr<ReplayPrinter> MakeChangedPrinter(std::unique_ptr<ReplayPrinter> inner);

@@ -24,8 +24,10 @@ struct Packet {
     TransferType type = TransferType::Control;
     bool bSubmit = false;           // true: on its way to the device; false: completed
     uint64_t ullTransfer = 0;       // ties a completion to its submission
-    std::array<uint8_t, 8> setup{}; // control submissions only
+    std::array<uint8_t, 8> setup{}; // control
     Bytes data;
     uint32_t ulAsked = 0; // submissions: bytes asked for, or 0 when the format does not tell
     Outcome outcome = Outcome::Ok;
+    bool bJoined = false; // control: its other half was found, and a completion's setup packet is that one's
+    bool bCut = false;    // a snap length cut the data
 };

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <charconv>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <string_view>
 
@@ -71,7 +72,7 @@ struct RecordedDevice {
 class RecordingReader
 {
 public:
-    explicit RecordingReader(const std::string& file) : m_file(file) {}
+    RecordingReader(const std::string& file, const ScriptChoice& choice) : m_file(file), m_choice(choice) {}
 
     void Read(unsigned uNumber, std::string_view text)
     {
@@ -111,7 +112,7 @@ public:
         Script script;
         for (unsigned uDevice : m_order) {
             RecordedDevice& device = m_devices[uDevice];
-            if (!device.bReports)
+            if (!device.bReports || !IsChosen(device.keyboard, m_choice.devices))
                 continue;
             numbers[uDevice] = static_cast<unsigned>(script.keyboards.size());
             script.keyboards.push_back(device.keyboard);
@@ -119,9 +120,21 @@ public:
         if (script.keyboards.empty())
             throw InputError(
                 fmt::format("{}:{}: the recording ends without a report (an E: line)", m_file, m_uLines));
+        auto isLeftOut = [&](const ScriptStep& step) {
+            return !numbers.count(step.uKeyboard) || step.ullUs < m_choice.ullFromUs || step.ullUs > m_choice.ullToUs;
+        };
+        m_steps.erase(std::remove_if(m_steps.begin(), m_steps.end(), isLeftOut), m_steps.end());
         for (ScriptStep& step : m_steps)
             step.uKeyboard = numbers[step.uKeyboard];
-        script.steps = std::move(m_steps);
+        auto steps = std::make_shared<const std::vector<ScriptStep>>(std::move(m_steps));
+        script.Open = [steps]() -> StepReader {
+            return [steps, cAt = size_t(0)](ScriptStep& step) mutable {
+                bool bMore = cAt < steps->size();
+                if (bMore)
+                    step = (*steps)[cAt++];
+                return bMore;
+            };
+        };
         return script;
     }
 
@@ -182,6 +195,7 @@ private:
     }
 
     const std::string& m_file;
+    const ScriptChoice& m_choice;
     std::map<unsigned, RecordedDevice> m_devices;
     std::vector<unsigned> m_order;
     std::vector<ScriptStep> m_steps;
@@ -216,9 +230,18 @@ bool LooksLikeRecording(const Bytes& content)
     return bFound;
 }
 
-Script ScriptOfRecording(const std::string& file, const Bytes& content)
+Script ScriptOfRecording(const std::string& file, const Bytes& content, const ScriptChoice& choice)
 {
-    RecordingReader reader(file);
-    WalkLines(content, [&](unsigned uNumber, std::string_view line) { reader.Read(uNumber, line); });
-    return reader.Finish();
+    RecordingReader reader(file, choice);
+    std::string cut;
+    try {
+        WalkLines(content, [&](unsigned uNumber, std::string_view line) { reader.Read(uNumber, line); });
+    } catch (const InputError& error) {
+        if (!choice.bPartial)
+            throw;
+        cut = error.what();
+    }
+    Script script = reader.Finish();
+    script.cut = cut;
+    return script;
 }

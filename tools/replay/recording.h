@@ -16,4 +16,4 @@
 bool LooksLikeRecording(const Bytes& content);
 
 // Fails (InputError): a line that cannot be read, or no report in the whole recording.
-Script ScriptOfRecording(const std::string& file, const Bytes& content);
+Script ScriptOfRecording(const std::string& file, const Bytes& content, const ScriptChoice& choice = {});

@@ -23,12 +23,16 @@
 namespace
 {
 
-constexpr uint64_t RunOnUs = 2000000; // the clock runs on for so long after the last report
+constexpr uint64_t RunOnUs = 2000000; // the clock runs on for so long after the last step
+constexpr uint64_t LongestGapUs = 600000000; // without steps; what is longer is skipped
+constexpr unsigned ProgressSteps = 4096;
 
 // One keyboard of the replay with what is known of it so far.
 struct Player {
     const ScriptKeyboard* pScript = nullptr;
     EmuKeyboard* pKeyboard = nullptr;
+    bool bEmulated = false;               // its descriptors come from a kind, not from the input
+    bool bPlain = false;                  // it was told that the driver does not look at its reports
     bool bAnnounced = false;              // its line is printed, the application knows it
     bool bReading = false;                // a read is on its way
     bool bSilent = false;                 // its reads fail, none is sent any more
@@ -78,21 +82,24 @@ public:
         for (unsigned k = 0; k < m_players.size(); ++k)
             PlugKeyboard(k);
         OpenApplication();
-        if (!m_script.bEnumerates)
-            for (unsigned k = 0; k < m_players.size(); ++k)
+        for (const ScriptNote& note : m_script.notes)
+            if (note.iKeyboard < 0 || !m_players[static_cast<size_t>(note.iKeyboard)].bEmulated)
+                m_printer.Note(Now(), note.iKeyboard, note.text);
+        for (unsigned k = 0; k < m_players.size(); ++k)
+            if (m_players[k].bEmulated)
                 Announce(k);
         TellAll();
 
         uint64_t ullEnd = RunOnUs;
-        for (const ScriptStep& step : m_script.steps)
-            if (step.kind == StepKind::Report)
-                ullEnd = step.ullUs + RunOnUs;
-        for (const ScriptStep& step : m_script.steps) {
-            if (step.ullUs > ullEnd)
-                break;
+        unsigned uSteps = 0;
+        StepReader read = m_script.Open();
+        for (ScriptStep step; read(step);) {
             MoveClock(step.ullUs);
             Play(step);
             TellAll();
+            ullEnd = step.ullUs + RunOnUs;
+            if (++uSteps % ProgressSteps == 0 && m_setup.Progress)
+                m_setup.Progress(Now(), m_totals);
         }
         MoveClock(ullEnd);
         return Finish();
@@ -118,13 +125,14 @@ private:
     {
         Player& player = m_players[uKeyboard];
         player.pScript = &m_script.keyboards[uKeyboard];
-        const EmuDescriptors& kind = *m_setup.kinds[std::min<size_t>(uKeyboard, m_setup.kinds.size() - 1)];
+        const EmuDescriptors& kind = KindOf(*player.pScript);
+        player.bEmulated = !player.pScript->bTold && (!m_script.bEnumerates || !m_setup.kinds.empty());
         EmuPlugOptions options;
         options.Manual = true;
         options.Record = false;
-        options.NoEnumeration = m_script.bEnumerates;
+        options.NoEnumeration = !player.bEmulated;
         options.PacketBytes = player.pScript->ulReadBytes;
-        if (!m_script.bEnumerates)
+        if (player.bEmulated)
             options.PacketBytes = std::max(options.PacketBytes, PacketBytesOf(kind));
         options.PacketBytes = std::min<ULONG>(options.PacketBytes, EmuHidMaximumPacket);
         options.Hook = [this, uKeyboard](const UCHAR* pSetup, EmuBytes& data) {
@@ -132,8 +140,8 @@ private:
         };
         options.OnReceived = [this, uKeyboard](const EmuReceived& received) { Receive(uKeyboard, received); };
         options.OnLed = [this, uKeyboard](const EmuBytes& report) {
-            if (!report.empty())
-                m_leds.emplace_back(uKeyboard, report[0]);
+            if (auto leds = LedsOf(m_players[uKeyboard].pControl, report))
+                m_leds.emplace_back(uKeyboard, *leds);
         };
         player.pKeyboard = m_machine->Plug(kind, options);
         NTSTATUS status = player.pKeyboard->AddStatus();
@@ -143,6 +151,28 @@ private:
             throw std::runtime_error(fmt::format("the driver does not start keyboard {}: status 0x{:08x}",
                                                  uKeyboard, static_cast<uint32_t>(status)));
     }
+
+    // What a keyboard answers with of which the input tells nothing.
+    const EmuDescriptors& KindOf(const ScriptKeyboard& keyboard)
+    {
+        if (m_setup.kinds.empty())
+            return *EmuMachine::FindKind("normal");
+        size_t cKind = std::min(m_uUntold, m_setup.kinds.size() - 1);
+        m_uUntold += !keyboard.bTold;
+        return m_setup.kinds[cKind] ? *m_setup.kinds[cKind] : *EmuMachine::FindKind(keyboard.pGuess);
+    }
+
+    // The LEDs of an output report: one byte, or a report id and one byte when the request names that id.
+    static std::optional<uint8_t> LedsOf(const ScriptStep* pControl, const EmuBytes& report)
+    {
+        uint8_t ucId = pControl ? pControl->setup[2] : 0;
+        if (ucId != 0)
+            return report.size() == 2 && report[0] == ucId ? std::optional(report[1]) : std::nullopt;
+        return report.size() == 1 || (!pControl && !report.empty()) ? std::optional(report[0]) : std::nullopt;
+    }
+
+    // The time of the input, which skips what the clock does not run through.
+    uint64_t Now() const { return HostNowUs() + m_ullSkippedUs; }
 
     // The packet size of a kind's endpoint.
     static ULONG PacketBytesOf(const EmuDescriptors& kind)
@@ -172,14 +202,14 @@ private:
             return;
         player.bAnnounced = true;
         ULONG ulIndex = player.pKeyboard->Index();
-        m_printer.Keyboard(HostNowUs(), uKeyboard, ulIndex, KbdTypeOf(player.pKeyboard->Filter()),
+        m_printer.Keyboard(Now(), uKeyboard, ulIndex, KbdTypeOf(player.pKeyboard->Filter()),
                            *player.pScript);
         m_application->RegisterNotifyEvent(ulIndex);
         if (m_setup.config.bReportProcessing)
             m_application->StartReportProcessing(ulIndex);
         for (const KeyDefinition& definition : m_setup.config.definitions) {
             NTSTATUS status = m_application->AddDefinition(ulIndex, definition);
-            m_printer.Definition(HostNowUs(), uKeyboard, definition.ulId, static_cast<uint32_t>(status),
+            m_printer.Definition(Now(), uKeyboard, definition.ulId, static_cast<uint32_t>(status),
                                  NT_SUCCESS(status) ? "" : WhyRefused(definition, player));
         }
     }
@@ -193,14 +223,46 @@ private:
     }
 
     // Moves the clock to that time, timer by timer: what one did is told, and the reads that follow from it
-    // are sent, before the next one expires, be it at the same microsecond.
+    // are sent, before the next one expires, be it at the same microsecond. A key that repeats through a gap of
+    // years does so for ten minutes.
     void MoveClock(uint64_t ullUs)
     {
-        while (HostExpireNext(ullUs))
+        uint64_t ullGap = ullUs > Now() ? ullUs - Now() : 0;
+        uint64_t ullSkip = ullGap > LongestGapUs ? ullGap - LongestGapUs : 0;
+        RunClock(ullUs - ullSkip);
+        if (ullSkip) {
+            m_ullSkippedUs += ullSkip;
+            m_printer.Note(Now(), -1, fmt::format("{} seconds without a report are skipped", ullSkip / 1000000));
+        }
+    }
+
+    void RunClock(uint64_t ullUs)
+    {
+        uint64_t ullHostUs = ullUs - m_ullSkippedUs;
+        while (HostExpireNext(ullHostUs))
             TellAll();
-        if (HostNowUs() < ullUs)
-            HostAdvanceToUs(ullUs);
+        if (HostNowUs() < ullHostUs)
+            HostAdvanceToUs(ullHostUs);
         TellAll();
+    }
+
+    // Tells once of reports that the driver passes on as they are, because they are none of its kind's.
+    void TellWhatIsNotLookedAt(Player& player, const ScriptStep& step)
+    {
+        if (player.bPlain)
+            return;
+        unsigned uType = KbdTypeOf(player.pKeyboard->Filter());
+        size_t cBytes = step.data.size();
+        bool bLookedAt = uType == 1 || uType == 2   ? cBytes == 8 || cBytes == 3 || cBytes == 2
+                         : uType == 3 || uType == 4 ? cBytes <= 9
+                                                    : true;
+        if (bLookedAt || player.pScript->bMouse)
+            return;
+        player.bPlain = true;
+        m_printer.Note(Now(), static_cast<int>(step.uKeyboard),
+                       fmt::format("the driver does not look at reports of {} bytes from a keyboard of this kind: "
+                                   "they go on as they are",
+                                   cBytes));
     }
 
     void Play(const ScriptStep& step)
@@ -212,6 +274,7 @@ private:
         }
         Announce(step.uKeyboard);
         TellAll();
+        TellWhatIsNotLookedAt(player, step);
         player.sent.push_back(step.data);
         if (!player.pKeyboard->Report(
                 step.data)) // too many wait for a read already: lost, as in a real keyboard
@@ -280,7 +343,7 @@ private:
             Received entry = std::move(m_received.front());
             m_received.pop_front();
             ++m_totals.uReports;
-            m_printer.Report(HostNowUs(), entry.uKeyboard, entry.sent, entry.seen);
+            m_printer.Report(Now(), entry.uKeyboard, entry.sent, entry.seen);
             TellRecords();
             size_t cOthers = m_received.size();
             SendRead(m_players[entry.uKeyboard]);
@@ -297,14 +360,14 @@ private:
                 continue;
             for (const NotifyRecord& record : m_application->TakeRecords(ulIndex)) {
                 ++m_totals.uEvents;
-                m_printer.Event(HostNowUs(), k, record);
+                m_printer.Event(Now(), k, record);
             }
         }
         if (m_application->MacroSignalled())
             for (const MacroRecord& record : m_application->TakeMacroRecords())
-                m_printer.Macro(HostNowUs(), record);
+                m_printer.Macro(Now(), record);
         for (; !m_leds.empty(); m_leds.pop_front())
-            m_printer.Led(HostNowUs(), m_leds.front().first, m_leds.front().second);
+            m_printer.Led(Now(), m_leds.front().first, m_leds.front().second);
     }
 
     // Sends the keyboard's next read, unless one is on its way or there is something to tell first.
@@ -330,7 +393,7 @@ private:
     // The end: the application leaves, the keyboards are removed in order, the driver is unloaded.
     unsigned Finish()
     {
-        uint64_t ullNow = HostNowUs();
+        uint64_t ullNow = Now();
         m_application.reset();
         for (Player& player : m_players)
             player.pKeyboard->Unplug(false);
@@ -347,6 +410,8 @@ private:
     std::deque<Received> m_received;
     std::deque<std::pair<unsigned, uint8_t>> m_leds;
     ReplayTotals m_totals;
+    size_t m_uUntold = 0;         // keyboards so far of which the input tells nothing
+    uint64_t m_ullSkippedUs = 0;
     std::unique_ptr<EmuMachine> m_machine;         // its keyboards tell the members above what they receive
     std::unique_ptr<EmuApplication> m_application; // closes before the machine goes
 };

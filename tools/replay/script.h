@@ -7,6 +7,7 @@
 
 #include "packet.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,15 @@ struct ScriptKeyboard {
     uint16_t usVendor = 0;
     uint16_t usProduct = 0;
     uint32_t ulReadBytes = 8; // what the stack above asks for with each read: the endpoint's packet size
+    bool bMouse = false;      // by its interface's protocol
+    bool bTold = false;       // its kind comes from the control transfers of the script
+    const char* pGuess = "normal"; // else: the kind that its first report looks like
+};
+
+// Something to tell of the input besides what it plays.
+struct ScriptNote {
+    int iKeyboard; // -1: of the whole
+    std::string text;
 };
 
 enum class StepKind { Report, Control };
@@ -28,8 +38,33 @@ struct ScriptStep {
     Outcome outcome = Outcome::Ok;  // Control
 };
 
+// Hands out the next step. False at the end. Fails (InputError).
+using StepReader = std::function<bool(ScriptStep&)>;
+
 struct Script {
-    bool bEnumerates = false; // true: the keyboards' types come from the control transfers of the script
+    bool bEnumerates = false; // true: a capture, whose control transfers tell what its keyboards are
     std::vector<ScriptKeyboard> keyboards;
-    std::vector<ScriptStep> steps;
+    std::vector<ScriptNote> notes;
+    std::function<StepReader()> Open; // from the start, each time
+    std::string cut;                  // where and why the input broke off, of one that is played in part
+
+    std::vector<ScriptStep> AllSteps() const
+    {
+        std::vector<ScriptStep> steps;
+        StepReader read = Open();
+        for (ScriptStep step; read(step);)
+            steps.push_back(std::move(step));
+        return steps;
+    }
 };
+
+// Which part of an input is played, and how.
+struct ScriptChoice {
+    std::vector<std::string> devices; // VID:PID or part of a name; none: all
+    uint64_t ullFromUs = 0, ullToUs = UINT64_MAX;
+    bool bPartial = false; // what is whole before a fault is played
+    bool bFollow = false;  // the file still grows
+};
+
+// True when the keyboard is one of those, or when there are none.
+bool IsChosen(const ScriptKeyboard& keyboard, const std::vector<std::string>& devices);

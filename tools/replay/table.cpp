@@ -42,8 +42,9 @@ const char* TypeName(unsigned uType)
 class TablePrinter final : public ReplayPrinter
 {
 public:
-    TablePrinter(FILE* pOut, const Terminal& terminal)
-        : m_pOut(pOut), m_terminal(terminal), m_bNarrow(terminal.uColumns < WideColumns)
+    TablePrinter(FILE* pOut, const Terminal& terminal, std::set<uint32_t> scanIds)
+        : m_pOut(pOut), m_terminal(terminal), m_bNarrow(terminal.uColumns < WideColumns),
+          m_scanIds(std::move(scanIds))
     {
     }
 
@@ -51,8 +52,9 @@ public:
                   const ScriptKeyboard& keyboard) override
     {
         m_types[uKeyboard] = uType;
-        Note(ullUs, uKeyboard, Bold,
-             fmt::format("keyboard {:04x}:{:04x} {}, {} (device {})", keyboard.usVendor, keyboard.usProduct,
+        Line(ullUs, uKeyboard, Bold,
+             fmt::format("{} {:04x}:{:04x} {}, {} (device {})", keyboard.bMouse ? "mouse" : "keyboard",
+                         keyboard.usVendor, keyboard.usProduct,
                          Printable(keyboard.name), TypeName(uType), ulIndex));
     }
 
@@ -60,9 +62,9 @@ public:
                     const std::string& why) override
     {
         if (ulStatus == 0)
-            Note(ullUs, uKeyboard, Plain, fmt::format("definition {} added", ulId));
+            Line(ullUs, uKeyboard, Plain, fmt::format("definition {} added", ulId));
         else
-            Note(ullUs, uKeyboard, Red,
+            Line(ullUs, uKeyboard, Red,
                  fmt::format("definition {} refused: {} (status 0x{:08x})", ulId, why, ulStatus));
     }
 
@@ -90,8 +92,9 @@ public:
 
     void Event(uint64_t ullUs, unsigned uKeyboard, const NotifyRecord& record) override
     {
-        // A repeated scan code comes from the hotkeys' timer, which tells its byte as the value.
-        if (record.ucSource == NOTIFY_SOURCE_HOTKEY && record.ulValue <= 1)
+        // A repeated scan code comes from the hotkeys' timer, which tells its byte as the value; so only the
+        // definition tells a scan code of 1 from a key that goes down.
+        if (record.ucSource == NOTIFY_SOURCE_HOTKEY && record.ulValue <= 1 && !m_scanIds.count(record.ulId))
             Beside(ullUs, uKeyboard, Green,
                    fmt::format("hotkey {} {}{}", record.ulId, record.ulValue ? "down" : "up",
                                record.ulEscAbort ? " (Esc)" : ""));
@@ -116,6 +119,13 @@ public:
             if (ucReport & ucBit)
                 lit += pName;
         Beside(ullUs, uKeyboard, Dim, "LEDs:" + (lit.empty() ? " none" : lit));
+    }
+
+    void Note(uint64_t ullUs, int iKeyboard, const std::string& text) override
+    {
+        Flush();
+        fmt::print(m_pOut, "{:4}.{:06}  {:>3}  {}\n", ullUs / 1000000, ullUs % 1000000,
+                   iKeyboard < 0 ? "" : std::to_string(iKeyboard), Painted(Yellow, text));
     }
 
     void End(uint64_t ullUs, const ReplayTotals& totals) override
@@ -173,7 +183,7 @@ private:
         m_line.clear();
     }
 
-    void Note(uint64_t ullUs, unsigned uKeyboard, const char* pColour, const std::string& text)
+    void Line(uint64_t ullUs, unsigned uKeyboard, const char* pColour, const std::string& text)
     {
         Flush();
         fmt::print(m_pOut, "{:4}.{:06}  {:>3}  {}\n", ullUs / 1000000, ullUs % 1000000, uKeyboard,
@@ -185,7 +195,7 @@ private:
     {
         FlushScans();
         if (m_line.empty() || m_ullLine != ullUs || m_uLine != uKeyboard)
-            Note(ullUs, uKeyboard, pColour, text);
+            Line(ullUs, uKeyboard, pColour, text);
         else
             m_line += (m_bNarrow ? Below : "  ") + Painted(pColour, text);
     }
@@ -193,6 +203,7 @@ private:
     FILE* m_pOut;
     const Terminal m_terminal;
     const bool m_bNarrow;
+    const std::set<uint32_t> m_scanIds; // definitions whose events are scan codes
     bool m_bHead = false;
     std::map<unsigned, unsigned> m_types; // of the keyboards
     std::string m_line;                   // of the latest report, not printed yet
@@ -206,7 +217,7 @@ private:
 
 } // namespace
 
-std::unique_ptr<ReplayPrinter> MakeTablePrinter(FILE* pOut, const Terminal& terminal)
+std::unique_ptr<ReplayPrinter> MakeTablePrinter(FILE* pOut, const Terminal& terminal, std::set<uint32_t> scanIds)
 {
-    return std::make_unique<TablePrinter>(pOut, terminal);
+    return std::make_unique<TablePrinter>(pOut, terminal, std::move(scanIds));
 }

@@ -1,6 +1,6 @@
 // usbmon.cpp - what one usbmon record holds.
 //
-// Header (host byte order; libpcap swaps it when the capture comes from the other kind of machine):
+// Header (byte order of the machine that captured):
 //
 //   0 u64 id   8 type 'S' 'C' 'E'   9 transfer type   10 endpoint   11 device   12 u16 bus   14 setup flag
 //   15 data flag   16 s64 seconds   24 s32 microseconds   28 s32 status   32 u32 length   36 u32 captured
@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace
@@ -16,10 +17,14 @@ namespace
 
 constexpr uint8_t TypeInterrupt = 1, TypeControl = 2;
 
-template <typename T> T FieldAt(const uint8_t* pBytes, size_t cOffset)
+template <typename T> T FieldAt(const RawRecord& record, size_t cOffset)
 {
+    uint8_t bytes[sizeof(T)];
+    memcpy(bytes, record.pBytes + cOffset, sizeof(T));
+    if (record.bSwapped)
+        std::reverse(bytes, bytes + sizeof(T));
     T value;
-    memcpy(&value, pBytes + cOffset, sizeof(value));
+    memcpy(&value, bytes, sizeof(T));
     return value;
 }
 
@@ -49,13 +54,14 @@ Outcome OutcomeOf(int32_t lStatus)
 uint32_t DataBytes(const RawRecord& record, size_t cHeader)
 {
     size_t cBehind = record.cBytes - cHeader;
-    uint32_t ulLength = FieldAt<uint32_t>(record.pBytes, 32);
-    uint32_t ulCaptured = FieldAt<uint32_t>(record.pBytes, 36);
+    uint32_t ulLength = FieldAt<uint32_t>(record, 32);
+    uint32_t ulCaptured = FieldAt<uint32_t>(record, 36);
     if (ulCaptured == record.cBytes && ulLength == cBehind)
         return ulLength;
+    if (ulCaptured > cBehind && record.bCut)
+        return static_cast<uint32_t>(cBehind);
     if (ulCaptured > cBehind)
-        FailAtPacket(record.file, record.uNumber,
-                     fmt::format("truncated: {} of {} data bytes", cBehind, ulCaptured));
+        FailAtPacket(record, fmt::format("truncated: {} of {} data bytes", cBehind, ulCaptured));
     return ulCaptured;
 }
 
@@ -63,33 +69,35 @@ uint32_t DataBytes(const RawRecord& record, size_t cHeader)
 
 // Records of other transfer types are left out; a failed submission ('E') counts as a completion with its
 // error. Fails (InputError): a record shorter than its header says.
-void DecodeUsbmon(const RawRecord& record, size_t cHeader, std::vector<Packet>& packets)
+bool DecodeUsbmon(const RawRecord& record, size_t cHeader, RawPacket& raw)
 {
     const uint8_t* pBytes = record.pBytes;
     if (record.cBytes < cHeader)
-        FailAtPacket(record.file, record.uNumber,
-                     fmt::format("truncated: {} of {} header bytes", record.cBytes, cHeader));
+        FailAtPacket(record, fmt::format("truncated: {} of {} header bytes", record.cBytes, cHeader));
     uint8_t ucTransfer = pBytes[9];
     if (ucTransfer != TypeInterrupt && ucTransfer != TypeControl)
-        return;
+        return false;
     uint32_t ulCaptured = DataBytes(record, cHeader);
 
-    Packet packet;
+    Packet& packet = raw.packet;
     packet.ullUs = record.ullUs;
     packet.uNumber = record.uNumber;
-    packet.usBus = FieldAt<uint16_t>(pBytes, 12);
+    packet.usBus = FieldAt<uint16_t>(record, 12);
     packet.usDevice = pBytes[11];
     packet.ucEndpoint = pBytes[10];
     packet.type = ucTransfer == TypeControl ? TransferType::Control : TransferType::Interrupt;
     packet.bSubmit = pBytes[8] == 'S';
-    packet.ullTransfer = FieldAt<uint64_t>(pBytes, 0);
+    packet.ullTransfer = FieldAt<uint64_t>(record, 0);
     packet.data.assign(pBytes + cHeader, pBytes + cHeader + ulCaptured);
     if (packet.bSubmit) {
-        packet.ulAsked = FieldAt<uint32_t>(pBytes, 32);
+        packet.ulAsked = FieldAt<uint32_t>(record, 32);
         if (packet.type == TransferType::Control)
             memcpy(packet.setup.data(), pBytes + 40, 8);
+        raw.stage = RawPacket::Setup;
     } else {
-        packet.outcome = OutcomeOf(FieldAt<int32_t>(pBytes, 28));
+        packet.outcome = OutcomeOf(FieldAt<int32_t>(record, 28));
+        raw.stage = RawPacket::Done;
     }
-    packets.push_back(std::move(packet));
+    packet.bCut = record.bCut;
+    return true;
 }
