@@ -202,10 +202,10 @@ TEST(Capture, TakesTheUsbInterfacesOfAFileWithOthers)
     Bytes file = PcapngFile({{1, 64}, {189, 65535}, {220, 128}},
                             {{5, {1, 2, 3}, 0},
                              {100, report.Encode(48), 1},
-                             {900, report.Encode(64), 2},     // within a millisecond: a copy
+                             {900, report.Encode(64), 2}, // within a millisecond: a copy
                              {5000, later.Encode(64), 2},
-                             {5500, later.Encode(64), 2},     // of the same interface: none
-                             {8000, report.Encode(64), 2}});  // too late to be one
+                             {5500, later.Encode(64), 2},    // of the same interface: none
+                             {8000, report.Encode(64), 2}}); // too late to be one
     TestFile onDisk(file, ".pcapng");
     CaptureReader reader(std::make_shared<InputFile>(onDisk.Path()));
     std::vector<uint64_t> times;
@@ -231,8 +231,8 @@ TEST(Capture, ReadsCompressedFiles)
 TEST(Capture, ReadsTheOtherByteOrder)
 {
     // By hand: the head, one record with a short usbmon header and one byte of data.
-    Bytes file = {0xA1, 0xB2, 0xC3, 0xD4, 0, 2, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF, 0, 0, 0, 189,
-                  0, 0, 0, 9, 0, 0, 0, 0, 0, 0, 0, 49, 0, 0, 0, 49};
+    Bytes file = {0xA1, 0xB2, 0xC3, 0xD4, 0, 2, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0,  0, 0, 0xFF, 0xFF,
+                  0,    0,    0,    189,  0, 0, 0, 9, 0, 0, 0, 0, 0, 0, 0, 49, 0, 0, 0,    49};
     Bytes record = {0, 0, 0, 0, 0, 0, 0, 7, 'C', 1, 0x81, 3, 0, 2, '-', 0};
     record.resize(28);
     record.insert(record.end(), {0xFF, 0xFF, 0xFF, 0xE0, 0, 0, 0, 1, 0, 0, 0, 1});

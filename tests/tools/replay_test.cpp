@@ -80,7 +80,10 @@ std::vector<std::string> Replayed(const Script& script, const std::string& confi
     size_t cText = 0;
     FILE* pOut = open_memstream(&pText, &cText);
     ReplayConfig parsed = ParseConfig("my.toml", config);
-    unsigned uLeaks = RunReplay(script, {DriverEntry, {EmuMachine::FindKind(pKind)}, parsed}, *make(pOut));
+    ReplaySetup setup{DriverEntry, {}, parsed};
+    if (pKind)
+        setup.kinds = {EmuMachine::FindKind(pKind)};
+    unsigned uLeaks = RunReplay(script, setup, *make(pOut));
     fclose(pOut);
     std::string text(pText, cText);
     free(pText);
@@ -88,10 +91,11 @@ std::vector<std::string> Replayed(const Script& script, const std::string& confi
     return LinesOf(text);
 }
 
-std::vector<std::string> ReplayedCapture(const UsbmonStory& story, const std::string& config)
+std::vector<std::string> ReplayedCapture(const UsbmonStory& story, const std::string& config,
+                                         const char* pKind = nullptr)
 {
     TestFile file(story.File());
-    return Replayed(ReadInput(file.Path()), config);
+    return Replayed(ReadInput(file.Path()), config, pKind);
 }
 
 std::vector<std::string> ReplayedRecording(const std::string& text, const std::string& config,
@@ -183,7 +187,9 @@ TEST(Replay, BeginsAtTheFirstReportWithoutEnumeration)
     story.At(0).Control({0x21, 9, 0, 2, 0, 0, 1, 0}, {1});
     story.At(700).Report({0, 0, 0x3A, 0, 0, 0, 0, 0});
     Lines lines = ReplayedCapture(story, F1);
-    ASSERT_EQ(6u, lines.size());
+    ASSERT_EQ(7u, lines.size());
+    EXPECT_EQ(0u, lines[0].find(R"({"type":"note","t_us":0,"kbd":0,"text":"the capture has no enumeration)"));
+    lines.erase(lines.begin());
     EXPECT_EQ(R"({"type":"led","t_us":0,"kbd":0,"report":1,"flags":2})", lines[0]);
     EXPECT_EQ(
         R"({"type":"keyboard","t_us":700,"kbd":0,"index":0,"kbdtype":0,"vendor":0,"product":0,"name":""})",
@@ -192,6 +198,29 @@ TEST(Replay, BeginsAtTheFirstReportWithoutEnumeration)
     EXPECT_EQ(R"({"type":"report","t_us":700,"kbd":0,"in":"00003a0000000000","out":"0000000000000000"})",
               lines[3]);
     EXPECT_EQ(R"({"type":"event","t_us":700,"kbd":0,"id":3,"value":1,"esc_abort":0,"source":0})", lines[4]);
+    // With a kind, the keyboard is known from the start.
+    EXPECT_NE(std::string::npos, ReplayedCapture(story, F1, "power")[0].find("\"kbdtype\":2,"));
+}
+
+// LED reports have one byte, or an id and one byte when the request names the id; those that come after the last
+// report are told too. A gap of years ends.
+TEST(Replay, TellsLedReportsAndSkipsLongGaps)
+{
+    const uint64_t ullYears = 3 * 365 * 86400ull * 1000000;
+    UsbmonStory story;
+    story.Enumerate(1, 2, ConfigurationOf({Boot}));
+    story.At(1000).Report({0, 0, 4, 0, 0, 0, 0, 0});
+    story.At(ullYears).Report({0, 0, 0, 0, 0, 0, 0, 0});
+    story.At(ullYears + 100).Control({0x21, 9, 1, 2, 0, 0, 2, 0}, {1, 4});
+    story.At(ullYears + 200).Control({0x21, 9, 1, 2, 0, 0, 2, 0}, {2, 4}); // the id is another's
+    story.At(ullYears + 300).Control({0x21, 9, 0, 2, 0, 0, 1, 0}, {2});
+    Lines lines = ReplayedCapture(story, "");
+    auto at = [&](uint64_t ullUs) { return "\"t_us\":" + std::to_string(ullYears + ullUs); };
+    EXPECT_EQ((Lines{"{\"type\":\"led\"," + at(100) + ",\"kbd\":0,\"report\":4,\"flags\":1}",
+                     "{\"type\":\"led\"," + at(300) + ",\"kbd\":0,\"report\":2,\"flags\":4}"}),
+              Only(lines, "\"led\""));
+    EXPECT_EQ(1u, Only(lines, "are skipped").size());
+    EXPECT_EQ(1u, Only(lines, "\"end\"," + at(2000300)).size());
 }
 
 TEST(Replay, TakesReportsOfThreeAndTwoBytes)

@@ -93,7 +93,8 @@ bool BlockReader::Take(size_t cBytes, bool bMayEnd)
 void BlockReader::ReadPcapHead()
 {
     Take(20, false);
-    m_bSwapped = Swapped(Word(0)) == MagicUs || Swapped(Word(0)) == MagicNs || Swapped(Word(0)) == MagicPatched;
+    m_bSwapped =
+        Swapped(Word(0)) == MagicUs || Swapped(Word(0)) == MagicNs || Swapped(Word(0)) == MagicPatched;
     BlockInterface interface;
     interface.uDigits = Word(0) == MagicNs ? 9 : 6;
     interface.ulSnap = Word(0) == MagicPatched ? 1 : 0; // its records have eight bytes more

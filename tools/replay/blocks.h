@@ -14,7 +14,7 @@
 
 struct BlockInterface {
     uint16_t usLink = 0;
-    uint32_t ulSnap = 0; // 0: none
+    uint32_t ulSnap = 0;  // 0: none
     bool bBinary = false; // its clock's unit is 2^-uDigits seconds, not 10^-uDigits
     unsigned uDigits = 6;
     uint64_t ullOffset = 0; // seconds to add
@@ -24,9 +24,9 @@ struct BlockInterface {
 struct Block {
     const uint8_t* pBytes = nullptr;
     size_t cBytes = 0;
-    size_t cOriginal = 0; // before a snap length cut it
-    uint64_t ullUs = 0;   // since the epoch
-    unsigned uNumber = 0; // from 1
+    size_t cOriginal = 0;    // before a snap length cut it
+    uint64_t ullUs = 0;      // since the epoch
+    unsigned uNumber = 0;    // from 1
     unsigned uInterface = 0; // of all sections, from 0
     bool bSwapped = false;   // the section has the other byte order
     uint64_t ullAt = 0;      // where the record stands in the (unpacked) file

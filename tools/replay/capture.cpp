@@ -34,7 +34,8 @@ bool Waits(const Packet& packet)
 
 void FailAtPacket(const RawRecord& record, const std::string& what)
 {
-    throw InputError(fmt::format("{}: packet {}: {} (byte {})", record.file, record.uNumber, what, record.ullAt));
+    throw InputError(
+        fmt::format("{}: packet {}: {} (byte {})", record.file, record.uNumber, what, record.ullAt));
 }
 
 CaptureReader::CaptureReader(SharedInput pInput, bool bGrows) : m_blocks(std::move(pInput), bGrows) {}
@@ -74,8 +75,14 @@ bool CaptureReader::ReadRecord()
     if (m_used.size() <= block.uInterface)
         m_used.resize(block.uInterface + 1);
     m_used[block.uInterface] = true;
-    RawRecord record{block.pBytes,     block.cBytes, m_ullLatest, block.uNumber,
-                     m_blocks.Name(), block.ullAt,  block.cOriginal > block.cBytes, block.bSwapped};
+    RawRecord record{block.pBytes,
+                     block.cBytes,
+                     m_ullLatest,
+                     block.uNumber,
+                     m_blocks.Name(),
+                     block.ullAt,
+                     block.cOriginal > block.cBytes,
+                     block.bSwapped};
     RawPacket raw;
     bool bTaken = usLink == LinkWindows ? DecodeWindows(record, raw)
                                         : DecodeUsbmon(record, usLink == LinkUsbmonLong ? 64 : 48, raw);
@@ -127,7 +134,8 @@ void CaptureReader::Join(RawPacket raw)
     bool bWaiting = open->second.ullPlace >= m_ullHanded;
     Packet* pRequest = bWaiting ? &m_window[open->second.ullPlace - m_ullHanded] : nullptr;
     bool bComesIn = (open->second.setup[0] & 0x80) != 0;
-    if (raw.stage == RawPacket::Data && (!bComesIn || packet.bSubmit)) { // data going out, whichever way it is marked
+    if (raw.stage == RawPacket::Data &&
+        (!bComesIn || packet.bSubmit)) { // data going out, whichever way it is marked
         if (pRequest && !bComesIn)
             pRequest->data.insert(pRequest->data.end(), packet.data.begin(), packet.data.end());
         if (pRequest && !packet.bSubmit) { // it has been sent; a status stage may say more

@@ -32,7 +32,12 @@ struct RawRecord {
 // What a record tells, whatever its format; nothing is joined yet.
 struct RawPacket {
     Packet packet;
-    enum { Whole, Setup, Data, Done } stage = Whole; // Setup begins, Data adds to, Done ends a control transfer
+    enum {
+        Whole,
+        Setup,
+        Data,
+        Done
+    } stage = Whole; // Setup begins, Data adds to, Done ends a control transfer
 };
 
 // usbmon.cpp: cHeader is 48 or 64. False for other transfer types. Fails (InputError): shorter than it says.

@@ -23,7 +23,8 @@ public:
     {
         m_inner->Definition(ullUs, uKeyboard, ulId, ulStatus, why);
     }
-    void Report(uint64_t ullUs, unsigned uKeyboard, const std::optional<Bytes>& sent, const Bytes& seen) override
+    void Report(uint64_t ullUs, unsigned uKeyboard, const std::optional<Bytes>& sent,
+                const Bytes& seen) override
     {
         m_waiting.reset();
         if (sent && *sent == seen)

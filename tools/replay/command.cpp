@@ -44,8 +44,8 @@ public:
             return;
         m_latest = now;
         m_bShown = true;
-        fmt::print(stderr, "\r{} reports, {} events, {} s of the input\x1b[K", totals.uReports, totals.uEvents,
-                   ullUs / 1000000);
+        fmt::print(stderr, "\r{} reports, {} events, {} s of the input\x1b[K", totals.uReports,
+                   totals.uEvents, ullUs / 1000000);
     }
 
 private:
@@ -112,9 +112,10 @@ void AddKeyboardOption(CLI::App& verb, std::vector<std::string>& keyboards)
 {
     std::vector<std::string> names = EmuMachine::KindNames();
     names.push_back("guess");
-    verb.add_option("--keyboard", keyboards,
-                    "what the keyboards are of which the input does not tell it, in their order, the last one for "
-                    "the rest: normal (a recording's default), or another; guess: by their first report")
+    verb.add_option(
+            "--keyboard", keyboards,
+            "what the keyboards are of which the input does not tell it, in their order, the last one for "
+            "the rest: normal (a recording's default), or another; guess: by their first report")
         ->delimiter(',')
         ->allow_extra_args(false)
         ->check(CLI::IsMember(names));
@@ -125,9 +126,10 @@ void AddReplayVerb(CLI::App& app, Verbs& verbs)
     auto arguments = std::make_shared<Arguments>();
     CLI::App* pReplay = app.add_subcommand("replay", "Replay a keyboard's reports through the driver");
     pReplay
-        ->add_option("INPUT", arguments->input,
-                     "USB capture (pcap, pcapng) or HID recording (hid-recorder), maybe compressed (.gz); - reads it "
-                     "from standard input")
+        ->add_option(
+            "INPUT", arguments->input,
+            "USB capture (pcap, pcapng) or HID recording (hid-recorder), maybe compressed (.gz); - reads it "
+            "from standard input")
         ->required();
     pReplay->add_option("--config", arguments->config, "settings and key definitions (TOML)");
     AddKeyboardOption(*pReplay, arguments->keyboards);
@@ -136,9 +138,11 @@ void AddReplayVerb(CLI::App& app, Verbs& verbs)
         ->allow_extra_args(false);
     pReplay->add_option("--from", arguments->from, "only reports from that second of the input on")
         ->check(CLI::Range(0.0, 1e12));
-    pReplay->add_option("--to", arguments->to, "only what comes up to that second")->check(CLI::Range(0.0, 1e12));
+    pReplay->add_option("--to", arguments->to, "only what comes up to that second")
+        ->check(CLI::Range(0.0, 1e12));
     pReplay->add_flag("--changed", arguments->bChanged, "only what the driver rewrote or told");
     pReplay->add_flag("--partial", arguments->choice.bPartial, "of a broken file, play what is whole");
-    pReplay->add_flag("--follow", arguments->choice.bFollow, "wait for more of a file that still grows (Ctrl+C ends)");
+    pReplay->add_flag("--follow", arguments->choice.bFollow,
+                      "wait for more of a file that still grows (Ctrl+C ends)");
     verbs.push_back({pReplay, [arguments] { return Replay(*arguments); }});
 }

@@ -60,6 +60,6 @@ Script ReadInput(const std::string& file, const ScriptChoice& choice)
     Bytes content = ReadAll(reader, std::move(start));
     if (LooksLikeRecording(content))
         return ScriptOfRecording(pInput->Name(), content, choice);
-    throw InputError(fmt::format("{}:1: neither a USB capture (pcap, pcapng) nor a HID recording (hid-recorder)",
-                                 pInput->Name()));
+    throw InputError(fmt::format(
+        "{}:1: neither a USB capture (pcap, pcapng) nor a HID recording (hid-recorder)", pInput->Name()));
 }

@@ -37,8 +37,8 @@ DeviceKey KeyOf(const Packet& packet)
 
 struct ReportEndpoint {
     unsigned uFirstReport = 0;
-    size_t cFirstReport = 0; // its bytes
-    unsigned uCutReport = 0; // packet of the first one that a snap length cut
+    size_t cFirstReport = 0;  // its bytes
+    unsigned uCutReport = 0;  // packet of the first one that a snap length cut
     uint32_t ulReadBytes = 0; // what the stack asked for, or the longest report
 };
 
@@ -59,7 +59,7 @@ struct Found {
     DeviceKey key;
     unsigned uInterface; // of the configuration, or NoInterface + endpoint when none was captured
     std::vector<uint8_t> endpoints;
-    unsigned uOrdinal = 0; // among the keyboards of its device
+    unsigned uOrdinal = 0;  // among the keyboards of its device
     unsigned uSiblings = 1; // keyboards of its device
 };
 
@@ -324,22 +324,25 @@ const char* Plural(unsigned uCount)
 void AddNotes(Script& script, const CaptureReader& reader, const Learnt& learnt, unsigned uOthers)
 {
     for (auto [usLink, uCount] : reader.LeftOut())
-        script.notes.push_back({-1, fmt::format("left out: {} packet{} of link type {}, which is no USB capture "
-                                                "that is understood (189, 220, 249 are)",
-                                                uCount, Plural(uCount), usLink)});
-    if (reader.Copies())
-        script.notes.push_back({-1, fmt::format("left out: {} cop{} of packets that another interface of the file "
-                                                "has shown already",
-                                                reader.Copies(), reader.Copies() == 1 ? "y" : "ies")});
-    if (uOthers)
         script.notes.push_back(
-            {-1, fmt::format("left out: {} device endpoint{} of no keyboard or mouse", uOthers, Plural(uOthers))});
+            {-1, fmt::format("left out: {} packet{} of link type {}, which is no USB capture "
+                             "that is understood (189, 220, 249 are)",
+                             uCount, Plural(uCount), usLink)});
+    if (reader.Copies())
+        script.notes.push_back(
+            {-1, fmt::format("left out: {} cop{} of packets that another interface of the file "
+                             "has shown already",
+                             reader.Copies(), reader.Copies() == 1 ? "y" : "ies")});
+    if (uOthers)
+        script.notes.push_back({-1, fmt::format("left out: {} device endpoint{} of no keyboard or mouse",
+                                                uOthers, Plural(uOthers))});
     for (size_t k = 0; k < learnt.found.size(); ++k)
         if (!script.keyboards[k].bTold)
             script.notes.push_back(
-                {static_cast<int>(k), "the capture has no enumeration, so the driver does not learn what kind of "
-                                      "keyboard this is; plug it in after the start of the recording, or say "
-                                      "--keyboard KIND or --keyboard guess"});
+                {static_cast<int>(k),
+                 "the capture has no enumeration, so the driver does not learn what kind of "
+                 "keyboard this is; plug it in after the start of the recording, or say "
+                 "--keyboard KIND or --keyboard guess"});
 }
 
 } // namespace
@@ -373,18 +376,20 @@ Script ScriptOfCapture(SharedInput pInput, const ScriptChoice& choice)
     if (!script.cut.empty() && all.empty())
         throw InputError(script.cut);
     if (all.empty() && reader.Records() == 0 && !reader.LeftOut().empty())
-        throw InputError(fmt::format("{}: packet 1: link type {} is no USB capture that is understood (189, 220, "
-                                     "249 are)",
-                                     pInput->Name(), reader.LeftOut().begin()->first));
+        throw InputError(
+            fmt::format("{}: packet 1: link type {} is no USB capture that is understood (189, 220, "
+                        "249 are)",
+                        pInput->Name(), reader.LeftOut().begin()->first));
     if (pLearnt->found.empty())
-        throw InputError(fmt::format("{}: packet {}: the capture ends without a keyboard: {}", pInput->Name(), uLast,
+        throw InputError(fmt::format("{}: packet {}: the capture ends without a keyboard: {}", pInput->Name(),
+                                     uLast,
                                      all.empty() ? "no interrupt-IN endpoint delivered a report"
                                                  : "none is the device that was asked for"));
     for (const Found& found : pLearnt->found)
         for (uint8_t ucEndpoint : found.endpoints)
             if (unsigned uCut = found.pDevice->reporting.at(ucEndpoint).uCutReport; uCut && !choice.bPartial)
-                throw InputError(
-                    fmt::format("{}: packet {}: truncated: a snap length cut the report", pInput->Name(), uCut));
+                throw InputError(fmt::format("{}: packet {}: truncated: a snap length cut the report",
+                                             pInput->Name(), uCut));
     AddNotes(script, reader, *pLearnt, uOthers);
     script.Open = [pInput, pLearnt, choice]() -> StepReader {
         auto pWriter = std::make_shared<StepWriter>(pInput, pLearnt, choice);

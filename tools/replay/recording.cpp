@@ -121,7 +121,8 @@ public:
             throw InputError(
                 fmt::format("{}:{}: the recording ends without a report (an E: line)", m_file, m_uLines));
         auto isLeftOut = [&](const ScriptStep& step) {
-            return !numbers.count(step.uKeyboard) || step.ullUs < m_choice.ullFromUs || step.ullUs > m_choice.ullToUs;
+            return !numbers.count(step.uKeyboard) || step.ullUs < m_choice.ullFromUs ||
+                   step.ullUs > m_choice.ullToUs;
         };
         m_steps.erase(std::remove_if(m_steps.begin(), m_steps.end(), isLeftOut), m_steps.end());
         for (ScriptStep& step : m_steps)

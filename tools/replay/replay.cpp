@@ -23,7 +23,7 @@
 namespace
 {
 
-constexpr uint64_t RunOnUs = 2000000; // the clock runs on for so long after the last step
+constexpr uint64_t RunOnUs = 2000000;        // the clock runs on for so long after the last step
 constexpr uint64_t LongestGapUs = 600000000; // without steps; what is longer is skipped
 constexpr unsigned ProgressSteps = 4096;
 
@@ -202,8 +202,7 @@ private:
             return;
         player.bAnnounced = true;
         ULONG ulIndex = player.pKeyboard->Index();
-        m_printer.Keyboard(Now(), uKeyboard, ulIndex, KbdTypeOf(player.pKeyboard->Filter()),
-                           *player.pScript);
+        m_printer.Keyboard(Now(), uKeyboard, ulIndex, KbdTypeOf(player.pKeyboard->Filter()), *player.pScript);
         m_application->RegisterNotifyEvent(ulIndex);
         if (m_setup.config.bReportProcessing)
             m_application->StartReportProcessing(ulIndex);
@@ -232,7 +231,8 @@ private:
         RunClock(ullUs - ullSkip);
         if (ullSkip) {
             m_ullSkippedUs += ullSkip;
-            m_printer.Note(Now(), -1, fmt::format("{} seconds without a report are skipped", ullSkip / 1000000));
+            m_printer.Note(Now(), -1,
+                           fmt::format("{} seconds without a report are skipped", ullSkip / 1000000));
         }
     }
 
@@ -259,10 +259,11 @@ private:
         if (bLookedAt || player.pScript->bMouse)
             return;
         player.bPlain = true;
-        m_printer.Note(Now(), static_cast<int>(step.uKeyboard),
-                       fmt::format("the driver does not look at reports of {} bytes from a keyboard of this kind: "
-                                   "they go on as they are",
-                                   cBytes));
+        m_printer.Note(
+            Now(), static_cast<int>(step.uKeyboard),
+            fmt::format("the driver does not look at reports of {} bytes from a keyboard of this kind: "
+                        "they go on as they are",
+                        cBytes));
     }
 
     void Play(const ScriptStep& step)
@@ -410,7 +411,7 @@ private:
     std::deque<Received> m_received;
     std::deque<std::pair<unsigned, uint8_t>> m_leds;
     ReplayTotals m_totals;
-    size_t m_uUntold = 0;         // keyboards so far of which the input tells nothing
+    size_t m_uUntold = 0; // keyboards so far of which the input tells nothing
     uint64_t m_ullSkippedUs = 0;
     std::unique_ptr<EmuMachine> m_machine;         // its keyboards tell the members above what they receive
     std::unique_ptr<EmuApplication> m_application; // closes before the machine goes

@@ -10,6 +10,7 @@ bool IsChosen(const ScriptKeyboard& keyboard, const std::vector<std::string>& de
 {
     std::string ids = fmt::format("{:04x}:{:04x}", keyboard.usVendor, keyboard.usProduct);
     return devices.empty() || std::any_of(devices.begin(), devices.end(), [&](const std::string& wanted) {
-        return LowerCase(wanted) == ids || LowerCase(keyboard.name).find(LowerCase(wanted)) != std::string::npos;
-    });
+               return LowerCase(wanted) == ids ||
+                      LowerCase(keyboard.name).find(LowerCase(wanted)) != std::string::npos;
+           });
 }

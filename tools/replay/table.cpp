@@ -54,8 +54,8 @@ public:
         m_types[uKeyboard] = uType;
         Line(ullUs, uKeyboard, Bold,
              fmt::format("{} {:04x}:{:04x} {}, {} (device {})", keyboard.bMouse ? "mouse" : "keyboard",
-                         keyboard.usVendor, keyboard.usProduct,
-                         Printable(keyboard.name), TypeName(uType), ulIndex));
+                         keyboard.usVendor, keyboard.usProduct, Printable(keyboard.name), TypeName(uType),
+                         ulIndex));
     }
 
     void Definition(uint64_t ullUs, unsigned uKeyboard, uint32_t ulId, uint32_t ulStatus,
@@ -217,7 +217,8 @@ private:
 
 } // namespace
 
-std::unique_ptr<ReplayPrinter> MakeTablePrinter(FILE* pOut, const Terminal& terminal, std::set<uint32_t> scanIds)
+std::unique_ptr<ReplayPrinter> MakeTablePrinter(FILE* pOut, const Terminal& terminal,
+                                                std::set<uint32_t> scanIds)
 {
     return std::make_unique<TablePrinter>(pOut, terminal, std::move(scanIds));
 }

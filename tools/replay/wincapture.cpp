@@ -53,15 +53,13 @@ void CheckLengths(const RawRecord& record)
 {
     size_t cHeader = record.cBytes >= HeaderBytes ? LittleEndian(record.pBytes, 0, 2) : HeaderBytes;
     if (record.cBytes < cHeader)
-        FailAtPacket(record,
-                     fmt::format("truncated: {} of {} header bytes", record.cBytes, cHeader));
+        FailAtPacket(record, fmt::format("truncated: {} of {} header bytes", record.cBytes, cHeader));
     bool bControl = record.pBytes[22] == TransferControl;
     if (cHeader < HeaderBytes + (bControl ? 1 : 0))
         FailAtPacket(record, fmt::format("a header of {} bytes is too short", cHeader));
     uint64_t ullData = LittleEndian(record.pBytes, 23, 4);
     if (ullData > record.cBytes - cHeader && !record.bCut)
-        FailAtPacket(record,
-                     fmt::format("truncated: {} of {} data bytes", record.cBytes - cHeader, ullData));
+        FailAtPacket(record, fmt::format("truncated: {} of {} data bytes", record.cBytes - cHeader, ullData));
 }
 
 } // namespace
