@@ -70,6 +70,7 @@ TEST(Json, PrintsEachThingToTheLetter)
         printer.Macro(6, captured);
         printer.Led(7, 0, 4);
         printer.Led(8, 0, 3);
+        printer.Note(8, 1, "look");
         printer.End(9, {1, 229, 6, 0});
     });
     EXPECT_EQ(
@@ -87,6 +88,7 @@ TEST(Json, PrintsEachThingToTheLetter)
         "{\"type\":\"macro\",\"t_us\":6,\"record\":2,\"mode\":0,\"report\":\"010203\"}\n"
         "{\"type\":\"led\",\"t_us\":7,\"kbd\":0,\"report\":4,\"flags\":1}\n"
         "{\"type\":\"led\",\"t_us\":8,\"kbd\":0,\"report\":3,\"flags\":6}\n"
+        "{\"type\":\"note\",\"t_us\":8,\"kbd\":1,\"text\":\"look\"}\n"
         "{\"type\":\"end\",\"t_us\":9,\"keyboards\":1,\"reports\":229,\"events\":6,\"leaks\":0}\n",
         text);
 }

@@ -21,9 +21,9 @@ public:
     {
         fmt::print(m_pOut,
                    "{{\"type\":\"keyboard\",\"t_us\":{},\"kbd\":{},\"index\":{},\"kbdtype\":{},\"vendor\":{},"
-                   "\"product\":{},\"name\":{}{}}}\n",
+                   "\"product\":{},\"name\":{}}}\n",
                    ullUs, uKeyboard, ulIndex, uType, keyboard.usVendor, keyboard.usProduct,
-                   QuotedJson(keyboard.name), keyboard.bMouse ? ",\"device\":\"mouse\"" : "");
+                   QuotedJson(keyboard.name));
     }
 
     void Definition(uint64_t ullUs, unsigned uKeyboard, uint32_t ulId, uint32_t ulStatus,

@@ -337,6 +337,9 @@ void AddNotes(Script& script, const CaptureReader& reader, const Learnt& learnt,
         script.notes.push_back({-1, fmt::format("left out: {} device endpoint{} of no keyboard or mouse",
                                                 uOthers, Plural(uOthers))});
     for (size_t k = 0; k < learnt.found.size(); ++k)
+        if (script.keyboards[k].bMouse)
+            script.notes.push_back({static_cast<int>(k), "this is a mouse"});
+    for (size_t k = 0; k < learnt.found.size(); ++k)
         if (!script.keyboards[k].bTold)
             script.notes.push_back(
                 {static_cast<int>(k),
