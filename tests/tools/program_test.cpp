@@ -215,6 +215,49 @@ TEST_F(Program, GivesEachKeyboardOfARecordingItsKind)
         EXPECT_NE(std::string::npos, outcome.out.find(pPart)) << outcome.out;
 }
 
+// The options that leave out: what is printed of two keyboards, of which one has a hotkey, and of a broken line.
+TEST_F(Program, ReplaysAPartOfItsInput)
+{
+    Write("f1.toml", "[[definition]]\nid = 3\nkeys = [\"F1\"]\nswallow = 1\n");
+    const std::string two = "D: 0\nN: Old Desk\nI: 3 0627 0001\nE: 0.0 8 00 00 04 00 00 00 00 00\n"
+                            "E: 1.0 8 00 00 3a 00 00 00 00 00\n"
+                            "D: 1\nN: Till\nI: 3 04d9 00a2\nE: 1.5 8 00 00 05 00 00 00 00 00\n"
+                            "D: 0\nE: 2.0 8 00 00 00 00 00 00 00 00\n";
+    Write("two.hid", two);
+    Write("cut.hid", two + "E: 2.5 8 00\n");
+    const struct {
+        const char *pOptions, *pReports; // kbd@t_us
+        int iStatus;
+    } cases[] = {
+        {"two.hid", "0@0 0@1000000 1@1500000 0@2000000 ", 0},
+        {"two.hid --changed", "0@1000000 0@2000000 ", 0},
+        {"two.hid --from 1", "0@1000000 1@1500000 0@2000000 ", 0},
+        {"two.hid --from 1.2 --to 1.5", "1@1500000 ", 0},
+        {"two.hid --to 0", "0@0 ", 0},
+        {"two.hid --from nan", "", 2},
+        {"two.hid --to -1", "", 2},
+        {"two.hid --device 04D9:00a2", "0@1500000 ", 0},
+        {"two.hid --device desk --to 1", "0@0 0@1000000 ", 0},
+        {"two.hid --device till --device 0627:0001 --from 1.5", "1@1500000 0@2000000 ", 0},
+        {"two.hid --device 04d9:00a3", "", 2},
+        {"cut.hid", "", 2},
+        {"cut.hid --partial", "0@0 0@1000000 1@1500000 0@2000000 ", 2},
+    };
+    for (const auto& c : cases) {
+        Outcome outcome = Run("replay --json --config f1.toml " + std::string(c.pOptions));
+        EXPECT_EQ(c.iStatus, outcome.iStatus) << c.pOptions << "\n" << outcome.err;
+        EXPECT_EQ(c.iStatus ? 1 : 0, std::count(outcome.err.begin(), outcome.err.end(), '\n')) << outcome.err;
+        std::istringstream lines(outcome.out);
+        std::string reports;
+        for (std::string line; std::getline(lines, line);) {
+            unsigned uTime, uKeyboard;
+            if (sscanf(line.c_str(), R"({"type":"report","t_us":%u,"kbd":%u)", &uTime, &uKeyboard) == 2)
+                reports += std::to_string(uKeyboard) + "@" + std::to_string(uTime) + " ";
+        }
+        EXPECT_EQ(c.pReports, reports) << c.pOptions << "\n" << outcome.out;
+    }
+}
+
 // The shipped samples: their configurations are clean, and a replay shows what they promise.
 TEST_F(Program, PlaysTheSamples)
 {

@@ -19,12 +19,14 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistr
 namespace
 {
 
+constexpr double LatestSecond = 1e12;
+
 struct Arguments {
     std::string input;
     std::string config;
     std::vector<std::string> keyboards;
     ScriptChoice choice;
-    double from = 0, to = 0; // seconds
+    double from = 0, to = LatestSecond; // seconds
     bool bJson = false, bChanged = false;
 };
 
@@ -72,11 +74,18 @@ void FollowUntilInterrupted()
     setvbuf(stdout, nullptr, _IOLBF, 0);
 }
 
+// A second of the input; "nan" is a number to the parser, and in no range.
+std::string FaultOfSecond(const std::string& text)
+{
+    double second = 0;
+    bool bGood = CLI::detail::lexical_cast(text, second) && second >= 0 && second <= LatestSecond;
+    return bGood ? "" : fmt::format("{} is no second from 0 to {:.0f}", text, LatestSecond);
+}
+
 int Replay(Arguments arguments)
 {
     arguments.choice.ullFromUs = static_cast<uint64_t>(arguments.from * 1e6);
-    if (arguments.to > 0)
-        arguments.choice.ullToUs = static_cast<uint64_t>(arguments.to * 1e6);
+    arguments.choice.ullToUs = static_cast<uint64_t>(arguments.to * 1e6);
     Script script = ReadInput(arguments.input, arguments.choice);
     ReplayConfig config;
     if (!arguments.config.empty())
@@ -137,9 +146,8 @@ void AddReplayVerb(CLI::App& app, Verbs& verbs)
     pReplay->add_option("--device", arguments->choice.devices, "only these: VID:PID, or a part of their name")
         ->allow_extra_args(false);
     pReplay->add_option("--from", arguments->from, "only reports from that second of the input on")
-        ->check(CLI::Range(0.0, 1e12));
-    pReplay->add_option("--to", arguments->to, "only what comes up to that second")
-        ->check(CLI::Range(0.0, 1e12));
+        ->check(FaultOfSecond);
+    pReplay->add_option("--to", arguments->to, "only what comes up to that second")->check(FaultOfSecond);
     pReplay->add_flag("--changed", arguments->bChanged, "only what the driver rewrote or told");
     pReplay->add_flag("--partial", arguments->choice.bPartial, "of a broken file, play what is whole");
     pReplay->add_flag("--follow", arguments->choice.bFollow,
