@@ -6,14 +6,12 @@
 // they name. Neither pass keeps packets.
 #include "keyboards.h"
 #include "capture.h"
-#include "configuration.h"
+#include "devices.h"
 #include "tools/common/failure.h"
-#include "tools/common/text.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <map>
 #include <memory>
 #include <tuple>
 #include <utility>
@@ -21,37 +19,9 @@
 namespace
 {
 
-constexpr uint8_t ClassHid = 3, ClassHub = 9;
+constexpr uint8_t ClassHid = 3;
 constexpr uint8_t ProtocolMouse = 2;
-constexpr uint8_t RequestGetDescriptor = 6;
-constexpr uint8_t DescriptorDevice = 1, DescriptorConfiguration = 2, DescriptorString = 3;
 constexpr uint8_t RecipientMask = 0x1F, RecipientDevice = 0, RecipientInterface = 1, RecipientEndpoint = 2;
-constexpr uint8_t HubPortRequest = 0x23; // class, other recipient, in either direction
-
-using DeviceKey = std::pair<uint16_t, uint16_t>; // bus, address
-
-DeviceKey KeyOf(const Packet& packet)
-{
-    return {packet.usBus, packet.usDevice};
-}
-
-struct ReportEndpoint {
-    unsigned uFirstReport = 0;
-    size_t cFirstReport = 0;  // its bytes
-    unsigned uCutReport = 0;  // packet of the first one that a snap length cut
-    uint32_t ulReadBytes = 0; // what the stack asked for, or the longest report
-};
-
-struct Device {
-    size_t cOrder = 0; // in which the devices are first seen
-    bool bHub = false;
-    uint16_t usVendor = 0, usProduct = 0;
-    uint8_t ucProductString = 0;
-    std::map<uint8_t, std::string> strings;
-    std::map<uint8_t, Bytes> configurations; // by index, the whole ones
-    std::map<uint8_t, InterfaceEndpoint> endpoints;
-    std::map<uint8_t, ReportEndpoint> reporting;
-};
 
 // One keyboard found: which interface of which device.
 struct Found {
@@ -65,66 +35,8 @@ struct Found {
 
 constexpr unsigned NoInterface = 0x100;
 
-bool IsReport(const Packet& packet)
-{
-    return packet.type == TransferType::Interrupt && !packet.bSubmit && (packet.ucEndpoint & 0x80) &&
-           packet.outcome == Outcome::Ok && !packet.data.empty();
-}
-
-bool IsGetDescriptor(const std::array<uint8_t, 8>& setup, uint8_t ucType)
-{
-    return setup[0] == 0x80 && setup[1] == RequestGetDescriptor && setup[3] == ucType;
-}
-
-void LearnDescriptor(Device& device, const std::array<uint8_t, 8>& setup, const Bytes& answer)
-{
-    if (IsGetDescriptor(setup, DescriptorDevice) && answer.size() >= 18 && answer[0] == 18) {
-        device.usVendor = static_cast<uint16_t>(answer[8] | answer[9] << 8);
-        device.usProduct = static_cast<uint16_t>(answer[10] | answer[11] << 8);
-        device.ucProductString = answer[15];
-        device.bHub |= answer[4] == ClassHub;
-    } else if (IsGetDescriptor(setup, DescriptorConfiguration)) {
-        for (const InterfaceEndpoint& endpoint : EndpointsOf(answer))
-            device.endpoints[endpoint.ucEndpoint] = endpoint;
-        if (IsWholeConfiguration(answer))
-            device.configurations[setup[2]] = answer;
-    } else if (IsGetDescriptor(setup, DescriptorString) && setup[2] != 0 && answer.size() > 2) {
-        device.strings[setup[2]] = TextOfUtf16(&answer[2], std::min<size_t>(answer[0], answer.size()) - 2);
-    }
-}
-
-using Devices = std::map<DeviceKey, Device>;
-
-// Learns from one packet.
-void Survey(const Packet& packet, Devices& devices)
-{
-    auto [it, bNew] = devices.try_emplace(KeyOf(packet));
-    Device& device = it->second;
-    if (bNew)
-        device.cOrder = devices.size();
-    if (packet.type == TransferType::Interrupt && (packet.ucEndpoint & 0x80)) {
-        uint32_t ulBytes = std::max<uint32_t>(packet.ulAsked, static_cast<uint32_t>(packet.data.size()));
-        if (IsReport(packet)) {
-            auto [endpoint, bFirst] = device.reporting.try_emplace(packet.ucEndpoint);
-            if (bFirst) {
-                endpoint->second.uFirstReport = packet.uNumber;
-                endpoint->second.cFirstReport = packet.data.size();
-            }
-            if (packet.bCut && endpoint->second.uCutReport == 0)
-                endpoint->second.uCutReport = packet.uNumber;
-        }
-        if (auto endpoint = device.reporting.find(packet.ucEndpoint); endpoint != device.reporting.end())
-            endpoint->second.ulReadBytes = std::max(endpoint->second.ulReadBytes, ulBytes);
-    } else if (packet.type == TransferType::Control && !packet.bSubmit && packet.bJoined) {
-        device.bHub |= (packet.setup[0] & 0x7F) == HubPortRequest;
-        if (packet.outcome == Outcome::Ok)
-            LearnDescriptor(device, packet.setup, packet.data);
-    }
-}
-
 // The keyboards in the order of their numbers. Hubs tell their port changes over an interrupt endpoint too;
-// those are no reports. uOthers counts the endpoints of other devices that
-// are no HID devices.
+// those are no reports. uOthers counts the reporting endpoints of interfaces that are no HID interfaces.
 std::vector<Found> FindKeyboards(const Devices& devices, unsigned& uOthers)
 {
     std::vector<Found> found;
