@@ -135,6 +135,16 @@ TEST(Keyboards, AreNamedByTheirProductString)
                                  .Report(KeyA)
                                  .File());
     EXPECT_EQ("T\xC3\xA9\\\xF0\x9F\x98\x80\xEF\xBF\xBD", script.keyboards.at(0).name);
+
+    for (uint8_t ucLength : {0, 1, 2}) { // a string that is shorter than its own head
+        name[0] = ucLength;
+        script = ScriptOf(UsbmonStory()
+                              .Enumerate(1, 2, ConfigurationOf({Boot}))
+                              .Control({0x80, 6, 2, 3, 9, 4, 0xFF, 0}, name)
+                              .Report(KeyA)
+                              .File());
+        EXPECT_EQ("", script.keyboards.at(0).name);
+    }
 }
 
 TEST(Keyboards, ControlTransfersTakeEffectWhenTheirDataArrives)

@@ -23,7 +23,8 @@ void LearnDescriptor(Device& device, const std::array<uint8_t, 8>& setup, const 
             device.endpoints[endpoint.ucEndpoint] = endpoint;
         if (IsWholeConfiguration(answer))
             device.configurations[setup[2]] = answer;
-    } else if (IsGetDescriptor(setup, DescriptorString) && setup[2] != 0 && answer.size() > 2) {
+    } else if (IsGetDescriptor(setup, DescriptorString) && setup[2] != 0 && answer.size() > 2 &&
+               answer[0] > 2) {
         device.strings[setup[2]] = TextOfUtf16(&answer[2], std::min<size_t>(answer[0], answer.size()) - 2);
     }
 }
