@@ -8,8 +8,8 @@
 // been told. A read that completes although the keyboard sent nothing was answered by the driver. Everything
 // runs in the calling thread, at PASSIVE_LEVEL, on the virtual clock.
 #include "replay.h"
-#include "configuration.h"
 #include "kbdtype.h"
+#include "player.h"
 
 #include "emu/app/application.h"
 #include "tools/check/check.h"
@@ -27,39 +27,12 @@ constexpr uint64_t RunOnUs = 2000000;        // the clock runs on for so long af
 constexpr uint64_t LongestGapUs = 600000000; // without steps; what is longer is skipped
 constexpr unsigned ProgressSteps = 4096;
 
-// One keyboard of the replay with what is known of it so far.
-struct Player {
-    const ScriptKeyboard* pScript = nullptr;
-    EmuKeyboard* pKeyboard = nullptr;
-    bool bEmulated = false;               // its descriptors come from a kind, not from the input
-    bool bPlain = false;                  // it was told that the driver does not look at its reports
-    bool bAnnounced = false;              // its line is printed, the application knows it
-    bool bReading = false;                // a read is on its way
-    bool bSilent = false;                 // its reads fail, none is sent any more
-    std::deque<Bytes> sent;               // by the keyboard, and not received above yet
-    const ScriptStep* pControl = nullptr; // the control request that is being replayed
-};
-
 // What came to pass and has not been told yet.
 struct Received {
     unsigned uKeyboard;
     std::optional<Bytes> sent;
     Bytes seen;
 };
-
-NTSTATUS StatusOf(Outcome outcome)
-{
-    switch (outcome) {
-    case Outcome::Ok:
-        return STATUS_SUCCESS;
-    case Outcome::Cancelled:
-        return STATUS_CANCELLED;
-    case Outcome::Gone:
-        return STATUS_DEVICE_NOT_CONNECTED;
-    default:
-        return STATUS_UNSUCCESSFUL;
-    }
-}
 
 // True for the requests that travel as descriptor requests, not as plain control transfers.
 bool IsDescriptorRequest(const std::array<uint8_t, 8>& setup)
@@ -162,28 +135,8 @@ private:
         return m_setup.kinds[cKind] ? *m_setup.kinds[cKind] : *EmuMachine::FindKind(keyboard.pGuess);
     }
 
-    // The LEDs of an output report: one byte, or a report id and one byte when the request names that id.
-    static std::optional<uint8_t> LedsOf(const ScriptStep* pControl, const EmuBytes& report)
-    {
-        uint8_t ucId = pControl ? pControl->setup[2] : 0;
-        if (ucId != 0)
-            return report.size() == 2 && report[0] == ucId ? std::optional(report[1]) : std::nullopt;
-        return report.size() == 1 || (!pControl && !report.empty()) ? std::optional(report[0]) : std::nullopt;
-    }
-
     // The time of the input, which skips what the clock does not run through.
     uint64_t Now() const { return HostNowUs() + m_ullSkippedUs; }
-
-    // The packet size of a kind's endpoint.
-    static ULONG PacketBytesOf(const EmuDescriptors& kind)
-    {
-        Bytes configuration(kind.pConfiguration, kind.pConfiguration + kind.ulConfiguration);
-        ULONG ulPacket = 0;
-        for (const InterfaceEndpoint& endpoint : EndpointsOf(configuration))
-            if (endpoint.ucEndpoint & 0x80)
-                ulPacket = std::max<ULONG>(ulPacket, endpoint.usPacketBytes);
-        return ulPacket;
-    }
 
     void OpenApplication()
     {
@@ -297,21 +250,6 @@ private:
             return;
         if (KbdTypeOf(player.pKeyboard->Filter()) != 0)
             Announce(uKeyboard);
-    }
-
-    // The keyboard's side of a control request: the captured answer, when it is the captured request. What
-    // the driver sends by itself is left to the emulated keyboard.
-    static NTSTATUS AnswerControl(const Player& player, const UCHAR* pSetup, EmuBytes& data)
-    {
-        const ScriptStep* pStep = player.pControl;
-        if (!pStep || !std::equal(pStep->setup.begin(), pStep->setup.end(), pSetup))
-            return STATUS_NOT_SUPPORTED;
-        if (pSetup[0] & 0x80) {
-            size_t cRoom = data.size();
-            data = pStep->data;
-            data.resize(std::min(data.size(), cRoom));
-        }
-        return StatusOf(pStep->outcome);
     }
 
     // A read completed. The keyboard's own reports come in the order in which it sent them; when as many are
