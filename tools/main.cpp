@@ -15,6 +15,7 @@ int main(int argc, char** argv)
     app.require_subcommand(1);
     Verbs verbs;
     AddReplayVerb(app, verbs);
+    AddShowVerb(app, verbs);
     AddMacroVerbs(app, verbs);
     AddKeysVerb(app, verbs);
     AddCheckVerb(app, verbs);

@@ -6,6 +6,8 @@
 #include "output.h"
 #include "replay.h"
 #include "tools/common/failure.h"
+#include "tools/common/files.h"
+#include "tools/session/session.h"
 #include "tools/verbs.h"
 
 #include <fmt/format.h>
@@ -28,6 +30,7 @@ struct Arguments {
     ScriptChoice choice;
     double from = 0, to = LatestSecond; // seconds
     bool bJson = false, bChanged = false;
+    std::string pcapng;
 };
 
 // Tells on a terminal that a long file is being played, while what is printed goes elsewhere.
@@ -90,6 +93,12 @@ int Replay(Arguments arguments)
     ReplayConfig config;
     if (!arguments.config.empty())
         config = ReadConfig(arguments.config);
+    ReplaySetup setup{DriverEntry, KindsNamed(arguments.keyboards), config};
+    if (!arguments.pcapng.empty()) {
+        Session session = TakeSession(script, setup);
+        WriteWholeFile(arguments.pcapng, PcapngOf(session));
+        return session.totals.uLeaks == 0 ? ExitGood : ExitFailed;
+    }
     bool bTerminal = isatty(STDOUT_FILENO);
     auto printer = arguments.bJson ? MakeJsonPrinter(stdout)
                                    : MakeTablePrinter(stdout, TerminalOf(stdout), ScanIdsOf(config));
@@ -97,7 +106,6 @@ int Replay(Arguments arguments)
         printer = MakeChangedPrinter(std::move(printer));
     if (arguments.choice.bFollow)
         FollowUntilInterrupted();
-    ReplaySetup setup{DriverEntry, KindsNamed(arguments.keyboards), config};
     ProgressLine progress;
     if (!bTerminal && isatty(STDERR_FILENO))
         setup.Progress = [&](uint64_t ullUs, const ReplayTotals& totals) { progress.Show(ullUs, totals); };
@@ -142,7 +150,12 @@ void AddReplayVerb(CLI::App& app, Verbs& verbs)
         ->required();
     pReplay->add_option("--config", arguments->config, "settings and key definitions (TOML)");
     AddKeyboardOption(*pReplay, arguments->keyboards);
-    pReplay->add_flag("--json", arguments->bJson, "print JSON objects, one a line, instead of a table");
+    CLI::Option* pJson =
+        pReplay->add_flag("--json", arguments->bJson, "print JSON objects, one a line, instead of a table");
+    pReplay
+        ->add_option("--pcapng", arguments->pcapng,
+                     "print nothing; write both sides of the driver as a capture for Wireshark")
+        ->excludes(pJson);
     pReplay->add_option("--device", arguments->choice.devices, "only these: VID:PID, or a part of their name")
         ->allow_extra_args(false);
     pReplay->add_option("--from", arguments->from, "only reports from that second of the input on")

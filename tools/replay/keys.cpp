@@ -61,17 +61,19 @@ Names KeysOfPatterns(const Bytes& report, unsigned uType)
 
 } // namespace
 
+std::vector<std::string> KeyListOfReport(const Bytes& report, unsigned uType)
+{
+    if (uType == Jaalaa || uType == Chic)
+        return KeysOfPatterns(report, uType);
+    if (uType == Power && (report.size() == 2 || report.size() == 3))
+        return KeysOfMediaUsage(report);
+    return KeysOfUsages(report);
+}
+
 std::string KeysOfReport(const Bytes& report, unsigned uType)
 {
-    Names names;
-    if (uType == Jaalaa || uType == Chic)
-        names = KeysOfPatterns(report, uType);
-    else if (uType == Power && (report.size() == 2 || report.size() == 3))
-        names = KeysOfMediaUsage(report);
-    else
-        names = KeysOfUsages(report);
     std::string text;
-    for (const std::string& name : names)
+    for (const std::string& name : KeyListOfReport(report, uType))
         text += (text.empty() ? "" : "+") + name;
     return text;
 }

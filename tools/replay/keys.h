@@ -4,6 +4,10 @@
 #include "packet.h"
 
 #include <string>
+#include <vector>
+
+// One name for each key that is down, modifiers first.
+std::vector<std::string> KeyListOfReport(const Bytes& report, unsigned uType);
 
 // "LCtrl+F1", "Volume Up": the modifiers and keys, by what the type of keyboard sends (1 normal, 2 power,
 // 3 Jaalaa, 4 Chic); "" for none or for a report without keys.

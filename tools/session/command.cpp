@@ -1,0 +1,31 @@
+// command.cpp - tvusb show: a session as a page.
+#include "session.h"
+#include "tools/common/files.h"
+#include "tools/verbs.h"
+
+namespace
+{
+
+struct ShowArguments : SessionArguments {
+    std::string html;
+};
+
+int Show(const ShowArguments& arguments)
+{
+    SessionInput input(arguments);
+    Session session = TakeSession(input.script, input.setup);
+    std::string page = HtmlOf(session);
+    WriteWholeFile(arguments.html, {page.begin(), page.end()});
+    return session.totals.uLeaks == 0 ? ExitGood : ExitFailed;
+}
+
+} // namespace
+
+void AddShowVerb(CLI::App& app, Verbs& verbs)
+{
+    auto arguments = std::make_shared<ShowArguments>();
+    CLI::App* pShow = app.add_subcommand("show", "Show a replayed session as a page for a browser");
+    AddSessionOptions(*pShow, *arguments);
+    pShow->add_option("--html", arguments->html, "the page to write; it needs no other file")->required();
+    verbs.push_back({pShow, [arguments] { return Show(*arguments); }});
+}

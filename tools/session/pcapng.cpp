@@ -1,0 +1,191 @@
+// pcapng.cpp - a session as a capture that viewers open: two interfaces, with the driver between them.
+//
+//   interface "below", bus 1:  what the keyboards sent, and the LED reports that reached them
+//   interface "above", bus 2:  what the system saw
+//
+// Keyboard n is device n + 1 of either bus, so filters can ask for one side by the bus or by the interface's
+// name. Packets have the long usbmon header (link type 220). What was told between is a comment of the packet
+// told before it, with its own time where that is another one.
+#include "session.h"
+
+#include <fmt/format.h>
+
+namespace
+{
+
+constexpr uint32_t SectionBlock = 0x0A0D0D0A, InterfaceBlock = 1, PacketBlock = 6;
+constexpr uint16_t CommentOption = 1, NameOption = 2;
+constexpr uint8_t Interrupt = 1, Control = 2;
+enum Side : uint32_t { Below, Above };
+
+void Put(Bytes& bytes, uint64_t ullValue, size_t cWidth)
+{
+    for (size_t i = 0; i < cWidth; ++i)
+        bytes.push_back(static_cast<uint8_t>(ullValue >> (8 * i)));
+}
+
+void Pad(Bytes& bytes)
+{
+    bytes.resize((bytes.size() + 3) / 4 * 4);
+}
+
+void Append(Bytes& bytes, const Bytes& more)
+{
+    bytes.insert(bytes.end(), more.begin(), more.end());
+}
+
+void PutOption(Bytes& bytes, uint16_t usCode, std::string text)
+{
+    text.resize(std::min<size_t>(text.size(), 0xFFFF));
+    Put(bytes, usCode, 2);
+    Put(bytes, text.size(), 2);
+    bytes.insert(bytes.end(), text.begin(), text.end());
+    Pad(bytes);
+}
+
+// One packet, kept back until everything that is told of it is known.
+struct Pending {
+    Side side = Below;
+    uint64_t ullUs = 0;
+    Bytes content; // empty: there is none yet
+    std::vector<std::string> comments;
+};
+
+class Writer
+{
+public:
+    Bytes Write(const Session& session)
+    {
+        Bytes section;
+        Put(section, 0x1A2B3C4D, 4);
+        Put(section, 1, 4); // version 1.0
+        Put(section, ~0ull, 8);
+        Block(SectionBlock, section);
+        for (const char* pName : {"below", "above"}) {
+            Bytes interface;
+            Put(interface, 220, 4);
+            Put(interface, 65535, 4);
+            PutOption(interface, NameOption, pName);
+            Put(interface, 0, 4);
+            Block(InterfaceBlock, interface);
+        }
+        for (const SessionLine& line : session.lines)
+            Add(session, line);
+        Flush();
+        return std::move(m_file);
+    }
+
+private:
+    void Add(const Session& session, const SessionLine& line)
+    {
+        if (line.kind == LineKind::Report) {
+            if (line.sent)
+                Packet(Below, line, *line.sent);
+            Packet(Above, line, line.seen);
+            if (!line.sent)
+                m_pending.comments.emplace_back("answered by the driver");
+            else if (*line.sent != line.seen)
+                m_pending.comments.emplace_back("rewritten by the driver");
+            return;
+        }
+        if (line.kind == LineKind::Led)
+            LedPackets(line);
+        std::string words = WordsOf(line);
+        if (line.kind == LineKind::Keyboard) {
+            const ScriptKeyboard& keyboard = session.keyboards[line.uKeyboard].script;
+            words = fmt::format("keyboard {}: {:04x}:{:04x} {}", line.uKeyboard, keyboard.usVendor,
+                                keyboard.usProduct, keyboard.name);
+        }
+        if (m_pending.content.empty() || m_pending.ullUs != line.ullUs)
+            words = fmt::format("{}.{:06} s: {}", line.ullUs / 1000000, line.ullUs % 1000000, words);
+        m_pending.comments.push_back(std::move(words));
+    }
+
+    // SET_REPORT of an output report of one byte, and its completion.
+    void LedPackets(const SessionLine& line)
+    {
+        Begin(Below, line.ullUs, Header('S', Control, 0, 1, line, 1, {0x21, 9, 0, 2, 0, 0, 1, 0}));
+        m_pending.content.push_back(line.ucLeds);
+        Begin(Below, line.ullUs, Header('C', Control, 0, 1, line, 0, {}));
+    }
+
+    void Packet(Side side, const SessionLine& line, const Bytes& report)
+    {
+        Begin(side, line.ullUs,
+              Header('C', Interrupt, 0x81, static_cast<uint16_t>(side + 1), line, report.size(), {}));
+        Append(m_pending.content, report);
+    }
+
+    // The long usbmon header. A submission and the completion behind it share their number.
+    Bytes Header(char cType, uint8_t ucTransfer, uint8_t ucEndpoint, uint16_t usBus, const SessionLine& line,
+                 size_t cData, const Bytes& setup)
+    {
+        if (cType == 'S' || ucTransfer == Interrupt)
+            ++m_ullTransfer;
+        Bytes header;
+        Put(header, m_ullTransfer, 8);
+        Put(header, static_cast<uint8_t>(cType), 1);
+        Put(header, ucTransfer, 1);
+        Put(header, ucEndpoint, 1);
+        Put(header, line.uKeyboard + 1, 1);
+        Put(header, usBus, 2);
+        Put(header, setup.empty() ? '-' : 0, 1);
+        Put(header, cData ? 0 : '<', 1);
+        Put(header, line.ullUs / 1000000, 8);
+        Put(header, line.ullUs % 1000000, 4);
+        Put(header, cType == 'S' ? static_cast<uint32_t>(-115) : 0, 4); // -115: in progress
+        Put(header, cData, 4);
+        Put(header, cData, 4);
+        Append(header, setup);
+        header.resize(64);
+        return header;
+    }
+
+    void Begin(Side side, uint64_t ullUs, Bytes content)
+    {
+        if (!m_pending.content.empty())
+            Flush();
+        m_pending.side = side;
+        m_pending.ullUs = ullUs;
+        m_pending.content = std::move(content);
+    }
+
+    void Flush()
+    {
+        if (m_pending.content.empty())
+            return;
+        Bytes packet;
+        Put(packet, m_pending.side, 4);
+        Put(packet, m_pending.ullUs >> 32, 4);
+        Put(packet, m_pending.ullUs & 0xFFFFFFFF, 4);
+        Put(packet, m_pending.content.size(), 4);
+        Put(packet, m_pending.content.size(), 4);
+        Append(packet, m_pending.content);
+        Pad(packet);
+        for (std::string& comment : m_pending.comments)
+            PutOption(packet, CommentOption, std::move(comment));
+        if (!m_pending.comments.empty())
+            Put(packet, 0, 4);
+        Block(PacketBlock, packet);
+        m_pending = {};
+    }
+
+    void Block(uint32_t ulType, const Bytes& body)
+    {
+        Put(m_file, ulType, 4);
+        Put(m_file, body.size() + 12, 4);
+        Append(m_file, body);
+        Put(m_file, body.size() + 12, 4);
+    }
+
+    Bytes m_file;
+    Pending m_pending;
+    uint64_t m_ullTransfer = 0;
+};
+
+} // namespace
+
+Bytes PcapngOf(const Session& session)
+{
+    return Writer().Write(session);
+}
