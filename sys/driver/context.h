@@ -146,7 +146,7 @@ struct DeviceContext {
     SpinLock KeyDefLock;   // a definition found under it is not freed
     KeyDefinition* KeyDefinitions[KEY_DEFINITION_SLOTS] GUARDED_BY(KeyDefLock);
     UCHAR ucDefinitionHashes[KEY_DEFINITION_SLOTS]; // of their ids. KeyDefLock
-    ULONG ulDefinitions;                            // how many there are. KeyDefLock
+    USHORT usDefinitions;                           // how many there are. KeyDefLock
     ULONG ulHotkeyDefinitions;                      // of type 1. DefinitionMutex
     ULONG ulKeyDefTypes;                            // (x)
 

@@ -22,7 +22,7 @@ ULONGLONG ZeroBytesOf(ULONGLONG ullBytes)
 // The first slot from usIndex on whose id has this hash, or the first one that is free.
 USHORT NextOfHash(DeviceContext* pContext, USHORT usIndex, UCHAR ucHash) WITHOUT_LOCK_ANALYSIS
 {
-    const ULONG ulEnd = pContext->ulDefinitions;
+    const ULONG ulEnd = pContext->usDefinitions;
     for (; usIndex < ulEnd && usIndex % 8 != 0; usIndex++) {
         if (pContext->ucDefinitionHashes[usIndex] == ucHash) {
             return usIndex;
@@ -47,7 +47,7 @@ KeyDefinition* FindById(DeviceContext* pContext, ULONG ulId, PUSHORT pusIndex,
 {
     const UCHAR ucHash = HashOf(ulId);
     USHORT usIndex = NextOfHash(pContext, 0, ucHash);
-    for (; usIndex < pContext->ulDefinitions; usIndex = NextOfHash(pContext, usIndex + 1, ucHash)) {
+    for (; usIndex < pContext->usDefinitions; usIndex = NextOfHash(pContext, usIndex + 1, ucHash)) {
         KeyDefinition* pDefinition = pContext->KeyDefinitions[usIndex];
         if (pDefinition->ulId == ulId && fits(pDefinition)) {
             break;
@@ -56,15 +56,15 @@ KeyDefinition* FindById(DeviceContext* pContext, ULONG ulId, PUSHORT pusIndex,
     if (pusIndex != nullptr) {
         *pusIndex = usIndex;
     }
-    return usIndex < pContext->ulDefinitions ? pContext->KeyDefinitions[usIndex] : nullptr;
+    return usIndex < pContext->usDefinitions ? pContext->KeyDefinitions[usIndex] : nullptr;
 }
 } // namespace
 
 // Puts a definition into the first free slot. Lock: the caller holds KeyDefLock and has seen that there is one.
 void AppendDefinition(DeviceContext* pContext, KeyDefinition* pDefinition) WITHOUT_LOCK_ANALYSIS
 {
-    pContext->ucDefinitionHashes[pContext->ulDefinitions] = HashOf(pDefinition->ulId);
-    pContext->KeyDefinitions[pContext->ulDefinitions++] = pDefinition;
+    pContext->ucDefinitionHashes[pContext->usDefinitions] = HashOf(pDefinition->ulId);
+    pContext->KeyDefinitions[pContext->usDefinitions++] = pDefinition;
 }
 
 KeyDefinition* FindKeyDefinitionById(PDEVICE_OBJECT device, ULONG ulId, PUSHORT pusIndex)
@@ -77,13 +77,13 @@ KeyDefinition* FindKeyDefinitionByType(PDEVICE_OBJECT device, ULONG ulType,
 {
     DeviceContext* pContext = FilterContextOf(device);
     USHORT usIndex = 0;
-    while (usIndex < pContext->ulDefinitions && pContext->KeyDefinitions[usIndex]->ulType != ulType) {
+    while (usIndex < pContext->usDefinitions && pContext->KeyDefinitions[usIndex]->ulType != ulType) {
         usIndex++;
     }
     if (pusIndex != nullptr) {
         *pusIndex = usIndex;
     }
-    return usIndex < pContext->ulDefinitions ? pContext->KeyDefinitions[usIndex] : nullptr;
+    return usIndex < pContext->usDefinitions ? pContext->KeyDefinitions[usIndex] : nullptr;
 }
 
 // A null record fits nothing: *pusIndex then tells the first free slot.
@@ -91,7 +91,7 @@ KeyDefinition* FindKeyDefinition(PDEVICE_OBJECT device, const KeyDefinition* pDe
 {
     DeviceContext* pContext = FilterContextOf(device);
     if (pDefinition == nullptr) {
-        *pusIndex = static_cast<USHORT>(pContext->ulDefinitions);
+        *pusIndex = pContext->usDefinitions;
         return nullptr;
     }
     return FindById(pContext, pDefinition->ulId, pusIndex, [=](const KeyDefinition* pOther) {

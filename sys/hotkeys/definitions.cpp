@@ -81,7 +81,7 @@ KeyDefinition* TakeOut(PDEVICE_OBJECT device, ULONG ulId)
                       (KEY_DEFINITION_SLOTS - 1 - usIndex) * sizeof(ppSlots[0]));
         PUCHAR pHashes = pContext->ucDefinitionHashes;
         RtlMoveMemory(&pHashes[usIndex], &pHashes[usIndex + 1], KEY_DEFINITION_SLOTS - 1 - usIndex);
-        pContext->ulDefinitions--;
+        pContext->usDefinitions--;
     }
     return pDefinition;
 }
@@ -174,7 +174,7 @@ void FreeKeyDefinitions(PDEVICE_OBJECT device)
                 pDefinition = nullptr;
             }
         }
-        pContext->ulDefinitions = 0;
+        pContext->usDefinitions = 0;
     }
     pContext->ulHotkeyDefinitions = 0;
     RecomputeKeyDefTypes(pContext);

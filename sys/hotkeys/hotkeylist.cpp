@@ -251,7 +251,7 @@ NTSTATUS BuildHotkeyList(PDEVICE_OBJECT device)
         ClearHotkeyIndex(pIndex);
         pIndex->ulKbdType = ReadShared(pContext->KbdType);
     }
-    for (USHORT i = 0; i < pContext->ulDefinitions; i++) {
+    for (USHORT i = 0; i < pContext->usDefinitions; i++) {
         if (IsHotkeyDefinition(pContext, i)) {
             status = AddHotkeyOf(device, i, pIndex);
         }
@@ -272,7 +272,7 @@ NTSTATUS AddLastHotkey(PDEVICE_OBJECT device)
     }
     const ULONG ulBefore = pIndex->ulCount;
     const HotkeyView view = BeginChange(pContext);
-    const NTSTATUS status = AddHotkeyOf(device, static_cast<USHORT>(pContext->ulDefinitions - 1), pIndex);
+    const NTSTATUS status = AddHotkeyOf(device, static_cast<USHORT>(pContext->usDefinitions - 1), pIndex);
     if (pIndex->ulCount != ulBefore) {
         ClassifyKeysOf(pContext, pIndex->pEntries[ulBefore]);
     }

@@ -232,7 +232,7 @@ TEST_F(Engine, HotkeyListIsMadeFromTheDefinitions)
     EXPECT_EQ(FindKeyDefinitionById(Filter(), 2, &usIndex)->ulModifiers, prefixed.ulModifiers);
     EXPECT_EQ(usIndex, 3);
     EXPECT_EQ(FindKeyDefinitionByType(Filter(), 5, &usIndex), nullptr);
-    EXPECT_EQ(usIndex, Context()->ulDefinitions) << "the first free slot";
+    EXPECT_EQ(usIndex, Context()->usDefinitions) << "the first free slot";
 }
 
 // A walk on the report road sees the list that it began with to its end, however often the list is made anew.
