@@ -155,6 +155,8 @@ TEST_F(TraceTest, TheFlagFollowsTheSessions)
 // A report that means nothing to anybody is traced as every other one.
 TEST_F(TraceTest, ACalmReportIsTold)
 {
+    const KeyDefinition definition = Hotkey(7);
+    EXPECT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_SUCCESS);
     EXPECT_EQ(StartReportProcessing(Keyboard->Index()), STATUS_SUCCESS);
     Listen();
     Keyboard->Report({2, 0, 4, 0, 0, 0, 0, 0});
