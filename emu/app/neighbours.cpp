@@ -18,7 +18,7 @@ EmuClassDevice::EmuClassDevice(PDRIVER_OBJECT pDriver, USHORT usNumber, bool bSe
 void EmuClassDevice::Answer(const EmuReply& answer)
 {
     if (m_pDevice) {
-        EmuSetClassAnswer(m_pDevice, &answer);
+        EmuSetAnswer(m_pDevice, &answer);
     }
 }
 
@@ -41,7 +41,7 @@ EmuClassState EmuClassDevice::State() const
 void EmuClassDevice::Release()
 {
     if (m_pDevice) {
-        EmuReleaseClass(m_pDevice);
+        EmuReleaseHeld(m_pDevice);
         Settle(m_bSettles);
     }
 }
@@ -101,7 +101,7 @@ NTSTATUS EmuSibling::Publish(bool bPresent)
 void EmuSibling::Answer(const EmuReply& answer)
 {
     if (m_pDevice) {
-        EmuSetSiblingAnswer(m_pDevice, &answer);
+        EmuSetAnswer(m_pDevice, &answer);
     }
 }
 
@@ -113,14 +113,14 @@ void EmuSibling::CancelSlowly(ULONG ulMs)
 void EmuSibling::Release()
 {
     if (m_pDevice) {
-        EmuReleaseSibling(m_pDevice);
+        EmuReleaseHeld(m_pDevice);
         Settle(m_bSettles);
     }
 }
 
 ULONG EmuSibling::Held() const
 {
-    return m_pDevice ? EmuSiblingHeld(m_pDevice) : 0;
+    return m_pDevice ? EmuCountHeld(m_pDevice) : 0;
 }
 
 std::vector<ULONG> EmuSibling::TakeWords()

@@ -4,27 +4,14 @@
 
 namespace
 {
-enum : ULONG { ClassTag = 0x73734C43 };
-
 struct ClassDevice {
-    ULONG ulTag;     // (i) ClassTag
-    KSPIN_LOCK Lock; // guards the two that follow
-    EmuReply Answer;
-    EmuClassState State;
-    HeldRequests Held;
+    AnsweringDevice Answering;
+    EmuClassState State; // (l) Answering.Lock
 };
 
 ClassDevice* ClassOf(PDEVICE_OBJECT pDevice)
 {
     return static_cast<ClassDevice*>(pDevice->DeviceExtension);
-}
-
-EmuReply AnswerOf(ClassDevice* pClass)
-{
-    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pClass->Lock);
-    EmuReply answer = pClass->Answer;
-    KeReleaseSpinLock(&pClass->Lock, irql);
-    return answer;
 }
 
 // Fills the request's buffer with the settings. IRQL PASSIVE. Fails: no room, or what it was told to answer.
@@ -34,10 +21,10 @@ NTSTATUS QueryTypematic(ClassDevice* pClass, PIRP pIrp, NTSTATUS Status)
     if (pLocation->Parameters.DeviceIoControl.OutputBufferLength < sizeof(KEYBOARD_TYPEMATIC_PARAMETERS)) {
         return STATUS_BUFFER_TOO_SMALL;
     }
-    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pClass->Lock);
+    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pClass->Answering.Lock);
     KEYBOARD_TYPEMATIC_PARAMETERS record = {0, pClass->State.usRate, pClass->State.usDelayMs};
     pClass->State.ulQueries++;
-    KeReleaseSpinLock(&pClass->Lock, irql);
+    KeReleaseSpinLock(&pClass->Answering.Lock, irql);
     RtlCopyMemory(pIrp->AssociatedIrp.SystemBuffer, &record, sizeof record);
     return Status;
 }
@@ -51,13 +38,13 @@ NTSTATUS SetTypematic(ClassDevice* pClass, PIRP pIrp, NTSTATUS Status)
         return STATUS_BUFFER_TOO_SMALL;
     }
     RtlCopyMemory(&record, pIrp->AssociatedIrp.SystemBuffer, sizeof record);
-    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pClass->Lock);
+    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pClass->Answering.Lock);
     pClass->State.ulSets++;
     if (NT_SUCCESS(Status)) {
         pClass->State.usRate = record.Rate;
         pClass->State.usDelayMs = record.Delay;
     }
-    KeReleaseSpinLock(&pClass->Lock, irql);
+    KeReleaseSpinLock(&pClass->Answering.Lock, irql);
     return Status;
 }
 
@@ -65,7 +52,7 @@ NTSTATUS NTAPI ClassControl(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
     ClassDevice* pClass = ClassOf(pDevice);
-    EmuReply answer = AnswerOf(pClass);
+    EmuReply answer = AnswerOf(&pClass->Answering);
     NTSTATUS status = STATUS_INVALID_DEVICE_REQUEST;
     ULONG_PTR ulInformation = 0;
     switch (IoGetCurrentIrpStackLocation(pIrp)->Parameters.DeviceIoControl.IoControlCode) {
@@ -79,31 +66,16 @@ NTSTATUS NTAPI ClassControl(PDEVICE_OBJECT pDevice, PIRP pIrp)
     default:
         break;
     }
-    return AnswerRequest(&pClass->Held, pIrp, status, ulInformation, answer.bHold, answer.ulDelayMs);
+    return AnswerRequest(&pClass->Answering.Held, pIrp, status, ulInformation, answer.bHold,
+                         answer.ulDelayMs);
 }
 
-NTSTATUS NTAPI ClassCreate(PDEVICE_OBJECT pDevice, PIRP pIrp)
-{
-    ClassDevice* pClass = ClassOf(pDevice);
-    EmuReply answer = AnswerOf(pClass);
-    return AnswerRequest(&pClass->Held, pIrp, answer.Open, 0, answer.bHoldOpen, 0);
-}
-
-NTSTATUS NTAPI ClassSucceed(PDEVICE_OBJECT pDevice, PIRP pIrp)
-{
-    return AnswerRequest(&ClassOf(pDevice)->Held, pIrp, STATUS_SUCCESS, 0, FALSE, 0);
-}
-
-VOID NTAPI ClassUnload(PDRIVER_OBJECT) {}
 } // namespace
 
 NTSTATUS NTAPI EmuClassEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING)
 {
-    pDriver->MajorFunction[IRP_MJ_CREATE] = ClassCreate;
-    pDriver->MajorFunction[IRP_MJ_CLEANUP] = ClassSucceed;
-    pDriver->MajorFunction[IRP_MJ_CLOSE] = ClassSucceed;
+    SetAnsweringEntries(pDriver);
     pDriver->MajorFunction[IRP_MJ_DEVICE_CONTROL] = ClassControl;
-    pDriver->DriverUnload = ClassUnload;
     return STATUS_SUCCESS;
 }
 
@@ -115,57 +87,37 @@ NTSTATUS EmuCreateClassDevice(PDRIVER_OBJECT pDriver, USHORT usNumber, PDEVICE_O
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, text);
     PDEVICE_OBJECT pDevice;
-    NTSTATUS status =
-        IoCreateDevice(pDriver, sizeof(ClassDevice), &name, FILE_DEVICE_KEYBOARD, 0, FALSE, &pDevice);
+    NTSTATUS status = CreateAnswering(pDriver, &name, FILE_DEVICE_KEYBOARD, sizeof(ClassDevice), &pDevice);
     if (!NT_SUCCESS(status)) {
         return status;
     }
     ClassDevice* pClass = ClassOf(pDevice);
-    RtlZeroMemory(pClass, sizeof *pClass);
-    pClass->ulTag = ClassTag;
     pClass->State.usRate = 31;
     pClass->State.usDelayMs = 250;
-    KeInitializeSpinLock(&pClass->Lock);
-    InitializeHeld(&pClass->Held);
-    auto plFlags = reinterpret_cast<LONG*>(&pDevice->Flags); // who opens it by name looks at them meanwhile
-    InterlockedOr(plFlags, DO_BUFFERED_IO);
-    InterlockedAnd(plFlags, ~DO_DEVICE_INITIALIZING);
+    AnsweringReady(pDevice);
     *ppDevice = pDevice;
     return STATUS_SUCCESS;
 }
 
 VOID EmuRemoveClassDevice(PDEVICE_OBJECT pDevice)
 {
-    EndHeld(&ClassOf(pDevice)->Held);
+    EndHeld(&ClassOf(pDevice)->Answering.Held);
     IoDeleteDevice(pDevice);
-}
-
-VOID EmuSetClassAnswer(PDEVICE_OBJECT pDevice, const EmuReply* pAnswer)
-{
-    ClassDevice* pClass = ClassOf(pDevice);
-    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pClass->Lock);
-    pClass->Answer = *pAnswer;
-    KeReleaseSpinLock(&pClass->Lock, irql);
 }
 
 VOID EmuSetClassTypematic(PDEVICE_OBJECT pDevice, USHORT usRate, USHORT usDelayMs)
 {
     ClassDevice* pClass = ClassOf(pDevice);
-    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pClass->Lock);
+    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pClass->Answering.Lock);
     pClass->State.usRate = usRate;
     pClass->State.usDelayMs = usDelayMs;
-    KeReleaseSpinLock(&pClass->Lock, irql);
+    KeReleaseSpinLock(&pClass->Answering.Lock, irql);
 }
 
 VOID EmuGetClassState(PDEVICE_OBJECT pDevice, EmuClassState* pState)
 {
     ClassDevice* pClass = ClassOf(pDevice);
-    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pClass->Lock);
+    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pClass->Answering.Lock);
     *pState = pClass->State;
-    KeReleaseSpinLock(&pClass->Lock, irql);
-}
-
-VOID EmuReleaseClass(PDEVICE_OBJECT pDevice)
-{
-    ReleaseHeld(&ClassOf(pDevice)->Held);
+    KeReleaseSpinLock(&pClass->Answering.Lock, irql);
 }

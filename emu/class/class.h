@@ -4,7 +4,7 @@
 // at once or later. What it is told to answer with an error it does not take.
 #pragma once
 
-#include "emu/held/held.h"
+#include "emu/held/answering.h"
 
 // What a class device holds and what came to it.
 struct EmuClassState {
@@ -20,9 +20,6 @@ NTSTATUS NTAPI EmuClassEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistryPa
 NTSTATUS EmuCreateClassDevice(PDRIVER_OBJECT pDriver, USHORT usNumber, PDEVICE_OBJECT* ppDevice);
 // Takes the device away; what it holds fails. IRQL PASSIVE.
 VOID EmuRemoveClassDevice(PDEVICE_OBJECT pDevice);
-// How it answers from now on, and with what. IRQL <= DISPATCH. Lock: takes its own.
-VOID EmuSetClassAnswer(PDEVICE_OBJECT pDevice, const EmuReply* pAnswer);
+// What it answers with from now on. IRQL <= DISPATCH. Lock: takes its own.
 VOID EmuSetClassTypematic(PDEVICE_OBJECT pDevice, USHORT usRate, USHORT usDelayMs);
 VOID EmuGetClassState(PDEVICE_OBJECT pDevice, EmuClassState* pState);
-// Answers what it holds. IRQL <= DISPATCH.
-VOID EmuReleaseClass(PDEVICE_OBJECT pDevice);

@@ -6,15 +6,6 @@
 
 #include <kernel.h>
 
-// How a device answers; zeroed = at once and with success.
-struct EmuReply {
-    NTSTATUS Status;   // what requests complete with
-    ULONG ulDelayMs;   // above 0: pending for so long, completed by a timer
-    BOOLEAN bHold;     // pending until the device is told to answer, is removed, or the request is cancelled
-    NTSTATUS Open;     // what opening the device completes with
-    BOOLEAN bHoldOpen; // opening is left pending like that
-};
-
 // The requests of one device. Lies in its extension; (i) InitializeHeld, then as told.
 struct HeldRequests {
     KSPIN_LOCK Lock;    // guards the list and the mark

@@ -6,11 +6,9 @@ namespace
 enum : ULONG { IOCTL_SET_MODIFIERS = CTL_CODE(0x22, 0x900, METHOD_BUFFERED, FILE_ANY_ACCESS) };
 
 struct SiblingDevice {
+    AnsweringDevice Answering;
     EmuSiblingOptions Options; // (i)
     UNICODE_STRING Link;       // (i) of the interface
-    KSPIN_LOCK Lock;           // guards Answer
-    EmuReply Answer;
-    HeldRequests Held;
 };
 
 struct KindRow {
@@ -30,14 +28,6 @@ const KindRow Kinds[] = {
 SiblingDevice* SiblingOf(PDEVICE_OBJECT pDevice)
 {
     return static_cast<SiblingDevice*>(pDevice->DeviceExtension);
-}
-
-EmuReply AnswerOf(SiblingDevice* pSibling)
-{
-    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pSibling->Lock);
-    EmuReply answer = pSibling->Answer;
-    KeReleaseSpinLock(&pSibling->Lock, irql);
-    return answer;
 }
 
 // The word comes in, the same four bytes go out filled. IRQL PASSIVE. Fails: a keyboard, no word, no room.
@@ -65,37 +55,21 @@ NTSTATUS NTAPI SiblingInternalControl(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
     SiblingDevice* pSibling = SiblingOf(pDevice);
-    EmuReply answer = AnswerOf(pSibling);
+    EmuReply answer = AnswerOf(&pSibling->Answering);
     NTSTATUS status = TakeModifiers(pSibling, pIrp);
     if (!NT_SUCCESS(status)) {
-        return AnswerRequest(&pSibling->Held, pIrp, status, 0, FALSE, 0);
+        return AnswerRequest(&pSibling->Answering.Held, pIrp, status, 0, FALSE, 0);
     }
-    return AnswerRequest(&pSibling->Held, pIrp, answer.Status, NT_SUCCESS(answer.Status) ? sizeof(ULONG) : 0,
-                         answer.bHold, answer.ulDelayMs);
+    return AnswerRequest(&pSibling->Answering.Held, pIrp, answer.Status,
+                         NT_SUCCESS(answer.Status) ? sizeof(ULONG) : 0, answer.bHold, answer.ulDelayMs);
 }
 
-NTSTATUS NTAPI SiblingCreate(PDEVICE_OBJECT pDevice, PIRP pIrp)
-{
-    SiblingDevice* pSibling = SiblingOf(pDevice);
-    EmuReply answer = AnswerOf(pSibling);
-    return AnswerRequest(&pSibling->Held, pIrp, answer.Open, 0, answer.bHoldOpen, 0);
-}
-
-NTSTATUS NTAPI SiblingSucceed(PDEVICE_OBJECT pDevice, PIRP pIrp)
-{
-    return AnswerRequest(&SiblingOf(pDevice)->Held, pIrp, STATUS_SUCCESS, 0, FALSE, 0);
-}
-
-VOID NTAPI SiblingUnload(PDRIVER_OBJECT) {}
 } // namespace
 
 NTSTATUS NTAPI EmuSiblingEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING)
 {
-    pDriver->MajorFunction[IRP_MJ_CREATE] = SiblingCreate;
-    pDriver->MajorFunction[IRP_MJ_CLEANUP] = SiblingSucceed;
-    pDriver->MajorFunction[IRP_MJ_CLOSE] = SiblingSucceed;
+    SetAnsweringEntries(pDriver);
     pDriver->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = SiblingInternalControl;
-    pDriver->DriverUnload = SiblingUnload;
     return STATUS_SUCCESS;
 }
 
@@ -106,24 +80,20 @@ NTSTATUS EmuCreateSibling(PDRIVER_OBJECT pDriver, const EmuSiblingOptions* pOpti
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, kind.pszName);
     PDEVICE_OBJECT pDevice;
-    NTSTATUS status = IoCreateDevice(pDriver, sizeof(SiblingDevice), pOptions->bUnnamed ? nullptr : &name,
-                                     FILE_DEVICE_UNKNOWN, 0, FALSE, &pDevice);
+    NTSTATUS status = CreateAnswering(pDriver, pOptions->bUnnamed ? nullptr : &name, FILE_DEVICE_UNKNOWN,
+                                      sizeof(SiblingDevice), &pDevice);
     if (!NT_SUCCESS(status)) {
         return status;
     }
     SiblingDevice* pSibling = SiblingOf(pDevice);
-    RtlZeroMemory(pSibling, sizeof *pSibling);
     pSibling->Options = *pOptions;
-    KeInitializeSpinLock(&pSibling->Lock);
-    InitializeHeld(&pSibling->Held);
-    auto plFlags = reinterpret_cast<LONG*>(&pDevice->Flags); // who opens it by name looks at them meanwhile
-    InterlockedOr(plFlags, DO_BUFFERED_IO | DO_BUS_ENUMERATED_DEVICE);
+    InterlockedOr(reinterpret_cast<LONG*>(&pDevice->Flags), DO_BUS_ENUMERATED_DEVICE);
     status = IoRegisterDeviceInterface(pDevice, &kind.Class, nullptr, &pSibling->Link);
     if (!NT_SUCCESS(status)) {
         IoDeleteDevice(pDevice);
         return status;
     }
-    InterlockedAnd(plFlags, ~DO_DEVICE_INITIALIZING);
+    AnsweringReady(pDevice);
     *ppDevice = pDevice;
     return STATUS_SUCCESS;
 }
@@ -138,30 +108,12 @@ VOID EmuRemoveSibling(PDEVICE_OBJECT pDevice)
     IRQL_AT_MOST(PASSIVE_LEVEL);
     SiblingDevice* pSibling = SiblingOf(pDevice);
     (VOID) IoSetDeviceInterfaceState(&pSibling->Link, FALSE); // may be disabled already
-    EndHeld(&pSibling->Held);
+    EndHeld(&pSibling->Answering.Held);
     RtlFreeUnicodeString(&pSibling->Link);
     IoDeleteDevice(pDevice);
 }
 
-VOID EmuSetSiblingAnswer(PDEVICE_OBJECT pDevice, const EmuReply* pAnswer)
-{
-    SiblingDevice* pSibling = SiblingOf(pDevice);
-    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pSibling->Lock);
-    pSibling->Answer = *pAnswer;
-    KeReleaseSpinLock(&pSibling->Lock, irql);
-}
-
 VOID EmuSetSiblingCancelDelay(PDEVICE_OBJECT pDevice, ULONG ulMs)
 {
-    InterlockedExchange(&SiblingOf(pDevice)->Held.lCancelMs, (LONG)ulMs);
-}
-
-VOID EmuReleaseSibling(PDEVICE_OBJECT pDevice)
-{
-    ReleaseHeld(&SiblingOf(pDevice)->Held);
-}
-
-ULONG EmuSiblingHeld(PDEVICE_OBJECT pDevice)
-{
-    return CountHeld(&SiblingOf(pDevice)->Held);
+    InterlockedExchange(&SiblingOf(pDevice)->Answering.Held.lCancelMs, (LONG)ulMs);
 }

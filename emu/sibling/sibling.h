@@ -5,7 +5,7 @@
 // interface is enabled and disabled apart from the device, as siblings that come late or go early do.
 #pragma once
 
-#include "emu/held/held.h"
+#include "emu/held/answering.h"
 
 enum EmuSiblingKind { EmuPs2KeyboardSibling, EmuPs2MouseSibling, EmuUsbMouseSibling };
 
@@ -29,10 +29,5 @@ NTSTATUS EmuCreateSibling(PDRIVER_OBJECT pDriver, const EmuSiblingOptions* pOpti
 NTSTATUS EmuPublishSibling(PDEVICE_OBJECT pDevice, BOOLEAN bPresent);
 // Disables the interface, fails what is held, takes the device away. IRQL PASSIVE.
 VOID EmuRemoveSibling(PDEVICE_OBJECT pDevice);
-// How it answers from now on. IRQL <= DISPATCH. Lock: takes its own.
-VOID EmuSetSiblingAnswer(PDEVICE_OBJECT pDevice, const EmuReply* pAnswer);
 // So long it takes to cancel what it holds. IRQL <= DISPATCH.
 VOID EmuSetSiblingCancelDelay(PDEVICE_OBJECT pDevice, ULONG ulMs);
-// Answers what it holds; tells how many requests that are. IRQL <= DISPATCH.
-VOID EmuReleaseSibling(PDEVICE_OBJECT pDevice);
-ULONG EmuSiblingHeld(PDEVICE_OBJECT pDevice);
