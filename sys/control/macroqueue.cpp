@@ -7,14 +7,17 @@
 #include "control/notification.h"
 
 #include "ground/ring.h"
+#include "log/events.h"
 
 // IRQL <= DISPATCH. Lock: takes MacroLock. Owns: copies the record. Fails: ring full.
 NTSTATUS QueueMacroRecord(const MacroRecord* pRecord)
 {
     LockScope lock(Globals.MacroLock);
-    return AppendToRing(Globals.MacroQueue, Globals.ulMacroWrite, Globals.ulMacroCount, *pRecord)
-               ? STATUS_SUCCESS
-               : STATUS_UNSUCCESSFUL;
+    if (!AppendToRing(Globals.MacroQueue, Globals.ulMacroWrite, Globals.ulMacroCount, *pRecord)) {
+        Trace(MacroQueueFull, pRecord->usType);
+        return STATUS_UNSUCCESSFUL;
+    }
+    return STATUS_SUCCESS;
 }
 
 // The oldest record; ucRemove 1 takes it, any other value leaves it queued.

@@ -7,6 +7,7 @@
 #include "control/notification.h"
 
 #include "ground/ring.h"
+#include "log/events.h"
 
 // The stamp of a record: wraps about every five days.
 // IRQL any.
@@ -20,7 +21,11 @@ ULONG NotifyTime()
 // Copies the record behind the others. Fails: false, ring full.
 static bool Append(DeviceContext* pContext, const NotifyRecord* pRecord) REQUIRES_LOCK(pContext->NotifyLock)
 {
-    return AppendToRing(pContext->NotifyQueue, pContext->ulNotifyWrite, pContext->ulNotifyCount, *pRecord);
+    if (!AppendToRing(pContext->NotifyQueue, pContext->ulNotifyWrite, pContext->ulNotifyCount, *pRecord)) {
+        Trace(NotifyQueueFull, pContext->ulDeviceIndex, pRecord->ulId, pRecord->ulValue);
+        return false;
+    }
+    return true;
 }
 
 // A record made from these fields and stamped now.

@@ -5,12 +5,14 @@
 #include "hotkeys/modifiers.h"
 
 #include "hotkeys/hotkeys.h"
+#include "log/events.h"
 
 // Arms the hotkeys whose mask matches now. A latched prefix that no hotkey uses is marked for the reset.
 // IRQL <= DISPATCH. Fails: never.
 void UpdateHotkeyModifierMatch(HotkeyPass& pass)
 {
     const ULONG ulFlags = pass.Arm();
+    Trace(HotkeysArmed, pass.Context()->ulDeviceIndex, ulFlags);
     if ((ulFlags & MODIFIER_PREFIXES) && !(ulFlags & pass.Prefixes())) {
         WriteShared(Globals.ulPrefixReleased, 0u);
         WriteShared(Globals.ulPrefixUnmatched, 1u);
@@ -30,6 +32,7 @@ void CheckModifierOnlyHotkeys(HotkeyPass& pass, PUCHAR pBuf)
         }
         UCHAR ucBits = ReportBitsOf(entry.ulModifiers);
         if ((pBuf[0] & ucBits) == ucBits) {
+            pass.TraceState(entry, entry.ucDown ? "stays" : "down");
             if (!entry.ucDown) {
                 entry.ucDown = 1;
                 pass.Settle(entry);
@@ -39,6 +42,7 @@ void CheckModifierOnlyHotkeys(HotkeyPass& pass, PUCHAR pBuf)
                 }
             }
             if (ReadShared(entry.ucSwallow) != 0) {
+                Trace(ModifiersTaken, pContext->ulDeviceIndex, pBuf[0] & ucBits);
                 pBuf[0] = static_cast<UCHAR>(pBuf[0] & ~ucBits);
             }
         } else if (entry.ucDown) {
@@ -47,6 +51,7 @@ void CheckModifierOnlyHotkeys(HotkeyPass& pass, PUCHAR pBuf)
             }
             entry.ucDown = 0;
             pass.Settle(entry);
+            pass.TraceState(entry, "up");
         }
     }
 }

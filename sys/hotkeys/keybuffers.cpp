@@ -70,6 +70,7 @@ ULONG SwallowScan(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, ULONG ulIndex
             return ulLen;
         }
     }
+    Trace(KeyHeldBack, pContext->ulDeviceIndex, pBuf[ulIndex]);
     ULONG ulNewLen = RemoveKeyFromBuffer(pBuf, ulLen, ulIndex);
     if (IsLogOn(LOG_TRAFFIC)) {
         LockScope lock(pContext->BufferLock);
@@ -96,6 +97,7 @@ void DiscardSwallowBuffer(PDEVICE_OBJECT device)
         return;
     }
     LockScope lock(pContext->BufferLock);
+    Trace(KeysTaken, pContext->ulDeviceIndex, {pContext->SwallowBuf, pContext->usSwallowCount}, "a hotkey");
     RtlZeroMemory(pContext->SwallowBuf, pContext->usSwallowCount); // behind them all is 0
     WriteShared(pContext->usSwallowCount, 0);
 }
@@ -108,6 +110,7 @@ bool AddDataToInsertBuffer(PDEVICE_OBJECT device, const UCHAR* pUsage)
         Trace(InsertBufferFull, pContext->ulDeviceIndex, *pUsage);
         return false;
     }
+    Trace(KeyGiven, pContext->ulDeviceIndex, *pUsage);
     LogHexDump("(AddDataToInsertBuffer) leaving. InsertBuf: ", pContext->usInsertCount, pContext->InsertBuf);
     return true;
 }

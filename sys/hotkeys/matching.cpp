@@ -10,6 +10,7 @@
 #include "hotkeys/hotkeys.h"
 
 #include "hotkeys/modifiers.h"
+#include "log/events.h"
 #include "log/log.h"
 #include "report/keys.h"
 
@@ -29,8 +30,9 @@ void StepBack(const Walker& walker, ULONG ulNewLen)
     *walker.pLen = ulNewLen;
 }
 
-void RemoveKey(const Walker& walker)
+void RemoveKey(PDEVICE_OBJECT device, const Walker& walker, const char* pszBy)
 {
+    Trace(KeysTaken, FilterContextOf(device)->ulDeviceIndex, {walker.pBuf + *walker.pIndex, 1}, pszBy);
     StepBack(walker, RemoveKeyFromBuffer(walker.pBuf, *walker.pLen, *walker.pIndex));
 }
 
@@ -58,6 +60,8 @@ void GiveBackSwallowBuffer(PDEVICE_OBJECT device)
         if (bNormal && ucUsage != USAGE_FN && !IsPrefixUsage(ucUsage) &&
             ReadShared(Globals.ulPrefixReleased) == 0) {
             (void)AddDataToInsertBuffer(device, &ucUsage); // a full buffer loses the key
+        } else {
+            Trace(KeysTaken, FilterContextOf(device)->ulDeviceIndex, {&ucUsage, 1}, "nobody");
         }
     }
 }
@@ -73,6 +77,7 @@ void EndActiveHotkey(HotkeyPass& pass)
         if (entry.ulId == ulId && entry.ucDown == 1) {
             entry.ucDown = 0;
             pass.Settle(entry);
+            pass.TraceState(entry, "ended");
         }
     }
     WriteShared(pContext->ucHotkeyActive, 0);
@@ -88,7 +93,7 @@ void PassForeignKey(HotkeyPass& pass, USHORT usReleased, const Walker& walker)
         GiveBackSwallowBuffer(device);
         WriteShared(Globals.ucSwallowPending, 0);
     } else if (ReadShared(Globals.ulPrefixReleased) == 1 && usReleased == 0) {
-        RemoveKey(walker);
+        RemoveKey(device, walker, "a prefix");
     }
     if (ReadShared(pass.Context()->ucHotkeyActive) == 1) {
         EndActiveHotkey(pass);
@@ -113,6 +118,7 @@ void PassHotkeyKey(HotkeyPass& pass, USHORT usReleased, const Walker& walker, PU
     if (ucComplete == 1 && ucSwallow == 1) {
         DiscardSwallowBuffer(device);
         if (*walker.pLen > 3) {
+            Trace(ModifiersTaken, FilterContextOf(device)->ulDeviceIndex, walker.pBuf[0]);
             walker.pBuf[0] = 0;
         }
     } else if (ucNoPartial == 1) {
@@ -174,8 +180,9 @@ NTSTATUS ProcessHotkeyScan(HotkeyPass& pass, UCHAR ucUsage, USHORT usReleased, P
                            PULONG pLen, PUCHAR pHotkeyReleased)
 {
     Walker walker = {pBuf, pIndex, pLen};
+    Trace(KeyPassed, pass.Context()->ulDeviceIndex, ucUsage, usReleased == 0);
     if (ReadShared(Globals.ucHotkeyComplete) == 1 && ucUsage == USAGE_ESCAPE && usReleased == 0) {
-        RemoveKey(walker);
+        RemoveKey(pass.Device(), walker, "Esc at a complete hotkey");
         WriteShared(Globals.ucEscAbort, 1);
         CancelTypematicTimers();
         return STATUS_SUCCESS;
@@ -198,6 +205,7 @@ bool UpdateHotkeyListByScan(HotkeyPass& pass, UCHAR ucUsage, USHORT usReleased)
     const bool bTouchAll = usReleased == 1 || ReadShared(Globals.ulPrefixReleased) == 1;
     bool bResult = false;
     for (HotkeyEntry& entry : pass.Holding(ucUsage)) {
+        pass.TraceLook(entry, pass.WasArmed(entry));
         if (!bTouchAll && entry.ucDown != 1 && !pass.WasArmed(entry)) {
             continue;
         }

@@ -12,6 +12,7 @@
 
 #include "driver/context.h"
 #include "hotkeys/index.h"
+#include "log/events.h"
 #include "log/log.h"
 
 extern const bool WalkWhole; // the driver is built so, see pass.cpp
@@ -87,6 +88,17 @@ public:
     // The entry came down or up, or one of its keys did.
     void Settle(const HotkeyEntry& entry);
     ULONG NumberOf(const HotkeyEntry& entry) const { return static_cast<ULONG>(&entry - pFirst); }
+    // Trace points: this key, or report, can mean the entry; what became of it.
+    void TraceLook(const HotkeyEntry& entry, bool bArmed) const
+    {
+        Trace(HotkeyLookedAt, pContext->ulDeviceIndex, NumberOf(entry), entry.ulId, Words[ulWords - 1],
+              bArmed);
+    }
+    void TraceState(const HotkeyEntry& entry, const char* pszState) const
+    {
+        Trace(HotkeyState, pContext->ulDeviceIndex, NumberOf(entry), entry.ulId,
+              {entry.ucHotkeyDown, entry.ulKeyCount}, pszState);
+    }
 
 private:
     HotkeySet Whole() const;

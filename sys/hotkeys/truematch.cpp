@@ -31,6 +31,7 @@ void ReleaseHotkey(HotkeyPass& pass, HotkeyEntry& entry)
     DeviceContext* pContext = pass.Context();
     entry.ucDown = 0;
     pass.Settle(entry);
+    pass.TraceState(entry, "up");
     CancelTypematicTimers();
     SendHotkeyEvent(device, entry.ulId, 0, ReadShared(Globals.ucEscAbort));
     WriteShared(Globals.ucEscAbort, 0);
@@ -61,6 +62,7 @@ UCHAR FindTrueMatch(HotkeyPass& pass, PUCHAR pNoPartial, PUCHAR pSwallow, PUCHAR
         if (entry.ucHeldKeys == entry.ulKeyCount && pass.IsArmed(entry)) {
             ucResult = 1;
             *pSwallow = ReadShared(entry.ucSwallow);
+            pass.TraceState(entry, entry.ucDown ? "stays" : "down");
             if (!entry.ucDown) {
                 PressHotkey(pass, entry);
             }
@@ -70,6 +72,7 @@ UCHAR FindTrueMatch(HotkeyPass& pass, PUCHAR pNoPartial, PUCHAR pSwallow, PUCHAR
             *pHotkeyReleased = 1;
         } else if (entry.ucHeldKeys != 0) {
             *pNoPartial = 0;
+            pass.TraceState(entry, "incomplete");
         }
     }
     return ucResult;

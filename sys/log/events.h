@@ -47,6 +47,8 @@ inline constexpr TraceEvent PendingRead(21, TRACE_VERBOSE, TRACE_USB, "PendingRe
                                         U32{"index"}, U32{"count"}, Address{"request"});
 inline constexpr TraceEvent PendingListFull(22, TRACE_WARNING, TRACE_USB | TRACE_QUEUES, "PendingListFull",
                                             U32{"keyboard"}, Address{"request"});
+inline constexpr TraceEvent DiscardRingFull(23, TRACE_WARNING, TRACE_QUEUES, "DiscardRingFull",
+                                            U32{"keyboard"}, Hex8{"value"});
 
 // Reports.
 inline constexpr TraceEvent Rollover(30, TRACE_INFO, TRACE_REPORTS, "Rollover", U32{"keyboard"},
@@ -54,6 +56,9 @@ inline constexpr TraceEvent Rollover(30, TRACE_INFO, TRACE_REPORTS, "Rollover", 
 inline constexpr TraceEvent ModifierChanged(31, TRACE_VERBOSE, TRACE_REPORTS, "ModifierChanged",
                                             U32{"keyboard"}, Hex32{"modifier"}, U8{"down"},
                                             Hex32{"modifiers"});
+// A report that the keyboard sent, and which of the driver's modes gets it.
+inline constexpr TraceEvent ReportTaken(32, TRACE_VERBOSE, TRACE_REPORTS, "ReportTaken", U32{"keyboard"},
+                                        Text{"mode"}, Bytes{"report"});
 
 // Hotkeys: after each change of the definitions, the lists of all keyboards.
 inline constexpr TraceEvent HotkeyListEntry(40, TRACE_VERBOSE, TRACE_HOTKEYS, "HotkeyListEntry",
@@ -65,6 +70,22 @@ inline constexpr TraceEvent ScanCodeUnknown(42, TRACE_WARNING, TRACE_HOTKEYS, "S
                                             Hex32{"scanCode"});
 // 43 was a hotkey without a definition, which no report can meet.
 
+// A report at the hotkeys: the word that arms them; each key; each hotkey that the key can mean; what became of those
+// with keys held, and of keys.
+inline constexpr TraceEvent HotkeysArmed(44, TRACE_VERBOSE, TRACE_HOTKEYS, "HotkeysArmed", U32{"keyboard"},
+                                         Hex32{"modifiers"});
+inline constexpr TraceEvent KeyPassed(45, TRACE_VERBOSE, TRACE_HOTKEYS, "KeyPassed", U32{"keyboard"},
+                                      Hex8{"key"}, U8{"down"});
+inline constexpr TraceEvent HotkeyLookedAt(46, TRACE_VERBOSE, TRACE_HOTKEYS, "HotkeyLookedAt",
+                                           U32{"keyboard"}, U32{"index"}, U32{"id"}, Hex32{"modifiers"},
+                                           U8{"armed"});
+inline constexpr TraceEvent HotkeyState(47, TRACE_VERBOSE, TRACE_HOTKEYS, "HotkeyState", U32{"keyboard"},
+                                        U32{"index"}, U32{"id"}, Bytes{"held"}, Text{"state"});
+inline constexpr TraceEvent KeysTaken(48, TRACE_VERBOSE, TRACE_HOTKEYS, "KeysTaken", U32{"keyboard"},
+                                      Bytes{"keys"}, Text{"by"});
+inline constexpr TraceEvent ModifiersTaken(49, TRACE_VERBOSE, TRACE_HOTKEYS, "ModifiersTaken",
+                                           U32{"keyboard"}, Hex8{"modifiers"});
+
 // Keys and reports that wait.
 inline constexpr TraceEvent SwallowBufferFull(50, TRACE_WARNING, TRACE_QUEUES, "SwallowBufferFull",
                                               U32{"keyboard"}, Hex8{"key"});
@@ -73,6 +94,16 @@ inline constexpr TraceEvent InsertBufferFull(51, TRACE_WARNING, TRACE_QUEUES, "I
 inline constexpr TraceEvent FifoFull(52, TRACE_WARNING, TRACE_QUEUES, "FifoFull", U32{"keyboard"},
                                      Bytes{"report"});
 inline constexpr TraceEvent FifoEmpty(53, TRACE_VERBOSE, TRACE_QUEUES, "FifoEmpty", U32{"keyboard"});
+inline constexpr TraceEvent KeyHeldBack(54, TRACE_VERBOSE, TRACE_QUEUES, "KeyHeldBack", U32{"keyboard"},
+                                        Hex8{"key"});
+inline constexpr TraceEvent KeyGiven(55, TRACE_VERBOSE, TRACE_QUEUES, "KeyGiven", U32{"keyboard"},
+                                     Hex8{"key"});
+inline constexpr TraceEvent ReadAnswered(56, TRACE_VERBOSE, TRACE_QUEUES, "ReadAnswered", U32{"keyboard"},
+                                         Text{"with"}, Bytes{"report"});
+inline constexpr TraceEvent NotifyQueueFull(57, TRACE_WARNING, TRACE_QUEUES, "NotifyQueueFull",
+                                            U32{"keyboard"}, U32{"id"}, Hex32{"value"});
+inline constexpr TraceEvent MacroQueueFull(58, TRACE_WARNING, TRACE_QUEUES | TRACE_MACRO, "MacroQueueFull",
+                                           U16{"type"});
 
 // The macro mode.
 inline constexpr TraceEvent MacroSettings(60, TRACE_INFO, TRACE_MACRO, "MacroSettings",

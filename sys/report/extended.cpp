@@ -28,8 +28,12 @@ void WriteWord(PUCHAR pBytes, ULONG ulWord)
 void SetHotkeyDown(HotkeyPass& pass, HotkeyEntry& entry, UCHAR ucDown)
 {
     if (entry.ucDown == ucDown) {
+        if (ucDown) {
+            pass.TraceState(entry, "stays");
+        }
         return;
     }
+    pass.TraceState(entry, ucDown ? "down" : "up");
     if (ucDown) {
         entry.ucDown = 1;
         NotifyHotkeyEvent(pass.Device(), entry.ulId, 1);
@@ -106,6 +110,7 @@ NTSTATUS DiagJaalaaPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
     ULONG ulKeys = ReadPattern(pBuf);
     for (HotkeyEntry& entry : pass.Extended(ulKeys)) {
         ULONG ulHotkey = ReadPattern(entry.ucKeys);
+        pass.TraceLook(entry, pass.IsArmed(entry));
         if ((ulKeys & ulHotkey) == ulHotkey && pass.IsArmed(entry)) {
             SetHotkeyDown(pass, entry, 1);
             ulKeys &= ~ulHotkey;
@@ -132,6 +137,7 @@ NTSTATUS DiagJaalaaPacketPower(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
     ULONG ulPower = pBuf[1] == 0 ? 0 : static_cast<ULONG>(pBuf[1]) << 8 | pBuf[0];
     for (HotkeyEntry& entry : pass.Extended(ulPower)) {
         ULONG ulHotkey = ReadPattern(entry.ucKeys);
+        pass.TraceLook(entry, pass.IsArmed(entry));
         if (ulHotkey == ulPower && pass.IsArmed(entry)) {
             SetHotkeyDown(pass, entry, 1);
             ulPower &= ~ulHotkey;

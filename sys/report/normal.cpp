@@ -9,6 +9,7 @@
 #include "report/report.h"
 
 #include "hotkeys/hotkeys.h"
+#include "log/events.h"
 #include "log/log.h"
 
 namespace
@@ -49,16 +50,19 @@ void GiveBackHeldKeys(PDEVICE_OBJECT device)
     while (GetDataFromSwallowBuffer(device, &ucUsage)) {
         if (!IsFnOrPrefix(ucUsage)) {
             (void)AddDataToInsertBuffer(device, &ucUsage); // a full buffer loses the key
+        } else {
+            Trace(KeysTaken, FilterContextOf(device)->ulDeviceIndex, {&ucUsage, 1}, "Fn or a prefix");
         }
     }
 }
 
 // From ulFrom on, takes the Fn and prefix keys out; the same position is looked at again after each.
-ULONG StripFnAndPrefixKeys(PUCHAR pBuf, ULONG ulLen, ULONG ulFrom)
+ULONG StripFnAndPrefixKeys(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, ULONG ulFrom)
 {
     ULONG i = ulFrom;
     while (i < ulLen && pBuf[i] != 0) {
         if (IsFnOrPrefix(pBuf[i])) {
+            Trace(KeysTaken, FilterContextOf(device)->ulDeviceIndex, {pBuf + i, 1}, "Fn or a prefix");
             ulLen = RemoveKeyFromBuffer(pBuf, ulLen, i);
         } else {
             i++;
@@ -87,6 +91,7 @@ NTSTATUS DiagNormalPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
     ULONG ulCurrentLen = ulLen;
     if (PassReleasedKeys(pass, ulLen, pBuf, &ulCurrentLen)) {
         for (ULONG i = FirstKeyPosition(ulLen); i < ulLen && pBuf[i] != 0; i++) {
+            Trace(KeysTaken, pContext->ulDeviceIndex, {pBuf + i, 1}, "the release of a hotkey");
             pBuf[i] = 0;
         }
     }
@@ -95,7 +100,7 @@ NTSTATUS DiagNormalPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
         GiveBackHeldKeys(device);
     }
     ULONG ulFrom = ulCurrentLen == 8 ? 2 : ulCurrentLen == 3 ? 1 : ulStopped;
-    ulCurrentLen = StripFnAndPrefixKeys(pBuf, ulCurrentLen, ulFrom);
+    ulCurrentLen = StripFnAndPrefixKeys(device, pBuf, ulCurrentLen, ulFrom);
 
     RtlCopyMemory(pContext->ucOldPacket, ucReceived, ulLen);
     LogHexDump("(DiagNormalPacket) new packet:", ulCurrentLen, pBuf);

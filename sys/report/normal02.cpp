@@ -5,6 +5,7 @@
 #include "report/report.h"
 
 #include "hotkeys/hotkeys.h"
+#include "log/events.h"
 #include "log/log.h"
 
 namespace
@@ -23,12 +24,14 @@ void ReleaseHotkey(HotkeyPass& pass, HotkeyEntry& entry, const char* pszLog)
     }
     entry.ucDown = 0;
     pass.Settle(entry);
+    pass.TraceState(entry, "up");
 }
 
 void PressHotkey(HotkeyPass& pass, HotkeyEntry& entry)
 {
     entry.ucDown = 1;
     pass.Settle(entry);
+    pass.TraceState(entry, "down");
     NotifyHotkeyEvent(pass.Device(), entry.ulId, 1);
     LogPrintf(LOG_TRAFFIC, 1, "(DiagNormalPacket02) Fire DOWN event");
     if (pass.Context()->ucSendUpEventImmediately) {
@@ -46,6 +49,7 @@ bool TakeHotkeyOut(HotkeyPass& pass, HotkeyEntry& entry, ULONG ulLen, PUCHAR pBu
             continue;
         }
         bFound = true;
+        Trace(KeysTaken, pass.Context()->ulDeviceIndex, {pBuf + i, 1}, "a hotkey");
         (void)RemoveKeyFromBuffer(pBuf, ulLen, i);
         if (!entry.ucDown) {
             PressHotkey(pass, entry);
@@ -71,6 +75,7 @@ NTSTATUS DiagNormalPacket02(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
         if (entry.ucKeys[0] == 0) {
             continue;
         }
+        pass.TraceLook(entry, pass.IsArmed(entry));
         if (!pass.IsArmed(entry)) {
             ReleaseHotkey(pass, entry, nullptr);
         } else if (!TakeHotkeyOut(pass, entry, ulLen, pBuf)) {

@@ -13,14 +13,16 @@
 
 #include "ground/sums.h"
 #include "hotkeys/buffers.h"
+#include "log/events.h"
 #include "log/log.h"
 #include "macro/parked.h"
 #include "report/keys.h"
 
 namespace
 {
-UCHAR Answered(const Transfer& read)
+UCHAR Answered(DeviceContext* pContext, const Transfer& read, const char* pszWith)
 {
+    Trace(ReadAnswered, pContext->ulDeviceIndex, pszWith, {read.pBuf, read.ulLen});
     read.pUrb->UrbHeader.Status = USBD_STATUS_SUCCESS; // the length stays what the stack asked for
     return URB_ANSWERED;
 }
@@ -45,7 +47,7 @@ UCHAR ParkRead(PDEVICE_OBJECT device, PIRP Irp, const Transfer& read)
         if (!NT_SUCCESS(PlaceFifoReport(device, read))) {
             RtlZeroMemory(read.pBuf, read.ulLen);
         }
-        (void)Answered(read);
+        (void)Answered(FilterContextOf(device), read, "a whole report");
         status = STATUS_SUCCESS;
     }
     Irp->IoStatus.Status = status;
@@ -163,15 +165,22 @@ UCHAR AnswerRead(PDEVICE_OBJECT device, PIRP Irp, const Transfer& read)
             return ParkRead(device, Irp, read);
         }
         if (NT_SUCCESS(PlaceFifoReport(device, read))) {
-            return Answered(read);
+            return Answered(pContext, read, "a whole report");
         }
     }
-    if (ReadShared(pContext->KbdType) == NORMALKbdType &&
-        (PlaceModifierReport(pContext, read) || PlaceDiscardedReport(pContext, read))) {
-        return Answered(read);
+    if (ReadShared(pContext->KbdType) == NORMALKbdType) {
+        if (PlaceModifierReport(pContext, read)) {
+            return Answered(pContext, read, "modifiers of the application");
+        }
+        if (PlaceDiscardedReport(pContext, read)) {
+            return Answered(pContext, read, "a key of discard mode");
+        }
     }
-    if (PlaceEmptyReport(pContext, read) || PlaceInsertedKeys(device, read)) {
-        return Answered(read);
+    if (PlaceEmptyReport(pContext, read)) {
+        return Answered(pContext, read, "the release of given keys");
+    }
+    if (PlaceInsertedKeys(device, read)) {
+        return Answered(pContext, read, "given keys");
     }
     return URB_PASS;
 }

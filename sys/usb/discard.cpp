@@ -4,6 +4,7 @@
 #include "usb/pending.h"
 
 #include "ground/ring.h"
+#include "log/events.h"
 
 // Appends one held-back value.
 // IRQL <= DISPATCH. Lock: takes DiscardLock. Owns: copies the value. Fails: 128 held.
@@ -11,10 +12,12 @@ NTSTATUS AddDiscardedPacket(PDEVICE_OBJECT device, const UCHAR* pValue, UCHAR uc
 {
     DeviceContext* pContext = FilterContextOf(device);
     LockScope lock(pContext->DiscardLock);
-    return AppendToRing(pContext->DiscardRing, pContext->ulDiscardWrite, pContext->ulDiscardCount,
-                        {*pValue, ucIsModifier})
-               ? STATUS_SUCCESS
-               : STATUS_UNSUCCESSFUL;
+    if (!AppendToRing(pContext->DiscardRing, pContext->ulDiscardWrite, pContext->ulDiscardCount,
+                      {*pValue, ucIsModifier})) {
+        Trace(DiscardRingFull, pContext->ulDeviceIndex, *pValue);
+        return STATUS_UNSUCCESSFUL;
+    }
+    return STATUS_SUCCESS;
 }
 
 // IRQL <= DISPATCH. Lock: takes DiscardLock. Fails: unknown index.

@@ -74,14 +74,21 @@ void HandleReport(PDEVICE_OBJECT device, const Transfer& read, ULONG ulKbdType)
     }
     ULONG ulKeyDefTypes = ReadShared(pContext->ulKeyDefTypes);
     bool bProcessing = ReadShared(pContext->ucReportProcessing) == 1;
+    const ULONG ulDevice = pContext->ulDeviceIndex;
     if (IsMacroModeReport(ulKeyDefTypes)) {
+        Trace(ReportTaken, ulDevice, "macro", {read.pBuf, read.ulLen});
         PassMacroMode(device, read.pBuf, read.ulLen, ulKbdType, ulKeyDefTypes);
     } else if (bProcessing && (ulKeyDefTypes & KEYDEF_DISCARD)) {
+        Trace(ReportTaken, ulDevice, "discard", {read.pBuf, read.ulLen});
         PassDiscardMode(device, read);
     } else if (bProcessing && (ulKeyDefTypes & KEYDEF_POINT_OF_SALE)) {
+        Trace(ReportTaken, ulDevice, "sale", {read.pBuf, read.ulLen});
         (void)HandleOPOSPacket(device, read.ulLen, read.pBuf);
     } else if (bProcessing && (ulKeyDefTypes & KEYDEF_HOTKEY)) {
+        Trace(ReportTaken, ulDevice, "hotkeys", {read.pBuf, read.ulLen});
         (void)DiagUSBPacket(device, read.ulLen, read.pBuf); // a report without a handler goes on as it is
+    } else {
+        Trace(ReportTaken, ulDevice, "none", {read.pBuf, read.ulLen});
     }
 }
 } // namespace

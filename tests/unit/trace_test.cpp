@@ -3,10 +3,12 @@
 #include "machine.h"
 #include "urbs.h"
 #include "control/control.h"
+#include "control/notification.h"
 #include "hotkeys/hotkeys.h"
 #include "log/events.h"
 #include "report/report.h"
 #include "trace_decoder.h"
+#include "usb/pending.h"
 #include "usb/usb.h"
 
 namespace
@@ -78,7 +80,8 @@ TEST(Trace, SessionsChooseByLevelAndKeyword)
     EXPECT_EQ(names(TRACE_INFO, TRACE_REPORTS | TRACE_USB),
               (std::set<std::string>{"ConfigurationSelected", "Interface"}));
     EXPECT_EQ(names(TRACE_VERBOSE, TRACE_REPORTS | TRACE_HOTKEYS),
-              (std::set<std::string>{"HotkeyListEntry", "ModifierChanged"}));
+              (std::set<std::string>{"HotkeyListEntry", "HotkeyLookedAt", "HotkeyState", "HotkeysArmed",
+                                     "KeyPassed", "ModifierChanged", "ReportTaken"}));
 }
 
 // Each look-up, the registration and the provider's name fail in turn, then all look-ups: the driver serves all
@@ -340,20 +343,126 @@ TEST_F(TraceTest, FullAndEmptyQueues)
     for (ULONG i = 0; i < FIFO_SIZE; i++) {
         EXPECT_EQ(InsertUSBPacketFifin(Filter(), &entry), STATUS_SUCCESS);
     }
-    EXPECT_EQ(Listener.Take(), Lines{});
+    const UCHAR ucLock = USAGE_NUM_LOCK;
+    for (ULONG i = 0; i < DISCARD_RING_SIZE; i++) {
+        EXPECT_EQ(AddDiscardedPacket(Filter(), &ucLock, 0), STATUS_SUCCESS);
+    }
+    for (ULONG i = 0; i < NOTIFY_QUEUE_SIZE; i++) {
+        EXPECT_EQ(QueueEvent(Filter(), 7, 1, 0, NOTIFY_SOURCE_HOTKEY), STATUS_SUCCESS);
+    }
+    const MacroRecord record = {MACRO_RECORD_MODE, 0, 1, 0, {}};
+    for (ULONG i = 0; i < MACRO_QUEUE_SIZE; i++) {
+        EXPECT_EQ(QueueMacroRecord(&record), STATUS_SUCCESS);
+    }
+    const std::vector<std::string> kept = Listener.Take();
+    EXPECT_EQ(kept.size(), 2u * KEY_BUFFER_SIZE);
+    EXPECT_EQ(std::set<std::string>(kept.begin(), kept.end()),
+              (std::set<std::string>{"KeyHeldBack keyboard=0 key=0x4", "KeyGiven keyboard=0 key=0x5"}));
     UCHAR ucReport[3] = {0, 6, 0}, ucUsage = 7;
     EXPECT_EQ(SwallowScan(Filter(), ucReport, 3, 1), 3u);
     EXPECT_FALSE(AddDataToInsertBuffer(Filter(), &ucUsage));
     EXPECT_EQ(InsertUSBPacketFifin(Filter(), &entry), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(AddDiscardedPacket(Filter(), &ucLock, 0), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(QueueEvent(Filter(), 7, 0xE0, 0, NOTIFY_SOURCE_HOTKEY), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(QueueMacroRecord(&record), STATUS_UNSUCCESSFUL);
     FifoEntry taken;
     while (NT_SUCCESS(GetUSBPacketFifo(Keyboard->Index(), &taken))) {
     }
     EXPECT_EQ(Listener.Take(),
               (Lines{"SwallowBufferFull keyboard=0 key=0x6", "InsertBufferFull keyboard=0 key=0x7",
-                     "FifoFull keyboard=0 report=010203", "FifoEmpty keyboard=0"}));
+                     "FifoFull keyboard=0 report=010203", "DiscardRingFull keyboard=0 value=0x53",
+                     "NotifyQueueFull keyboard=0 id=7 value=0xe0", "MacroQueueFull type=1",
+                     "FifoEmpty keyboard=0"}));
     DiscardSwallowBuffer(Filter());
     while (GetDataFromInsertBuffer(Filter(), &ucUsage)) {
     }
+}
+
+// What became of each key and of each hotkey that it can mean, in the driver's order.
+TEST_F(TraceTest, KeysAtTheHotkeys)
+{
+    KeyDefinition swallowing = Hotkey(7), pair = Hotkey(8, MODIFIER_ANY_CONTROL, {0x1E, 0x30}),
+                  modifiers = Hotkey(9, MODIFIER_LEFT_SHIFT | MODIFIER_LEFT_ALT, {});
+    swallowing.ulSwallow = modifiers.ulSwallow = 1;
+    for (const KeyDefinition* p : {&swallowing, &pair, &modifiers}) {
+        ASSERT_EQ(AddKeyDefinition(Filter(), p), STATUS_SUCCESS);
+    }
+    EXPECT_EQ(StartReportProcessing(Keyboard->Index()), STATUS_SUCCESS);
+    Listen();
+    const struct {
+        EmuBytes report;
+        bool bSimple;
+        Lines lines;
+    } rows[] = {
+        {{1, 0, 0x3A, 0, 0, 0, 0, 0}, // taken from the system
+         false,
+         {"ReportTaken mode=hotkeys report=01003A0000000000", "HotkeysArmed modifiers=0x402",
+          "KeyPassed key=0x3a down=1", "HotkeyLookedAt index=0 id=7 modifiers=0x402 armed=1",
+          "KeyHeldBack key=0x3a", "HotkeyState index=0 id=7 held=01 state=down",
+          "KeysTaken keys=3A by=a hotkey", "ModifiersTaken modifiers=0x1"}},
+        {{1, 0, 4, 0x3A, 0, 0, 0, 0}, // a key of another hotkey, which waits for the second one; F1 goes on
+         false,
+         {"ReportTaken mode=hotkeys report=0100043A00000000", "HotkeysArmed modifiers=0x402",
+          "KeyPassed key=0x4 down=1", "HotkeyLookedAt index=1 id=8 modifiers=0x402 armed=1",
+          "KeyHeldBack key=0x4", "HotkeyState index=0 id=7 held=01 state=stays",
+          "HotkeyState index=1 id=8 held=0100 state=incomplete", "KeysTaken keys=04 by=a hotkey",
+          "ModifiersTaken modifiers=0x1", "KeyPassed key=0x3a down=1",
+          "HotkeyLookedAt index=0 id=7 modifiers=0x402 armed=1", "KeyHeldBack key=0x3a",
+          "HotkeyState index=0 id=7 held=01 state=stays",
+          "HotkeyState index=1 id=8 held=0100 state=incomplete", "KeysTaken keys=3A by=a hotkey",
+          "ModifiersTaken modifiers=0x0"}},
+        {{1, 0, 9, 0, 0, 0, 0, 0}, // both go up, which empties the report
+         false,
+         {"ReportTaken mode=hotkeys report=0100090000000000", "HotkeysArmed modifiers=0x402",
+          "KeyPassed key=0x4 down=0", "HotkeyLookedAt index=1 id=8 modifiers=0x402 armed=1",
+          "HotkeyState index=0 id=7 held=01 state=stays", "HotkeyState index=0 id=7 held=01 state=stays",
+          "ModifiersTaken modifiers=0x1", "KeyPassed key=0x3a down=0",
+          "HotkeyLookedAt index=0 id=7 modifiers=0x402 armed=1", "HotkeyState index=0 id=7 held=00 state=up",
+          "KeysTaken keys=09 by=the release of a hotkey"}},
+        {{6, 0, 0, 0, 0, 0, 0, 0}, // modifiers only
+         false,
+         {"ReportTaken mode=hotkeys report=0600000000000000", "HotkeyState index=2 id=9 held= state=down",
+          "ModifiersTaken modifiers=0x6", "HotkeysArmed modifiers=0x0", "KeyPassed key=0x9 down=0"}},
+        {{1, 0, 0x3A, 0, 0, 0, 0, 0}, // held until another key comes
+         false,
+         {"ReportTaken mode=hotkeys report=01003A0000000000", "HotkeyState index=2 id=9 held= state=up",
+          "HotkeysArmed modifiers=0x402", "KeyPassed key=0x3a down=1",
+          "HotkeyLookedAt index=0 id=7 modifiers=0x402 armed=1", "KeyHeldBack key=0x3a",
+          "HotkeyState index=0 id=7 held=01 state=down", "KeysTaken keys=3A by=a hotkey",
+          "ModifiersTaken modifiers=0x1"}},
+        {{1, 0, 0x3A, 9, 0, 0, 0, 0},
+         false,
+         {"ReportTaken mode=hotkeys report=01003A0900000000", "HotkeysArmed modifiers=0x402",
+          "KeyPassed key=0x3a down=1", "HotkeyLookedAt index=0 id=7 modifiers=0x402 armed=1",
+          "KeyHeldBack key=0x3a", "HotkeyState index=0 id=7 held=01 state=stays",
+          "KeysTaken keys=3A by=a hotkey", "ModifiersTaken modifiers=0x1", "KeyPassed key=0x9 down=1",
+          "KeyHeldBack key=0x9", "KeyGiven key=0x9", "HotkeyState index=0 id=7 held=01 state=ended"}},
+        {{1, 0, 0x3A, 0, 0, 0, 0, 0}, // at simple matching
+         true,
+         {"ReportTaken mode=hotkeys report=01003A0000000000", "HotkeysArmed modifiers=0x402",
+          "HotkeyLookedAt index=0 id=7 modifiers=0x402 armed=1", "KeysTaken keys=3A by=a hotkey",
+          "HotkeyState index=0 id=7 held=01 state=down"}},
+        {{0, 0, 0, 0, 0, 0, 0, 0},
+         true,
+         {"ReportTaken mode=hotkeys report=0000000000000000", "HotkeysArmed modifiers=0x0",
+          "HotkeyLookedAt index=0 id=7 modifiers=0x0 armed=0", "HotkeyState index=0 id=7 held=01 state=up"}},
+    };
+    for (const auto& row : rows) {
+        Context()->ucRunDiagNormalPacket02 = row.bSimple;
+        Keyboard->Report(row.report);
+        Lines lines =
+            Listener.Take({"ReportTaken", "HotkeysArmed", "KeyPassed", "HotkeyLookedAt", "HotkeyState",
+                           "KeysTaken", "KeyHeldBack", "KeyGiven", "ModifiersTaken", "ReadAnswered"});
+        for (std::string& line : lines) {
+            line.erase(line.find(" keyboard=0"), sizeof("keyboard=0"));
+        }
+        EXPECT_EQ(lines, row.lines);
+    }
+    const FifoEntry entry = {0, 8, {0, 0, 5}};
+    EXPECT_EQ(InsertUSBPacketFifin(Filter(), &entry), STATUS_SUCCESS);
+    Keyboard->Report({0, 0, 0, 0, 0, 0, 0, 0});
+    EXPECT_EQ(Listener.Take({"ReadAnswered"}),
+              (Lines{"ReadAnswered keyboard=0 with=a whole report report=0000050000000000"}));
 }
 
 TEST_F(TraceTest, PointOfSaleKeys)
