@@ -46,45 +46,8 @@ FORCEINLINE LONG InterlockedOr(LONG volatile* pTarget, LONG mask)
     return __atomic_fetch_or(pTarget, mask, __ATOMIC_SEQ_CST);
 }
 
-FORCEINLINE LONG InterlockedXor(LONG volatile* pTarget, LONG mask)
-{
-    SCHEDULE_POINT();
-    return __atomic_fetch_xor(pTarget, mask, __ATOMIC_SEQ_CST);
-}
-
-FORCEINLINE LONG64 InterlockedIncrement64(LONG64 volatile* pTarget)
-{
-    SCHEDULE_POINT();
-    return __atomic_add_fetch(pTarget, 1, __ATOMIC_SEQ_CST);
-}
-
-FORCEINLINE LONG64 InterlockedExchange64(LONG64 volatile* pTarget, LONG64 value)
-{
-    SCHEDULE_POINT();
-    return __atomic_exchange_n(pTarget, value, __ATOMIC_SEQ_CST);
-}
-
-FORCEINLINE LONG64 InterlockedCompareExchange64(LONG64 volatile* pTarget, LONG64 exchange, LONG64 comparand)
-{
-    SCHEDULE_POINT();
-    __atomic_compare_exchange_n(pTarget, &comparand, exchange, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
-    return comparand;
-}
-
 FORCEINLINE PVOID InterlockedExchangePointer(PVOID volatile* pTarget, PVOID value)
 {
     SCHEDULE_POINT();
     return __atomic_exchange_n(pTarget, value, __ATOMIC_SEQ_CST);
-}
-
-FORCEINLINE PVOID InterlockedCompareExchangePointer(PVOID volatile* pTarget, PVOID exchange, PVOID comparand)
-{
-    SCHEDULE_POINT();
-    __atomic_compare_exchange_n(pTarget, &comparand, exchange, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
-    return comparand;
-}
-
-FORCEINLINE void KeMemoryBarrier()
-{
-    __atomic_thread_fence(__ATOMIC_SEQ_CST);
 }

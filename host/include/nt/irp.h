@@ -158,15 +158,10 @@ static_assert(sizeof(IO_STACK_LOCATION) == 72 && sizeof(IRP) == 208 && sizeof(IO
 
 #define IO_NO_INCREMENT 0
 #define IO_KEYBOARD_INCREMENT 6
-#define EVENT_INCREMENT 1
 
 #define METHOD_BUFFERED 0
-#define METHOD_IN_DIRECT 1
-#define METHOD_OUT_DIRECT 2
 #define METHOD_NEITHER 3
 #define FILE_ANY_ACCESS 0x0000
-#define FILE_READ_ACCESS 0x0001
-#define FILE_WRITE_ACCESS 0x0002
 #define CTL_CODE(DeviceType, Function, Method, Access)                                                       \
     (((ULONG)(DeviceType) << 16) | ((ULONG)(Access) << 14) | ((ULONG)(Function) << 2) | (ULONG)(Method))
 #define METHOD_FROM_CTL_CODE(ctrlCode) ((ULONG)((ctrlCode)&3))

@@ -15,9 +15,7 @@
 #define REG_BINARY 3
 #define REG_DWORD 4
 #define REG_DWORD_BIG_ENDIAN 5
-#define REG_LINK 6
 #define REG_MULTI_SZ 7
-#define REG_QWORD 11
 
 #define RTL_REGISTRY_ABSOLUTE 0
 #define RTL_REGISTRY_SERVICES 1

@@ -49,7 +49,6 @@ static_assert(sizeof(WCHAR) == 2, "compile with -fshort-wchar");
 #define UNREFERENCED_PARAMETER(P) ((void)(P))
 #define ARRAYSIZE(array) (sizeof(array) / sizeof((array)[0]))
 #define FIELD_OFFSET(type, field) ((LONG)offsetof(type, field))
-#define RTL_FIELD_SIZE(type, field) (sizeof(((type*)0)->field))
 #define CONTAINING_RECORD(address, type, field) ((type*)((PCHAR)(address)-offsetof(type, field)))
 
 extern bool HostSeeded;
@@ -158,15 +157,6 @@ FORCEINLINE void InsertTailList(PLIST_ENTRY pHead, PLIST_ENTRY pEntry)
     pHead->Blink = pEntry;
 }
 
-FORCEINLINE void InsertHeadList(PLIST_ENTRY pHead, PLIST_ENTRY pEntry)
-{
-    PLIST_ENTRY pFirst = pHead->Flink;
-    pEntry->Flink = pFirst;
-    pEntry->Blink = pHead;
-    pFirst->Blink = pEntry;
-    pHead->Flink = pEntry;
-}
-
 FORCEINLINE PLIST_ENTRY RemoveHeadList(PLIST_ENTRY pHead)
 {
     PLIST_ENTRY pEntry = pHead->Flink;
@@ -174,9 +164,3 @@ FORCEINLINE PLIST_ENTRY RemoveHeadList(PLIST_ENTRY pHead)
     return pEntry;
 }
 
-FORCEINLINE PLIST_ENTRY RemoveTailList(PLIST_ENTRY pHead)
-{
-    PLIST_ENTRY pEntry = pHead->Blink;
-    RemoveEntryList(pEntry);
-    return pEntry;
-}

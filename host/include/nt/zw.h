@@ -9,7 +9,6 @@
 #define KEY_WRITE 0x00020006u
 #define KEY_ALL_ACCESS 0x000F003Fu
 #define REG_OPTION_NON_VOLATILE 0
-#define REG_OPTION_VOLATILE 1
 #define REG_CREATED_NEW_KEY 1
 #define REG_OPENED_EXISTING_KEY 2
 
@@ -59,7 +58,6 @@ typedef struct _KEY_VALUE_PARTIAL_INFORMATION {
 } KEY_VALUE_PARTIAL_INFORMATION, *PKEY_VALUE_PARTIAL_INFORMATION;
 
 typedef enum _FILE_INFORMATION_CLASS {
-    FileBasicInformation = 4,
     FileStandardInformation = 5,
     FileRenameInformation = 10,
     FileDispositionInformation = 13,
