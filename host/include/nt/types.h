@@ -163,4 +163,3 @@ FORCEINLINE PLIST_ENTRY RemoveHeadList(PLIST_ENTRY pHead)
     RemoveEntryList(pEntry);
     return pEntry;
 }
-
