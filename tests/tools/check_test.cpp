@@ -202,6 +202,8 @@ TEST(Check, FollowsTheMacroSettings)
     FileBytes held = MacroFileHead();
     AppendMacro(held, 0x3A, {{0, 0, 4}});
     folder.Write("held.bin", held);
+    const std::string wrong = "[[macro]]\nplay = [\"ctr+c\"]\n[[macro]]\nkey = \"F1\"\nmark = 1\n";
+    folder.Write("wrong.toml", {wrong.begin(), wrong.end()});
     const std::string file = folder.Path() + "/my.toml";
     const std::string before = "[settings]\nKorvexHotkey = \"F12\"\nKorvexLEDDisabled = 0\nKorvexDelay = 1\n";
     const std::pair<std::string, Texts> cases[] = {
@@ -217,6 +219,12 @@ TEST(Check, FollowsTheMacroSettings)
         {before + "KorvexConfigFile = \"none.bin\"",
          {"5: KorvexConfigFile: " + folder.Path() +
           "/none.bin:1: cannot be read: No such file or directory"}},
+        {before + "KorvexConfigFile = \"wrong.toml\"", // all that is wrong in it
+         {"5: " + folder.Path() + "/wrong.toml:1: a macro needs a key or modifiers, one of the two",
+          "5: " + folder.Path() + "/wrong.toml:2: unknown key name 'ctr' (did you mean 'ctrl'?)",
+          "5: " + folder.Path() + "/wrong.toml:5: a mark belongs to modifiers, not to a key"}},
+        {before + "KorvexConfigFile = \"absent.toml\"",
+         {"5: " + folder.Path() + "/absent.toml:1: cannot be read: No such file or directory"}},
         {before + "KorvexConfigFile = 'C:\\macros\\a.bin'",
          {"5: KorvexConfigFile: 'C:\\macros\\a.bin' is a plain path, which the driver opens nowhere: it has "
           "no "

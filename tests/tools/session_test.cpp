@@ -96,3 +96,18 @@ TEST(Session, BecomesAPageOfBars)
     for (const char* pOutside : {"http:", "https:", "src=", "href=", "@SESSION@"})
         EXPECT_EQ(std::string::npos, page.find(pOutside)) << pOutside;
 }
+
+// A key of a cashier's keyboard that repeats tells its byte as a hotkey tells its state; Esc's is 1.
+TEST(Session, TellsAHeldEscOfACashierAsAScanCode)
+{
+    UsbmonStory story;
+    story.Enumerate(0x1234, 0x5678, ConfigurationOf({{3, 1, 1}}));
+    story.At(1000).Report({0, 0, 0x29, 0, 0, 0, 0, 0});
+    story.At(600000).Report({0, 0, 0, 0, 0, 0, 0, 0});
+    Session session = Taken(story, "[[definition]]\nid = 5\ntype = 5\n" + std::string(CtrlF1));
+    std::string told;
+    for (const SessionLine& line : session.lines)
+        if (line.kind == LineKind::Event)
+            told += WordsOf(session, line) + "\n";
+    EXPECT_EQ("scan 01 of definition 5\nscan 01 of definition 5\nscan 81 of definition 5\n", told);
+}

@@ -8,7 +8,7 @@ std::string TextOfUtf16(const uint8_t* pBytes, size_t cBytes)
 {
     std::u16string text;
     for (size_t i = 0; i + 1 < cBytes; i += 2)
-        text.push_back(static_cast<char16_t>(pBytes[i] | pBytes[i + 1] << 8));
+        text.push_back(WordAt(pBytes, i));
     return tvusb::ToUtf8(text);
 }
 
@@ -41,6 +41,11 @@ std::string HexOf(const std::vector<uint8_t>& bytes, std::string_view separator)
         text += pDigits[ucByte & 15];
     }
     return text;
+}
+
+std::string StatusText(int64_t llStatus)
+{
+    return fmt::format("status 0x{:08x}", static_cast<uint32_t>(llStatus));
 }
 
 std::string QuotedJson(std::string_view text)

@@ -18,5 +18,14 @@ std::string_view Trim(std::string_view text);
 // Lower-case hexadecimal digits, with the separator between the bytes.
 std::string HexOf(const std::vector<uint8_t>& bytes, std::string_view separator = "");
 
+// "status 0xc000000d"
+std::string StatusText(int64_t llStatus);
+
+// The little-endian word of two bytes there.
+inline uint16_t WordAt(const uint8_t* pBytes, size_t cAt = 0)
+{
+    return static_cast<uint16_t>(pBytes[cAt] | pBytes[cAt + 1] << 8);
+}
+
 // A JSON string with its quotes; the text is UTF-8.
 std::string QuotedJson(std::string_view text);

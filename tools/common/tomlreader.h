@@ -51,6 +51,19 @@ protected:
             m_pProblems->push_back({error.Line(), WithoutPlace(error)});
         }
     }
+    // Likewise for what stands in another file, which that line names.
+    template <typename Part> void TryAt(unsigned uLine, Part part) const
+    {
+        try {
+            part();
+        } catch (const InputError& error) {
+            if (!m_pProblems)
+                throw;
+            m_pProblems->push_back({uLine, error.what()});
+        }
+    }
+    bool TellsAll() const { return m_pProblems != nullptr; }
+    void Tell(Problem problem) const { m_pProblems->push_back(std::move(problem)); }
 
     void RefuseUnknownKeys(const toml::table& table, std::initializer_list<std::string_view> known,
                            const char* pWhere) const;

@@ -95,7 +95,9 @@ int Live(const Arguments& arguments)
                                      fmt::join(EmuMachine::KindNames(), ", ")));
     if (!arguments.config.empty())
         options.config = ReadConfig(arguments.config);
-    auto printer = arguments.bJson ? MakeJsonPrinter(stdout) : MakeTablePrinter(stdout, TerminalOf(stdout));
+    auto printer = arguments.bJson
+                       ? MakeJsonPrinter(stdout)
+                       : MakeTablePrinter(stdout, TerminalOf(stdout), EventKinds(options.config.definitions));
     if (arguments.bWatch) {
         setvbuf(stdout, nullptr, _IOLBF, 0);
         options.pWatch = printer.get();

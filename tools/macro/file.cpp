@@ -1,6 +1,7 @@
 // file.cpp - the driver's macro file, byte by byte.
 #include "file.h"
 #include "tools/common/failure.h"
+#include "tools/common/text.h"
 
 #include <fmt/format.h>
 
@@ -8,11 +9,6 @@
 
 namespace
 {
-
-size_t WordAt(const std::vector<uint8_t>& content, size_t cAt)
-{
-    return static_cast<size_t>(content[cAt] | content[cAt + 1] << 8);
-}
 
 void AppendWord(std::vector<uint8_t>& content, size_t cValue)
 {
@@ -25,9 +21,9 @@ MacroEntry RecordAt(const std::vector<uint8_t>& content, size_t cAt)
 {
     MacroEntry entry;
     entry.cOffset = cAt;
-    entry.usKey = static_cast<uint16_t>(WordAt(content, cAt));
+    entry.usKey = WordAt(content.data(), cAt);
     auto pAction = content.begin() + static_cast<ptrdiff_t>(cAt) + 4;
-    size_t cLeft = WordAt(content, cAt + 2);
+    size_t cLeft = WordAt(content.data(), cAt + 2);
     for (; cLeft >= MacroActionBytes; cLeft -= MacroActionBytes, pAction += MacroActionBytes) {
         MacroAction action;
         std::copy_n(pAction, 2, action.head.begin());
@@ -53,7 +49,7 @@ MacroFile ReadMacroFile(const std::string& file, const std::vector<uint8_t>& con
     auto from = [&](size_t cOffset) { return content.begin() + static_cast<ptrdiff_t>(cOffset); };
     macros.unread.assign(from(cAt), from(cAt + cUnread));
     cAt += cUnread;
-    while (content.size() - cAt >= 4 && content.size() - cAt - 4 >= WordAt(content, cAt + 2)) {
+    while (content.size() - cAt >= 4 && content.size() - cAt - 4 >= WordAt(content.data(), cAt + 2)) {
         macros.macros.push_back(RecordAt(content, cAt));
         cAt += 4 + macros.macros.back().ActionBytes();
     }

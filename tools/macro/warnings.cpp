@@ -117,7 +117,7 @@ private:
             return fmt::format("a record is cut: {} of the 4 bytes of its head; the driver drops it",
                                tail.size());
         return fmt::format("a record is cut: {} of its {} bytes of actions; the driver drops it",
-                           tail.size() - 4, tail[2] | tail[3] << 8);
+                           tail.size() - 4, WordAt(tail.data(), 2));
     }
 
     const MacroFile& m_macros;

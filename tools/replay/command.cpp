@@ -58,18 +58,6 @@ private:
     bool m_bShown = false;
 };
 
-std::set<uint32_t> ScanIdsOf(const ReplayConfig& config)
-{
-    std::set<uint32_t> ids;
-    for (const KeyDefinition& definition : config.definitions)
-        if (definition.ulType == DEFINITION_POINT_OF_SALE)
-            ids.insert(definition.ulId);
-    for (const KeyDefinition& definition : config.definitions)
-        if (definition.ulType != DEFINITION_POINT_OF_SALE)
-            ids.erase(definition.ulId);
-    return ids;
-}
-
 void FollowUntilInterrupted()
 {
     signal(SIGINT, [](int) { StopFollowing(); });
@@ -100,8 +88,9 @@ int Replay(Arguments arguments)
         return session.totals.uLeaks == 0 ? ExitGood : ExitFailed;
     }
     bool bTerminal = isatty(STDOUT_FILENO);
-    auto printer = arguments.bJson ? MakeJsonPrinter(stdout)
-                                   : MakeTablePrinter(stdout, TerminalOf(stdout), ScanIdsOf(config));
+    auto printer = arguments.bJson
+                       ? MakeJsonPrinter(stdout)
+                       : MakeTablePrinter(stdout, TerminalOf(stdout), EventKinds(config.definitions));
     if (arguments.bChanged)
         printer = MakeChangedPrinter(std::move(printer));
     if (arguments.choice.bFollow)

@@ -112,13 +112,29 @@ private:
         file.path = fs::path(file.text).lexically_normal();
         if (name == "KorvexConfigFile" && !file.text.empty() && file.text[0] != '\\') {
             m_config.macroFile = (m_folder / file.path).string();
-            if (file.path.extension() == ".toml") {
-                MacroFile macros = CompileMacros(m_config.macroFile, ReadWholeText(m_config.macroFile));
-                m_config.compiledMacros = std::make_shared<TemporaryFile>(BytesOf(macros));
-                file.path = m_config.compiledMacros->Path();
-            }
+            if (file.path.extension() == ".toml")
+                CompileMacroFile(node, file);
         }
         return file;
+    }
+
+    // Its mistakes are all told at the setting's line, each with its own place.
+    void CompileMacroFile(const toml::node& node, FileSetting& file)
+    {
+        std::vector<Problem> mistakes;
+        TryAt(LineOf(node), [&] {
+            const std::string text = ReadWholeText(m_config.macroFile);
+            MacroFile macros = CompileMacros(m_config.macroFile, text, TellsAll() ? &mistakes : nullptr);
+            for (const Problem& mistake : mistakes)
+                Tell({LineOf(node),
+                      fmt::format("{}:{}: {}", m_config.macroFile, mistake.uLine, mistake.what)});
+            if (!mistakes.empty())
+                return;
+            m_config.compiledMacros = std::make_shared<TemporaryFile>(BytesOf(macros));
+            file.path = m_config.compiledMacros->Path();
+        });
+        if (!m_config.compiledMacros)
+            m_config.macroFile.clear(); // there is nothing to look at further
     }
 
     // The driver knows files as the system's kernel does, on drive C, which is a host folder. That folder is

@@ -3,6 +3,7 @@
 //   configuration | interface 0 (HID, endpoint) | interface 1 (HID, endpoint) | ...
 //   each descriptor: bLength, bDescriptorType, ...; the walk ends at the first one that does not fit.
 #include "configuration.h"
+#include "tools/common/text.h"
 
 #include <set>
 
@@ -32,8 +33,7 @@ bool IsInterface(const uint8_t* pDescriptor, size_t cBytes)
 bool IsWholeConfiguration(const Bytes& descriptor)
 {
     return descriptor.size() > ConfigurationBytes && descriptor[0] == ConfigurationBytes &&
-           descriptor[1] == TypeConfiguration &&
-           descriptor.size() >= size_t(descriptor[2] | descriptor[3] << 8);
+           descriptor[1] == TypeConfiguration && descriptor.size() >= WordAt(descriptor.data(), 2);
 }
 
 std::vector<InterfaceEndpoint> EndpointsOf(const Bytes& configuration)
@@ -49,7 +49,7 @@ std::vector<InterfaceEndpoint> EndpointsOf(const Bytes& configuration)
             bInside = true;
         } else if (bInside && pDescriptor[1] == TypeEndpoint && cBytes >= EndpointBytes) {
             current.ucEndpoint = pDescriptor[2];
-            current.usPacketBytes = static_cast<uint16_t>((pDescriptor[4] | pDescriptor[5] << 8) & 0x7FF);
+            current.usPacketBytes = static_cast<uint16_t>(WordAt(pDescriptor, 4) & 0x7FF);
             endpoints.push_back(current);
         }
     });

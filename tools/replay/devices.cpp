@@ -14,8 +14,8 @@ constexpr uint8_t HubPortRequest = 0x23; // class, other recipient, in either di
 void LearnDescriptor(Device& device, const std::array<uint8_t, 8>& setup, const Bytes& answer)
 {
     if (IsGetDescriptor(setup, DescriptorDevice) && answer.size() >= 18 && answer[0] == 18) {
-        device.usVendor = static_cast<uint16_t>(answer[8] | answer[9] << 8);
-        device.usProduct = static_cast<uint16_t>(answer[10] | answer[11] << 8);
+        device.usVendor = WordAt(answer.data(), 8);
+        device.usProduct = WordAt(answer.data(), 10);
         device.ucProductString = answer[15];
         device.bHub |= answer[4] == ClassHub;
     } else if (IsGetDescriptor(setup, DescriptorConfiguration)) {

@@ -8,6 +8,7 @@
 #include "capture.h"
 #include "devices.h"
 #include "tools/common/failure.h"
+#include "tools/common/text.h"
 
 #include <fmt/format.h>
 
@@ -128,7 +129,7 @@ Bytes OwnAnswer(const std::array<uint8_t, 8>& setup, const Bytes& answer, const 
     if (whole == found.pDevice->configurations.end() || CountInterfaces(whole->second) < 2)
         return answer;
     Bytes own = OwnConfiguration(whole->second, static_cast<uint8_t>(found.uInterface));
-    own.resize(std::min<size_t>(own.size(), setup[6] | setup[7] << 8));
+    own.resize(std::min<size_t>(own.size(), WordAt(setup.data(), 6)));
     return own;
 }
 

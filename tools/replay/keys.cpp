@@ -5,6 +5,7 @@
 //   Jaalaa, Chic   key report: an ID, a bit for each key; power report: an ID, a bit for each key
 #include "keys.h"
 #include "sys/report/keytable.h"
+#include "tools/common/text.h"
 #include "tools/keynames.h"
 
 #include <algorithm>
@@ -33,7 +34,7 @@ Names KeysOfUsages(const Bytes& report)
 Names KeysOfMediaUsage(const Bytes& report)
 {
     size_t cAt = report.size() - 2;
-    auto usUsage = static_cast<uint16_t>(report[cAt] | report[cAt + 1] << 8);
+    auto usUsage = WordAt(report.data(), cAt);
     return usUsage ? Names{ShownMediaName(usUsage)} : Names{};
 }
 

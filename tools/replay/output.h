@@ -5,6 +5,7 @@
 #pragma once
 
 #include "script.h"
+#include "words.h"
 
 #include "sys/control/requests.h"
 #include "tools/common/terminal.h"
@@ -12,7 +13,6 @@
 #include <cstdio>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 
 struct ReplayTotals {
@@ -46,8 +46,7 @@ uint8_t LedFlagsOf(uint8_t ucReport);
 
 // json.cpp
 std::unique_ptr<ReplayPrinter> MakeJsonPrinter(FILE* pOut);
-// table.cpp; bColour only when the output is a terminal. scanIds: definitions whose events are scan codes.
-std::unique_ptr<ReplayPrinter> MakeTablePrinter(FILE* pOut, const Terminal& terminal,
-                                                std::set<uint32_t> scanIds = {});
+// table.cpp; bColour only when the output is a terminal.
+std::unique_ptr<ReplayPrinter> MakeTablePrinter(FILE* pOut, const Terminal& terminal, EventKinds kinds = {});
 // changed.cpp: passes on what was rewritten or told, and leaves reports out that went on as they came.
 std::unique_ptr<ReplayPrinter> MakeChangedPrinter(std::unique_ptr<ReplayPrinter> inner);

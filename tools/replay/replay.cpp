@@ -13,6 +13,7 @@
 
 #include "emu/app/application.h"
 #include "tools/check/check.h"
+#include "tools/common/text.h"
 
 #include <fmt/format.h>
 
@@ -88,8 +89,7 @@ private:
             std::visit([&, &key = name](const auto& content) { options.Settings[key] = content; }, value);
         m_machine = std::make_unique<EmuMachine>(options);
         if (!NT_SUCCESS(m_machine->LoadStatus()))
-            throw std::runtime_error(fmt::format("the driver does not load: status 0x{:08x}",
-                                                 static_cast<uint32_t>(m_machine->LoadStatus())));
+            throw std::runtime_error("the driver does not load: " + StatusText(m_machine->LoadStatus()));
     }
 
     // A keyboard of a capture says nothing of its own at the start: its descriptors come with the captured
@@ -121,8 +121,8 @@ private:
         if (NT_SUCCESS(status))
             status = player.pKeyboard->StartStatus();
         if (!NT_SUCCESS(status) || !player.pKeyboard->Filter())
-            throw std::runtime_error(fmt::format("the driver does not start keyboard {}: status 0x{:08x}",
-                                                 uKeyboard, static_cast<uint32_t>(status)));
+            throw std::runtime_error(
+                fmt::format("the driver does not start keyboard {}: {}", uKeyboard, StatusText(status)));
     }
 
     // What a keyboard answers with of which the input tells nothing.
@@ -142,8 +142,8 @@ private:
     {
         m_application = std::make_unique<EmuApplication>();
         if (!NT_SUCCESS(m_application->OpenStatus()))
-            throw std::runtime_error(fmt::format("the driver's control device does not open: status 0x{:08x}",
-                                                 static_cast<uint32_t>(m_application->OpenStatus())));
+            throw std::runtime_error("the driver's control device does not open: " +
+                                     StatusText(m_application->OpenStatus()));
         m_application->RegisterMacroEvent();
     }
 
@@ -240,7 +240,7 @@ private:
     {
         Player& player = m_players[uKeyboard];
         Bytes data = step.setup[0] & 0x80 ? Bytes() : step.data;
-        data.resize(step.setup[6] | step.setup[7] << 8);
+        data.resize(WordAt(step.setup.data(), 6));
         player.pControl = &step;
         NTSTATUS status = player.pKeyboard->Control(step.setup.data(), data,
                                                     IsDescriptorRequest(step.setup) ? EmuHidRouteDescriptor

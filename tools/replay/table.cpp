@@ -42,9 +42,9 @@ const char* TypeName(unsigned uType)
 class TablePrinter final : public ReplayPrinter
 {
 public:
-    TablePrinter(FILE* pOut, const Terminal& terminal, std::set<uint32_t> scanIds)
+    TablePrinter(FILE* pOut, const Terminal& terminal, EventKinds kinds)
         : m_pOut(pOut), m_terminal(terminal), m_bNarrow(terminal.uColumns < WideColumns),
-          m_scanIds(std::move(scanIds))
+          m_kinds(std::move(kinds))
     {
     }
 
@@ -61,11 +61,7 @@ public:
     void Definition(uint64_t ullUs, unsigned uKeyboard, uint32_t ulId, uint32_t ulStatus,
                     const std::string& why) override
     {
-        if (ulStatus == 0)
-            Line(ullUs, uKeyboard, Plain, fmt::format("definition {} added", ulId));
-        else
-            Line(ullUs, uKeyboard, Red,
-                 fmt::format("definition {} refused: {} (status 0x{:08x})", ulId, why, ulStatus));
+        Line(ullUs, uKeyboard, ulStatus ? Red : Plain, DefinitionWords(ulId, ulStatus, why));
     }
 
     void Report(uint64_t ullUs, unsigned uKeyboard, const std::optional<Bytes>& sent,
@@ -92,33 +88,20 @@ public:
 
     void Event(uint64_t ullUs, unsigned uKeyboard, const NotifyRecord& record) override
     {
-        // A repeated scan code comes from the hotkeys' timer, which tells its byte as the value; so only the
-        // definition tells a scan code of 1 from a key that goes down.
-        if (record.ucSource == NOTIFY_SOURCE_HOTKEY && record.ulValue <= 1 && !m_scanIds.count(record.ulId))
-            Beside(ullUs, uKeyboard, Green,
-                   fmt::format("hotkey {} {}{}", record.ulId, record.ulValue ? "down" : "up",
-                               record.ulEscAbort ? " (Esc)" : ""));
-        else
+        if (m_kinds.IsScan(record))
             Scan(ullUs, uKeyboard, record);
+        else
+            Beside(ullUs, uKeyboard, Green, HotkeyWords(record));
     }
 
     void Macro(uint64_t ullUs, const MacroRecord& record) override
     {
-        Bytes report(record.ucReport,
-                     record.ucReport + std::min<size_t>(record.ucLength, sizeof(record.ucReport)));
-        Beside(ullUs, m_uLine, Green,
-               record.usType == MACRO_RECORD_MODE ? fmt::format("macro mode {}", record.ucMode ? "on" : "off")
-                                                  : "captured " + HexOf(report, " "));
+        Beside(ullUs, m_uLine, Green, MacroWords(record));
     }
 
     void Led(uint64_t ullUs, unsigned uKeyboard, uint8_t ucReport) override
     {
-        std::string lit;
-        for (const auto& [ucBit, pName] :
-             {std::pair(1, " Num"), std::pair(2, " Caps"), std::pair(4, " Scroll")})
-            if (ucReport & ucBit)
-                lit += pName;
-        Beside(ullUs, uKeyboard, Dim, "LEDs:" + (lit.empty() ? " none" : lit));
+        Beside(ullUs, uKeyboard, Dim, LedWords(ucReport));
     }
 
     void Note(uint64_t ullUs, int iKeyboard, const std::string& text) override
@@ -170,7 +153,7 @@ private:
         std::string scans;
         scans.swap(m_scans);
         if (!scans.empty())
-            Beside(m_ullScans, m_uScans, Green, fmt::format("scan{} of definition {}", scans, m_ulScansId));
+            Beside(m_ullScans, m_uScans, Green, ScanWords(scans, m_ulScansId));
     }
 
     void Flush()
@@ -203,7 +186,7 @@ private:
     FILE* m_pOut;
     const Terminal m_terminal;
     const bool m_bNarrow;
-    const std::set<uint32_t> m_scanIds; // definitions whose events are scan codes
+    const EventKinds m_kinds;
     bool m_bHead = false;
     std::map<unsigned, unsigned> m_types; // of the keyboards
     std::string m_line;                   // of the latest report, not printed yet
@@ -217,8 +200,7 @@ private:
 
 } // namespace
 
-std::unique_ptr<ReplayPrinter> MakeTablePrinter(FILE* pOut, const Terminal& terminal,
-                                                std::set<uint32_t> scanIds)
+std::unique_ptr<ReplayPrinter> MakeTablePrinter(FILE* pOut, const Terminal& terminal, EventKinds kinds)
 {
-    return std::make_unique<TablePrinter>(pOut, terminal, std::move(scanIds));
+    return std::make_unique<TablePrinter>(pOut, terminal, std::move(kinds));
 }

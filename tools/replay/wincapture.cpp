@@ -9,6 +9,7 @@
 // data stage, and a status or complete stage. Older writers mark every stage but the first as coming back up, also
 // data that goes out. The first record that comes back up, other than such data, completes the transfer here.
 #include "capture.h"
+#include "tools/common/text.h"
 
 #include <fmt/format.h>
 
@@ -101,7 +102,7 @@ bool DecodeWindows(const RawRecord& record, RawPacket& raw)
             FailAtPacket(record, "truncated: a setup packet has 8 bytes");
         memcpy(packet.setup.data(), packet.data.data(), 8);
         packet.data.erase(packet.data.begin(), packet.data.begin() + 8);
-        packet.ulAsked = packet.setup[6] | packet.setup[7] << 8;
+        packet.ulAsked = WordAt(packet.setup.data(), 6);
     }
     return true;
 }

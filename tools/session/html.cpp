@@ -73,9 +73,9 @@ std::string JsonOf(const Session& session)
                                                         keyboard.script.usProduct, keyboard.script.name)));
               }),
         Array(events,
-              [](const SessionLine& line) {
+              [&session](const SessionLine& line) {
                   return fmt::format("{{\"t\":{},\"kbd\":{},\"text\":{}}}", line.ullUs, line.uKeyboard,
-                                     Quoted(WordsOf(line)));
+                                     Quoted(WordsOf(session, line)));
               }),
         Array(BarsOf(session), [](const KeyBar& bar) {
             return fmt::format(

@@ -1,7 +1,6 @@
 // session.cpp - collects the lines of a replay, and what the verbs that use them have in common.
 #include "session.h"
 #include "tools/replay/command.h"
-#include "tools/common/text.h"
 #include "tools/replay/input.h"
 
 #include <fmt/format.h>
@@ -72,52 +71,28 @@ private:
     unsigned m_uLatest = 0;
 };
 
-std::string EventWords(const NotifyRecord& record)
-{
-    if (record.ucSource == NOTIFY_SOURCE_HOTKEY && record.ulValue <= 1)
-        return fmt::format("hotkey {} {}{}", record.ulId, record.ulValue ? "down" : "up",
-                           record.ulEscAbort ? " (Esc)" : "");
-    return fmt::format("scan {:02x} of definition {}", record.ulValue, record.ulId);
-}
-
-std::string MacroWords(const MacroRecord& record)
-{
-    if (record.usType == MACRO_RECORD_MODE)
-        return fmt::format("macro mode {}", record.ucMode ? "on" : "off");
-    size_t cUsed = std::min<size_t>(record.ucLength, sizeof(record.ucReport));
-    return "captured " + HexOf(Bytes(record.ucReport, record.ucReport + cUsed), " ");
-}
-
-std::string LedWords(uint8_t ucReport)
-{
-    std::string lit;
-    for (const auto& [ucBit, pName] : {std::pair(1, " Num"), std::pair(2, " Caps"), std::pair(4, " Scroll")})
-        if (ucReport & ucBit)
-            lit += pName;
-    return "LEDs:" + (lit.empty() ? " none" : lit);
-}
-
 } // namespace
 
 Session TakeSession(const Script& script, const ReplaySetup& setup)
 {
     Session session;
+    session.kinds = EventKinds(setup.config.definitions);
     Collector collector(session);
     RunReplay(script, setup, collector);
     return session;
 }
 
-std::string WordsOf(const SessionLine& line)
+std::string WordsOf(const Session& session, const SessionLine& line)
 {
     switch (line.kind) {
     case LineKind::Keyboard:
         return "the keyboard is there";
     case LineKind::Definition:
-        return line.ulStatus ? fmt::format("definition {} refused: {} (status 0x{:08x})", line.ulId, line.why,
-                                           line.ulStatus)
-                             : fmt::format("definition {} added", line.ulId);
+        return DefinitionWords(line.ulId, line.ulStatus, line.why);
     case LineKind::Event:
-        return EventWords(line.record);
+        return session.kinds.IsScan(line.record)
+                   ? ScanWords(fmt::format(" {:02x}", line.record.ulValue), line.record.ulId)
+                   : HotkeyWords(line.record);
     case LineKind::Macro:
         return MacroWords(line.macro);
     case LineKind::Led:

@@ -36,6 +36,7 @@ struct SessionKeyboard {
 struct Session {
     std::vector<SessionKeyboard> keyboards;
     std::vector<SessionLine> lines;
+    EventKinds kinds;
     uint64_t ullEndUs = 0;
     ReplayTotals totals;
 };
@@ -44,7 +45,7 @@ struct Session {
 Session TakeSession(const Script& script, const ReplaySetup& setup);
 
 // "hotkey 7 down", "LEDs: Num", "definition 3 refused: status 0xc000000d"; "" for a report.
-std::string WordsOf(const SessionLine& line);
+std::string WordsOf(const Session& session, const SessionLine& line);
 
 // pcapng.cpp: a capture of two interfaces, "below" the driver and "above" it, with the events as comments.
 Bytes PcapngOf(const Session& session);
