@@ -1,4 +1,4 @@
-// tracetext.cpp - an event as one line of text, from nothing but what it says of itself.
+// tracetext.cpp - an event's fields, and the event as one line of text, from nothing but what it says of itself.
 //
 //   provider's traits   u16 length, name with NUL, …
 //   event's metadata    u16 length, tag bytes (the top bit says that another follows), name with NUL,
@@ -59,11 +59,12 @@ std::string Formatted(const char* pFormat, ULONGLONG ullValue)
     return text;
 }
 
-std::string Binary(Reader& data)
+std::string Binary(Reader& data, std::vector<UCHAR>& bytes)
 {
     std::string text;
     for (ULONGLONG ullLeft = data.Number(2); ullLeft > 0 && !data.bCut; ullLeft--) {
-        text += Formatted(text.empty() ? "%02llx" : " %02llx", data.Number(1));
+        bytes.push_back(static_cast<UCHAR>(data.Number(1)));
+        text += Formatted(text.empty() ? "%02llx" : " %02llx", bytes.back());
     }
     return "[" + text + "]";
 }
@@ -95,46 +96,74 @@ size_t WidthOf(UCHAR ucIn)
     }
 }
 
-// Empty: a type that the host does not know, so that what follows cannot be read either.
-std::string Value(Reader& data, UCHAR ucIn, UCHAR ucOut, const std::function<unsigned(ULONGLONG)>& numberOf)
+// The field's value, read behind the others. Its text stays empty for a type that the host does not know, so that what
+// follows cannot be read either.
+void ReadValue(Reader& data, UCHAR ucIn, UCHAR ucOut, const std::function<unsigned(ULONGLONG)>& numberOf,
+               HostTraceField& field)
 {
     switch (ucIn) {
-    case IN_ANSI:
-        return "\"" + data.Text() + "\"";
+    case IN_ANSI: {
+        const std::string text = data.Text();
+        field.Bytes.assign(text.begin(), text.end());
+        field.Text = "\"" + text + "\"";
+        return;
+    }
     case IN_BINARY:
-        return Binary(data);
+        field.Text = Binary(data, field.Bytes);
+        return;
     case IN_COUNTED_WIDE:
-        return Wide(data);
+        field.Text = Wide(data);
+        return;
     case IN_HEX64:
-        return Formatted("#%llu", numberOf(data.Number(8)));
+        field.ullNumber = numberOf(data.Number(8));
+        field.Text = Formatted("#%llu", field.ullNumber);
+        return;
     default:
         break;
     }
-    size_t width = WidthOf(ucIn);
-    bool bHex = ucIn == IN_HEX32 || ucOut == OUT_HEX || ucOut == OUT_NTSTATUS;
-    return width == 0 ? "" : Formatted(bHex ? "0x%llx" : "%llu", data.Number(width));
+    const size_t width = WidthOf(ucIn);
+    if (width == 0) {
+        return;
+    }
+    const bool bHex = ucIn == IN_HEX32 || ucOut == OUT_HEX || ucOut == OUT_NTSTATUS;
+    field.ullNumber = data.Number(width);
+    field.Text = Formatted(bHex ? "0x%llx" : "%llu", field.ullNumber);
 }
 } // namespace
 
-// What the provider and the event are called, the level, and each field with its value.
-std::string HostTraceText(const HostTraceEvent& event, const std::function<unsigned(ULONGLONG)>& numberOf)
+HostTraceContent HostReadTrace(const HostTraceEvent& event,
+                               const std::function<unsigned(ULONGLONG)>& numberOf)
 {
     Reader traits{event.Traits}, fields{event.Metadata}, data{event.Data};
+    HostTraceContent content;
     traits.Number(2);
     fields.Number(2);
     while (fields.Number(1) & CHAINED) {
     }
-    std::string text = traits.Text();
-    text += " " + std::to_string(event.Descriptor.Level) + " " + fields.Text();
+    content.Provider = traits.Text();
+    content.Name = fields.Text();
     while (fields.at < event.Metadata.size()) {
-        std::string name = fields.Text();
-        UCHAR ucIn = static_cast<UCHAR>(fields.Number(1));
-        UCHAR ucOut = ucIn & CHAINED ? static_cast<UCHAR>(fields.Number(1)) : 0;
-        std::string value = Value(data, ucIn & ~CHAINED, ucOut, numberOf);
-        if (value.empty()) {
-            return text + " " + name + "=?";
+        HostTraceField field;
+        field.Name = fields.Text();
+        const UCHAR ucIn = static_cast<UCHAR>(fields.Number(1));
+        const UCHAR ucOut = ucIn & CHAINED ? static_cast<UCHAR>(fields.Number(1)) : 0;
+        ReadValue(data, ucIn & ~CHAINED, ucOut, numberOf, field);
+        content.Fields.push_back(field);
+        if (field.Text.empty()) {
+            return content;
         }
-        text += " " + name + "=" + value;
     }
-    return data.bCut || fields.bCut || traits.bCut ? text + " (cut)" : text;
+    content.bCut = data.bCut || fields.bCut || traits.bCut;
+    return content;
+}
+
+// What the provider and the event are called, the level, and each field with its value.
+std::string HostTraceText(const HostTraceEvent& event, const std::function<unsigned(ULONGLONG)>& numberOf)
+{
+    const HostTraceContent content = HostReadTrace(event, numberOf);
+    std::string text = content.Provider + " " + std::to_string(event.Descriptor.Level) + " " + content.Name;
+    for (const HostTraceField& field : content.Fields) {
+        text += " " + field.Name + "=" + (field.Text.empty() ? "?" : field.Text);
+    }
+    return content.bCut ? text + " (cut)" : text;
 }

@@ -283,6 +283,20 @@ std::vector<std::string> ShownModifiers(uint8_t ucModifiers)
     return names;
 }
 
+std::vector<std::string> ShownModifierMask(uint32_t ulMask)
+{
+    std::vector<std::string> names;
+    for (uint32_t ulBit = 1; ulBit != 0; ulBit <<= 1) {
+        if ((ulMask & ulBit) == 0)
+            continue;
+        const auto named =
+            std::find_if(std::begin(ModifierWords), std::end(ModifierWords),
+                         [=](const ModifierName& modifier) { return modifier.ulMask == ulBit; });
+        names.push_back(named == std::end(ModifierWords) ? fmt::format("bit 0x{:x}", ulBit) : named->pName);
+    }
+    return names;
+}
+
 std::vector<uint8_t> MakeCodeBytes(uint32_t ulMakeCode)
 {
     std::vector<uint8_t> bytes;

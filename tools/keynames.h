@@ -44,5 +44,8 @@ std::vector<std::string> ShownModifiers(uint8_t ucModifiers);
 // A make code as the bytes a definition holds.
 std::vector<uint8_t> MakeCodeBytes(uint32_t ulMakeCode);
 
+// The names of the bits of a hotkey's modifier mask, or of the driver's modifier word, lowest bit first.
+std::vector<std::string> ShownModifierMask(uint32_t ulMask);
+
 // The bit of a hotkey's modifier mask for a name such as "ctrl" or "left shift".
 std::optional<uint32_t> FindModifierMask(std::string_view name);

@@ -16,6 +16,7 @@ int main(int argc, char** argv)
     Verbs verbs;
     AddReplayVerb(app, verbs);
     AddShowVerb(app, verbs);
+    AddWhyVerb(app, verbs);
     AddMacroVerbs(app, verbs);
     AddKeysVerb(app, verbs);
     AddCheckVerb(app, verbs);

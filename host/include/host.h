@@ -116,6 +116,22 @@ struct HostTraceEvent {
     std::vector<UCHAR> Metadata;
     std::vector<UCHAR> Data;
 };
+// One field of it: a number, or bytes (of a text its characters); and the value as it is printed, empty when its type
+// is not known.
+struct HostTraceField {
+    std::string Name;
+    ULONGLONG ullNumber = 0;
+    std::vector<UCHAR> Bytes;
+    std::string Text;
+};
+struct HostTraceContent {
+    std::string Provider, Name;
+    std::vector<HostTraceField> Fields;
+    bool bCut = false; // what it says of itself ends too early
+};
+// Reads an event by what it says of itself; addresses are told by the numbers that the caller gives them.
+HostTraceContent HostReadTrace(const HostTraceEvent& event,
+                               const std::function<unsigned(ULONGLONG)>& numberOf);
 // Called by whoever writes an event, on its thread at its IRQL.
 using HostTraceConsumer = std::function<void(const HostTraceEvent&)>;
 // Begins a tracing session: the provider's events up to this level (0: all), of one of the keywords ullAny (0:

@@ -108,6 +108,6 @@ TEST(Session, TellsAHeldEscOfACashierAsAScanCode)
     std::string told;
     for (const SessionLine& line : session.lines)
         if (line.kind == LineKind::Event)
-            told += WordsOf(session, line) + "\n";
+            told += WordsOf(session.kinds, line) + "\n";
     EXPECT_EQ("scan 01 of definition 5\nscan 01 of definition 5\nscan 81 of definition 5\n", told);
 }

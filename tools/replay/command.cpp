@@ -21,8 +21,6 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistr
 namespace
 {
 
-constexpr double LatestSecond = 1e12;
-
 struct Arguments {
     std::string input;
     std::string config;
@@ -65,14 +63,6 @@ void FollowUntilInterrupted()
     setvbuf(stdout, nullptr, _IOLBF, 0);
 }
 
-// A second of the input; "nan" is a number to the parser, and in no range.
-std::string FaultOfSecond(const std::string& text)
-{
-    double second = 0;
-    bool bGood = CLI::detail::lexical_cast(text, second) && second >= 0 && second <= LatestSecond;
-    return bGood ? "" : fmt::format("{} is no second from 0 to {:.0f}", text, LatestSecond);
-}
-
 int Replay(Arguments arguments)
 {
     arguments.choice.ullFromUs = static_cast<uint64_t>(arguments.from * 1e6);
@@ -105,6 +95,13 @@ int Replay(Arguments arguments)
 }
 
 } // namespace
+
+std::string FaultOfSecond(const std::string& text)
+{
+    double second = 0;
+    bool bGood = CLI::detail::lexical_cast(text, second) && second >= 0 && second <= LatestSecond;
+    return bGood ? "" : fmt::format("{} is no second from 0 to {:.0f}", text, LatestSecond);
+}
 
 std::vector<const EmuDescriptors*> KindsNamed(const std::vector<std::string>& names)
 {

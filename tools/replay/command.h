@@ -8,6 +8,10 @@
 #include <string>
 #include <vector>
 
+// A second of the input; "nan" is a number to the parser, and in no range. Returns what is wrong, "" for nothing.
+constexpr double LatestSecond = 1e12;
+std::string FaultOfSecond(const std::string& text);
+
 void AddKeyboardOption(CLI::App& verb, std::vector<std::string>& keyboards);
 // The kinds of those names; null for "guess".
 std::vector<const EmuDescriptors*> KindsNamed(const std::vector<std::string>& names);

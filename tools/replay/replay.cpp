@@ -67,7 +67,7 @@ public:
         uint64_t ullEnd = RunOnUs;
         unsigned uSteps = 0;
         StepReader read = m_script.Open();
-        for (ScriptStep step; read(step);) {
+        for (ScriptStep step; !IsEnough() && read(step);) {
             MoveClock(step.ullUs);
             Play(step);
             TellAll();
@@ -75,14 +75,18 @@ public:
             if (++uSteps % ProgressSteps == 0 && m_setup.Progress)
                 m_setup.Progress(Now(), m_totals);
         }
-        MoveClock(ullEnd);
+        if (!IsEnough())
+            MoveClock(ullEnd);
         return Finish();
     }
 
 private:
+    bool IsEnough() const { return m_setup.IsEnough && m_setup.IsEnough(); }
+
     void StartMachine()
     {
         EmuMachineOptions options;
+        options.BeforeLoad = m_setup.BeforeLoad;
         options.Entry = m_setup.pEntry;
         options.FileRoot = m_setup.config.fileRoot;
         for (const auto& [name, value] : m_setup.config.settings)

@@ -16,6 +16,8 @@ struct ReplaySetup {
     std::vector<const EmuDescriptors*> kinds;
     const ReplayConfig& config;
     std::function<void(uint64_t ullUs, const ReplayTotals&)> Progress = {}; // every few thousand steps
+    std::function<void()> BeforeLoad = {}; // the host runs, the driver is about to be loaded
+    std::function<bool()> IsEnough = {};   // asked before each step: true leaves out the rest of the input
 };
 
 // Gaps of more than ten minutes are played for ten minutes, and the rest is skipped.

@@ -75,7 +75,7 @@ std::string JsonOf(const Session& session)
         Array(events,
               [&session](const SessionLine& line) {
                   return fmt::format("{{\"t\":{},\"kbd\":{},\"text\":{}}}", line.ullUs, line.uKeyboard,
-                                     Quoted(WordsOf(session, line)));
+                                     Quoted(WordsOf(session.kinds, line)));
               }),
         Array(BarsOf(session), [](const KeyBar& bar) {
             return fmt::format(

@@ -90,7 +90,7 @@ private:
         }
         if (line.kind == LineKind::Led)
             LedPackets(line);
-        std::string words = WordsOf(session, line);
+        std::string words = WordsOf(session.kinds, line);
         if (line.kind == LineKind::Keyboard) {
             const ScriptKeyboard& keyboard = session.keyboards[line.uKeyboard].script;
             words = fmt::format("keyboard {}: {:04x}:{:04x} {}", line.uKeyboard, keyboard.usVendor,

@@ -82,7 +82,7 @@ Session TakeSession(const Script& script, const ReplaySetup& setup)
     return session;
 }
 
-std::string WordsOf(const Session& session, const SessionLine& line)
+std::string WordsOf(const EventKinds& kinds, const SessionLine& line)
 {
     switch (line.kind) {
     case LineKind::Keyboard:
@@ -90,7 +90,7 @@ std::string WordsOf(const Session& session, const SessionLine& line)
     case LineKind::Definition:
         return DefinitionWords(line.ulId, line.ulStatus, line.why);
     case LineKind::Event:
-        return session.kinds.IsScan(line.record)
+        return kinds.IsScan(line.record)
                    ? ScanWords(fmt::format(" {:02x}", line.record.ulValue), line.record.ulId)
                    : HotkeyWords(line.record);
     case LineKind::Macro:

@@ -45,7 +45,7 @@ struct Session {
 Session TakeSession(const Script& script, const ReplaySetup& setup);
 
 // "hotkey 7 down", "LEDs: Num", "definition 3 refused: status 0xc000000d"; "" for a report.
-std::string WordsOf(const Session& session, const SessionLine& line);
+std::string WordsOf(const EventKinds& kinds, const SessionLine& line);
 
 // pcapng.cpp: a capture of two interfaces, "below" the driver and "above" it, with the events as comments.
 Bytes PcapngOf(const Session& session);
