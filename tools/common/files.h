@@ -10,9 +10,30 @@
 std::vector<uint8_t> ReadWholeFile(const std::string& file);
 std::string ReadWholeText(const std::string& file);
 
-// Writes the file aside and puts it in its place when it is complete, so that there is never half a file. What
-// is there and no ordinary file (a terminal, a pipe) is written to as it is.
-// Fails (InputError): cannot be written; what was there before is still there.
+// A file that is written aside and put in its place when it is complete, so that there is never half a file. What
+// is there and no ordinary file (a terminal, a pipe) gets it all at the end.
+// Every call fails (InputError) when it cannot be written; what was there before is still there.
+class OutputFile
+{
+public:
+    explicit OutputFile(const std::string& file);
+    ~OutputFile(); // what is not finished goes
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+
+    void Write(const std::vector<uint8_t>& bytes);
+    void Write(std::string_view text);
+    void Flush();  // all of it can be read at Aside()
+    void Finish(); // the last call
+    const std::string& Aside() const { return m_aside; }
+
+private:
+    std::string m_file, m_target, m_aside;
+    bool m_bOrdinary = true;
+    int m_iFile = -1;
+    std::vector<uint8_t> m_buffer;
+};
+
 void WriteWholeFile(const std::string& file, const std::vector<uint8_t>& content);
 
 // A file of its own in the system's folder for such, which goes with the object.

@@ -6,7 +6,6 @@
 #include "output.h"
 #include "replay.h"
 #include "tools/common/failure.h"
-#include "tools/common/files.h"
 #include "tools/session/session.h"
 #include "tools/verbs.h"
 
@@ -63,6 +62,16 @@ void FollowUntilInterrupted()
     setvbuf(stdout, nullptr, _IOLBF, 0);
 }
 
+unsigned Print(const Arguments& arguments, const Script& script, const ReplaySetup& setup)
+{
+    auto printer = arguments.bJson
+                       ? MakeJsonPrinter(stdout)
+                       : MakeTablePrinter(stdout, TerminalOf(stdout), EventKinds(setup.config.definitions));
+    if (arguments.bChanged)
+        printer = MakeChangedPrinter(std::move(printer));
+    return RunReplay(script, setup, *printer);
+}
+
 int Replay(Arguments arguments)
 {
     arguments.choice.ullFromUs = static_cast<uint64_t>(arguments.from * 1e6);
@@ -72,23 +81,13 @@ int Replay(Arguments arguments)
     if (!arguments.config.empty())
         config = ReadConfig(arguments.config);
     ReplaySetup setup{DriverEntry, KindsNamed(arguments.keyboards), config};
-    if (!arguments.pcapng.empty()) {
-        Session session = TakeSession(script, setup);
-        WriteWholeFile(arguments.pcapng, PcapngOf(session));
-        return session.totals.uLeaks == 0 ? ExitGood : ExitFailed;
-    }
-    bool bTerminal = isatty(STDOUT_FILENO);
-    auto printer = arguments.bJson
-                       ? MakeJsonPrinter(stdout)
-                       : MakeTablePrinter(stdout, TerminalOf(stdout), EventKinds(config.definitions));
-    if (arguments.bChanged)
-        printer = MakeChangedPrinter(std::move(printer));
     if (arguments.choice.bFollow)
         FollowUntilInterrupted();
+    const bool bPrints = arguments.pcapng.empty();
     ProgressLine progress;
-    if (!bTerminal && isatty(STDERR_FILENO))
+    if (!(bPrints && isatty(STDOUT_FILENO)) && isatty(STDERR_FILENO))
         setup.Progress = [&](uint64_t ullUs, const ReplayTotals& totals) { progress.Show(ullUs, totals); };
-    unsigned uLeft = RunReplay(script, setup, *printer);
+    unsigned uLeft = bPrints ? Print(arguments, script, setup) : WritePcapng(arguments.pcapng, script, setup);
     if (!script.cut.empty())
         throw InputError(script.cut);
     return uLeft == 0 ? ExitGood : ExitFailed;

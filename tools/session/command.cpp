@@ -1,6 +1,5 @@
 // command.cpp - tvusb show: a session as a page.
 #include "session.h"
-#include "tools/common/files.h"
 #include "tools/verbs.h"
 
 namespace
@@ -13,10 +12,7 @@ struct ShowArguments : SessionArguments {
 int Show(const ShowArguments& arguments)
 {
     SessionInput input(arguments);
-    Session session = TakeSession(input.script, input.setup);
-    std::string page = HtmlOf(session);
-    WriteWholeFile(arguments.html, {page.begin(), page.end()});
-    return session.totals.uLeaks == 0 ? ExitGood : ExitFailed;
+    return WritePage(arguments.html, input.script, input.setup) == 0 ? ExitGood : ExitFailed;
 }
 
 } // namespace

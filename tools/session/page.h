@@ -43,6 +43,8 @@ h2 { font-size: 15px; margin: 14px 0 4px; }
 <script>
 "use strict";
 const session = JSON.parse(document.getElementById("session").textContent);
+session.bars = session.items.filter(i => "key" in i).sort((a, b) => a.from - b.from || a.kbd - b.kbd || a.above - b.above);
+session.events = session.items.filter(i => "text" in i);
 const chart = document.getElementById("chart"), pen = chart.getContext("2d"), tip = document.getElementById("tip");
 const end = Math.max(session.end, 1), RowHeight = 22, AxisHeight = 24;
 let from = 0, to = end, width = 0, gutter = 0;

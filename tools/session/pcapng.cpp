@@ -7,6 +7,7 @@
 // name. Packets have the long usbmon header (link type 220). What was told between is a comment of the packet
 // told before it, with its own time where that is another one.
 #include "session.h"
+#include "tools/common/files.h"
 
 #include <fmt/format.h>
 
@@ -54,7 +55,7 @@ struct Pending {
 class Writer
 {
 public:
-    Bytes Write(const Session& session)
+    Writer(OutputFile& file, const Session& session) : m_file(file), m_session(session)
     {
         Bytes section;
         Put(section, 0x1A2B3C4D, 4);
@@ -69,14 +70,9 @@ public:
             Put(interface, 0, 4);
             Block(InterfaceBlock, interface);
         }
-        for (const SessionLine& line : session.lines)
-            Add(session, line);
-        Flush();
-        return std::move(m_file);
     }
 
-private:
-    void Add(const Session& session, const SessionLine& line)
+    void Add(const SessionLine& line)
     {
         if (line.kind == LineKind::Report) {
             if (line.sent)
@@ -90,9 +86,9 @@ private:
         }
         if (line.kind == LineKind::Led)
             LedPackets(line);
-        std::string words = WordsOf(session.kinds, line);
+        std::string words = WordsOf(m_session.kinds, line);
         if (line.kind == LineKind::Keyboard) {
-            const ScriptKeyboard& keyboard = session.keyboards[line.uKeyboard].script;
+            const ScriptKeyboard& keyboard = m_session.keyboards[line.uKeyboard].script;
             words = fmt::format("keyboard {}: {:04x}:{:04x} {}", line.uKeyboard, keyboard.usVendor,
                                 keyboard.usProduct, keyboard.name);
         }
@@ -101,6 +97,13 @@ private:
         m_pending.comments.push_back(std::move(words));
     }
 
+    void Finish()
+    {
+        Flush();
+        m_file.Finish();
+    }
+
+private:
     // SET_REPORT of an output report of one byte, and its completion.
     void LedPackets(const SessionLine& line)
     {
@@ -172,20 +175,28 @@ private:
 
     void Block(uint32_t ulType, const Bytes& body)
     {
-        Put(m_file, ulType, 4);
-        Put(m_file, body.size() + 12, 4);
-        Append(m_file, body);
-        Put(m_file, body.size() + 12, 4);
+        Bytes block;
+        Put(block, ulType, 4);
+        Put(block, body.size() + 12, 4);
+        Append(block, body);
+        Put(block, body.size() + 12, 4);
+        m_file.Write(block);
     }
 
-    Bytes m_file;
+    OutputFile& m_file;
+    const Session& m_session;
     Pending m_pending;
     uint64_t m_ullTransfer = 0;
 };
 
 } // namespace
 
-Bytes PcapngOf(const Session& session)
+unsigned WritePcapng(const std::string& file, const Script& script, const ReplaySetup& setup)
 {
-    return Writer().Write(session);
+    OutputFile output(file);
+    Session session;
+    Writer writer(output, session);
+    WalkSession(session, script, setup, [&](SessionLine&& line) { writer.Add(line); });
+    writer.Finish();
+    return session.totals.uLeaks;
 }

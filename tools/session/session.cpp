@@ -13,7 +13,7 @@ namespace
 class Collector final : public ReplayPrinter
 {
 public:
-    explicit Collector(Session& session) : m_session(session) {}
+    Collector(Session& session, const LineVisitor& visit) : m_session(session), m_visit(visit) {}
 
     void Keyboard(uint64_t ullUs, unsigned uKeyboard, uint32_t, unsigned uType,
                   const ScriptKeyboard& keyboard) override
@@ -21,34 +21,42 @@ public:
         if (m_session.keyboards.size() <= uKeyboard)
             m_session.keyboards.resize(uKeyboard + 1);
         m_session.keyboards[uKeyboard] = {keyboard, uType};
-        Add(LineKind::Keyboard, ullUs, uKeyboard);
+        m_visit(Line(LineKind::Keyboard, ullUs, uKeyboard));
     }
     void Definition(uint64_t ullUs, unsigned uKeyboard, uint32_t ulId, uint32_t ulStatus,
                     const std::string& why) override
     {
-        SessionLine& line = Add(LineKind::Definition, ullUs, uKeyboard);
+        SessionLine line = Line(LineKind::Definition, ullUs, uKeyboard);
         line.ulId = ulId;
         line.ulStatus = ulStatus;
         line.why = why;
+        m_visit(std::move(line));
     }
     void Report(uint64_t ullUs, unsigned uKeyboard, const std::optional<Bytes>& sent,
                 const Bytes& seen) override
     {
-        SessionLine& line = Add(LineKind::Report, ullUs, uKeyboard);
+        SessionLine line = Line(LineKind::Report, ullUs, uKeyboard);
         line.sent = sent;
         line.seen = seen;
+        m_visit(std::move(line));
     }
     void Event(uint64_t ullUs, unsigned uKeyboard, const NotifyRecord& record) override
     {
-        Add(LineKind::Event, ullUs, uKeyboard).record = record;
+        SessionLine line = Line(LineKind::Event, ullUs, uKeyboard);
+        line.record = record;
+        m_visit(std::move(line));
     }
     void Macro(uint64_t ullUs, const MacroRecord& record) override
     {
-        Add(LineKind::Macro, ullUs, m_uLatest).macro = record;
+        SessionLine line = Line(LineKind::Macro, ullUs, m_uLatest);
+        line.macro = record;
+        m_visit(std::move(line));
     }
     void Led(uint64_t ullUs, unsigned uKeyboard, uint8_t ucReport) override
     {
-        Add(LineKind::Led, ullUs, uKeyboard).ucLeds = ucReport;
+        SessionLine line = Line(LineKind::Led, ullUs, uKeyboard);
+        line.ucLeds = ucReport;
+        m_visit(std::move(line));
     }
     void End(uint64_t ullUs, const ReplayTotals& totals) override
     {
@@ -57,10 +65,10 @@ public:
     }
 
 private:
-    SessionLine& Add(LineKind kind, uint64_t ullUs, unsigned uKeyboard)
+    SessionLine Line(LineKind kind, uint64_t ullUs, unsigned uKeyboard)
     {
         m_uLatest = uKeyboard;
-        SessionLine& line = m_session.lines.emplace_back();
+        SessionLine line;
         line.kind = kind;
         line.ullUs = ullUs;
         line.uKeyboard = uKeyboard;
@@ -68,17 +76,24 @@ private:
     }
 
     Session& m_session;
+    const LineVisitor& m_visit;
     unsigned m_uLatest = 0;
 };
 
 } // namespace
 
+void WalkSession(Session& session, const Script& script, const ReplaySetup& setup, const LineVisitor& visit)
+{
+    session.kinds = EventKinds(setup.config.definitions);
+    Collector collector(session, visit);
+    RunReplay(script, setup, collector);
+}
+
 Session TakeSession(const Script& script, const ReplaySetup& setup)
 {
     Session session;
-    session.kinds = EventKinds(setup.config.definitions);
-    Collector collector(session);
-    RunReplay(script, setup, collector);
+    WalkSession(session, script, setup,
+                [&](SessionLine&& line) { session.lines.push_back(std::move(line)); });
     return session;
 }
 

@@ -1,6 +1,7 @@
-// session.h - a replay held in memory: what came to pass, line by line, for the verbs that look at a whole session.
+// session.h - a replay line by line: what came to pass, for the verbs that look at a whole session.
 //
-//   TakeSession(script, setup) -> Session -> PcapngOf, HtmlOf, and what the other verbs make of it
+//   TakeSession(script, setup) -> Session with all its lines
+//   WalkSession(...)           hands the lines over one by one, for what is written as they come: WritePcapng, WritePage
 //
 // The lines are what a ReplayPrinter is told, in the same order; nothing is reckoned a second time.
 #pragma once
@@ -44,25 +45,18 @@ struct Session {
 // Fails (std::runtime_error): as RunReplay.
 Session TakeSession(const Script& script, const ReplaySetup& setup);
 
+// The same without keeping lines; all else of the session is known when a line is handed over, but its end.
+using LineVisitor = std::function<void(SessionLine&&)>;
+void WalkSession(Session& session, const Script& script, const ReplaySetup& setup, const LineVisitor& visit);
+
 // "hotkey 7 down", "LEDs: Num", "definition 3 refused: status 0xc000000d"; "" for a report.
 std::string WordsOf(const EventKinds& kinds, const SessionLine& line);
 
-// pcapng.cpp: a capture of two interfaces, "below" the driver and "above" it, with the events as comments.
-Bytes PcapngOf(const Session& session);
-
-// A key on one side of the driver, from its press to its release.
-struct KeyBar {
-    unsigned uKeyboard;
-    bool bAbove; // as the system saw it; else as the keyboard sent it
-    bool bOwn;   // above: the driver answered the read that pressed it
-    bool bHeld;  // not released by the end of the session
-    std::string key;
-    uint64_t ullFromUs, ullToUs;
-};
-
-// html.cpp: in order of time; and one page without outside parts that shows them.
-std::vector<KeyBar> BarsOf(const Session& session);
-std::string HtmlOf(const Session& session);
+// pcapng.cpp: a capture of two interfaces, "below" the driver and "above" it, with the events as comments. html.cpp: one
+// page without outside parts that shows keys over time. Memory does not grow with the session.
+// Both return what was left behind. Fail (InputError): cannot be written; as RunReplay.
+unsigned WritePcapng(const std::string& file, const Script& script, const ReplaySetup& setup);
+unsigned WritePage(const std::string& file, const Script& script, const ReplaySetup& setup);
 
 // What every verb of this kind asks for: the input, the configuration, the kinds of a recording's keyboards.
 struct SessionArguments {
