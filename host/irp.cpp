@@ -110,12 +110,6 @@ void IoFreeIrp(PIRP pIrp)
     HostDeleteIrp(pHost);
 }
 
-void IoInitializeIrp(PIRP pIrp, USHORT, CCHAR stackSize)
-{
-    pIrp->AllocationFlags = 0;
-    ResetIrp(pIrp, stackSize);
-}
-
 void IoReuseIrp(PIRP pIrp, NTSTATUS status)
 {
     HostIrp* pHost = HostLiveIrp(pIrp, __func__);

@@ -210,16 +210,6 @@ void HostSetCaller32(bool b32)
     HostSelf()->b32 = b32;
 }
 
-PKTHREAD KeGetCurrentThread()
-{
-    return HostSelf();
-}
-
-KPROCESSOR_MODE ExGetPreviousMode()
-{
-    return KernelMode;
-}
-
 void KeEnterCriticalRegion()
 {
     HostEnter(__func__, APC_LEVEL);

@@ -21,12 +21,6 @@ FORCEINLINE LONG InterlockedExchange(LONG volatile* pTarget, LONG value)
     return __atomic_exchange_n(pTarget, value, __ATOMIC_SEQ_CST);
 }
 
-FORCEINLINE LONG InterlockedExchangeAdd(LONG volatile* pTarget, LONG value)
-{
-    SCHEDULE_POINT();
-    return __atomic_fetch_add(pTarget, value, __ATOMIC_SEQ_CST);
-}
-
 FORCEINLINE LONG InterlockedCompareExchange(LONG volatile* pTarget, LONG exchange, LONG comparand)
 {
     SCHEDULE_POINT();

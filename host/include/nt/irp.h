@@ -170,7 +170,6 @@ static_assert(sizeof(IO_STACK_LOCATION) == 72 && sizeof(IRP) == 208 && sizeof(IO
 
 PIRP IoAllocateIrp(CCHAR StackSize, BOOLEAN ChargeQuota);
 void IoFreeIrp(PIRP Irp);
-void IoInitializeIrp(PIRP Irp, USHORT PacketSize, CCHAR StackSize);
 void IoReuseIrp(PIRP Irp, NTSTATUS Iostatus);
 PIRP IoBuildDeviceIoControlRequest(ULONG IoControlCode, PDEVICE_OBJECT DeviceObject, PVOID InputBuffer,
                                    ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength,

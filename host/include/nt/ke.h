@@ -130,8 +130,6 @@ void KeFlushQueuedDpcs(void);
 void KeQuerySystemTime(PLARGE_INTEGER CurrentTime);
 ULONGLONG KeQueryInterruptTime(void);
 
-PKTHREAD KeGetCurrentThread(void);
-KPROCESSOR_MODE ExGetPreviousMode(void);
 void KeEnterCriticalRegion(void);
 void KeLeaveCriticalRegion(void);
 }
