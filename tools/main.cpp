@@ -17,6 +17,7 @@ int main(int argc, char** argv)
     AddReplayVerb(app, verbs);
     AddShowVerb(app, verbs);
     AddWhyVerb(app, verbs);
+    AddAuditVerb(app, verbs);
     AddMacroVerbs(app, verbs);
     AddKeysVerb(app, verbs);
     AddCheckVerb(app, verbs);

@@ -61,7 +61,8 @@ void GiveBackSwallowBuffer(PDEVICE_OBJECT device)
             ReadShared(Globals.ulPrefixReleased) == 0) {
             (void)AddDataToInsertBuffer(device, &ucUsage); // a full buffer loses the key
         } else {
-            Trace(KeysTaken, FilterContextOf(device)->ulDeviceIndex, {&ucUsage, 1}, "nobody");
+            Trace(KeysTaken, FilterContextOf(device)->ulDeviceIndex, {&ucUsage, 1},
+                  bNormal ? "Fn or a prefix" : "nobody");
         }
     }
 }

@@ -20,6 +20,7 @@ struct ReplayTotals {
     unsigned uReports = 0;
     unsigned uEvents = 0;
     unsigned uLeaks = 0;
+    unsigned uUnread = 0; // reports that keyboards sent and nobody received: no read was there for them
 };
 
 class ReplayPrinter

@@ -235,8 +235,10 @@ private:
         TellWhatIsNotLookedAt(player, step);
         player.sent.push_back(step.data);
         if (!player.pKeyboard->Report(
-                step.data)) // too many wait for a read already: lost, as in a real keyboard
+                step.data)) { // too many wait for a read already: lost, as in a real keyboard
             player.sent.pop_back();
+            ++m_totals.uUnread;
+        }
     }
 
     // Sends a captured request down the stack, where the captured answer completes it.
@@ -338,8 +340,10 @@ private:
     {
         uint64_t ullNow = Now();
         m_application.reset();
-        for (Player& player : m_players)
+        for (Player& player : m_players) {
+            m_totals.uUnread += static_cast<unsigned>(player.sent.size());
             player.pKeyboard->Unplug(false);
+        }
         m_totals.uKeyboards = static_cast<unsigned>(m_players.size());
         m_totals.uLeaks = m_machine->Unload();
         m_printer.End(ullNow, m_totals);

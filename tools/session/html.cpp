@@ -1,23 +1,19 @@
 // html.cpp - a session as one page: keys over time as bars, what was sent beside what was seen.
 //
-// A bar is a key on one side, from the report that has it to the next one of that kind without it. Reports of
-// different kinds (length, and the ID where the kind of keyboard has one) do not end each other's keys.
+// A bar is a key on one side, from the report that has it to the next one of that kind without it.
 #include "session.h"
+#include "keytracker.h"
 #include "page.h"
 #include "tools/common/files.h"
 #include "tools/common/text.h"
-#include "tools/replay/keys.h"
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <map>
 #include <tuple>
 
 namespace
 {
-
-constexpr unsigned Jaalaa = 3, Chic = 4; // KbdTypeOf
 
 // A key on one side of the driver, from its press to its release.
 struct KeyBar {
@@ -25,8 +21,8 @@ struct KeyBar {
     uint64_t ullFromUs;
 };
 
-// Which bars go on: by side (true: above), keyboard and kind of report, then by key.
-using Stream = std::tuple<bool, unsigned, size_t, uint8_t>;
+// Where a bar is: side (true: above), keyboard, key.
+using Place = std::tuple<bool, unsigned, std::string>;
 
 // As JSON that may stand in a page: no '<' can end the script around it.
 std::string Quoted(const std::string& text)
@@ -58,9 +54,8 @@ public:
 
     void End()
     {
-        for (const auto& [stream, held] : m_open)
-            for (const auto& [key, bar] : held)
-                Bar(stream, key, bar, m_session.ullEndUs, true);
+        for (const auto& [place, bar] : m_open)
+            Bar(place, bar, m_session.ullEndUs, true);
         std::string names;
         for (const SessionKeyboard& keyboard : m_session.keyboards)
             names += (names.empty() ? "" : ",\n") +
@@ -76,27 +71,22 @@ public:
 private:
     void Follow(const SessionLine& line, bool bAbove)
     {
-        const Bytes& report = bAbove ? line.seen : *line.sent;
-        unsigned uType = m_session.keyboards[line.uKeyboard].uType;
-        bool bWithId = (uType == Jaalaa || uType == Chic) && !report.empty();
-        Stream stream{bAbove, line.uKeyboard, report.size(), bWithId ? report[0] : uint8_t{0}};
-        std::map<std::string, KeyBar>& held = m_open[stream];
-        std::vector<std::string> keys = KeyListOfReport(report, uType);
-        for (auto at = held.begin(); at != held.end();)
-            if (std::find(keys.begin(), keys.end(), at->first) == keys.end()) {
-                Bar(stream, at->first, at->second, line.ullUs, false);
-                at = held.erase(at);
-            } else
-                ++at;
-        for (const std::string& key : keys)
-            held.try_emplace(key, KeyBar{!line.sent, line.ullUs});
+        const unsigned uType = m_session.keyboards[line.uKeyboard].uType;
+        const KeyTracker::Change change =
+            m_keys[bAbove].Follow(line.uKeyboard, uType, bAbove ? line.seen : *line.sent);
+        for (const std::string& key : change.released)
+            if (auto bar = m_open.extract({bAbove, line.uKeyboard, key})) // else reports of two kinds had it
+                Bar(bar.key(), bar.mapped(), line.ullUs, false);
+        for (const std::string& key : change.pressed)
+            m_open.try_emplace({bAbove, line.uKeyboard, key}, KeyBar{!line.sent, line.ullUs});
     }
 
-    void Bar(const Stream& stream, const std::string& key, const KeyBar& bar, uint64_t ullToUs, bool bHeld)
+    void Bar(const Place& place, const KeyBar& bar, uint64_t ullToUs, bool bHeld)
     {
-        Item(fmt::format(
-            "{{\"kbd\":{},\"above\":{},\"own\":{},\"held\":{},\"key\":{},\"from\":{},\"to\":{}}}",
-            std::get<1>(stream), std::get<0>(stream), bar.bOwn, bHeld, Quoted(key), bar.ullFromUs, ullToUs));
+        const auto& [bAbove, uKeyboard, key] = place;
+        Item(
+            fmt::format("{{\"kbd\":{},\"above\":{},\"own\":{},\"held\":{},\"key\":{},\"from\":{},\"to\":{}}}",
+                        uKeyboard, bAbove, bar.bOwn, bHeld, Quoted(key), bar.ullFromUs, ullToUs));
     }
 
     void Item(const std::string& json)
@@ -108,7 +98,8 @@ private:
 
     OutputFile& m_file;
     const Session& m_session;
-    std::map<Stream, std::map<std::string, KeyBar>> m_open;
+    KeyTracker m_keys[2]; // below, above
+    std::map<Place, KeyBar> m_open;
     bool m_bFirst = true;
 };
 

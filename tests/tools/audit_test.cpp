@@ -1,0 +1,145 @@
+// audit_test.cpp - what `audit` finds in sessions.
+#include "replayed.h"
+
+#include "tests/macro_file.h"
+#include "tools/audit/audit.h"
+
+namespace
+{
+
+struct Timed {
+    unsigned uMs;
+    const char* pReport;
+};
+
+Script ScriptOf(const std::vector<Timed>& reports)
+{
+    std::string text = "D: 0\nN: Desk\nI: 3 7a3c 0001\n";
+    for (const Timed& report : reports) {
+        char time[24];
+        snprintf(time, sizeof(time), "E: %u.%03u000 ", report.uMs / 1000, report.uMs % 1000);
+        text += time + std::to_string((strlen(report.pReport) + 1) / 3) + " " + report.pReport + "\n";
+    }
+    return ScriptOfRecording("my.hid", BytesOf(text));
+}
+
+// "sent 2, seen 1, taken 1 by a hotkey; besides 0; 7: 1/1/1; lost 1.000 F", fired/came/armed.
+std::string Audited(const std::vector<Timed>& reports, const std::string& config,
+                    const char* pKind = "normal")
+{
+    ReplayConfig parsed = ParseConfig("my.toml", config);
+    Script script = ScriptOf(reports);
+    Audit audit = AuditOf("my.hid", script, {DriverEntry, {EmuMachine::FindKind(pKind)}, parsed});
+    std::string text = "sent " + std::to_string(audit.uSent) + ", seen " + std::to_string(audit.uSeen);
+    for (const auto& [by, uTimes] : audit.taken)
+        text += ", " + std::to_string(uTimes) + " taken by " + by;
+    text += ", besides " + std::to_string(audit.uMade);
+    for (const auto& [ulId, use] : audit.hotkeys)
+        text += "; " + std::to_string(ulId) + ": " + std::to_string(use.uFired) + "/" +
+                std::to_string(use.uKeysCame) + "/" + std::to_string(use.uArmed);
+    for (const Finding& finding : audit.findings)
+        text += "; " + std::string(NameOf(finding.kind)) + " " + std::to_string(finding.ullUs / 1000) + ": " +
+                finding.text;
+    return text;
+}
+
+const char* const Up = "00 00 00 00 00 00 00 00";
+const char* const E = "00 00 08 00 00 00 00 00";
+const char* const F = "00 00 09 00 00 00 00 00";
+const char* const G = "00 00 0a 00 00 00 00 00";
+const std::string HotF = "[[definition]]\nid = 7\nkeys = [\"F\"]\n";
+const std::string HotCtrlF1 = "[[definition]]\nid = 7\nkeys = [\"ctrl+F1\"]\nswallow = 1\n";
+
+} // namespace
+
+TEST(Audit, TellsWhatBecameOfPresses)
+{
+    const struct {
+        std::vector<Timed> reports;
+        std::string config, told;
+        const char* pKind = "normal";
+    } cases[] = {
+        {{{0, E}, {50, Up}, {100, E}, {150, "00 00 08 0a 00 00 00 00"}, {200, Up}},
+         "",
+         "sent 3, seen 3, besides 0"},
+        {{{0, "01 00 00 00 00 00 00 00"},
+          {50, "01 00 3a 00 00 00 00 00"},
+          {99, "01 00 00 00 00 00 00 00"},
+          {150, Up}},
+         HotCtrlF1,
+         "sent 2, seen 1, 1 taken by a hotkey, besides 1; 7: 1/1/1"}, // Ctrl comes back
+        {{{0, "01 00 3a 00 00 00 00 00"}, {50, "01 00 09 00 00 00 00 00"}, {99, Up}},
+         HotCtrlF1,
+         "sent 3, seen 1, 1 taken by a hotkey, besides 0; 7: 1/1/1; lost 50: F never reached the system: "
+         "taken out by the "
+         "release of a hotkey"},
+        {{{0, "02 00 3a 00 00 00 00 00"}, {50, Up}}, HotCtrlF1, "sent 2, seen 2, besides 0; 7: 0/1/0"},
+        {{{0, E}, {100, Up}, {200, F}, {250, Up}, {300, G}, {350, Up}},
+         HotF,
+         "sent 3, seen 3, besides 0; 7: 1/1/1; accident 200: hotkey 7 fired between E and G, within ordinary "
+         "typing"},
+        {{{0, E}, {50, Up}, {300, F}, {350, Up}, {400, G}, {450, Up}},
+         HotF,
+         "sent 3, seen 3, besides 0; 7: 1/1/1"},
+        {{{0, E}, {50, Up}, {100, F}, {150, Up}, {400, G}, {450, Up}},
+         HotF,
+         "sent 3, seen 3, besides 0; 7: 1/1/1"},
+        {{{0, F}, {50, Up}, {100, F}, {150, Up}, {200, F}, {250, Up}},
+         HotF,
+         "sent 3, seen 3, besides 0; 7: 3/3/3"},
+        {{{0, F}, {50, Up}},
+         HotF + HotF,
+         "sent 1, seen 1, besides 0; 7: 1/1/1; refused 0: definition 7 refused: the keyboard has it already, "
+         "or no room for "
+         "it (status 0xc0000001)"},
+        {{{0, E}, {50, Up}},
+         "[[definition]]\nid = 9\ntype = 5\nswallow = 1\n",
+         "sent 1, seen 0, 1 taken by point of sale, besides 0"},
+        {{{0, "e9 00"}, {50, "00 00"}},
+         "[[definition]]\nid = 7\nkeys = [\"Volume Up\"]\nswallow = 1\n",
+         "sent 1, seen 0, 1 taken by a hotkey, besides 0; 7: 1/1/1",
+         "power"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(c.told, Audited(c.reports, c.config, c.pKind));
+}
+
+// A macro of more reports than the driver queues, whose last one that fits leaves a key down.
+TEST(Audit, TellsFullQueuesAndStuckKeys)
+{
+    DriveFolder folder;
+    const std::string macros =
+        "[[macro]]\nkey = \"F1\"\nplay = [{ text = \"abcdefg\" }, { report = \"0000040000000000\" }, "
+        "{ report = \"0000050000000000\" }, { text = \"h\" }]\n";
+    folder.Write("m.toml", FileBytes(macros.begin(), macros.end()));
+    const std::string config =
+        "[settings]\nKorvexHotkey = \"Scroll Lock\"\nKorvexLEDDisabled = 0\nKorvexDelay = 1\n"
+        "KorvexConfigFile = \"" +
+        folder.Path() + "/m.toml\"\n";
+    EXPECT_EQ("sent 2, seen 0, 2 taken by the macro mode, besides 9; queue_full 500: FifoFull keyboard=0 "
+              "report=[00 00 0b 00 "
+              "00 00 00 00]; queue_full 500: FifoFull keyboard=0 report=[00 00 00 00 00 00 00 00]; stuck "
+              "2500: B is "
+              "down at the end, and the keyboard does not hold it",
+              Audited({{0, "00 00 47 00 00 00 00 00"}, {50, Up}, {500, "00 00 3a 00 00 00 00 00"}}, config));
+}
+
+TEST(Audit, ComparesTwoConfigurations)
+{
+    const Script script =
+        ScriptOf({{0, E}, {50, "01 00 00 00 00 00 00 00"}, {99, "01 00 3a 00 00 00 00 00"}, {150, Up}});
+    const ReplayConfig none = ParseConfig("no.toml", ""), hot = ParseConfig("my.toml", HotCtrlF1);
+    const ReplaySetup setup{DriverEntry, {EmuMachine::FindKind("normal")}, none};
+    EXPECT_EQ(0u, DifferencesOf(script, setup, {"a", hot}, {"b", hot}).size());
+    std::string told;
+    for (const Finding& finding : DifferencesOf(script, setup, {"a", none}, {"b", hot}))
+        told += std::to_string(finding.ullUs) + " " + finding.text + " | " + finding.details.at(0) + " | " +
+                finding.details.at(1) + "\n";
+    EXPECT_EQ("99000 report 3, sent 01 00 3a 00 00 00 00 00 | a: seen 01 00 3a 00 00 00 00 00 | b: seen 00 "
+              "00 00 00 00 00 00 "
+              "00, hotkey 7 down\n"
+              "150000 report 4, sent 00 00 00 00 00 00 00 00 | a: seen 00 00 00 00 00 00 00 00 | b: seen 00 "
+              "00 00 00 00 00 00 "
+              "00, hotkey 7 up\n",
+              told);
+}
