@@ -18,6 +18,7 @@ int main(int argc, char** argv)
     AddShowVerb(app, verbs);
     AddWhyVerb(app, verbs);
     AddAuditVerb(app, verbs);
+    AddScrubVerb(app, verbs);
     AddMacroVerbs(app, verbs);
     AddKeysVerb(app, verbs);
     AddCheckVerb(app, verbs);

@@ -21,6 +21,7 @@ void AddReplayVerb(CLI::App& app, Verbs& verbs); // replay/command.cpp
 void AddShowVerb(CLI::App& app, Verbs& verbs);   // session/command.cpp
 void AddAuditVerb(CLI::App& app, Verbs& verbs);  // audit/command.cpp
 void AddWhyVerb(CLI::App& app, Verbs& verbs);    // why/command.cpp
+void AddScrubVerb(CLI::App& app, Verbs& verbs);  // scrub/command.cpp
 void AddMacroVerbs(CLI::App& app, Verbs& verbs); // macro/command.cpp
 void AddKeysVerb(CLI::App& app, Verbs& verbs);   // keys/command.cpp
 void AddCheckVerb(CLI::App& app, Verbs& verbs);  // check/command.cpp

@@ -1,67 +1,8 @@
 // program_test.cpp - the program itself: exit statuses, what goes to which stream, files written or left alone.
-#include "tests/macro_file.h"
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <fstream>
-#include <sstream>
-#include <sys/wait.h>
+#include "program.h"
 
 namespace
 {
-
-std::string ContentOf(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::stringstream content;
-    content << file.rdbuf();
-    return content.str();
-}
-
-struct Outcome {
-    int iStatus;
-    std::string out, err;
-};
-
-// A folder with files, and runs of the program in it.
-class Program : public testing::Test
-{
-protected:
-    void Write(const std::string& name, const std::string& text)
-    {
-        m_folder.Write(name, FileBytes(text.begin(), text.end()));
-    }
-    std::string Path(const std::string& name) const { return m_folder.Path() + "/" + name; }
-
-    Outcome Run(const std::string& arguments)
-    {
-        std::string command = "cd '" + m_folder.Path() + "' && '" TVUSB_PROGRAM "' " + arguments + " >'" +
-                              m_output.Path() + "/out' 2>'" + m_output.Path() + "/err'";
-        int iResult = system(command.c_str());
-        return {WIFEXITED(iResult) ? WEXITSTATUS(iResult) : -1, ContentOf(m_output.Path() + "/out"),
-                ContentOf(m_output.Path() + "/err")};
-    }
-
-    size_t FilesThere() const
-    {
-        std::filesystem::directory_iterator begin(m_folder.Path()), end;
-        return static_cast<size_t>(std::distance(begin, end));
-    }
-
-    // Bad input: one line that begins with the place, nothing on standard output, status 2.
-    void ExpectBadInput(const std::string& arguments, const std::string& place)
-    {
-        Outcome outcome = Run(arguments);
-        EXPECT_EQ(2, outcome.iStatus) << arguments;
-        EXPECT_EQ("", outcome.out) << arguments;
-        EXPECT_EQ(0u, outcome.err.find("tvusb: " + place)) << outcome.err;
-        EXPECT_EQ(1, std::count(outcome.err.begin(), outcome.err.end(), '\n')) << outcome.err;
-    }
-
-private:
-    DriveFolder m_folder, m_output;
-};
 
 const std::string GoodMacro = "[[macro]]\nkey = \"F1\"\nplay = [\"ctrl+c\"]\n";
 const std::string HeldMacro = "\n[[macro]]\nkey = \"F2\"\nplay = [{ report = \"0000040000000000\" }]\n";
@@ -72,11 +13,11 @@ TEST_F(Program, CompilesShowsAndChecksMacros)
 {
     Write("good.toml", GoodMacro);
     Write("held.toml", GoodMacro + HeldMacro);
-    Outcome compiled = Run("macro compile good.toml good.bin");
+    RunOutcome compiled = Run("macro compile good.toml good.bin");
     EXPECT_EQ(0, compiled.iStatus);
     EXPECT_EQ("", compiled.out + compiled.err);
     EXPECT_EQ("# good.bin: 1 macro.\n\n" + GoodMacro, Run("macro show good.bin").out);
-    Outcome checked = Run("macro check good.bin");
+    RunOutcome checked = Run("macro check good.bin");
     EXPECT_EQ(0, checked.iStatus);
     EXPECT_EQ("good.bin: 1 macro, nothing to warn of\n", checked.out);
 
@@ -100,7 +41,7 @@ TEST_F(Program, LeavesNoHalfFiles)
     ExpectBadInput("macro compile bad.toml old.bin", "bad.toml:4: ");
     ExpectBadInput("macro compile bad.toml new.bin", "bad.toml:4: ");
     Write("worse.toml", GoodMacro + "\n[[macro]]\nplay = [\"ctr+c\", \"F99\"]\nmark = 1\n");
-    Outcome all = Run("macro compile worse.toml new.bin"); // all mistakes, each with its line
+    RunOutcome all = Run("macro compile worse.toml new.bin"); // all mistakes, each with its line
     EXPECT_EQ(2, all.iStatus);
     EXPECT_EQ(3, std::count(all.err.begin(), all.err.end(), '\n')) << all.err;
     std::filesystem::remove(Path("worse.toml"));
@@ -135,7 +76,7 @@ TEST_F(Program, SaysWhatIsWrongWithAnInput)
     EXPECT_EQ(2, Run("macro").iStatus);
     EXPECT_EQ(2, Run("").iStatus);
 
-    Outcome checked = Run("check bad.toml"); // all mistakes, each with its line
+    RunOutcome checked = Run("check bad.toml"); // all mistakes, each with its line
     EXPECT_EQ(2, checked.iStatus);
     EXPECT_EQ("bad.toml:2: Prefix1 is a number from 0 to 0xFFFFFFFF, not -1\n"
               "bad.toml:3: unknown key 'Prefix3' in [settings] (did you mean 'Prefix1'?)\n",
@@ -163,7 +104,7 @@ TEST_F(Program, NamesTheNearestOfWrongNames)
     };
     for (const auto& [pArguments, pSaid] : cases)
         ExpectBadInput(pArguments, pSaid);
-    Outcome version = Run("--version");
+    RunOutcome version = Run("--version");
     EXPECT_EQ(0, version.iStatus);
     EXPECT_TRUE(isdigit(static_cast<unsigned char>(version.out[0]))) << version.out;
 }
@@ -186,21 +127,21 @@ TEST_F(Program, MakesItsPageAndItsCompletion)
         Write("complete.sh", Run("--completion").out + "COMP_WORDS=(" + pLine +
                                  "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n"
                                  "_tvusb; printf '%s\\n' \"${COMPREPLY[@]}\"\n");
-        Outcome said = Run("--version >/dev/null; bash complete.sh");
+        RunOutcome said = Run("--version >/dev/null; bash complete.sh");
         EXPECT_EQ(pWord + std::string("\n"), said.out) << pLine << said.err;
     }
 }
 
 TEST_F(Program, ListsKeys)
 {
-    Outcome all = Run("keys");
+    RunOutcome all = Run("keys");
     EXPECT_EQ(0, all.iStatus);
     EXPECT_NE(
         std::string::npos,
         all.out.find(
             "Sleep                 media     0x202  E0 5F        0x01020000  0x02040000  System Sleep\n"));
     EXPECT_NE(std::string::npos, all.out.find("Pause                 keyboard  0x048  E1 1D 45 "));
-    Outcome some = Run("keys 'VOLUME up'");
+    RunOutcome some = Run("keys 'VOLUME up'");
     EXPECT_EQ(3, std::count(some.out.begin(), some.out.end(), '\n')) << some.out;
     EXPECT_EQ(1, Run("keys xyzzy").iStatus);
 }
@@ -208,7 +149,7 @@ TEST_F(Program, ListsKeys)
 TEST_F(Program, GivesEachKeyboardOfARecordingItsKind)
 {
     Write("two.hid", "D: 0\nE: 0.1 8 00 00 04 00 00 00 00 00\nD: 1\nE: 0.2 2 23 02\nD: 2\nE: 0.3 2 23 02\n");
-    Outcome outcome = Run("replay --json --keyboard normal,power two.hid");
+    RunOutcome outcome = Run("replay --json --keyboard normal,power two.hid");
     EXPECT_EQ(0, outcome.iStatus) << outcome.err;
     for (const char* pPart :
          {R"("index":0,"kbdtype":1,)", R"("index":1,"kbdtype":2,)", R"("index":2,"kbdtype":2,)"})
@@ -244,7 +185,7 @@ TEST_F(Program, ReplaysAPartOfItsInput)
         {"cut.hid --partial", "0@0 0@1000000 1@1500000 0@2000000 ", 2},
     };
     for (const auto& c : cases) {
-        Outcome outcome = Run("replay --json --config f1.toml " + std::string(c.pOptions));
+        RunOutcome outcome = Run("replay --json --config f1.toml " + std::string(c.pOptions));
         EXPECT_EQ(c.iStatus, outcome.iStatus) << c.pOptions << "\n" << outcome.err;
         EXPECT_EQ(c.iStatus ? 1 : 0, std::count(outcome.err.begin(), outcome.err.end(), '\n')) << outcome.err;
         std::istringstream lines(outcome.out);
@@ -266,7 +207,7 @@ TEST_F(Program, TellsWhy)
     Write("desk.hid", "D: 0\nE: 1.0 8 01 00 00 00 00 00 00 00\nE: 2.0 8 01 00 3a 00 00 00 00 00\n"
                       "E: 3.0 8 01 00 00 00 00 00 00 00\n");
     const std::string ask = "why desk.hid --config desk.toml ";
-    Outcome json = Run(ask + "--at 1 --json");
+    RunOutcome json = Run(ask + "--at 1 --json");
     EXPECT_EQ(0, json.iStatus) << json.err;
     for (
         const char* pLine :
@@ -297,14 +238,14 @@ TEST_F(Program, AuditsSessions)
     Write("bad.hid", "D: 0\nE: 1.0 8 00 00 09 00 00 00 00 00\nE: 1.1 8 00 00 0a 00 00 00 00 00\n"
                      "E: 1.2 8 00 00 00 00 00 00 00 00\n");
     Write("cut.hid", "D: 0\nE: 1.0 8 00 00\n");
-    Outcome good = Run("audit good.hid --config f.toml --json");
+    RunOutcome good = Run("audit good.hid --config f.toml --json");
     EXPECT_EQ(0, good.iStatus) << good.err;
     EXPECT_EQ(
         std::string(
             R"({"type":"audit","file":"good.hid","t_us":2100000,"keyboards":1,"reports":2,"sent":1,"seen":0,"taken":1,"besides":0,"slowest_us":0,"findings":0})") +
             "\n" + R"({"type":"hotkey","file":"good.hid","id":7,"fired":1,"came":1,"armed":1})" + "\n",
         good.out);
-    Outcome bad = Run("audit good.hid bad.hid --config f.toml --json");
+    RunOutcome bad = Run("audit good.hid bad.hid --config f.toml --json");
     EXPECT_EQ(1, bad.iStatus);
     EXPECT_EQ(0u, bad.out.find(good.out));
     for (
@@ -318,7 +259,7 @@ TEST_F(Program, AuditsSessions)
           "    7  F                     fired 2 times\n", "    bad.hid     0.100000 s  keyboard 0  G never",
           "\n  1 finding\n"})
         EXPECT_NE(std::string::npos, page.find(pPart)) << pPart << page;
-    Outcome other = Run("audit good.hid --config f.toml --against none.toml");
+    RunOutcome other = Run("audit good.hid --config f.toml --against none.toml");
     EXPECT_EQ(1, other.iStatus);
     EXPECT_NE(std::string::npos, other.out.find("none.toml: seen 00 00 09 00 00 00 00 00\n")) << other.out;
     EXPECT_EQ(0, Run("audit good.hid --config f.toml --against f.toml").iStatus);
@@ -334,7 +275,8 @@ TEST_F(Program, PlaysTheSamples)
         EXPECT_EQ(0, Run("check " + samples + pName).iStatus) << pName;
     EXPECT_EQ(0, Run("macro check " + samples + "macros.toml").iStatus);
 
-    Outcome macro = Run("replay --json " + samples + "macromode.hid --config " + samples + "macromode.toml");
+    RunOutcome macro =
+        Run("replay --json " + samples + "macromode.hid --config " + samples + "macromode.toml");
     EXPECT_EQ(0, macro.iStatus);
     for (const char* pLine :
          {R"({"type":"macro","t_us":0,"record":1,"mode":1,"report":""})",
@@ -353,7 +295,7 @@ TEST_F(Program, PlaysTheSamples)
         return iCount;
     }());
 
-    Outcome till = Run("replay --json " + samples + "cashier.hid --config " + samples + "cashier.toml");
+    RunOutcome till = Run("replay --json " + samples + "cashier.hid --config " + samples + "cashier.toml");
     EXPECT_EQ(0, till.iStatus);
     std::string scans; // the application's, in order
     for (size_t cAt = 0; (cAt = till.out.find("\"value\":", cAt)) != std::string::npos; ++cAt) {

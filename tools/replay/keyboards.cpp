@@ -87,6 +87,7 @@ ScriptKeyboard DescribeKeyboard(const Found& found)
     if (auto name = device.strings.find(device.ucProductString); name != device.strings.end())
         keyboard.name = name->second;
     keyboard.ulReadBytes = 0;
+    keyboard.ucEndpoint = found.endpoints[0];
     size_t cFirst = device.reporting.at(found.endpoints[0]).cFirstReport;
     keyboard.pGuess = cFirst == 8 ? "normal" : cFirst <= 4 ? "power" : "other";
     keyboard.bTold = !device.configurations.empty();

@@ -17,9 +17,8 @@ enum : unsigned { Power = 2, Jaalaa = 3, Chic = 4 };
 
 using Names = std::vector<std::string>;
 
-Names KeysOfUsages(const Bytes& report)
+Names KeysOfUsages(const Bytes& report, size_t cFirst)
 {
-    size_t cFirst = report.size() == 8 ? 2 : report.size() == 3 ? 1 : report.size();
     Names names;
     if (report.size() == 8)
         names = ShownModifiers(report[0]);
@@ -62,13 +61,22 @@ Names KeysOfPatterns(const Bytes& report, unsigned uType)
 
 } // namespace
 
+size_t FirstUsageOf(const Bytes& report, unsigned uType)
+{
+    bool bPatterns = uType == Jaalaa || uType == Chic;
+    return bPatterns                              ? report.size()
+           : report.size() == 8                   ? 2
+           : report.size() == 3 && uType != Power ? 1
+                                                  : report.size();
+}
+
 std::vector<std::string> KeyListOfReport(const Bytes& report, unsigned uType)
 {
     if (uType == Jaalaa || uType == Chic)
         return KeysOfPatterns(report, uType);
     if (uType == Power && (report.size() == 2 || report.size() == 3))
         return KeysOfMediaUsage(report);
-    return KeysOfUsages(report);
+    return KeysOfUsages(report, FirstUsageOf(report, uType));
 }
 
 std::string KeysOfReport(const Bytes& report, unsigned uType)

@@ -6,6 +6,9 @@
 #include <string>
 #include <vector>
 
+// Where the usages of keys begin in a report; its length for a report that has none.
+size_t FirstUsageOf(const Bytes& report, unsigned uType);
+
 // One name for each key that is down, modifiers first.
 std::vector<std::string> KeyListOfReport(const Bytes& report, unsigned uType);
 

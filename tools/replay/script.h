@@ -16,6 +16,7 @@ struct ScriptKeyboard {
     uint16_t usVendor = 0;
     uint16_t usProduct = 0;
     uint32_t ulReadBytes = 8;      // what the stack above asks for with each read: the endpoint's packet size
+    uint8_t ucEndpoint = 0x81;     // of a capture: where it reports
     bool bMouse = false;           // by its interface's protocol
     bool bTold = false;            // its kind comes from the control transfers of the script
     const char* pGuess = "normal"; // else: the kind that its first report looks like

@@ -7,6 +7,7 @@
 // name. Packets have the long usbmon header (link type 220). What was told between is a comment of the packet
 // told before it, with its own time where that is another one.
 #include "session.h"
+#include "usbmonrecord.h"
 #include "tools/common/files.h"
 
 #include <fmt/format.h>
@@ -16,14 +17,7 @@ namespace
 
 constexpr uint32_t SectionBlock = 0x0A0D0D0A, InterfaceBlock = 1, PacketBlock = 6;
 constexpr uint16_t CommentOption = 1, NameOption = 2;
-constexpr uint8_t Interrupt = 1, Control = 2;
 enum Side : uint32_t { Below, Above };
-
-void Put(Bytes& bytes, uint64_t ullValue, size_t cWidth)
-{
-    for (size_t i = 0; i < cWidth; ++i)
-        bytes.push_back(static_cast<uint8_t>(ullValue >> (8 * i)));
-}
 
 void Pad(Bytes& bytes)
 {
@@ -38,8 +32,8 @@ void Append(Bytes& bytes, const Bytes& more)
 void PutOption(Bytes& bytes, uint16_t usCode, std::string text)
 {
     text.resize(std::min<size_t>(text.size(), 0xFFFF));
-    Put(bytes, usCode, 2);
-    Put(bytes, text.size(), 2);
+    PutNumber(bytes, usCode, 2);
+    PutNumber(bytes, text.size(), 2);
     bytes.insert(bytes.end(), text.begin(), text.end());
     Pad(bytes);
 }
@@ -58,16 +52,16 @@ public:
     Writer(OutputFile& file, const Session& session) : m_file(file), m_session(session)
     {
         Bytes section;
-        Put(section, 0x1A2B3C4D, 4);
-        Put(section, 1, 4); // version 1.0
-        Put(section, ~0ull, 8);
+        PutNumber(section, 0x1A2B3C4D, 4);
+        PutNumber(section, 1, 4); // version 1.0
+        PutNumber(section, ~0ull, 8);
         Block(SectionBlock, section);
         for (const char* pName : {"below", "above"}) {
             Bytes interface;
-            Put(interface, 220, 4);
-            Put(interface, 65535, 4);
+            PutNumber(interface, 220, 4);
+            PutNumber(interface, 65535, 4);
             PutOption(interface, NameOption, pName);
-            Put(interface, 0, 4);
+            PutNumber(interface, 0, 4);
             Block(InterfaceBlock, interface);
         }
     }
@@ -107,41 +101,34 @@ private:
     // SET_REPORT of an output report of one byte, and its completion.
     void LedPackets(const SessionLine& line)
     {
-        Begin(Below, line.ullUs, Header('S', Control, 0, 1, line, 1, {0x21, 9, 0, 2, 0, 0, 1, 0}));
-        m_pending.content.push_back(line.ucLeds);
-        Begin(Below, line.ullUs, Header('C', Control, 0, 1, line, 0, {}));
+        UsbmonRecord record = RecordOf(Below, line);
+        record.cType = 'S';
+        record.ucTransfer = UsbmonRecord::Control;
+        record.ucEndpoint = 0;
+        record.setup = {0x21, 9, 0, 2, 0, 0, 1, 0};
+        record.data = {line.ucLeds};
+        Begin(Below, line.ullUs, record.Encode());
+        record.cType = 'C';
+        record.setup.clear();
+        record.data.clear();
+        Begin(Below, line.ullUs, record.Encode());
     }
 
     void Packet(Side side, const SessionLine& line, const Bytes& report)
     {
-        Begin(side, line.ullUs,
-              Header('C', Interrupt, 0x81, static_cast<uint16_t>(side + 1), line, report.size(), {}));
-        Append(m_pending.content, report);
+        UsbmonRecord record = RecordOf(side, line);
+        record.data = report;
+        Begin(side, line.ullUs, record.Encode());
     }
 
-    // The long usbmon header. A submission and the completion behind it share their number.
-    Bytes Header(char cType, uint8_t ucTransfer, uint8_t ucEndpoint, uint16_t usBus, const SessionLine& line,
-                 size_t cData, const Bytes& setup)
+    UsbmonRecord RecordOf(Side side, const SessionLine& line)
     {
-        if (cType == 'S' || ucTransfer == Interrupt)
-            ++m_ullTransfer;
-        Bytes header;
-        Put(header, m_ullTransfer, 8);
-        Put(header, static_cast<uint8_t>(cType), 1);
-        Put(header, ucTransfer, 1);
-        Put(header, ucEndpoint, 1);
-        Put(header, line.uKeyboard + 1, 1);
-        Put(header, usBus, 2);
-        Put(header, setup.empty() ? '-' : 0, 1);
-        Put(header, cData ? 0 : '<', 1);
-        Put(header, line.ullUs / 1000000, 8);
-        Put(header, line.ullUs % 1000000, 4);
-        Put(header, cType == 'S' ? static_cast<uint32_t>(-115) : 0, 4); // -115: in progress
-        Put(header, cData, 4);
-        Put(header, cData, 4);
-        Append(header, setup);
-        header.resize(64);
-        return header;
+        UsbmonRecord record;
+        record.ucDevice = static_cast<uint8_t>(line.uKeyboard + 1);
+        record.usBus = static_cast<uint16_t>(side + 1);
+        record.ullTransfer = ++m_ullTransfer;
+        record.ullUs = line.ullUs;
+        return record;
     }
 
     void Begin(Side side, uint64_t ullUs, Bytes content)
@@ -158,17 +145,17 @@ private:
         if (m_pending.content.empty())
             return;
         Bytes packet;
-        Put(packet, m_pending.side, 4);
-        Put(packet, m_pending.ullUs >> 32, 4);
-        Put(packet, m_pending.ullUs & 0xFFFFFFFF, 4);
-        Put(packet, m_pending.content.size(), 4);
-        Put(packet, m_pending.content.size(), 4);
+        PutNumber(packet, m_pending.side, 4);
+        PutNumber(packet, m_pending.ullUs >> 32, 4);
+        PutNumber(packet, m_pending.ullUs & 0xFFFFFFFF, 4);
+        PutNumber(packet, m_pending.content.size(), 4);
+        PutNumber(packet, m_pending.content.size(), 4);
         Append(packet, m_pending.content);
         Pad(packet);
         for (std::string& comment : m_pending.comments)
             PutOption(packet, CommentOption, std::move(comment));
         if (!m_pending.comments.empty())
-            Put(packet, 0, 4);
+            PutNumber(packet, 0, 4);
         Block(PacketBlock, packet);
         m_pending = {};
     }
@@ -176,10 +163,10 @@ private:
     void Block(uint32_t ulType, const Bytes& body)
     {
         Bytes block;
-        Put(block, ulType, 4);
-        Put(block, body.size() + 12, 4);
+        PutNumber(block, ulType, 4);
+        PutNumber(block, body.size() + 12, 4);
         Append(block, body);
-        Put(block, body.size() + 12, 4);
+        PutNumber(block, body.size() + 12, 4);
         m_file.Write(block);
     }
 
