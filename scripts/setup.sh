@@ -8,6 +8,8 @@ PACKAGES_TEST="$PACKAGES_FAST clang-tidy lld g++-mingw-w64-x86-64 binutils-mingw
 # For what runs under Wine: the kernel under the driver's file, a command interpreter for Windows, and the tests'
 # library to build for it.
 PACKAGES_WINE="wine wine64 googletest"
+# For the virtual machine; its kernel's package is taken apart, not installed.
+PACKAGES_GUEST="qemu-system-x86 cpio python3"
 
 # Put before a program: sanitizers place their shadow memory where a widely randomised address space may have put
 # something else.
