@@ -19,6 +19,7 @@ int main(int argc, char** argv)
     AddWhyVerb(app, verbs);
     AddAuditVerb(app, verbs);
     AddScrubVerb(app, verbs);
+    AddDrillVerb(app, verbs);
     AddMacroVerbs(app, verbs);
     AddKeysVerb(app, verbs);
     AddCheckVerb(app, verbs);

@@ -20,6 +20,7 @@ using Verbs = std::vector<Verb>;
 void AddReplayVerb(CLI::App& app, Verbs& verbs); // replay/command.cpp
 void AddShowVerb(CLI::App& app, Verbs& verbs);   // session/command.cpp
 void AddAuditVerb(CLI::App& app, Verbs& verbs);  // audit/command.cpp
+void AddDrillVerb(CLI::App& app, Verbs& verbs);  // drill/command.cpp
 void AddWhyVerb(CLI::App& app, Verbs& verbs);    // why/command.cpp
 void AddScrubVerb(CLI::App& app, Verbs& verbs);  // scrub/command.cpp
 void AddMacroVerbs(CLI::App& app, Verbs& verbs); // macro/command.cpp

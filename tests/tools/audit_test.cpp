@@ -1,4 +1,5 @@
 // audit_test.cpp - what `audit` finds in sessions.
+#include "program.h"
 #include "replayed.h"
 
 #include "tests/macro_file.h"
@@ -142,4 +143,42 @@ TEST(Audit, ComparesTwoConfigurations)
               "00 00 00 00 00 00 "
               "00, hotkey 7 up\n",
               told);
+}
+
+// What is wrong in sessions: the page, the lines, the statuses.
+TEST_F(Program, AuditsSessions)
+{
+    Write("f.toml", "[[definition]]\nid = 7\nkeys = [\"F\"]\nswallow = 1\n");
+    Write("none.toml", "");
+    Write("good.hid", "D: 0\nE: 1.0 8 00 00 09 00 00 00 00 00\nE: 1.1 8 00 00 00 00 00 00 00 00\n");
+    Write("bad.hid", "D: 0\nE: 1.0 8 00 00 09 00 00 00 00 00\nE: 1.1 8 00 00 0a 00 00 00 00 00\n"
+                     "E: 1.2 8 00 00 00 00 00 00 00 00\n");
+    Write("cut.hid", "D: 0\nE: 1.0 8 00 00\n");
+    RunOutcome good = Run("audit good.hid --config f.toml --json");
+    EXPECT_EQ(0, good.iStatus) << good.err;
+    EXPECT_EQ(
+        std::string(
+            R"({"type":"audit","file":"good.hid","t_us":2100000,"keyboards":1,"reports":2,"sent":1,"seen":0,"taken":1,"besides":0,"slowest_us":0,"findings":0})") +
+            "\n" + R"({"type":"hotkey","file":"good.hid","id":7,"fired":1,"came":1,"armed":1})" + "\n",
+        good.out);
+    RunOutcome bad = Run("audit good.hid bad.hid --config f.toml --json");
+    EXPECT_EQ(1, bad.iStatus);
+    EXPECT_EQ(0u, bad.out.find(good.out));
+    for (
+        const char* pLine :
+        {R"({"type":"finding","file":"bad.hid","t_us":100000,"kbd":0,"kind":"lost","text":"G never reached the system: taken out by the release of a hotkey"})"})
+        EXPECT_NE(std::string::npos, bad.out.find(pLine + std::string("\n"))) << bad.out;
+    const std::string page = Run("audit good.hid bad.hid --config f.toml").out;
+    for (const char* pPart :
+         {"2 inputs with f.toml\n  2 keyboards, 5 reports, 4.300000 s\n", "presses sent               3\n",
+          "taken                      2  by a hotkey\n", "lost                       1\n",
+          "    7  F                     fired 2 times\n", "    bad.hid     0.100000 s  keyboard 0  G never",
+          "\n  1 finding\n"})
+        EXPECT_NE(std::string::npos, page.find(pPart)) << pPart << page;
+    RunOutcome other = Run("audit good.hid --config f.toml --against none.toml");
+    EXPECT_EQ(1, other.iStatus);
+    EXPECT_NE(std::string::npos, other.out.find("none.toml: seen 00 00 09 00 00 00 00 00\n")) << other.out;
+    EXPECT_EQ(0, Run("audit good.hid --config f.toml --against f.toml").iStatus);
+    ExpectBadInput("audit good.hid cut.hid --config f.toml", "cut.hid:2: ");
+    ExpectBadInput("audit good.hid --config f.toml --against missing.toml", "missing.toml:1: cannot be read");
 }

@@ -1,4 +1,5 @@
 // why_test.cpp - what `why` tells of a report: the first reason of each definition.
+#include "program.h"
 #include "replayed.h"
 
 #include "tools/why/why.h"
@@ -132,4 +133,34 @@ TEST(Why, TellsTheFirstReason)
     for (const auto& c : cases)
         EXPECT_EQ(c.pVerdict, ReasonOf(c.reports, c.config, c.ulId, c.pKind))
             << c.reports.back() << " " << c.ulId;
+}
+
+// What the driver did with a report and why, line by line, and which reports can be asked for.
+TEST_F(Program, TellsWhy)
+{
+    Write("desk.toml", "[[definition]]\nid = 7\nname = \"help\"\nkeys = [\"ctrl+F1\"]\nswallow = 1\n"
+                       "[[definition]]\nid = 9\ntype = 99\n");
+    Write("desk.hid", "D: 0\nE: 1.0 8 01 00 00 00 00 00 00 00\nE: 2.0 8 01 00 3a 00 00 00 00 00\n"
+                      "E: 3.0 8 01 00 00 00 00 00 00 00\n");
+    const std::string ask = "why desk.hid --config desk.toml ";
+    RunOutcome json = Run(ask + "--at 1 --json");
+    EXPECT_EQ(0, json.iStatus) << json.err;
+    for (
+        const char* pLine :
+        {R"({"type":"why","t_us":1000000,"kbd":0,"report":2,"in":"01003a0000000000","out":"0000000000000000"})",
+         R"({"type":"step","report":2,"event":"KeyHeldBack","trace":"KeyHeldBack keyboard=0 key=0x3a","text":"F1 is held back"})",
+         R"({"type":"verdict","report":2,"index":0,"id":7,"reason":"fired","text":"fired with F1, armed by ctrl; its keys were swallowed"})",
+         R"({"type":"verdict","report":2,"index":null,"id":9,"reason":"no_hotkey","text":"the driver made no hotkey of it"})",
+         R"({"type":"event","t_us":1000000,"kbd":0,"id":7,"value":1,"esc_abort":0,"source":0})"})
+        EXPECT_NE(std::string::npos, json.out.find(pLine + std::string("\n"))) << pLine << json.out;
+    EXPECT_EQ(json.out, Run(ask + "--report 2 --json").out);
+    EXPECT_EQ(json.out, Run(ask + "--at 1.9 --json").out); // the last one before
+    const std::string text = Run(ask + "--at 2").out;
+    for (const char* pPart :
+         {"report 3, 2.000000 s, keyboard 0\n", "  the application    hotkey 7 up\n",
+          "    F1 has left the report\n", "7  ctrl+F1 (help)        ended: F1 was released\n"})
+        EXPECT_NE(std::string::npos, text.find(pPart)) << pPart << text;
+    ExpectBadInput(ask + "--report 4", "desk.hid: there is no report 4: it has 3\n");
+    for (const char* pBad : {"", "--report 0", "--at nan", "--at 1 --report 1", "--report -1"})
+        EXPECT_EQ(2, Run(ask + pBad).iStatus) << pBad;
 }

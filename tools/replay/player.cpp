@@ -31,6 +31,12 @@ std::optional<uint8_t> LedsOf(const ScriptStep* pControl, const EmuBytes& report
     return report.size() == 1 || (!pControl && !report.empty()) ? std::optional(report[0]) : std::nullopt;
 }
 
+bool IsDescriptorRequest(const std::array<uint8_t, 8>& setup)
+{
+    constexpr uint8_t GetDescriptor = 6;
+    return (setup[0] == 0x80 || setup[0] == 0x81) && setup[1] == GetDescriptor;
+}
+
 ULONG PacketBytesOf(const EmuDescriptors& kind)
 {
     Bytes configuration(kind.pConfiguration, kind.pConfiguration + kind.ulConfiguration);

@@ -35,13 +35,6 @@ struct Received {
     Bytes seen;
 };
 
-// True for the requests that travel as descriptor requests, not as plain control transfers.
-bool IsDescriptorRequest(const std::array<uint8_t, 8>& setup)
-{
-    constexpr uint8_t GetDescriptor = 6;
-    return (setup[0] == 0x80 || setup[0] == 0x81) && setup[1] == GetDescriptor;
-}
-
 class Replay
 {
 public:
@@ -67,7 +60,8 @@ public:
         uint64_t ullEnd = RunOnUs;
         unsigned uSteps = 0;
         StepReader read = m_script.Open();
-        for (ScriptStep step; !IsEnough() && read(step);) {
+        bool bEnough = false;
+        for (ScriptStep step; !(bEnough = IsEnough()) && read(step);) {
             MoveClock(step.ullUs);
             Play(step);
             TellAll();
@@ -75,7 +69,7 @@ public:
             if (++uSteps % ProgressSteps == 0 && m_setup.Progress)
                 m_setup.Progress(Now(), m_totals);
         }
-        if (!IsEnough())
+        if (!bEnough || m_setup.pTrial)
             MoveClock(ullEnd);
         return Finish();
     }
@@ -158,6 +152,8 @@ private:
         if (player.bAnnounced)
             return;
         player.bAnnounced = true;
+        if (!m_application)
+            return;
         ULONG ulIndex = player.pKeyboard->Index();
         m_printer.Keyboard(Now(), uKeyboard, ulIndex, KbdTypeOf(player.pKeyboard->Filter()), *player.pScript);
         m_application->RegisterNotifyEvent(ulIndex);
@@ -226,6 +222,8 @@ private:
     void Play(const ScriptStep& step)
     {
         Player& player = m_players[step.uKeyboard];
+        if (player.bGone)
+            return;
         if (step.kind == StepKind::Control) {
             SendControl(step.uKeyboard, step);
             return;
@@ -266,7 +264,7 @@ private:
         Player& player = m_players[uKeyboard];
         player.bReading = false;
         if (!NT_SUCCESS(received.Status)) {
-            player.bSilent |= received.Status != STATUS_CANCELLED;
+            player.bSilent |= received.Status != STATUS_CANCELLED && !m_setup.pTrial;
             return;
         }
         Received entry{uKeyboard, std::nullopt, received.Bytes};
@@ -289,9 +287,11 @@ private:
             m_received.pop_front();
             ++m_totals.uReports;
             m_printer.Report(Now(), entry.uKeyboard, entry.sent, entry.seen);
+            Happen(&ReplayTrial::AtReport, entry.uKeyboard);
             TellRecords();
             size_t cOthers = m_received.size();
             SendRead(m_players[entry.uKeyboard]);
+            Happen(&ReplayTrial::AtReport, entry.uKeyboard);
             std::rotate(m_received.begin(), m_received.begin() + static_cast<ptrdiff_t>(cOthers),
                         m_received.end());
         }
@@ -301,16 +301,19 @@ private:
     {
         for (unsigned k = 0; k < m_players.size(); ++k) {
             ULONG ulIndex = m_players[k].pKeyboard->Index();
-            if (!m_players[k].bAnnounced || !m_application->NotifySignalled(ulIndex))
+            if (!m_application || !m_players[k].bAnnounced || !m_application->NotifySignalled(ulIndex))
                 continue;
             for (const NotifyRecord& record : m_application->TakeRecords(ulIndex)) {
                 ++m_totals.uEvents;
                 m_printer.Event(Now(), k, record);
+                Happen(&ReplayTrial::AtEvent, k);
             }
         }
-        if (m_application->MacroSignalled())
-            for (const MacroRecord& record : m_application->TakeMacroRecords())
+        if (m_application && m_application->MacroSignalled())
+            for (const MacroRecord& record : m_application->TakeMacroRecords()) {
                 m_printer.Macro(Now(), record);
+                Happen(&ReplayTrial::AtEvent, 0); // whose it is, is not known
+            }
         for (; !m_leds.empty(); m_leds.pop_front())
             m_printer.Led(Now(), m_leds.front().first, m_leds.front().second);
     }
@@ -318,12 +321,14 @@ private:
     // Sends the keyboard's next read, unless one is on its way or there is something to tell first.
     void SendRead(Player& player)
     {
-        if (player.bReading || player.bSilent)
+        if (player.bReading || player.bSilent || player.bGone)
             return;
         player.bReading = true;
         NTSTATUS status = player.pKeyboard->Read();
-        if (player.bReading && !NT_SUCCESS(status)) // it never went down
-            player.bSilent = true;
+        if (player.bReading && !NT_SUCCESS(status)) { // it never went down
+            player.bReading = false;
+            player.bSilent = !m_setup.pTrial;
+        }
         HostSettle();
     }
 
@@ -335,10 +340,28 @@ private:
                 SendRead(player);
     }
 
+    // Something may go wrong at this moment.
+    void Happen(Mishap (ReplayTrial::*pAsk)(unsigned), unsigned uKeyboard)
+    {
+        const Mishap mishap = m_setup.pTrial ? (m_setup.pTrial->*pAsk)(uKeyboard) : Mishap::None;
+        Player& player = m_players[uKeyboard];
+        if (mishap == Mishap::ApplicationGone)
+            m_application.reset();
+        if (mishap == Mishap::KeyboardPulled && !player.bGone) {
+            player.bGone = true;
+            player.pKeyboard->Unplug(true);
+        }
+    }
+
     // The end: the application leaves, the keyboards are removed in order, the driver is unloaded.
     unsigned Finish()
     {
         uint64_t ullNow = Now();
+        std::vector<EmuKeyboard*> keyboards;
+        for (const Player& player : m_players)
+            keyboards.push_back(player.pKeyboard);
+        if (m_setup.pTrial)
+            m_setup.pTrial->BeforeEnd(*m_machine, keyboards);
         m_application.reset();
         for (Player& player : m_players) {
             m_totals.uUnread += static_cast<unsigned>(player.sent.size());

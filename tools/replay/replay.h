@@ -4,6 +4,7 @@
 #include "config.h"
 #include "output.h"
 #include "script.h"
+#include "trial.h"
 
 #include "emu/app/machine.h"
 
@@ -18,6 +19,7 @@ struct ReplaySetup {
     std::function<void(uint64_t ullUs, const ReplayTotals&)> Progress = {}; // every few thousand steps
     std::function<void()> BeforeLoad = {}; // the host runs, the driver is about to be loaded
     std::function<bool()> IsEnough = {};   // asked before each step: true leaves out the rest of the input
+    ReplayTrial* pTrial = nullptr;
 };
 
 // Gaps of more than ten minutes are played for ten minutes, and the rest is skipped.

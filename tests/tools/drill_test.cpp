@@ -1,0 +1,178 @@
+// drill_test.cpp - what `drill` finds: drivers with a fault of their own, copies that stop or hang, what is lost.
+#include "program.h"
+#include "replayed.h"
+
+#include "tools/drill/apart.h"
+#include "tools/drill/drill.h"
+
+#include <utility>
+
+namespace
+{
+
+// The driver, with a fault that begins when a keyboard is pulled.
+enum class Fault { None, LeavesMemory, Hangs, BreaksARule, HoldsARead, TakesNoKeyboard } g_fault;
+bool g_bPulled;
+PDRIVER_DISPATCH g_pPnp, g_pInternal;
+PDRIVER_ADD_DEVICE g_pAdd;
+PIRP g_pHeld; // a read
+
+bool IsAtFault(Fault fault)
+{
+    return g_bPulled && g_fault == fault;
+}
+
+NTSTATUS FaultyPnp(PDEVICE_OBJECT pDevice, PIRP Irp)
+{
+    const UCHAR ucMinor = IoGetCurrentIrpStackLocation(Irp)->MinorFunction;
+    g_bPulled |= ucMinor == IRP_MN_SURPRISE_REMOVAL;
+    if (ucMinor == IRP_MN_SURPRISE_REMOVAL &&
+        (IsAtFault(Fault::LeavesMemory) || IsAtFault(Fault::BreaksARule))) {
+        void* p = ExAllocatePoolWithTag(NonPagedPoolNx, 16, 'kaeL');
+        if (g_fault == Fault::BreaksARule) {
+            ExFreePoolWithTag(p, 'kaeL');
+            ExFreePoolWithTag(p, 'kaeL');
+        }
+    }
+    while (IsAtFault(Fault::Hangs))
+        (void)getpid();
+    if (g_pHeld && ucMinor == IRP_MN_QUERY_REMOVE_DEVICE) {
+        g_pHeld->IoStatus.Status = STATUS_CANCELLED;
+        IoCompleteRequest(std::exchange(g_pHeld, nullptr), IO_NO_INCREMENT);
+    }
+    return g_pPnp(pDevice, Irp);
+}
+
+NTSTATUS FaultyInternal(PDEVICE_OBJECT pDevice, PIRP Irp)
+{
+    if (!IsAtFault(Fault::HoldsARead) || g_pHeld)
+        return g_pInternal(pDevice, Irp);
+    IoMarkIrpPending(Irp);
+    g_pHeld = Irp;
+    return STATUS_PENDING;
+}
+
+NTSTATUS FaultyAdd(PDRIVER_OBJECT pDriver, PDEVICE_OBJECT pPhysical)
+{
+    return IsAtFault(Fault::TakesNoKeyboard) ? STATUS_UNSUCCESSFUL : g_pAdd(pDriver, pPhysical);
+}
+
+NTSTATUS FaultyEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pPath)
+{
+    NTSTATUS status = DriverEntry(pDriver, pPath);
+    g_bPulled = false;
+    g_pPnp = std::exchange(pDriver->MajorFunction[IRP_MJ_PNP], FaultyPnp);
+    g_pInternal = std::exchange(pDriver->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL], FaultyInternal);
+    g_pAdd = std::exchange(pDriver->DriverExtension->AddDevice, FaultyAdd);
+    return status;
+}
+
+Drill Drilled(const std::string& recording, const std::string& config, const DrillPlan& plan = {},
+              const char* pKind = "normal")
+{
+    ReplayConfig parsed = ParseConfig("my.toml", config);
+    return RunDrill(ScriptOfRecording("my.hid", BytesOf(recording)),
+                    {FaultyEntry, {EmuMachine::FindKind(pKind)}, parsed}, plan);
+}
+
+const std::string F1 = "D: 0\nE: 1.0 8 00 00 3a 00 00 00 00 00\nE: 2.0 8 00 00 00 00 00 00 00 00\n"
+                       "E: 3.0 8 00 00 04 00 00 00 00 00\nE: 4.0 8 00 00 00 00 00 00 00 00\n";
+const std::string Hotkey = "[[definition]]\nid = 7\nkeys = [\"F1\"]\nswallow = 1\n";
+
+// "tried/lost/wrong" of the three troubles.
+std::string Sums(const Drill& drill)
+{
+    std::string sums;
+    for (const Drill::Kind& kind : drill.kinds)
+        sums += std::to_string(kind.uTried) + "/" + std::to_string(kind.uLost) + "/" +
+                std::to_string(kind.uWrong) + " ";
+    return sums;
+}
+
+} // namespace
+
+TEST(Drill, TriesEachMoment)
+{
+    g_fault = Fault::None;
+    const Drill each = Drilled(F1, Hotkey);
+    EXPECT_EQ(4u, each.uReports);
+    EXPECT_EQ(2u, each.uEvents);
+    const unsigned uCalls = each.kinds[2].uMoments;
+    EXPECT_GT(uCalls, 50u);
+    EXPECT_EQ("8/0/0 2/0/0 " + std::to_string(uCalls) + "/0/0 ", Sums(each));
+    unsigned uRefused = 0;
+    for (const Harm& harm : each.harms)
+        uRefused += harm.result == Result::Refused;
+    EXPECT_EQ(each.harms.size(), uRefused);
+    EXPECT_GT(uRefused, 3u) << "the driver does not load, or refuses a keyboard, and says so";
+    DrillPlan plan;
+    plan.uEvery = 3;
+    EXPECT_EQ("4/0/0 1/0/0 " + std::to_string((uCalls + 2) / 3) + "/0/0 ", Sums(Drilled(F1, Hotkey, plan)));
+}
+
+TEST(Drill, FindsWhatADriverDoesWrong)
+{
+    const struct {
+        Fault fault;
+        Result result;
+        const char* pText;
+    } cases[] = {
+        {Fault::LeavesMemory, Result::LeftBehind, "pool memory: 16 bytes"},
+        {Fault::Hangs, Result::Hung, "it does not end within 0.3 s"},
+        {Fault::BreaksARule, Result::Stopped, "BAD_POOL_CALLER: "},
+        {Fault::HoldsARead, Result::Hung, "a read of keyboard 1 never comes back"},
+        {Fault::TakesNoKeyboard, Result::NoKeyboard,
+         "a keyboard that is plugged in afterwards does not start"},
+    };
+    for (const auto& c : cases) {
+        g_fault = c.fault;
+        DrillPlan plan;
+        plan.uEvery = 1000; // the first of each
+        plan.uMostMs = 300;
+        const Drill drill = Drilled(F1 + "D: 1\nE: 5.0 8 00 00 00 00 00 00 00 00\n", Hotkey, plan);
+        EXPECT_EQ("2/0/2 1/0/0 1/0/0 ", Sums(drill));
+        ASSERT_FALSE(drill.harms.empty());
+        const Harm& harm = drill.harms[0];
+        EXPECT_EQ(c.result, harm.result);
+        EXPECT_EQ(0u, harm.text.find(c.pText)) << harm.text;
+        EXPECT_EQ(Trouble::Pulled, harm.trouble);
+        EXPECT_EQ(1u, harm.uNumber);
+    }
+    g_fault = Fault::None;
+}
+
+// A media key that waits for its hotkey's second one is given back with the next read: pulled before, it is lost.
+TEST(Drill, TellsPressesThatAreLost)
+{
+    const Drill drill = Drilled("D: 0\nE: 1.0 2 e9 00\nE: 2.0 2 00 00\n",
+                                "[[definition]]\nid = 7\nkeys = [\"Volume Up\", \"Mute\"]\n", {}, "power");
+    ASSERT_EQ(1u, drill.kinds[0].uLost) << Sums(drill);
+    for (const Harm& harm : drill.harms)
+        if (harm.result == Result::Lost) {
+            EXPECT_EQ("Volume Up of keyboard 0, pressed at 0.000000 s", harm.text);
+            EXPECT_FALSE(IsWrong(harm));
+        }
+}
+
+// A media key that waits for a hotkey's second one is lost with its keyboard, which nobody is to blame for.
+TEST_F(Program, DrillsASession)
+{
+    Write("two.toml", "[[definition]]\nid = 7\nkeys = [\"Volume Up\", \"Mute\"]\n");
+    Write("media.hid", "D: 0\nE: 1.0 2 e9 00\nE: 2.0 2 00 00\n");
+    const std::string drill = "drill media.hid --keyboard power --config two.toml --every 1000 ";
+    RunOutcome json = Run(drill + "--json");
+    EXPECT_EQ(0, json.iStatus) << json.err;
+    for (
+        const char* pLine :
+        {R"({"type":"drill","file":"media.hid","trouble":"pulled","moments":4,"every":1000,"tried":2,"lost":1,"wrong":0})",
+         R"({"type":"drill","file":"media.hid","trouble":"gone","moments":0,"every":1000,"tried":0,"lost":0,"wrong":0})",
+         R"({"type":"harm","trouble":"pulled","number":1,"t_us":0,"kbd":0,"result":"lost","text":"Volume Up of keyboard 0, pressed at 0.000000 s"})"})
+        EXPECT_NE(std::string::npos, json.out.find(pLine + std::string("\n"))) << pLine << json.out;
+    const std::string page = Run(drill).out;
+    for (const char* pPart :
+         {"media.hid: 4 reports, 0 events\n", "one in 1000: 2 ", "presses lost in 1, wrong in 0\n",
+          "\n  to know\n    ", "pulled at report 1: lost: Volume Up of keyboard 0"})
+        EXPECT_NE(std::string::npos, page.find(pPart)) << pPart << page;
+    ExpectBadInput("drill missing.hid", "missing.hid: byte 0: cannot be read");
+    EXPECT_EQ(2, Run("drill media.hid --every 0").iStatus);
+}
