@@ -1,5 +1,6 @@
 // peer.cpp - reads a process's frames and does for it what they ask.
 #include "peer.h"
+#include "socket.h"
 
 #include "client/host_transport.h"
 #include "client/status.h"
@@ -7,9 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -68,25 +67,9 @@ void Peer::Serve()
     (void)!write(m_iWake, &ullOne, sizeof(ullOne));
 }
 
-// So many bytes. The first of a frame may come whenever they come (bPatient), the rest within the patience.
 bool Peer::Take(void* pTo, size_t bytes, bool bPatient)
 {
-    using Clock = std::chrono::steady_clock;
-    auto due = Clock::now() + std::chrono::milliseconds(m_iPatienceMs);
-    for (size_t done = 0; done < bytes;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(due - Clock::now()).count();
-        bool bForever = bPatient && done == 0;
-        pollfd wait = {m_iSocket, POLLIN, 0};
-        if (poll(&wait, 1, bForever ? -1 : static_cast<int>(std::max<long>(left, 0))) <= 0 && errno != EINTR)
-            return false;
-        ssize_t got = recv(m_iSocket, static_cast<uint8_t*>(pTo) + done, bytes - done, MSG_DONTWAIT);
-        if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR) || (got < 0 && !bForever && left <= 0))
-            return false;
-        if (got > 0 && bForever)
-            due = Clock::now() + std::chrono::milliseconds(m_iPatienceMs);
-        done += got > 0 ? static_cast<size_t>(got) : 0;
-    }
-    return true;
+    return TakeBytes(m_iSocket, pTo, bytes, bPatient, m_iPatienceMs);
 }
 
 bool Peer::TakeFrame(Frame* pHead, Bytes* pBody)
