@@ -20,6 +20,7 @@ int main(int argc, char** argv)
     AddAuditVerb(app, verbs);
     AddScrubVerb(app, verbs);
     AddDrillVerb(app, verbs);
+    AddShrinkVerb(app, verbs);
     AddMacroVerbs(app, verbs);
     AddKeysVerb(app, verbs);
     AddCheckVerb(app, verbs);

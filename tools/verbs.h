@@ -23,6 +23,7 @@ void AddAuditVerb(CLI::App& app, Verbs& verbs);  // audit/command.cpp
 void AddDrillVerb(CLI::App& app, Verbs& verbs);  // drill/command.cpp
 void AddWhyVerb(CLI::App& app, Verbs& verbs);    // why/command.cpp
 void AddScrubVerb(CLI::App& app, Verbs& verbs);  // scrub/command.cpp
+void AddShrinkVerb(CLI::App& app, Verbs& verbs); // shrink/command.cpp
 void AddMacroVerbs(CLI::App& app, Verbs& verbs); // macro/command.cpp
 void AddKeysVerb(CLI::App& app, Verbs& verbs);   // keys/command.cpp
 void AddCheckVerb(CLI::App& app, Verbs& verbs);  // check/command.cpp

@@ -57,6 +57,9 @@ void RegisterLog(const std::filesystem::path& file)
 std::vector<std::filesystem::path> FilesOf(const std::filesystem::path& folder, const std::string& extension)
 {
     std::vector<std::filesystem::path> files;
+    if (!std::filesystem::exists(folder)) {
+        return files;
+    }
     for (const auto& entry : std::filesystem::directory_iterator(folder)) {
         if (entry.path().extension() == extension) {
             files.push_back(entry.path());

@@ -30,16 +30,23 @@ std::string_view Trim(std::string_view text)
     return text.substr(cFirst, text.find_last_not_of(pBlanks) - cFirst + 1);
 }
 
+void AppendHex(std::string& text, const std::vector<uint8_t>& bytes, std::string_view separator)
+{
+    static constexpr char digits[] = "0123456789abcdef";
+    bool bFirst = true;
+    for (uint8_t ucByte : bytes) {
+        if (!bFirst)
+            text += separator;
+        bFirst = false;
+        text += digits[ucByte >> 4];
+        text += digits[ucByte & 15];
+    }
+}
+
 std::string HexOf(const std::vector<uint8_t>& bytes, std::string_view separator)
 {
-    const char* pDigits = "0123456789abcdef";
     std::string text;
-    for (uint8_t ucByte : bytes) {
-        if (!text.empty())
-            text += separator;
-        text += pDigits[ucByte >> 4];
-        text += pDigits[ucByte & 15];
-    }
+    AppendHex(text, bytes, separator);
     return text;
 }
 

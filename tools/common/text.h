@@ -16,6 +16,7 @@ std::string LowerCase(std::string_view text);
 std::string_view Trim(std::string_view text);
 
 // Lower-case hexadecimal digits, with the separator between the bytes.
+void AppendHex(std::string& text, const std::vector<uint8_t>& bytes, std::string_view separator = "");
 std::string HexOf(const std::vector<uint8_t>& bytes, std::string_view separator = "");
 
 // "status 0xc000000d"

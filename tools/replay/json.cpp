@@ -11,74 +11,96 @@
 namespace
 {
 
+// Formats each line in one buffer and hands it on with its end.
 class JsonPrinter final : public ReplayPrinter
 {
 public:
-    explicit JsonPrinter(FILE* pOut) : m_pOut(pOut) {}
+    explicit JsonPrinter(JsonTaker take) : m_take(std::move(take)) {}
 
     void Keyboard(uint64_t ullUs, unsigned uKeyboard, uint32_t ulIndex, unsigned uType,
                   const ScriptKeyboard& keyboard) override
     {
-        fmt::print(m_pOut,
-                   "{{\"type\":\"keyboard\",\"t_us\":{},\"kbd\":{},\"index\":{},\"kbdtype\":{},\"vendor\":{},"
-                   "\"product\":{},\"name\":{}}}\n",
-                   ullUs, uKeyboard, ulIndex, uType, keyboard.usVendor, keyboard.usProduct,
-                   QuotedJson(keyboard.name));
+        Print("{{\"type\":\"keyboard\",\"t_us\":{},\"kbd\":{},\"index\":{},\"kbdtype\":{},\"vendor\":{},"
+              "\"product\":{},\"name\":{}}}\n",
+              ullUs, uKeyboard, ulIndex, uType, keyboard.usVendor, keyboard.usProduct,
+              QuotedJson(keyboard.name));
     }
 
     void Definition(uint64_t ullUs, unsigned uKeyboard, uint32_t ulId, uint32_t ulStatus,
                     const std::string&) override
     {
-        fmt::print(m_pOut,
-                   "{{\"type\":\"definition\",\"t_us\":{},\"kbd\":{},\"id\":{},\"status\":\"0x{:08x}\"}}\n",
-                   ullUs, uKeyboard, ulId, ulStatus);
+        Print("{{\"type\":\"definition\",\"t_us\":{},\"kbd\":{},\"id\":{},\"status\":\"0x{:08x}\"}}\n", ullUs,
+              uKeyboard, ulId, ulStatus);
     }
 
     void Report(uint64_t ullUs, unsigned uKeyboard, const std::optional<Bytes>& sent,
                 const Bytes& seen) override
     {
-        fmt::print(m_pOut, "{{\"type\":\"report\",\"t_us\":{},\"kbd\":{},\"in\":{},\"out\":\"{}\"}}\n", ullUs,
-                   uKeyboard, sent ? "\"" + HexOf(*sent) + "\"" : "null", HexOf(seen));
+        m_line += "{\"type\":\"report\",\"t_us\":";
+        Number(ullUs);
+        m_line += ",\"kbd\":";
+        Number(uKeyboard);
+        m_line += sent ? ",\"in\":\"" : ",\"in\":null";
+        if (sent)
+            AppendHex(m_line, *sent);
+        m_line += sent ? "\",\"out\":\"" : ",\"out\":\"";
+        AppendHex(m_line, seen);
+        m_line += "\"}\n";
+        Hand();
     }
 
     void Event(uint64_t ullUs, unsigned uKeyboard, const NotifyRecord& record) override
     {
-        fmt::print(m_pOut,
-                   "{{\"type\":\"event\",\"t_us\":{},\"kbd\":{},\"id\":{},\"value\":{},\"esc_abort\":{},"
-                   "\"source\":{}}}\n",
-                   ullUs, uKeyboard, record.ulId, record.ulValue, record.ulEscAbort, record.ucSource);
+        Print("{{\"type\":\"event\",\"t_us\":{},\"kbd\":{},\"id\":{},\"value\":{},\"esc_abort\":{},"
+              "\"source\":{}}}\n",
+              ullUs, uKeyboard, record.ulId, record.ulValue, record.ulEscAbort, record.ucSource);
     }
 
     void Macro(uint64_t ullUs, const MacroRecord& record) override
     {
         Bytes report(record.ucReport,
                      record.ucReport + std::min<size_t>(record.ucLength, sizeof(record.ucReport)));
-        fmt::print(m_pOut, "{{\"type\":\"macro\",\"t_us\":{},\"record\":{},\"mode\":{},\"report\":\"{}\"}}\n",
-                   ullUs, record.usType, record.ucMode, HexOf(report));
+        Print("{{\"type\":\"macro\",\"t_us\":{},\"record\":{},\"mode\":{},\"report\":\"{}\"}}\n", ullUs,
+              record.usType, record.ucMode, HexOf(report));
     }
 
     void Led(uint64_t ullUs, unsigned uKeyboard, uint8_t ucReport) override
     {
-        fmt::print(m_pOut, "{{\"type\":\"led\",\"t_us\":{},\"kbd\":{},\"report\":{},\"flags\":{}}}\n", ullUs,
-                   uKeyboard, ucReport, LedFlagsOf(ucReport));
+        Print("{{\"type\":\"led\",\"t_us\":{},\"kbd\":{},\"report\":{},\"flags\":{}}}\n", ullUs, uKeyboard,
+              ucReport, LedFlagsOf(ucReport));
     }
 
     void Note(uint64_t ullUs, int iKeyboard, const std::string& text) override
     {
-        fmt::print(m_pOut, "{{\"type\":\"note\",\"t_us\":{},\"kbd\":{},\"text\":{}}}\n", ullUs,
-                   iKeyboard < 0 ? "null" : std::to_string(iKeyboard), QuotedJson(text));
+        Print("{{\"type\":\"note\",\"t_us\":{},\"kbd\":{},\"text\":{}}}\n", ullUs,
+              iKeyboard < 0 ? "null" : std::to_string(iKeyboard), QuotedJson(text));
     }
 
     void End(uint64_t ullUs, const ReplayTotals& totals) override
     {
-        fmt::print(
-            m_pOut,
-            "{{\"type\":\"end\",\"t_us\":{},\"keyboards\":{},\"reports\":{},\"events\":{},\"leaks\":{}}}\n",
-            ullUs, totals.uKeyboards, totals.uReports, totals.uEvents, totals.uLeaks);
+        Print("{{\"type\":\"end\",\"t_us\":{},\"keyboards\":{},\"reports\":{},\"events\":{},\"leaks\":{}}}\n",
+              ullUs, totals.uKeyboards, totals.uReports, totals.uEvents, totals.uLeaks);
     }
 
 private:
-    FILE* m_pOut;
+    template <typename... Arguments> void Print(const char* pFormat, const Arguments&... arguments)
+    {
+        fmt::format_to(std::back_inserter(m_line), fmt::runtime(pFormat), arguments...);
+        Hand();
+    }
+    void Number(uint64_t ullValue)
+    {
+        const fmt::format_int digits(ullValue);
+        m_line.append(digits.data(), digits.size());
+    }
+    void Hand()
+    {
+        m_take(m_line);
+        m_line.clear();
+    }
+
+    JsonTaker m_take;
+    std::string m_line;
 };
 
 } // namespace
@@ -90,5 +112,10 @@ uint8_t LedFlagsOf(uint8_t ucReport)
 
 std::unique_ptr<ReplayPrinter> MakeJsonPrinter(FILE* pOut)
 {
-    return std::make_unique<JsonPrinter>(pOut);
+    return MakeJsonLines([pOut](const std::string& line) { fwrite(line.data(), 1, line.size(), pOut); });
+}
+
+std::unique_ptr<ReplayPrinter> MakeJsonLines(JsonTaker take)
+{
+    return std::make_unique<JsonPrinter>(std::move(take));
 }

@@ -11,6 +11,7 @@
 #include "tools/common/terminal.h"
 
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -45,8 +46,10 @@ public:
 // The LEDs of an output report as indicator flags: Scroll Lock 1, Num Lock 2, Caps Lock 4.
 uint8_t LedFlagsOf(uint8_t ucReport);
 
-// json.cpp
+// json.cpp: to a file, or each line with its end to somebody.
+using JsonTaker = std::function<void(const std::string& line)>;
 std::unique_ptr<ReplayPrinter> MakeJsonPrinter(FILE* pOut);
+std::unique_ptr<ReplayPrinter> MakeJsonLines(JsonTaker take);
 // table.cpp; bColour only when the output is a terminal.
 std::unique_ptr<ReplayPrinter> MakeTablePrinter(FILE* pOut, const Terminal& terminal, EventKinds kinds = {});
 // changed.cpp: passes on what was rewritten or told, and leaves reports out that went on as they came.
