@@ -2,7 +2,7 @@
 # What installing says goes to standard error. A stamp in the build folder, which holds the list of packages,
 # spares the question the next time.
 
-PACKAGES_RUN="g++ cmake ninja-build zlib1g-dev libcli11-dev libtomlplusplus-dev libfmt-dev pkg-config"
+PACKAGES_RUN="g++ cmake ninja-build zlib1g-dev libcli11-dev libtomlplusplus-dev libfmt-dev libusb-1.0-0-dev pkg-config"
 PACKAGES_FAST="$PACKAGES_RUN clang clang-format llvm libclang-rt-14-dev libgtest-dev libbenchmark-dev python3" # ./test fast
 PACKAGES_TEST="$PACKAGES_FAST clang-tidy lld g++-mingw-w64-x86-64 binutils-mingw-w64-x86-64 g++-mingw-w64-i686 xz-utils"
 # For what runs under Wine: the kernel under the driver's file, a command interpreter for Windows, and the tests'

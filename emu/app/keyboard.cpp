@@ -29,6 +29,18 @@ NTSTATUS EmuKeyboard::Hook(PVOID pContext, const UCHAR* pSetup, PUCHAR pBuffer, 
     return status;
 }
 
+NTSTATUS EmuKeyboard::Send(PVOID pContext, ULONG_PTR ulTicket, const UCHAR* pSetup, const UCHAR* pData,
+                           ULONG ulLength)
+{
+    return static_cast<EmuKeyboard*>(pContext)->m_Options.Send(ulTicket, pSetup,
+                                                               EmuBytes(pData, pData + ulLength));
+}
+
+VOID EmuKeyboard::GiveUp(PVOID pContext, ULONG_PTR ulTicket)
+{
+    static_cast<EmuKeyboard*>(pContext)->m_Options.GiveUp(ulTicket);
+}
+
 VOID EmuKeyboard::Request(PVOID pContext, const UCHAR* pSetup, const UCHAR* pData, ULONG ulLength)
 {
     auto pKeyboard = static_cast<EmuKeyboard*>(pContext);
@@ -88,6 +100,13 @@ NTSTATUS EmuKeyboard::Control(const UCHAR* pSetup, EmuBytes& Data, EmuHidRoute R
 NTSTATUS EmuKeyboard::SendLed(UCHAR ucLeds, EmuHidRoute Route)
 {
     return m_pHid ? EmuHidSendLed(m_pHid, ucLeds, Route) : STATUS_DEVICE_NOT_READY;
+}
+
+void EmuKeyboard::Answer(ULONG_PTR ulTicket, NTSTATUS Status, const EmuBytes& Data)
+{
+    if (m_pPhysical) {
+        EmuKeyboardAnswer(m_pPhysical, ulTicket, Status, Data.data(), (ULONG)Data.size());
+    }
 }
 
 NTSTATUS EmuKeyboard::SetRules(const std::vector<EmuAnswerRule>& rules)

@@ -148,6 +148,9 @@ EmuKeyboardOptions EmuKeyboard::KeyboardOptions()
     EmuKeyboardOptions options = {};
     options.pHook = m_Options.Hook ? Hook : nullptr;
     options.pHookContext = this;
+    options.pSend = m_Options.Send ? Send : nullptr;
+    options.pGiveUp = m_Options.GiveUp ? GiveUp : nullptr;
+    options.pSendContext = this;
     options.pRequest = m_Options.Record ? Request : nullptr;
     options.pRequestContext = this;
     options.pMemory = m_Options.Memory.get();

@@ -60,6 +60,10 @@ struct EmuPlugOptions {
     // Answers control requests instead of the tables: setup packet, data (in: what goes out or the room for
     // the answer; out: what was moved). STATUS_NOT_SUPPORTED leaves the request to the tables.
     std::function<NTSTATUS(const UCHAR* pSetup, EmuBytes& Data)> Hook;
+    // Carries control requests to a real keyboard instead, and tells that nobody waits for one any more: as
+    // EmuSendHook, EmuGiveUpHook. EmuKeyboard::Answer brings what it answers.
+    std::function<NTSTATUS(ULONG_PTR ulTicket, const UCHAR* pSetup, const EmuBytes& Data)> Send;
+    std::function<void(ULONG_PTR ulTicket)> GiveUp;
     std::function<void(const EmuReceived&)> OnReceived; // every completed read
     std::function<void(const EmuBytes&)> OnLed;         // every output report that reached the keyboard
 };
@@ -92,6 +96,8 @@ public:
     // A control request from the HID stack; Data as in EmuPlugOptions::Hook.
     NTSTATUS Control(const UCHAR* pSetup, EmuBytes& Data, EmuHidRoute Route);
     NTSTATUS SendLed(UCHAR ucLeds, EmuHidRoute Route = EmuHidRouteClass);
+    // The answer to a request that went out by EmuPlugOptions::Send.
+    void Answer(ULONG_PTR ulTicket, NTSTATUS Status, const EmuBytes& Data);
 
     // How requests of the control pipe are answered from now on; at most EmuMaximumRules.
     NTSTATUS SetRules(const std::vector<EmuAnswerRule>& rules);
@@ -132,6 +138,8 @@ public:
 private:
     friend class EmuMachine;
     static EmuRequestHook Hook;
+    static EmuSendHook Send;
+    static EmuGiveUpHook GiveUp;
     static EmuRequestObserver Request;
     static EmuLedObserver Led;
     static EmuHidObserver Observe;

@@ -36,6 +36,7 @@ struct HidDevice {
     HidRead* pReads;        // Plug and Play only: Options.ulReads of them, null while stopped
     ULONG ulPacketBytes;    // Plug and Play only, as pReads
     ULONG ulReportBytes;    // Plug and Play only: length of the report descriptor
+    UCHAR ucInterface;      // Plug and Play only: its number, as the configuration tells
     USBD_PIPE_HANDLE hPipe; // Plug and Play only
     KSPIN_LOCK Lock;        // guards the three fields below
     BOOLEAN bOpen;          // started and not on its way out: requests may go down

@@ -47,13 +47,18 @@ static VOID ReadProduct(HidDevice* pHid, UCHAR ucIndex)
                   usLanguage, ucString, &ulLength);
 }
 
-// Takes the report descriptor's length and the endpoint's packet size out of the configuration descriptor.
+// Takes the interface's number, the report descriptor's length and the endpoint's packet size out of the configuration
+// descriptor.
 static VOID ParseConfiguration(HidDevice* pHid, const UCHAR* pConfiguration, ULONG ulLength)
 {
     pHid->ulPacketBytes = pHid->ulReportBytes = 0;
+    pHid->ucInterface = 0;
     for (ULONG i = 0; i + 2 <= ulLength && pConfiguration[i] >= 2; i += pConfiguration[i]) {
         const UCHAR* pAt = pConfiguration + i;
         ULONG ulLeft = ulLength - i;
+        if (pAt[1] == USB_INTERFACE_DESCRIPTOR_TYPE && ulLeft >= 9 && pHid->ulReportBytes == 0) {
+            pHid->ucInterface = pAt[2];
+        }
         if (pAt[1] == 0x21 && pAt[0] >= 9 && ulLeft >= 9 && pHid->ulReportBytes == 0) {
             pHid->ulReportBytes = (ULONG)(pAt[7] | pAt[8] << 8);
         }
@@ -92,6 +97,7 @@ static VOID SetIdle(HidDevice* pHid)
     request.Hdr.Function = URB_FUNCTION_CLASS_INTERFACE;
     request.RequestTypeReservedBits = 0x22;
     request.Request = 10;
+    request.Index = pHid->ucInterface;
     SendUrb(pHid, &urb);
 }
 
@@ -101,7 +107,8 @@ static NTSTATUS ReadReportDescriptor(HidDevice* pHid, PUCHAR pBuffer, ULONG ulRo
     if (ulLength == 0) {
         return STATUS_SUCCESS;
     }
-    return GetDescriptor(pHid, URB_FUNCTION_GET_DESCRIPTOR_FROM_INTERFACE, 0x22, 0, 0, pBuffer, &ulLength);
+    return GetDescriptor(pHid, URB_FUNCTION_GET_DESCRIPTOR_FROM_INTERFACE, 0x22, 0, pHid->ucInterface,
+                         pBuffer, &ulLength);
 }
 
 // The road itself, with `pBuffer` of MaximumConfiguration bytes for the answers.

@@ -1,10 +1,11 @@
 // How a keyboard answers when it is told to: not at all, short, late, or with a failure.
 //
 //     request --> rule? --none--> observer, hook, tables --> completed
+//                  |  '--with pSend--> observer, [Held] --answer, cancel, removal--> completed
 //                  |--status, short--------------------> completed at once
 //                  '--late, never, deaf--> [Held] --timer, cancel, removal--> completed
 //
-// A held request lies in `Held` with its due time in DriverContext. One timer serves all of them: it is set
+// A held request lies in `Held` with its due time and its ticket in DriverContext. One timer serves all of them: it is set
 // for the earliest. A cancel routine takes its request off the list; a deaf request has none. Whoever takes a
 // request off the list completes it.
 #include "device.h"
@@ -15,6 +16,11 @@ enum : LONGLONG { NeverDue = 0x7FFFFFFFFFFFFFFF };
 static LONGLONG DueOf(PIRP pIrp)
 {
     return (LONGLONG)(LONG_PTR)pIrp->Tail.Overlay.DriverContext[0];
+}
+
+static ULONG_PTR TicketOf(PIRP pIrp)
+{
+    return (ULONG_PTR)pIrp->Tail.Overlay.DriverContext[2];
 }
 
 static PURB UrbOf(PIRP pIrp)
@@ -76,6 +82,9 @@ static VOID NTAPI CancelHeld(PDEVICE_OBJECT pDevice, PIRP pIrp)
     KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pKeyboard->Lock);
     RemoveEntryList(&pIrp->Tail.Overlay.ListEntry);
     KeReleaseSpinLock(&pKeyboard->Lock, irql);
+    if (pKeyboard->Options.pGiveUp) {
+        pKeyboard->Options.pGiveUp(pKeyboard->Options.pSendContext, TicketOf(pIrp));
+    }
     Fail(pIrp, UrbOf(pIrp), STATUS_CANCELLED);
 }
 
@@ -117,36 +126,70 @@ static PIRP TakeHeld(KeyboardDevice* pKeyboard, LONGLONG llBy)
     return nullptr;
 }
 
-// Leaves a request pending. IRQL <= DISPATCH. Lock: takes Lock. Fails: the keyboard is gone.
-static NTSTATUS Hold(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pUrb, const EmuAnswerRule& rule)
+// Takes the request of this ticket off the list, unless it is being cancelled; null when it is not there.
+// IRQL DISPATCH. Lock: Lock held.
+static PIRP TakeTicket(KeyboardDevice* pKeyboard, ULONG_PTR ulTicket)
 {
-    bool bDeaf = rule.How == EmuAnswerDeaf;
+    for (PLIST_ENTRY p = pKeyboard->Held.Flink; p != &pKeyboard->Held; p = p->Flink) {
+        PIRP pIrp = CONTAINING_RECORD(p, IRP, Tail.Overlay.ListEntry);
+        if (TicketOf(pIrp) == ulTicket) {
+            RemoveEntryList(p);
+            if (IoSetCancelRoutine(pIrp, nullptr)) {
+                return pIrp;
+            }
+            InitializeListHead(p); // left to its cancel routine
+            return nullptr;
+        }
+    }
+    return nullptr;
+}
+
+// Sends a request that is held to where it is answered. IRQL DISPATCH. Lock: Lock held, so the answer finds it held.
+static NTSTATUS SendHeld(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pUrb)
+{
+    PipeRequest request = PipeRequestOf(pUrb);
+    ULONG ulLength = request.ucSetup[0] & 0x80 ? 0 : *request.pulLength;
+    return pKeyboard->Options.pSend(pKeyboard->Options.pSendContext, TicketOf(pIrp), request.ucSetup,
+                                    request.pBuffer, ulLength);
+}
+
+// Leaves a request pending: as the rule says, or without one until it is answered from outside.
+// IRQL <= DISPATCH. Lock: takes Lock. Fails: the keyboard is gone, the request cannot be sent.
+static NTSTATUS Hold(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pUrb, const EmuAnswerRule* pRule)
+{
+    bool bDeaf = pRule && pRule->How == EmuAnswerDeaf;
     KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pKeyboard->Lock);
     if (pKeyboard->bGone) {
         KeReleaseSpinLock(&pKeyboard->Lock, irql);
         return Fail(pIrp, pUrb, STATUS_DELETE_PENDING);
     }
     LONGLONG llDue = NeverDue;
-    if (rule.How == EmuAnswerLate) {
-        llDue = (LONGLONG)KeQueryInterruptTime() + (LONGLONG)rule.ulAmount * 10000;
+    if (pRule && pRule->How == EmuAnswerLate) {
+        llDue = (LONGLONG)KeQueryInterruptTime() + (LONGLONG)pRule->ulAmount * 10000;
     }
     pIrp->Tail.Overlay.DriverContext[0] = (PVOID)(LONG_PTR)llDue;
     pIrp->Tail.Overlay.DriverContext[1] = bDeaf ? pKeyboard : nullptr;
+    pIrp->Tail.Overlay.DriverContext[2] = (PVOID)++pKeyboard->ulTicket;
     IoMarkIrpPending(pIrp);
     InsertTailList(&pKeyboard->Held, &pIrp->Tail.Overlay.ListEntry);
-    bool bCancelled = false;
-    if (!bDeaf) { // as a read: the routine is set first, then the mark is looked for
+    bool bEnds = false; // before it was held
+    if (!bDeaf) {       // as a read: the routine is set first, then the mark is looked for
         IoSetCancelRoutine(pIrp, CancelHeld);
-        bCancelled = __atomic_load_n(&pIrp->Cancel, __ATOMIC_SEQ_CST) && IoSetCancelRoutine(pIrp, nullptr);
+        bEnds = __atomic_load_n(&pIrp->Cancel, __ATOMIC_SEQ_CST) && IoSetCancelRoutine(pIrp, nullptr);
     }
-    if (bCancelled) {
+    NTSTATUS status = bEnds ? STATUS_CANCELLED : STATUS_SUCCESS;
+    if (!bEnds && !pRule) {
+        status = SendHeld(pKeyboard, pIrp, pUrb);
+        bEnds = !NT_SUCCESS(status) && IoSetCancelRoutine(pIrp, nullptr); // else its cancel routine fails it
+    }
+    if (bEnds) {
         RemoveEntryList(&pIrp->Tail.Overlay.ListEntry);
     } else {
         SetAnswerTimer(pKeyboard);
     }
     KeReleaseSpinLock(&pKeyboard->Lock, irql);
-    if (bCancelled) {
-        Fail(pIrp, pUrb, STATUS_CANCELLED);
+    if (bEnds) {
+        Fail(pIrp, pUrb, status);
     }
     return STATUS_PENDING;
 }
@@ -179,6 +222,26 @@ VOID PurgeHeld(KeyboardDevice* pKeyboard)
         }
         Fail(pIrp, UrbOf(pIrp), STATUS_DELETE_PENDING);
     }
+}
+
+VOID EmuKeyboardAnswer(PDEVICE_OBJECT pPhysical, ULONG_PTR ulTicket, NTSTATUS Status, const UCHAR* pData,
+                       ULONG ulLength)
+{
+    IRQL_AT_MOST(DISPATCH_LEVEL);
+    KeyboardDevice* pKeyboard = KeyboardOf(pPhysical);
+    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pKeyboard->Lock);
+    PIRP pIrp = TakeTicket(pKeyboard, ulTicket);
+    KeReleaseSpinLockFromDpcLevel(&pKeyboard->Lock);
+    if (pIrp) {
+        PipeRequest request = PipeRequestOf(UrbOf(pIrp));
+        ULONG ulMost = NT_SUCCESS(Status) ? *request.pulLength : 0;
+        *request.pulLength = ulLength < ulMost ? ulLength : ulMost;
+        if (request.ucSetup[0] & 0x80 && *request.pulLength != 0) {
+            RtlCopyMemory(request.pBuffer, pData, *request.pulLength);
+        }
+        CompleteUrb(pIrp, UrbOf(pIrp), Status);
+    }
+    KeLowerIrql(irql);
 }
 
 static bool Names(const EmuAnswerRule& rule, const UCHAR* pSetup)
@@ -217,6 +280,11 @@ NTSTATUS ServeByRules(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pUrb)
         return Fail(pIrp, pUrb, status);
     }
     Observe(pKeyboard->Options, request);
+    bool bConfiguration = request.ucSetup[0] == 0x80 && request.ucSetup[1] == 6 &&
+                          request.ucSetup[3] == USB_CONFIGURATION_DESCRIPTOR_TYPE;
+    if (!bRule && pKeyboard->Options.pSend && !bConfiguration) {
+        return Hold(pKeyboard, pIrp, pUrb, nullptr);
+    }
     if (!bRule) {
         return AnswerNow(pKeyboard, pIrp, pUrb, ~0u);
     }
@@ -230,7 +298,7 @@ NTSTATUS ServeByRules(KeyboardDevice* pKeyboard, PIRP pIrp, PURB pUrb)
     case EmuAnswerShort:
         return AnswerNow(pKeyboard, pIrp, pUrb, rule.ulAmount);
     default:
-        return Hold(pKeyboard, pIrp, pUrb, rule);
+        return Hold(pKeyboard, pIrp, pUrb, &rule);
     }
 }
 

@@ -27,6 +27,7 @@ struct KeyboardDevice {
     BOOLEAN bDelivering;          // a thread is inside Deliver and looks again before it leaves
     BOOLEAN bGone;                // surprise-removed or removed: no request waits any more
     LIST_ENTRY Held;              // control requests that are answered late or never, linked as reads
+    ULONG_PTR ulTicket;           // of the held request that came last
     EmuAnswerRule Rules[EmuMaximumRules];
     ULONG ulNamed[EmuMaximumRules]; // how often each named a request
     ULONG ulRules;

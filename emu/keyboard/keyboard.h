@@ -45,6 +45,14 @@ typedef VOID EmuRequestObserver(PVOID pContext, const UCHAR* pSetup, const UCHAR
 // any route, before the hook does. IRQL <= DISPATCH. Lock: none held.
 typedef VOID EmuLedObserver(PVOID pContext, const UCHAR* pReport, ULONG ulLength);
 
+// Carries a request of the control pipe to where it is answered later, by EmuKeyboardAnswer with the same ticket; a
+// GET_DESCRIPTOR of the configuration excepted, which the tables answer. The data going out are copied; the routine
+// does not wait. Any failure completes the request with it. IRQL DISPATCH. Lock: the keyboard's held.
+typedef NTSTATUS EmuSendHook(PVOID pContext, ULONG_PTR ulTicket, const UCHAR* pSetup, const UCHAR* pData,
+                             ULONG ulLength);
+// Nobody waits for the answer of this ticket any more. IRQL <= DISPATCH. Lock: none held.
+typedef VOID EmuGiveUpHook(PVOID pContext, ULONG_PTR ulTicket);
+
 enum { EmuEepromBytes = 256, EmuMemoryBytes = 4096 };
 
 // What a keyboard remembers when it is unplugged: one memory for each of the three ways to it. Reads that
@@ -84,6 +92,9 @@ struct EmuAnswerRule {
 struct EmuKeyboardOptions {
     EmuRequestHook* pHook;
     PVOID pHookContext;
+    EmuSendHook* pSend; // instead of hook and tables
+    EmuGiveUpHook* pGiveUp;
+    PVOID pSendContext;
     EmuRequestObserver* pRequest;
     PVOID pRequestContext;
     EmuLedObserver* pLed;
@@ -108,6 +119,11 @@ NTSTATUS EmuCreateKeyboard(PDRIVER_OBJECT pDriver, const EmuDescriptors* pDescri
 NTSTATUS EmuKeyboardSetRules(PDEVICE_OBJECT pPhysical, const EmuAnswerRule* pRules, ULONG ulRules);
 // How many requests of the control pipe the keyboard holds. IRQL <= DISPATCH.
 ULONG EmuKeyboardHeldRequests(PDEVICE_OBJECT pPhysical);
+
+// Answers a request that went out by pSend, at DISPATCH_LEVEL: its status and, of one that reads, the bytes that came.
+// Nothing happens when nobody waits for it any more. IRQL <= DISPATCH.
+VOID EmuKeyboardAnswer(PDEVICE_OBJECT pPhysical, ULONG_PTR ulTicket, NTSTATUS Status, const UCHAR* pData,
+                       ULONG ulLength);
 
 // memory.cpp
 // A fresh memory: an EEPROM of 64 bytes, every byte erased (0xFF). IRQL any.

@@ -1,9 +1,10 @@
 // command.cpp - tvusb live: the driver on the real clock, with its control socket, until a signal ends it.
 //
 // SIGHUP takes the changed configuration over; a file with mistakes changes nothing. SIGINT, SIGTERM: everything is
-// taken down in order, and what is left over is told.
-#include "machine.h"
-#include "server.h"
+// taken down in order, and what is left over is told. A real keyboard has a guardian, an emulated one needs none.
+#include "guard/guardian.h"
+#include "panic.h"
+#include "worker.h"
 
 #include "emu/app/person.h"
 #include "tools/common/failure.h"
@@ -14,15 +15,8 @@
 #include <csignal>
 #include <pthread.h>
 
-extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistryPath);
-
 namespace
 {
-
-struct Arguments {
-    std::string emulated, config, control, person;
-    bool bWatch = false, bJson = false;
-};
 
 // Someone who presses these keys every half second.
 class Typist
@@ -72,71 +66,72 @@ sigset_t BlockSignals()
     return signals;
 }
 
-void Reload(LiveMachine& machine, const std::string& file)
+int LiveEmulated(const LiveArguments& arguments)
 {
-    try {
-        if (file.empty())
-            throw InputError("no --config was given");
-        Taken taken = machine.TakeOver(ReadConfig(file).definitions);
-        for (const std::string& line : taken.refused)
-            fmt::print(stderr, "tvusb: {}\n", line);
-        fmt::print(stderr, "tvusb: {}: {} added, {} removed, {} kept\n", file, taken.uAdded, taken.uRemoved,
-                   taken.uKept);
-    } catch (const InputError& error) {
-        fmt::print(stderr, "tvusb: {}; nothing was changed\n", error.what());
-    }
-}
-
-int Live(const Arguments& arguments)
-{
-    LiveOptions options{DriverEntry, EmuMachine::FindInterfaces(arguments.emulated), {}, nullptr};
-    if (options.keyboards.empty())
+    const std::vector<const EmuDescriptors*> keyboards = EmuMachine::FindInterfaces(arguments.emulated);
+    if (keyboards.empty())
         throw InputError(fmt::format("--emulate: '{}' is no keyboard; there are {}", arguments.emulated,
                                      fmt::join(EmuMachine::KindNames(), ", ")));
-    if (!arguments.config.empty())
-        options.config = ReadConfig(arguments.config);
-    auto printer = arguments.bJson
-                       ? MakeJsonPrinter(stdout)
-                       : MakeTablePrinter(stdout, TerminalOf(stdout), EventKinds(options.config.definitions));
-    if (arguments.bWatch) {
-        setvbuf(stdout, nullptr, _IOLBF, 0);
-        options.pWatch = printer.get();
-        fmt::print(stderr, "tvusb: --watch shows every key that is typed\n");
-    }
     const sigset_t signals = BlockSignals();
-    LiveMachine machine(options);
+    LiveService service(arguments, keyboards);
     {
-        std::unique_ptr<ControlServer> server;
-        if (!arguments.control.empty())
-            server = std::make_unique<ControlServer>(arguments.control);
         std::unique_ptr<Typist> typist;
         if (!arguments.person.empty())
-            typist = std::make_unique<Typist>(machine, arguments.person);
+            typist = std::make_unique<Typist>(service.Machine(), arguments.person);
         fmt::print(stderr, "tvusb: live\n");
         for (int iSignal = 0; sigwait(&signals, &iSignal) == 0 && iSignal == SIGHUP;)
-            Reload(machine, arguments.config);
+            service.Reload();
     }
-    return machine.End() == 0 ? ExitGood : ExitFailed;
+    return service.End();
+}
+
+int LiveReal(const LiveArguments& arguments)
+{
+    if (arguments.bGiveBack)
+        return GiveBackOnly(arguments.device);
+    PanicChord{arguments.panic}; // a mistake there, or in the configuration, is told before anything is taken
+    if (!arguments.config.empty())
+        ReadConfig(arguments.config);
+    GuardOptions options{arguments.device, arguments.user, arguments.bYes, arguments.bWait, arguments.panic};
+    return Guard(options, [&](GuardChannel& guardian) { return LiveWork(arguments, guardian); });
 }
 
 } // namespace
 
 void AddLiveVerb(CLI::App& app, Verbs& verbs)
 {
-    auto arguments = std::make_shared<Arguments>();
-    CLI::App* pLive =
-        app.add_subcommand("live", "Run the driver in real time and serve it to other processes");
+    auto arguments = std::make_shared<LiveArguments>();
+    CLI::App* pLive = app.add_subcommand("live", "Run the driver in real time, at a real USB keyboard or an "
+                                                 "emulated one, and serve it to other processes");
+    CLI::Option* pEmulate = pLive->add_option(
+        "--emulate", arguments->emulated,
+        "instead of a real keyboard: normal, or another kind; its interfaces with + between them");
+    auto add = [&](const char* pName, auto& value, const char* pHelp, bool bReal) {
+        CLI::Option* pOption = pLive->add_option(pName, value, pHelp);
+        return bReal ? pOption->excludes(pEmulate) : pOption;
+    };
+    add("--device", arguments->device,
+        "the keyboard: VID:PID, its port or a part of its name; else the only one", true);
+    add("--user", arguments->user, "the driver runs as this user, with no rights besides", true);
+    add("--panic", arguments->panic, "held together on the keyboard, these keys end it", true)
+        ->default_val("Backspace+Escape+Enter");
+    pLive->add_flag("--yes", arguments->bYes, "take also the only keyboard of this machine's terminal")
+        ->excludes(pEmulate);
+    pLive->add_flag("--wait", arguments->bWait, "wait for the keyboard where it is not there yet")
+        ->excludes(pEmulate);
     pLive
-        ->add_option("--emulate", arguments->emulated,
-                     "the keyboard: normal, or another kind; its interfaces with + between them")
-        ->required();
-    pLive->add_option("--config", arguments->config,
-                      "settings and key definitions (TOML); SIGHUP reads it anew");
-    pLive->add_option("--control", arguments->control, "serve the driver to other processes at this socket");
-    pLive->add_option("--person", arguments->person,
-                      "someone presses these keys every half second: \"ctrl+0x3A Hello\"");
+        ->add_flag("--give-back", arguments->bGiveBack,
+                   "nothing but this: the system's own driver gets a keyboard that nobody has any more")
+        ->excludes(pEmulate);
+    add("--config", arguments->config, "settings and key definitions (TOML); SIGHUP reads it anew", false);
+    add("--control", arguments->control, "serve the driver to other processes at this socket", false);
+    add("--person", arguments->person,
+        "someone presses these keys of the emulated keyboard every half second: \"ctrl+0x3A Hello\"", false)
+        ->needs(pEmulate);
     pLive->add_flag("--watch", arguments->bWatch,
-                    "show every report as it happens: what is typed can be read there");
+                    "show every report as it happens: a key logger, passwords can be read there");
     pLive->add_flag("--json", arguments->bJson, "with --watch: JSON objects, one a line, instead of a table");
-    verbs.push_back({pLive, [arguments] { return Live(*arguments); }});
+    verbs.push_back({pLive, [arguments] {
+                         return arguments->emulated.empty() ? LiveReal(*arguments) : LiveEmulated(*arguments);
+                     }});
 }

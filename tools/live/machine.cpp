@@ -44,7 +44,8 @@ std::string Hex(NTSTATUS status)
 
 } // namespace
 
-LiveMachine::LiveMachine(const LiveOptions& options) : m_Options(options), m_Sent(options.keyboards.size())
+LiveMachine::LiveMachine(const LiveOptions& options)
+    : m_Options(options), m_Definitions(options.config.definitions)
 {
     EmuMachineOptions machine;
     machine.Entry = options.pEntry;
@@ -55,13 +56,8 @@ LiveMachine::LiveMachine(const LiveOptions& options) : m_Options(options), m_Sen
     m_Machine = std::make_unique<EmuMachine>(machine);
     if (!NT_SUCCESS(m_Machine->LoadStatus()))
         throw std::runtime_error("the driver does not load: status " + Hex(m_Machine->LoadStatus()));
-    for (unsigned k = 0; k < options.keyboards.size(); ++k)
-        Plug(k, *options.keyboards[k]);
-    if (options.config.definitions.empty())
-        return; // whoever comes to the control socket defines
-    Taken taken = TakeOver(options.config.definitions);
-    if (!taken.refused.empty())
-        throw std::runtime_error("the driver takes not all definitions: " + taken.refused[0]);
+    for (const EmuDescriptors* pKind : options.keyboards)
+        Start(Add(*pKind, {}, {"emulated", WordOf(pKind->pDevice + 8), WordOf(pKind->pDevice + 10)}));
 }
 
 LiveMachine::~LiveMachine()
@@ -69,26 +65,91 @@ LiveMachine::~LiveMachine()
     End();
 }
 
-void LiveMachine::Plug(unsigned uKeyboard, const EmuDescriptors& kind)
+unsigned LiveMachine::Add(const EmuDescriptors& kind, EmuPlugOptions plug, const ScriptKeyboard& who)
 {
-    EmuPlugOptions plug;
+    const unsigned uKeyboard = m_uNext++;
     plug.Record = false;
-    plug.OnReceived = [this, uKeyboard](const EmuReceived& received) { Received(uKeyboard, received); };
+    plug.Start = false;
+    plug.OnReceived = [this, uKeyboard, first = plug.OnReceived](const EmuReceived& received) {
+        if (first)
+            first(received);
+        Received(uKeyboard, received);
+    };
     plug.OnLed = [this, uKeyboard](const EmuBytes& report) {
         std::lock_guard<std::mutex> lock(m_Lock);
         if (m_Options.pWatch && !report.empty())
             m_Options.pWatch->Led(NowUs(), uKeyboard, report[0]);
     };
     EmuKeyboard* pKeyboard = m_Machine->Plug(kind, plug);
-    m_Keyboards.push_back(pKeyboard);
-    NTSTATUS status = NT_SUCCESS(pKeyboard->AddStatus()) ? pKeyboard->StartStatus() : pKeyboard->AddStatus();
+    if (!NT_SUCCESS(pKeyboard->AddStatus()) || !pKeyboard->Plugged())
+        throw std::runtime_error(fmt::format("the driver does not take keyboard {}: status {}", uKeyboard,
+                                             Hex(pKeyboard->AddStatus())));
+    std::lock_guard<std::mutex> lock(m_Lock);
+    Slot& slot = m_Keyboards[uKeyboard];
+    slot.pKeyboard = pKeyboard;
+    slot.who = who;
+    return uKeyboard;
+}
+
+void LiveMachine::Start(unsigned uKeyboard)
+{
+    EmuKeyboard& keyboard = *At(uKeyboard);
+    NTSTATUS status = keyboard.Start();
     if (!NT_SUCCESS(status))
         throw std::runtime_error(
             fmt::format("the driver does not start keyboard {}: status {}", uKeyboard, Hex(status)));
+    std::lock_guard<std::mutex> definitions(m_DefinitionLock);
+    {
+        std::lock_guard<std::mutex> lock(m_Lock);
+        Slot& slot = m_Keyboards[uKeyboard];
+        slot.bStarted = true;
+        if (m_Options.pWatch && keyboard.Filter())
+            m_Options.pWatch->Keyboard(NowUs(), uKeyboard, keyboard.Index(), KbdTypeOf(keyboard.Filter()),
+                                       slot.who);
+    }
+    if (m_Definitions.empty() && !m_Application)
+        return; // whoever comes to the control socket defines
+    Taken taken;
+    if (OpenApplication(taken))
+        GiveDefinitions(keyboard, taken);
+    if (!taken.refused.empty())
+        throw std::runtime_error("the driver takes not all definitions: " + taken.refused[0]);
+}
+
+// The control device goes with the last keyboard, so the application's handle does.
+void LiveMachine::Unplug(unsigned uKeyboard, bool bPulled)
+{
+    std::lock_guard<std::mutex> definitions(m_DefinitionLock);
+    {
+        std::lock_guard<std::mutex> lock(m_Lock);
+        m_Keyboards[uKeyboard].bStarted = false;
+    }
+    if (Started().empty())
+        m_Application.reset();
+    At(uKeyboard)->Unplug(bPulled);
+}
+
+void LiveMachine::Forget(unsigned uKeyboard)
+{
+    m_Machine->Forget(At(uKeyboard));
     std::lock_guard<std::mutex> lock(m_Lock);
-    if (m_Options.pWatch && pKeyboard->Filter())
-        m_Options.pWatch->Keyboard(NowUs(), uKeyboard, pKeyboard->Index(), KbdTypeOf(pKeyboard->Filter()),
-                                   {"emulated", WordOf(kind.pDevice + 8), WordOf(kind.pDevice + 10)});
+    m_Keyboards.erase(uKeyboard);
+}
+
+EmuKeyboard* LiveMachine::At(unsigned uKeyboard)
+{
+    std::lock_guard<std::mutex> lock(m_Lock);
+    return m_Keyboards.at(uKeyboard).pKeyboard;
+}
+
+std::vector<EmuKeyboard*> LiveMachine::Started()
+{
+    std::lock_guard<std::mutex> lock(m_Lock);
+    std::vector<EmuKeyboard*> started;
+    for (auto& [uKeyboard, slot] : m_Keyboards)
+        if (slot.bStarted)
+            started.push_back(slot.pKeyboard);
+    return started;
 }
 
 uint64_t LiveMachine::NowUs() const
@@ -99,12 +160,15 @@ uint64_t LiveMachine::NowUs() const
 
 bool LiveMachine::Report(unsigned uKeyboard, const EmuBytes& report)
 {
+    EmuKeyboard* pKeyboard = nullptr;
     {
         std::lock_guard<std::mutex> lock(m_Lock);
+        Slot& slot = m_Keyboards.at(uKeyboard);
+        pKeyboard = slot.pKeyboard;
         if (m_Options.pWatch)
-            m_Sent[uKeyboard].push_back(report);
+            slot.sent.push_back(report);
     }
-    return m_Keyboards[uKeyboard]->Report(report);
+    return pKeyboard->Report(report);
 }
 
 // Reads end with failures when the keyboard goes: nothing to tell.
@@ -114,30 +178,50 @@ void LiveMachine::Received(unsigned uKeyboard, const EmuReceived& received)
     if (!m_Options.pWatch || !NT_SUCCESS(received.Status))
         return;
     std::optional<Bytes> sent;
-    if (!m_Sent[uKeyboard].empty()) {
-        sent = m_Sent[uKeyboard].front();
-        m_Sent[uKeyboard].pop_front();
+    if (std::deque<Bytes>& all = m_Keyboards.at(uKeyboard).sent; !all.empty()) {
+        sent = all.front();
+        all.pop_front();
     }
     m_Options.pWatch->Report(NowUs(), uKeyboard, sent, received.Bytes);
+}
+
+// Lock: the definitions'.
+bool LiveMachine::OpenApplication(Taken& taken)
+{
+    if (m_Application)
+        return true;
+    m_Application = std::make_unique<EmuApplication>();
+    if (NT_SUCCESS(m_Application->OpenStatus()))
+        return true;
+    taken.refused.push_back("the control device does not open: status " + Hex(m_Application->OpenStatus()));
+    m_Application.reset();
+    return false;
+}
+
+// A keyboard that has come gets what the others have. Lock: the definitions'.
+void LiveMachine::GiveDefinitions(EmuKeyboard& keyboard, Taken& taken)
+{
+    if (m_Options.config.bReportProcessing)
+        m_Application->StartReportProcessing(keyboard.Index());
+    for (const KeyDefinition& definition : m_Definitions)
+        if (NTSTATUS status = m_Application->AddDefinition(keyboard.Index(), definition); !NT_SUCCESS(status))
+            taken.refused.push_back(fmt::format("adding definition {} at keyboard {}: status {}",
+                                                definition.ulId, keyboard.Index(), Hex(status)));
 }
 
 Taken LiveMachine::TakeOver(const std::vector<KeyDefinition>& definitions)
 {
     Taken taken;
-    if (!m_Application) {
-        m_Application = std::make_unique<EmuApplication>();
-        if (!NT_SUCCESS(m_Application->OpenStatus())) {
-            taken.refused.push_back("the control device does not open: status " +
-                                    Hex(m_Application->OpenStatus()));
-            m_Application.reset();
-            return taken;
-        }
-        if (m_Options.config.bReportProcessing)
-            for (EmuKeyboard* pKeyboard : m_Keyboards)
-                m_Application->StartReportProcessing(pKeyboard->Index());
-    }
+    std::lock_guard<std::mutex> lock(m_DefinitionLock);
+    const std::vector<EmuKeyboard*> keyboards = Started();
+    const bool bFirst = !m_Application;
+    if (!keyboards.empty() && !OpenApplication(taken))
+        return taken;
+    if (bFirst && m_Options.config.bReportProcessing)
+        for (EmuKeyboard* pKeyboard : keyboards)
+            m_Application->StartReportProcessing(pKeyboard->Index());
     auto forAll = [&](const KeyDefinition& definition, const char* pDeed, auto deed) {
-        for (EmuKeyboard* pKeyboard : m_Keyboards)
+        for (EmuKeyboard* pKeyboard : keyboards)
             if (NTSTATUS status = deed(pKeyboard->Index()); !NT_SUCCESS(status))
                 taken.refused.push_back(fmt::format("{} definition {} at keyboard {}: status {}", pDeed,
                                                     definition.ulId, pKeyboard->Index(), Hex(status)));

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
 
@@ -24,6 +25,8 @@ struct Taken {
     std::vector<std::string> refused; // a line each
 };
 
+// A keyboard comes with Add and Start and goes with Unplug and Forget; it keeps its number, which no other gets. The
+// definitions of the configuration are each keyboard's, also of one that comes later.
 class LiveMachine
 {
 public:
@@ -31,9 +34,18 @@ public:
     explicit LiveMachine(const LiveOptions& options);
     ~LiveMachine();
 
+    // Makes a keyboard with the driver's and the HID stack's devices, which are not started. The descriptors must
+    // outlive it; OnReceived hears before the watch does. Returns its number. Fails (std::runtime_error).
+    unsigned Add(const EmuDescriptors& kind, EmuPlugOptions plug, const ScriptKeyboard& who);
+    // Starts it, and gives it the definitions. Fails (std::runtime_error): the driver refuses it, or one of them.
+    void Start(unsigned uKeyboard);
+    // Pulled out, or removed in order; what uses its handle is told so from then on. Then the handle goes.
+    void Unplug(unsigned uKeyboard, bool bPulled);
+    void Forget(unsigned uKeyboard);
+
     // The keyboard sends a report.
     bool Report(unsigned uKeyboard, const EmuBytes& report);
-    unsigned Keyboards() const { return static_cast<unsigned>(m_Keyboards.size()); }
+    EmuKeyboard* At(unsigned uKeyboard);
     // Takes the definitions of a configuration over in the place of the present ones, as a difference: new and
     // changed ones are added before old ones are removed, but for those that differ in what is swallowed alone; those
     // that stay the same are not touched.
@@ -42,16 +54,26 @@ public:
     unsigned End();
 
 private:
-    void Plug(unsigned uKeyboard, const EmuDescriptors& kind);
+    struct Slot {
+        EmuKeyboard* pKeyboard = nullptr;
+        ScriptKeyboard who;
+        bool bStarted = false;
+        std::deque<Bytes> sent; // reports that the stack above has not received yet
+    };
+
+    std::vector<EmuKeyboard*> Started();
+    bool OpenApplication(Taken& taken);
+    void GiveDefinitions(EmuKeyboard& keyboard, Taken& taken);
     void Received(unsigned uKeyboard, const EmuReceived& received);
     uint64_t NowUs() const;
 
     LiveOptions m_Options;
-    std::mutex m_Lock;                     // guards what is sent, and the printer
-    std::vector<std::deque<Bytes>> m_Sent; // by keyboard: reports that the stack above has not received yet
     std::chrono::steady_clock::time_point m_Begin = std::chrono::steady_clock::now();
     std::unique_ptr<EmuMachine> m_Machine;
-    std::vector<EmuKeyboard*> m_Keyboards;
+    std::mutex m_Lock; // guards the keyboards and the printer; nothing of the driver is called under it
+    std::map<unsigned, Slot> m_Keyboards;
+    unsigned m_uNext = 0;
+    std::mutex m_DefinitionLock; // guards what follows; may be held while the driver is called
     std::unique_ptr<EmuApplication> m_Application; // holds the definitions of the configuration
     std::vector<KeyDefinition> m_Definitions;
 };

@@ -1,0 +1,50 @@
+// service.cpp - brings the driver up for live, and reads its configuration anew.
+#include "service.h"
+
+#include "tools/common/failure.h"
+#include "tools/verbs.h"
+
+#include <fmt/format.h>
+
+extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistryPath);
+
+LiveService::LiveService(const LiveArguments& arguments, const std::vector<const EmuDescriptors*>& keyboards)
+    : m_config(arguments.config)
+{
+    LiveOptions options{DriverEntry, keyboards, {}, nullptr};
+    if (!m_config.empty())
+        options.config = ReadConfig(m_config);
+    m_Printer = arguments.bJson
+                    ? MakeJsonPrinter(stdout)
+                    : MakeTablePrinter(stdout, TerminalOf(stdout), EventKinds(options.config.definitions));
+    if (arguments.bWatch) {
+        setvbuf(stdout, nullptr, _IOLBF, 0);
+        options.pWatch = m_Printer.get();
+        fmt::print(stderr,
+                   "tvusb: --watch is a key logger: it shows every key that is typed, passwords too\n");
+    }
+    m_Machine = std::make_unique<LiveMachine>(options);
+    if (!arguments.control.empty())
+        m_Server = std::make_unique<ControlServer>(arguments.control);
+}
+
+void LiveService::Reload()
+{
+    try {
+        if (m_config.empty())
+            throw InputError("no --config was given");
+        Taken taken = m_Machine->TakeOver(ReadConfig(m_config).definitions);
+        for (const std::string& line : taken.refused)
+            fmt::print(stderr, "tvusb: {}\n", line);
+        fmt::print(stderr, "tvusb: {}: {} added, {} removed, {} kept\n", m_config, taken.uAdded,
+                   taken.uRemoved, taken.uKept);
+    } catch (const InputError& error) {
+        fmt::print(stderr, "tvusb: {}; nothing was changed\n", error.what());
+    }
+}
+
+int LiveService::End()
+{
+    m_Server.reset();
+    return m_Machine->End() == 0 ? ExitGood : ExitFailed;
+}

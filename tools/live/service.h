@@ -1,0 +1,34 @@
+// service.h - what live gives whoever uses it, whatever the keyboard: the driver with its watch, its control socket and
+// its configuration, which can be read anew.
+#pragma once
+
+#include "machine.h"
+#include "server.h"
+
+struct LiveArguments {
+    std::string emulated, person;                        // an emulated keyboard, and who types at it
+    std::string device, user, panic;                     // a real one
+    bool bYes = false, bWait = false, bGiveBack = false; // likewise
+    std::string config, control;                         // of both
+    bool bWatch = false, bJson = false;
+};
+
+class LiveService
+{
+public:
+    // The keyboards are emulated ones. Fails (InputError): the configuration, the control path; (std::runtime_error):
+    // the driver.
+    LiveService(const LiveArguments& arguments, const std::vector<const EmuDescriptors*>& keyboards);
+
+    LiveMachine& Machine() { return *m_Machine; }
+    // Takes the changed configuration over and tells how that went; a file with mistakes changes nothing.
+    void Reload();
+    // Takes everything down, which no keyboard uses any more. Returns the exit status.
+    int End();
+
+private:
+    std::string m_config;
+    std::unique_ptr<ReplayPrinter> m_Printer;
+    std::unique_ptr<LiveMachine> m_Machine;
+    std::unique_ptr<ControlServer> m_Server;
+};
