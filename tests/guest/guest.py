@@ -192,7 +192,7 @@ class Guest:
 
     def watch(self):
         """From now on events() tells what comes."""
-        self.sh("[ ! -e /tmp/watch ] || kill $(cat /tmp/watch); guest-events watch >/tmp/events & echo $! >/tmp/watch")
+        self.sh("[ ! -e /tmp/watch ] || kill $(cat /tmp/watch); rm -f /tmp/events; guest-events watch >/tmp/events & echo $! >/tmp/watch")
         self.until("grep -q watching /tmp/events")
 
     def events(self, name=None):
