@@ -9,7 +9,7 @@
 namespace
 {
 
-constexpr unsigned Normal = 1; // KbdTypeOf: its keys are usages of one byte
+constexpr unsigned Normal = 1, Power = 2; // KbdTypeOf; of a power keyboard's usages each byte is a key
 
 std::string Keys(const Bytes& keys, unsigned uType)
 {
@@ -55,7 +55,9 @@ std::string JoinedWith(const std::vector<std::string>& words, const char* pBetwe
 
 std::string ShownKey(uint8_t ucKey, unsigned uType)
 {
-    return uType == Normal ? ShownKeyName(ucKey) : fmt::format("0x{:02x}", ucKey);
+    return uType == Normal  ? ShownKeyName(ucKey)
+           : uType == Power ? ShownMediaName(ucKey)
+                            : fmt::format("0x{:02x}", ucKey);
 }
 
 std::string ShownDefinition(uint32_t ulId, const ReplayConfig& config)
