@@ -63,6 +63,7 @@ TEST(Audit, TellsWhatBecameOfPresses)
         {{{0, E}, {50, Up}, {100, E}, {150, "00 00 08 0a 00 00 00 00"}, {200, Up}},
          "",
          "sent 3, seen 3, besides 0"},
+        {{{0, E}}, "", "sent 1, seen 1, besides 0"}, // held to the end
         {{{0, "01 00 00 00 00 00 00 00"},
           {50, "01 00 3a 00 00 00 00 00"},
           {99, "01 00 00 00 00 00 00 00"},
@@ -130,8 +131,11 @@ TEST(Audit, ComparesTwoConfigurations)
     const Script script =
         ScriptOf({{0, E}, {50, "01 00 00 00 00 00 00 00"}, {99, "01 00 3a 00 00 00 00 00"}, {150, Up}});
     const ReplayConfig none = ParseConfig("no.toml", ""), hot = ParseConfig("my.toml", HotCtrlF1);
+    const ReplayConfig eight =
+        ParseConfig("my.toml", "[[definition]]\nid = 8\nkeys = [\"ctrl+F1\"]\nswallow = 1\n");
     const ReplaySetup setup{DriverEntry, {EmuMachine::FindKind("normal")}, none};
     EXPECT_EQ(0u, DifferencesOf(script, setup, {"a", hot}, {"b", hot}).size());
+    EXPECT_EQ(2u, DifferencesOf(script, setup, {"a", hot}, {"b", eight}).size());
     std::string told;
     for (const Finding& finding : DifferencesOf(script, setup, {"a", none}, {"b", hot}))
         told += std::to_string(finding.ullUs) + " " + finding.text + " | " + finding.details.at(0) + " | " +

@@ -11,7 +11,7 @@ namespace
 {
 
 // The driver, with a fault that begins when a keyboard is pulled.
-enum class Fault { None, LeavesMemory, Hangs, BreaksARule, HoldsARead, TakesNoKeyboard } g_fault;
+enum class Fault { None, LeavesMemory, Hangs, BreaksARule, HoldsARead, PressesAKey, TakesNoKeyboard } g_fault;
 bool g_bPulled;
 PDRIVER_DISPATCH g_pPnp, g_pInternal;
 PDRIVER_ADD_DEVICE g_pAdd;
@@ -45,6 +45,16 @@ NTSTATUS FaultyPnp(PDEVICE_OBJECT pDevice, PIRP Irp)
 
 NTSTATUS FaultyInternal(PDEVICE_OBJECT pDevice, PIRP Irp)
 {
+    if (IsAtFault(Fault::PressesAKey)) {
+        g_bPulled = false;
+        auto pUrb = static_cast<PURB>(IoGetCurrentIrpStackLocation(Irp)->Parameters.Others.Argument1);
+        auto pReport = static_cast<UCHAR*>(pUrb->UrbBulkOrInterruptTransfer.TransferBuffer);
+        memset(pReport, 0, pUrb->UrbBulkOrInterruptTransfer.TransferBufferLength);
+        pReport[2] = 5;
+        Irp->IoStatus.Status = STATUS_SUCCESS;
+        IoCompleteRequest(Irp, IO_NO_INCREMENT);
+        return STATUS_SUCCESS;
+    }
     if (!IsAtFault(Fault::HoldsARead) || g_pHeld)
         return g_pInternal(pDevice, Irp);
     IoMarkIrpPending(Irp);
@@ -121,6 +131,7 @@ TEST(Drill, FindsWhatADriverDoesWrong)
         {Fault::Hangs, Result::Hung, "it does not end within 0.3 s"},
         {Fault::BreaksARule, Result::Stopped, "BAD_POOL_CALLER: "},
         {Fault::HoldsARead, Result::Hung, "a read of keyboard 1 never comes back"},
+        {Fault::PressesAKey, Result::Stuck, "B of keyboard 1 stays down"},
         {Fault::TakesNoKeyboard, Result::NoKeyboard,
          "a keyboard that is plugged in afterwards does not start"},
     };
@@ -139,6 +150,19 @@ TEST(Drill, FindsWhatADriverDoesWrong)
         EXPECT_EQ(1u, harm.uNumber);
     }
     g_fault = Fault::None;
+}
+
+// A copy ends in the middle of the session, with keys that the keyboard holds.
+TEST(Drill, TellsNoHeldKey)
+{
+    std::string recording = "D: 0\nE: 1.0 8 00 00 04 00 00 00 00 00\n";
+    for (unsigned i = 0; i <= StepsAfter; ++i)
+        recording += "E: " + std::to_string(2 + i) + ".0 8 00 00 04 05 00 00 00 00\n";
+    recording += "E: 900.0 8 00 00 00 00 00 00 00 00\n";
+    DrillPlan plan;
+    plan.uEvery = 1000;
+    EXPECT_EQ("2/0/0 1/0/0 1/0/0 ",
+              Sums(Drilled(recording, "[[definition]]\nid = 7\nkeys = [\"A\"]\n", plan)));
 }
 
 // A media key that waits for its hotkey's second one is given back with the next read: pulled before, it is lost.

@@ -75,6 +75,7 @@ TEST(Why, TellsTheFirstReason)
     } cases[] = {
         {{"01 00 04 00 00 00 00 00"}, Desk, 1, "key_missing: key missing: B"},
         {{"01 00 04 05 00 00 00 00"}, Desk, 1, "fired: fired with B, armed by ctrl; its keys were swallowed"},
+        {{"01 00 04 05 00 00 00 00"}, Desk, 4, "no_key: not looked at: none of its keys is in the report"},
         {{"01 00 04 05 00 00 00 00", "01 00 04 05 00 00 00 00"}, Desk, 1, "stays: is down already"},
         {{"01 00 04 05 00 00 00 00", "01 00 04 05 06 00 00 00"}, Desk, 1, "ended: ended by C, another key"},
         {{"01 00 04 05 00 00 00 00", "01 00 04 00 00 00 00 00"}, Desk, 1, "ended: ended: B was released"},
@@ -163,6 +164,8 @@ TEST_F(Program, TellsWhy)
         EXPECT_NE(std::string::npos, json.out.find(pLine + std::string("\n"))) << pLine << json.out;
     EXPECT_EQ(json.out, Run(ask + "--report 2 --json").out);
     EXPECT_EQ(json.out, Run(ask + "--at 1.9 --json").out); // the last one before
+    EXPECT_EQ(std::string::npos, Run(ask + "--report 1").out.find("TakesPart"))
+        << "traced before the session";
     const std::string text = Run(ask + "--at 2").out;
     for (const char* pPart :
          {"report 3, 2.000000 s, keyboard 0\n", "  the application    hotkey 7 up\n",

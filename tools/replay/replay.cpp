@@ -325,10 +325,8 @@ private:
             return;
         player.bReading = true;
         NTSTATUS status = player.pKeyboard->Read();
-        if (player.bReading && !NT_SUCCESS(status)) { // it never went down
-            player.bReading = false;
-            player.bSilent = !m_setup.pTrial;
-        }
+        if (player.bReading && !NT_SUCCESS(status)) // it never went down
+            player.bSilent = true;
         HostSettle();
     }
 

@@ -56,7 +56,7 @@ public:
         steps.swap(m_steps[ulDevice]);
         ++m_session.uReports;
         m_latest.erase(uKeyboard);
-        if (m_bEnough || !IsWanted(ullUs))
+        if (!IsWanted(ullUs))
             return;
         if (!m_session.reports.empty() && m_session.reports.back().ullUs != ullUs) {
             m_session.reports.clear();
