@@ -89,6 +89,14 @@ TEST(Audit, TellsWhatBecameOfPresses)
         {{{0, F}, {50, Up}, {100, F}, {150, Up}, {200, F}, {250, Up}},
          HotF,
          "sent 3, seen 3, besides 0; 7: 3/3/3"},
+        {{{0, F}, {100, "00 00 09 0a 00 00 00 00"}, {150, Up}, {200, E}, {250, Up}},
+         "[[definition]]\nid = 7\nkeys = [\"F\", \"G\"]\n",
+         "sent 3, seen 3, besides 0; 7: 1/3/3"}, // its own first key is no typing
+        {{{0, "e9 00"}, {50, "00 00"}, {100, "cd 00"}, {150, "00 00"}},
+         "[[definition]]\nid = 7\nkeys = [\"Volume Up\", \"Mute\"]\n",
+         "sent 2, seen 1, besides 0; 7: 0/1/1; lost 100: Play never reached the system: held back and not "
+         "given back",
+         "power"},
         {{{0, F}, {50, Up}},
          HotF + HotF,
          "sent 1, seen 1, besides 0; 7: 1/1/1; refused 0: definition 7 refused: the keyboard has it already, "

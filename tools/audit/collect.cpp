@@ -87,7 +87,7 @@ public:
             takers.bHotkey |= step.Text("state") == "down" || step.Text("state") == "stays";
         else if (step.Is("KeysTaken"))
             for (uint8_t ucKey : step.BytesOf("keys"))
-                takers.keys[ShownKeyName(ucKey)] = step.Text("by");
+                takers.keys[ShownKey(ucKey, watched.uType)] = step.Text("by");
         else if (step.Is("ModifiersTaken"))
             for (const std::string& key : ShownModifiers(static_cast<uint8_t>(step.Number("modifiers"))))
                 takers.keys[key] = "a hotkey";
@@ -195,7 +195,7 @@ private:
         Bytes keys = step.BytesOf("keys");
         keys.resize(std::min<size_t>(keys.size(), step.Number("keyCount")));
         for (uint8_t ucKey : keys)
-            own.insert(ShownKeyName(ucKey));
+            own.insert(ShownKey(ucKey, watched.uType));
         m_audit.hotkeys.try_emplace(step.Number("id"));
     }
 

@@ -62,7 +62,7 @@ void PrintPage(const std::string& input, const Drill& drill)
         const Drill::Kind& kind = drill.kinds[static_cast<size_t>(trouble)];
         const std::string sample =
             kind.uEvery == 1 ? "each of them" : fmt::format("one in {}: {}", kind.uEvery, kind.uTried);
-        fmt::print("  {:34}{:>7} times, {:18}  presses lost in {}, wrong in {}\n", TitleOf(trouble),
+        fmt::print("  {:34}{:>7} times, {:18}  something lost in {}, wrong in {}\n", TitleOf(trouble),
                    kind.uMoments, sample, kind.uLost, kind.uWrong);
     }
     PrintHarms(drill, true);

@@ -21,7 +21,12 @@ constexpr uint64_t CalmUs = 10000000; // behind the session: what is still held 
 struct Undisturbed {
     std::vector<SentPress> presses;
     std::set<std::string> stuck;
-    std::vector<unsigned> calls; // fallible ones of the driver before each step, then before the end
+    struct Before {
+        unsigned uCalls;   // of the driver's, that can fail
+        unsigned uPresses; // that were sent
+        unsigned uEvents;  // that were told
+    };
+    std::vector<Before> steps; // before each step, after the last one, and before the end
     unsigned uReports = 0, uEvents = 0;
 };
 
@@ -66,29 +71,34 @@ std::string LineOf(const std::vector<std::string>& lines, const std::string& beg
 class UndisturbedTrial final : public ReplayTrial
 {
 public:
-    explicit UndisturbedTrial(Undisturbed& found) : m_found(found) {}
-    void CountCalls() { m_found.calls.push_back(HostFallibleCalls()); }
+    UndisturbedTrial(Undisturbed& found, const Ledger& ledger) : m_found(found), m_ledger(ledger) {}
+    void Count()
+    {
+        m_found.steps.push_back(
+            {HostFallibleCalls(), static_cast<unsigned>(m_ledger.Presses().size()), m_ledger.Events()});
+    }
 
     Mishap AtReport(unsigned) override { return Mishap::None; }
     Mishap AtEvent(unsigned) override { return Mishap::None; }
-    void BeforeEnd(EmuMachine&, const std::vector<EmuKeyboard*>&) override { CountCalls(); }
+    void BeforeEnd(EmuMachine&, const std::vector<EmuKeyboard*>&) override { Count(); }
 
 private:
     Undisturbed& m_found;
+    const Ledger& m_ledger;
 };
 
 Undisturbed RunUndisturbed(const Script& script, ReplaySetup setup)
 {
     Undisturbed found;
-    UndisturbedTrial trial(found);
     Ledger ledger;
+    UndisturbedTrial trial(found, ledger);
     setup.pTrial = &trial;
     setup.BeforeLoad = [] {
         HostFailOnlyIn(Driver);
         HostFailNth(nullptr, 0);
     };
     setup.IsEnough = [&] {
-        trial.CountCalls();
+        trial.Count();
         return false;
     };
     RunReplay(script, setup, ledger);
@@ -174,9 +184,9 @@ private:
     // A copy for each chosen call that the driver makes from here to the next step.
     void FailCalls(size_t cStep)
     {
-        const std::vector<unsigned>& calls = m_undisturbed.calls;
-        const unsigned uBefore = cStep == 0 ? 0 : calls[std::min(cStep, calls.size()) - 1];
-        const unsigned uEnd = cStep < calls.size() ? calls[cStep] : uBefore;
+        const std::vector<Undisturbed::Before>& steps = m_undisturbed.steps;
+        const unsigned uBefore = cStep == 0 ? 0 : steps[cStep - 1].uCalls;
+        const unsigned uEnd = steps[cStep].uCalls;
         for (unsigned uCall = uBefore; uCall < uEnd && !m_bApart; ++uCall)
             if (IsChosen(Trouble::Failed, uCall) &&
                 SendApart(Trouble::Failed, uCall + 1, m_ledger.LatestKeyboard()))
@@ -189,6 +199,7 @@ private:
         std::optional<Apart> apart = GoApart(m_plan.uMostMs);
         if (!apart) {
             m_bApart = true;
+            m_trouble = trouble;
             m_uMishapStep = m_uSteps;
             m_cFirst = m_ledger.FirstWaiting();
             m_cAtMishap = m_ledger.Presses().size();
@@ -240,16 +251,21 @@ private:
         EndApart(m_says);
     }
 
-    // Presses that the system saw in the undisturbed run and not in this one, as far as both went.
+    // What came in the undisturbed run and not in this one, as far as both went: presses at the system, events at an
+    // application that is there.
     void SayLosses()
     {
+        const Undisturbed::Before& end = m_undisturbed.steps[m_uSteps - 1];
+        if (m_trouble == Trouble::Failed && m_ledger.Events() < end.uEvents)
+            Say(Result::Lost,
+                fmt::format("{} of {} events were not told", end.uEvents - m_ledger.Events(), end.uEvents));
         std::set<std::tuple<uint64_t, unsigned, std::string>> seen;
         const std::vector<SentPress>& own = m_ledger.Presses();
         for (size_t i = m_cFirst; i < own.size(); ++i)
             if (own[i].bSeen)
                 seen.insert({own[i].ullUs, own[i].uKeyboard, own[i].key});
         const std::vector<SentPress>& all = m_undisturbed.presses;
-        for (size_t i = m_cFirst; i < all.size() && all[i].ullUs <= m_ledger.NowUs(); ++i) {
+        for (size_t i = m_cFirst; i < end.uPresses; ++i) {
             const bool bAfterPull = m_pulled.count(all[i].uKeyboard) && i >= m_cAtMishap;
             if (all[i].bSeen && !bAfterPull && seen.count({all[i].ullUs, all[i].uKeyboard, all[i].key}) == 0)
                 Say(Result::Lost,
@@ -265,6 +281,7 @@ private:
     unsigned m_uSteps = 0;
     // In a copy: where it began, what it has to say.
     bool m_bApart = false;
+    Trouble m_trouble = Trouble::Pulled;
     unsigned m_uMishapStep = 0;
     size_t m_cFirst = 0,
            m_cAtMishap = 0; // presses: the oldest that was not seen then; those that were sent then
@@ -303,7 +320,7 @@ Drill RunDrill(const Script& script, const ReplaySetup& setup, const DrillPlan& 
     Drill drill;
     drill.uReports = undisturbed.uReports;
     drill.uEvents = undisturbed.uEvents;
-    const unsigned moments[] = {undisturbed.uReports, undisturbed.uEvents, undisturbed.calls.back()};
+    const unsigned moments[] = {undisturbed.uReports, undisturbed.uEvents, undisturbed.steps.back().uCalls};
     for (Trouble trouble : Troubles) {
         Drill::Kind& kind = drill.kinds[static_cast<size_t>(trouble)];
         kind.uMoments = moments[static_cast<size_t>(trouble)];
