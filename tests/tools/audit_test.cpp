@@ -21,7 +21,7 @@ Script ScriptOf(const std::vector<Timed>& reports)
         snprintf(time, sizeof(time), "E: %u.%03u000 ", report.uMs / 1000, report.uMs % 1000);
         text += time + std::to_string((strlen(report.pReport) + 1) / 3) + " " + report.pReport + "\n";
     }
-    return ScriptOfRecording("my.hid", BytesOf(text));
+    return RecordingOf(text);
 }
 
 // "sent 2, seen 1, taken 1 by a hotkey; besides 0; 7: 1/1/1; lost 1.000 F", fired/came/armed.

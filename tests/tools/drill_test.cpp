@@ -98,8 +98,7 @@ Drill Drilled(const std::string& recording, const std::string& config, const Dri
               const char* pKind = "normal")
 {
     ReplayConfig parsed = ParseConfig("my.toml", config);
-    return RunDrill(ScriptOfRecording("my.hid", BytesOf(recording)),
-                    {FaultyEntry, {EmuMachine::FindKind(pKind)}, parsed}, plan);
+    return RunDrill(RecordingOf(recording), {FaultyEntry, {EmuMachine::FindKind(pKind)}, parsed}, plan);
 }
 
 const std::string F1 = "D: 0\nE: 1.0 8 00 00 3a 00 00 00 00 00\nE: 2.0 8 00 00 00 00 00 00 00 00\n"

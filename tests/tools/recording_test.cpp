@@ -1,9 +1,7 @@
 // recording_test.cpp - HID recordings, and telling the kinds of input apart.
-#include "captures.h"
+#include "replayed.h"
 
 #include "tools/common/failure.h"
-#include "tools/replay/input.h"
-#include "tools/replay/recording.h"
 
 #include <gtest/gtest.h>
 
@@ -12,7 +10,7 @@ namespace
 
 Script Parse(const std::string& text)
 {
-    return ScriptOfRecording("my.hid", BytesOf(text));
+    return RecordingOf(text);
 }
 
 std::string FailureOf(const std::string& text)
@@ -20,7 +18,8 @@ std::string FailureOf(const std::string& text)
     try {
         Parse(text);
     } catch (const InputError& error) {
-        return error.what();
+        const std::string what = error.what();
+        return "my" + what.substr(what.find(".hid:"));
     }
     return "read without complaint";
 }

@@ -4,12 +4,13 @@
 #include "captures.h"
 
 #include "tools/replay/input.h"
-#include "tools/replay/recording.h"
 #include "tools/replay/replay.h"
 
 #include "emu/app/application.h"
 
 #include <gtest/gtest.h>
+
+#include <list>
 
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistryPath);
 
@@ -92,10 +93,17 @@ inline std::vector<std::string> ReplayedCapture(const UsbmonStory& story, const 
     return Replayed(ReadInput(file.Path()), config, pKind);
 }
 
+// A script reads its file again each time it is played.
+inline Script RecordingOf(const std::string& text)
+{
+    static std::list<TestFile> files;
+    return ReadInput(files.emplace_back(BytesOf(text), ".hid").Path());
+}
+
 inline std::vector<std::string> ReplayedRecording(const std::string& text, const std::string& config,
                                                   const char* pKind)
 {
-    return Replayed(ScriptOfRecording("my.hid", BytesOf(text)), config, pKind);
+    return Replayed(RecordingOf(text), config, pKind);
 }
 
 inline std::vector<std::string> Only(const std::vector<std::string>& lines, const std::string& part)

@@ -22,9 +22,9 @@ std::string ReasonOf(const std::vector<std::string>& reports, const std::string&
                      const char* pKind = "normal")
 {
     ReplayConfig parsed = ParseConfig("my.toml", config);
-    WhySession session = CollectWhy(ScriptOfRecording("my.hid", BytesOf(Recording(reports))),
-                                    {DriverEntry, {EmuMachine::FindKind(pKind)}, parsed},
-                                    {static_cast<unsigned>(reports.size()), 0});
+    WhySession session =
+        CollectWhy(RecordingOf(Recording(reports)), {DriverEntry, {EmuMachine::FindKind(pKind)}, parsed},
+                   {static_cast<unsigned>(reports.size()), 0});
     EXPECT_EQ(0u, session.uLeaks);
     if (session.reports.size() != 1)
         return "no report";

@@ -47,7 +47,7 @@ bool LooksLikeCapture(const Bytes& start)
     return ulMagic == BlockSection;
 }
 
-BlockReader::BlockReader(SharedInput pInput, bool bGrows) : m_reader(std::move(pInput), bGrows)
+BlockReader::BlockReader(SharedInput pInput, Reading reading) : m_reader(std::move(pInput), reading)
 {
     Take(4, false);
     uint32_t ulMagic = Word(0);

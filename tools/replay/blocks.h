@@ -36,7 +36,7 @@ class BlockReader
 {
 public:
     // Fails (InputError): no capture, or its head is cut.
-    explicit BlockReader(SharedInput pInput, bool bGrows = false);
+    explicit BlockReader(SharedInput pInput, Reading reading = Reading::Whole);
 
     // False at the end. Fails (InputError): cut, or a length that cannot be.
     bool Next(Block& block);

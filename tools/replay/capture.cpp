@@ -38,7 +38,7 @@ void FailAtPacket(const RawRecord& record, const std::string& what)
         fmt::format("{}: packet {}: {} (byte {})", record.file, record.uNumber, what, record.ullAt));
 }
 
-CaptureReader::CaptureReader(SharedInput pInput, bool bGrows) : m_blocks(std::move(pInput), bGrows) {}
+CaptureReader::CaptureReader(SharedInput pInput, Reading reading) : m_blocks(std::move(pInput), reading) {}
 
 unsigned CaptureReader::UsbInterfaces() const
 {

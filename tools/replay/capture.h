@@ -52,7 +52,7 @@ class CaptureReader
 {
 public:
     // Fails (InputError): no capture.
-    explicit CaptureReader(SharedInput pInput, bool bGrows = false);
+    explicit CaptureReader(SharedInput pInput, Reading reading = Reading::Whole);
 
     // False at the end. Fails (InputError): truncated, a broken record.
     bool Next(Packet& packet);

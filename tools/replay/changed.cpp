@@ -50,6 +50,7 @@ public:
     {
         m_inner->Note(ullUs, iKeyboard, text);
     }
+    void Pause() override { m_inner->Pause(); }
     void End(uint64_t ullUs, const ReplayTotals& totals) override { m_inner->End(ullUs, totals); }
 
 private:

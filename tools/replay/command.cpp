@@ -59,7 +59,6 @@ void FollowUntilInterrupted()
 {
     signal(SIGINT, [](int) { StopFollowing(); });
     signal(SIGTERM, [](int) { StopFollowing(); });
-    setvbuf(stdout, nullptr, _IOLBF, 0);
 }
 
 unsigned Print(const Arguments& arguments, const Script& script, const ReplaySetup& setup)
@@ -69,20 +68,34 @@ unsigned Print(const Arguments& arguments, const Script& script, const ReplaySet
                        : MakeTablePrinter(stdout, TerminalOf(stdout), EventKinds(setup.config.definitions));
     if (arguments.bChanged)
         printer = MakeChangedPrinter(std::move(printer));
-    return RunReplay(script, setup, *printer);
+    auto show = [&] {
+        printer->Pause();
+        fflush(stdout);
+    };
+    SetBeforeWait(show);
+    try {
+        unsigned uLeft = RunReplay(script, setup, *printer);
+        SetBeforeWait({});
+        return uLeft;
+    } catch (...) { // what was told before the fault is seen
+        SetBeforeWait({});
+        show();
+        throw;
+    }
 }
 
 int Replay(Arguments arguments)
 {
     arguments.choice.ullFromUs = static_cast<uint64_t>(arguments.from * 1e6);
     arguments.choice.ullToUs = static_cast<uint64_t>(arguments.to * 1e6);
+    if (arguments.choice.bFollow)
+        FollowUntilInterrupted();
+    arguments.choice.bLive = arguments.pcapng.empty();
     Script script = ReadInput(arguments.input, arguments.choice);
     ReplayConfig config;
     if (!arguments.config.empty())
         config = ReadConfig(arguments.config);
     ReplaySetup setup{DriverEntry, KindsNamed(arguments.keyboards), config};
-    if (arguments.choice.bFollow)
-        FollowUntilInterrupted();
     const bool bPrints = arguments.pcapng.empty();
     ProgressLine progress;
     if (!(bPrints && isatty(STDOUT_FILENO)) && isatty(STDERR_FILENO))

@@ -7,14 +7,11 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <string_view>
 
 namespace
 {
-
-constexpr size_t MostText = 256 << 20; // of a recording, which is read whole
 
 // A recording that umockdev made: text of devices or of ioctls, with the packets in a capture of its own.
 bool IsUmockdev(std::string_view text)
@@ -34,32 +31,17 @@ std::string CaptureBeside(const std::string& file)
                                  path.filename().string()));
 }
 
-Bytes ReadAll(InputReader& reader, Bytes content)
-{
-    for (size_t cNow = 1; cNow != 0 && content.size() < MostText;) {
-        size_t cBefore = content.size();
-        content.resize(cBefore + (1 << 16));
-        cNow = reader.Read(&content[cBefore], 1 << 16);
-        content.resize(cBefore + cNow);
-    }
-    return content;
-}
-
 } // namespace
 
 Script ReadInput(const std::string& file, const ScriptChoice& choice)
 {
     auto pInput = std::make_shared<InputFile>(file);
-    InputReader reader(pInput);
-    Bytes start(16);
+    InputReader reader(pInput, choice.bFollow ? Reading::Following : Reading::Whole);
+    Bytes start(16); // enough to tell
     start.resize(reader.Read(start.data(), start.size()));
     if (LooksLikeCapture(start))
         return ScriptOfCapture(pInput, choice);
     if (IsUmockdev({reinterpret_cast<const char*>(start.data()), start.size()}))
         return ReadInput(CaptureBeside(file), choice);
-    Bytes content = ReadAll(reader, std::move(start));
-    if (LooksLikeRecording(content))
-        return ScriptOfRecording(pInput->Name(), content, choice);
-    throw InputError(fmt::format(
-        "{}:1: neither a USB capture (pcap, pcapng) nor a HID recording (hid-recorder)", pInput->Name()));
+    return ScriptOfRecording(pInput, choice);
 }

@@ -4,134 +4,28 @@
 // deliver reports. Then the keyboards are numbered by the device first seen and the interface, and the second
 // pass deals the packets out, one by one: requests to the device go to each of its keyboards, others to the one
 // they name. Neither pass keeps packets.
+//
+// Of an input that still comes the first pass ends where it ends for now, once there is a keyboard; the second one goes
+// on, and a keyboard that reports first then comes up there: it is told at once what the capture holds of it so far.
 #include "keyboards.h"
 #include "capture.h"
-#include "devices.h"
+#include "found.h"
 #include "tools/common/failure.h"
-#include "tools/common/text.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <memory>
-#include <tuple>
-#include <utility>
 
 namespace
 {
 
-constexpr uint8_t ClassHid = 3;
-constexpr uint8_t ProtocolMouse = 2;
-constexpr uint8_t RecipientMask = 0x1F, RecipientDevice = 0, RecipientInterface = 1, RecipientEndpoint = 2;
-
-// One keyboard found: which interface of which device.
-struct Found {
-    const Device* pDevice;
-    DeviceKey key;
-    unsigned uInterface; // of the configuration, or NoInterface + endpoint when none was captured
-    std::vector<uint8_t> endpoints;
-    unsigned uOrdinal = 0;  // among the keyboards of its device
-    unsigned uSiblings = 1; // keyboards of its device
-};
-
-constexpr unsigned NoInterface = 0x100;
-
-// The keyboards in the order of their numbers. Hubs tell their port changes over an interrupt endpoint too;
-// those are no reports. uOthers counts the reporting endpoints of interfaces that are no HID interfaces.
-std::vector<Found> FindKeyboards(const Devices& devices, unsigned& uOthers)
+// The longest report of a keyboard without descriptors has not come yet.
+void Widen(ScriptKeyboard& keyboard)
 {
-    std::vector<Found> found;
-    for (const auto& [key, device] : devices) {
-        if (device.bHub)
-            continue;
-        for (const auto& [ucEndpoint, reporting] : device.reporting) {
-            auto endpoint = device.endpoints.find(ucEndpoint);
-            if (endpoint != device.endpoints.end() && endpoint->second.ucClass != ClassHid) {
-                ++uOthers;
-                continue;
-            }
-            unsigned uInterface =
-                endpoint != device.endpoints.end() ? endpoint->second.ucInterface : NoInterface + ucEndpoint;
-            auto same = std::find_if(found.begin(), found.end(), [&, pKey = &key](const Found& other) {
-                return other.key == *pKey && other.uInterface == uInterface;
-            });
-            if (same == found.end())
-                found.push_back({&device, key, uInterface, {ucEndpoint}, 0, 1});
-            else
-                same->endpoints.push_back(ucEndpoint);
-        }
-    }
-    // Endpoints of which no descriptor was captured stand in the order of their first reports.
-    auto order = [](const Found& keyboard) {
-        bool bKnown = keyboard.uInterface < NoInterface;
-        unsigned uFirst = bKnown ? 0 : keyboard.pDevice->reporting.at(keyboard.endpoints[0]).uFirstReport;
-        return std::make_tuple(keyboard.pDevice->cOrder, bKnown ? keyboard.uInterface : NoInterface, uFirst);
-    };
-    std::sort(found.begin(), found.end(),
-              [&](const Found& a, const Found& b) { return order(a) < order(b); });
-    for (Found& keyboard : found) {
-        auto ofDevice = [&](const Found& other) { return other.key == keyboard.key; };
-        keyboard.uSiblings = static_cast<unsigned>(std::count_if(found.begin(), found.end(), ofDevice));
-        for (const Found& other : found)
-            keyboard.uOrdinal += &other < &keyboard && ofDevice(other);
-    }
-    return found;
-}
-
-ScriptKeyboard DescribeKeyboard(const Found& found)
-{
-    const Device& device = *found.pDevice;
-    ScriptKeyboard keyboard;
-    keyboard.usVendor = device.usVendor;
-    keyboard.usProduct = device.usProduct;
-    if (auto name = device.strings.find(device.ucProductString); name != device.strings.end())
-        keyboard.name = name->second;
-    keyboard.ulReadBytes = 0;
-    keyboard.ucEndpoint = found.endpoints[0];
-    size_t cFirst = device.reporting.at(found.endpoints[0]).cFirstReport;
-    keyboard.pGuess = cFirst == 8 ? "normal" : cFirst <= 4 ? "power" : "other";
-    keyboard.bTold = !device.configurations.empty();
-    for (uint8_t ucEndpoint : found.endpoints) {
-        auto known = device.endpoints.find(ucEndpoint);
-        if (known != device.endpoints.end())
-            keyboard.bMouse |= known->second.ucProtocol == ProtocolMouse;
-        uint32_t ulPacket = known != device.endpoints.end() ? known->second.usPacketBytes : 0;
-        const ReportEndpoint& reporting = device.reporting.at(ucEndpoint);
-        uint32_t ulLongest = reporting.ulReadBytes;
-        keyboard.ulReadBytes = std::max(keyboard.ulReadBytes, ulPacket ? ulPacket : ulLongest);
-    }
-    return keyboard;
-}
-
-// True when a control request goes to this keyboard: to its device, its interface or its endpoint. Where no
-// descriptor was captured, interfaces are taken to be numbered as the keyboards are.
-bool Concerns(const std::array<uint8_t, 8>& setup, const Found& found)
-{
-    switch (setup[0] & RecipientMask) {
-    case RecipientDevice:
-        return true;
-    case RecipientInterface:
-        if (found.uInterface < NoInterface)
-            return setup[4] == found.uInterface;
-        return found.uOrdinal == (setup[4] < found.uSiblings ? setup[4] : 0);
-    case RecipientEndpoint:
-        return std::count(found.endpoints.begin(), found.endpoints.end(), setup[4]) != 0;
-    default:
-        return false;
-    }
-}
-
-// What this keyboard is shown of a captured answer: for a composite device's configuration, its own part.
-Bytes OwnAnswer(const std::array<uint8_t, 8>& setup, const Bytes& answer, const Found& found)
-{
-    if (!IsGetDescriptor(setup, DescriptorConfiguration) || answer.empty() || found.uInterface >= NoInterface)
-        return answer;
-    auto whole = found.pDevice->configurations.find(setup[2]);
-    if (whole == found.pDevice->configurations.end() || CountInterfaces(whole->second) < 2)
-        return answer;
-    Bytes own = OwnConfiguration(whole->second, static_cast<uint8_t>(found.uInterface));
-    own.resize(std::min<size_t>(own.size(), WordAt(setup.data(), 6)));
-    return own;
+    constexpr uint32_t Plenty = 64;
+    if (!keyboard.bTold)
+        keyboard.ulReadBytes = std::max(keyboard.ulReadBytes, Plenty);
 }
 
 // What the first pass learnt, for as long as a script is played.
@@ -139,14 +33,23 @@ struct Learnt {
     Devices devices;
     std::vector<Found> found;
     std::multimap<DeviceKey, unsigned> byDevice; // the numbers of its keyboards
+    bool bComes = false;                         // more may come: through a pipe, or because the file grows
+
+    void Add(const Found& keyboard)
+    {
+        byDevice.emplace(keyboard.key, static_cast<unsigned>(found.size()));
+        found.push_back(keyboard);
+    }
 };
 
 // The second pass: deals packets out to the keyboards.
 class StepWriter
 {
 public:
-    StepWriter(SharedInput pInput, std::shared_ptr<const Learnt> pLearnt, const ScriptChoice& choice)
-        : m_reader(std::move(pInput), choice.bFollow), m_pLearnt(std::move(pLearnt)), m_choice(choice)
+    StepWriter(SharedInput pInput, std::shared_ptr<const Learnt> pFirst, const ScriptChoice& choice)
+        : m_pInput(pInput), m_reader(std::move(pInput), choice.bFollow ? Reading::Following : Reading::Whole),
+          m_pFirst(std::move(pFirst)), m_learnt{{}, m_pFirst->found, m_pFirst->byDevice, m_pFirst->bComes},
+          m_choice(choice)
     {
     }
 
@@ -158,10 +61,12 @@ public:
             Packet packet;
             if (!NextPacket(packet) || packet.ullUs > m_choice.ullToUs)
                 return false;
+            if (m_learnt.bComes)
+                Learn(packet);
             if (IsReport(packet))
                 AddReport(packet);
             else if (packet.type == TransferType::Control && packet.bJoined)
-                AddControl(packet);
+                AddControl(packet, 0);
         }
         step = std::move(m_steps[m_cNext++]);
         return true;
@@ -173,10 +78,51 @@ private:
         try {
             return m_reader.Next(packet);
         } catch (const InputError&) {
-            if (m_choice.bPartial || m_choice.bFollow)
+            if (m_choice.bFollow || (m_choice.bPartial && !m_learnt.bComes))
                 return false; // the first pass kept what is wrong
             throw;
         }
+    }
+
+    // A keyboard whose first report this is comes up, behind those that are there.
+    void Learn(const Packet& packet)
+    {
+        Survey(packet, m_learnt.devices);
+        if (!IsReport(packet))
+            return;
+        auto isKnown = [&](const Found& found) {
+            return found.key == KeyOf(packet) &&
+                   std::count(found.endpoints.begin(), found.endpoints.end(), packet.ucEndpoint) != 0;
+        };
+        if (std::any_of(m_learnt.found.begin(), m_learnt.found.end(), isKnown))
+            return;
+        unsigned uOthers = 0;
+        for (Found& found : FindKeyboards(m_learnt.devices, uOthers))
+            if (isKnown(found))
+                ComeUp(found, packet);
+    }
+
+    void ComeUp(Found& found, const Packet& packet)
+    {
+        for (Found& known : m_learnt.found)
+            if (known.key == found.key && known.uInterface == found.uInterface) {
+                known.endpoints = found.endpoints; // one more of it
+                return;
+            }
+        ScriptKeyboard keyboard = DescribeKeyboard(found);
+        if (!IsChosen(keyboard, m_choice.devices))
+            return;
+        Widen(keyboard);
+        const auto uKeyboard = static_cast<unsigned>(m_learnt.found.size());
+        m_learnt.Add(found);
+        m_steps.push_back(StepAt(packet, StepKind::Keyboard, uKeyboard));
+        m_steps.back().pKeyboard = std::make_shared<ScriptKeyboard>(std::move(keyboard));
+        CaptureReader before(m_pInput, Reading::Present);
+        for (Packet old; before.Next(old) && old.uNumber < packet.uNumber;)
+            if (old.type == TransferType::Control && old.bJoined) {
+                old.ullUs = packet.ullUs;
+                AddControl(old, uKeyboard);
+            }
     }
 
     ScriptStep StepAt(const Packet& packet, StepKind kind, unsigned uKeyboard) const
@@ -192,9 +138,9 @@ private:
     {
         if (packet.ullUs < m_choice.ullFromUs)
             return;
-        auto [first, last] = m_pLearnt->byDevice.equal_range(KeyOf(packet));
+        auto [first, last] = m_learnt.byDevice.equal_range(KeyOf(packet));
         for (auto it = first; it != last; ++it) {
-            const std::vector<uint8_t>& endpoints = m_pLearnt->found[it->second].endpoints;
+            const std::vector<uint8_t>& endpoints = m_learnt.found[it->second].endpoints;
             if (std::find(endpoints.begin(), endpoints.end(), packet.ucEndpoint) == endpoints.end())
                 continue;
             m_steps.push_back(StepAt(packet, StepKind::Report, it->second));
@@ -203,16 +149,17 @@ private:
         }
     }
 
-    // Data going out takes effect when it is submitted, data coming in when it has arrived.
-    void AddControl(const Packet& packet)
+    // Data going out takes effect when it is submitted, data coming in when it has arrived. To its device's keyboards,
+    // from that number on.
+    void AddControl(const Packet& packet, unsigned uFirst)
     {
         bool bComesIn = (packet.setup[0] & 0x80) != 0;
         if (packet.bSubmit == bComesIn)
             return;
-        auto [first, last] = m_pLearnt->byDevice.equal_range(KeyOf(packet));
+        auto [first, last] = m_learnt.byDevice.equal_range(KeyOf(packet));
         for (auto it = first; it != last; ++it) {
-            const Found& found = m_pLearnt->found[it->second];
-            if (!Concerns(packet.setup, found))
+            const Found& found = m_learnt.found[it->second];
+            if (it->second < uFirst || !Concerns(packet.setup, found))
                 continue;
             ScriptStep step = StepAt(packet, StepKind::Control, it->second);
             step.setup = packet.setup;
@@ -222,8 +169,10 @@ private:
         }
     }
 
+    SharedInput m_pInput;
     CaptureReader m_reader;
-    std::shared_ptr<const Learnt> m_pLearnt;
+    std::shared_ptr<const Learnt> m_pFirst; // its devices are those of the keyboards found first
+    Learnt m_learnt;
     ScriptChoice m_choice;
     std::vector<ScriptStep> m_steps; // of one packet
     size_t m_cNext = 0;
@@ -234,8 +183,23 @@ const char* Plural(unsigned uCount)
     return uCount == 1 ? "" : "s";
 }
 
-// What was left out and what could not be learnt.
-void AddNotes(Script& script, const CaptureReader& reader, const Learnt& learnt, unsigned uOthers)
+// What could not be learnt.
+void AddKindNotes(Script& script)
+{
+    for (size_t k = 0; k < script.keyboards.size(); ++k)
+        if (script.keyboards[k].bMouse)
+            script.notes.push_back({static_cast<int>(k), "this is a mouse"});
+    for (size_t k = 0; k < script.keyboards.size(); ++k)
+        if (!script.keyboards[k].bTold)
+            script.notes.push_back(
+                {static_cast<int>(k),
+                 "the capture has no enumeration, so the driver does not learn what kind of "
+                 "keyboard this is; plug it in after the start of the recording, or say "
+                 "--keyboard KIND or --keyboard guess"});
+}
+
+// And what was left out.
+void AddNotes(Script& script, const CaptureReader& reader, unsigned uOthers)
 {
     for (auto [usLink, uCount] : reader.LeftOut())
         script.notes.push_back(
@@ -250,16 +214,52 @@ void AddNotes(Script& script, const CaptureReader& reader, const Learnt& learnt,
     if (uOthers)
         script.notes.push_back({-1, fmt::format("left out: {} device endpoint{} of no keyboard or mouse",
                                                 uOthers, Plural(uOthers))});
-    for (size_t k = 0; k < learnt.found.size(); ++k)
-        if (script.keyboards[k].bMouse)
-            script.notes.push_back({static_cast<int>(k), "this is a mouse"});
-    for (size_t k = 0; k < learnt.found.size(); ++k)
-        if (!script.keyboards[k].bTold)
-            script.notes.push_back(
-                {static_cast<int>(k),
-                 "the capture has no enumeration, so the driver does not learn what kind of "
-                 "keyboard this is; plug it in after the start of the recording, or say "
-                 "--keyboard KIND or --keyboard guess"});
+    AddKindNotes(script);
+}
+
+void OpenWith(Script& script, const SharedInput& pInput, const std::shared_ptr<const Learnt>& pLearnt,
+              const ScriptChoice& choice)
+{
+    script.Open = [pInput, pLearnt, choice]() -> StepReader {
+        auto pWriter = std::make_shared<StepWriter>(pInput, pLearnt, choice);
+        return [pWriter](ScriptStep& step) { return pWriter->Next(step); };
+    };
+}
+
+// The keyboards that report in what is there now. Where there is none yet, more is waited for; what is cut here may be
+// whole then.
+Script ScriptOfWhatComes(const SharedInput& pInput, const std::shared_ptr<Learnt>& pLearnt,
+                         const ScriptChoice& choice)
+{
+    Script script;
+    script.bEnumerates = true;
+    while (true) {
+        pLearnt->devices.clear();
+        try {
+            CaptureReader reader(pInput, Reading::Present);
+            for (Packet packet; reader.Next(packet);)
+                Survey(packet, pLearnt->devices);
+        } catch (
+            const InputError&) { // the second pass meets it again, if it is more than a packet that is half there
+        }
+        unsigned uOthers = 0;
+        for (const Found& found : FindKeyboards(pLearnt->devices, uOthers)) {
+            ScriptKeyboard keyboard = DescribeKeyboard(found);
+            if (!IsChosen(keyboard, choice.devices))
+                continue;
+            Widen(keyboard);
+            pLearnt->Add(found);
+            script.keyboards.push_back(std::move(keyboard));
+        }
+        if (!script.keyboards.empty())
+            break;
+        if (!(pInput->IsPipe() ? pInput->TakeMore() : WaitToFollow()))
+            throw InputError(fmt::format("{}: the capture ends without a keyboard", pInput->Name()));
+        pInput->Gather();
+    }
+    AddKindNotes(script);
+    OpenWith(script, pInput, pLearnt, choice);
+    return script;
 }
 
 } // namespace
@@ -267,6 +267,11 @@ void AddNotes(Script& script, const CaptureReader& reader, const Learnt& learnt,
 Script ScriptOfCapture(SharedInput pInput, const ScriptChoice& choice)
 {
     auto pLearnt = std::make_shared<Learnt>();
+    if (MayCome(*pInput, choice))
+        pInput->Gather();
+    pLearnt->bComes = MayCome(*pInput, choice);
+    if (pLearnt->bComes)
+        return ScriptOfWhatComes(pInput, pLearnt, choice);
     CaptureReader reader(pInput);
     Script script;
     script.bEnumerates = true;
@@ -275,10 +280,9 @@ Script ScriptOfCapture(SharedInput pInput, const ScriptChoice& choice)
         for (Packet packet; reader.Next(packet); uLast = packet.uNumber)
             Survey(packet, pLearnt->devices);
     } catch (const InputError& error) {
-        if (!choice.bPartial && !choice.bFollow)
+        if (!choice.bPartial)
             throw;
-        if (!choice.bFollow)
-            script.cut = error.what();
+        script.cut = error.what();
     }
     unsigned uOthers = 0;
     std::vector<Found> all = FindKeyboards(pLearnt->devices, uOthers);
@@ -286,8 +290,7 @@ Script ScriptOfCapture(SharedInput pInput, const ScriptChoice& choice)
         ScriptKeyboard keyboard = DescribeKeyboard(found);
         if (!IsChosen(keyboard, choice.devices))
             continue;
-        pLearnt->byDevice.emplace(found.key, static_cast<unsigned>(pLearnt->found.size()));
-        pLearnt->found.push_back(found);
+        pLearnt->Add(found);
         script.keyboards.push_back(std::move(keyboard));
     }
     if (!script.cut.empty() && all.empty())
@@ -307,10 +310,7 @@ Script ScriptOfCapture(SharedInput pInput, const ScriptChoice& choice)
             if (unsigned uCut = found.pDevice->reporting.at(ucEndpoint).uCutReport; uCut && !choice.bPartial)
                 throw InputError(fmt::format("{}: packet {}: truncated: a snap length cut the report",
                                              pInput->Name(), uCut));
-    AddNotes(script, reader, *pLearnt, uOthers);
-    script.Open = [pInput, pLearnt, choice]() -> StepReader {
-        auto pWriter = std::make_shared<StepWriter>(pInput, pLearnt, choice);
-        return [pWriter](ScriptStep& step) { return pWriter->Next(step); };
-    };
+    AddNotes(script, reader, uOthers);
+    OpenWith(script, pInput, pLearnt, choice);
     return script;
 }

@@ -40,6 +40,7 @@ public:
     virtual void Led(uint64_t ullUs, unsigned uKeyboard, uint8_t ucReport) = 0;
     // Something to know of the input or of a keyboard (-1: none of them alone).
     virtual void Note(uint64_t, int /*iKeyboard*/, const std::string&) {}
+    virtual void Pause() {} // more is waited for: what was told shall be seen
     virtual void End(uint64_t ullUs, const ReplayTotals& totals) = 0;
 };
 

@@ -10,7 +10,7 @@
 
 // One keyboard of the replay with what is known of it so far.
 struct Player {
-    const ScriptKeyboard* pScript = nullptr;
+    ScriptKeyboard script;
     EmuKeyboard* pKeyboard = nullptr;
     bool bEmulated = false;               // its descriptors come from a kind, not from the input
     bool bPlain = false;                  // it was told that the driver does not look at its reports

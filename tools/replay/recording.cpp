@@ -2,6 +2,9 @@
 //
 // A device of the recording is a keyboard when it has reports; the keyboards are numbered as their devices
 // appear. Times begin at the first report of the recording; a line whose time steps back is held still.
+//
+// Two passes: the first one learns the devices, the second one hands out the reports. Of a recording that still comes
+// the first pass ends where it ends for now, once there is a report; a device that reports later comes up then.
 #include "recording.h"
 #include "tools/common/failure.h"
 #include "tools/common/text.h"
@@ -12,7 +15,7 @@
 #include <charconv>
 #include <map>
 #include <memory>
-#include <sstream>
+#include <optional>
 #include <string_view>
 
 namespace
@@ -64,23 +67,83 @@ private:
     std::string_view m_rest;
 };
 
+constexpr size_t LongestLine = 1 << 16;
+constexpr uint32_t LiveReadBytes = 64; // of a device whose longest report has not come yet
+
 struct RecordedDevice {
     ScriptKeyboard keyboard;
     bool bReports = false;
 };
 
+// Reads the lines of a recording, one report after the other.
 class RecordingReader
 {
 public:
-    RecordingReader(const std::string& file, const ScriptChoice& choice) : m_file(file), m_choice(choice) {}
+    RecordingReader(const SharedInput& pInput, Reading reading)
+        : m_input(pInput, reading), m_file(pInput->Name())
+    {
+        m_bPresent = reading == Reading::Present;
+    }
+
+    // The next report, with its device's number. False at the end. Fails (InputError): a line that cannot be read.
+    bool Next(ScriptStep& step)
+    {
+        std::string line;
+        while (NextLine(line)) {
+            m_bReport = false;
+            Read(++m_uLines, line);
+            if (m_bReport) {
+                step = std::move(m_step);
+                return true;
+            }
+        }
+        return false;
+    }
+
+    // Devices in the order in which they appear.
+    const std::vector<unsigned>& Order() const { return m_order; }
+    RecordedDevice& Device(unsigned uDevice) { return m_devices.at(uDevice); }
+    unsigned Lines() const { return std::max(m_uLines, 1u); }
+    bool IsRecording() const { return m_bRecording && !m_bBinary; }
+
+private:
+    // A line without its end. One that the end of the input cuts counts, unless more may come.
+    bool NextLine(std::string& line)
+    {
+        line.clear();
+        while (true) {
+            size_t cEnd = m_text.find('\n', m_cAt);
+            if (cEnd != m_text.npos) {
+                line.assign(m_text, m_cAt, cEnd - m_cAt);
+                m_cAt = cEnd + 1;
+                return true;
+            }
+            m_text.erase(0, m_cAt);
+            m_cAt = 0;
+            if (m_text.size() > LongestLine)
+                throw InputError(
+                    fmt::format("{}:{}: a line of more than {} bytes", m_file, m_uLines + 1, LongestLine));
+            uint8_t buffer[1 << 14];
+            size_t cNow = m_input.ReadSome(buffer, sizeof(buffer));
+            m_bBinary = m_bBinary || std::count(buffer, buffer + cNow, 0) != 0;
+            m_text.append(reinterpret_cast<const char*>(buffer), cNow);
+            if (cNow != 0)
+                continue;
+            line.swap(m_text);
+            m_text.clear();
+            return !line.empty() && !m_bPresent;
+        }
+    }
 
     void Read(unsigned uNumber, std::string_view text)
     {
         text = Trim(text);
         if (text.size() < 2 || text[1] != ':')
             return;
+        m_bRecording = m_bRecording || std::string_view("DRNPIE").find(text[0]) != text.npos;
+        if (m_bBinary)
+            return;
         Line line(m_file, uNumber, text.substr(2));
-        m_uLines = uNumber;
         switch (text[0]) {
         case 'D':
             m_uDevice = static_cast<unsigned>(line.Number(10, 0xFFFF, "device number"));
@@ -105,41 +168,6 @@ public:
         }
     }
 
-    // The devices without a report fall out, and the rest keep their order.
-    Script Finish()
-    {
-        std::map<unsigned, unsigned> numbers;
-        Script script;
-        for (unsigned uDevice : m_order) {
-            RecordedDevice& device = m_devices[uDevice];
-            if (!device.bReports || !IsChosen(device.keyboard, m_choice.devices))
-                continue;
-            numbers[uDevice] = static_cast<unsigned>(script.keyboards.size());
-            script.keyboards.push_back(device.keyboard);
-        }
-        if (script.keyboards.empty())
-            throw InputError(
-                fmt::format("{}:{}: the recording ends without a report (an E: line)", m_file, m_uLines));
-        auto isLeftOut = [&](const ScriptStep& step) {
-            return !numbers.count(step.uKeyboard) || step.ullUs < m_choice.ullFromUs ||
-                   step.ullUs > m_choice.ullToUs;
-        };
-        m_steps.erase(std::remove_if(m_steps.begin(), m_steps.end(), isLeftOut), m_steps.end());
-        for (ScriptStep& step : m_steps)
-            step.uKeyboard = numbers[step.uKeyboard];
-        auto steps = std::make_shared<const std::vector<ScriptStep>>(std::move(m_steps));
-        script.Open = [steps]() -> StepReader {
-            return [steps, cAt = size_t(0)](ScriptStep& step) mutable {
-                bool bMore = cAt < steps->size();
-                if (bMore)
-                    step = (*steps)[cAt++];
-                return bMore;
-            };
-        };
-        return script;
-    }
-
-private:
     RecordedDevice& Current()
     {
         if (!m_devices.count(m_uDevice)) {
@@ -188,61 +216,155 @@ private:
         device.bReports = true;
         device.keyboard.ulReadBytes =
             std::max<uint32_t>(device.keyboard.ulReadBytes, static_cast<uint32_t>(report.size()));
-        ScriptStep step;
-        step.ullUs = m_ullLatest;
-        step.uKeyboard = m_uDevice; // becomes the keyboard's number at the end
-        step.data = std::move(report);
-        m_steps.push_back(std::move(step));
+        m_step = {};
+        m_step.ullUs = m_ullLatest;
+        m_step.uKeyboard = m_uDevice;
+        m_step.data = std::move(report);
+        m_bReport = true;
     }
 
+    InputReader m_input;
     const std::string& m_file;
-    const ScriptChoice& m_choice;
+    std::string m_text; // read, and taken up to m_cAt
+    size_t m_cAt = 0;
     std::map<unsigned, RecordedDevice> m_devices;
     std::vector<unsigned> m_order;
-    std::vector<ScriptStep> m_steps;
+    ScriptStep m_step;
+    bool m_bReport = false;
     unsigned m_uDevice = 0;
-    unsigned m_uLines = 1;
-    bool m_bTimed = false;
+    unsigned m_uLines = 0;
+    bool m_bTimed = false, m_bPresent = false, m_bRecording = false, m_bBinary = false;
     uint64_t m_ullFirst = 0, m_ullLatest = 0;
 };
 
-// Calls visit(line number, line) for each line.
-template <typename Visit> void WalkLines(const Bytes& content, Visit visit)
+// The second pass: gives reports the numbers of their keyboards.
+class StepNumberer
 {
-    std::string_view text(reinterpret_cast<const char*>(content.data()), content.size());
-    for (unsigned uNumber = 1; !text.empty(); ++uNumber) {
-        size_t cEnd = std::min(text.find('\n'), text.size());
-        visit(uNumber, text.substr(0, cEnd));
-        text.remove_prefix(std::min(cEnd + 1, text.size()));
+public:
+    StepNumberer(const SharedInput& pInput, std::map<unsigned, unsigned> numbers, bool bComes,
+                 const ScriptChoice& choice)
+        : m_reader(pInput, choice.bFollow ? Reading::Following : Reading::Whole),
+          m_numbers(std::move(numbers)), m_uKeyboards(static_cast<unsigned>(m_numbers.size())),
+          m_bComes(bComes), m_choice(choice)
+    {
     }
+
+    bool Next(ScriptStep& step)
+    {
+        if (m_waiting) { // whose keyboard has just come up
+            step = std::move(*m_waiting);
+            m_waiting.reset();
+            return true;
+        }
+        while (NextReport(step)) {
+            if (step.ullUs > m_choice.ullToUs)
+                return false;
+            auto number = m_numbers.find(step.uKeyboard);
+            if (step.ullUs < m_choice.ullFromUs || (number == m_numbers.end() && !ComesUp(step)))
+                continue;
+            if (number == m_numbers.end())
+                return true;
+            step.uKeyboard = number->second;
+            return true;
+        }
+        return false;
+    }
+
+private:
+    bool NextReport(ScriptStep& step)
+    {
+        try {
+            return m_reader.Next(step);
+        } catch (const InputError&) {
+            if (m_choice.bFollow || (m_choice.bPartial && !m_bComes))
+                return false; // the first pass kept what is wrong
+            throw;
+        }
+    }
+
+    // Makes of a device's first report the step that its keyboard comes with.
+    bool ComesUp(ScriptStep& step)
+    {
+        const unsigned uDevice = step.uKeyboard;
+        auto keyboard = std::make_shared<ScriptKeyboard>(m_reader.Device(uDevice).keyboard);
+        if (!m_bComes || !IsChosen(*keyboard, m_choice.devices))
+            return false;
+        keyboard->ulReadBytes = std::max(keyboard->ulReadBytes, LiveReadBytes);
+        step.uKeyboard = m_numbers[uDevice] = m_uKeyboards++;
+        m_waiting = step;
+        step.kind = StepKind::Keyboard;
+        step.pKeyboard = std::move(keyboard);
+        return true;
+    }
+
+    RecordingReader m_reader;
+    std::map<unsigned, unsigned> m_numbers; // of keyboards, by device
+    unsigned m_uKeyboards;
+    const bool m_bComes;
+    const ScriptChoice m_choice;
+    std::optional<ScriptStep> m_waiting;
+};
+
+// The first pass: the keyboards, in the order in which their devices appear; those without a report fall out.
+std::map<unsigned, unsigned> LearnKeyboards(RecordingReader& reader, Script& script,
+                                            const ScriptChoice& choice, bool bComes)
+{
+    try {
+        for (ScriptStep step; reader.Next(step);) {
+        }
+    } catch (const InputError& error) {
+        if (!choice.bPartial && !bComes)
+            throw;
+        if (!bComes)
+            script.cut = error.what();
+    }
+    std::map<unsigned, unsigned> numbers;
+    for (unsigned uDevice : reader.Order()) {
+        const RecordedDevice& device = reader.Device(uDevice);
+        if (!device.bReports || !IsChosen(device.keyboard, choice.devices))
+            continue;
+        numbers[uDevice] = static_cast<unsigned>(script.keyboards.size());
+        script.keyboards.push_back(device.keyboard);
+        if (bComes)
+            script.keyboards.back().ulReadBytes = std::max(device.keyboard.ulReadBytes, LiveReadBytes);
+    }
+    return numbers;
+}
+
+// False when nothing more can come. The end of a pipe is looked at once more.
+bool WaitForMore(InputFile& input)
+{
+    if (!input.IsPipe())
+        return WaitToFollow();
+    input.TakeMore();
+    return true;
 }
 
 } // namespace
 
-bool LooksLikeRecording(const Bytes& content)
+Script ScriptOfRecording(const SharedInput& pInput, const ScriptChoice& choice)
 {
-    if (std::count(content.begin(), content.end(), 0))
-        return false;
-    bool bFound = false;
-    WalkLines(content, [&](unsigned, std::string_view line) {
-        line = Trim(line);
-        bFound |= line.size() >= 2 && line[1] == ':' && std::string_view("DRNPIE").find(line[0]) != line.npos;
-    });
-    return bFound;
-}
-
-Script ScriptOfRecording(const std::string& file, const Bytes& content, const ScriptChoice& choice)
-{
-    RecordingReader reader(file, choice);
-    std::string cut;
-    try {
-        WalkLines(content, [&](unsigned uNumber, std::string_view line) { reader.Read(uNumber, line); });
-    } catch (const InputError& error) {
-        if (!choice.bPartial)
-            throw;
-        cut = error.what();
-    }
-    Script script = reader.Finish();
-    script.cut = cut;
+    Script script;
+    std::map<unsigned, unsigned> numbers;
+    bool bComes, bMore;
+    do {
+        if (MayCome(*pInput, choice))
+            pInput->Gather();
+        bComes = MayCome(*pInput, choice);
+        RecordingReader reader(pInput, bComes ? Reading::Present : Reading::Whole);
+        numbers = LearnKeyboards(reader, script, choice, bComes);
+        if (!bComes && !reader.IsRecording())
+            throw InputError(
+                fmt::format("{}:1: neither a USB capture (pcap, pcapng) nor a HID recording (hid-recorder)",
+                            pInput->Name()));
+        bMore = numbers.empty() && bComes && WaitForMore(*pInput);
+        if (numbers.empty() && !bMore)
+            throw InputError(fmt::format("{}:{}: the recording ends without a report (an E: line)",
+                                         pInput->Name(), reader.Lines()));
+    } while (bMore);
+    script.Open = [pInput, numbers, bComes, choice]() -> StepReader {
+        auto pNumberer = std::make_shared<StepNumberer>(pInput, numbers, bComes, choice);
+        return [pNumberer](ScriptStep& step) { return pNumberer->Next(step); };
+    };
     return script;
 }

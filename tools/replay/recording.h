@@ -8,12 +8,11 @@
 // Lines with another prefix and lines that begin with '#' are passed over.
 #pragma once
 
+#include "inputfile.h"
 #include "script.h"
 
 #include <string>
 
-// True when some line begins as one of a recording does.
-bool LooksLikeRecording(const Bytes& content);
-
-// Fails (InputError): a line that cannot be read, or no report in the whole recording.
-Script ScriptOfRecording(const std::string& file, const Bytes& content, const ScriptChoice& choice = {});
+// Reads the recording once; the script reads it again when it is played. Memory does not grow with it.
+// Fails (InputError): a line that cannot be read, no report in the whole recording, or no recording at all.
+Script ScriptOfRecording(const SharedInput& pInput, const ScriptChoice& choice = {});

@@ -39,15 +39,15 @@ class Replay
 {
 public:
     Replay(const Script& script, const ReplaySetup& setup, ReplayPrinter& printer)
-        : m_script(script), m_setup(setup), m_printer(printer), m_players(script.keyboards.size())
+        : m_script(script), m_setup(setup), m_printer(printer)
     {
     }
 
     unsigned Run()
     {
         StartMachine();
-        for (unsigned k = 0; k < m_players.size(); ++k)
-            PlugKeyboard(k);
+        for (const ScriptKeyboard& keyboard : m_script.keyboards)
+            PlugKeyboard(keyboard);
         OpenApplication();
         for (const ScriptNote& note : m_script.notes)
             if (note.iKeyboard < 0 || !m_players[static_cast<size_t>(note.iKeyboard)].bEmulated)
@@ -92,17 +92,18 @@ private:
 
     // A keyboard of a capture says nothing of its own at the start: its descriptors come with the captured
     // requests. One of a recording is enumerated by the stack above it.
-    void PlugKeyboard(unsigned uKeyboard)
+    void PlugKeyboard(const ScriptKeyboard& script)
     {
-        Player& player = m_players[uKeyboard];
-        player.pScript = &m_script.keyboards[uKeyboard];
-        const EmuDescriptors& kind = KindOf(*player.pScript);
-        player.bEmulated = !player.pScript->bTold && (!m_script.bEnumerates || !m_setup.kinds.empty());
+        const auto uKeyboard = static_cast<unsigned>(m_players.size());
+        Player& player = m_players.emplace_back();
+        player.script = script;
+        const EmuDescriptors& kind = KindOf(player.script);
+        player.bEmulated = !player.script.bTold && (!m_script.bEnumerates || !m_setup.kinds.empty());
         EmuPlugOptions options;
         options.Manual = true;
         options.Record = false;
         options.NoEnumeration = !player.bEmulated;
-        options.PacketBytes = player.pScript->ulReadBytes;
+        options.PacketBytes = player.script.ulReadBytes;
         if (player.bEmulated)
             options.PacketBytes = std::max(options.PacketBytes, PacketBytesOf(kind));
         options.PacketBytes = std::min<ULONG>(options.PacketBytes, EmuHidMaximumPacket);
@@ -155,7 +156,7 @@ private:
         if (!m_application)
             return;
         ULONG ulIndex = player.pKeyboard->Index();
-        m_printer.Keyboard(Now(), uKeyboard, ulIndex, KbdTypeOf(player.pKeyboard->Filter()), *player.pScript);
+        m_printer.Keyboard(Now(), uKeyboard, ulIndex, KbdTypeOf(player.pKeyboard->Filter()), player.script);
         m_application->RegisterNotifyEvent(ulIndex);
         if (m_setup.config.bReportProcessing)
             m_application->StartReportProcessing(ulIndex);
@@ -209,7 +210,7 @@ private:
         bool bLookedAt = uType == 1 || uType == 2   ? cBytes == 8 || cBytes == 3 || cBytes == 2
                          : uType == 3 || uType == 4 ? cBytes <= 9
                                                     : true;
-        if (bLookedAt || player.pScript->bMouse)
+        if (bLookedAt || player.script.bMouse)
             return;
         player.bPlain = true;
         m_printer.Note(
@@ -221,6 +222,10 @@ private:
 
     void Play(const ScriptStep& step)
     {
+        if (step.kind == StepKind::Keyboard) {
+            PlugKeyboard(*step.pKeyboard);
+            return;
+        }
         Player& player = m_players[step.uKeyboard];
         if (player.bGone)
             return;
@@ -374,7 +379,7 @@ private:
     const Script& m_script;
     const ReplaySetup& m_setup;
     ReplayPrinter& m_printer;
-    std::vector<Player> m_players;
+    std::deque<Player> m_players;
     std::deque<Received> m_received;
     std::deque<std::pair<unsigned, uint8_t>> m_leds;
     ReplayTotals m_totals;

@@ -1,10 +1,16 @@
 // script.cpp - which keyboards of an input are asked for.
 #include "script.h"
+#include "inputfile.h"
 #include "tools/common/text.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
+
+bool MayCome(const InputFile& input, const ScriptChoice& choice)
+{
+    return input.IsPipe() ? input.IsOpen() && (choice.bLive || choice.bFollow) : choice.bFollow;
+}
 
 bool IsChosen(const ScriptKeyboard& keyboard, const std::vector<std::string>& devices)
 {

@@ -8,6 +8,7 @@
 #include "packet.h"
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -28,7 +29,7 @@ struct ScriptNote {
     std::string text;
 };
 
-enum class StepKind { Report, Control };
+enum class StepKind { Report, Control, Keyboard };
 
 struct ScriptStep {
     StepKind kind = StepKind::Report;
@@ -37,6 +38,8 @@ struct ScriptStep {
     Bytes data;                     // Report: what the keyboard sent; Control: what went out or came in
     std::array<uint8_t, 8> setup{}; // Control
     Outcome outcome = Outcome::Ok;  // Control
+    // Keyboard: one more, with the next number; of an input that is played while it comes.
+    std::shared_ptr<const ScriptKeyboard> pKeyboard{};
 };
 
 // Hands out the next step. False at the end. Fails (InputError).
@@ -44,7 +47,7 @@ using StepReader = std::function<bool(ScriptStep&)>;
 
 struct Script {
     bool bEnumerates = false; // true: a capture, whose control transfers tell what its keyboards are
-    std::vector<ScriptKeyboard> keyboards;
+    std::vector<ScriptKeyboard> keyboards; // of an input that still comes, those that have reported so far
     std::vector<ScriptNote> notes;
     std::function<StepReader()> Open; // from the start, each time
     std::string cut;                  // where and why the input broke off, of one that is played in part
@@ -65,7 +68,11 @@ struct ScriptChoice {
     uint64_t ullFromUs = 0, ullToUs = UINT64_MAX;
     bool bPartial = false; // what is whole before a fault is played
     bool bFollow = false;  // the file still grows
+    bool bLive = false;    // what comes through a pipe is played as it comes
 };
+
+// True when there may be more of the input than there is now.
+bool MayCome(const class InputFile& input, const ScriptChoice& choice);
 
 // True when the keyboard is one of those, or when there are none.
 bool IsChosen(const ScriptKeyboard& keyboard, const std::vector<std::string>& devices);

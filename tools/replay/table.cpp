@@ -104,6 +104,8 @@ public:
         Beside(ullUs, uKeyboard, Dim, LedWords(ucReport));
     }
 
+    void Pause() override { Flush(); }
+
     void Note(uint64_t ullUs, int iKeyboard, const std::string& text) override
     {
         Flush();
