@@ -52,6 +52,7 @@ class Guest:
                      "-serial", f"file:{self.folder}/console", "-device", "qemu-xhci,id=x", "-device", "usb-kbd,bus=x.0,id=kbd0",
                      "-device", "virtio-serial-pci", "-chardev", f"socket,id=shell,path={self.folder}/shell,server=on,wait=off",
                      "-device", "virtserialport,chardev=shell,name=shell",
+                     "-netdev", "user,id=net", "-device", "virtio-net-pci,netdev=net,romfile=",
                      "-qmp", f"unix:{self.folder}/qmp,server=on,wait=off", "-vnc", f"unix:{self.folder}/vnc"]
         self.log = open(self.folder / "qemu", "w+")
         self.qemu = subprocess.Popen(arguments, stdin=subprocess.DEVNULL, stdout=self.log, stderr=self.log, preexec_fn=die_with_parent)

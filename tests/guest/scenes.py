@@ -12,7 +12,7 @@ import traceback
 
 from guest import Failed, Guest
 
-FILES = ("raw", "live")
+FILES = ("raw", "live", "network")
 
 
 def all_scenes():

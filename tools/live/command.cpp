@@ -125,6 +125,10 @@ void AddLiveVerb(CLI::App& app, Verbs& verbs)
         ->excludes(pEmulate);
     add("--config", arguments->config, "settings and key definitions (TOML); SIGHUP reads it anew", false);
     add("--control", arguments->control, "serve the driver to other processes at this socket", false);
+    add("--usbip", arguments->usbip,
+        "offer the filtered keyboard over USB/IP at this address, 127.0.0.1:3240 without one", false)
+        ->expected(0, 1)
+        ->default_str("127.0.0.1:3240");
     add("--person", arguments->person,
         "someone presses these keys of the emulated keyboard every half second: \"ctrl+0x3A Hello\"", false)
         ->needs(pEmulate);

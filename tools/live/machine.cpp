@@ -56,8 +56,15 @@ LiveMachine::LiveMachine(const LiveOptions& options)
     m_Machine = std::make_unique<EmuMachine>(machine);
     if (!NT_SUCCESS(m_Machine->LoadStatus()))
         throw std::runtime_error("the driver does not load: status " + Hex(m_Machine->LoadStatus()));
-    for (const EmuDescriptors* pKind : options.keyboards)
-        Start(Add(*pKind, {}, {"emulated", WordOf(pKind->pDevice + 8), WordOf(pKind->pDevice + 10)}));
+    for (const EmuDescriptors* pKind : options.keyboards) {
+        EmuPlugOptions plug;
+        if (m_Options.OnSeen)
+            plug.OnReceived = [this, uKeyboard = m_uNext](const EmuReceived& received) {
+                if (NT_SUCCESS(received.Status))
+                    m_Options.OnSeen(uKeyboard, received.Bytes);
+            };
+        Start(Add(*pKind, plug, {"emulated", WordOf(pKind->pDevice + 8), WordOf(pKind->pDevice + 10)}));
+    }
 }
 
 LiveMachine::~LiveMachine()

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -17,6 +18,8 @@ struct LiveOptions {
     std::vector<const EmuDescriptors*> keyboards;
     ReplayConfig config;
     ReplayPrinter* pWatch = nullptr; // told of every report and LED as it happens
+    // What the system gets to see of each of the keyboards above, from any thread.
+    std::function<void(unsigned uKeyboard, const Bytes& report)> OnSeen;
 };
 
 // What a change of the definitions came to.

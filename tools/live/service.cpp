@@ -1,6 +1,8 @@
 // service.cpp - brings the driver up for live, and reads its configuration anew.
 #include "service.h"
 
+#include "usbip/offer.h"
+
 #include "tools/common/failure.h"
 #include "tools/verbs.h"
 
@@ -11,7 +13,15 @@ extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pR
 LiveService::LiveService(const LiveArguments& arguments, const std::vector<const EmuDescriptors*>& keyboards)
     : m_config(arguments.config)
 {
-    LiveOptions options{DriverEntry, keyboards, {}, nullptr};
+    LiveOptions options;
+    options.pEntry = DriverEntry;
+    options.keyboards = keyboards;
+    const bool bOffered = !arguments.usbip.empty() && !keyboards.empty();
+    if (bOffered)
+        options.OnSeen = [this, keyboards](unsigned uKeyboard, const Bytes& report) {
+            if (m_Usbip)
+                m_Usbip->Input(uKeyboard, usbip::EndpointOf(*keyboards[uKeyboard]), report);
+        };
     if (!m_config.empty())
         options.config = ReadConfig(m_config);
     m_Printer = arguments.bJson
@@ -24,8 +34,21 @@ LiveService::LiveService(const LiveArguments& arguments, const std::vector<const
                    "tvusb: --watch is a key logger: it shows every key that is typed, passwords too\n");
     }
     m_Machine = std::make_unique<LiveMachine>(options);
+    if (bOffered)
+        OfferOverUsbip(arguments.usbip, keyboards);
     if (!arguments.control.empty())
         m_Server = std::make_unique<ControlServer>(arguments.control);
+}
+
+// Nobody types at an emulated keyboard before this returns.
+void LiveService::OfferOverUsbip(const std::string& address,
+                                 const std::vector<const EmuDescriptors*>& keyboards)
+{
+    std::vector<std::unique_ptr<usbip::Export>> exports;
+    for (unsigned i = 0; i < keyboards.size(); i++)
+        exports.push_back(usbip::Offer(fmt::format("1-{}", i + 1), *keyboards[i], *m_Machine->At(i)));
+    m_Usbip = std::make_unique<usbip::Server>(address, std::move(exports));
+    fmt::print(stderr, "tvusb: {}\n", m_Usbip->Words());
 }
 
 void LiveService::Reload()
@@ -45,6 +68,7 @@ void LiveService::Reload()
 
 int LiveService::End()
 {
+    m_Usbip.reset();
     m_Server.reset();
     return m_Machine->End() == 0 ? ExitGood : ExitFailed;
 }

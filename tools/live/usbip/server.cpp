@@ -66,6 +66,7 @@ Server::~Server()
 void Server::Bind(const std::string& address)
 {
     const auto [host, port] = Split(address);
+    m_host = host;
     addrinfo wanted = {}, *pFound = nullptr;
     wanted.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
     wanted.ai_socktype = SOCK_STREAM;
@@ -86,6 +87,19 @@ void Server::Bind(const std::string& address)
     getsockname(m_iListener, reinterpret_cast<sockaddr*>(&bound), &length);
     m_usPort = ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&bound)->sin6_port
                                                  : reinterpret_cast<sockaddr_in*>(&bound)->sin_port);
+}
+
+std::string Server::Words() const
+{
+    std::string buses;
+    for (auto& exported : m_Exports)
+        buses += (buses.empty() ? "" : ", ") + exported->device.bus;
+    std::string words = fmt::format("offered over USB/IP at {}, port {}, as {}", m_host, m_usPort, buses);
+    if (m_bOpen)
+        words += "; other machines reach this address, and USB/IP knows no passwords: whoever connects can "
+                 "take the "
+                 "keyboard and read what is typed";
+    return words;
 }
 
 void Server::Listen()

@@ -24,6 +24,8 @@ public:
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
+    // Where it listens and what it offers, with a warning where other machines reach it.
+    std::string Words() const;
     uint16_t Port() const { return m_usPort; }
     // Whether other machines reach the address.
     bool IsOpen() const { return m_bOpen; }
@@ -36,6 +38,7 @@ private:
 
     Exports m_Exports;
     int m_iPatienceMs, m_iListener = -1, m_iWake = -1;
+    std::string m_host;
     uint16_t m_usPort = 0;
     bool m_bOpen = false;
     std::atomic<bool> m_bEnd{false};
