@@ -195,9 +195,8 @@ private:
         uint64_t ullHostUs = ullUs - m_ullSkippedUs;
         while (HostExpireNext(ullHostUs))
             TellAll();
-        if (HostNowUs() < ullHostUs)
+        if (HostNowUs() < ullHostUs) // nothing expires on the way
             HostAdvanceToUs(ullHostUs);
-        TellAll();
     }
 
     // Tells once of reports that the driver passes on as they are, because they are none of its kind's.
@@ -233,8 +232,10 @@ private:
             SendControl(step.uKeyboard, step);
             return;
         }
-        Announce(step.uKeyboard);
-        TellAll();
+        if (!player.bAnnounced) {
+            Announce(step.uKeyboard);
+            TellAll();
+        }
         TellWhatIsNotLookedAt(player, step);
         player.sent.push_back(step.data);
         if (!player.pKeyboard->Report(
