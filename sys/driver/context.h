@@ -157,10 +157,11 @@ struct DeviceContext {
     LONG lHotkeyWalks[2];       // (x) walks under way in each
     UCHAR ucKeyMeans[256];      // (x) of a usage: it is no mere key, see report/calm.cpp
     UCHAR ucModifiersMean[256]; // (x) of a modifier byte: likewise
-    ULONGLONG ullHeldHotkeys[HOTKEY_SET_WORDS]; // (r) a bit for each that is down or has a key held
-    ULONG ulHeldHotkeys;                        // (r) how many these are
-    ULONG ulHeldOf;                             // (r) generation of the hotkeys that they are
-    ULONGLONG ullHotkeyScan;                    // (r) keys looked up so far
+    ULONGLONG ullHeldHotkeys[HOTKEY_SET_WORDS];  // (r) a bit for each that is down or has a key held
+    ULONGLONG ullReadyHotkeys[HOTKEY_SET_WORDS]; // (r) of these, each that is down or has all its keys held
+    UCHAR ucAnyHotkeyHeld;                       // (r) is any, since the last report that looked at hotkeys
+    ULONG ulHeldOf;                              // (r) generation of the hotkeys that they are
+    ULONGLONG ullHotkeyScan;                     // (r) keys looked up so far
 
     // Hotkey matching.
     UCHAR ucHotkeyActive;   // (x)

@@ -74,7 +74,7 @@ void EndActiveHotkey(HotkeyPass& pass)
     ULONG ulId = ReadShared(pContext->ulActiveHotkeyId);
     CancelTypematicTimers();
     SendHotkeyEvent(pass.Device(), ulId, 0, 0);
-    for (HotkeyEntry& entry : pass.Held()) {
+    for (HotkeyEntry& entry : pass.Ready()) {
         if (entry.ulId == ulId && entry.ucDown == 1) {
             entry.ucDown = 0;
             pass.Settle(entry);
@@ -147,9 +147,8 @@ bool MarkKey(HotkeyEntry& entry, UCHAR ucUsage, UCHAR ucDown)
             continue;
         }
         bHit = true;
-        if (entry.ucHotkeyDown[i] != ucDown) {
-            entry.ucHotkeyDown[i] = ucDown;
-            entry.ucHeldKeys = static_cast<UCHAR>(ucDown ? entry.ucHeldKeys + 1 : entry.ucHeldKeys - 1);
+        if ((entry.ulHeldKeys >> i & 1) != ucDown) {
+            entry.ulHeldKeys ^= 1u << i;
             break;
         }
     }
@@ -165,9 +164,8 @@ void ClearKey(HotkeyEntry& entry, UCHAR ucUsage, ULONG ulEntry)
         }
         LogPrintf(LOG_DETAIL, 1, "(UpdateHotkeyListByScan) clearing down code %02x at index %u of entry %u",
                   static_cast<unsigned>(ucUsage), static_cast<unsigned>(i), static_cast<unsigned>(ulEntry));
-        if (entry.ucHotkeyDown[i] != 0) {
-            entry.ucHotkeyDown[i] = 0;
-            entry.ucHeldKeys--;
+        if (entry.ulHeldKeys >> i & 1) {
+            entry.ulHeldKeys ^= 1u << i;
             break;
         }
     }
@@ -206,8 +204,9 @@ bool UpdateHotkeyListByScan(HotkeyPass& pass, UCHAR ucUsage, USHORT usReleased)
     const bool bTouchAll = usReleased == 1 || ReadShared(Globals.ulPrefixReleased) == 1;
     bool bResult = false;
     for (HotkeyEntry& entry : pass.Holding(ucUsage)) {
-        pass.TraceLook(entry, pass.WasArmed(entry));
-        if (!bTouchAll && entry.ucDown != 1 && !pass.WasArmed(entry)) {
+        const bool bArmed = pass.WasArmed(entry);
+        pass.TraceLook(entry, bArmed);
+        if (!bTouchAll && entry.ucDown != 1 && !bArmed) {
             continue;
         }
         if (IsModifierMaskMatched(entry.ulModifiers, ulFlags)) {
@@ -215,7 +214,7 @@ bool UpdateHotkeyListByScan(HotkeyPass& pass, UCHAR ucUsage, USHORT usReleased)
                 pass.Hit(entry);
                 bResult = true;
             }
-            LogHexDump("(UpdateHotkeyListByScan) ucHotkeyDown", entry.ulKeyCount, entry.ucHotkeyDown);
+            pass.LogHeldKeys("(UpdateHotkeyListByScan) ucHotkeyDown", entry);
         } else if (usReleased == 1) {
             ClearKey(entry, ucUsage, pass.NumberOf(entry));
         }

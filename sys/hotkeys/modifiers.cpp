@@ -121,17 +121,6 @@ bool IsPrefixUsage(UCHAR ucUsage)
                             ucUsage == Globals.ucPosKeyPrefixUsage);
 }
 
-// A mask matches when it is the word itself, or when it names more than prefixes, agrees with the word in
-// the prefix bits, and every other bit of it is set in the word; extra keys held are allowed.
-bool IsModifierMaskMatched(ULONG ulMask, ULONG ulFlags)
-{
-    if (ulMask == ulFlags) {
-        return true;
-    }
-    ULONG ulOthers = ulMask & ~MODIFIER_PREFIXES;
-    return ulOthers != 0 && ((ulMask ^ ulFlags) & MODIFIER_PREFIXES) == 0 && (ulOthers & ~ulFlags) == 0;
-}
-
 // Lets the word follow a report; ucFlag 1 tracks Fn and the prefix keys too, on keyboards that have them.
 // Tells the mouse siblings of a change.
 // IRQL <= DISPATCH. Lock: none, the word is exchanged whole. Fails: never.

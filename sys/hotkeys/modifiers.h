@@ -8,7 +8,6 @@ enum : ULONG { MODIFIER_OF_BYTE = 0x3DFE };
 
 // modifiers.cpp: the modifier word of all keyboards
 void UpdateModifierFlags(PDEVICE_OBJECT device, const UCHAR* pBuf, ULONG ulLen, UCHAR ucFlag);
-bool IsModifierMaskMatched(ULONG ulMask, ULONG ulFlags);
 UCHAR ReportBitsOf(ULONG ulModifiers); // bits of the report's modifier byte
 bool IsPrefixUsage(UCHAR ucUsage);     // one of the three prefix keys
 

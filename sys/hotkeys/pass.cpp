@@ -11,7 +11,6 @@
 
 #include "ground/ground.h"
 #include "ground/sums.h"
-#include "hotkeys/modifiers.h"
 
 #if defined(TV64USB_WHOLE_WALK)
 const bool WalkWhole = true;
@@ -27,16 +26,25 @@ HotkeyPass::HotkeyPass(PDEVICE_OBJECT pFilter)
     }
 }
 
+// The next report shall see at once whether anything is held.
+HotkeyPass::~HotkeyPass()
+{
+    ULONGLONG ullHeld = 0;
+    for (ULONG i = 0; i < SetWords(); i++) {
+        ullHeld |= pContext->ullHeldHotkeys[i];
+    }
+    pContext->ucAnyHotkeyHeld = ullHeld != 0;
+}
+
 // The hotkeys were published anew since the last report; those that were held and are still there start anew too.
 void HotkeyPass::StartFromNothingHeld()
 {
     for (HotkeyEntry& entry : Held()) {
         entry.ucDown = 0;
-        entry.ucHeldKeys = 0;
-        RtlZeroMemory(entry.ucHotkeyDown, sizeof(entry.ucHotkeyDown));
+        entry.ulHeldKeys = 0;
     }
     RtlZeroMemory(pContext->ullHeldHotkeys, sizeof(pContext->ullHeldHotkeys));
-    pContext->ulHeldHotkeys = 0;
+    RtlZeroMemory(pContext->ullReadyHotkeys, sizeof(pContext->ullReadyHotkeys));
     pContext->ulHeldOf = View.ulGeneration;
 }
 
@@ -59,37 +67,11 @@ ULONG HotkeyPass::BeginScan()
     return ulFlags;
 }
 
-bool HotkeyPass::IsMatched(const HotkeyEntry& entry, ULONG ulOfWords) const
-{
-    for (ULONG i = 0; i < ulOfWords; i++) {
-        if (!IsModifierMaskMatched(entry.ulModifiers, Words[i])) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool HotkeyPass::WasArmed(const HotkeyEntry& entry) const
-{
-    if (entry.ulKeyCount > 1 && ulScans > 1) {
-        return entry.ullHit == pContext->ullHotkeyScan - 1;
-    }
-    return IsMatched(entry, entry.ulKeyCount > 1 ? 1 : ulBefore);
-}
-
-bool HotkeyPass::IsArmed(const HotkeyEntry& entry) const
-{
-    if (entry.ulKeyCount > 1 && ulScans > 0) {
-        return entry.ullHit == pContext->ullHotkeyScan;
-    }
-    return IsMatched(entry, ulWords);
-}
-
 HotkeySet HotkeyPass::Empty() const
 {
     HotkeySet set;
     set.pEntries = pFirst;
-    set.ulWords = (View.ulCount + 63) / 64;
+    set.ulWords = SetWords();
     set.ullWords[0] = 0;
     for (ULONG i = 1; i < set.ulWords; i++) {
         set.ullWords[i] = 0;
@@ -155,6 +137,27 @@ HotkeySet HotkeyPass::Held() const
     return set;
 }
 
+HotkeySet HotkeyPass::Ready() const
+{
+    if (bWhole || IsTraced(TRACE_VERBOSE)) {
+        return Held();
+    }
+    HotkeySet set = Empty();
+    for (ULONG i = 0; i < set.ulWords; i++) {
+        set.ullWords[i] = pContext->ullReadyHotkeys[i];
+    }
+    return set;
+}
+
+bool HotkeyPass::IsAnyPartlyHeld() const
+{
+    ULONGLONG ullPartly = 0;
+    for (ULONG i = 0; i < SetWords(); i++) {
+        ullPartly |= pContext->ullHeldHotkeys[i] & ~pContext->ullReadyHotkeys[i];
+    }
+    return ullPartly != 0;
+}
+
 HotkeySet HotkeyPass::Simple(const UCHAR* pKeys, ULONG ulKeys) const
 {
     if (bWhole) {
@@ -180,19 +183,4 @@ HotkeySet HotkeyPass::Extended(ULONG ulBits) const
         AddRow(set, HOTKEY_ROW_PATTERN + LowestBit(ulBits));
     }
     return set;
-}
-
-void HotkeyPass::Settle(const HotkeyEntry& entry)
-{
-    const ULONG ulEntry = NumberOf(entry);
-    ULONGLONG& ullWord = pContext->ullHeldHotkeys[ulEntry / 64];
-    const ULONGLONG ullBit = 1ull << ulEntry % 64;
-    const bool bHeld = entry.ucDown != 0 || entry.ucHeldKeys != 0;
-    if (bHeld && (ullWord & ullBit) == 0) {
-        ullWord |= ullBit;
-        pContext->ulHeldHotkeys++;
-    } else if (!bHeld && (ullWord & ullBit) != 0) {
-        ullWord &= ~ullBit;
-        pContext->ulHeldHotkeys--;
-    }
 }

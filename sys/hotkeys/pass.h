@@ -5,13 +5,16 @@
 //   pass.BeginScan()          one key; from then on a hotkey of several keys is armed only if this key hit it
 //   pass.Holding(usage)       whom the key can mean, in the order of the list
 //   pass.Held()               who is down or has a key held: all others are as they were made
+//   pass.Ready()              of these, who is down or has all its keys held; the rest is partly held
 //
 // While report traffic goes to the log each set is the whole list, because the log names every hotkey; so it is
-// when the driver is built with TV64USB_WHOLE_WALK. On the report road of one keyboard.
+// when the driver is built with TV64USB_WHOLE_WALK. A trace names the partly held ones: Ready() is then Held().
+// On the report road of one keyboard.
 #pragma once
 
 #include "driver/context.h"
 #include "hotkeys/index.h"
+#include "hotkeys/mask.h"
 #include "log/events.h"
 #include "log/log.h"
 
@@ -67,6 +70,7 @@ class HotkeyPass : public HotkeyWalk
 {
 public:
     explicit HotkeyPass(PDEVICE_OBJECT pFilter);
+    ~HotkeyPass();
 
     PDEVICE_OBJECT Device() const { return device; }
     DeviceContext* Context() const { return pContext; }
@@ -82,6 +86,8 @@ public:
 
     HotkeySet Holding(UCHAR ucUsage) const; // ucUsage 0: hotkeys of modifiers only
     HotkeySet Held() const;
+    HotkeySet Ready() const;
+    bool IsAnyPartlyHeld() const; // held and not ready
     // Whom the keys of the report can mean, and who is down; of 8 and 3 bytes, and of bits.
     HotkeySet Simple(const UCHAR* pKeys, ULONG ulKeys) const;
     HotkeySet Extended(ULONG ulBits) const;
@@ -97,10 +103,18 @@ public:
     void TraceState(const HotkeyEntry& entry, const char* pszState) const
     {
         Trace(HotkeyState, pContext->ulDeviceIndex, NumberOf(entry), entry.ulId,
-              {entry.ucHotkeyDown, entry.ulKeyCount}, pszState);
+              {HeldKeyBytes(entry).ucHeld, entry.ulKeyCount}, pszState);
+    }
+    // The log names the held keys of every hotkey that a walk visits.
+    void LogHeldKeys(const char* pszTitle, const HotkeyEntry& entry) const
+    {
+        if (bWhole) {
+            LogHexDump(pszTitle, entry.ulKeyCount, HeldKeyBytes(entry).ucHeld);
+        }
     }
 
 private:
+    ULONG SetWords() const { return (View.ulCount + 63) / 64; } // words of a set
     HotkeySet Whole() const;
     HotkeySet Empty() const;
     void CutOff(HotkeySet& set) const;
@@ -116,3 +130,42 @@ private:
     ULONG Words[16];    // a report has at most six keys of before and six of now
     ULONG ulBefore = 0; // words before this scan
 };
+
+// What each key asks of each hotkey that it can mean.
+inline bool HotkeyPass::IsMatched(const HotkeyEntry& entry, ULONG ulOfWords) const
+{
+    for (ULONG i = 0; i < ulOfWords; i++) {
+        if (!IsModifierMaskMatched(entry.ulModifiers, Words[i])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+inline bool HotkeyPass::WasArmed(const HotkeyEntry& entry) const
+{
+    if (entry.ulKeyCount > 1 && ulScans > 1) {
+        return entry.ullHit == pContext->ullHotkeyScan - 1;
+    }
+    return IsMatched(entry, entry.ulKeyCount > 1 ? 1 : ulBefore);
+}
+
+inline bool HotkeyPass::IsArmed(const HotkeyEntry& entry) const
+{
+    if (entry.ulKeyCount > 1 && ulScans > 0) {
+        return entry.ullHit == pContext->ullHotkeyScan;
+    }
+    return IsMatched(entry, ulWords);
+}
+
+inline void HotkeyPass::Settle(const HotkeyEntry& entry)
+{
+    const ULONG ulWord = NumberOf(entry) / 64;
+    const ULONGLONG ullBit = 1ull << NumberOf(entry) % 64;
+    ULONGLONG& ullHeld = pContext->ullHeldHotkeys[ulWord];
+    ULONGLONG& ullReady = pContext->ullReadyHotkeys[ulWord];
+    const bool bHeld = entry.ucDown != 0 || entry.ulHeldKeys != 0;
+    const bool bReady = entry.ucDown != 0 || (bHeld && AreAllKeysHeld(entry));
+    ullHeld = bHeld ? ullHeld | ullBit : ullHeld & ~ullBit;
+    ullReady = bReady ? ullReady | ullBit : ullReady & ~ullBit;
+}

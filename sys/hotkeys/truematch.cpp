@@ -54,12 +54,15 @@ void SendHotkeyEvent(PDEVICE_OBJECT device, ULONG ulId, ULONG ulValue, ULONG ulE
 UCHAR FindTrueMatch(HotkeyPass& pass, PUCHAR pNoPartial, PUCHAR pSwallow, PUCHAR pHotkeyReleased)
 {
     UCHAR ucResult = 0;
-    for (HotkeyEntry& entry : pass.Held()) {
+    if (pass.IsAnyPartlyHeld()) {
+        *pNoPartial = 0;
+    }
+    for (HotkeyEntry& entry : pass.Ready()) {
         if (entry.ulKeyCount == 0) {
             continue;
         }
-        LogHexDump("(FindTrueMatch) ucHotkeyDown", entry.ulKeyCount, entry.ucHotkeyDown);
-        if (entry.ucHeldKeys == entry.ulKeyCount && pass.IsArmed(entry)) {
+        pass.LogHeldKeys("(FindTrueMatch) ucHotkeyDown", entry);
+        if (AreAllKeysHeld(entry) && pass.IsArmed(entry)) {
             ucResult = 1;
             *pSwallow = ReadShared(entry.ucSwallow);
             pass.TraceState(entry, entry.ucDown ? "stays" : "down");
@@ -70,7 +73,7 @@ UCHAR FindTrueMatch(HotkeyPass& pass, PUCHAR pNoPartial, PUCHAR pSwallow, PUCHAR
             ReleaseHotkey(pass, entry);
             ucResult = 0;
             *pHotkeyReleased = 1;
-        } else if (entry.ucHeldKeys != 0) {
+        } else if (entry.ulHeldKeys != 0) {
             *pNoPartial = 0;
             pass.TraceState(entry, "incomplete");
         }
