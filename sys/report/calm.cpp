@@ -29,11 +29,9 @@ bool IsNothingUnderWay(const DeviceContext* pContext)
 
 bool IsMeaningless(const DeviceContext* pContext, const UCHAR* pBuf)
 {
-    UCHAR ucMeans = LoadAcquire(pContext->ucModifiersMean[pBuf[0]]);
-    for (ULONG i = 1; i < 8; i++) {
-        ucMeans |= LoadAcquire(pContext->ucKeyMeans[pBuf[i]]);
-    }
-    return ucMeans == 0;
+    const auto Means = [=](ULONG i) -> ULONG { return LoadAcquire(pContext->ucKeyMeans[pBuf[i]]); };
+    const ULONG ulModifiers = LoadAcquire(pContext->ucModifiersMean[pBuf[0]]);
+    return (ulModifiers | Means(1) | Means(2) | Means(3) | Means(4) | Means(5) | Means(6) | Means(7)) == 0;
 }
 } // namespace
 
