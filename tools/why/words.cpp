@@ -36,7 +36,7 @@ std::string StateWords(const Traced& step)
 std::string ModeWords(const std::string& mode)
 {
     if (mode == "none")
-        return "nobody looks at the report: report processing is off";
+        return "nobody looks at the report: report processing is off, or nothing is defined";
     return fmt::format("the report is for {}", mode == "hotkeys" ? "the hotkeys"
                                                : mode == "macro" ? "the macro mode"
                                                : mode == "sale"  ? "point of sale"
