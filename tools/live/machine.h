@@ -19,7 +19,7 @@ struct LiveOptions {
     ReplayConfig config;
     ReplayPrinter* pWatch = nullptr; // told of every report and LED as it happens
     // What the system gets to see of each of the keyboards above, from any thread.
-    std::function<void(unsigned uKeyboard, const Bytes& report)> OnSeen;
+    std::function<void(unsigned uKeyboard, const Bytes& report)> OnSeen = nullptr;
 };
 
 // What a change of the definitions came to.
