@@ -4,7 +4,7 @@
 //           ◄───────────────────────── Answer ─────────────────────────────
 //
 // A connection stands for one handle of the control device, and its end for that handle's close. Each frame is this
-// head and its body. Requests begin with Open; an answer has its request's tag, and those of waits come when they
+// head and its body. Requests begin with Open, but for Reload, which needs no handle and is its connection's only one; an answer has its request's tag, and those of waits come when they
 // come. Both ends run on one machine: numbers are as it has them.
 #pragma once
 
@@ -12,7 +12,7 @@
 
 namespace tvusb
 {
-enum class FrameKind : uint32_t { Answer, Open, Control, NewEvent, WaitEvent, FreeEvent, Interfaces };
+enum class FrameKind : uint32_t { Answer, Open, Control, NewEvent, WaitEvent, FreeEvent, Interfaces, Reload };
 
 constexpr uint32_t FRAME_VERSION = 0x54560001;
 constexpr uint32_t FRAME_MOST = 0x200000; // bytes of a body, and of the room for an answer
@@ -21,7 +21,7 @@ struct Frame {
     uint32_t ulBytes; // of the body
     FrameKind Kind;
     uint32_t ulTag;
-    // Open: the version. Control: the code. WaitEvent, FreeEvent: the event. Answer: the status.
+    // Open, Reload: the version. Control: the code. WaitEvent, FreeEvent: the event. Answer: the status.
     uint32_t ulValue;
     // Open: 1 for a 32-bit process. Control: the room for the answer. WaitEvent: milliseconds. Answer: how many bytes
     // were reported, or the new event.

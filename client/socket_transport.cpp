@@ -68,6 +68,19 @@ public:
         return ulStatus;
     }
 
+    uint32_t Reload(std::string* pWords) override
+    {
+        Close();
+        if (int iError = Connect()) {
+            return StatusOfErrno(iError);
+        }
+        m_Reader = std::thread([this] { Read(); });
+        Call call = Ask(FrameKind::Reload, FRAME_VERSION, 0);
+        pWords->assign(call.Body.begin(), call.Body.end());
+        Close();
+        return call.Head.ulValue;
+    }
+
     void Close() override
     {
         if (m_iSocket < 0) {

@@ -38,6 +38,10 @@ public:
     // The names of the keyboards' device interfaces; none where the system does not tell them.
     virtual std::vector<std::u16string> ListInterfaces() { return {}; }
 
+    // Whoever serves the driver reads its configuration anew; what came of it goes to *pWords. Needs no Open. Fails:
+    // InvalidDeviceRequest where nobody serves, InvalidParameter when not all of it is in force, as Open.
+    virtual uint32_t Reload(std::string* /*pWords*/) { return 0xC0000010; }
+
     // An event object that a wait resets. Fails: 0.
     virtual uint64_t NewEvent() = 0;
     // Success when it was set, Timeout after so many milliseconds, else why the wait ended.

@@ -246,6 +246,23 @@ TEST_F(ControlSocket, EventsOfOthersAreNone)
     EXPECT_EQ(Status::Timeout, transport->WaitEvent(hOwn, 10));
 }
 
+TEST_F(ControlSocket, AProcessHasTheConfigurationReadAnew)
+{
+    std::string words;
+    EXPECT_EQ(Status::Disconnected, SocketTransport(m_Path)->Reload(&words)) << "nobody has one";
+    bool bAll = true;
+    m_Server.reset();
+    EXPECT_EQ(Status::NameNotFound, SocketTransport(m_Path)->Reload(&words));
+    m_Server = std::make_unique<ControlServer>(m_Path, PatienceMs, [&](std::string* pWords) {
+        *pWords = "1 added";
+        return bAll;
+    });
+    EXPECT_EQ(Status::Success, SocketTransport(m_Path)->Reload(&words));
+    EXPECT_EQ("1 added", words);
+    bAll = false;
+    EXPECT_EQ(Status::InvalidParameter, SocketTransport(m_Path)->Reload(&words));
+}
+
 TEST_F(ControlSocket, AServerThatEndsEndsEveryCall)
 {
     auto transport = SocketTransport(m_Path);

@@ -123,6 +123,10 @@ void AddLiveVerb(CLI::App& app, Verbs& verbs)
         ->add_flag("--give-back", arguments->bGiveBack,
                    "nothing but this: the system's own driver gets a keyboard that nobody has any more")
         ->excludes(pEmulate);
+    pLive
+        ->add_flag("--latency", arguments->bLatency,
+                   "measure how long reports take from the bus to the HID device, and tell at the end")
+        ->excludes(pEmulate);
     add("--config", arguments->config, "settings and key definitions (TOML); SIGHUP reads it anew", false);
     add("--control", arguments->control, "serve the driver to other processes at this socket", false);
     add("--usbip", arguments->usbip,

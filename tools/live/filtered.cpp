@@ -55,8 +55,9 @@ UhidIdentity IdentityOf(const UsbInterface& interface, const UsbFound& found)
 } // namespace
 
 FilteredKeyboard::FilteredKeyboard(LiveMachine& machine, const UsbFound& found, int iNode,
-                                   std::vector<int>& uhids, const PanicChord& panic, const FilteredTold& told)
-    : m_Machine(machine), m_Panic(panic), m_Told(told), m_Usb(iNode, found.interfaces)
+                                   std::vector<int>& uhids, const PanicChord& panic, const FilteredTold& told,
+                                   Latency* pLatency)
+    : m_Machine(machine), m_Panic(panic), m_Told(told), m_pLatency(pLatency), m_Usb(iNode, found.interfaces)
 {
     for (const UsbInterface& interface : m_Usb.Interfaces()) {
         m_Stacks.push_back(std::make_unique<Stack>());
@@ -146,6 +147,9 @@ void FilteredKeyboard::Seen(unsigned uInterface, const EmuBytes& report)
     UhidDevice* pAbove = m_Stacks[uInterface]->pAbove;
     if (pAbove && !pAbove->Input(report))
         m_Told.Over("the HID device above takes no more reports");
+    if (m_pLatency && pAbove &&
+        m_Deliverer == std::this_thread::get_id()) // else the driver answered by itself
+        m_pLatency->Add(Latency::Clock::now() - m_At);
 }
 
 void FilteredKeyboard::Queue(Arrival arrival)
@@ -182,6 +186,7 @@ void FilteredKeyboard::Gone()
 
 void FilteredKeyboard::Deliver()
 {
+    m_Deliverer = std::this_thread::get_id();
     unsigned uRounds = 0;
     auto beat = std::chrono::steady_clock::now();
     std::unique_lock<std::mutex> lock(m_Lock);
@@ -207,6 +212,7 @@ void FilteredKeyboard::DeliverOne(Arrival& arrival)
     switch (arrival.kind) {
     case Arrival::Report:
         stack.uFailures = 0;
+        m_At = arrival.at;
         m_Machine.Report(stack.uNumber, arrival.data);
         return;
     case Arrival::Answer:

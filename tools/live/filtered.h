@@ -6,6 +6,7 @@
 // cannot be held by it. The thread of the delivery runs the driver, and beats as long as both go round.
 #pragma once
 
+#include "latency.h"
 #include "machine.h"
 #include "panic.h"
 #include "uhid.h"
@@ -26,8 +27,9 @@ class FilteredKeyboard : private UsbSink
 public:
     // Takes the keyboard at this open node, and of the open /dev/uhid, one for each interface, those it uses (-1 then).
     // Fails (std::runtime_error): the keyboard cannot be taken, the driver or the kernel refuses it; it is given back.
+    // pLatency, unless it is null, learns how long reports take.
     FilteredKeyboard(LiveMachine& machine, const UsbFound& found, int iNode, std::vector<int>& uhids,
-                     const PanicChord& panic, const FilteredTold& told);
+                     const PanicChord& panic, const FilteredTold& told, Latency* pLatency);
     ~FilteredKeyboard() override;
 
 private:
@@ -47,6 +49,7 @@ private:
         Bytes data;
         ULONG_PTR ulTicket = 0;
         Outcome outcome = Outcome::Ok;
+        Latency::Clock::time_point at = Latency::Clock::now();
     };
 
     void Build(const UsbFound& found, std::vector<int>& uhids);
@@ -65,6 +68,9 @@ private:
     LiveMachine& m_Machine;
     const PanicChord& m_Panic;
     FilteredTold m_Told;
+    Latency* m_pLatency;
+    Latency::Clock::time_point m_At; // of the delivery's thread: when the report came that is being delivered
+    std::atomic<std::thread::id> m_Deliverer{};
     UsbKeyboard m_Usb;
     std::vector<std::unique_ptr<Stack>> m_Stacks;
     std::atomic<bool> m_bGone{false};

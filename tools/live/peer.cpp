@@ -16,8 +16,8 @@ using tvusb::Frame;
 using tvusb::FrameKind;
 using tvusb::Status;
 
-Peer::Peer(int iSocket, int iWake, int iPatienceMs)
-    : m_iSocket(iSocket), m_iWake(iWake), m_iPatienceMs(iPatienceMs)
+Peer::Peer(int iSocket, int iWake, const PeerReload& reload, int iPatienceMs)
+    : m_iSocket(iSocket), m_iWake(iWake), m_iPatienceMs(iPatienceMs), m_Reload(reload)
 {
     timeval patience = {iPatienceMs / 1000, iPatienceMs % 1000 * 1000};
     setsockopt(iSocket, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
@@ -52,7 +52,7 @@ void Peer::Serve()
 {
     Frame head;
     Bytes body;
-    if (TakeFrame(&head, &body) && Open(head))
+    if (TakeFrame(&head, &body) && (head.Kind == FrameKind::Reload ? Reload(head) : Open(head)))
         while (TakeFrame(&head, &body) && Answer(head, body))
             JoinWaiters(false);
     m_bEnding = true; // no wait begins any more
@@ -96,6 +96,17 @@ bool Peer::Put(const Frame& request, uint32_t ulStatus, uint32_t ulMore, const B
         done += sent > 0 ? static_cast<size_t>(sent) : 0;
     }
     return true;
+}
+
+// A connection for this alone.
+bool Peer::Reload(const Frame& head)
+{
+    if (head.ulValue != tvusb::FRAME_VERSION || !m_Reload)
+        return false;
+    std::string words;
+    uint32_t ulStatus = m_Reload(&words) ? Status::Success : Status::InvalidParameter;
+    Put(head, ulStatus, 0, Bytes(words.begin(), words.end()));
+    return false;
 }
 
 bool Peer::Open(const Frame& head)

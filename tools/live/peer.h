@@ -8,9 +8,11 @@
 #include <host.h>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "client/frames.h"
@@ -19,11 +21,14 @@
 constexpr int PeerPatienceMs = 5000; // for Open, for the rest of a frame, and for an answer to be taken
 constexpr size_t PeerMostEvents = 256, PeerMostWaits = 64;
 
+// Reads the configuration anew: true when all of it is in force, and what came of it, in words.
+using PeerReload = std::function<bool(std::string* pWords)>;
+
 class Peer
 {
 public:
     // The peer owns the socket; whoever wakes is told by a write to iWake that the peer is over.
-    Peer(int iSocket, int iWake, int iPatienceMs = PeerPatienceMs);
+    Peer(int iSocket, int iWake, const PeerReload& reload, int iPatienceMs = PeerPatienceMs);
     ~Peer(); // ends it and waits for it
     Peer(const Peer&) = delete;
     Peer& operator=(const Peer&) = delete;
@@ -53,6 +58,7 @@ private:
     bool TakeFrame(tvusb::Frame* pHead, Bytes* pBody);
     bool Put(const tvusb::Frame& request, uint32_t ulStatus, uint32_t ulMore, const Bytes& body = {});
     bool Open(const tvusb::Frame& head);
+    bool Reload(const tvusb::Frame& head);
     bool Answer(const tvusb::Frame& head, Bytes& body);
     bool Control(const tvusb::Frame& head, Bytes& in);
     bool NewEvent(const tvusb::Frame& head);
@@ -63,6 +69,7 @@ private:
     void JoinWaiters(bool bAll);
 
     int m_iSocket, m_iWake, m_iPatienceMs;
+    const PeerReload& m_Reload; // empty: nobody has a configuration
     std::atomic<bool> m_bOver{false}, m_bEnding{false};
     std::unique_ptr<tvusb::Transport> m_Driver; // of the peer's thread and the waiters
     std::map<uint32_t, std::shared_ptr<Event>>

@@ -60,8 +60,8 @@ bool IsTrusted(int iSocket)
 
 } // namespace
 
-ControlServer::ControlServer(const std::string& path, int iPatienceMs)
-    : m_path(path), m_iPatienceMs(iPatienceMs)
+ControlServer::ControlServer(const std::string& path, int iPatienceMs, PeerReload reload)
+    : m_path(path), m_Reload(std::move(reload)), m_iPatienceMs(iPatienceMs)
 {
     Bind();
     m_iWake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -127,7 +127,7 @@ void ControlServer::Accept()
         return;
     }
     if (IsTrusted(iSocket))
-        m_Peers.push_back(std::make_unique<Peer>(iSocket, m_iWake, m_iPatienceMs));
+        m_Peers.push_back(std::make_unique<Peer>(iSocket, m_iWake, m_Reload, m_iPatienceMs));
     else
         close(iSocket);
 }

@@ -15,7 +15,7 @@ class ControlServer
 public:
     // Fails (InputError): the path is no place for a socket, or is served already; what is there stays. A socket
     // that nobody serves any more is replaced.
-    explicit ControlServer(const std::string& path, int iPatienceMs = PeerPatienceMs);
+    explicit ControlServer(const std::string& path, int iPatienceMs = PeerPatienceMs, PeerReload reload = {});
     // Ends every peer and takes the socket away.
     ~ControlServer();
     ControlServer(const ControlServer&) = delete;
@@ -29,6 +29,7 @@ private:
     void Accept();
 
     std::string m_path;
+    const PeerReload m_Reload;
     int m_iPatienceMs, m_iListener = -1, m_iWake = -1;
     std::atomic<bool> m_bEnd{false};
     std::atomic<size_t> m_cPeers{0};

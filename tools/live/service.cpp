@@ -37,7 +37,8 @@ LiveService::LiveService(const LiveArguments& arguments, const std::vector<const
     if (bOffered)
         OfferOverUsbip(arguments.usbip, keyboards);
     if (!arguments.control.empty())
-        m_Server = std::make_unique<ControlServer>(arguments.control);
+        m_Server = std::make_unique<ControlServer>(arguments.control, PeerPatienceMs,
+                                                   [this](std::string* pWords) { return Reload(pWords); });
 }
 
 // Nobody types at an emulated keyboard before this returns.
@@ -51,19 +52,26 @@ void LiveService::OfferOverUsbip(const std::string& address,
     fmt::print(stderr, "tvusb: {}\n", m_Usbip->Words());
 }
 
-void LiveService::Reload()
+bool LiveService::Reload(std::string* pWords)
 {
+    std::string words;
+    bool bAll = false;
     try {
         if (m_config.empty())
             throw InputError("no --config was given");
         Taken taken = m_Machine->TakeOver(ReadConfig(m_config).definitions);
         for (const std::string& line : taken.refused)
-            fmt::print(stderr, "tvusb: {}\n", line);
-        fmt::print(stderr, "tvusb: {}: {} added, {} removed, {} kept\n", m_config, taken.uAdded,
-                   taken.uRemoved, taken.uKept);
+            words += line + "\n";
+        words += fmt::format("{}: {} added, {} removed, {} kept", m_config, taken.uAdded, taken.uRemoved,
+                             taken.uKept);
+        bAll = taken.refused.empty();
     } catch (const InputError& error) {
-        fmt::print(stderr, "tvusb: {}; nothing was changed\n", error.what());
+        words = fmt::format("{}; nothing was changed", error.what());
     }
+    fmt::print(stderr, "tvusb: {}\n", words);
+    if (pWords)
+        *pWords = words;
+    return bAll;
 }
 
 int LiveService::End()

@@ -7,10 +7,10 @@
 #include "usbip/server.h"
 
 struct LiveArguments {
-    std::string emulated, person;                        // an emulated keyboard, and who types at it
-    std::string device, user, panic;                     // a real one
-    bool bYes = false, bWait = false, bGiveBack = false; // likewise
-    std::string config, control, usbip;                  // of both
+    std::string emulated, person;    // an emulated keyboard, and who types at it
+    std::string device, user, panic; // a real one
+    bool bYes = false, bWait = false, bGiveBack = false, bLatency = false; // likewise
+    std::string config, control, usbip;                                    // of both
     bool bWatch = false, bJson = false;
 };
 
@@ -22,8 +22,9 @@ public:
     LiveService(const LiveArguments& arguments, const std::vector<const EmuDescriptors*>& keyboards);
 
     LiveMachine& Machine() { return *m_Machine; }
-    // Takes the changed configuration over and tells how that went; a file with mistakes changes nothing.
-    void Reload();
+    // Takes the changed configuration over and tells how that went; a file with mistakes changes nothing. False when
+    // not all of it is in force. From any thread.
+    bool Reload(std::string* pWords = nullptr);
     // Takes everything down, which no keyboard uses any more. Returns the exit status.
     int End();
 

@@ -37,8 +37,8 @@ class Worker
 {
 public:
     Worker(const LiveArguments& arguments, GuardChannel& guardian)
-        : m_Guardian(guardian), m_Panic(arguments.panic), m_Service(arguments, {}),
-          m_iOver(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+        : m_Guardian(guardian), m_Panic(arguments.panic), m_bLatency(arguments.bLatency),
+          m_Service(arguments, {}), m_iOver(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
     {
         sigset_t signals;
         sigemptyset(&signals);
@@ -72,6 +72,8 @@ public:
         Release();
         int iStatus = m_Service.End();
         alarm(0);
+        if (m_bLatency)
+            fmt::print(stderr, "tvusb: {}\n", m_Latency.Text().empty() ? "no reports" : m_Latency.Text());
         return m_bFailed ? ExitFailed : iStatus;
     }
 
@@ -103,8 +105,9 @@ private:
         told.Panic = [this] { m_Guardian.Tell(GuardWord::Panic); };
         told.Beat = [this] { m_Guardian.Tell(GuardWord::Beat); };
         told.Over = [this](const std::string& why) { Over(why); };
-        m_Keyboard = std::make_unique<FilteredKeyboard>(m_Service.Machine(), m_Open.found, m_Open.iNode,
-                                                        m_Open.uhids, m_Panic, told);
+        m_Keyboard =
+            std::make_unique<FilteredKeyboard>(m_Service.Machine(), m_Open.found, m_Open.iNode, m_Open.uhids,
+                                               m_Panic, told, m_bLatency ? &m_Latency : nullptr);
         fmt::print(stderr, "tvusb: live: {}\n", WordsOf(m_Open.found));
     }
 
@@ -148,6 +151,8 @@ private:
 
     GuardChannel& m_Guardian;
     const PanicChord m_Panic;
+    const bool m_bLatency;
+    Latency m_Latency;
     LiveService m_Service;
     int m_iSignals = -1, m_iOver;
     bool m_bEnd = false, m_bFailed = false;

@@ -61,7 +61,8 @@ int RunTvctl(int argc, const char* const* argv, const MakeTransport& way)
     ControlVerbs verbs;
     for (auto add :
          {AddListVerbs, AddWatchVerb, AddHotkeyVerbs, AddInsertVerbs, AddSettingVerbs, AddEepromVerbs,
-          AddDescriptorVerbs, static_cast<void (*)(CLI::App&, ControlVerbs&)>(AddMacroVerbs), AddDoctorVerb})
+          AddDescriptorVerbs, static_cast<void (*)(CLI::App&, ControlVerbs&)>(AddMacroVerbs), AddReloadVerb,
+          AddDoctorVerb})
         add(app, verbs);
     if (auto status = ParseCommandLine(app, argc, argv, BadInput))
         return *status;

@@ -73,6 +73,8 @@ public:
 
     // The driver, opened with the first call.
     tvusb::Driver& Driver();
+    // A way to it that is not opened.
+    std::unique_ptr<tvusb::Transport> Way() const { return m_way(m_options); }
     // Closes it; the next call opens it again.
     void Close();
     // The keyboards that are started, oldest first.

@@ -24,6 +24,7 @@ void AddSettingVerbs(CLI::App& app, ControlVerbs& verbs);    // settings.cpp: le
 void AddEepromVerbs(CLI::App& app, ControlVerbs& verbs);     // eeprom.cpp
 void AddDescriptorVerbs(CLI::App& app, ControlVerbs& verbs); // strings.cpp: strings, descriptor
 void AddMacroVerbs(CLI::App& app, ControlVerbs& verbs);      // macro.cpp
+void AddReloadVerb(CLI::App& app, ControlVerbs& verbs);      // reload.cpp
 void AddDoctorVerb(CLI::App& app, ControlVerbs& verbs);      // doctor.cpp
 
 // "1.3.0"
