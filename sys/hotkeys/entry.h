@@ -37,7 +37,7 @@ inline bool AreAllKeysHeld(const HotkeyEntry& entry)
 struct HeldKeyBytes {
     explicit HeldKeyBytes(const HotkeyEntry& entry)
     {
-        for (ULONG i = 0; i < HOTKEY_KEYS; i++) {
+        for (ULONG i = 0; i < entry.ulKeyCount; i++) {
             ucHeld[i] = entry.ulHeldKeys >> i & 1;
         }
     }
