@@ -7,6 +7,8 @@
 #include <fstream>
 #include <iterator>
 
+#include <zlib.h>
+
 #include "scene.h"
 #include "story.h"
 #include "tests/macro_file.h"
@@ -153,12 +155,73 @@ void SaveMacroFile(const fs::path& folder)
     Save(folder / "macrotext", "two-macros", file);
 }
 
+std::vector<uint8_t> Packed(const std::vector<uint8_t>& content)
+{
+    std::vector<uint8_t> packed(content.size() + 100);
+    z_stream stream = {};
+    stream.next_in = const_cast<uint8_t*>(content.data());
+    stream.avail_in = static_cast<uInt>(content.size());
+    stream.next_out = packed.data();
+    stream.avail_out = static_cast<uInt>(packed.size());
+    deflateInit2(&stream, 9, Z_DEFLATED, 15 + 16, 9, Z_DEFAULT_STRATEGY); // with the head of a .gz
+    deflate(&stream, Z_FINISH);
+    packed.resize(stream.total_out);
+    deflateEnd(&stream);
+    return packed;
+}
+
+void PutLong(std::vector<uint8_t>& bytes, size_t c)
+{
+    for (unsigned i = 0; i < 4; i++) {
+        bytes.push_back(static_cast<uint8_t>(c >> (8 * i)));
+    }
+}
+
+void PutBlock(std::vector<uint8_t>& file, size_t cType, std::vector<uint8_t> body)
+{
+    body.resize((body.size() + 3) / 4 * 4);
+    PutLong(file, cType);
+    PutLong(file, body.size() + 12);
+    file.insert(file.end(), body.begin(), body.end());
+    PutLong(file, body.size() + 12);
+}
+
+// The first records of a pcap file as pcapng, on two interfaces in turn.
+std::vector<uint8_t> BlocksOf(const std::vector<uint8_t>& pcap)
+{
+    std::vector<uint8_t> file;
+    PutBlock(file, 0x0A0D0D0A, {0x4D, 0x3C, 0x2B, 0x1A, 1, 0, 0, 0, 255, 255, 255, 255, 255, 255, 255, 255});
+    for (int i = 0; i < 2; i++) {
+        PutBlock(file, 1, {pcap[20], 0, 0, 0, 0, 0, 1, 0});
+    }
+    size_t cAt = 24;
+    for (uint8_t uc = 0; cAt + 16 <= pcap.size() && file.size() < 1900; uc ^= 1) {
+        size_t cBytes = pcap[cAt + 8] | pcap[cAt + 9] << 8;
+        std::vector<uint8_t> packet = {uc, 0, 0, 0, 0, 0, 0, 0};
+        packet.insert(packet.end(), pcap.begin() + static_cast<ptrdiff_t>(cAt + 4),
+                      pcap.begin() + static_cast<ptrdiff_t>(std::min(cAt + 16 + cBytes, pcap.size())));
+        PutBlock(file, 6, packet);
+        cAt += 16 + cBytes;
+    }
+    return file;
+}
+
 void SaveSamples(const fs::path& folder)
 {
     const fs::path samples = SAMPLE_FOLDER;
     std::vector<uint8_t> capture = ReadAll(samples / "typing.pcap");
     capture.insert(capture.begin(), 0);
     Save(folder / "capture", "typing", capture);
+    capture.front() = 4; // and what is whole of a cut one
+    Save(folder / "capture", "typing-cut", {capture.begin(), capture.begin() + 4000});
+    std::vector<uint8_t> packed = Packed({capture.begin() + 1, capture.end()});
+    packed.insert(packed.begin(), 0);
+    Save(folder / "capture", "typing-packed", packed);
+    std::vector<uint8_t> blocks = BlocksOf({capture.begin() + 1, capture.end()});
+    blocks.insert(blocks.begin(), 2);
+    Save(folder / "capture", "typing-umockdev", blocks);
+    blocks.front() = 8;
+    Save(folder / "capture", "typing-blocks", blocks);
     for (const char* pName : {"cashier", "macromode"}) {
         std::vector<uint8_t> typed = ReadAll(samples / (std::string(pName) + ".hid"));
         typed.insert(typed.begin(), 1);

@@ -198,6 +198,8 @@ uint64_t InputReader::PackedAt() const
 
 bool WaitToFollow()
 {
+    if (s_bStop)
+        return false;
     BeforeWait();
     usleep(PollUs);
     return !s_bStop;
