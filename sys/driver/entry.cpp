@@ -26,7 +26,7 @@ static void SetInitialState()
     Globals.usTypematicRate = 23;
     Globals.usTypematicDelay = 1;
 
-    KeInitializeSpinLock(&Globals.KeyboardListLock.Lock);
+    InitializeKeyboardList();
     InitializeEvents();
     InitializeMacros();
     InitializeSiblings();

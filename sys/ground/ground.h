@@ -27,6 +27,7 @@ bool AcquireDevice(PDEVICE_OBJECT pDevice);               // false: being remove
 void ReleaseDevice(PDEVICE_OBJECT pDevice);
 PDEVICE_OBJECT FirstKeyboard();                      // newest first; referenced; null at the end
 PDEVICE_OBJECT NextKeyboard(PDEVICE_OBJECT pDevice); // releases pDevice, references the next
+void InitializeKeyboardList();                       // at entry
 void InitializeReferences(DeviceContext* pContext);  // at add-device
 void PublishKeyboard(PDEVICE_OBJECT pDevice);
 void RefuseNewReferences(PDEVICE_OBJECT pDevice);

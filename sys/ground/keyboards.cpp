@@ -123,6 +123,11 @@ void UnlinkKeyboard(PDEVICE_OBJECT pDevice)
     }
 }
 
+void InitializeKeyboardList()
+{
+    KeInitializeSpinLock(&Globals.KeyboardListLock.Lock);
+}
+
 // IRQL = PASSIVE, nobody else knows the record yet.
 void InitializeReferences(DeviceContext* pContext)
 {

@@ -60,8 +60,8 @@ KeyDefinition* FindById(DeviceContext* pContext, ULONG ulId, PUSHORT pusIndex,
 }
 } // namespace
 
-// Puts a definition into the first free slot. Lock: the caller holds KeyDefLock and has seen that there is one.
-void AppendDefinition(DeviceContext* pContext, KeyDefinition* pDefinition) WITHOUT_LOCK_ANALYSIS
+// Puts a definition into the first free slot; the caller has seen that there is one.
+void AppendDefinition(DeviceContext* pContext, KeyDefinition* pDefinition)
 {
     pContext->ucDefinitionHashes[pContext->usDefinitions] = HashOf(pDefinition->ulId);
     pContext->KeyDefinitions[pContext->usDefinitions++] = pDefinition;

@@ -10,8 +10,8 @@
 namespace
 {
 // Renews the derived bits of ulKeyDefTypes; the macro feature's bit stays as it is, whoever changes it now.
-// Lock: the caller holds DefinitionMutex.
-void RecomputeKeyDefTypes(DeviceContext* pContext) WITHOUT_LOCK_ANALYSIS
+void RecomputeKeyDefTypes(DeviceContext* pContext)
+    REQUIRES_LOCK(pContext->DefinitionMutex) WITHOUT_LOCK_ANALYSIS
 {
     ULONG ulMask = 0;
     for (const KeyDefinition* pDefinition : pContext->KeyDefinitions) {
@@ -28,8 +28,8 @@ void RecomputeKeyDefTypes(DeviceContext* pContext) WITHOUT_LOCK_ANALYSIS
     }
 }
 
-// One more type exists. Lock: the caller holds DefinitionMutex.
-void AddKeyDefType(DeviceContext* pContext, ULONG ulType)
+// One more type exists.
+void AddKeyDefType(DeviceContext* pContext, ULONG ulType) REQUIRES_LOCK(pContext->DefinitionMutex)
 {
     const ULONG ulBit = ulType == 0 ? 0 : 1u << ((ulType - 1) % 32);
     ULONG ulBefore = ReadShared(pContext->ulKeyDefTypes);
@@ -38,10 +38,10 @@ void AddKeyDefType(DeviceContext* pContext, ULONG ulType)
 }
 
 // Puts a copy of the record into the first free slot, and sees to the room for its hotkey first.
-// Lock: the caller holds DefinitionMutex. Fails: no pool, list full; nothing has changed.
-NTSTATUS StoreCopy(PDEVICE_OBJECT device, const KeyDefinition* pDefinition)
+// Lock: takes KeyDefLock. Fails: no pool, list full; nothing has changed.
+NTSTATUS StoreCopy(PDEVICE_OBJECT device, DeviceContext* pContext, const KeyDefinition* pDefinition)
+    REQUIRES_LOCK(pContext->DefinitionMutex)
 {
-    DeviceContext* pContext = FilterContextOf(device);
     auto* pCopy =
         static_cast<KeyDefinition*>(ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(KeyDefinition), POOL_TAG));
     if (pCopy == nullptr) {
@@ -112,7 +112,7 @@ NTSTATUS AddKeyDefinition(PDEVICE_OBJECT device, const KeyDefinition* pDefinitio
     if (FindKeyDefinition(device, pDefinition, &usIndex) != nullptr) {
         return STATUS_UNSUCCESSFUL;
     }
-    NTSTATUS status = StoreCopy(device, pDefinition);
+    NTSTATUS status = StoreCopy(device, pContext, pDefinition);
     if (!NT_SUCCESS(status)) {
         return status;
     }

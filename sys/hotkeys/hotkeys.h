@@ -18,17 +18,18 @@ void FreeAllKeyDefinitions();
 KeyDefinition* FindKeyDefinitionById(PDEVICE_OBJECT device, ULONG ulId, PUSHORT pusIndex);
 KeyDefinition* FindKeyDefinitionByType(PDEVICE_OBJECT device, ULONG ulType, PUSHORT pusIndex);
 KeyDefinition* FindKeyDefinition(PDEVICE_OBJECT device, const KeyDefinition* pDefinition, PUSHORT pusIndex);
-void AppendDefinition(DeviceContext* pContext, KeyDefinition* pDefinition); // the first free slot
+void AppendDefinition(DeviceContext* pContext, KeyDefinition* pDefinition)
+    REQUIRES_LOCK(pContext->KeyDefLock); // into the first free slot
 bool IsHotkeyDefinition(DeviceContext* pContext, USHORT usIndex);
 bool GetDefinitionOfType(PDEVICE_OBJECT device, ULONG ulType, KeyDefinition* pCopy); // copies, false: none
 
 // hotkeylist.cpp: the hotkeys made from the definitions. IRQL = PASSIVE. Lock: the caller holds DefinitionMutex.
-void InitializeHotkeys(DeviceContext* pContext); // at add-device
-NTSTATUS ReserveHotkey(DeviceContext* pContext); // room for one more
+void InitializeHotkeys(DeviceContext* pContext);                                          // at add-device
+NTSTATUS ReserveHotkey(DeviceContext* pContext) REQUIRES_LOCK(pContext->DefinitionMutex); // room for one more
 NTSTATUS AddLastHotkey(PDEVICE_OBJECT device);
 NTSTATUS BuildHotkeyList(PDEVICE_OBJECT device);
 void RenewSwallow(PDEVICE_OBJECT device, ULONG ulId);
-void DropHotkeys(DeviceContext* pContext);
+void DropHotkeys(DeviceContext* pContext) REQUIRES_LOCK(pContext->DefinitionMutex);
 void TraceHotkeyLists(); // after each change, without the mutex
 
 // convert.cpp
