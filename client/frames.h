@@ -4,8 +4,9 @@
 //           ◄───────────────────────── Answer ─────────────────────────────
 //
 // A connection stands for one handle of the control device, and its end for that handle's close. Each frame is this
-// head and its body. Requests begin with Open, but for Reload, which needs no handle and is its connection's only one; an answer has its request's tag, and those of waits come when they
-// come. Both ends run on one machine: numbers are as it has them.
+// head and its body. Requests begin with Open, but for Reload, which needs no handle and is its connection's only
+// one; an answer has its request's tag, and those of waits come when they come. Both ends run on one machine: numbers
+// are as it has them.
 #pragma once
 
 #include <stdint.h>

@@ -4,7 +4,9 @@
 // says which one runs. Threaded mode: each is a thread of the system.
 #include "core.h"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 
 __thread PKTHREAD HostKnownSelf;
 __thread ULONGLONG HostKnownIn;
@@ -130,6 +132,23 @@ static void StartOsThread(PKTHREAD pThread, size_t stackBytes)
     pthread_attr_destroy(&attributes);
 }
 
+// Joins the threads that have ended since: a process that lives long starts many.
+// IRQL: PASSIVE_LEVEL. Lock: takes Lock.
+static void JoinEnded()
+{
+    std::vector<std::unique_ptr<HostOsThread>> ended;
+    {
+        HostLock lock(g->Lock);
+        auto& all = g->Threads.Os;
+        auto first = std::partition(all.begin(), all.end(), [](const auto& os) { return !os->bEnded; });
+        std::move(first, all.end(), std::back_inserter(ended));
+        all.erase(first, all.end());
+    }
+    for (const auto& os : ended) {
+        pthread_join(os->Os, nullptr);
+    }
+}
+
 // Starts a thread of the host. The caller gets a reference, the running thread holds another.
 // IRQL: PASSIVE_LEVEL. Lock: takes Lock.
 PKTHREAD HostSpawn(const char* pName, std::function<void()> body, size_t stackBytes, PDRIVER_OBJECT pDriver)
@@ -138,6 +157,9 @@ PKTHREAD HostSpawn(const char* pName, std::function<void()> body, size_t stackBy
     pThread->Body = std::move(body);
     pThread->pDriver = pDriver;
     HostReference(pThread);
+    if (g->bThreaded) {
+        JoinEnded();
+    }
     HostLock lock(g->Lock);
     g->Threads.Os.push_back(std::make_unique<HostOsThread>());
     pThread->pOs = g->Threads.Os.back().get();

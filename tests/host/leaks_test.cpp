@@ -1,6 +1,8 @@
 // leaks_test.cpp - what a driver leaves at its unload is told.
 #include "rules.h"
 
+#include <fstream>
+
 struct Leak {
     const char* pName;
     const char* pText;
@@ -108,4 +110,20 @@ TEST(Leaks, WhatStillRunsOrIsHeldIsTold)
     testing::internal::CaptureStderr();
     EXPECT_NE(0u, system.Stop());
     testing::internal::GetCapturedStderr();
+}
+
+// A server that starts a thread a connection runs for months: each has a stack, which goes with it.
+TEST(Threads, ThatHaveEndedGiveTheirStacksBack)
+{
+    SmallSystem system(HostThreaded);
+    auto pages = [] {
+        unsigned long ulPages = 0;
+        std::ifstream("/proc/self/statm") >> ulPages;
+        return ulPages;
+    };
+    const unsigned long ulBefore = pages();
+    for (int i = 0; i < 600; i++) {
+        HostJoinThread(HostStartThread([] {}, 0x100000));
+    }
+    EXPECT_LT(pages() - ulBefore, 300 * 0x100000ul / 4096);
 }
