@@ -36,7 +36,7 @@ protected:
     void TearDown() override
     {
         driver.Close();
-        EXPECT_EQ(machine.Unload(), 0u);
+        EXPECT_EQ(0u, machine.Unload());
     }
 
     // Whoever comes back to a port has the name that it had.

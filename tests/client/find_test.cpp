@@ -15,26 +15,26 @@ TEST_P(FindTest, AKeyboardIsFoundWhenNoOtherFits)
 {
     auto only = driver.FindOnly();
     ASSERT_TRUE(only.Ok()) << only.Error().Text();
-    EXPECT_EQ(only->Index(), 0u);
+    EXPECT_EQ(0u, only->Index());
     EXPECT_EQ(only->Name(), NameOf(pPlugged));
     machine.Plug(EmuPowerKeyboard);
-    EXPECT_EQ(driver.GetKeyboards()->size(), 2u);
-    EXPECT_EQ(*driver.GetKeyboardCount(), 2u);
-    EXPECT_EQ(driver.ListKeyboards()->size(), 2u);
-    EXPECT_EQ(driver.ListNames()->size(), 2u);
-    EXPECT_EQ(driver.FindOnly().Error(), Status::Ambiguous);
-    EXPECT_EQ(driver.FindByHardwareId(BOOT_ID)->Index(), 0u);
-    EXPECT_EQ(driver.FindByName(NameOf(pPlugged).substr(4))->Index(), 0u) << "without \\??\\";
+    EXPECT_EQ(2u, driver.GetKeyboards()->size());
+    EXPECT_EQ(2u, *driver.GetKeyboardCount());
+    EXPECT_EQ(2u, driver.ListKeyboards()->size());
+    EXPECT_EQ(2u, driver.ListNames()->size());
+    EXPECT_EQ(Status::Ambiguous, driver.FindOnly().Error());
+    EXPECT_EQ(0u, driver.FindByHardwareId(BOOT_ID)->Index());
+    EXPECT_EQ(0u, driver.FindByName(NameOf(pPlugged).substr(4))->Index()) << "without \\??\\";
 
-    EXPECT_EQ(driver.FindByHardwareId(u"USB\\VID_1234").Error().Text(),
-              "hardware id USB\\VID_1234: there is no such keyboard (0xE0000004)");
-    EXPECT_EQ(driver.FindByName(u"nobody").Error().Text(),
-              "name nobody: there is no such keyboard (0xE0000004)");
-    EXPECT_EQ(driver.FindByIndex(77).Error().Text(), "keyboard 77: there is no such keyboard (0xE0000004)");
-    EXPECT_EQ(driver.FindKeyboardIndex(u"nobody").Error().Text(),
-              "FIND_KEYBOARD, name nobody: no keyboard has this name (0xC0000001)");
-    EXPECT_EQ(driver.GetKeyboardInfo(7).Error().Text(),
-              "GET_KEYBOARD_INFO, position 7: there is no such position (0xC0000001)");
+    EXPECT_EQ("hardware id USB\\VID_1234: there is no such keyboard (0xE0000004)",
+              driver.FindByHardwareId(u"USB\\VID_1234").Error().Text());
+    EXPECT_EQ("name nobody: there is no such keyboard (0xE0000004)",
+              driver.FindByName(u"nobody").Error().Text());
+    EXPECT_EQ("keyboard 77: there is no such keyboard (0xE0000004)", driver.FindByIndex(77).Error().Text());
+    EXPECT_EQ("FIND_KEYBOARD, name nobody: no keyboard has this name (0xC0000001)",
+              driver.FindKeyboardIndex(u"nobody").Error().Text());
+    EXPECT_EQ("GET_KEYBOARD_INFO, position 7: there is no such position (0xC0000001)",
+              driver.GetKeyboardInfo(7).Error().Text());
 
     // The system tells two ids, the driver the one with the revision.
     EmuDescriptors revised = EmuBootKeyboard;
@@ -42,7 +42,7 @@ TEST_P(FindTest, AKeyboardIsFoundWhenNoOtherFits)
     EmuKeyboard* pRevised = machine.Plug(revised);
     EXPECT_EQ(driver.FindByHardwareId(u"USB\\VID_7A3C&PID_0105&MI_00")->Index(), pRevised->Index());
     EXPECT_EQ(driver.FindByHardwareId(u"USB\\VID_7A3C&PID_0105&REV_0110&MI_00")->Index(), pRevised->Index());
-    EXPECT_EQ(driver.FindByHardwareId(u"USB\\VID_7A3C&PID_0105").Error(), Status::NoSuchKeyboard);
+    EXPECT_EQ(Status::NoSuchKeyboard, driver.FindByHardwareId(u"USB\\VID_7A3C&PID_0105").Error());
 }
 
 // However it was found: what is pulled out is not found again in its twin, nor in another one at another port.
@@ -52,22 +52,22 @@ TEST_P(FindTest, ATwinIsNeverTakenForAnother)
     auto byName = driver.FindByName(keyboard.Name());
     EmuKeyboard* pTwin = PlugAt(2);
     EXPECT_EQ(
-        driver.FindByHardwareId(BOOT_ID).Error().Text(),
-        "hardware id usb\\Vid_7a3c&pid_0101&mi_00: several keyboards fit, and none was chosen (0xE0000001)");
+        "hardware id usb\\Vid_7a3c&pid_0101&mi_00: several keyboards fit, and none was chosen (0xE0000001)",
+        driver.FindByHardwareId(BOOT_ID).Error().Text());
     auto twin = driver.FindByIndex(pTwin->Index());
     ASSERT_TRUE(twin.Ok());
     tvusb::Keyboard* const first[] = {&keyboard, &*byId, &*byName};
 
     pPlugged->Unplug(true);
     for (tvusb::Keyboard* pFound : first) {
-        EXPECT_EQ(pFound->FindAgain(), Status::NoSuchKeyboard);
-        EXPECT_EQ(pFound->Index(), 0u);
+        EXPECT_EQ(Status::NoSuchKeyboard, pFound->FindAgain());
+        EXPECT_EQ(0u, pFound->Index());
         EXPECT_EQ(
-            pFound->WriteEeprom(0, {1}).Text(),
-            "WRITE_EEPROM, keyboard 0: no keyboard has this index, or it refused the transfer (0xC0000001)");
+            "WRITE_EEPROM, keyboard 0: no keyboard has this index, or it refused the transfer (0xC0000001)",
+            pFound->WriteEeprom(0, {1}).Text());
     }
     PlugAt(3);
-    EXPECT_EQ(keyboard.FindAgain(), Status::NoSuchKeyboard);
+    EXPECT_EQ(Status::NoSuchKeyboard, keyboard.FindAgain());
     pPlugged = PlugAt(1);
     for (tvusb::Keyboard* pFound : first) {
         ASSERT_TRUE(pFound->FindAgain().Ok());
@@ -82,16 +82,16 @@ TEST_P(FindTest, AKeyboardThatDoesNotStartHidesAnother)
 {
     EmuKeyboard* pLate = PlugAt(2, false);
     auto keyboards = driver.GetKeyboards();
-    EXPECT_EQ(keyboards.Error().Text(),
-              "GET_KEYBOARD_INFO: not all keyboards are told: one that is not yet started "
-              "hides another (0xE0000003)");
+    EXPECT_EQ("GET_KEYBOARD_INFO: not all keyboards are told: one that is not yet started "
+              "hides another (0xE0000003)",
+              keyboards.Error().Text());
     EXPECT_FALSE(keyboards.Ok());
-    EXPECT_EQ(driver.FindByHardwareId(BOOT_ID).Error(), Status::Incomplete);
-    EXPECT_EQ(driver.FindOnly().Error(), Status::Incomplete);
+    EXPECT_EQ(Status::Incomplete, driver.FindByHardwareId(BOOT_ID).Error());
+    EXPECT_EQ(Status::Incomplete, driver.FindOnly().Error());
     EXPECT_TRUE(keyboard.FindAgain().Ok()) << "by its name it is found";
 
     PlugAt(3);
-    EXPECT_EQ(driver.GetKeyboards()->size(), 1u) << "what can be asked is told";
+    EXPECT_EQ(1u, driver.GetKeyboards()->size()) << "what can be asked is told";
     HostThread system = HostStartThread([pLate] {
         HANDLE hPause = HostCreateEvent(false);
         HostWaitEvent(hPause, 300000);
@@ -101,7 +101,7 @@ TEST_P(FindTest, AKeyboardThatDoesNotStartHidesAnother)
     keyboards = driver.GetKeyboards();
     HostJoinThread(system);
     EXPECT_TRUE(keyboards.Ok()) << "it was asked until the keyboard had started";
-    ASSERT_EQ(keyboards->size(), 3u);
+    ASSERT_EQ(3u, keyboards->size());
     EXPECT_EQ(keyboards->at(1).ulDeviceIndex, pLate->Index());
 }
 
@@ -130,15 +130,15 @@ TEST_P(FindTest, AListenerEndsWithItsKeyboard)
     EmuKeyboard* pOther = PlugAt(2);
     Status status;
     EXPECT_LE(EndAfterUs(pPlugged, *listener, &status), 1000000u);
-    EXPECT_EQ(status.Text(), "GET_NOTIFY_COUNT, keyboard 0: the keyboard was pulled out (0xE0000002)");
-    EXPECT_EQ(listener->Wait(0).Error(), Status::KeyboardGone);
+    EXPECT_EQ("GET_NOTIFY_COUNT, keyboard 0: the keyboard was pulled out (0xE0000002)", status.Text());
+    EXPECT_EQ(Status::KeyboardGone, listener->Wait(0).Error());
 
     // Macro records are of all keyboards.
     auto records = driver.Macros().Records().Listen();
     ASSERT_TRUE(records.Ok());
-    EXPECT_EQ(records->Wait(1200).Error(), Status::Timeout);
+    EXPECT_EQ(Status::Timeout, records->Wait(1200).Error());
     EXPECT_LE(EndAfterUs(pOther, *records, &status), 1000000u);
-    EXPECT_EQ(status.Text(), "GET_MACRO_COUNT, every keyboard: the keyboard was pulled out (0xE0000002)");
+    EXPECT_EQ("GET_MACRO_COUNT, every keyboard: the keyboard was pulled out (0xE0000002)", status.Text());
 }
 
 INSTANTIATE_TEST_SUITE_P(Processes, FindTest, BothProcessSizes, ProcessSizeName);

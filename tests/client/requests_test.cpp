@@ -71,9 +71,9 @@ TEST_P(RequestsTest, EachHasOneCall)
         calls[one.ulCode]++;
     }
     for (const tvusb::RequestText& request : tvusb::RequestTexts) {
-        EXPECT_EQ(calls[request.ulCode], 1) << request.pName;
+        EXPECT_EQ(1, calls[request.ulCode]) << request.pName;
     }
-    EXPECT_EQ(calls.size(), 55u);
+    EXPECT_EQ(55u, calls.size());
 }
 
 TEST_P(RequestsTest, InputsLieWhereTheDriverReadsThem)
@@ -81,37 +81,37 @@ TEST_P(RequestsTest, InputsLieWhereTheDriverReadsThem)
     Input expected = Record({7, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 0x02, 4, 0, 0, 2, 0, 0, 0, 0xE0, 0x5B});
     (void)keyboard.AddDefinition(
         tvusb::MakeHotkey(7, MODIFIER_ANY_CONTROL | MODIFIER_LEFT_CONTROL, {0xE0, 0x5B}, true));
-    EXPECT_EQ(sent.back().In, expected);
+    EXPECT_EQ(expected, sent.back().In);
 
     (void)keyboard.WriteEeprom(0x1234, {0xAA, 0xBB, 0xCC});
-    EXPECT_EQ(sent.back().In, Record({0x34, 0x12, 3, 0, 0xAA, 0xBB, 0xCC}));
+    EXPECT_EQ(Record({0x34, 0x12, 3, 0, 0xAA, 0xBB, 0xCC}), sent.back().In);
     (void)keyboard.ReadVendorMemory(0x1234, 0x201);
-    EXPECT_EQ(sent.back().In, Record({0x34, 0x12, 0x01, 0x02}));
-    EXPECT_EQ(sent.back().ulOut, 0x201u);
+    EXPECT_EQ(Record({0x34, 0x12, 0x01, 0x02}), sent.back().In);
+    EXPECT_EQ(0x201u, sent.back().ulOut);
     (void)keyboard.SetTypematic(30, 3);
-    EXPECT_EQ(sent.back().In, Record({30, 0, 3, 0}));
+    EXPECT_EQ(Record({30, 0, 3, 0}), sent.back().In);
     (void)keyboard.SendKeyCommand(1, 0x3B);
-    EXPECT_EQ(sent.back().In, Record({1, 0, 0, 0, 0, 0, 0x3B, 0}));
+    EXPECT_EQ(Record({1, 0, 0, 0, 0, 0, 0x3B, 0}), sent.back().In);
     (void)keyboard.ReadString(2, 0x409);
-    EXPECT_EQ(sent.back().In, Record({2, 0, 0, 0, 9, 4, 0, 0}));
+    EXPECT_EQ(Record({2, 0, 0, 0, 9, 4, 0, 0}), sent.back().In);
     (void)keyboard.InsertScans({0xE0, 0x1D}, true);
-    EXPECT_EQ(sent.back().In, Record({1, 0, 0, 0, 2, 0, 0xE0, 0x1D}));
+    EXPECT_EQ(Record({1, 0, 0, 0, 2, 0, 0xE0, 0x1D}), sent.back().In);
     (void)keyboard.InsertPackets({tvusb::MakeReport({9, 8}), tvusb::MakeReport({7})}, true);
-    EXPECT_EQ(sent.back().In,
-              Record({2, 0, 0, 0, 0, 0, 0, 0, 2, 0, 9, 8, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1, 0, 7}));
+    EXPECT_EQ(Record({2, 0, 0, 0, 0, 0, 0, 0, 2, 0, 9, 8, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1, 0, 7}),
+              sent.back().In);
     (void)driver.FindKeyboardIndex(u"\\\\?\\ab");
-    EXPECT_EQ(sent.back().In, Record({'a', 0, 'b', 0}));
+    EXPECT_EQ(Record({'a', 0, 'b', 0}), sent.back().In);
 
     // The handle is as wide as the process's pointers.
     auto event = driver.MakeEvent();
     (void)keyboard.Events().Register(*event);
     Input handle(GetParam() ? 4 : 8, 0xFF);
     handle[0] = 0x9C;
-    EXPECT_EQ(sent.back().In, Record(handle));
+    EXPECT_EQ(Record(handle), sent.back().In);
 
     // Not a record.
     (void)driver.Macros().SetCapture(0xFE);
-    EXPECT_EQ(sent.back().In, (Input{0xFE, 0, 0, 0}));
+    EXPECT_EQ((Input{0xFE, 0, 0, 0}), sent.back().In);
 }
 
 TEST_P(RequestsTest, LongWritesLengthenTheInputAndBadValuesAreNotSent)
@@ -119,7 +119,7 @@ TEST_P(RequestsTest, LongWritesLengthenTheInputAndBadValuesAreNotSent)
     std::vector<uint8_t> data(0xFFFD, 0x5A);
     EXPECT_TRUE(keyboard.WriteDescriptorMemory(0, data).Ok());
     EXPECT_EQ(sent.back().In.size(), (GetParam() ? 8u : 12u) + data.size());
-    EXPECT_EQ(sent.back().In.back(), 0x5A);
+    EXPECT_EQ(0x5A, sent.back().In.back());
 
     sent.clear();
     const uint32_t ulBad = tvusb::Status::InvalidParameter;
@@ -192,13 +192,13 @@ TEST(WindowsErrorTest, StandsForWhatItMeans)
         {1111, IOCTL_TVUSB_GET_LEDS, 0xC0070457},
     };
     for (const auto& row : cases) {
-        EXPECT_EQ(tvusb::StatusOfError(row.ulError, row.ulRequest), row.ulStatus) << row.ulError;
+        EXPECT_EQ(row.ulStatus, tvusb::StatusOfError(row.ulError, row.ulRequest)) << row.ulError;
     }
 }
 
 TEST(TextTest, SurrogatesBecomeUtf8)
 {
-    EXPECT_EQ(tvusb::ToUtf8(u"a\u00E4\u20AC\U0001F511"), "a\xC3\xA4\xE2\x82\xAC\xF0\x9F\x94\x91");
-    EXPECT_EQ(tvusb::ToUtf8({u'a', char16_t(0xD83D)}), "a\xEF\xBF\xBD");
+    EXPECT_EQ("a\xC3\xA4\xE2\x82\xAC\xF0\x9F\x94\x91", tvusb::ToUtf8(u"a\u00E4\u20AC\U0001F511"));
+    EXPECT_EQ("a\xEF\xBF\xBD", tvusb::ToUtf8({u'a', char16_t(0xD83D)}));
 }
 } // namespace

@@ -36,9 +36,9 @@ TEST_P(TypingTest, TextReachesTheSystemKeyByKey)
     EXPECT_EQ(seen, text);
 
     EXPECT_EQ(
-        keyboard.TypeText("a\xC3\xA4").Text(),
         "INSERT_PACKETS, keyboard 0, character 195: a value does not fit the request, which was not sent "
-        "(0xC000000D)");
+        "(0xC000000D)",
+        keyboard.TypeText("a\xC3\xA4").Text());
     EXPECT_TRUE(pPlugged->Taken().empty());
     EXPECT_TRUE(keyboard.TypeText("").Ok());
 }
@@ -67,7 +67,7 @@ TEST_P(TypingTest, NothingIsDroppedBehindWhatWaits)
     bTyped = true;
     HostJoinThread(system);
     EXPECT_TRUE(status.Ok()) << status.Text();
-    EXPECT_EQ(pSlow->Taken().size(), 10u + 1 + 16);
+    EXPECT_EQ(10u + 1 + 16, pSlow->Taken().size());
 }
 
 INSTANTIATE_TEST_SUITE_P(Processes, TypingTest, BothProcessSizes, ProcessSizeName);
@@ -88,8 +88,8 @@ TEST(PersonTest, PressesAnyKey)
     };
     std::string bad;
     for (const auto& row : cases) {
-        EXPECT_EQ(ReportsOfWords(row.pWords, &bad), row.Keys) << row.pWords;
-        EXPECT_EQ(bad, "") << row.pWords;
+        EXPECT_EQ(row.Keys, ReportsOfWords(row.pWords, &bad)) << row.pWords;
+        EXPECT_EQ("", bad) << row.pWords;
     }
     for (const char* pBad : {"ctrl+", "strg+c", "0x100", "0x", "0x0", "0xfg", "ctrl+F1", "\xC3\xA4"}) {
         bad = "";

@@ -37,24 +37,24 @@ static std::string BytesOf(const std::string& file)
 
 TEST(Inf, InstallsTheServiceItsFileAndItsSettings)
 {
-    EXPECT_EQ(TextValue("DisplayName"), "Tv64USB keyboard filter");
-    EXPECT_EQ(NumberValue(ServiceKey, "Type"), DWORD{SERVICE_KERNEL_DRIVER});
-    EXPECT_EQ(NumberValue(ServiceKey, "Start"), DWORD{SERVICE_DEMAND_START});
-    EXPECT_EQ(NumberValue(ServiceKey, "ErrorControl"), DWORD{SERVICE_ERROR_NORMAL});
+    EXPECT_EQ("Tv64USB keyboard filter", TextValue("DisplayName"));
+    EXPECT_EQ(DWORD{SERVICE_KERNEL_DRIVER}, NumberValue(ServiceKey, "Type"));
+    EXPECT_EQ(DWORD{SERVICE_DEMAND_START}, NumberValue(ServiceKey, "Start"));
+    EXPECT_EQ(DWORD{SERVICE_ERROR_NORMAL}, NumberValue(ServiceKey, "ErrorControl"));
     const std::string image = BytesOf(TextValue("ImagePath"));
     EXPECT_FALSE(image.empty()) << TextValue("ImagePath");
     EXPECT_TRUE(image == BytesOf(OwnFolder() + "Tv64USB.sys"));
     const std::string settings = std::string(ServiceKey) + "\\TolvenParams";
-    EXPECT_EQ(NumberValue(settings, "Prefix1"), 0x7Du);
-    EXPECT_EQ(NumberValue(settings, "Prefix2"), 0x7Bu);
-    EXPECT_EQ(NumberValue(settings, "PosKeyPrefix"), 0x79u);
+    EXPECT_EQ(0x7Du, NumberValue(settings, "Prefix1"));
+    EXPECT_EQ(0x7Bu, NumberValue(settings, "Prefix2"));
+    EXPECT_EQ(0x79u, NumberValue(settings, "PosKeyPrefix"));
 }
 
 // That a filter is added to a device is the one thing that this system's setup library does not do.
 TEST(Inf, AsksForALowerFilter)
 {
     HINF hInf = SetupOpenInfFileA((OwnFolder() + "Tv64USB.inf").c_str(), nullptr, INF_STYLE_WIN4, nullptr);
-    ASSERT_NE(hInf, INVALID_HANDLE_VALUE);
+    ASSERT_NE(INVALID_HANDLE_VALUE, hInf);
     INFCONTEXT line;
     char szService[50] = "", szSection[50] = "", szPosition[50] = "";
     ASSERT_TRUE(SetupFindFirstLineA(hInf, "Install.NT.Filters", "AddFilter", &line));
@@ -62,8 +62,8 @@ TEST(Inf, AsksForALowerFilter)
     EXPECT_TRUE(SetupGetStringFieldA(&line, 3, szSection, sizeof(szSection), nullptr));
     EXPECT_TRUE(SetupGetLineTextA(nullptr, hInf, szSection, "FilterPosition", szPosition, sizeof(szPosition),
                                   nullptr));
-    EXPECT_STREQ(szService, "Tv64USB");
-    EXPECT_STREQ(szPosition, "Lower");
+    EXPECT_STREQ("Tv64USB", szService);
+    EXPECT_STREQ("Lower", szPosition);
     SetupCloseInfFile(hInf);
     printf("left out: AddFilter of Tv64USB.inf, which this system's setup library does not know\n");
 }

@@ -16,11 +16,11 @@ unsigned PlugAndPlay::WaitGone(const TestKeyboard& keyboard)
 
 void PlugAndPlay::Unload()
 {
-    EXPECT_EQ(CountDevices(), 0u);
+    EXPECT_EQ(0u, CountDevices());
     UnloadAnswer answer = UnloadDriver();
-    EXPECT_EQ(answer.ulStatus, 0u) << "unloading";
-    EXPECT_EQ(answer.ulBlocksLeft, 0u) << "blocks of memory left";
-    EXPECT_EQ(answer.ulGapsFilled, 1u) << "the memory was not counted";
+    EXPECT_EQ(0u, answer.ulStatus) << "unloading";
+    EXPECT_EQ(0u, answer.ulBlocksLeft) << "blocks of memory left";
+    EXPECT_EQ(1u, answer.ulGapsFilled) << "the memory was not counted";
 }
 
 void PlugAndPlay::TearDown()

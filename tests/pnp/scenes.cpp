@@ -23,16 +23,16 @@ static KeyDefinition CtrlF1Hotkey(uint32_t ulId)
 TEST_F(PlugAndPlay, AKeyboardComesUp)
 {
     tvusb::Driver driver;
-    EXPECT_EQ(driver.Open(), Status::NameNotFound);
+    EXPECT_EQ(Status::NameNotFound, driver.Open());
     Plug();
-    ASSERT_EQ(driver.Open(), Status::Success);
-    EXPECT_EQ(*driver.GetVersion(), 0x00010300u);
+    ASSERT_EQ(Status::Success, driver.Open());
+    EXPECT_EQ(0x00010300u, *driver.GetVersion());
     auto info = driver.GetKeyboardInfo(0);
     ASSERT_TRUE(info.Ok()) << info.Error().Text();
-    EXPECT_EQ(info->ulDeviceIndex, 0u);
-    EXPECT_EQ(tvusb::ToUtf8(tvusb::TextOf(info->HardwareId)), "USB\\VID_7A3C&PID_0101&MI_00");
-    EXPECT_EQ(tvusb::ToUtf8(tvusb::TextOf(info->Description)), "Emulated keyboard"); // as tvhid.inf names it
-    EXPECT_EQ(tvusb::ToUtf8(tvusb::TextOf(info->DeviceObjectName)).substr(0, 8), "\\Device\\");
+    EXPECT_EQ(0u, info->ulDeviceIndex);
+    EXPECT_EQ("USB\\VID_7A3C&PID_0101&MI_00", tvusb::ToUtf8(tvusb::TextOf(info->HardwareId)));
+    EXPECT_EQ("Emulated keyboard", tvusb::ToUtf8(tvusb::TextOf(info->Description))); // as tvhid.inf names it
+    EXPECT_EQ("\\Device\\", tvusb::ToUtf8(tvusb::TextOf(info->DeviceObjectName)).substr(0, 8));
 }
 
 TEST_F(PlugAndPlay, AnApplicationFindsAKeyboardByItsInterface)
@@ -43,13 +43,13 @@ TEST_F(PlugAndPlay, AnApplicationFindsAKeyboardByItsInterface)
         Plug();
         seen = InterfaceNames();
     }
-    ASSERT_EQ(names[0].size(), 1u);
-    ASSERT_EQ(names[1].size(), 2u);
-    ASSERT_EQ(driver.Open(), Status::Success);
+    ASSERT_EQ(1u, names[0].size());
+    ASSERT_EQ(2u, names[1].size());
+    ASSERT_EQ(Status::Success, driver.Open());
     for (const std::string& name : names[1]) {
         const uint32_t ulIndex = name == names[0][0] ? 0 : 1;
         auto found = driver.FindKeyboardIndex(std::u16string(name.begin(), name.end()));
-        EXPECT_EQ(found.Error(), Status::Success);
+        EXPECT_EQ(Status::Success, found.Error());
         EXPECT_EQ(*found, ulIndex) << name;
     }
 }
@@ -90,7 +90,7 @@ TEST_F(PlugAndPlay, TheListenerIsToldOfCtrlF1)
          {"keyboard 0", "hotkey 7 down", "hotkey 7 up", "hotkey 7 down", "hotkey 7 up", ""}) {
         EXPECT_EQ(listener.ReadLine(), pszLine);
     }
-    EXPECT_EQ(listener.Status(), 0);
+    EXPECT_EQ(0, listener.Status());
     EXPECT_EQ(keyboard.Type(CtrlF1), CtrlF1); // the hotkey went with the listener
 }
 
@@ -105,16 +105,16 @@ TEST_F(PlugAndPlay, ASecondKeyboardHasItsOwnIndexAndHotkeys)
     Application three(2);
     two.Define(tvusb::MakeHotkey(8, 0, {0x3C}, true));
     three.Define(tvusb::MakeHotkey(9, 0, {0xE0, 0x5F}, true));
-    EXPECT_EQ(Indexes(one.driver), "0 1 2");
+    EXPECT_EQ("0 1 2", Indexes(one.driver));
 
     EXPECT_EQ(second.Type(CtrlF1), CtrlF1);
     EXPECT_EQ(second.Type("00 00 3B"), NoKey);
-    EXPECT_EQ(first.Type("01 00 3B"), "01 00 3B 00 00 00 00 00");
+    EXPECT_EQ("01 00 3B 00 00 00 00 00", first.Type("01 00 3B"));
     EXPECT_EQ(first.Type(CtrlF1), NoKey);
-    EXPECT_EQ(chic.Type("02 04", 2), "02 00"); // its power keys come in a report of their own
-    EXPECT_EQ(one.Events(), "down 7");
-    EXPECT_EQ(two.Events(), "down 8");
-    EXPECT_EQ(three.Events(), "down 9");
+    EXPECT_EQ("02 00", chic.Type("02 04", 2)); // its power keys come in a report of their own
+    EXPECT_EQ("down 7", one.Events());
+    EXPECT_EQ("down 8", two.Events());
+    EXPECT_EQ("down 9", three.Events());
 }
 
 TEST_F(PlugAndPlay, OrderlyRemovalLeavesTheOtherKeyboard)
@@ -128,18 +128,18 @@ TEST_F(PlugAndPlay, OrderlyRemovalLeavesTheOtherKeyboard)
     EXPECT_EQ(second.Type(CtrlF1), CtrlF1); // asked only
     second.Pull();
     EXPECT_LT(WaitGone(second), 3000u); // nobody is waited for while another keyboard is there
-    EXPECT_EQ(Indexes(one.driver), "0");
-    EXPECT_EQ(InterfaceNames().size(), 1u);
-    EXPECT_EQ(two.keyboard.StopProcessing(), Status::Unsuccessful);
+    EXPECT_EQ("0", Indexes(one.driver));
+    EXPECT_EQ(1u, InterfaceNames().size());
+    EXPECT_EQ(Status::Unsuccessful, two.keyboard.StopProcessing());
     EXPECT_EQ(first.Type(CtrlF1), NoKey);
-    EXPECT_EQ(one.Events(), "down 7");
+    EXPECT_EQ("down 7", one.Events());
 
     one.driver.Close();
     two.driver.Close();
     EXPECT_TRUE(first.AskRemove());
     first.Pull();
     EXPECT_LT(WaitGone(first), 3000u);
-    EXPECT_EQ(one.driver.Open(), Status::NameNotFound);
+    EXPECT_EQ(Status::NameNotFound, one.driver.Open());
 }
 
 // A key is held, so its repeat is running, when the keyboard is pulled; the application closes when it is told.
@@ -148,18 +148,18 @@ TEST_F(PlugAndPlay, PulledWhileAKeyIsHeld)
     TestKeyboard& keyboard = Plug();
     Application application(0);
     auto gone = application.driver.MakeEvent();
-    ASSERT_EQ(application.driver.RegisterApplicationEvent(*gone), Status::Success);
+    ASSERT_EQ(Status::Success, application.driver.RegisterApplicationEvent(*gone));
     KeyDefinition every = {}; // tells of every key and of its repeats
     every.ulId = 5;
     every.ulType = DEFINITION_POINT_OF_SALE;
     application.Define(every);
 
-    EXPECT_EQ(keyboard.Type("00 00 04"), "00 00 04 00 00 00 00 00");
-    EXPECT_EQ(application.Events(), "key 1E 5");
-    EXPECT_EQ(application.Events(3000), "repeat 1E 5");
-    EXPECT_EQ(gone->Wait(0), Status::Timeout);
+    EXPECT_EQ("00 00 04 00 00 00 00 00", keyboard.Type("00 00 04"));
+    EXPECT_EQ("key 1E 5", application.Events());
+    EXPECT_EQ("repeat 1E 5", application.Events(3000));
+    EXPECT_EQ(Status::Timeout, gone->Wait(0));
     keyboard.Pull();
-    EXPECT_EQ(gone->Wait(3000), Status::Success);
+    EXPECT_EQ(Status::Success, gone->Wait(3000));
     EXPECT_TRUE(keyboard.IsThere()); // the driver waits for the application
     application.driver.Close();
     EXPECT_LT(WaitGone(keyboard), 3000u);
@@ -172,7 +172,7 @@ TEST_F(PlugAndPlay, PulledFromAnApplicationThatStaysAndPluggedInAgain)
     TestKeyboard& keyboard = Plug();
     Application application(0);
     auto gone = application.driver.MakeEvent();
-    ASSERT_EQ(application.driver.RegisterApplicationEvent(*gone), Status::Success);
+    ASSERT_EQ(Status::Success, application.driver.RegisterApplicationEvent(*gone));
     application.Define(CtrlF1Hotkey(7));
     EXPECT_EQ(keyboard.Type(CtrlF1), NoKey);
     keyboard.Pull();
@@ -182,11 +182,11 @@ TEST_F(PlugAndPlay, PulledFromAnApplicationThatStaysAndPluggedInAgain)
 
     TestKeyboard& again = Plug();
     EXPECT_FALSE(application.driver.GetKeyboards().Ok());
-    ASSERT_EQ(application.driver.Open(), Status::Success);
-    EXPECT_EQ(Indexes(application.driver), "1");
-    ASSERT_EQ(application.keyboard.FindAgain(), Status::Success);
-    EXPECT_EQ(application.keyboard.Index(), 1u);
-    EXPECT_EQ(application.keyboard.StartProcessing(), Status::Success);
+    ASSERT_EQ(Status::Success, application.driver.Open());
+    EXPECT_EQ("1", Indexes(application.driver));
+    ASSERT_EQ(Status::Success, application.keyboard.FindAgain());
+    EXPECT_EQ(1u, application.keyboard.Index());
+    EXPECT_EQ(Status::Success, application.keyboard.StartProcessing());
     EXPECT_EQ(again.Type(CtrlF1), CtrlF1); // it has no definitions
     application.Define(CtrlF1Hotkey(8));
     EXPECT_EQ(again.Type(CtrlDown), CtrlDown);
@@ -199,12 +199,12 @@ TEST_F(PlugAndPlay, LoadedAnewItBeginsFromNothing)
     first.Pull();
     WaitGone(first);
     TestKeyboard& second = Plug();
-    EXPECT_EQ(Indexes(Application(1).driver), "1"); // as long as it is loaded, no index comes twice
+    EXPECT_EQ("1", Indexes(Application(1).driver)); // as long as it is loaded, no index comes twice
     second.Pull();
     WaitGone(second);
     Unload();
     Plug();
-    EXPECT_EQ(Indexes(Application(0).driver), "0");
+    EXPECT_EQ("0", Indexes(Application(0).driver));
 }
 
 static std::string ContentOf(const char* pszFile)

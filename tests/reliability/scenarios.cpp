@@ -142,7 +142,7 @@ static void UnloadDriver(World& world, const Failing& beforeRun)
 {
     beforeRun();
     world.Application.reset();
-    EXPECT_EQ(world.Machine->UnloadDrivers(), 0u) << "things left over";
+    EXPECT_EQ(0u, world.Machine->UnloadDrivers()) << "things left over";
 }
 
 const std::vector<Scenario> Scenarios = {

@@ -24,9 +24,9 @@ TEST(Soak, TenThousandKeyboardsComeAndGo)
     size_t early = 0;
     for (unsigned i = 0; i < 10000; i++) {
         EmuKeyboard* pKeyboard = world.Machine->Plug();
-        ASSERT_EQ(pKeyboard->StartStatus(), STATUS_SUCCESS) << i;
+        ASSERT_EQ(STATUS_SUCCESS, pKeyboard->StartStatus()) << i;
         World::Press(pKeyboard, 0x04);
-        ASSERT_EQ(pKeyboard->Taken().size(), 2u) << i;
+        ASSERT_EQ(2u, pKeyboard->Taken().size()) << i;
         pKeyboard->Unplug(i % 2 != 0);
         world.Machine->Forget(pKeyboard);
         if (i == 1000) {
@@ -34,7 +34,7 @@ TEST(Soak, TenThousandKeyboardsComeAndGo)
         }
     }
     EXPECT_LT(ALLOCATED_BYTES(), early + FlatBytes);
-    EXPECT_EQ(world.Machine->Unload(), 0u) << "things left over";
+    EXPECT_EQ(0u, world.Machine->Unload()) << "things left over";
 }
 
 TEST(Soak, AThousandLoads)
@@ -43,11 +43,11 @@ TEST(Soak, AThousandLoads)
     for (unsigned i = 0; i < 1000; i++) {
         World world;
         world.Load();
-        ASSERT_EQ(world.Machine->LoadStatus(), STATUS_SUCCESS) << i;
+        ASSERT_EQ(STATUS_SUCCESS, world.Machine->LoadStatus()) << i;
         world.Open(world.Plug());
         World::Press(world.Keyboards[0], 0x04);
         world.Application.reset();
-        ASSERT_EQ(world.Machine->Unload(), 0u) << i;
+        ASSERT_EQ(0u, world.Machine->Unload()) << i;
         if (i == 100) {
             early = ALLOCATED_BYTES();
         }

@@ -143,13 +143,13 @@ TEST(Threaded, ACrowdAtFourKeyboards)
     crowd.System.Macros = MacroModeOnPowerKeys;
     crowd.System.Mode = HostThreaded;
     crowd.System.Load();
-    ASSERT_EQ(crowd.System.Machine->LoadStatus(), STATUS_SUCCESS);
+    ASSERT_EQ(STATUS_SUCCESS, crowd.System.Machine->LoadStatus());
     EmuPlugOptions plug;
     plug.Record = false;
     plug.OnReceived = [&](const EmuReceived& report) { crowd.Received += NT_SUCCESS(report.Status) ? 1 : 0; };
     for (int i = 0; i < 3; i++) {
         crowd.System.Keyboards.push_back(crowd.System.Machine->Plug(EmuBootKeyboard, plug));
-        ASSERT_EQ(crowd.System.Keyboards.back()->StartStatus(), STATUS_SUCCESS);
+        ASSERT_EQ(STATUS_SUCCESS, crowd.System.Keyboards.back()->StartStatus());
     }
     std::vector<HostThread> threads;
     for (EmuKeyboard* pKeyboard : crowd.System.Keyboards) {
@@ -170,6 +170,6 @@ TEST(Threaded, ACrowdAtFourKeyboards)
     EXPECT_GT(crowd.Received, 0u);
     EXPECT_GT(crowd.Found, 0u);
     EXPECT_GT(crowd.Pulled, 0u);
-    EXPECT_EQ(crowd.System.Machine->Unload(), 0u) << "things left over";
+    EXPECT_EQ(0u, crowd.System.Machine->Unload()) << "things left over";
 }
 } // namespace

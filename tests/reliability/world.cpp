@@ -89,20 +89,20 @@ static void CheckReads(const World& world)
 static void CheckNewKeyboard(World& world)
 {
     EmuKeyboard* pKeyboard = world.Plug();
-    ASSERT_EQ(pKeyboard->AddStatus(), STATUS_SUCCESS);
-    ASSERT_EQ(pKeyboard->StartStatus(), STATUS_SUCCESS);
+    ASSERT_EQ(STATUS_SUCCESS, pKeyboard->AddStatus());
+    ASSERT_EQ(STATUS_SUCCESS, pKeyboard->StartStatus());
     EmuApplication application;
-    ASSERT_EQ(application.OpenStatus(), STATUS_SUCCESS);
+    ASSERT_EQ(STATUS_SUCCESS, application.OpenStatus());
     const ULONG ulIndex = pKeyboard->Index();
-    ASSERT_EQ(application.RegisterNotifyEvent(ulIndex), STATUS_SUCCESS);
-    ASSERT_EQ(application.StartReportProcessing(ulIndex), STATUS_SUCCESS);
+    ASSERT_EQ(STATUS_SUCCESS, application.RegisterNotifyEvent(ulIndex));
+    ASSERT_EQ(STATUS_SUCCESS, application.StartReportProcessing(ulIndex));
     const KeyDefinition hotkey = tvusb::MakeHotkey(77, MODIFIER_ANY_CONTROL, {0x3B}, false);
-    ASSERT_EQ(application.AddDefinition(ulIndex, hotkey), STATUS_SUCCESS);
+    ASSERT_EQ(STATUS_SUCCESS, application.AddDefinition(ulIndex, hotkey));
     (void)pKeyboard->Taken();
     World::Press(pKeyboard, 0x04);
     World::Press(pKeyboard, 0x3A, 0x01);
-    EXPECT_EQ(pKeyboard->Taken().size(), 4u) << "what a new keyboard types reaches the system";
-    EXPECT_EQ(application.TakeRecords(ulIndex).size(), 2u) << "its hotkey goes down and up";
+    EXPECT_EQ(4u, pKeyboard->Taken().size()) << "what a new keyboard types reaches the system";
+    EXPECT_EQ(2u, application.TakeRecords(ulIndex).size()) << "its hotkey goes down and up";
 }
 
 void CheckAfterwards(World& world)
@@ -115,5 +115,5 @@ void CheckAfterwards(World& world)
         CheckNewKeyboard(world);
     }
     world.Application.reset();
-    EXPECT_EQ(world.Machine->Unload(), 0u) << "things left over";
+    EXPECT_EQ(0u, world.Machine->Unload()) << "things left over";
 }

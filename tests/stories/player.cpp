@@ -79,7 +79,7 @@ void Player::ExpectEvents(const std::string& expected)
     if (!m_Keyboards.empty() && Current().Plugged()) {
         bool bSignalled = m_Application->NotifySignalled(Index());
         for (const NotifyRecord& record : m_Application->TakeRecords(Index())) {
-            EXPECT_EQ(record.ucValid, 1);
+            EXPECT_EQ(1, record.ucValid);
             EXPECT_LE(record.ulTime - m_ulLineBegan, TimeNow() - m_ulLineBegan) << "when it happened";
             told += (told.empty() ? "" : ", ") + EventText(record);
         }
@@ -132,7 +132,7 @@ void Player::Finish()
         m_Application->Close();
     }
     if (m_Machine) {
-        EXPECT_EQ(m_Machine->Unload(), 0u) << "things left over";
+        EXPECT_EQ(0u, m_Machine->Unload()) << "things left over";
     }
 }
 

@@ -164,6 +164,6 @@ void Player::Answers(const Words& words, const Parts&)
     } else if (how != "well" && how != "stall") {
         throw BadLine("answers how? " + how);
     }
-    EXPECT_EQ(Current().SetRules(how == "well" ? std::vector<EmuAnswerRule>() : std::vector{rule}),
-              STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS,
+              Current().SetRules(how == "well" ? std::vector<EmuAnswerRule>() : std::vector{rule}));
 }

@@ -15,7 +15,7 @@ void Player::StartMachine()
 {
     m_Options.Entry = DriverEntry;
     m_Machine = std::make_unique<EmuMachine>(m_Options);
-    ASSERT_EQ(m_Machine->LoadStatus(), STATUS_SUCCESS);
+    ASSERT_EQ(STATUS_SUCCESS, m_Machine->LoadStatus());
 }
 
 // Plugs one interface of a keyboard in; report processing is switched on for it.
@@ -35,14 +35,14 @@ void Player::PlugInterface(const EmuDescriptors& descriptors, EmuPlugOptions opt
     m_Keyboards.push_back(m_Machine->Plug(descriptors, options));
     m_Kinds.push_back(&descriptors);
     m_Reads.push_back(options.Reads);
-    ASSERT_EQ(Current().StartStatus(), STATUS_SUCCESS);
+    ASSERT_EQ(STATUS_SUCCESS, Current().StartStatus());
     if (!m_Application) {
         m_Application = std::make_unique<EmuApplication>(m_b32);
-        ASSERT_EQ(m_Application->OpenStatus(), STATUS_SUCCESS);
-        EXPECT_EQ(m_Application->RegisterMacroEvent(), STATUS_SUCCESS);
+        ASSERT_EQ(STATUS_SUCCESS, m_Application->OpenStatus());
+        EXPECT_EQ(STATUS_SUCCESS, m_Application->RegisterMacroEvent());
     }
-    EXPECT_EQ(m_Application->RegisterNotifyEvent(Index()), STATUS_SUCCESS);
-    EXPECT_EQ(m_Application->StartReportProcessing(Index()), STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, m_Application->RegisterNotifyEvent(Index()));
+    EXPECT_EQ(STATUS_SUCCESS, m_Application->StartReportProcessing(Index()));
 }
 
 // How a keyboard is plugged in: the words behind its kind.
@@ -113,10 +113,10 @@ void Player::Answer(const Words&, const Parts& parts)
 // led BYTE -> BYTE
 void Player::Led(const Words& words, const Parts& parts)
 {
-    EXPECT_EQ(Current().SendLed(Bytes(words, 1).at(0), EmuHidRouteControl), STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, Current().SendLed(Bytes(words, 1).at(0), EmuHidRouteControl));
     std::vector<UCHAR> out;
-    EXPECT_EQ(m_Application->RequestRecord(IOCTL_TVUSB_GET_LEDS, Index(), nullptr, 0, 2, &out),
-              STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS,
+              m_Application->RequestRecord(IOCTL_TVUSB_GET_LEDS, Index(), nullptr, 0, 2, &out));
     EXPECT_EQ(Text({out.at(0)}), Text(Bytes(parts.Right)));
 }
 
@@ -129,7 +129,7 @@ void Player::Wait(const Words& words, const Parts&)
 // unplug, or pull: without asking first
 void Player::Unplug(const Words& words, const Parts&)
 {
-    EXPECT_EQ(Current().Unplug(words[0] == "pull"), STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, Current().Unplug(words[0] == "pull"));
 }
 
 // quiet

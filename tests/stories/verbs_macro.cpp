@@ -8,16 +8,16 @@ void Player::ChangeSetting(const std::string& name, const std::string& value)
     HANDLE hKey;
     OBJECT_ATTRIBUTES attributes;
     InitializeObjectAttributes(&attributes, &Globals.ParametersPath, OBJ_KERNEL_HANDLE, nullptr, nullptr);
-    ASSERT_EQ(ZwOpenKey(&hKey, KEY_SET_VALUE, &attributes), STATUS_SUCCESS);
+    ASSERT_EQ(STATUS_SUCCESS, ZwOpenKey(&hKey, KEY_SET_VALUE, &attributes));
     std::vector<WCHAR> wide(name.begin(), name.end());
     wide.push_back(0);
     UNICODE_STRING valueName;
     RtlInitUnicodeString(&valueName, wide.data());
     if (value == "-") {
-        EXPECT_EQ(ZwDeleteValueKey(hKey, &valueName), STATUS_SUCCESS);
+        EXPECT_EQ(STATUS_SUCCESS, ZwDeleteValueKey(hKey, &valueName));
     } else {
         ULONG ulValue = Number32(value, 0);
-        EXPECT_EQ(ZwSetValueKey(hKey, &valueName, 0, REG_DWORD, &ulValue, sizeof(ulValue)), STATUS_SUCCESS);
+        EXPECT_EQ(STATUS_SUCCESS, ZwSetValueKey(hKey, &valueName, 0, REG_DWORD, &ulValue, sizeof(ulValue)));
     }
     ZwClose(hKey);
 }
@@ -66,20 +66,20 @@ void Player::MacroFile(const Words& words, const Parts&)
 // reread
 void Player::Reread(const Words&, const Parts&)
 {
-    EXPECT_EQ(m_Application->RequestRecord(IOCTL_TVUSB_RELOAD_MACROS, 0, nullptr, 0), STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, m_Application->RequestRecord(IOCTL_TVUSB_RELOAD_MACROS, 0, nullptr, 0));
 }
 
 // capture on, capture off
 void Player::Capture(const Words& words, const Parts&)
 {
     std::vector<UCHAR> value = {static_cast<UCHAR>(words.at(1) == "on"), 0, 0, 0};
-    EXPECT_EQ(m_Application->Request(IOCTL_TVUSB_SET_CAPTURE, value, 0), STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, m_Application->Request(IOCTL_TVUSB_SET_CAPTURE, value, 0));
 }
 
 // classled BYTE
 void Player::ClassLed(const Words& words, const Parts&)
 {
-    EXPECT_EQ(Current().SendLed(Bytes(words, 1).at(0), EmuHidRouteClass), STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, Current().SendLed(Bytes(words, 1).at(0), EmuHidRouteClass));
 }
 
 // shows BYTES, shows -

@@ -41,8 +41,8 @@ void Player::Packet(const Words& words, const Parts&)
 void Player::ExpectModifiers(const Words& words, const Parts&)
 {
     std::vector<UCHAR> out;
-    EXPECT_EQ(m_Application->RequestRecord(IOCTL_TVUSB_GET_MODIFIERS, Index(), nullptr, 0, 4, &out),
-              STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS,
+              m_Application->RequestRecord(IOCTL_TVUSB_GET_MODIFIERS, Index(), nullptr, 0, 4, &out));
     ULONG ulFlags = 0;
     memcpy(&ulFlags, out.data(), sizeof(ulFlags));
     EXPECT_EQ(ulFlags, Modifiers(words.at(1)));

@@ -30,7 +30,7 @@ void Player::Class(const Words& words, const Parts& parts)
     }
     EmuClassDevice*& pClass = m_ClassDevices[Number32(words.at(1), 10)];
     if (!parts.Right.empty()) {
-        ASSERT_NE(pClass, nullptr);
+        ASSERT_NE(nullptr, pClass);
         const Words wanted = SplitWords(parts.Right);
         EmuClassState state = pClass->State();
         EXPECT_EQ(state.usRate, Number32(wanted.at(0), 10)) << "rate";
@@ -60,7 +60,7 @@ void Player::Typematic(const Words& words, const Parts& parts)
         EXPECT_TRUE(out.empty()) << "no output with an error";
         return;
     }
-    EXPECT_EQ(status, STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, status);
     ASSERT_EQ(out.size(), sizeof usAnswer);
     memcpy(usAnswer, out.data(), sizeof usAnswer);
     EXPECT_EQ(usAnswer[0], Number32(wanted.at(0), 10)) << "rate";
@@ -94,7 +94,7 @@ void Player::Mouse(const Words& words, const Parts& parts)
         }
         EXPECT_EQ(pMouse->TakeWords(), wanted) << "modifier words";
     } else if (words[2] == "comes") {
-        EXPECT_EQ(pMouse->Arrive(AnswerWord(words, 3)), STATUS_SUCCESS);
+        EXPECT_EQ(STATUS_SUCCESS, pMouse->Arrive(AnswerWord(words, 3)));
     } else {
         pMouse->Leave();
     }

@@ -209,24 +209,24 @@ TEST_F(Devices, WhatIsNotThereChangesNothing)
     UCHAR ucByte = 0x77, ucReport[8] = {0, 0, 4};
     KeyDefinition definition = Hotkey(1, 0, {});
     EXPECT_FALSE(GetDefinitionOfType(Filter(), 5, &definition));
-    EXPECT_EQ(definition.ulId, 1u);
-    EXPECT_EQ(SwallowScan(Filter(), ucReport, 8, 8), 8u);
-    EXPECT_EQ(SwallowScan(Filter(), ucReport, 8, ~0u), 8u);
-    EXPECT_EQ(Context()->usSwallowCount, 0);
+    EXPECT_EQ(1u, definition.ulId);
+    EXPECT_EQ(8u, SwallowScan(Filter(), ucReport, 8, 8));
+    EXPECT_EQ(8u, SwallowScan(Filter(), ucReport, 8, ~0u));
+    EXPECT_EQ(0, Context()->usSwallowCount);
     ULONG ulScanCode = 0x7777;
-    EXPECT_EQ(HIDToPS2(0, &ulScanCode, &ucByte, &ucByte), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(ulScanCode, 0x7777u);
-    EXPECT_EQ(ucByte, 0x77);
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, HIDToPS2(0, &ulScanCode, &ucByte, &ucByte));
+    EXPECT_EQ(0x7777u, ulScanCode);
+    EXPECT_EQ(0x77, ucByte);
 
     Globals.ucPrefix1Usage = 0; // of a scan code that no key has
     EXPECT_FALSE(IsPrefixUsage(0));
 
     definition.usScanCount = 33; // more than the record holds
     HotkeyEntry entry;
-    EXPECT_EQ(ConvertPS2ToHID(Filter(), &definition, &entry), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, ConvertPS2ToHID(Filter(), &definition, &entry));
     UCHAR ucScans[6] = {0, 0, 0, 0, 0xFF, 0x01}; // 511 scan codes, of which none follows
-    EXPECT_EQ(InsertScans(Keyboard->Index(), ucScans), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(Application->InsertScans(Keyboard->Index(), EmuBytes(510, 0xE0)), STATUS_SUCCESS)
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, InsertScans(Keyboard->Index(), ucScans));
+    EXPECT_EQ(STATUS_SUCCESS, Application->InsertScans(Keyboard->Index(), EmuBytes(510, 0xE0)))
         << "a whole record";
 }
 
@@ -237,16 +237,16 @@ TEST_F(Devices, UnsoundPacketsAreRefusedWhole)
     ULONG ulCount = 0;
     FifoEntry entry;
     std::vector<UCHAR> claim = {33, 0, 0, 0};
-    EXPECT_EQ(InsertUSBPackets(ulIndex, claim.data()), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(InsertUSBPackets(ulIndex, nullptr), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(Application->InsertUSBPackets(ulIndex, {{0, 8, {1}}, {0, 11, {2}}}), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, InsertUSBPackets(ulIndex, claim.data()));
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, InsertUSBPackets(ulIndex, nullptr));
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, Application->InsertUSBPackets(ulIndex, {{0, 8, {1}}, {0, 11, {2}}}));
     entry = {0, 11, {2}};
-    EXPECT_EQ(InsertUSBPacketFifin(Filter(), &entry), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(GetFifoCount(ulIndex, &ulCount), STATUS_SUCCESS);
-    EXPECT_EQ(ulCount, 0u);
-    EXPECT_EQ(Application->InsertUSBPackets(ulIndex, {{0, 10, {1}}}), STATUS_SUCCESS) << "fits";
-    EXPECT_EQ(InsertUSBPackets(99, claim.data()), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(GetUSBPacketFifo(99, &entry), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, InsertUSBPacketFifin(Filter(), &entry));
+    EXPECT_EQ(STATUS_SUCCESS, GetFifoCount(ulIndex, &ulCount));
+    EXPECT_EQ(0u, ulCount);
+    EXPECT_EQ(STATUS_SUCCESS, Application->InsertUSBPackets(ulIndex, {{0, 10, {1}}})) << "fits";
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, InsertUSBPackets(99, claim.data()));
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, GetUSBPacketFifo(99, &entry));
 }
 
 // A path that leaves no room for what is put behind it.

@@ -64,11 +64,11 @@ protected:
             Machine = std::make_unique<EmuMachine>(EmuMachineOptions());
         }
         Keyboard = Machine->Plug(EmuBootKeyboard, options);
-        ASSERT_EQ(Keyboard->StartStatus(), STATUS_SUCCESS);
+        ASSERT_EQ(STATUS_SUCCESS, Keyboard->StartStatus());
         Keyboard->TakenRequests();
     }
 
-    void TearDown() override { EXPECT_EQ(Machine->Unload(), 0u); }
+    void TearDown() override { EXPECT_EQ(0u, Machine->Unload()); }
 
     void Send(Transfer& transfer)
     {
@@ -134,16 +134,16 @@ TEST_F(EmuPipe, EveryUrbFormBecomesItsSetupPacket)
         Transfer transfer(c.usFunction, c.ucRequest, 0x1203, 0x3456, EmuBytes(0x107, 0x55), c.bIn);
         Send(transfer);
         std::vector<EmuRequest> requests = Keyboard->TakenRequests();
-        ASSERT_EQ(requests.size(), 1u) << c.usFunction;
+        ASSERT_EQ(1u, requests.size()) << c.usFunction;
         std::array<UCHAR, 8> expected = {c.ucType, c.ucRequest, 0x03, 0x12, 0x56, 0x34, 0x07, 0x01};
-        EXPECT_EQ(requests[0].Setup, expected) << c.usFunction;
+        EXPECT_EQ(expected, requests[0].Setup) << c.usFunction;
         EXPECT_EQ(requests[0].Data.size(), c.ucType & 0x80 ? 0u : 0x107u);
     }
 }
 
 TEST_F(EmuPipe, StringsHaveLanguagesAndLengths)
 {
-    EXPECT_EQ(String(0, 0), (EmuBytes{8, 3, 0x09, 0x04, 0x07, 0x04, 0x0C, 0x04}));
+    EXPECT_EQ((EmuBytes{8, 3, 0x09, 0x04, 0x07, 0x04, 0x0C, 0x04}), String(0, 0));
     struct {
         UCHAR ucIndex;
         USHORT usLanguage;
@@ -157,11 +157,11 @@ TEST_F(EmuPipe, StringsHaveLanguagesAndLengths)
         EmuBytes bytes = String(c.ucIndex, c.usLanguage);
         ASSERT_EQ(bytes.size(), c.ucLength) << int(c.ucIndex) << " " << c.usLanguage;
         EXPECT_EQ(bytes[0], c.ucLength);
-        EXPECT_EQ(bytes[1], USB_STRING_DESCRIPTOR_TYPE);
+        EXPECT_EQ(USB_STRING_DESCRIPTOR_TYPE, bytes[1]);
         EXPECT_TRUE(c.ucLength == 2 || (bytes[2] == c.ucFirst && bytes[3] == 0)) << int(c.ucIndex);
     }
-    EXPECT_EQ(String(2, 0x040C)[18], 0xE9); // é
-    EXPECT_EQ(String(6, 0x0409, 4), (EmuBytes{255, 3, 'A', 0}));
+    EXPECT_EQ(0xE9, String(2, 0x040C)[18]); // é
+    EXPECT_EQ((EmuBytes{255, 3, 'A', 0}), String(6, 0x0409, 4));
     EXPECT_EQ(String(7, 0x0409), EmuBytes());
     EXPECT_EQ(String(1, 0x0410), EmuBytes());
 }
@@ -171,22 +171,22 @@ TEST_F(EmuPipe, EachMemoryKeepsWhatWasWrittenThroughItsDoor)
     const USHORT toDevice = URB_FUNCTION_SET_DESCRIPTOR_TO_DEVICE;
     const USHORT fromDevice = URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE;
     const USHORT classInterface = URB_FUNCTION_CLASS_INTERFACE, vendor = URB_FUNCTION_VENDOR_DEVICE;
-    EXPECT_EQ(Write(classInterface, 9, 0x0203, 1, {0x3E, 0x00, 0xA1, 0xA2}), STATUS_SUCCESS);
-    EXPECT_EQ(Write(toDevice, 7, 0x01FD, 0, {0xFE, 0x0F, 0xB1, 0xB2}), STATUS_SUCCESS);
-    EXPECT_EQ(Write(vendor, 9, 0x0200, 0x0FFE, {0xC1, 0xC2}), STATUS_SUCCESS);
-    EXPECT_EQ(Read(classInterface, 1, 0x0203, 0x3D01, 8), (EmuBytes{0xFF, 0xA1, 0xA2})); // cut at the end
-    EXPECT_EQ(Read(fromDevice, 6, 0x01FD, 0x0FFD, 8), (EmuBytes{0xFF, 0xB1, 0xB2}));
-    EXPECT_EQ(Read(vendor, 1, 0x0200, 0x0FFD, 8), (EmuBytes{0xFF, 0xC1, 0xC2}));
+    EXPECT_EQ(STATUS_SUCCESS, Write(classInterface, 9, 0x0203, 1, {0x3E, 0x00, 0xA1, 0xA2}));
+    EXPECT_EQ(STATUS_SUCCESS, Write(toDevice, 7, 0x01FD, 0, {0xFE, 0x0F, 0xB1, 0xB2}));
+    EXPECT_EQ(STATUS_SUCCESS, Write(vendor, 9, 0x0200, 0x0FFE, {0xC1, 0xC2}));
+    EXPECT_EQ((EmuBytes{0xFF, 0xA1, 0xA2}), Read(classInterface, 1, 0x0203, 0x3D01, 8)); // cut at the end
+    EXPECT_EQ((EmuBytes{0xFF, 0xB1, 0xB2}), Read(fromDevice, 6, 0x01FD, 0x0FFD, 8));
+    EXPECT_EQ((EmuBytes{0xFF, 0xC1, 0xC2}), Read(vendor, 1, 0x0200, 0x0FFD, 8));
     EXPECT_EQ(Read(vendor, 1, 0x0200, 0x0FFE, 0), EmuBytes());
 
     // Beyond the end, without an address, by a wrong interface or index: refused, nothing written.
     EmuMemory before = Keyboard->Memory();
-    EXPECT_NE(Write(classInterface, 9, 0x0203, 1, {0x3F, 0x00, 1, 2}), STATUS_SUCCESS);
-    EXPECT_NE(Write(classInterface, 9, 0x0203, 1, {0x00, 0x01, 1}), STATUS_SUCCESS);
-    EXPECT_NE(Write(toDevice, 7, 0x01FD, 0, {0x00}), STATUS_SUCCESS);
-    EXPECT_NE(Write(toDevice, 7, 0x01FD, 1, {0x00, 0x00, 1}), STATUS_SUCCESS);
-    EXPECT_NE(Write(vendor, 9, 0x0200, 0x0FFF, {1, 2}), STATUS_SUCCESS);
-    EXPECT_EQ(memcmp(&before, &Keyboard->Memory(), sizeof before), 0);
+    EXPECT_NE(STATUS_SUCCESS, Write(classInterface, 9, 0x0203, 1, {0x3F, 0x00, 1, 2}));
+    EXPECT_NE(STATUS_SUCCESS, Write(classInterface, 9, 0x0203, 1, {0x00, 0x01, 1}));
+    EXPECT_NE(STATUS_SUCCESS, Write(toDevice, 7, 0x01FD, 0, {0x00}));
+    EXPECT_NE(STATUS_SUCCESS, Write(toDevice, 7, 0x01FD, 1, {0x00, 0x00, 1}));
+    EXPECT_NE(STATUS_SUCCESS, Write(vendor, 9, 0x0200, 0x0FFF, {1, 2}));
+    EXPECT_EQ(0, memcmp(&before, &Keyboard->Memory(), sizeof before));
     EXPECT_EQ(Read(classInterface, 1, 0x0203, 0x4101, 1), EmuBytes());
     EXPECT_EQ(Read(vendor, 1, 0x0200, 0x1001, 1), EmuBytes());
 
@@ -196,11 +196,11 @@ TEST_F(EmuPipe, EachMemoryKeepsWhatWasWrittenThroughItsDoor)
     options.Memory->ucEepromCount = 0xFF;
     Keyboard->Unplug(true);
     Plug(options);
-    EXPECT_EQ(Read(classInterface, 1, 0x0203, 0x3E01, 2), (EmuBytes{0xA1, 0xA2}));
+    EXPECT_EQ((EmuBytes{0xA1, 0xA2}), Read(classInterface, 1, 0x0203, 0x3E01, 2));
     EmuBytes report = Read(URB_FUNCTION_GET_DESCRIPTOR_FROM_INTERFACE, 6, 0x2200, 1, 100);
-    ASSERT_EQ(report.size(), 77u);
-    EXPECT_EQ(report[73] * report[71] / 8, 255);
-    EXPECT_EQ(Read(URB_FUNCTION_GET_DESCRIPTOR_FROM_INTERFACE, 6, 0x2200, 0, 100).size(), 63u);
+    ASSERT_EQ(77u, report.size());
+    EXPECT_EQ(255, report[73] * report[71] / 8);
+    EXPECT_EQ(63u, Read(URB_FUNCTION_GET_DESCRIPTOR_FROM_INTERFACE, 6, 0x2200, 0, 100).size());
 }
 
 TEST_F(EmuPipe, RulesDecideInOrderAndCount)
@@ -208,38 +208,36 @@ TEST_F(EmuPipe, RulesDecideInOrderAndCount)
     auto read = [this](ULONG ulBytes) {
         return Read(URB_FUNCTION_VENDOR_DEVICE, 1, 0x0200, 0, ulBytes).size();
     };
-    ASSERT_EQ(Keyboard->SetRules({
-                  {0xC0, 1, 0x0200, EmuAny, EmuAnswerStatus, 0, STATUS_UNSUCCESSFUL, 1, 1},
-                  {0xC0, EmuAny, EmuAny, EmuAny, EmuAnswerShort, 3, 0, 2, 0},
-              }),
-              STATUS_SUCCESS);
-    EXPECT_EQ(read(8), 8u); // the first rule skips it, the second too
-    EXPECT_EQ(read(8), 0u);
-    EXPECT_EQ(read(8), 8u); // the second skips one that it sees for the second time
-    EXPECT_EQ(read(8), 3u);
-    EXPECT_EQ(read(2), 2u);
-    EXPECT_EQ(Write(URB_FUNCTION_VENDOR_DEVICE, 9, 0x0200, 0, {1}), STATUS_SUCCESS); // no rule's business
-    EXPECT_EQ(Keyboard->SetRules(std::vector<EmuAnswerRule>(EmuMaximumRules + 1)), STATUS_INVALID_PARAMETER);
+    ASSERT_EQ(STATUS_SUCCESS, Keyboard->SetRules({
+                                  {0xC0, 1, 0x0200, EmuAny, EmuAnswerStatus, 0, STATUS_UNSUCCESSFUL, 1, 1},
+                                  {0xC0, EmuAny, EmuAny, EmuAny, EmuAnswerShort, 3, 0, 2, 0},
+                              }));
+    EXPECT_EQ(8u, read(8)); // the first rule skips it, the second too
+    EXPECT_EQ(0u, read(8));
+    EXPECT_EQ(8u, read(8)); // the second skips one that it sees for the second time
+    EXPECT_EQ(3u, read(8));
+    EXPECT_EQ(2u, read(2));
+    EXPECT_EQ(STATUS_SUCCESS, Write(URB_FUNCTION_VENDOR_DEVICE, 9, 0x0200, 0, {1})); // no rule's business
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, Keyboard->SetRules(std::vector<EmuAnswerRule>(EmuMaximumRules + 1)));
 
-    ASSERT_EQ(Keyboard->SetRules({{EmuAny, EmuAny, EmuAny, EmuAny, EmuAnswerUrbStatus, 0, 0, 0, 0}}),
-              STATUS_SUCCESS);
+    ASSERT_EQ(STATUS_SUCCESS,
+              Keyboard->SetRules({{EmuAny, EmuAny, EmuAny, EmuAny, EmuAnswerUrbStatus, 0, 0, 0, 0}}));
     Transfer failed(URB_FUNCTION_VENDOR_DEVICE, 1, 0x0200, 0, EmuBytes(8), true);
     Send(failed);
-    EXPECT_EQ(failed.Status, STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, failed.Status);
     EXPECT_TRUE(USBD_ERROR(failed.Urb.UrbHeader.Status));
-    EXPECT_EQ(failed.Moved(), 0u);
+    EXPECT_EQ(0u, failed.Moved());
 }
 
 TEST_F(EmuPipe, LateNeverAndDeafRequestsEndAsTold)
 {
     const LONG any = EmuAny;
-    ASSERT_EQ(Keyboard->SetRules({
-                  {0xC0, any, any, 1, EmuAnswerLate, 50, 0, 0, 0},
-                  {0xC0, any, any, 2, EmuAnswerLate, 20, 0, 0, 0},
-                  {0xC0, any, any, 3, EmuAnswerNever, 0, 0, 0, 0},
-                  {0xC0, any, any, 4, EmuAnswerDeaf, 0, 0, 0, 0},
-              }),
-              STATUS_SUCCESS);
+    ASSERT_EQ(STATUS_SUCCESS, Keyboard->SetRules({
+                                  {0xC0, any, any, 1, EmuAnswerLate, 50, 0, 0, 0},
+                                  {0xC0, any, any, 2, EmuAnswerLate, 20, 0, 0, 0},
+                                  {0xC0, any, any, 3, EmuAnswerNever, 0, 0, 0, 0},
+                                  {0xC0, any, any, 4, EmuAnswerDeaf, 0, 0, 0, 0},
+                              }));
     auto make = [](USHORT usIndex) {
         return Transfer(URB_FUNCTION_VENDOR_DEVICE, 1, 0x0200, usIndex, EmuBytes(4), true);
     };
@@ -249,28 +247,28 @@ TEST_F(EmuPipe, LateNeverAndDeafRequestsEndAsTold)
     for (Transfer* pTransfer : all) {
         Send(*pTransfer);
     }
-    EXPECT_EQ(Keyboard->HeldRequests(), 6u);
+    EXPECT_EQ(6u, Keyboard->HeldRequests());
     for (Transfer* pTransfer : {&given, &never, &deaf}) {
         IoCancelIrp(pTransfer->pIrp);
     }
-    EXPECT_EQ(given.Status, STATUS_CANCELLED);
-    EXPECT_EQ(never.Status, STATUS_CANCELLED);
-    EXPECT_EQ(Keyboard->HeldRequests(), 4u);
+    EXPECT_EQ(STATUS_CANCELLED, given.Status);
+    EXPECT_EQ(STATUS_CANCELLED, never.Status);
+    EXPECT_EQ(4u, Keyboard->HeldRequests());
     HostAdvanceToUs(HostNowUs() + 30000);
-    EXPECT_EQ(sooner.Status, STATUS_SUCCESS);
-    EXPECT_EQ(sooner.Moved(), 4u);
-    EXPECT_EQ(late.Status, STATUS_PENDING);
+    EXPECT_EQ(STATUS_SUCCESS, sooner.Status);
+    EXPECT_EQ(4u, sooner.Moved());
+    EXPECT_EQ(STATUS_PENDING, late.Status);
     HostAdvanceToUs(HostNowUs() + 30000);
-    EXPECT_EQ(late.Status, STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, late.Status);
     HostAdvanceToUs(HostNowUs() + 3600000000);
-    EXPECT_EQ(Keyboard->HeldRequests(), 2u);
+    EXPECT_EQ(2u, Keyboard->HeldRequests());
     Keyboard->SurpriseRemove();
-    EXPECT_EQ(left.Status, STATUS_DELETE_PENDING);
-    EXPECT_EQ(deaf.Status, STATUS_DELETE_PENDING);
-    EXPECT_EQ(deaf.Moved(), 0u);
+    EXPECT_EQ(STATUS_DELETE_PENDING, left.Status);
+    EXPECT_EQ(STATUS_DELETE_PENDING, deaf.Status);
+    EXPECT_EQ(0u, deaf.Moved());
     Transfer after = make(1);
     Send(after);
-    EXPECT_EQ(after.Status, STATUS_DELETE_PENDING);
+    EXPECT_EQ(STATUS_DELETE_PENDING, after.Status);
     Keyboard->Remove();
 }
 
@@ -284,10 +282,10 @@ TEST_F(EmuPipe, APulledKeyboardLetsGoOfWhatTheSystemAskedIt)
         NTSTATUS status = STATUS_SUCCESS;
         HostThread thread = HostStartThread([&] { status = pKeyboard->SendLed(2, route); });
         HostSettle();
-        EXPECT_EQ(pKeyboard->HeldRequests(), 1u);
+        EXPECT_EQ(1u, pKeyboard->HeldRequests());
         pKeyboard->Unplug(true);
         HostJoinThread(thread);
-        EXPECT_EQ(status, STATUS_DELETE_PENDING);
+        EXPECT_EQ(STATUS_DELETE_PENDING, status);
     }
 }
 } // namespace

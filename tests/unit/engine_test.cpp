@@ -58,25 +58,25 @@ TEST(KeyTable, ScanCodesAndUsagesFindEachOther)
     };
     for (const auto& row : byScan) {
         USHORT usUsage = 0x5555, usBytes = 0x55;
-        EXPECT_EQ(PS2ToHID(row.ulScanCode, &usUsage, &usBytes), row.status) << std::hex << row.ulScanCode;
-        EXPECT_EQ(usUsage, row.usUsage);
-        EXPECT_EQ(usBytes, row.usBytes);
+        EXPECT_EQ(row.status, PS2ToHID(row.ulScanCode, &usUsage, &usBytes)) << std::hex << row.ulScanCode;
+        EXPECT_EQ(row.usUsage, usUsage);
+        EXPECT_EQ(row.usBytes, usBytes);
     }
     ULONG ulScanCode;
     UCHAR ucBreak, ucRepeat;
-    EXPECT_EQ(HIDToPS2(0x48, &ulScanCode, &ucBreak, &ucRepeat), STATUS_SUCCESS);
-    EXPECT_EQ(ulScanCode, 0xE11D45u);
-    EXPECT_EQ(ucBreak | ucRepeat, 0);
-    EXPECT_EQ(HIDToPS2(0xA6, &ulScanCode, &ucBreak, &ucRepeat), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(ulScanCode, RESERVED_SCAN_CODE);
-    EXPECT_EQ(HIDToPS2Ex(0xE9, 1, &ulScanCode, &ucBreak, &ucRepeat), STATUS_SUCCESS);
-    EXPECT_EQ(ulScanCode, 0xE030u);
-    EXPECT_EQ(ucBreak & ucRepeat, 1);
-    EXPECT_EQ(HIDToPS2Ex(0xE2, 1, &ulScanCode, &ucBreak, &ucRepeat), STATUS_SUCCESS);
-    EXPECT_EQ(ulScanCode, 0x38u); // the keyboard row comes first
-    EXPECT_EQ(HIDToPS2Ex(0xB5, 1, &ulScanCode, &ucBreak, &ucRepeat), STATUS_SUCCESS);
-    EXPECT_EQ(ulScanCode, 0xE019u); // its keyboard row is reserved
-    EXPECT_EQ(HIDToPS2Ex(0x194, 1, &ulScanCode, &ucBreak, &ucRepeat), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(STATUS_SUCCESS, HIDToPS2(0x48, &ulScanCode, &ucBreak, &ucRepeat));
+    EXPECT_EQ(0xE11D45u, ulScanCode);
+    EXPECT_EQ(0, ucBreak | ucRepeat);
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, HIDToPS2(0xA6, &ulScanCode, &ucBreak, &ucRepeat));
+    EXPECT_EQ(RESERVED_SCAN_CODE, ulScanCode);
+    EXPECT_EQ(STATUS_SUCCESS, HIDToPS2Ex(0xE9, 1, &ulScanCode, &ucBreak, &ucRepeat));
+    EXPECT_EQ(0xE030u, ulScanCode);
+    EXPECT_EQ(1, ucBreak & ucRepeat);
+    EXPECT_EQ(STATUS_SUCCESS, HIDToPS2Ex(0xE2, 1, &ulScanCode, &ucBreak, &ucRepeat));
+    EXPECT_EQ(0x38u, ulScanCode); // the keyboard row comes first
+    EXPECT_EQ(STATUS_SUCCESS, HIDToPS2Ex(0xB5, 1, &ulScanCode, &ucBreak, &ucRepeat));
+    EXPECT_EQ(0xE019u, ulScanCode); // its keyboard row is reserved
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, HIDToPS2Ex(0x194, 1, &ulScanCode, &ucBreak, &ucRepeat));
 }
 
 TEST(Modifiers, MaskMatchesTheWord)
@@ -98,7 +98,7 @@ TEST(Modifiers, MaskMatchesTheWord)
         {0x10000000, 0x10000402, false}, // a prefix alone is no other bit
     };
     for (const auto& row : cases) {
-        EXPECT_EQ(IsModifierMaskMatched(row.ulMask, row.ulFlags), row.bMatched)
+        EXPECT_EQ(row.bMatched, IsModifierMaskMatched(row.ulMask, row.ulFlags))
             << std::hex << row.ulMask << " " << row.ulFlags;
     }
 }
@@ -128,9 +128,9 @@ TEST_F(Engine, MasksKeepWhatIsNoSideOfAPair)
     } masks[] = {{~0u, ~0x1FEu}, {0x5FF, 0x5F9}, {0x9FF, 0x9E7}, {0x11FF, 0x119F}, {0x21FF, 0x207F}};
     for (const auto& mask : masks) {
         KeyDefinition definition = Hotkey(7, mask.ulGiven, {0x3B});
-        ASSERT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_SUCCESS);
+        ASSERT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &definition));
         EXPECT_EQ(mask.ulKept, (*HotkeyWalk(Context()).begin()).ulModifiers) << std::hex << mask.ulGiven;
-        ASSERT_EQ(RemoveKeyDefinition(Filter(), 7), STATUS_SUCCESS);
+        ASSERT_EQ(STATUS_SUCCESS, RemoveKeyDefinition(Filter(), 7));
     }
 }
 
@@ -161,7 +161,7 @@ TEST_F(Engine, ScanCodesBecomeKeyBytes)
         definition.usScanCount = static_cast<uint16_t>(row.scans.size());
         std::copy(row.scans.begin(), row.scans.end(), definition.ucScans);
         HotkeyEntry entry;
-        EXPECT_EQ(ConvertPS2ToHID(Filter(), &definition, &entry), row.status);
+        EXPECT_EQ(row.status, ConvertPS2ToHID(Filter(), &definition, &entry));
         if (NT_SUCCESS(row.status)) {
             EXPECT_EQ(std::vector<UCHAR>(entry.ucKeys, entry.ucKeys + entry.ulKeyCount), row.keys);
         }
@@ -173,14 +173,14 @@ TEST_F(Engine, DefinitionsAreBounded)
     KeyDefinition definition = Hotkey(1, 0x200, {});
     definition.usScanCount = 32;
     memset(definition.ucScans, 0x1E, 32);
-    EXPECT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_UNSUCCESSFUL); // no room for ContextKey's byte
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, AddKeyDefinition(Filter(), &definition)); // no room for ContextKey's byte
     definition.ulModifiers = 0x400;
-    EXPECT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &definition));
     definition.usScanCount = 33;
-    EXPECT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, AddKeyDefinition(Filter(), &definition));
     HostFailNth("pool", 1);
     definition.usScanCount = 1;
-    EXPECT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, AddKeyDefinition(Filter(), &definition));
     HostFailNth(nullptr, 0);
     EXPECT_EQ(Context()->ulKeyDefTypes, static_cast<ULONG>(KEYDEF_HOTKEY) | KEYDEF_MACRO_MODE);
 
@@ -188,13 +188,13 @@ TEST_F(Engine, DefinitionsAreBounded)
     EXPECT_EQ(Context()->ulKeyDefTypes, static_cast<ULONG>(KEYDEF_MACRO_MODE));
     for (uint32_t ulId = 1; ulId <= 511; ulId++) {
         definition = Hotkey(ulId, 0, {0x1E});
-        ASSERT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_SUCCESS);
+        ASSERT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &definition));
     }
     definition.ulId = 512;
-    EXPECT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(RemoveKeyDefinition(Filter(), 100), STATUS_SUCCESS);
-    EXPECT_EQ(RemoveKeyDefinition(Filter(), 100), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, AddKeyDefinition(Filter(), &definition));
+    EXPECT_EQ(STATUS_SUCCESS, RemoveKeyDefinition(Filter(), 100));
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, RemoveKeyDefinition(Filter(), 100));
+    EXPECT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &definition));
 }
 
 TEST_F(Engine, HotkeyListIsMadeFromTheDefinitions)
@@ -205,33 +205,33 @@ TEST_F(Engine, HotkeyListIsMadeFromTheDefinitions)
     KeyDefinition nameless = Hotkey(0, 0, {0x1E});
     KeyDefinition prefixed = Hotkey(2, 0x10000200, {0x7D, 0x30, 0x7B});
     for (const KeyDefinition* pDefinition : {&plain, &swallowing, &nameless, &prefixed}) {
-        EXPECT_EQ(AddKeyDefinition(Filter(), pDefinition), STATUS_SUCCESS);
+        EXPECT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), pDefinition));
     }
     std::vector<HotkeyEntry> entries;
     for (const HotkeyEntry& entry : HotkeyWalk(Context())) {
         entries.push_back(entry);
     }
-    ASSERT_EQ(entries.size(), 2u); // alike but for the swallow byte: one entry; no id: none
-    EXPECT_EQ(entries[0].ulModifiers, 0x400u);
-    EXPECT_EQ(entries[1].ulModifiers, 0x10000200u);
-    ASSERT_EQ(entries[1].ulKeyCount, 2u); // the prefix keys are modifiers here, ContextKey is a key too
-    EXPECT_EQ(entries[1].ucKeys[0], 0x05);
-    EXPECT_EQ(entries[1].ucKeys[1], USAGE_CONTEXT_KEY);
+    ASSERT_EQ(2u, entries.size()); // alike but for the swallow byte: one entry; no id: none
+    EXPECT_EQ(0x400u, entries[0].ulModifiers);
+    EXPECT_EQ(0x10000200u, entries[1].ulModifiers);
+    ASSERT_EQ(2u, entries[1].ulKeyCount); // the prefix keys are modifiers here, ContextKey is a key too
+    EXPECT_EQ(0x05, entries[1].ucKeys[0]);
+    EXPECT_EQ(USAGE_CONTEXT_KEY, entries[1].ucKeys[1]);
     // One id, and other keys, more keys or other modifiers: other hotkeys.
     KeyDefinition otherKey = Hotkey(1, 0x406, {0x1F}), moreKeys = Hotkey(1, 0x406, {0x1E, 0x1F}),
                   otherModifiers = Hotkey(1, 0x800, {0x1E});
-    EXPECT_EQ(AddKeyDefinition(Filter(), &otherKey), STATUS_SUCCESS);
-    EXPECT_EQ(AddKeyDefinition(Filter(), &moreKeys), STATUS_SUCCESS);
-    EXPECT_EQ(AddKeyDefinition(Filter(), &otherModifiers), STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &otherKey));
+    EXPECT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &moreKeys));
+    EXPECT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &otherModifiers));
     ULONG ulEntries = 0;
     for (const HotkeyEntry& entry : HotkeyWalk(Context())) {
         ulEntries += entry.ulId != 0;
     }
-    EXPECT_EQ(ulEntries, 5u);
+    EXPECT_EQ(5u, ulEntries);
     USHORT usIndex;
     EXPECT_EQ(FindKeyDefinitionById(Filter(), 2, &usIndex)->ulModifiers, prefixed.ulModifiers);
-    EXPECT_EQ(usIndex, 3);
-    EXPECT_EQ(FindKeyDefinitionByType(Filter(), 5, &usIndex), nullptr);
+    EXPECT_EQ(3, usIndex);
+    EXPECT_EQ(nullptr, FindKeyDefinitionByType(Filter(), 5, &usIndex));
     EXPECT_EQ(usIndex, Context()->usDefinitions) << "the first free slot";
 }
 
@@ -239,30 +239,30 @@ TEST_F(Engine, HotkeyListIsMadeFromTheDefinitions)
 TEST_F(Engine, AWalkedListStaysAsItIs)
 {
     KeyDefinition first = Hotkey(1, 0, {0x1E}), second = Hotkey(2, 0, {0x1F}), third = Hotkey(3, 0, {0x20});
-    ASSERT_EQ(AddKeyDefinition(Filter(), &first), STATUS_SUCCESS);
+    ASSERT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &first));
     HostThread thread;
     {
         HotkeyWalk walk(Context());
         thread = HostStartThread([&] {
             for (const KeyDefinition* pDefinition : {&second, &third}) {
-                EXPECT_EQ(AddKeyDefinition(Filter(), pDefinition), STATUS_SUCCESS);
+                EXPECT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), pDefinition));
             }
         });
         HostAdvanceToUs(HostNowUs() + 50000);
-        EXPECT_NE(FindKeyDefinitionById(Filter(), 3, nullptr), nullptr) << "the rebuild waits for the walk";
+        EXPECT_NE(nullptr, FindKeyDefinitionById(Filter(), 3, nullptr)) << "the rebuild waits for the walk";
         ULONG ulEntries = 0;
         for (const HotkeyEntry& entry : walk) {
-            EXPECT_EQ(entry.ulId, 1u);
+            EXPECT_EQ(1u, entry.ulId);
             ulEntries++;
         }
-        EXPECT_EQ(ulEntries, 1u);
+        EXPECT_EQ(1u, ulEntries);
     }
     HostJoinThread(thread);
     ULONG ulEntries = 0;
     for (const HotkeyEntry& entry : HotkeyWalk(Context())) {
         EXPECT_EQ(entry.ulId, ++ulEntries);
     }
-    EXPECT_EQ(ulEntries, 3u);
+    EXPECT_EQ(3u, ulEntries);
 }
 
 // Fn is a modifier of keyboards with power keys, the prefixes of standard ones; elsewhere both are keys.
@@ -275,11 +275,11 @@ TEST_F(Engine, TrackedKeysAreNoKeysOfAHotkey)
     KeyDefinition definition = Hotkey(1, 0, {0xE0, 0x0E, 0x7D, 0x1E});
     for (const auto& row : cases) {
         WriteShared(Context()->KbdType, row.ulKbdType);
-        ASSERT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_SUCCESS);
+        ASSERT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &definition));
         for (const HotkeyEntry& entry : HotkeyWalk(Context())) {
             EXPECT_EQ(std::vector<UCHAR>(entry.ucKeys, entry.ucKeys + entry.ulKeyCount), row.keys);
         }
-        ASSERT_EQ(RemoveKeyDefinition(Filter(), 1), STATUS_SUCCESS);
+        ASSERT_EQ(STATUS_SUCCESS, RemoveKeyDefinition(Filter(), 1));
     }
     WriteShared(Context()->KbdType, static_cast<ULONG>(NORMALKbdType));
 }
@@ -288,33 +288,33 @@ TEST_F(Engine, KeyBuffersHold1024Keys)
 {
     UCHAR ucKey = 0x77;
     EXPECT_FALSE(GetDataFromSwallowBuffer(Filter(), &ucKey));
-    EXPECT_EQ(ucKey, 0x77);
+    EXPECT_EQ(0x77, ucKey);
     for (ULONG i = 0; i < KEY_BUFFER_SIZE; i++) {
         UCHAR ucReport[8] = {0, 0, static_cast<UCHAR>(i % 200 + 4), 5, 6};
-        ASSERT_EQ(SwallowScan(Filter(), ucReport, 8, 2), 7u);
+        ASSERT_EQ(7u, SwallowScan(Filter(), ucReport, 8, 2));
         ucKey = static_cast<UCHAR>(i % 200 + 4);
         ASSERT_TRUE(AddDataToInsertBuffer(Filter(), &ucKey));
     }
     UCHAR ucReport[8] = {0, 0, 4, 5, 6};
-    EXPECT_EQ(SwallowScan(Filter(), ucReport, 8, 2), 8u); // full: the key stays
-    EXPECT_EQ(ucReport[2], 4);
+    EXPECT_EQ(8u, SwallowScan(Filter(), ucReport, 8, 2)); // full: the key stays
+    EXPECT_EQ(4, ucReport[2]);
     EXPECT_FALSE(AddDataToInsertBuffer(Filter(), &ucKey));
     for (ULONG i = 0; i < KEY_BUFFER_SIZE; i++) {
         ASSERT_TRUE(GetDataFromInsertBuffer(Filter(), &ucKey));
         ASSERT_EQ(ucKey, i % 200 + 4);
     }
     DiscardSwallowBuffer(Filter());
-    EXPECT_EQ(Context()->usSwallowCount, 0);
-    EXPECT_EQ(RemoveKeyFromBuffer(ucReport, 8, 3), 7u);
-    EXPECT_EQ(ucReport[3], 6);
-    EXPECT_EQ(RemoveKeyFromBuffer(ucReport, 8, 8), 8u);
-    EXPECT_EQ(RemoveKeyFromBuffer(ucReport, 8, ~0u), 8u);
+    EXPECT_EQ(0, Context()->usSwallowCount);
+    EXPECT_EQ(7u, RemoveKeyFromBuffer(ucReport, 8, 3));
+    EXPECT_EQ(6, ucReport[3]);
+    EXPECT_EQ(8u, RemoveKeyFromBuffer(ucReport, 8, 8));
+    EXPECT_EQ(8u, RemoveKeyFromBuffer(ucReport, 8, ~0u));
 }
 
 TEST_F(Engine, AFullSwallowBufferDoesNotHoldTheWalkUp)
 {
     KeyDefinition definition = Hotkey(7, 0, {0x1E, 0x30});
-    ASSERT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_SUCCESS);
+    ASSERT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &definition));
     for (ULONG i = 0; i < KEY_BUFFER_SIZE; i++) {
         UCHAR ucFill[8] = {0, 0, 0x20};
         SwallowScan(Filter(), ucFill, 8, 2);
@@ -325,10 +325,10 @@ TEST_F(Engine, AFullSwallowBufferDoesNotHoldTheWalkUp)
     HotkeyPass pass(Filter());
     UpdateHotkeyModifierMatch(pass);
     ProcessHotkeyScan(pass, 4, 0, ucReport, &ulIndex, &ulLen, &ucReleased);
-    EXPECT_EQ(ulIndex, 2u);
-    EXPECT_EQ(ulLen, 8u);
-    EXPECT_EQ(ucReport[2], 4);
-    EXPECT_EQ(Globals.ucSwallowPending, 0);
+    EXPECT_EQ(2u, ulIndex);
+    EXPECT_EQ(8u, ulLen);
+    EXPECT_EQ(4, ucReport[2]);
+    EXPECT_EQ(0, Globals.ucSwallowPending);
 }
 
 TEST_F(Engine, QueuedKeysTakeTheReportsPlaces)
@@ -337,18 +337,18 @@ TEST_F(Engine, QueuedKeysTakeTheReportsPlaces)
         AddDataToInsertBuffer(Filter(), &ucKey);
     }
     UCHAR ucReport[8] = {0, 0, 4};
-    EXPECT_EQ(DiagUSBPacket(Filter(), 8, ucReport), STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, DiagUSBPacket(Filter(), 8, ucReport));
     const UCHAR ucFull[8] = {0, 0, 0x10, 0x11, 0x12, 0x13, 0x14, 0x15};
-    EXPECT_EQ(memcmp(ucReport, ucFull, 8), 0);
-    EXPECT_EQ(Context()->usInsertCount, 3); // two old ones, and the report's own key behind them
+    EXPECT_EQ(0, memcmp(ucReport, ucFull, 8));
+    EXPECT_EQ(3, Context()->usInsertCount); // two old ones, and the report's own key behind them
     UCHAR ucThree[3] = {9, 0, 0};
-    EXPECT_EQ(DiagUSBPacket(Filter(), 3, ucThree), STATUS_SUCCESS);
-    EXPECT_EQ(ucThree[1], 0x16);
-    EXPECT_EQ(ucThree[2], 0x17);
+    EXPECT_EQ(STATUS_SUCCESS, DiagUSBPacket(Filter(), 3, ucThree));
+    EXPECT_EQ(0x16, ucThree[1]);
+    EXPECT_EQ(0x17, ucThree[2]);
     UCHAR ucRollover[8] = {1, 1, 1, 1, 1, 1, 1, 1};
-    EXPECT_EQ(DiagUSBPacket(Filter(), 8, ucRollover), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(DiagUSBPacket(Filter(), 8, nullptr), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(DiagUSBPacket(Filter(), 0, ucReport), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, DiagUSBPacket(Filter(), 8, ucRollover));
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, DiagUSBPacket(Filter(), 8, nullptr));
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, DiagUSBPacket(Filter(), 0, ucReport));
 }
 
 TEST_F(Engine, FifoIsARingOfSixteen)
@@ -359,27 +359,27 @@ TEST_F(Engine, FifoIsARingOfSixteen)
     Keyboard = Machine->Plug(EmuBootKeyboard, options);
     Application = std::make_unique<EmuApplication>();
     FifoEntry entry = {0, 11, {}};
-    EXPECT_EQ(InsertUSBPacketFifin(Filter(), &entry), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, InsertUSBPacketFifin(Filter(), &entry));
     ULONG ulIndex = Keyboard->Index();
     for (UCHAR round = 0; round < 3; round++) {
         for (UCHAR i = 0; i < 10; i++) {
             entry = {0, 8, {round, i}};
-            ASSERT_EQ(InsertUSBPacketFifin(Filter(), &entry), STATUS_SUCCESS);
+            ASSERT_EQ(STATUS_SUCCESS, InsertUSBPacketFifin(Filter(), &entry));
         }
         for (UCHAR i = 0; i < 10; i++) {
-            ASSERT_EQ(GetUSBPacketFifo(ulIndex, &entry), STATUS_SUCCESS);
+            ASSERT_EQ(STATUS_SUCCESS, GetUSBPacketFifo(ulIndex, &entry));
             ASSERT_EQ(entry.ucData[1], i);
         }
     }
-    EXPECT_EQ(GetUSBPacketFifo(ulIndex, &entry), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, GetUSBPacketFifo(ulIndex, &entry));
     std::vector<FifoEntry> seventeen(17, FifoEntry{0, 8, {1}});
-    EXPECT_EQ(Application->InsertUSBPackets(ulIndex, seventeen), STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, Application->InsertUSBPackets(ulIndex, seventeen));
     ULONG ulCount = 0;
-    EXPECT_EQ(GetFifoCount(ulIndex, &ulCount), STATUS_SUCCESS);
-    EXPECT_EQ(ulCount, 16u);
-    EXPECT_EQ(Application->RequestRecord(IOCTL_TVUSB_INSERT_PACKETS, ulIndex, nullptr, 0),
-              STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(GetFifoCount(99, &ulCount), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(STATUS_SUCCESS, GetFifoCount(ulIndex, &ulCount));
+    EXPECT_EQ(16u, ulCount);
+    EXPECT_EQ(STATUS_UNSUCCESSFUL,
+              Application->RequestRecord(IOCTL_TVUSB_INSERT_PACKETS, ulIndex, nullptr, 0));
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, GetFifoCount(99, &ulCount));
 }
 
 // The type is learnt once, from whole and completed descriptors alone.
@@ -409,7 +409,7 @@ TEST_F(Engine, DescriptorsDecideTheType)
         SCOPED_TRACE(row.pszWhat);
         WriteShared(Context()->KbdType, 0u);
         DiagDescriptor(Filter(), row.bytes.data(), static_cast<ULONG>(row.bytes.size()), row.ucCompleted);
-        EXPECT_EQ(Context()->KbdType, row.ulKbdType);
+        EXPECT_EQ(row.ulKbdType, Context()->KbdType);
     }
     WriteShared(Context()->KbdType, 0u);
     std::vector<UCHAR> device = {18, 1, 0, 2, 0, 0, 0, 8, 0x3C, 0x7A, 0x65, 0, 0, 1, 1, 2, 0, 1};

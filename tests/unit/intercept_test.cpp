@@ -22,42 +22,42 @@ TEST_F(Intercept, StrangeRequestsPassUntouched)
     for (USHORT usFunction = 0; usFunction < 60; usFunction++) {
         pShort->Header.Function = usFunction;
         FilterIrp request(Filter(), pShort.get());
-        EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 0), URB_PASS);
-        EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 1), URB_PASS);
+        EXPECT_EQ(URB_PASS, ShowURBInfo(Filter(), request.pIrp, 0));
+        EXPECT_EQ(URB_PASS, ShowURBInfo(Filter(), request.pIrp, 1));
     }
     FilterIrp without(Filter(), nullptr);
-    EXPECT_EQ(ShowURBInfo(Filter(), without.pIrp, 0), URB_PASS);
+    EXPECT_EQ(URB_PASS, ShowURBInfo(Filter(), without.pIrp, 0));
 
     InterruptUrb read(8);
     FilterIrp other(Filter(), &read.Urb, IOCTL_INTERNAL_USB_SUBMIT_URB + 4); // carries no URB
-    EXPECT_EQ(ShowURBInfo(Filter(), other.pIrp, 0), URB_PASS);
+    EXPECT_EQ(URB_PASS, ShowURBInfo(Filter(), other.pIrp, 0));
     InterruptUrb write(8, 0);
     FilterIrp out(Filter(), &write.Urb);
-    EXPECT_EQ(ShowURBInfo(Filter(), out.pIrp, 0), URB_PASS);
+    EXPECT_EQ(URB_PASS, ShowURBInfo(Filter(), out.pIrp, 0));
     read.Urb.UrbBulkOrInterruptTransfer.TransferBuffer = nullptr;
     FilterIrp bufferless(Filter(), &read.Urb);
-    EXPECT_EQ(ShowURBInfo(Filter(), bufferless.pIrp, 0), URB_PASS);
+    EXPECT_EQ(URB_PASS, ShowURBInfo(Filter(), bufferless.pIrp, 0));
     InterruptUrb empty(8);
     empty.Buffer[0] = 0x02;
     empty.Urb.UrbBulkOrInterruptTransfer.TransferBufferLength = 0;
     FilterIrp nothing(Filter(), &empty.Urb);
-    EXPECT_EQ(ShowURBInfo(Filter(), nothing.pIrp, 0), URB_PASS);
-    EXPECT_EQ(ShowURBInfo(Filter(), nothing.pIrp, 1), URB_PASS);
-    EXPECT_EQ(Context()->ucKbdModifiers, 0);
-    EXPECT_EQ(Context()->usInsertCount, 1);
+    EXPECT_EQ(URB_PASS, ShowURBInfo(Filter(), nothing.pIrp, 0));
+    EXPECT_EQ(URB_PASS, ShowURBInfo(Filter(), nothing.pIrp, 1));
+    EXPECT_EQ(0, Context()->ucKbdModifiers);
+    EXPECT_EQ(1, Context()->usInsertCount);
 }
 
 TEST_F(Intercept, ATransferNeverBringsMoreThanWasAskedFor)
 {
     KeyDefinition definition = Hotkey(7, 0, {0x1E});
-    ASSERT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_SUCCESS);
-    ASSERT_EQ(Application->StartReportProcessing(Keyboard->Index()), STATUS_SUCCESS);
+    ASSERT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &definition));
+    ASSERT_EQ(STATUS_SUCCESS, Application->StartReportProcessing(Keyboard->Index()));
     for (ULONG ulBytes : {1u, 2u, 3u, 7u, 8u, 9u, 16u}) {
         InterruptUrb read(ulBytes);
         FilterIrp request(Filter(), &read.Urb);
         RememberRequestedLength(request.pIrp);
         read.Urb.UrbBulkOrInterruptTransfer.TransferBufferLength = 4096; // the lower driver lies
-        EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 1), URB_PASS);
+        EXPECT_EQ(URB_PASS, ShowURBInfo(Filter(), request.pIrp, 1));
     }
 }
 
@@ -68,20 +68,20 @@ TEST_F(Intercept, AnsweredReadsFitEveryLength)
         FilterIrp request(Filter(), &read.Urb);
         FifoEntry entry = {0, 10, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}};
         InsertUSBPacketFifin(Filter(), &entry);
-        EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 0), URB_ANSWERED);
+        EXPECT_EQ(URB_ANSWERED, ShowURBInfo(Filter(), request.pIrp, 0));
         EXPECT_EQ(read.Buffer[ulBytes - 1], ulBytes <= 10 ? ulBytes : 0);
         EXPECT_EQ(read.Urb.UrbBulkOrInterruptTransfer.TransferBufferLength, ulBytes);
 
         UCHAR ucLock = USAGE_CAPS_LOCK;
         AddDiscardedPacket(Filter(), &ucLock, 0);
-        EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 0), URB_ANSWERED);
+        EXPECT_EQ(URB_ANSWERED, ShowURBInfo(Filter(), request.pIrp, 0));
 
         WriteShared(Context()->ucKbdModifiers, 0x01);
         WriteShared(Context()->ucInsertModifiers, 0x10);
         WriteShared(Context()->ucInsertModifierPending, 1);
-        EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 0), URB_ANSWERED);
-        EXPECT_EQ(read.Buffer[0], 0x11);
-        EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 0), URB_PASS);
+        EXPECT_EQ(URB_ANSWERED, ShowURBInfo(Filter(), request.pIrp, 0));
+        EXPECT_EQ(0x11, read.Buffer[0]);
+        EXPECT_EQ(URB_PASS, ShowURBInfo(Filter(), request.pIrp, 0));
     }
 }
 
@@ -93,7 +93,7 @@ TEST_F(Intercept, AQueuedReportIsDumpedWhole)
     FifoEntry entry = {0, 10, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}};
     InsertUSBPacketFifin(Filter(), &entry);
     KeptLog log(LOG_TRAFFIC);
-    EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 0), URB_ANSWERED);
+    EXPECT_EQ(URB_ANSWERED, ShowURBInfo(Filter(), request.pIrp, 0));
     const std::string text = log.Take();
     EXPECT_EQ(1u,
               KeptLog::Count(text, "(ShowURBInfo) insertUSBPacket[00-09]: 01 02 03 04 05 06 07 08 09 0a "))
@@ -110,11 +110,11 @@ TEST_F(Intercept, InsertedKeysAreReleasedByTheNextRead)
         AddDataToInsertBuffer(Filter(), &ucKey);
     }
     memset(read.Buffer.get(), 0x77, 8);
-    EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 0), URB_ANSWERED);
-    EXPECT_EQ(EmuBytes(read.Buffer.get(), read.Buffer.get() + 8), (EmuBytes{0x77, 0x77, 4, 5, 0, 0, 0, 0}));
-    EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 0), URB_ANSWERED);
-    EXPECT_EQ(read.Buffer[2] | read.Buffer[3], 0);
-    EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 0), URB_PASS);
+    EXPECT_EQ(URB_ANSWERED, ShowURBInfo(Filter(), request.pIrp, 0));
+    EXPECT_EQ((EmuBytes{0x77, 0x77, 4, 5, 0, 0, 0, 0}), EmuBytes(read.Buffer.get(), read.Buffer.get() + 8));
+    EXPECT_EQ(URB_ANSWERED, ShowURBInfo(Filter(), request.pIrp, 0));
+    EXPECT_EQ(0, read.Buffer[2] | read.Buffer[3]);
+    EXPECT_EQ(URB_PASS, ShowURBInfo(Filter(), request.pIrp, 0));
 }
 
 // What is queued is given in one order: whole reports, the modifier report, what discard mode held back, the
@@ -139,7 +139,7 @@ TEST_F(Intercept, QueuedThingsAreGivenInTheirOrder)
         const SentRead sent(Filter(), read.Urb);
         EXPECT_EQ(STATUS_SUCCESS, sent.Result.Status);
         EXPECT_EQ(0u, sent.Result.Information);
-        EXPECT_EQ(wanted, (EmuBytes{read.Buffer[0], read.Buffer[2]}));
+        EXPECT_EQ((EmuBytes{read.Buffer[0], read.Buffer[2]}), wanted);
     }
     EXPECT_EQ(0u, Keyboard->PendingReads());
 }
@@ -193,9 +193,9 @@ TEST_F(Intercept, PendingReadsAreKeptInOrder)
     options.Manual = true;
     Keyboard = Machine->Plug(EmuBootKeyboard, options);
     for (int i = 0; i < 100; i++) {
-        ASSERT_EQ(AddPendingIrp(Filter(), &irps[i]), STATUS_SUCCESS);
+        ASSERT_EQ(STATUS_SUCCESS, AddPendingIrp(Filter(), &irps[i]));
     }
-    EXPECT_EQ(AddPendingIrp(Filter(), &irps[100]), STATUS_UNSUCCESSFUL); // the 101st goes down untracked
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, AddPendingIrp(Filter(), &irps[100])); // the 101st goes down untracked
     irps[100].PendingReturned = TRUE;
     EXPECT_FALSE(RemovePendingIrp(Filter(), &irps[100])) << "nobody else completes it";
     EXPECT_EQ(Context()->pPendingReadIrp, &irps[0]);
@@ -204,7 +204,7 @@ TEST_F(Intercept, PendingReadsAreKeptInOrder)
     for (int i = 99; i >= 1; i--) {
         EXPECT_FALSE(RemovePendingIrp(Filter(), &irps[i]));
     }
-    EXPECT_EQ(Context()->pPendingReadIrp, nullptr);
+    EXPECT_EQ(nullptr, Context()->pPendingReadIrp);
     EXPECT_FALSE(CancelPendingRead(Filter()));
 }
 
@@ -230,9 +230,9 @@ TEST_F(Intercept, ManyAnswersInARowDoNotRecurse)
     low = ~static_cast<uintptr_t>(0);
     high = 0;
     ASSERT_TRUE(pKeyboard->Report({0, 0, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(reads, 1 + 171 + 1u); // the report, 1024 keys in sixes, their release
+    EXPECT_EQ(1 + 171 + 1u, reads); // the report, 1024 keys in sixes, their release
     EXPECT_LT(high - low, 12000u) << "bytes of stack between the first and the deepest answer";
-    EXPECT_EQ(pKeyboard->PendingReads(), 1u);
+    EXPECT_EQ(1u, pKeyboard->PendingReads());
     pKeyboard->Unplug(false); // the observer's variables end here
 }
 
@@ -350,12 +350,12 @@ TEST_F(Waits, InsertScansWaitsForItsReport)
     HostThread thread =
         HostStartThread([&] { status = Application->InsertScans(Keyboard->Index(), {0x2A}, true); });
     HostSettle();
-    EXPECT_EQ(status, STATUS_PENDING);
-    EXPECT_EQ(Keyboard->Read(), STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_PENDING, status);
+    EXPECT_EQ(STATUS_SUCCESS, Keyboard->Read());
     HostJoinThread(thread);
-    EXPECT_EQ(status, STATUS_SUCCESS);
-    ASSERT_EQ(Keyboard->Received().size(), 1u);
-    EXPECT_EQ(Keyboard->Received()[0].Bytes[0], 0x02);
+    EXPECT_EQ(STATUS_SUCCESS, status);
+    ASSERT_EQ(1u, Keyboard->Received().size());
+    EXPECT_EQ(0x02, Keyboard->Received()[0].Bytes[0]);
 }
 
 TEST_F(Waits, InsertUSBPacketsWaitsForItsLastEntry)
@@ -367,10 +367,10 @@ TEST_F(Waits, InsertUSBPacketsWaitsForItsLastEntry)
     HostSettle();
     Keyboard->Read();
     HostSettle();
-    EXPECT_EQ(status, STATUS_PENDING);
+    EXPECT_EQ(STATUS_PENDING, status);
     Keyboard->Read();
     HostJoinThread(thread);
-    EXPECT_EQ(status, STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, status);
 }
 
 TEST_F(Waits, AnEmptyQueueEndsThemAll)
@@ -384,12 +384,12 @@ TEST_F(Waits, AnEmptyQueueEndsThemAll)
     }
     for (int i = 0; i < 3; i++) {
         HostSettle();
-        EXPECT_EQ(status[i], STATUS_PENDING);
+        EXPECT_EQ(STATUS_PENDING, status[i]);
         Keyboard->Read();
     }
     for (int i = 0; i < 3; i++) {
         HostJoinThread(threads[i]);
-        EXPECT_EQ(status[i], STATUS_SUCCESS);
+        EXPECT_EQ(STATUS_SUCCESS, status[i]);
     }
 }
 
@@ -419,7 +419,7 @@ TEST_F(Waits, RemovalAndTheEndOfTheProcessEndThem)
             HostJoinThread(thread);
         }
         for (int i = 0; i < 2; i++) {
-            EXPECT_EQ(scans[i], STATUS_UNSUCCESSFUL);
+            EXPECT_EQ(STATUS_UNSUCCESSFUL, scans[i]);
             EXPECT_EQ(packets[i], bRemove ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL);
         }
     }

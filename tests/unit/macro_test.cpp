@@ -131,9 +131,9 @@ TEST_F(MacroTest, FileLayout)
     };
     for (const Case& row : cases) {
         SCOPED_TRACE(row.pszName);
-        ASSERT_EQ(ReadFile(before), OK);
-        EXPECT_EQ(ReadFile(row.Bytes), row.Status);
-        EXPECT_EQ(Macros(), row.Macros);
+        ASSERT_EQ(OK, ReadFile(before));
+        EXPECT_EQ(row.Status, ReadFile(row.Bytes));
+        EXPECT_EQ(row.Macros, Macros());
     }
 }
 
@@ -142,19 +142,19 @@ TEST_F(MacroTest, ReportsOfAFile)
     FileBytes bytes = MacroFileHead();
     {
         KeptLog log(LOG_TRAFFIC); // an action's own length is not believed
-        EXPECT_EQ(ReadFile(MacroAnd({0x3A, 0, 10, 0, 1, 255, 1, 2, 3, 4, 5, 6, 7, 8})), OK);
+        EXPECT_EQ(OK, ReadFile(MacroAnd({0x3A, 0, 10, 0, 1, 255, 1, 2, 3, 4, 5, 6, 7, 8})));
         EXPECT_NE(log.Take().find("Record:[00-07]: 01 02 03 04 05 06 07 08 "), std::string::npos);
     }
     AppendMacro(bytes, 0x3A, {{1, 2, 3, 4, 5, 6, 7, 8}, {9, 10, 11, 12, 13, 14, 15, 16}});
-    ASSERT_EQ(ReadFile(bytes), OK);
+    ASSERT_EQ(OK, ReadFile(bytes));
     MacroTable* pTable = AcquireMacroTable();
-    ASSERT_NE(pTable, nullptr);
+    ASSERT_NE(nullptr, pTable);
     for (unsigned char uc = 0; uc < 16; uc++) {
         EXPECT_EQ(pTable->Records[0]->Action(uc / 8u)[uc % 8], uc + 1);
     }
     FreeMacroTable(); // a walk that is under way keeps what it reads
-    EXPECT_EQ(Macros(), "");
-    EXPECT_EQ(pTable->Records[0]->Action(1)[7], 16);
+    EXPECT_EQ("", Macros());
+    EXPECT_EQ(16, pTable->Records[0]->Action(1)[7]);
     ReleaseMacroTable(pTable);
 }
 
@@ -173,7 +173,7 @@ TEST_F(MacroTest, AFullTablePlaysItsLastMacro)
         ULONG ulCount = 0;
         CheckForKorvexHotkey(FilterOf(Keyboard), ucReport, 8);
         EXPECT_EQ(ucReport[2], ucKey == 100 ? 0 : 101);
-        EXPECT_EQ(GetFifoCount(Keyboard->Index(), &ulCount), OK);
+        EXPECT_EQ(OK, GetFifoCount(Keyboard->Index(), &ulCount));
         EXPECT_EQ(ulCount, ucKey == 100 ? 1u : 0u);
     }
 }
@@ -201,16 +201,16 @@ TEST_F(MacroTest, FailuresWhileAFileIsRead)
     };
     for (const Case& row : cases) {
         SCOPED_TRACE(std::string(row.pszKind) + " " + std::to_string(row.uNth));
-        ASSERT_EQ(ReadFile(before), OK);
+        ASSERT_EQ(OK, ReadFile(before));
         HostFailNth(row.pszKind, row.uNth);
-        EXPECT_EQ(ReadFile(bytes), row.Status);
+        EXPECT_EQ(row.Status, ReadFile(bytes));
         HostFailNth(nullptr, 0);
-        EXPECT_EQ(Macros(), row.Macros);
+        EXPECT_EQ(row.Macros, Macros());
     }
-    ASSERT_EQ(ReadFile(before), OK);
+    ASSERT_EQ(OK, ReadFile(before));
     bytes.resize(0x100001); // above 1 MiB
     EXPECT_EQ(ReadFile(bytes), Unsuccessful);
-    EXPECT_EQ(Macros(), "99:1");
+    EXPECT_EQ("99:1", Macros());
 }
 
 TEST_F(MacroTest, Settings)
@@ -286,11 +286,11 @@ TEST_F(MacroTest, Settings)
         SetValue("KorvexLEDDisabled", row.LedDisabled.ulType, row.LedDisabled.Bytes);
         SetValue("KorvexDelay", row.Delay.ulType, row.Delay.Bytes);
         SetValue("KorvexConfigFile", row.File.ulType, row.File.Bytes);
-        EXPECT_EQ(ReadKorvexParameters(&Globals.RegistryPathCopy), row.Status);
-        EXPECT_EQ(Settings.ulKorvexHotkey, row.ulHotkey);
-        EXPECT_EQ(Settings.ucKorvexLEDDisabled, row.ulLedDisabled);
-        EXPECT_EQ(Settings.ulKorvexDelay, row.ulDelay);
-        EXPECT_EQ(Macros(), row.bRead ? "3A:1" : "");
+        EXPECT_EQ(row.Status, ReadKorvexParameters(&Globals.RegistryPathCopy));
+        EXPECT_EQ(row.ulHotkey, Settings.ulKorvexHotkey);
+        EXPECT_EQ(row.ulLedDisabled, Settings.ucKorvexLEDDisabled);
+        EXPECT_EQ(row.ulDelay, Settings.ulKorvexDelay);
+        EXPECT_EQ(row.bRead ? "3A:1" : "", Macros());
     }
 }
 
@@ -383,16 +383,16 @@ TEST_F(MacroTest, ModeHotkeyInAReport)
         report.shrink_to_fit();
         const ULONG ulLen = static_cast<ULONG>(report.size());
         UCHAR ucFound = 0;
-        EXPECT_EQ(CheckForKorvexModeSwitch(nullptr, ulLen, report.data(), &ucFound),
-                  row.Found < 0 ? Unsuccessful : OK);
-        EXPECT_EQ(ucFound, row.Found > 0 ? 1 : 0);
-        EXPECT_EQ(RemoveKorvexHotkeyFromPacket(nullptr, ulLen, report.data()),
-                  row.Found < 0 ? Unsuccessful : OK);
-        EXPECT_EQ(report, row.Left);
+        EXPECT_EQ(row.Found < 0 ? Unsuccessful : OK,
+                  CheckForKorvexModeSwitch(nullptr, ulLen, report.data(), &ucFound));
+        EXPECT_EQ(row.Found > 0 ? 1 : 0, ucFound);
+        EXPECT_EQ(row.Found < 0 ? Unsuccessful : OK,
+                  RemoveKorvexHotkeyFromPacket(nullptr, ulLen, report.data()));
+        EXPECT_EQ(row.Left, report);
     }
     Settings.ulKorvexHotkey = 0x00010039;
     UCHAR ucReport[8] = {0, 0, 0x39};
-    EXPECT_EQ(CheckForKorvexModeSwitch(nullptr, 8, ucReport, nullptr), OK);
+    EXPECT_EQ(OK, CheckForKorvexModeSwitch(nullptr, 8, ucReport, nullptr));
     EXPECT_EQ(CheckForKorvexModeSwitch(nullptr, 8, nullptr, nullptr), Unsuccessful);
     Settings.ulKorvexHotkey = 0;
 }
@@ -401,7 +401,7 @@ TEST_F(MacroTest, ModeHotkeyInAReport)
 static void Switch(UCHAR ucMode)
 {
     Globals.ucKorvexMode = ucMode;
-    EXPECT_EQ(SetKorvexLed(ucMode), OK);
+    EXPECT_EQ(OK, SetKorvexLed(ucMode));
 }
 
 // The LED follows switches that come faster than the work item runs.
@@ -421,21 +421,21 @@ TEST_F(MacroTest, LedUpdatesInARow)
         HostSettle();
     };
     switchModes({1});
-    EXPECT_EQ(leds, (EmuBytes{4}));
+    EXPECT_EQ((EmuBytes{4}), leds);
     switchModes({0, 1, 0});
-    EXPECT_EQ(leds, (EmuBytes{4, 0}));
+    EXPECT_EQ((EmuBytes{4, 0}), leds);
     switchModes({0, 1});
-    EXPECT_EQ(leds, (EmuBytes{4, 0, 4}));
+    EXPECT_EQ((EmuBytes{4, 0, 4}), leds);
     HostFailNth("workitem", 1);
     switchModes({0});
     HostFailNth(nullptr, 0);
-    EXPECT_EQ(leds.size(), 3u); // this update is left out, and the next one comes
+    EXPECT_EQ(3u, leds.size()); // this update is left out, and the next one comes
     switchModes({0});
-    EXPECT_EQ(leds.back(), 0);
+    EXPECT_EQ(0, leds.back());
     Settings.ucKorvexLEDDisabled = 1;
     switchModes({1});
     Switch(1);
-    EXPECT_EQ(leds.size(), 4u);
+    EXPECT_EQ(4u, leds.size());
 }
 
 // A switch at PASSIVE_LEVEL is shown at once, and an update that was queued before it does not undo it; nor does
@@ -451,10 +451,10 @@ TEST_F(MacroTest, TheNewestModeShowsInTheEnd)
     Switch(1);
     KeLowerIrql(irql);
     Switch(0);
-    EXPECT_EQ(leds, (EmuBytes{0}));
+    EXPECT_EQ((EmuBytes{0}), leds);
     HostSettle();
-    EXPECT_EQ(leds.back(), 0);
-    EXPECT_EQ(SetKorvexLed(1), OK); // whoever switched it on was overtaken
-    EXPECT_EQ(leds.back(), 0);
-    EXPECT_EQ(Context()->usLedFlags, 0);
+    EXPECT_EQ(0, leds.back());
+    EXPECT_EQ(OK, SetKorvexLed(1)); // whoever switched it on was overtaken
+    EXPECT_EQ(0, leds.back());
+    EXPECT_EQ(0, Context()->usLedFlags);
 }

@@ -45,7 +45,7 @@ TEST(MacroThreaded, MacrosAreReadAnewWhileTheyPlay)
     WriteFile(drive, 0x10);
     EmuMachineOptions options = Options(drive, 1);
     EmuMachine machine(options);
-    ASSERT_EQ(machine.LoadStatus(), STATUS_SUCCESS);
+    ASSERT_EQ(STATUS_SUCCESS, machine.LoadStatus());
     std::atomic<unsigned> played{0}, torn{0};
     EmuPlugOptions plug;
     plug.Record = false;
@@ -82,7 +82,7 @@ TEST(MacroThreaded, MacrosAreReadAnewWhileTheyPlay)
                 if (i == 0) {
                     WriteFile(drive, uRound % 2 ? 0x10 : 0x11);
                 }
-                EXPECT_EQ(own.RequestRecord(IOCTL_TVUSB_RELOAD_MACROS, 0, nullptr, 0), STATUS_SUCCESS);
+                EXPECT_EQ(STATUS_SUCCESS, own.RequestRecord(IOCTL_TVUSB_RELOAD_MACROS, 0, nullptr, 0));
                 if (uRound % 8 == 7) {
                     FreeMacroTable(); // as when a keyboard is asked to leave
                 }
@@ -93,9 +93,9 @@ TEST(MacroThreaded, MacrosAreReadAnewWhileTheyPlay)
         HostJoinThread(thread);
     }
     EXPECT_GT(played, 0u);
-    EXPECT_EQ(torn, 0u);
+    EXPECT_EQ(0u, torn);
     application.Close();
-    EXPECT_EQ(machine.Unload(), 0u);
+    EXPECT_EQ(0u, machine.Unload());
 }
 
 TEST(MacroThreaded, KeyboardsThatPlayArePulledOut)
@@ -103,7 +103,7 @@ TEST(MacroThreaded, KeyboardsThatPlayArePulledOut)
     DriveFolder drive;
     WriteFile(drive, 0x10);
     EmuMachine machine(Options(drive, 1));
-    ASSERT_EQ(machine.LoadStatus(), STATUS_SUCCESS);
+    ASSERT_EQ(STATUS_SUCCESS, machine.LoadStatus());
     EmuPlugOptions plug;
     plug.Record = false;
     plug.Reads = 4;
@@ -114,7 +114,7 @@ TEST(MacroThreaded, KeyboardsThatPlayArePulledOut)
     pStays->Report(ModeKey);
     for (int iRound = 0; iRound < 12; iRound++) {
         EmuKeyboard* pGoes = machine.Plug(EmuBootKeyboard, plug);
-        ASSERT_EQ(pGoes->StartStatus(), STATUS_SUCCESS);
+        ASSERT_EQ(STATUS_SUCCESS, pGoes->StartStatus());
         std::vector<HostThread> threads;
         for (EmuKeyboard* pKeyboard : {pStays, pGoes}) {
             threads.push_back(HostStartThread([pKeyboard, pStays] {
@@ -123,11 +123,11 @@ TEST(MacroThreaded, KeyboardsThatPlayArePulledOut)
                 }
             }));
         }
-        EXPECT_EQ(pGoes->Unplug(iRound % 2 == 0), STATUS_SUCCESS);
+        EXPECT_EQ(STATUS_SUCCESS, pGoes->Unplug(iRound % 2 == 0));
         for (HostThread thread : threads) {
             HostJoinThread(thread);
         }
-        EXPECT_EQ(application.RequestRecord(IOCTL_TVUSB_RELOAD_MACROS, 0, nullptr, 0), STATUS_SUCCESS);
+        EXPECT_EQ(STATUS_SUCCESS, application.RequestRecord(IOCTL_TVUSB_RELOAD_MACROS, 0, nullptr, 0));
     }
     // What stays is served: nothing waits for a timer that went with another keyboard.
     const unsigned uBefore = received;
@@ -137,5 +137,5 @@ TEST(MacroThreaded, KeyboardsThatPlayArePulledOut)
     }
     EXPECT_GT(received, uBefore);
     application.Close();
-    EXPECT_EQ(machine.Unload(), 0u);
+    EXPECT_EQ(0u, machine.Unload());
 }

@@ -22,7 +22,7 @@ TEST(Orders, AReadOnItsWayDownDoesNotMissAnInsertedModifier)
 {
     for (unsigned seed = 1; seed <= 400; seed++) {
         EmuMachine machine(Seeded(seed));
-        ASSERT_EQ(machine.LoadStatus(), STATUS_SUCCESS);
+        ASSERT_EQ(STATUS_SUCCESS, machine.LoadStatus());
         EmuKeyboard* pKeyboard = machine.Plug();
         NTSTATUS status = STATUS_PENDING;
         HostThread thread = HostStartThread([&] {
@@ -32,7 +32,7 @@ TEST(Orders, AReadOnItsWayDownDoesNotMissAnInsertedModifier)
         pKeyboard->Report({0, 0, 0x04, 0, 0, 0, 0, 0});
         pKeyboard->Report({0, 0, 0, 0, 0, 0, 0, 0});
         HostJoinThread(thread); // would never end
-        EXPECT_EQ(status, STATUS_SUCCESS) << "seed " << seed;
+        EXPECT_EQ(STATUS_SUCCESS, status) << "seed " << seed;
     }
 }
 

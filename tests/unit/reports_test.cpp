@@ -35,7 +35,7 @@ protected:
         KeyDefinition definition = Hotkey(ulId, 0, scans);
         definition.ulType = ulType;
         definition.ulSwallow = ulSwallow;
-        ASSERT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_SUCCESS);
+        ASSERT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &definition));
     }
     NTSTATUS Pos(EmuBytes report)
     {
@@ -115,15 +115,15 @@ TEST_F(Reports, ThePowerReportIsRememberedAsSent)
     Define(7, 1, 1, {0xE0, 0x30});
     EmuBytes report = {0xE9, 0xB5};
     Handle([&](ULONG ulLen, PUCHAR pBuf) { return DiagPowerPacket(Filter(), ulLen, pBuf); }, report);
-    EXPECT_EQ(EmuBytes(Context()->ucOldPowerPacket, Context()->ucOldPowerPacket + 2), (EmuBytes{0xE9, 0xB5}));
+    EXPECT_EQ((EmuBytes{0xE9, 0xB5}), EmuBytes(Context()->ucOldPowerPacket, Context()->ucOldPowerPacket + 2));
     for (ULONG ulLen : {0u, 1u, 3u, 8u}) {
         EmuBytes other(ulLen, 0x11);
-        EXPECT_EQ(Handle([&](ULONG ulBytes, PUCHAR pBuf) { return DiagPowerPacket(Filter(), ulBytes, pBuf); },
-                         other),
-                  STATUS_UNSUCCESSFUL);
+        EXPECT_EQ(STATUS_UNSUCCESSFUL,
+                  Handle([&](ULONG ulBytes, PUCHAR pBuf) { return DiagPowerPacket(Filter(), ulBytes, pBuf); },
+                         other));
         EXPECT_EQ(other, EmuBytes(ulLen, 0x11));
     }
-    EXPECT_EQ(Context()->ucOldPowerPacket[0], 0xE9);
+    EXPECT_EQ(0xE9, Context()->ucOldPowerPacket[0]);
 }
 
 // Whatever its length, a point-of-sale report is remembered up to eight bytes; the bytes behind a shorter one
@@ -144,10 +144,10 @@ TEST_F(Reports, PointOfSaleRemembersEightBytes)
         memcpy(ucWanted, report.data(), std::min<size_t>(ulLen, sizeof(ucWanted)));
         EmuBytes handled = report;
         EXPECT_EQ(
+            STATUS_SUCCESS,
             Handle([&](ULONG ulBytes, PUCHAR pBuf) { return HandleOPOSPacket(Filter(), ulBytes, pBuf); },
-                   handled),
-            STATUS_SUCCESS);
-        EXPECT_EQ(memcmp(Context()->ucOldOPOSPacket, ucWanted, sizeof(ucWanted)), 0);
+                   handled));
+        EXPECT_EQ(0, memcmp(Context()->ucOldOPOSPacket, ucWanted, sizeof(ucWanted)));
         bool bCarriesKeys = ulLen == 8 || ulLen == 3 || ulLen == 2;
         EXPECT_EQ(handled == report, !bCarriesKeys);
         EXPECT_EQ(Events().empty(), !bCarriesKeys || ulLen == 2 || ulLen == 3); // 0x7271 is no usage
@@ -171,7 +171,7 @@ TEST_F(Reports, ConsumerUsagesAreLookedUpByWidth)
     for (const auto& row : cases) {
         Define(5, 5, 0); // nothing was pressed before
         Pos(row.report);
-        EXPECT_EQ(Events(), row.pszEvents) << std::hex << row.report[0] << " " << row.report[1];
+        EXPECT_EQ(row.pszEvents, Events()) << std::hex << row.report[0] << " " << row.report[1];
         FreeKeyDefinitions(Filter());
     }
 }
@@ -187,7 +187,7 @@ TEST_F(Reports, OnlyTheSwallowByteOfOneSwallows)
         bool bSwallowed = static_cast<UCHAR>(ulSwallow) == 1;
         EXPECT_EQ(report,
                   bSwallowed ? (EmuBytes{0, 0, 0, 0, 0, 6, 0, 0}) : (EmuBytes{2, 0, 4, 5, 0, 6, 0, 0}));
-        EXPECT_EQ(Events(), "2A 1E 30 ");
+        EXPECT_EQ("2A 1E 30 ", Events());
         FreeKeyDefinitions(Filter());
     }
 }
@@ -211,18 +211,18 @@ TEST_F(Reports, EveryScanCodeByteIsSent)
     };
     Begin(EmuBootKeyboard);
     for (const auto& row : cases) {
-        EXPECT_EQ(SendOPOSScanCode(Filter(), row.ulScanCode, row.ucBreak, row.ucHasBreak, 1, nullptr),
-                  STATUS_SUCCESS);
+        EXPECT_EQ(STATUS_SUCCESS,
+                  SendOPOSScanCode(Filter(), row.ulScanCode, row.ucBreak, row.ucHasBreak, 1, nullptr));
         auto records = Application->TakeRecords(Keyboard->Index());
         std::string text;
         for (const NotifyRecord& record : records) {
-            EXPECT_EQ(record.ulId, 0u); // without a definition
-            EXPECT_EQ(record.ucSource, NOTIFY_SOURCE_REPORT);
+            EXPECT_EQ(0u, record.ulId); // without a definition
+            EXPECT_EQ(NOTIFY_SOURCE_REPORT, record.ucSource);
             char hex[16];
             snprintf(hex, sizeof(hex), "%02X ", static_cast<unsigned>(record.ulValue));
             text += hex;
         }
-        EXPECT_EQ(text, row.pszEvents) << std::hex << row.ulScanCode;
+        EXPECT_EQ(row.pszEvents, text) << std::hex << row.ulScanCode;
     }
 }
 
@@ -235,10 +235,10 @@ TEST_F(Reports, DumpsEndWhereTheBytesEnd)
     EmuBytes empty;
     Handle([&](ULONG ulLen, PUCHAR pBuf) { return DiagJaalaaPacket(Filter(), ulLen, pBuf); }, empty);
     std::string text = log.Take();
-    EXPECT_EQ(KeptLog::Count(text, "a7 "), 8u) << text;
-    EXPECT_EQ(KeptLog::Count(text, "b3 "), 48u) << text;
-    EXPECT_EQ(KeptLog::Count(text, "(HandleOPOSPacket) old packet:"), 1u) << text;
-    EXPECT_EQ(KeptLog::Count(text, "(DiagJaalaaPacket) new packet:"), 1u) << text;
+    EXPECT_EQ(8u, KeptLog::Count(text, "a7 ")) << text;
+    EXPECT_EQ(48u, KeptLog::Count(text, "b3 ")) << text;
+    EXPECT_EQ(1u, KeptLog::Count(text, "(HandleOPOSPacket) old packet:")) << text;
+    EXPECT_EQ(1u, KeptLog::Count(text, "(DiagJaalaaPacket) new packet:")) << text;
 }
 
 // Indexes that came from outside the tables are those of the last rows.
@@ -252,9 +252,9 @@ TEST_F(Reports, RepeatsStayWithinTheirTables)
     Pos({0, 0, 4, 0, 0, 0, 0, 0});
     Events();
     HostAdvanceToUs(ullBegin + 1032999);
-    EXPECT_EQ(Events(), "");
+    EXPECT_EQ("", Events());
     HostAdvanceToUs(ullBegin + 1033000); // 1000 ms, and a period of 33 ms
-    EXPECT_EQ(Events(), "1E ");
+    EXPECT_EQ("1E ", Events());
 }
 
 // The second way to look for hotkeys takes reports of other lengths as they are: no modifiers, keys in front.
@@ -266,9 +266,9 @@ TEST_F(Reports, ShortReportsHaveNoModifiers)
     EXPECT_EQ(
         STATUS_SUCCESS,
         Handle([&](ULONG ulLen, PUCHAR pBuf) { return DiagNormalPacket02(Filter(), ulLen, pBuf); }, report));
-    EXPECT_EQ(report, (EmuBytes{1, 5, 0}));
-    EXPECT_EQ(Globals.ulModifierFlags, 0u);
-    EXPECT_EQ(Events(), "01 ");
+    EXPECT_EQ((EmuBytes{1, 5, 0}), report);
+    EXPECT_EQ(0u, Globals.ulModifierFlags);
+    EXPECT_EQ("01 ", Events());
     UCHAR ucOnes[9] = {1, 1, 1, 1, 1, 1, 1, 1, 1};
     EXPECT_TRUE(IsAllRollover(8, ucOnes));
     EXPECT_FALSE(IsAllRollover(7, ucOnes));
@@ -291,13 +291,13 @@ TEST_F(Reports, ALateCallbackArmsNothing)
         ASSERT_TRUE(HostNextTimerUs(&ullNext));
         EXPECT_EQ(ullNext, ullDue); // the delay of the new repeat, and no other timer
     }
-    EXPECT_EQ(Events(), "");
+    EXPECT_EQ("", Events());
     HostAdvanceToUs(ullDue + 67000);
-    EXPECT_EQ(Events(), "30 ");
+    EXPECT_EQ("30 ", Events());
     Pos({0, 0, 4, 5, 0, 0, 0, 0});
     for (auto pCallback : {TypematicDelayCallback, TypematicRepeatCallback}) {
         pCallback(nullptr, Filter(), nullptr, nullptr);
     }
     EXPECT_FALSE(HostNextTimerUs(&ullNext)); // keys that stay held do not repeat again
-    EXPECT_EQ(Events(), "");
+    EXPECT_EQ("", Events());
 }

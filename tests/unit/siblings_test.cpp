@@ -26,7 +26,7 @@ protected:
     void SetUp() override
     {
         KeyboardTest::SetUp();
-        ASSERT_EQ(Application->StartReportProcessing(0), STATUS_SUCCESS);
+        ASSERT_EQ(STATUS_SUCCESS, Application->StartReportProcessing(0));
     }
 
     // The last keyboard goes and another comes: the control device is made anew.
@@ -34,9 +34,9 @@ protected:
     {
         Application->Close();
         Keyboard->Unplug(false);
-        ASSERT_EQ(Globals.pControlDevice, nullptr);
+        ASSERT_EQ(nullptr, Globals.pControlDevice);
         Keyboard = Machine->Plug();
-        ASSERT_EQ(Keyboard->StartStatus(), STATUS_SUCCESS);
+        ASSERT_EQ(STATUS_SUCCESS, Keyboard->StartStatus());
     }
 
     static int UsbConnected() { return Control()->UsbMouse.ucConnected; }
@@ -57,7 +57,7 @@ protected:
             LockScope lock(Globals.SiblingLock);
             pContext = reinterpret_cast<PVOID>(static_cast<ULONG_PTR>(Globals.ulArrivalGeneration));
         }
-        EXPECT_EQ(UsbMouseArrival(&record, pContext), STATUS_SUCCESS);
+        EXPECT_EQ(STATUS_SUCCESS, UsbMouseArrival(&record, pContext));
     }
 
     NTSTATUS Query(USHORT* pusRate, USHORT* pusDelayMs)
@@ -77,18 +77,18 @@ TEST_F(Siblings, BoundsWhatAClassDeviceReports)
     for (const auto& row : rows) {
         USHORT usRate = 0, usDelayMs = 0;
         pClass->SetTypematic(row.usRate, row.usDelayMs);
-        EXPECT_EQ(Query(&usRate, &usDelayMs), STATUS_SUCCESS);
-        EXPECT_EQ(usRate, row.usRate) << "as it was returned";
-        EXPECT_EQ(usDelayMs, row.usDelayMs);
-        EXPECT_EQ(Globals.usTypematicRate, row.usStoredRate) << row.usRate;
-        EXPECT_EQ(Globals.usTypematicDelay, row.usStoredDelay) << row.usDelayMs;
+        EXPECT_EQ(STATUS_SUCCESS, Query(&usRate, &usDelayMs));
+        EXPECT_EQ(row.usRate, usRate) << "as it was returned";
+        EXPECT_EQ(row.usDelayMs, usDelayMs);
+        EXPECT_EQ(row.usStoredRate, Globals.usTypematicRate) << row.usRate;
+        EXPECT_EQ(row.usStoredDelay, Globals.usTypematicDelay) << row.usDelayMs;
     }
 }
 
 TEST_F(Siblings, AsksClassDevicesUntilOneAnswers)
 {
     USHORT usRate = 1, usDelayMs = 2;
-    EXPECT_EQ(Query(&usRate, &usDelayMs), STATUS_OBJECT_NAME_NOT_FOUND) << "there is none";
+    EXPECT_EQ(STATUS_OBJECT_NAME_NOT_FOUND, Query(&usRate, &usDelayMs)) << "there is none";
     std::vector<EmuClassDevice*> classes;
     for (USHORT us = 0; us < 5; us++) {
         classes.push_back(Machine->AddClassDevice(us));
@@ -99,10 +99,10 @@ TEST_F(Siblings, AsksClassDevicesUntilOneAnswers)
     classes[2]->Answer(Refuses);
     classes[3]->Answer(Slow);
     const unsigned long long ullBefore = HostNowUs();
-    EXPECT_EQ(Query(&usRate, &usDelayMs), STATUS_SUCCESS);
-    EXPECT_EQ(HostNowUs() - ullBefore, 100000u);
-    EXPECT_EQ(usRate, 3);
-    EXPECT_EQ(usDelayMs, 750);
+    EXPECT_EQ(STATUS_SUCCESS, Query(&usRate, &usDelayMs));
+    EXPECT_EQ(100000u, HostNowUs() - ullBefore);
+    EXPECT_EQ(3, usRate);
+    EXPECT_EQ(750, usDelayMs);
     const ULONG ulAsked[5] = {1, 0, 1, 1, 0};
     for (size_t i = 0; i < 5; i++) {
         EXPECT_EQ(classes[i]->State().ulQueries, ulAsked[i]) << i;
@@ -110,23 +110,23 @@ TEST_F(Siblings, AsksClassDevicesUntilOneAnswers)
 
     HostFailNth("irp", 1); // no request for the first: the second answers
     classes[1]->Answer({});
-    EXPECT_EQ(Query(&usRate, &usDelayMs), STATUS_SUCCESS);
-    EXPECT_EQ(usRate, 1);
-    EXPECT_EQ(classes[0]->State().ulQueries, 1u);
+    EXPECT_EQ(STATUS_SUCCESS, Query(&usRate, &usDelayMs));
+    EXPECT_EQ(1, usRate);
+    EXPECT_EQ(1u, classes[0]->State().ulQueries);
     HostFailNth(nullptr, 0);
 
     for (EmuClassDevice* pClass : classes) {
         pClass->Answer(Refuses);
     }
     classes[4]->Answer({STATUS_DEVICE_BUSY, 0, FALSE, 0, FALSE});
-    EXPECT_EQ(Query(&usRate, &usDelayMs), STATUS_DEVICE_BUSY) << "the last one's";
-    EXPECT_EQ(SetKeyboardTypematic(Keyboard->Index(), 5, 1), STATUS_DEVICE_BUSY);
-    EXPECT_EQ(usRate, 1) << "unchanged";
-    EXPECT_EQ(Globals.usTypematicRate, 1);
-    EXPECT_EQ(Globals.usTypematicDelay, 0);
-    EXPECT_EQ(QueryKeyboardTypematic(77, &usRate, &usDelayMs), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(SetKeyboardTypematic(77, 5, 1), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(classes[3]->State().ulQueries, 2u) << "nobody is asked for a keyboard that is not there";
+    EXPECT_EQ(STATUS_DEVICE_BUSY, Query(&usRate, &usDelayMs)) << "the last one's";
+    EXPECT_EQ(STATUS_DEVICE_BUSY, SetKeyboardTypematic(Keyboard->Index(), 5, 1));
+    EXPECT_EQ(1, usRate) << "unchanged";
+    EXPECT_EQ(1, Globals.usTypematicRate);
+    EXPECT_EQ(0, Globals.usTypematicDelay);
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, QueryKeyboardTypematic(77, &usRate, &usDelayMs));
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, SetKeyboardTypematic(77, 5, 1));
+    EXPECT_EQ(2u, classes[3]->State().ulQueries) << "nobody is asked for a keyboard that is not there";
 }
 
 TEST_F(Siblings, AnswersOnAnotherThread)
@@ -135,14 +135,14 @@ TEST_F(Siblings, AnswersOnAnotherThread)
     pClass->Answer(Silent);
     pClass->SetTypematic(12, 750);
     USHORT usRate = 0, usDelayMs = 0;
-    HostThread thread = HostStartThread([&] { EXPECT_EQ(Query(&usRate, &usDelayMs), STATUS_SUCCESS); });
+    HostThread thread = HostStartThread([&] { EXPECT_EQ(STATUS_SUCCESS, Query(&usRate, &usDelayMs)); });
     HostSettle();
-    EXPECT_EQ(usRate, 0) << "it waits";
+    EXPECT_EQ(0, usRate) << "it waits";
     pClass->Release();
     HostJoinThread(thread);
-    EXPECT_EQ(usRate, 12);
+    EXPECT_EQ(12, usRate);
 
-    thread = HostStartThread([&] { EXPECT_EQ(Query(&usRate, &usDelayMs), STATUS_DELETE_PENDING); });
+    thread = HostStartThread([&] { EXPECT_EQ(STATUS_DELETE_PENDING, Query(&usRate, &usDelayMs)); });
     HostSettle();
     pClass->Remove(); // never answered
     HostJoinThread(thread);
@@ -153,7 +153,7 @@ TEST_F(Siblings, TellsBothMiceWhateverOneAnswers)
     EmuSibling* pPs2 = Machine->AddSibling(EmuPs2MouseSibling);
     EmuSibling* pUsb = Machine->AddSibling(EmuUsbMouseSibling);
     const ULONG ulWord = 0x12345678;
-    EXPECT_EQ(NotifyMouseModifiers(&ulWord), STATUS_UNSUCCESSFUL) << "nobody is there";
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, NotifyMouseModifiers(&ulWord)) << "nobody is there";
     pPs2->Arrive();
     pUsb->Arrive();
     const struct {
@@ -165,14 +165,14 @@ TEST_F(Siblings, TellsBothMiceWhateverOneAnswers)
     for (const auto& row : rows) {
         pPs2->Answer({row.Ps2, 0, FALSE, 0, FALSE});
         pUsb->Answer({row.Usb, 20, FALSE, 0, FALSE});
-        EXPECT_EQ(NotifyMouseModifiers(&ulWord), row.Result);
-        EXPECT_EQ(pPs2->TakeWords(), Words{ulWord});
-        EXPECT_EQ(pUsb->TakeWords(), Words{ulWord});
+        EXPECT_EQ(row.Result, NotifyMouseModifiers(&ulWord));
+        EXPECT_EQ(Words{ulWord}, pPs2->TakeWords());
+        EXPECT_EQ(Words{ulWord}, pUsb->TakeWords());
     }
     pPs2->Answer(Closed); // open no more
-    EXPECT_EQ(NotifyMouseModifiers(&ulWord), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(SendMouseRequest(L"\\Device\\TvPS2M_COMM", &ulWord), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(pUsb->TakeWords(), Words{ulWord});
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, NotifyMouseModifiers(&ulWord));
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, SendMouseRequest(L"\\Device\\TvPS2M_COMM", &ulWord));
+    EXPECT_EQ(Words{ulWord}, pUsb->TakeWords());
 }
 
 TEST_F(Siblings, DropsAWordThatCannotBeQueued)
@@ -186,10 +186,10 @@ TEST_F(Siblings, DropsAWordThatCannotBeQueued)
         WriteShared(Control()->lNotifications, lUsers);
         HostFailNth(nullptr, 0);
         HostSettle();
-        EXPECT_EQ(pUsb->TakeWords(), Words{}) << pWhat;
+        EXPECT_EQ(Words{}, pUsb->TakeWords()) << pWhat;
         Keyboard->Report(Released);
         HostSettle();
-        EXPECT_EQ(pUsb->TakeWords(), Words{0}) << "the next change is told";
+        EXPECT_EQ(Words{0}, pUsb->TakeWords()) << "the next change is told";
     }
 }
 
@@ -207,8 +207,8 @@ TEST_F(Siblings, RemovalDoesNotWaitForASilentMouse)
     EXPECT_LT(0u, pPs2->Held());
     Application->Close();
     Keyboard->Unplug(true);
-    EXPECT_EQ(pPs2->Held() + pUsb->Held(), 0u);
-    EXPECT_EQ(Globals.pControlDevice, nullptr);
+    EXPECT_EQ(0u, pPs2->Held() + pUsb->Held());
+    EXPECT_EQ(nullptr, Globals.pControlDevice);
 }
 
 // The mouse's cancel routine is under way when the mouse goes: its device stays until the request is back.
@@ -219,7 +219,7 @@ TEST_F(Siblings, MouseGoesWhileItsRequestIsBeingCancelled)
     pUsb->CancelSlowly(3);
     Keyboard->Report(ControlHeld);
     HostSettle();
-    EXPECT_EQ(pUsb->Held(), 1u);
+    EXPECT_EQ(1u, pUsb->Held());
     HostThread removal = HostStartThread([&] {
         Application->Close();
         Keyboard->Unplug(true);
@@ -227,7 +227,7 @@ TEST_F(Siblings, MouseGoesWhileItsRequestIsBeingCancelled)
     HostSettle();
     pUsb->Leave();
     HostJoinThread(removal);
-    EXPECT_EQ(Globals.pControlDevice, nullptr);
+    EXPECT_EQ(nullptr, Globals.pControlDevice);
 }
 
 TEST_F(Siblings, MouseGoesWithAWordUnanswered)
@@ -236,43 +236,43 @@ TEST_F(Siblings, MouseGoesWithAWordUnanswered)
     pUsb->Arrive(Silent);
     Keyboard->Report(ControlHeld);
     HostSettle();
-    EXPECT_EQ(pUsb->Held(), 1u);
+    EXPECT_EQ(1u, pUsb->Held());
     pUsb->Leave();
-    EXPECT_EQ(Control()->lNotifications, 1) << "the request came back";
+    EXPECT_EQ(1, Control()->lNotifications) << "the request came back";
     Keyboard->Report(Released);
     HostSettle();
-    EXPECT_EQ(pUsb->TakeWords(), Words{ControlWord});
+    EXPECT_EQ(Words{ControlWord}, pUsb->TakeWords());
     pUsb->Arrive();
     Keyboard->Report({9, 0, 0, 0, 0, 0, 0, 0});
     HostSettle();
-    EXPECT_EQ(pUsb->TakeWords(), Words{ControlGuiWord}) << "it is back";
+    EXPECT_EQ(Words{ControlGuiWord}, pUsb->TakeWords()) << "it is back";
 }
 
 TEST_F(Siblings, CountsInterfacesAndOpensOnTheFirst)
 {
     EmuSibling* pFirst = Machine->AddSibling(EmuUsbMouseSibling);
     EmuSibling* pSecond = Machine->AddSibling(EmuUsbMouseSibling);
-    EXPECT_EQ(pFirst->Arrive(), STATUS_SUCCESS);
-    EXPECT_EQ(pSecond->Arrive({}, true), STATUS_SUCCESS);
-    EXPECT_EQ(UsbArrivals(), 2);
-    EXPECT_EQ(UsbConnected(), 1);
-    EXPECT_EQ(Control()->Ps2Mouse.ucConnected + Control()->Ps2Keyboard.ucConnected, 0);
+    EXPECT_EQ(STATUS_SUCCESS, pFirst->Arrive());
+    EXPECT_EQ(STATUS_SUCCESS, pSecond->Arrive({}, true));
+    EXPECT_EQ(2, UsbArrivals());
+    EXPECT_EQ(1, UsbConnected());
+    EXPECT_EQ(0, Control()->Ps2Mouse.ucConnected + Control()->Ps2Keyboard.ucConnected);
     pSecond->Leave();
-    EXPECT_EQ(UsbConnected(), 1) << "one is left";
+    EXPECT_EQ(1, UsbConnected()) << "one is left";
     pFirst->Leave();
-    EXPECT_EQ(UsbArrivals(), 0);
-    EXPECT_EQ(UsbConnected(), 0);
+    EXPECT_EQ(0, UsbArrivals());
+    EXPECT_EQ(0, UsbConnected());
 
     Tell(GUID_DEVICE_INTERFACE_REMOVAL);
-    EXPECT_EQ(UsbArrivals(), 255) << "wraps";
+    EXPECT_EQ(255, UsbArrivals()) << "wraps";
     pFirst->Arrive();
-    EXPECT_EQ(UsbArrivals(), 0);
-    EXPECT_EQ(UsbConnected(), 0) << "not the first by the count";
+    EXPECT_EQ(0, UsbArrivals());
+    EXPECT_EQ(0, UsbConnected()) << "not the first by the count";
     Tell(GUID_TARGET_DEVICE_REMOVE_COMPLETE);
-    EXPECT_EQ(UsbArrivals(), 0) << "no arrival and no removal";
+    EXPECT_EQ(0, UsbArrivals()) << "no arrival and no removal";
     Tell(GUID_DEVICE_INTERFACE_ARRIVAL);
     HostSettle();
-    EXPECT_EQ(UsbConnected(), 1);
+    EXPECT_EQ(1, UsbConnected());
 }
 
 TEST_F(Siblings, LinkStaysDownWhenItCannotBeOpened)
@@ -285,12 +285,12 @@ TEST_F(Siblings, LinkStaysDownWhenItCannotBeOpened)
         HostFailNth(nullptr, 0);
         pUsb->Answer({});
         pSecond->Arrive({}, true);
-        EXPECT_EQ(UsbArrivals(), 2) << iCase;
-        EXPECT_EQ(UsbConnected(), 0) << iCase << ": the second arrival opens nothing";
+        EXPECT_EQ(2, UsbArrivals()) << iCase;
+        EXPECT_EQ(0, UsbConnected()) << iCase << ": the second arrival opens nothing";
         pSecond->Leave();
         pUsb->Leave();
         pUsb->Arrive();
-        EXPECT_EQ(UsbConnected(), 1) << iCase << ": a first arrival again";
+        EXPECT_EQ(1, UsbConnected()) << iCase << ": a first arrival again";
         pUsb->Leave();
     }
 }
@@ -301,21 +301,21 @@ TEST_F(Siblings, NewControlDeviceKeepsTheCount)
     EmuSibling* pUsb = Machine->AddSibling(EmuUsbMouseSibling);
     pUsb->Arrive();
     Replug();
-    EXPECT_EQ(UsbArrivals(), 2) << "reported again";
-    EXPECT_EQ(UsbConnected(), 0) << "not opened again";
+    EXPECT_EQ(2, UsbArrivals()) << "reported again";
+    EXPECT_EQ(0, UsbConnected()) << "not opened again";
     pUsb->Leave();
     pUsb->Arrive();
-    EXPECT_EQ(UsbConnected(), 0);
+    EXPECT_EQ(0, UsbConnected());
 
     Application->Close();
     Keyboard->Unplug(false);
     pPs2->Arrive();                      // while nobody is registered
     Tell(GUID_DEVICE_INTERFACE_ARRIVAL); // a callback that outlived its registration
-    EXPECT_EQ(UsbArrivals(), 3);
+    EXPECT_EQ(3, UsbArrivals());
     Tell(GUID_DEVICE_INTERFACE_REMOVAL);
     Keyboard = Machine->Plug();
     HostSettle();
-    EXPECT_EQ(Control()->Ps2Mouse.ucConnected, 1) << "existing interfaces are told at once";
+    EXPECT_EQ(1, Control()->Ps2Mouse.ucConnected) << "existing interfaces are told at once";
 }
 
 TEST_F(Siblings, QuickComingAndGoingQueuesOnce)
@@ -325,36 +325,36 @@ TEST_F(Siblings, QuickComingAndGoingQueuesOnce)
     pUsb->Publish(false);
     Tell(GUID_DEVICE_INTERFACE_ARRIVAL);
     PIO_WORKITEM pWorkItem = Control()->UsbMouse.pWorkItem;
-    EXPECT_NE(pWorkItem, nullptr);
+    EXPECT_NE(nullptr, pWorkItem);
     Tell(GUID_DEVICE_INTERFACE_REMOVAL);
     Tell(GUID_DEVICE_INTERFACE_ARRIVAL);
     EXPECT_EQ(Control()->UsbMouse.pWorkItem, pWorkItem) << "it will see this arrival too";
     HostSettle();
-    EXPECT_EQ(Control()->UsbMouse.pWorkItem, nullptr);
-    EXPECT_EQ(UsbConnected(), 1);
+    EXPECT_EQ(nullptr, Control()->UsbMouse.pWorkItem);
+    EXPECT_EQ(1, UsbConnected());
     Tell(GUID_DEVICE_INTERFACE_REMOVAL);
     Tell(GUID_DEVICE_INTERFACE_ARRIVAL);
     Tell(GUID_DEVICE_INTERFACE_REMOVAL);
     HostSettle();
-    EXPECT_EQ(UsbConnected(), 0) << "gone when the routine came to run";
+    EXPECT_EQ(0, UsbConnected()) << "gone when the routine came to run";
 }
 
 TEST_F(Siblings, LateOpenDoesNotConnectWhatIsGone)
 {
     EmuSibling* pUsb = Machine->AddSibling(EmuUsbMouseSibling);
     pUsb->Arrive(OpensLate);
-    EXPECT_EQ(pUsb->Held(), 1u) << "the work routine waits for the open";
+    EXPECT_EQ(1u, pUsb->Held()) << "the work routine waits for the open";
     pUsb->Publish(false);
     pUsb->Release();
-    EXPECT_EQ(UsbConnected(), 0);
+    EXPECT_EQ(0, UsbConnected());
 
     pUsb->Publish(true);
     pUsb->Publish(false);
     pUsb->Answer(Closed);
     pUsb->Publish(true); // this one's open fails at once, while the first one's is still under way
     pUsb->Release();
-    EXPECT_EQ(UsbArrivals(), 1);
-    EXPECT_EQ(UsbConnected(), 0) << "the open belongs to the arrival before";
+    EXPECT_EQ(1, UsbArrivals());
+    EXPECT_EQ(0, UsbConnected()) << "the open belongs to the arrival before";
 
     pUsb->Publish(false);
     pUsb->Answer(OpensLate);
@@ -375,7 +375,7 @@ TEST(SiblingEvents, AreClassifiedByAllTheirBytes)
         for (size_t at : {0, 5, 15}) {
             GUID other = *events[i];
             reinterpret_cast<UCHAR*>(&other)[at] ^= 0x80;
-            EXPECT_EQ(ClassifyPnpEvent(&other), 0u) << i << " byte " << at;
+            EXPECT_EQ(0u, ClassifyPnpEvent(&other)) << i << " byte " << at;
         }
     }
 }
@@ -384,9 +384,9 @@ TEST(SiblingEvents, AreClassifiedByAllTheirBytes)
 void TypeOnce(EmuMachine& machine, bool bSurprise)
 {
     EmuKeyboard* pKeyboard = machine.Plug();
-    EXPECT_EQ(pKeyboard->StartStatus(), STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, pKeyboard->StartStatus());
     EmuApplication application;
-    EXPECT_EQ(application.StartReportProcessing(pKeyboard->Index()), STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, application.StartReportProcessing(pKeyboard->Index()));
     for (int i = 0; i < 50; i++) {
         pKeyboard->Report(i % 2 ? Released : ControlHeld);
     }
@@ -397,7 +397,7 @@ void TypeOnce(EmuMachine& machine, bool bSurprise)
 TEST(Threaded, ModifierWordsMeetRemovalAndUnload)
 {
     EmuMachine machine(DriverOptions(HostThreaded));
-    ASSERT_EQ(machine.LoadStatus(), STATUS_SUCCESS);
+    ASSERT_EQ(STATUS_SUCCESS, machine.LoadStatus());
     EmuKeyboard* pStays = machine.Plug();
     EmuSibling* pPs2 = machine.AddSibling(EmuPs2MouseSibling);
     EmuSibling* pUsb = machine.AddSibling(EmuUsbMouseSibling);
@@ -422,6 +422,6 @@ TEST(Threaded, ModifierWordsMeetRemovalAndUnload)
     bStop = true;
     HostJoinThread(mice);
     EXPECT_LT(0u, words);
-    EXPECT_EQ(machine.Unload(), 0u);
+    EXPECT_EQ(0u, machine.Unload());
 }
 } // namespace

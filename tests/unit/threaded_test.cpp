@@ -9,19 +9,19 @@ TEST(Threaded, KeyboardsTypeWhileTheApplicationWorks)
     EmuMachineOptions options = DriverOptions(HostThreaded);
     std::atomic<unsigned> received{0}; // the machine's threads count to its end
     EmuMachine machine(options);
-    ASSERT_EQ(machine.LoadStatus(), STATUS_SUCCESS);
+    ASSERT_EQ(STATUS_SUCCESS, machine.LoadStatus());
     EmuPlugOptions plug;
     plug.Record = false;
     plug.OnReceived = [&](const EmuReceived& report) { received += NT_SUCCESS(report.Status) ? 1 : 0; };
     std::vector<EmuKeyboard*> keyboards;
     for (int i = 0; i < 4; i++) {
         keyboards.push_back(machine.Plug(EmuBootKeyboard, plug));
-        ASSERT_EQ(keyboards.back()->StartStatus(), STATUS_SUCCESS);
+        ASSERT_EQ(STATUS_SUCCESS, keyboards.back()->StartStatus());
     }
     EmuApplication application;
     for (EmuKeyboard* pKeyboard : keyboards) {
-        ASSERT_EQ(application.RegisterNotifyEvent(pKeyboard->Index()), STATUS_SUCCESS);
-        ASSERT_EQ(application.StartReportProcessing(pKeyboard->Index()), STATUS_SUCCESS);
+        ASSERT_EQ(STATUS_SUCCESS, application.RegisterNotifyEvent(pKeyboard->Index()));
+        ASSERT_EQ(STATUS_SUCCESS, application.StartReportProcessing(pKeyboard->Index()));
     }
 
     enum { ReportsEach = 400 };
@@ -46,9 +46,9 @@ TEST(Threaded, KeyboardsTypeWhileTheApplicationWorks)
         for (uint32_t ulRound = 0; typing != 0; ulRound++) {
             definition.ulId = 1 + ulRound % 7;
             EmuKeyboard* pKeyboard = keyboards[ulRound % 4];
-            EXPECT_EQ(own.AddDefinition(pKeyboard->Index(), definition), STATUS_SUCCESS);
+            EXPECT_EQ(STATUS_SUCCESS, own.AddDefinition(pKeyboard->Index(), definition));
             own.TakeRecords(pKeyboard->Index());
-            EXPECT_EQ(own.RemoveDefinition(pKeyboard->Index(), definition.ulId), STATUS_SUCCESS);
+            EXPECT_EQ(STATUS_SUCCESS, own.RemoveDefinition(pKeyboard->Index(), definition.ulId));
         }
     }));
     for (HostThread thread : threads) {
@@ -56,7 +56,7 @@ TEST(Threaded, KeyboardsTypeWhileTheApplicationWorks)
     }
     EXPECT_GE(received, 4u * ReportsEach);
     application.Close();
-    EXPECT_EQ(machine.Unload(), 0u);
+    EXPECT_EQ(0u, machine.Unload());
 }
 
 // Two threads of the application read and write the keyboard's memory; the keyboard answers late, on another
@@ -64,13 +64,13 @@ TEST(Threaded, KeyboardsTypeWhileTheApplicationWorks)
 TEST(Threaded, KeyboardAnswersOnAnotherThread)
 {
     EmuMachine machine(DriverOptions(HostThreaded));
-    ASSERT_EQ(machine.LoadStatus(), STATUS_SUCCESS);
+    ASSERT_EQ(STATUS_SUCCESS, machine.LoadStatus());
     EmuPlugOptions plug;
     plug.Record = false;
     EmuKeyboard* pKeyboard = machine.Plug(EmuBootKeyboard, plug);
-    ASSERT_EQ(pKeyboard->StartStatus(), STATUS_SUCCESS);
-    ASSERT_EQ(pKeyboard->SetRules({{EmuAny, EmuAny, EmuAny, EmuAny, EmuAnswerLate, 1, 0, 0, 0}}),
-              STATUS_SUCCESS);
+    ASSERT_EQ(STATUS_SUCCESS, pKeyboard->StartStatus());
+    ASSERT_EQ(STATUS_SUCCESS,
+              pKeyboard->SetRules({{EmuAny, EmuAny, EmuAny, EmuAny, EmuAnswerLate, 1, 0, 0, 0}}));
 
     std::atomic<unsigned> checked{0}, ended{0};
     std::vector<HostThread> threads;
@@ -85,7 +85,7 @@ TEST(Threaded, KeyboardAnswersOnAnotherThread)
                     !NT_SUCCESS(own.RequestRecord(IOCTL_TVUSB_READ_VENDOR_MEMORY, 0, Write, 4, 1, &out))) {
                     break; // pulled
                 }
-                EXPECT_EQ(out, (std::vector<UCHAR>{ucRound}));
+                EXPECT_EQ((std::vector<UCHAR>{ucRound}), out);
                 checked++;
             }
             ended++;
@@ -99,5 +99,5 @@ TEST(Threaded, KeyboardAnswersOnAnotherThread)
     for (HostThread thread : threads) {
         HostJoinThread(thread);
     }
-    EXPECT_EQ(machine.Unload(), 0u);
+    EXPECT_EQ(0u, machine.Unload());
 }

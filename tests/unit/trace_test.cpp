@@ -29,15 +29,15 @@ struct Scene {
         };
         EmuMachine machine(options);
         HostFailNth(nullptr, 0);
-        EXPECT_EQ(machine.LoadStatus(), STATUS_SUCCESS);
+        EXPECT_EQ(STATUS_SUCCESS, machine.LoadStatus());
         EmuKeyboard* pKeyboard = machine.Plug(EmuBootKeyboard, {});
         const KeyDefinition definition = Hotkey(7);
-        EXPECT_EQ(AddKeyDefinition(pKeyboard->Filter(), &definition), STATUS_SUCCESS);
-        EXPECT_EQ(StartReportProcessing(pKeyboard->Index()), STATUS_SUCCESS);
+        EXPECT_EQ(STATUS_SUCCESS, AddKeyDefinition(pKeyboard->Filter(), &definition));
+        EXPECT_EQ(STATUS_SUCCESS, StartReportProcessing(pKeyboard->Index()));
         pKeyboard->Report({1, 0, 0x3A, 0, 0, 0, 0, 0});
         pKeyboard->Report({0, 0, 0, 0, 0, 0, 0, 0});
-        EXPECT_EQ(pKeyboard->Received().size(), 2u) << "served, with or without tracing";
-        EXPECT_EQ(machine.Unload(), 0u) << "things left over, a registration among them";
+        EXPECT_EQ(2u, pKeyboard->Received().size()) << "served, with or without tracing";
+        EXPECT_EQ(0u, machine.Unload()) << "things left over, a registration among them";
     }
     TraceListener Listener;
 };
@@ -54,15 +54,16 @@ TEST(Trace, EventsAreReadWithoutTheDriversSources)
         EXPECT_EQ(ids.emplace(name, event.Descriptor.Id).first->second, event.Descriptor.Id) << name;
         EXPECT_FALSE(event.Traits.empty() || event.Metadata.empty()) << "the system tells the parts apart";
         EXPECT_TRUE(event.Descriptor.Level >= 3 && event.Descriptor.Level <= 5) << line;
-        EXPECT_NE(event.Descriptor.Keyword, 0u) << line;
+        EXPECT_NE(0u, event.Descriptor.Keyword) << line;
     }
     EXPECT_GE(names.size(), 12u);
     const Lines lines = scene.Listener.Take({"DriverLoaded", "DriverUnloads", "ModifierChanged"});
     const std::string path = "\\Registry\\Machine\\System\\CurrentControlSet\\Services\\Tv64USB";
-    EXPECT_EQ(lines, (Lines{"DriverLoaded registryPath=" + path,
-                            "ModifierChanged keyboard=0 modifier=0x2 down=1 modifiers=0x402",
-                            "ModifierChanged keyboard=0 modifier=0x2 down=0 modifiers=0x0",
-                            "DriverUnloads registryPath=" + path}));
+    EXPECT_EQ((Lines{"DriverLoaded registryPath=" + path,
+                     "ModifierChanged keyboard=0 modifier=0x2 down=1 modifiers=0x402",
+                     "ModifierChanged keyboard=0 modifier=0x2 down=0 modifiers=0x0",
+                     "DriverUnloads registryPath=" + path}),
+              lines);
 }
 
 TEST(Trace, SessionsChooseByLevelAndKeyword)
@@ -100,7 +101,7 @@ TEST(Trace, ASystemWithoutItIsServed)
     };
     Scene whole([] {});
     const Lines lines = whole.Listener.Take({"DriverLoaded", "ModifierChanged", "HotkeyListEntry"});
-    EXPECT_EQ(lines.size(), 4u);
+    EXPECT_EQ(4u, lines.size());
     for (const auto& row : cases) {
         SCOPED_TRACE(testing::Message() << row.pszKind << " " << row.uNth << " " << row.bFromThenOn);
         Scene scene([&] { HostFailNth(row.pszKind, row.uNth, row.bFromThenOn); });
@@ -108,8 +109,8 @@ TEST(Trace, ASystemWithoutItIsServed)
         for (const HostTraceEvent& event : scene.Listener.Events) {
             EXPECT_TRUE(event.Traits.empty() && event.Metadata.empty());
         }
-        EXPECT_EQ(scene.Listener.Take({"DriverLoaded", "ModifierChanged", "HotkeyListEntry"}),
-                  row.bEvents ? lines : Lines{});
+        EXPECT_EQ(row.bEvents ? lines : Lines{},
+                  scene.Listener.Take({"DriverLoaded", "ModifierChanged", "HotkeyListEntry"}));
     }
 }
 
@@ -141,30 +142,30 @@ protected:
 
 TEST_F(TraceTest, TheFlagFollowsTheSessions)
 {
-    EXPECT_EQ(ucTraceLevel, 0);
+    EXPECT_EQ(0, ucTraceLevel);
     TraceListener other;
     Listener.Begin(TRACE_WARNING);
-    EXPECT_EQ(ucTraceLevel, TRACE_WARNING);
+    EXPECT_EQ(TRACE_WARNING, ucTraceLevel);
     other.Begin();
-    EXPECT_EQ(ucTraceLevel, 0xFF) << "level 0 asks for every level";
+    EXPECT_EQ(0xFF, ucTraceLevel) << "level 0 asks for every level";
     other.End();
-    EXPECT_EQ(ucTraceLevel, TRACE_WARNING);
+    EXPECT_EQ(TRACE_WARNING, ucTraceLevel);
     Keyboard->Report({2, 0, 0, 0, 0, 0, 0, 0});
-    EXPECT_EQ(Listener.Take(), Lines{}) << "of a lower level alone";
+    EXPECT_EQ(Lines{}, Listener.Take()) << "of a lower level alone";
     Listener.End();
-    EXPECT_EQ(ucTraceLevel, 0);
+    EXPECT_EQ(0, ucTraceLevel);
 }
 
 // A report that means nothing to anybody is traced as every other one.
 TEST_F(TraceTest, ACalmReportIsTold)
 {
     const KeyDefinition definition = Hotkey(7);
-    EXPECT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_SUCCESS);
-    EXPECT_EQ(StartReportProcessing(Keyboard->Index()), STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &definition));
+    EXPECT_EQ(STATUS_SUCCESS, StartReportProcessing(Keyboard->Index()));
     Listen();
     Keyboard->Report({2, 0, 4, 0, 0, 0, 0, 0});
-    EXPECT_EQ(Listener.Take({"ModifierChanged"}),
-              Lines{"ModifierChanged keyboard=0 modifier=0x8 down=1 modifiers=0x808"});
+    EXPECT_EQ(Lines{"ModifierChanged keyboard=0 modifier=0x8 down=1 modifiers=0x808"},
+              Listener.Take({"ModifierChanged"}));
 }
 
 TEST_F(TraceTest, TheLogStaysAsItIs)
@@ -172,13 +173,13 @@ TEST_F(TraceTest, TheLogStaysAsItIs)
     const auto logged = [&] {
         KeptLog log(LOG_DETAIL);
         const KeyDefinition definition = Hotkey(7, MODIFIER_ANY_CONTROL, {0x3B});
-        EXPECT_EQ(AddKeyDefinition(Filter(), &definition), STATUS_SUCCESS);
+        EXPECT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &definition));
         Keyboard->Report({1, 0, 0x3A, 0, 0, 0, 0, 0});
         Keyboard->Report({0, 0, 0, 0, 0, 0, 0, 0});
-        EXPECT_EQ(RemoveKeyDefinition(Filter(), 7), STATUS_SUCCESS);
+        EXPECT_EQ(STATUS_SUCCESS, RemoveKeyDefinition(Filter(), 7));
         return log.Take();
     };
-    EXPECT_EQ(StartReportProcessing(Keyboard->Index()), STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, StartReportProcessing(Keyboard->Index()));
     const std::string alone = logged();
     Listen();
     EXPECT_EQ(logged(), alone);
@@ -192,23 +193,23 @@ TEST_F(TraceTest, WhatTheKeyboardSaysOfItself)
 {
     Listen();
     Machine->Plug(EmuBootKeyboard, {});
-    EXPECT_EQ(Listener.Take({"ConfigurationSelected"}),
-              (Lines{"ConfigurationSelected keyboard=1 completed=0 interface=0 alternate=0 class=0x0 "
+    EXPECT_EQ((Lines{"ConfigurationSelected keyboard=1 completed=0 interface=0 alternate=0 class=0x0 "
                      "subClass=0x0 protocol=None pipes=1",
                      "ConfigurationSelected keyboard=1 completed=1 interface=0 alternate=0 class=0x3 "
-                     "subClass=0x1 protocol=Keyboard pipes=1"}));
+                     "subClass=0x1 protocol=Keyboard pipes=1"}),
+              Listener.Take({"ConfigurationSelected"}));
     Machine->Plug(EmuBootKeyboard, {});
-    EXPECT_EQ(Listener.Take({"Interface", "HidDescriptor", "HidClassDescriptor", "TakesPart"}),
-              (Lines{"Interface keyboard=2 class=0x3 subClass=0x1 protocol=Keyboard",
+    EXPECT_EQ((Lines{"Interface keyboard=2 class=0x3 subClass=0x1 protocol=Keyboard",
                      "TakesPart keyboard=2 on=1", "HidDescriptor version=0x110 country=0 descriptors=1",
-                     "HidClassDescriptor type=Report descriptor (class) length=63"}));
+                     "HidClassDescriptor type=Report descriptor (class) length=63"}),
+              Listener.Take({"Interface", "HidDescriptor", "HidClassDescriptor", "TakesPart"}));
     URB urb = {};
     urb.UrbHeader.Function = URB_FUNCTION_SELECT_CONFIGURATION;
     for (const size_t length : {sizeof(urb.UrbHeader), offsetof(struct _URB_SELECT_CONFIGURATION, Interface),
                                 offsetof(struct _URB_SELECT_CONFIGURATION, Interface.Pipes)}) {
         urb.UrbHeader.Length = static_cast<USHORT>(length);
         FilterIrp request(Filter(), &urb);
-        EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 1), URB_PASS);
+        EXPECT_EQ(URB_PASS, ShowURBInfo(Filter(), request.pIrp, 1));
     }
     urb.UrbSelectConfiguration.ConfigurationDescriptor =
         reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(&urb);
@@ -217,17 +218,17 @@ TEST_F(TraceTest, WhatTheKeyboardSaysOfItself)
                                 offsetof(struct _URB_SELECT_CONFIGURATION, Interface.Pipes)}) {
         urb.UrbHeader.Length = static_cast<USHORT>(length);
         FilterIrp request(Filter(), &urb);
-        EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 0), URB_PASS);
+        EXPECT_EQ(URB_PASS, ShowURBInfo(Filter(), request.pIrp, 0));
     }
     urb.UrbSelectConfiguration.Interface.Protocol = 3;
     FilterIrp request(Filter(), &urb);
-    EXPECT_EQ(ShowURBInfo(Filter(), request.pIrp, 0), URB_PASS);
-    EXPECT_EQ(Listener.Take({"Deconfigured", "ConfigurationSelected"}),
-              (Lines{"Deconfigured keyboard=0 completed=1", "Deconfigured keyboard=0 completed=1",
+    EXPECT_EQ(URB_PASS, ShowURBInfo(Filter(), request.pIrp, 0));
+    EXPECT_EQ((Lines{"Deconfigured keyboard=0 completed=1", "Deconfigured keyboard=0 completed=1",
                      "ConfigurationSelected keyboard=0 completed=0 interface=0 alternate=0 class=0x0 "
                      "subClass=0x0 protocol=Mouse pipes=0",
                      "ConfigurationSelected keyboard=0 completed=0 interface=0 alternate=0 class=0x0 "
-                     "subClass=0x0 protocol=Reserved pipes=0"}))
+                     "subClass=0x0 protocol=Reserved pipes=0"}),
+              Listener.Take({"Deconfigured", "ConfigurationSelected"}))
         << "as far as the URB reaches";
 }
 
@@ -236,24 +237,24 @@ TEST_F(TraceTest, RequestsAndTheirFailures)
     Listen();
     EmuBytes data(18);
     const UCHAR ucSetup[8] = {0x80, 6, 0, 1, 0, 0, 18, 0};
-    EXPECT_EQ(Keyboard->Control(ucSetup, data, EmuHidRouteControl), STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, Keyboard->Control(ucSetup, data, EmuHidRouteControl));
     const std::string packet = "SetupPacket direction=Device-to-host type=Standard recipient=Device "
                                "request=GET_DESCRIPTOR value=0x100 index=0x0 length=18";
-    EXPECT_EQ(Listener.Take(),
-              (Lines{"UrbSeen keyboard=0 completed=0 function=URB_FUNCTION_CONTROL_TRANSFER", packet,
+    EXPECT_EQ((Lines{"UrbSeen keyboard=0 completed=0 function=URB_FUNCTION_CONTROL_TRANSFER", packet,
                      "Descriptor keyboard=0 type=INVALID descriptor", // nothing is there yet
                      "UrbSeen keyboard=0 completed=1 function=URB_FUNCTION_CONTROL_TRANSFER", packet,
-                     "Descriptor keyboard=0 type=Device descriptor"}));
-    EXPECT_EQ(Keyboard->Control(ucSetup, data, EmuHidRouteDescriptor), STATUS_SUCCESS);
-    EXPECT_EQ(Listener.Take({"DescriptorRequest"}),
-              (Lines{"DescriptorRequest keyboard=0 completed=0 type=Device descriptor index=0",
-                     "DescriptorRequest keyboard=0 completed=1 type=Device descriptor index=0"}));
-    EXPECT_EQ(Keyboard->FailRead(STATUS_DEVICE_NOT_CONNECTED), STATUS_SUCCESS);
-    EXPECT_EQ(Listener.Take({"RequestFailed"}), (Lines{"RequestFailed keyboard=0 status=0xc000009d"}));
-    EXPECT_EQ(SendLedReport(Filter(), 1), STATUS_SUCCESS);
+                     "Descriptor keyboard=0 type=Device descriptor"}),
+              Listener.Take());
+    EXPECT_EQ(STATUS_SUCCESS, Keyboard->Control(ucSetup, data, EmuHidRouteDescriptor));
+    EXPECT_EQ((Lines{"DescriptorRequest keyboard=0 completed=0 type=Device descriptor index=0",
+                     "DescriptorRequest keyboard=0 completed=1 type=Device descriptor index=0"}),
+              Listener.Take({"DescriptorRequest"}));
+    EXPECT_EQ(STATUS_SUCCESS, Keyboard->FailRead(STATUS_DEVICE_NOT_CONNECTED));
+    EXPECT_EQ((Lines{"RequestFailed keyboard=0 status=0xc000009d"}), Listener.Take({"RequestFailed"}));
+    EXPECT_EQ(STATUS_SUCCESS, SendLedReport(Filter(), 1));
     EXPECT_EQ(
-        Listener.Take({"RequestSent"}),
-        (Lines{"RequestSent keyboard=0 function=URB_FUNCTION_CLASS_INTERFACE status=0x0 urbStatus=0x0"}));
+        (Lines{"RequestSent keyboard=0 function=URB_FUNCTION_CLASS_INTERFACE status=0x0 urbStatus=0x0"}),
+        Listener.Take({"RequestSent"}));
 }
 
 TEST_F(TraceTest, TheListOfPendingReads)
@@ -271,13 +272,13 @@ TEST_F(TraceTest, TheListOfPendingReads)
                                std::to_string(ulReads) + " request=" + NameOf(Context()->PendingIrps[i]));
         }
     }
-    EXPECT_EQ(Listener.Take({"PendingRead", "PendingListFull"}), expected);
+    EXPECT_EQ(expected, Listener.Take({"PendingRead", "PendingListFull"}));
     for (ULONG i = 3; i <= 100; i++) {
         Keyboard->Read();
     }
     const Lines full = Listener.Take({"PendingListFull"});
-    ASSERT_EQ(full.size(), 1u) << "the 101st";
-    EXPECT_EQ(full[0].find("PendingListFull keyboard=1 request=0x"), 0u);
+    ASSERT_EQ(1u, full.size()) << "the 101st";
+    EXPECT_EQ(0u, full[0].find("PendingListFull keyboard=1 request=0x"));
 }
 
 TEST_F(TraceTest, ReportsAndModifiers)
@@ -285,18 +286,19 @@ TEST_F(TraceTest, ReportsAndModifiers)
     Listen();
     Keyboard->Report({0, 0, 1, 1, 1, 1, 1, 1});
     UCHAR ucRollover[8] = {1, 1, 1, 1, 1, 1, 1, 1};
-    EXPECT_EQ(DiagUSBPacket(Filter(), 8, ucRollover), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(Listener.Take({"Rollover"}), (Lines{"Rollover keyboard=0 report=0000010101010101",
-                                                  "Rollover keyboard=0 report=0101010101010101"}));
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, DiagUSBPacket(Filter(), 8, ucRollover));
+    EXPECT_EQ(
+        (Lines{"Rollover keyboard=0 report=0000010101010101", "Rollover keyboard=0 report=0101010101010101"}),
+        Listener.Take({"Rollover"}));
     Keyboard->Report({0, 0, 0, 0, 0, 0, 0, 0});
     Listener.Take();
     Keyboard->Report({0x42, 0, 0, 0, 0, 0, 0, 0}); // left Shift, right Alt
     Keyboard->Report({0x40, 0, 0, 0, 0, 0, 0, 0});
     Keyboard->Report({0x40, 0, 4, 0, 0, 0, 0, 0}); // no change
-    EXPECT_EQ(Listener.Take({"ModifierChanged"}),
-              (Lines{"ModifierChanged keyboard=0 modifier=0x8 down=1 modifiers=0x1848",
+    EXPECT_EQ((Lines{"ModifierChanged keyboard=0 modifier=0x8 down=1 modifiers=0x1848",
                      "ModifierChanged keyboard=0 modifier=0x40 down=1 modifiers=0x1848",
-                     "ModifierChanged keyboard=0 modifier=0x8 down=0 modifiers=0x1040"}))
+                     "ModifierChanged keyboard=0 modifier=0x8 down=0 modifiers=0x1040"}),
+              Listener.Take({"ModifierChanged"}))
         << "the word has Any Shift and Any Alt too";
 }
 
@@ -313,22 +315,22 @@ TEST_F(TraceTest, HotkeyListsAfterEachChange)
     const KeyDefinition prefix = Hotkey(8, 0, {0x7D, 0x1E}); // the first is the prefix key
     const KeyDefinition unknown = Hotkey(9, 0, {0x7F});
     const KeyDefinition sale = Sale(10);
-    EXPECT_EQ(AddKeyDefinitionByIndex(0, &control), STATUS_SUCCESS);
-    EXPECT_EQ(Listener.Take(names), (Lines{first}));
-    EXPECT_EQ(AddKeyDefinitionByIndex(1, &prefix), STATUS_SUCCESS);
-    EXPECT_EQ(Listener.Take(names), (Lines{"KeyDropped keyboard=1 key=0x89", second, first}))
+    EXPECT_EQ(STATUS_SUCCESS, AddKeyDefinitionByIndex(0, &control));
+    EXPECT_EQ((Lines{first}), Listener.Take(names));
+    EXPECT_EQ(STATUS_SUCCESS, AddKeyDefinitionByIndex(1, &prefix));
+    EXPECT_EQ((Lines{"KeyDropped keyboard=1 key=0x89", second, first}), Listener.Take(names))
         << "of all keyboards, the newest first";
-    EXPECT_EQ(AddKeyDefinitionByIndex(1, &unknown), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(Listener.Take(names),
-              (Lines{"KeyDropped keyboard=1 key=0x89", "ScanCodeUnknown scanCode=0x7f", second, first}));
-    EXPECT_EQ(AddKeyDefinitionByIndex(0, &sale), STATUS_SUCCESS);
-    EXPECT_EQ(Listener.Take(names), (Lines{second, first}));
-    EXPECT_EQ(RemoveKeyDefinitionByIndex(0, 99), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(Listener.Take(names), (Lines{second, first})) << "also when nothing was removed";
-    EXPECT_EQ(RemoveKeyDefinitionByIndex(0, 7), STATUS_SUCCESS);
-    EXPECT_EQ(Listener.Take(names), (Lines{second}));
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, AddKeyDefinitionByIndex(1, &unknown));
+    EXPECT_EQ((Lines{"KeyDropped keyboard=1 key=0x89", "ScanCodeUnknown scanCode=0x7f", second, first}),
+              Listener.Take(names));
+    EXPECT_EQ(STATUS_SUCCESS, AddKeyDefinitionByIndex(0, &sale));
+    EXPECT_EQ((Lines{second, first}), Listener.Take(names));
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, RemoveKeyDefinitionByIndex(0, 99));
+    EXPECT_EQ((Lines{second, first}), Listener.Take(names)) << "also when nothing was removed";
+    EXPECT_EQ(STATUS_SUCCESS, RemoveKeyDefinitionByIndex(0, 7));
+    EXPECT_EQ((Lines{second}), Listener.Take(names));
     FreeKeyDefinitions(Filter());
-    EXPECT_EQ(Listener.Take(names), (Lines{second}));
+    EXPECT_EQ((Lines{second}), Listener.Take(names));
 }
 
 TEST_F(TraceTest, FullAndEmptyQueues)
@@ -336,43 +338,43 @@ TEST_F(TraceTest, FullAndEmptyQueues)
     Listen();
     for (ULONG i = 0; i < KEY_BUFFER_SIZE; i++) {
         UCHAR ucReport[3] = {0, 4, 0}, ucUsage = 5;
-        EXPECT_EQ(SwallowScan(Filter(), ucReport, 3, 1), 2u);
+        EXPECT_EQ(2u, SwallowScan(Filter(), ucReport, 3, 1));
         EXPECT_TRUE(AddDataToInsertBuffer(Filter(), &ucUsage));
     }
     const FifoEntry entry = {0, 3, {1, 2, 3}};
     for (ULONG i = 0; i < FIFO_SIZE; i++) {
-        EXPECT_EQ(InsertUSBPacketFifin(Filter(), &entry), STATUS_SUCCESS);
+        EXPECT_EQ(STATUS_SUCCESS, InsertUSBPacketFifin(Filter(), &entry));
     }
     const UCHAR ucLock = USAGE_NUM_LOCK;
     for (ULONG i = 0; i < DISCARD_RING_SIZE; i++) {
-        EXPECT_EQ(AddDiscardedPacket(Filter(), &ucLock, 0), STATUS_SUCCESS);
+        EXPECT_EQ(STATUS_SUCCESS, AddDiscardedPacket(Filter(), &ucLock, 0));
     }
     for (ULONG i = 0; i < NOTIFY_QUEUE_SIZE; i++) {
-        EXPECT_EQ(QueueEvent(Filter(), 7, 1, 0, NOTIFY_SOURCE_HOTKEY), STATUS_SUCCESS);
+        EXPECT_EQ(STATUS_SUCCESS, QueueEvent(Filter(), 7, 1, 0, NOTIFY_SOURCE_HOTKEY));
     }
     const MacroRecord record = {MACRO_RECORD_MODE, 0, 1, 0, {}};
     for (ULONG i = 0; i < MACRO_QUEUE_SIZE; i++) {
-        EXPECT_EQ(QueueMacroRecord(&record), STATUS_SUCCESS);
+        EXPECT_EQ(STATUS_SUCCESS, QueueMacroRecord(&record));
     }
     const std::vector<std::string> kept = Listener.Take();
-    EXPECT_EQ(kept.size(), 2u * KEY_BUFFER_SIZE);
+    EXPECT_EQ(2u * KEY_BUFFER_SIZE, kept.size());
     EXPECT_EQ(std::set<std::string>(kept.begin(), kept.end()),
               (std::set<std::string>{"KeyHeldBack keyboard=0 key=0x4", "KeyGiven keyboard=0 key=0x5"}));
     UCHAR ucReport[3] = {0, 6, 0}, ucUsage = 7;
-    EXPECT_EQ(SwallowScan(Filter(), ucReport, 3, 1), 3u);
+    EXPECT_EQ(3u, SwallowScan(Filter(), ucReport, 3, 1));
     EXPECT_FALSE(AddDataToInsertBuffer(Filter(), &ucUsage));
-    EXPECT_EQ(InsertUSBPacketFifin(Filter(), &entry), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(AddDiscardedPacket(Filter(), &ucLock, 0), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(QueueEvent(Filter(), 7, 0xE0, 0, NOTIFY_SOURCE_HOTKEY), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(QueueMacroRecord(&record), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, InsertUSBPacketFifin(Filter(), &entry));
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, AddDiscardedPacket(Filter(), &ucLock, 0));
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, QueueEvent(Filter(), 7, 0xE0, 0, NOTIFY_SOURCE_HOTKEY));
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, QueueMacroRecord(&record));
     FifoEntry taken;
     while (NT_SUCCESS(GetUSBPacketFifo(Keyboard->Index(), &taken))) {
     }
-    EXPECT_EQ(Listener.Take(),
-              (Lines{"SwallowBufferFull keyboard=0 key=0x6", "InsertBufferFull keyboard=0 key=0x7",
+    EXPECT_EQ((Lines{"SwallowBufferFull keyboard=0 key=0x6", "InsertBufferFull keyboard=0 key=0x7",
                      "FifoFull keyboard=0 report=010203", "DiscardRingFull keyboard=0 value=0x53",
                      "NotifyQueueFull keyboard=0 id=7 value=0xe0", "MacroQueueFull type=1",
-                     "FifoEmpty keyboard=0"}));
+                     "FifoEmpty keyboard=0"}),
+              Listener.Take());
     DiscardSwallowBuffer(Filter());
     while (GetDataFromInsertBuffer(Filter(), &ucUsage)) {
     }
@@ -385,9 +387,9 @@ TEST_F(TraceTest, KeysAtTheHotkeys)
                   modifiers = Hotkey(9, MODIFIER_LEFT_SHIFT | MODIFIER_LEFT_ALT, {});
     swallowing.ulSwallow = modifiers.ulSwallow = 1;
     for (const KeyDefinition* p : {&swallowing, &pair, &modifiers}) {
-        ASSERT_EQ(AddKeyDefinition(Filter(), p), STATUS_SUCCESS);
+        ASSERT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), p));
     }
-    EXPECT_EQ(StartReportProcessing(Keyboard->Index()), STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, StartReportProcessing(Keyboard->Index()));
     Listen();
     const struct {
         EmuBytes report;
@@ -456,29 +458,29 @@ TEST_F(TraceTest, KeysAtTheHotkeys)
         for (std::string& line : lines) {
             line.erase(line.find(" keyboard=0"), sizeof("keyboard=0"));
         }
-        EXPECT_EQ(lines, row.lines);
+        EXPECT_EQ(row.lines, lines);
     }
     const FifoEntry entry = {0, 8, {0, 0, 5}};
-    EXPECT_EQ(InsertUSBPacketFifin(Filter(), &entry), STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, InsertUSBPacketFifin(Filter(), &entry));
     Keyboard->Report({0, 0, 0, 0, 0, 0, 0, 0});
-    EXPECT_EQ(Listener.Take({"ReadAnswered"}),
-              (Lines{"ReadAnswered keyboard=0 with=a whole report report=0000050000000000"}));
+    EXPECT_EQ((Lines{"ReadAnswered keyboard=0 with=a whole report report=0000050000000000"}),
+              Listener.Take({"ReadAnswered"}));
 }
 
 TEST_F(TraceTest, PointOfSaleKeys)
 {
     const KeyDefinition sale = Sale(5);
-    EXPECT_EQ(AddKeyDefinition(Filter(), &sale), STATUS_SUCCESS);
-    EXPECT_EQ(StartReportProcessing(Keyboard->Index()), STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &sale));
+    EXPECT_EQ(STATUS_SUCCESS, StartReportProcessing(Keyboard->Index()));
     Listen();
     Keyboard->Report({2, 0, 4, 0, 0, 0, 0, 0});
     Keyboard->Report({0, 0, 0, 0, 0, 0, 0, 0});
-    EXPECT_EQ(Listener.Take({"SaleModifier", "SaleScanCode"}),
-              (Lines{"SaleModifier keyboard=0 modifier=Shift Left down=1",
+    EXPECT_EQ((Lines{"SaleModifier keyboard=0 modifier=Shift Left down=1",
                      "SaleScanCode keyboard=0 scanCode=0x2a break=0 repeats=1",
                      "SaleScanCode keyboard=0 scanCode=0x1e break=0 repeats=1",
                      "SaleModifier keyboard=0 modifier=Shift Left down=0",
                      "SaleScanCode keyboard=0 scanCode=0x2a break=1 repeats=1",
-                     "SaleScanCode keyboard=0 scanCode=0x1e break=1 repeats=1"}));
+                     "SaleScanCode keyboard=0 scanCode=0x1e break=1 repeats=1"}),
+              Listener.Take({"SaleModifier", "SaleScanCode"}));
 }
 } // namespace
