@@ -33,6 +33,16 @@ inline bool AreAllKeysHeld(const HotkeyEntry& entry)
     return entry.ulHeldKeys == BitsOfKeys(entry.ulKeyCount);
 }
 
+inline bool HasKey(const HotkeyEntry& entry, UCHAR ucUsage)
+{
+    for (ULONG i = 0; i < entry.ulKeyCount; i++) {
+        if (entry.ucKeys[i] == ucUsage) {
+            return true;
+        }
+    }
+    return false;
+}
+
 // The held keys as logs and traces tell them: a byte for each of ucKeys, 1 while it is held.
 struct HeldKeyBytes {
     explicit HeldKeyBytes(const HotkeyEntry& entry)

@@ -205,7 +205,9 @@ bool UpdateHotkeyListByScan(HotkeyPass& pass, UCHAR ucUsage, USHORT usReleased)
     bool bResult = false;
     for (HotkeyEntry& entry : pass.Holding(ucUsage)) {
         const bool bArmed = pass.WasArmed(entry);
-        pass.TraceLook(entry, bArmed);
+        if (IsTraced(TRACE_VERBOSE) && HasKey(entry, ucUsage)) { // a walk for the log meets the others, too
+            pass.TraceLook(entry, bArmed);
+        }
         if (!bTouchAll && entry.ucDown != 1 && !bArmed) {
             continue;
         }

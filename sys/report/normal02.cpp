@@ -58,6 +58,15 @@ bool TakeHotkeyOut(HotkeyPass& pass, HotkeyEntry& entry, ULONG ulLen, PUCHAR pBu
     }
     return bFound;
 }
+bool IsAnyKeyIn(const HotkeyEntry& entry, const UCHAR* pKeys, ULONG ulKeys)
+{
+    for (ULONG i = 0; i < ulKeys; i++) {
+        if (pKeys[i] != 0 && HasKey(entry, pKeys[i])) {
+            return true;
+        }
+    }
+    return false;
+}
 } // namespace
 
 // IRQL <= DISPATCH. Owns: nothing; pBuf is rewritten. Fails: never.
@@ -75,7 +84,10 @@ NTSTATUS DiagNormalPacket02(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
         if (entry.ucKeys[0] == 0) {
             continue;
         }
-        pass.TraceLook(entry, pass.IsArmed(entry));
+        if (IsTraced(TRACE_VERBOSE) &&
+            (entry.ucDown == 1 || IsAnyKeyIn(entry, pBuf + ulFirst, ulLen - ulFirst))) {
+            pass.TraceLook(entry, pass.IsArmed(entry)); // a walk for the log meets the others, too
+        }
         if (!pass.IsArmed(entry)) {
             ReleaseHotkey(pass, entry, nullptr);
         } else if (!TakeHotkeyOut(pass, entry, ulLen, pBuf)) {
