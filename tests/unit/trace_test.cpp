@@ -449,17 +449,31 @@ TEST_F(TraceTest, KeysAtTheHotkeys)
          {"ReportTaken mode=hotkeys report=0000000000000000", "HotkeysArmed modifiers=0x0",
           "HotkeyLookedAt index=0 id=7 modifiers=0x0 armed=0", "HotkeyState index=0 id=7 held=01 state=up"}},
     };
-    for (const auto& row : rows) {
-        Context()->ucRunDiagNormalPacket02 = row.bSimple;
-        Keyboard->Report(row.report);
-        Lines lines =
-            Listener.Take({"ReportTaken", "HotkeysArmed", "KeyPassed", "HotkeyLookedAt", "HotkeyState",
-                           "KeysTaken", "KeyHeldBack", "KeyGiven", "ModifiersTaken", "ReadAnswered"});
-        for (std::string& line : lines) {
-            line.erase(line.find(" keyboard=0"), sizeof("keyboard=0"));
+    static char buffer[0xA000];
+    static WCHAR name[] = L"n";
+    const UNICODE_STRING file = Settings.LogFileName;
+    for (bool bLogged : {false, true}) { // with the log a walk meets every hotkey, and tells of the same ones
+        Settings.LogFileName = {2, 4, name};
+        Settings.ulLogLevel = LOG_TRAFFIC;
+        Globals.pLogBuffer = bLogged ? buffer : nullptr;
+        for (const auto& row : rows) {
+            Context()->ucRunDiagNormalPacket02 = row.bSimple;
+            Keyboard->Report(row.report);
+            Lines lines =
+                Listener.Take({"ReportTaken", "HotkeysArmed", "KeyPassed", "HotkeyLookedAt", "HotkeyState",
+                               "KeysTaken", "KeyHeldBack", "KeyGiven", "ModifiersTaken", "ReadAnswered"});
+            for (std::string& line : lines) {
+                line.erase(line.find(" keyboard=0"), sizeof("keyboard=0"));
+            }
+            EXPECT_EQ(row.lines, lines) << (bLogged ? "with the log" : "without");
         }
-        EXPECT_EQ(row.lines, lines);
+        Context()->ucRunDiagNormalPacket02 = 0;
+        Keyboard->Report({0, 0, 0, 0, 0, 0, 0, 0});
+        Listener.Take();
     }
+    Settings.LogFileName = file;
+    Settings.ulLogLevel = 0;
+    Globals.pLogBuffer = nullptr;
     const FifoEntry entry = {0, 8, {0, 0, 5}};
     EXPECT_EQ(STATUS_SUCCESS, InsertUSBPacketFifin(Filter(), &entry));
     Keyboard->Report({0, 0, 0, 0, 0, 0, 0, 0});
