@@ -61,7 +61,7 @@ bool TakeHotkeyOut(HotkeyPass& pass, HotkeyEntry& entry, ULONG ulLen, PUCHAR pBu
 bool IsAnyKeyIn(const HotkeyEntry& entry, const UCHAR* pKeys, ULONG ulKeys)
 {
     for (ULONG i = 0; i < ulKeys; i++) {
-        if (pKeys[i] != 0 && HasKey(entry, pKeys[i])) {
+        if (HasKey(entry, pKeys[i])) {
             return true;
         }
     }
