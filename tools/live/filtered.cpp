@@ -1,5 +1,6 @@
 // filtered.cpp - builds the stacks of a real keyboard, delivers what its bus brings, and takes everything down.
 #include "filtered.h"
+#include "route.h"
 
 #include <fmt/format.h>
 
@@ -25,16 +26,6 @@ NTSTATUS StatusOf(Outcome outcome)
     default:
         return STATUS_UNSUCCESSFUL;
     }
-}
-
-// Descriptors and class requests have URBs of their own; all else travels as it is.
-EmuHidRoute RouteOf(const uint8_t* pSetup)
-{
-    constexpr uint8_t GetDescriptor = 6;
-    if ((pSetup[0] & 0x7F) == 0x21)
-        return EmuHidRouteClass;
-    return (pSetup[0] & 0xFE) == 0x80 && pSetup[1] == GetDescriptor ? EmuHidRouteDescriptor
-                                                                    : EmuHidRouteControl;
 }
 
 UhidIdentity IdentityOf(const UsbInterface& interface, const UsbFound& found)

@@ -1,23 +1,10 @@
 // offer.cpp - descriptors and requests of an emulated keyboard.
 #include "offer.h"
 
+#include "../route.h"
+
 namespace usbip
 {
-namespace
-{
-
-// Descriptors and class requests have URBs of their own; all else travels as it is.
-EmuHidRoute RouteOf(const uint8_t* pSetup)
-{
-    constexpr uint8_t GetDescriptor = 6;
-    if ((pSetup[0] & 0x7F) == 0x21)
-        return EmuHidRouteClass;
-    return (pSetup[0] & 0xFE) == 0x80 && pSetup[1] == GetDescriptor ? EmuHidRouteDescriptor
-                                                                    : EmuHidRouteControl;
-}
-
-} // namespace
-
 uint8_t EndpointOf(const EmuDescriptors& kind)
 {
     constexpr UCHAR Endpoint = 5;
