@@ -50,9 +50,8 @@ static void __attribute__((noinline)) CheckCall(PDEVICE_OBJECT pDevice, PIRP pIr
 }
 
 // The lower driver's status can fail too: what one driver sends to another, if it is a request that may.
-static bool FailsBelow(PDEVICE_OBJECT pDevice, PIO_STACK_LOCATION pLocation)
+static bool FailsBelow(PDRIVER_OBJECT pCaller, PDEVICE_OBJECT pDevice, PIO_STACK_LOCATION pLocation)
 {
-    PDRIVER_OBJECT pCaller = HostSelf()->pDriver;
     UCHAR ucMajor = pLocation->MajorFunction;
     bool bMay = ucMajor == IRP_MJ_INTERNAL_DEVICE_CONTROL || ucMajor == IRP_MJ_DEVICE_CONTROL ||
                 (ucMajor == IRP_MJ_PNP && pLocation->MinorFunction == IRP_MN_START_DEVICE);
@@ -76,7 +75,8 @@ NTSTATUS HostCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp, bool bPowerToo)
     if (!bPowerToo && pHost != nullptr && IoGetNextIrpStackLocation(pIrp)->MajorFunction == IRP_MJ_POWER) {
         HostBug("DRIVER_POWER_STATE_FAILURE", "IoCallDriver with a power request: PoCallDriver sends those");
     }
-    CheckCall(pDevice, pIrp, HostSelf());
+    PKTHREAD pSelf = HostSelf();
+    CheckCall(pDevice, pIrp, pSelf);
     HostCheckPassedOn(pIrp, pHost);
     IoSetNextIrpStackLocation(pIrp);
     PIO_STACK_LOCATION pLocation = IoGetCurrentIrpStackLocation(pIrp);
@@ -95,7 +95,7 @@ NTSTATUS HostCallDriver(PDEVICE_OBJECT pDevice, PIRP pIrp, bool bPowerToo)
         pHost->iLowest = pIrp->CurrentLocation < pHost->iLowest ? pIrp->CurrentLocation : pHost->iLowest;
     }
     HostNote(pHost, "passed to", pDevice->DriverObject, ucMajor);
-    bool bFail = FailsBelow(pDevice, pLocation);
+    bool bFail = FailsBelow(pSelf->pDriver, pDevice, pLocation);
     NTSTATUS status;
     {
         HostDriverScope scope(pDevice->DriverObject, "a dispatch routine");

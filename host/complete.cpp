@@ -119,7 +119,7 @@ static void __attribute__((noinline)) Finish(PIRP pIrp, HostIrp* pHost)
         }
         pHost->bComplete = true;
         if (pHost->bOnStack) {
-            __atomic_sub_fetch(&pIrp->Tail.Overlay.Thread->uOnStack, 1, __ATOMIC_RELAXED);
+            HostAdd(&pIrp->Tail.Overlay.Thread->uOnStack, -1u);
             pHost->bOnStack = false;
         }
         bHeld = pHost->uHolds != 0;
@@ -144,8 +144,9 @@ void IofCompleteRequest(PIRP pIrp, CCHAR)
 {
     SCHEDULE_POINT();
     HostIrp* pHost = HostLiveIrp(pIrp, "IoCompleteRequest");
-    CheckCompletion(pIrp, pHost, HostSelf());
-    HostNote(pHost, "completed with status", HostSelf()->pDriver, static_cast<ULONG>(pIrp->IoStatus.Status));
+    PKTHREAD pSelf = HostSelf();
+    CheckCompletion(pIrp, pHost, pSelf);
+    HostNote(pHost, "completed with status", pSelf->pDriver, static_cast<ULONG>(pIrp->IoStatus.Status));
     while (pIrp->CurrentLocation <= pIrp->StackCount) {
         PIO_STACK_LOCATION pLocation = IoGetCurrentIrpStackLocation(pIrp);
         UCHAR ucControl = pLocation->Control;

@@ -14,6 +14,7 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 #include <pthread.h>
 
@@ -34,6 +35,9 @@
 #endif
 #if defined(__SANITIZE_THREAD__)
 #define HOST_TSAN 1
+#endif
+#if defined(HOST_ASAN)
+#include <sanitizer/asan_interface.h>
 #endif
 
 extern bool
@@ -69,6 +73,15 @@ template <typename Number> Number HostAdd(Number* pNumber, Number change)
     }
     return *pNumber += change;
 }
+
+// What was there before.
+template <typename Value> Value HostExchange(Value* pValue, Value value)
+{
+    if (HostRunsFreely) {
+        return __atomic_exchange_n(pValue, value, __ATOMIC_SEQ_CST);
+    }
+    return std::exchange(*pValue, value);
+}
 using HostText = std::u16string;
 
 // --- verify.cpp
@@ -76,8 +89,6 @@ using HostText = std::u16string;
 void HostLeak(unsigned& uCount, const char* pFormat, ...) __attribute__((format(printf, 2, 3)));
 bool HostShouldFail(const char* pKind); // asked by every fallible call
 bool HostIsDropped(const char* pName);  // lock.cpp
-// A kernel service begins: its caller runs at this level or lower; with a seed, others may run first.
-void HostEnter(const char* pRoutine, KIRQL highest);
 
 // --- objects: a counted body behind a header (object.cpp)
 enum HostKind { HostKindEvent, HostKindThread, HostKindFile, HostKindDevice, HostKindKey, HostKindDiskFile };
@@ -92,8 +103,26 @@ struct HostObject {
     void* pSpare;
 };
 
+enum : ULONG_PTR { HOST_OBJECT_MAGIC = 0x7463656a626f746e };
+
 void* HostNewObject(HostKind kind, size_t bodySize, void (*pDestroy)(void* pBody));
-HostObject* HostObjectOf(void* pBody, const char* pCall); // checks that the object lives
+inline bool HostIsFreed([[maybe_unused]] const void* p) // as far as an address sanitizer knows
+{
+#if defined(HOST_ASAN)
+    return __asan_address_is_poisoned(p);
+#else
+    return false;
+#endif
+}
+[[noreturn]] void HostBugNoObject(const void* pBody, const char* pCall);
+inline HostObject* HostObjectOf(void* pBody, const char* pCall) // checks that the object lives
+{
+    HostObject* pObject = static_cast<HostObject*>(pBody) - 1;
+    if (pBody == nullptr || HostIsFreed(pObject) || pObject->ulMagic != HOST_OBJECT_MAGIC) {
+        HostBugNoObject(pBody, pCall);
+    }
+    return pObject;
+}
 void HostReference(void* pBody);                 // the host's own references: not in a driver's ledger
 long HostDereference(void* pBody);               // what is left
 void HostForgetSecurity(PDEVICE_OBJECT pDevice); // security.cpp
@@ -158,6 +187,29 @@ inline PKTHREAD HostSelf() // whose code runs on this thread of the system
 {
     return HostKnownIn == HostRun && HostRun != 0 ? HostKnownSelf : HostAdopt();
 }
+
+// The kernel's stack has 24 KB. Frames are several times as large with sanitizers or without optimisation.
+#if defined(HOST_ASAN) || defined(HOST_TSAN) || !defined(__OPTIMIZE__)
+enum : ptrdiff_t { HOST_STACK_BYTES = 5 * 24 * 1024 };
+#else
+enum : ptrdiff_t { HOST_STACK_BYTES = 24 * 1024 };
+#endif
+
+enum : unsigned { HOST_MOST_CALLS_UNDER_LOCK = 1000 };
+
+// A kernel service begins: its caller runs at this level or lower; with a seed, others may run first.
+inline void HostEnter(const char* pRoutine, KIRQL highest)
+{
+    PKTHREAD pSelf = HostSelf();
+    const UCHAR* pHere = static_cast<const UCHAR*>(__builtin_frame_address(0));
+    if (pSelf->Irql > highest ||
+        (pSelf->pStackTop != nullptr && pSelf->pStackTop - pHere > HOST_STACK_BYTES) ||
+        (pSelf->uHeld != 0 && ++pSelf->uCallsUnderLock > HOST_MOST_CALLS_UNDER_LOCK)) {
+        HostCheckIrqlAtMost(pRoutine, highest); // says which
+    }
+    SCHEDULE_POINT();
+}
+
 PKTHREAD HostSpawn(const char* pName, std::function<void()> body, size_t stackBytes,
                    PDRIVER_OBJECT pDriver = nullptr); // referenced for the caller
 const HostText& HostServiceOf(PDRIVER_OBJECT pDriver);
@@ -180,12 +232,36 @@ enum : ULONG { HOST_DRIVER_GONE = 0x40000000 }; // in DRIVER_OBJECT::Flags: it w
 class HostDriverScope
 {
 public:
-    HostDriverScope(PDRIVER_OBJECT pDriver, const char* pWhat);
-    ~HostDriverScope();
+    HostDriverScope(PDRIVER_OBJECT pDriver, const char* pWhat)
+        : pThread(HostSelf()), pBefore(pThread->pDriver), pWhat(pWhat), Irql(pThread->Irql),
+          uHeld(pThread->uHeld), mutexes(pThread->Mutexes.size()),
+          uCriticalRegions(pThread->uCriticalRegions), pStackTop(pThread->pStackTop)
+    {
+        if (pDriver != nullptr && (__atomic_load_n(&pDriver->Flags, __ATOMIC_RELAXED) & HOST_DRIVER_GONE)) {
+            BugGone(pDriver, pWhat);
+        }
+        pThread->pDriver = pDriver;
+        if (pStackTop == nullptr && pDriver != nullptr) {
+            pThread->pStackTop = static_cast<const UCHAR*>(__builtin_frame_address(0));
+        }
+    }
+    ~HostDriverScope()
+    {
+        pThread->pDriver = pBefore;
+        pThread->pStackTop = pStackTop;
+        if (__atomic_load_n(&pThread->uOnStack, __ATOMIC_RELAXED) != 0 || pThread->uHeld != uHeld ||
+            pThread->Mutexes.size() != mutexes || pThread->uCriticalRegions != uCriticalRegions ||
+            pThread->Irql != Irql) {
+            CheckLeft();
+        }
+    }
     HostDriverScope(const HostDriverScope&) = delete;
     HostDriverScope& operator=(const HostDriverScope&) = delete;
 
 private:
+    [[noreturn]] static void BugGone(PDRIVER_OBJECT pDriver, const char* pWhat); // verify.cpp
+    void CheckLeft();
+
     PKTHREAD pThread;
     PDRIVER_OBJECT pBefore;
     const char* pWhat;
@@ -230,9 +306,22 @@ void* HostAllocateBare(size_t bytes, const char* pKind, PDRIVER_OBJECT pOwner); 
 void HostRelease(void* p, const char* pKind);
 void HostCheckNoLiveThings(const void* p, size_t bytes, const char* pWhat);
 void HostCheckNotPaged(const void* pThing, const char* pCode, const char* pCall);
+#if defined(HOST_ASAN)
 void HostGuardPaged(bool bGuard);
-void HostCheckNotFreed(const void* pObject, const char* pCall); // an event, timer, DPC
-bool HostIsFreed(const void* p);                                // as far as an address sanitizer knows
+#else
+inline void HostGuardPaged(bool) {} // nobody would see
+#endif
+[[noreturn]] void HostBugInFreed(const void* pObject, const char* pCall);
+enum : UCHAR { HOST_FREED_BYTE = 0xFD };
+// An event, timer or DPC that somebody uses must not lie in memory that was freed.
+inline void HostCheckNotFreed(const void* pObject, const char* pCall)
+{
+    const UCHAR* p = static_cast<const UCHAR*>(pObject);
+    if (p != nullptr &&
+        (HostIsFreed(p) || (p[0] == HOST_FREED_BYTE && p[1] == HOST_FREED_BYTE && p[2] == HOST_FREED_BYTE))) {
+        HostBugInFreed(pObject, pCall);
+    }
+}
 bool HostFindUnwritten(const UCHAR* pData, size_t bytes, size_t* pOffset);
 void HostFillUnwritten(UCHAR* pData, size_t bytes);
 ULONGLONG HostFillOutput(UCHAR* pData, size_t begin, size_t end);

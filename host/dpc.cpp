@@ -25,7 +25,9 @@ void KeInitializeDpc(PRKDPC pDpc, PKDEFERRED_ROUTINE pRoutine, PVOID pContext)
 // Lock: held.
 void HostWakeDpcThreads()
 {
-    g->Dpcs.Wake.notify_all();
+    if (g->bThreaded) {
+        g->Dpcs.Wake.notify_all();
+    }
     for (PKTHREAD pThread : g->Dpcs.IdleThreads) {
         HostWake(pThread);
     }
@@ -81,7 +83,9 @@ void HostRunOneDpc(HostLock& lock, PKTHREAD pSelf)
             break;
         }
     }
-    g->Dpcs.Idle.notify_all();
+    if (g->bThreaded) {
+        g->Dpcs.Idle.notify_all();
+    }
 }
 
 void HostRunDpcs()

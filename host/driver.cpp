@@ -1,4 +1,5 @@
 // driver.cpp - starting and ending the host, loading and unloading drivers, and the audits.
+#include "irp.h"
 #include "trace.h"
 
 #include <chrono>

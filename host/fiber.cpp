@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #if defined(HOST_ASAN)
-#include <sanitizer/asan_interface.h>
 #include <sanitizer/common_interface_defs.h>
 #endif
 #if defined(HOST_TSAN)

@@ -4,12 +4,25 @@
 // completed. The last transitions tell how it came there. Any thread, any IRQL.
 #include "irp.h"
 
-void HostNote(HostIrp* pHost, const char* pWhat, PDRIVER_OBJECT pDriver, ULONG_PTR ulValue)
+// An empty one.
+// Lock: held.
+HostHistory* HostNewHistory()
 {
-    if (pHost != nullptr) {
-        unsigned uNext = HostAdd(&pHost->uTransitions, 1u) - 1;
-        pHost->Transitions[uNext % TRANSITIONS] = {pWhat, pDriver, ulValue};
+    HostHistory* pHistory = g->Irps.pSpare;
+    if (pHistory == nullptr) {
+        g->Irps.Histories.push_back(std::make_unique<HostHistory>());
+        pHistory = g->Irps.Histories.back().get();
     }
+    g->Irps.pSpare = pHistory->pNext;
+    pHistory->uTransitions = 0;
+    return pHistory;
+}
+
+// Lock: held.
+void HostDeleteHistory(HostHistory* pHistory)
+{
+    pHistory->pNext = g->Irps.pSpare;
+    g->Irps.pSpare = pHistory;
 }
 
 void HostNotePending(PIRP pIrp)
@@ -20,9 +33,10 @@ void HostNotePending(PIRP pIrp)
 std::string HostHistoryOf(HostIrp* pHost)
 {
     std::string text;
-    unsigned uFirst = pHost->uTransitions > TRANSITIONS ? pHost->uTransitions - TRANSITIONS : 0;
-    for (unsigned i = uFirst; i < pHost->uTransitions; i++) {
-        const HostTransition& one = pHost->Transitions[i % TRANSITIONS];
+    const HostHistory& history = *pHost->pHistory;
+    unsigned uFirst = history.uTransitions > TRANSITIONS ? history.uTransitions - TRANSITIONS : 0;
+    for (unsigned i = uFirst; i < history.uTransitions; i++) {
+        const HostHistory::Transition& one = history.Last[i % TRANSITIONS];
         char value[40];
         snprintf(value, sizeof(value), " (0x%llx)", one.ulValue);
         text += std::string("\n  ") + one.pWhat + " " +

@@ -4,30 +4,14 @@
 const char HostIrpKind[] = "request";
 const char HostIrpBufferKind[] = "request buffer";
 
-HostIrp* HostIrpOf(PIRP pIrp)
+void HostBugGone(const char* pCall)
 {
-    if (!(pIrp->AllocationFlags & TRACKED)) {
-        return nullptr;
-    }
-    return reinterpret_cast<HostIrp*>(pIrp) - 1;
+    HostBug("MULTIPLE_IRP_COMPLETE_REQUESTS", "%s on a request that was completed or freed before", pCall);
 }
 
-// The request's record; a request that is gone was completed before.
-HostIrp* HostLiveIrp(PIRP pIrp, const char* pCall)
+// What of a request is not zero.
+static void SetUp(PIRP pIrp, CCHAR stackSize, UCHAR ucFlags)
 {
-    HostIrp* pHost = reinterpret_cast<HostIrp*>(pIrp) - 1;
-    if (HostIsFreed(pIrp) || pIrp->AllocationFlags == 0xFD ||
-        ((pIrp->AllocationFlags & TRACKED) && pHost->ulMagic != IRP_MAGIC)) {
-        HostBug("MULTIPLE_IRP_COMPLETE_REQUESTS", "%s on a request that was completed or freed before",
-                pCall);
-    }
-    return HostIrpOf(pIrp);
-}
-
-static void ResetIrp(PIRP pIrp, CCHAR stackSize)
-{
-    UCHAR ucFlags = pIrp->AllocationFlags & TRACKED;
-    memset(static_cast<void*>(pIrp), 0, IoSizeOfIrp(stackSize));
     pIrp->Type = 6;
     pIrp->Size = IoSizeOfIrp(stackSize);
     pIrp->StackCount = stackSize;
@@ -39,25 +23,23 @@ static void ResetIrp(PIRP pIrp, CCHAR stackSize)
 
 PIRP HostNewIrp(CCHAR stackSize)
 {
-    size_t steps = static_cast<size_t>(stackSize) + 1;
-    size_t irpSize = IoSizeOfIrp(stackSize);
+    const size_t irpSize = IoSizeOfIrp(stackSize);
+    const size_t bytes = sizeof(HostIrp) + irpSize + (static_cast<size_t>(stackSize) + 1) * sizeof(HostStep);
     PKTHREAD pSelf = HostSelf();
-    HostIrp* pHost = static_cast<HostIrp*>(
-        HostAllocateBare(sizeof(HostIrp) + irpSize + steps * sizeof(HostStep), HostIrpKind, pSelf->pDriver));
-    memset(static_cast<void*>(pHost), 0, offsetof(HostIrp, Transitions));
+    HostIrp* pHost = static_cast<HostIrp*>(HostAllocateBare(bytes, HostIrpKind, pSelf->pDriver));
+    memset(static_cast<void*>(pHost), 0, bytes);
     pHost->ulMagic = IRP_MAGIC;
     pHost->pOwner = pSelf->pDriver;
     pHost->b32 = pSelf->b32;
     pHost->iSteps = stackSize;
     pHost->iLowest = stackSize + 1;
     PIRP pIrp = reinterpret_cast<PIRP>(pHost + 1);
-    pIrp->AllocationFlags = TRACKED;
-    ResetIrp(pIrp, stackSize);
-    pIrp->Tail.Overlay.Thread = pSelf;
-    HostNote(pHost, "made", pSelf->pDriver, static_cast<ULONG_PTR>(stackSize));
     pHost->pSteps = reinterpret_cast<HostStep*>(reinterpret_cast<UCHAR*>(pIrp) + irpSize);
-    memset(pHost->pSteps, 0, steps * sizeof(HostStep));
+    SetUp(pIrp, stackSize, TRACKED);
+    pIrp->Tail.Overlay.Thread = pSelf;
     HostLock lock(g->Lock);
+    pHost->pHistory = HostNewHistory();
+    HostNote(pHost, "made", pSelf->pDriver, static_cast<ULONG_PTR>(stackSize));
     InsertTailList(&g->Irps.All, &pHost->Link);
     return pIrp;
 }
@@ -66,12 +48,12 @@ void HostDeleteIrp(HostIrp* pHost)
 {
     pHost->ulMagic = IRP_GONE;
     if (pHost->bOnStack) { // built, never sent
-        __atomic_sub_fetch(&reinterpret_cast<PIRP>(pHost + 1)->Tail.Overlay.Thread->uOnStack, 1,
-                           __ATOMIC_RELAXED);
+        HostAdd(&reinterpret_cast<PIRP>(pHost + 1)->Tail.Overlay.Thread->uOnStack, -1u);
     }
     {
         HostLock lock(g->Lock);
         RemoveEntryList(&pHost->Link);
+        HostDeleteHistory(pHost->pHistory);
     }
     HostRelease(pHost, HostIrpKind);
 }
@@ -118,7 +100,10 @@ void IoReuseIrp(PIRP pIrp, NTSTATUS status)
         pHost->iLowest = pIrp->StackCount + 1;
     }
     PKTHREAD pThread = pIrp->Tail.Overlay.Thread;
-    ResetIrp(pIrp, pIrp->StackCount);
+    const UCHAR ucFlags = pIrp->AllocationFlags & TRACKED;
+    const CCHAR stackSize = pIrp->StackCount;
+    memset(static_cast<void*>(pIrp), 0, IoSizeOfIrp(stackSize));
+    SetUp(pIrp, stackSize, ucFlags);
     pIrp->Tail.Overlay.Thread = pThread;
     pIrp->IoStatus.Status = status;
 }
@@ -132,7 +117,7 @@ BOOLEAN IoIs32bitProcess(PIRP pIrp)
 PDRIVER_CANCEL IoSetCancelRoutine(PIRP pIrp, PDRIVER_CANCEL pRoutine)
 {
     SCHEDULE_POINT();
-    return __atomic_exchange_n(&pIrp->CancelRoutine, pRoutine, __ATOMIC_SEQ_CST);
+    return HostExchange(&pIrp->CancelRoutine, pRoutine);
 }
 
 // Marks the request cancelled and calls its cancel routine, which must give the cancel lock back.

@@ -31,13 +31,18 @@ struct HostStep {
     bool bNextPower;                 // its driver called PoStartNextPowerIrp
 };
 
-// Something that happened to a request, by whose code, with a status, a function or a level.
-struct HostTransition {
-    const char* pWhat;
-    PDRIVER_OBJECT pDriver;
-    ULONG_PTR ulValue;
-};
+// What happened to a request. It lies apart, where no driver has memory, and is used again as it is.
 enum { TRANSITIONS = 32 };
+struct HostHistory {
+    struct Transition { // by whose code, with a status, a function or a level
+        const char* pWhat;
+        PDRIVER_OBJECT pDriver;
+        ULONG_PTR ulValue;
+    };
+    HostHistory* pNext; // of the spare ones
+    unsigned uTransitions;
+    Transition Last[TRANSITIONS]; // a ring
+};
 
 struct HostIrp {
     ULONG_PTR ulMagic;
@@ -58,8 +63,7 @@ struct HostIrp {
     ULONGLONG ullKey; // of its system buffer's unwritten bytes
     bool bOnStack;    // its event or status block lies with the caller, who must outlive it
     LIST_ENTRY Link;  // HostRequests::All
-    unsigned uTransitions;
-    HostTransition Transitions[TRANSITIONS]; // the last ones, a ring
+    HostHistory* pHistory;
 };
 
 class HostStepLock
@@ -79,13 +83,40 @@ public:
     }
 };
 
-void HostCheckPassedOn(PIRP pIrp, HostIrp* pHost);  // stack.cpp: on a way down
-void HostCheckAnswered(PIRP pIrp, HostIrp* pHost);  // stack.cpp: at a completion
-bool HostIsPower(PIO_STACK_LOCATION pLocation);     // a power request of which one at a time is under way
-HostIrp* HostIrpOf(PIRP pIrp);                      // null for a request in a driver's own memory
-HostIrp* HostLiveIrp(PIRP pIrp, const char* pCall); // the same; stops the run if the request is gone
+void HostCheckPassedOn(PIRP pIrp, HostIrp* pHost); // stack.cpp: on a way down
+void HostCheckAnswered(PIRP pIrp, HostIrp* pHost); // stack.cpp: at a completion
+bool HostIsPower(PIO_STACK_LOCATION pLocation);    // a power request of which one at a time is under way
+[[noreturn]] void HostBugGone(const char* pCall);  // irp.cpp: on a request that is gone
 PIRP HostNewIrp(CCHAR stackSize);
-void HostNote(HostIrp* pHost, const char* pWhat, PDRIVER_OBJECT pDriver, ULONG_PTR ulValue); // null: nothing
 std::string HostHistoryOf(HostIrp* pHost); // its last transitions, a line each
 void HostDeleteIrp(HostIrp* pHost);
+HostHistory* HostNewHistory(); // history.cpp
+void HostDeleteHistory(HostHistory* pHistory);
 void HostCopyOut(PIRP pIrp, HostIrp* pHost); // the output to the requester; buffers freed
+
+// Null for a request in a driver's own memory.
+inline HostIrp* HostIrpOf(PIRP pIrp)
+{
+    return pIrp->AllocationFlags & TRACKED ? reinterpret_cast<HostIrp*>(pIrp) - 1 : nullptr;
+}
+
+// The same; a request that is gone was completed before, and stops the run.
+inline HostIrp* HostLiveIrp(PIRP pIrp, const char* pCall)
+{
+    HostIrp* pHost = reinterpret_cast<HostIrp*>(pIrp) - 1;
+    if (HostIsFreed(pIrp) || pIrp->AllocationFlags == HOST_FREED_BYTE ||
+        ((pIrp->AllocationFlags & TRACKED) && pHost->ulMagic != IRP_MAGIC)) {
+        HostBugGone(pCall);
+    }
+    return HostIrpOf(pIrp);
+}
+
+// Of a request in a driver's own memory nothing is noted.
+inline void HostNote(HostIrp* pHost, const char* pWhat, PDRIVER_OBJECT pDriver, ULONG_PTR ulValue)
+{
+    if (pHost != nullptr) {
+        HostHistory* pHistory = pHost->pHistory;
+        const unsigned uNext = HostAdd(&pHistory->uTransitions, 1u) - 1;
+        pHistory->Last[uNext % TRANSITIONS] = {pWhat, pDriver, ulValue};
+    }
+}

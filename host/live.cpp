@@ -72,15 +72,25 @@ static void CheckThreads(const Stretch& stretch)
     }
 }
 
+// Most of the time there is nothing anywhere.
+// Lock: held.
+static bool AreThings()
+{
+    return !g->Clock.Due.empty() || !IsListEmpty(&g->Dpcs.Queue) || !g->Dpcs.Running.empty() ||
+           g->Threads.objects != 0;
+}
+
 // Memory that goes away must not hold anything that the system still knows of.
 // Lock: takes Lock.
 void HostCheckNoLiveThings(const void* p, size_t bytes, const char* pWhat)
 {
     const Stretch stretch = {p, bytes, pWhat, "freed", FREED};
     HostLock lock(g->Lock);
-    CheckTimers(stretch);
     HostForgetLocks(p, bytes);
-    CheckThreads(stretch);
+    if (AreThings()) {
+        CheckTimers(stretch);
+        CheckThreads(stretch);
+    }
     for (const HostWorkers::Item& work : g->Work.Queue) {
         if (stretch.Has(work.pIdentity)) {
             stretch.Stop(stretch.Code.pWork, "a work item in it is queued");
@@ -96,6 +106,8 @@ void HostCheckInitialise(const void* pObject, size_t bytes, const char* pCall)
     HostCheckNotPaged(pObject, "DISPATCHER_OBJECT_IN_PAGED_POOL", pCall);
     const Stretch stretch = {pObject, bytes, pCall, "called", INITIALISED};
     HostLock lock(g->Lock);
-    CheckTimers(stretch);
-    CheckThreads(stretch);
+    if (AreThings()) {
+        CheckTimers(stretch);
+        CheckThreads(stretch);
+    }
 }

@@ -16,12 +16,12 @@ KIRQL KeGetCurrentIrql()
     return HostSelf()->Irql;
 }
 
-static void SetIrql(PKTHREAD pSelf, KIRQL irql)
+static inline void SetIrql(PKTHREAD pSelf, KIRQL irql)
 {
     bool bBefore = pSelf->Irql >= DISPATCH_LEVEL;
     bool bAfter = irql >= DISPATCH_LEVEL;
     pSelf->Irql = irql;
-    if (bBefore != bAfter && !g->bThreaded) {
+    if (bBefore != bAfter && !HostRunsFreely) {
         HostGuardPaged(bAfter);
     }
 }
@@ -52,7 +52,7 @@ void KeLowerIrql(KIRQL irql)
         HostBug("IRQL_NOT_GREATER_OR_EQUAL", "KeLowerIrql to %u while a spin lock is held", irql);
     }
     SetIrql(pSelf, irql);
-    if (irql < DISPATCH_LEVEL && !g->bThreaded && !IsListEmpty(&g->Dpcs.Queue)) {
+    if (irql < DISPATCH_LEVEL && !HostRunsFreely && !IsListEmpty(&g->Dpcs.Queue)) {
         HostRunDpcs();
     }
     SCHEDULE_POINT();
@@ -75,29 +75,34 @@ void HostInitializeSpinLock(PKSPIN_LOCK pLock, const char* pName)
     HostForgetLocks(pLock, sizeof(*pLock));
 }
 
-static void Take(PKTHREAD pSelf, PKSPIN_LOCK pLock, const char* pCall)
+// Takes the lock if it is free.
+static inline bool TakeFree(PKSPIN_LOCK pLock, KSPIN_LOCK self)
 {
+    if (!HostRunsFreely) {
+        return *pLock == 0 && (*pLock = self) != 0;
+    }
+    KSPIN_LOCK expected = 0;
+    return __atomic_compare_exchange_n(pLock, &expected, self, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED);
+}
+
+// The lock is not free, or was not a moment ago.
+static void __attribute__((noinline)) TakeLater(PKTHREAD pSelf, PKSPIN_LOCK pLock, const char* pCall)
+{
+    const KSPIN_LOCK self = reinterpret_cast<KSPIN_LOCK>(pSelf);
     if (__atomic_load_n(pLock, __ATOMIC_RELAXED) == DROPPED_LOCK) {
         SCHEDULE_POINT();
-        pSelf->Held[pSelf->uHeld++] = pLock;
         return;
     }
-    KSPIN_LOCK self = reinterpret_cast<KSPIN_LOCK>(pSelf);
     if (__atomic_load_n(pLock, __ATOMIC_RELAXED) == self) {
         HostBug("SPIN_LOCK_ALREADY_OWNED", "%s: the thread holds this lock already", pCall);
     }
-    if (pSelf->uHeld != 0 || !pSelf->Mutexes.empty()) {
-        HostLock lock(g->Lock);
-        HostNoteOrder(pSelf, pLock);
-    }
-    KSPIN_LOCK expected = 0;
-    while (!__atomic_compare_exchange_n(pLock, &expected, self, true, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
+    while (!TakeFree(pLock, self)) {
         if (g->Sched.bSeeded) {
             HostLock lock(g->Lock);
             pSelf->pSpinsFor = pLock;
             HostYield(lock, pSelf);
             pSelf->pSpinsFor = nullptr;
-        } else if (expected != 0 && !g->bThreaded) {
+        } else if (!HostRunsFreely) {
             HostBug("SPIN_LOCK_ALREADY_OWNED",
                     "%s: the lock is held by a thread that cannot run, or was never "
                     "initialised",
@@ -105,7 +110,21 @@ static void Take(PKTHREAD pSelf, PKSPIN_LOCK pLock, const char* pCall)
         } else {
             sched_yield();
         }
-        expected = 0;
+    }
+}
+
+static inline void Take(PKTHREAD pSelf, PKSPIN_LOCK pLock, const char* pCall)
+{
+    const KSPIN_LOCK self = reinterpret_cast<KSPIN_LOCK>(pSelf);
+    if (pSelf->uHeld != 0 || !pSelf->Mutexes.empty()) {
+        const KSPIN_LOCK holder = __atomic_load_n(pLock, __ATOMIC_RELAXED);
+        if (holder != DROPPED_LOCK && holder != self) {
+            HostLock lock(g->Lock);
+            HostNoteOrder(pSelf, pLock);
+        }
+    }
+    if (!TakeFree(pLock, self)) {
+        TakeLater(pSelf, pLock, pCall);
     }
     pSelf->uCallsUnderLock = 0;
     pSelf->Held[pSelf->uHeld++] = pLock;

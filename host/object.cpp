@@ -6,8 +6,6 @@
 // booked on the driver whose code runs, and given back by whoever releases them.
 #include "core.h"
 
-enum : ULONG_PTR { OBJECT_MAGIC = 0x7463656a626f746e };
-
 struct _OBJECT_TYPE {
     HostKind Kind;
 };
@@ -35,18 +33,14 @@ void* HostNewObject(HostKind kind, size_t bodySize, void (*pDestroy)(void* pBody
 {
     HostObject* pObject =
         static_cast<HostObject*>(HostAllocateBare(sizeof(HostObject) + bodySize, HostObjectKind, nullptr));
-    *pObject = {OBJECT_MAGIC, kind, 1, nullptr, pDestroy, bodySize, nullptr};
+    *pObject = {HOST_OBJECT_MAGIC, kind, 1, nullptr, pDestroy, bodySize, nullptr};
     memset(pObject + 1, 0, bodySize);
     return pObject + 1;
 }
 
-HostObject* HostObjectOf(void* pBody, const char* pCall)
+void HostBugNoObject(const void* pBody, const char* pCall)
 {
-    HostObject* pObject = static_cast<HostObject*>(pBody) - 1;
-    if (pBody == nullptr || HostIsFreed(pObject) || pObject->ulMagic != OBJECT_MAGIC) {
-        HostBug("REFERENCE_BY_POINTER", "%s on %p, which is no object or one that is gone", pCall, pBody);
-    }
-    return pObject;
+    HostBug("REFERENCE_BY_POINTER", "%s on %p, which is no object or one that is gone", pCall, pBody);
 }
 
 void HostReference(void* pBody)
@@ -127,15 +121,52 @@ ACCESS_MASK HostRightsOf(HostKind kind, ACCESS_MASK desired)
     return granted;
 }
 
+// The one place in which this handle can be.
+// Lock: held.
+static HostLedger::Entry& PlaceOf(ULONG_PTR ulHandle)
+{
+    auto& places = g->Objects.Handles;
+    return places[ulHandle / 4 & (places.size() - 1)];
+}
+
+// Null: not open.
+// Lock: held.
+static HostLedger::Entry* EntryOf(HANDLE h)
+{
+    const ULONG_PTR ulHandle = reinterpret_cast<ULONG_PTR>(h);
+    HostLedger::Entry& place = PlaceOf(ulHandle);
+    return ulHandle != 0 && place.ulHandle == ulHandle ? &place : nullptr;
+}
+
+// What has different places keeps different ones among twice as many.
+// Lock: held.
+static void MakeRoomForHandles()
+{
+    std::vector<HostLedger::Entry> before(g->Objects.Handles.size() * 2);
+    before.swap(g->Objects.Handles);
+    for (const HostLedger::Entry& entry : before) {
+        if (entry.ulHandle != 0) {
+            PlaceOf(entry.ulHandle) = entry;
+        }
+    }
+}
+
+// A number whose place is taken is passed over.
 HANDLE HostNewHandle(void* pBody, ULONG ulAttributes, ACCESS_MASK rights)
 {
     PDRIVER_OBJECT pDriver = HostSelf()->pDriver;
     rights = HostRightsOf(HostObjectOf(pBody, "a new handle")->Kind, rights);
     HostLock lock(g->Lock);
-    ULONG_PTR ulHandle = g->Objects.ulNextHandle;
-    g->Objects.ulNextHandle += 4;
-    g->Objects.Handles[ulHandle] = {pBody, pDriver, !(ulAttributes & OBJ_KERNEL_HANDLE), rights};
-    return reinterpret_cast<HANDLE>(ulHandle);
+    if (++g->Objects.openHandles > g->Objects.Handles.size() / 2) {
+        MakeRoomForHandles();
+    }
+    ULONG_PTR& ulNext = g->Objects.ulNextHandle;
+    while (PlaceOf(ulNext).ulHandle != 0) {
+        ulNext += 4;
+    }
+    PlaceOf(ulNext) = {ulNext, pBody, pDriver, !(ulAttributes & OBJ_KERNEL_HANDLE), rights};
+    ulNext += 4;
+    return reinterpret_cast<HANDLE>(ulNext - 4);
 }
 
 // An application can close and reuse its handles at any moment: a driver takes them as UserMode handles only.
@@ -152,15 +183,15 @@ static void CheckHandleUse(bool bUserAsKernel, const char* pCall)
 void* HostFromHandle(HANDLE h, HostKind kind, ACCESS_MASK needed, NTSTATUS* pStatus)
 {
     HostLock lock(g->Lock);
-    auto it = g->Objects.Handles.find(reinterpret_cast<ULONG_PTR>(h));
-    if (it == g->Objects.Handles.end()) {
+    const HostLedger::Entry* pEntry = EntryOf(h);
+    if (pEntry == nullptr) {
         *pStatus = STATUS_INVALID_HANDLE;
         return nullptr;
     }
-    CheckHandleUse(it->second.bUser, "a system call");
-    void* pBody = it->second.pBody;
+    CheckHandleUse(pEntry->bUser, "a system call");
+    void* pBody = pEntry->pBody;
     *pStatus = HostObjectOf(pBody, "a handle")->Kind != kind ? STATUS_OBJECT_TYPE_MISMATCH
-               : needed & ~it->second.Rights                 ? STATUS_ACCESS_DENIED
+               : needed & ~pEntry->Rights                    ? STATUS_ACCESS_DENIED
                                                              : STATUS_SUCCESS;
     return NT_SUCCESS(*pStatus) ? pBody : nullptr;
 }
@@ -176,21 +207,21 @@ NTSTATUS ObReferenceObjectByHandle(HANDLE h, ACCESS_MASK desired, POBJECT_TYPE p
     }
     {
         HostLock lock(g->Lock);
-        auto it = g->Objects.Handles.find(reinterpret_cast<ULONG_PTR>(h));
-        if (it == g->Objects.Handles.end() || (mode == UserMode && !it->second.bUser)) {
+        const HostLedger::Entry* pEntry = EntryOf(h);
+        if (pEntry == nullptr || (mode == UserMode && !pEntry->bUser)) {
             return STATUS_INVALID_HANDLE;
         }
-        CheckHandleUse(it->second.bUser && mode == KernelMode, __func__);
-        HostObject* pObject = HostObjectOf(it->second.pBody, __func__);
+        CheckHandleUse(pEntry->bUser && mode == KernelMode, __func__);
+        HostObject* pObject = HostObjectOf(pEntry->pBody, __func__);
         if (pType != nullptr && pObject->Kind != pType->Kind) {
             return STATUS_OBJECT_TYPE_MISMATCH;
         }
-        rights = it->second.Rights;
+        rights = pEntry->Rights;
         if (HostRightsOf(pObject->Kind, desired) & ~rights) {
             return STATUS_ACCESS_DENIED;
         }
-        HostReference(it->second.pBody);
-        *ppBody = it->second.pBody;
+        HostReference(pEntry->pBody);
+        *ppBody = pEntry->pBody;
     }
     Book(*ppBody, 1);
     if (pInformation != nullptr) {
@@ -205,16 +236,17 @@ NTSTATUS ZwClose(HANDLE h)
     void* pBody;
     {
         HostLock lock(g->Lock);
-        auto it = g->Objects.Handles.find(reinterpret_cast<ULONG_PTR>(h));
-        if (it == g->Objects.Handles.end()) {
+        HostLedger::Entry* pEntry = EntryOf(h);
+        if (pEntry == nullptr) {
             if (HostSelf()->pDriver != nullptr) {
                 HostBug("INVALID_KERNEL_HANDLE", "ZwClose of a handle that is not open");
             }
             return STATUS_INVALID_HANDLE;
         }
-        CheckHandleUse(it->second.bUser, __func__);
-        pBody = it->second.pBody;
-        g->Objects.Handles.erase(it);
+        CheckHandleUse(pEntry->bUser, __func__);
+        pBody = pEntry->pBody;
+        *pEntry = {};
+        g->Objects.openHandles--;
     }
     HostDereference(pBody);
     return STATUS_SUCCESS;
@@ -225,9 +257,9 @@ unsigned HostAuditObjects(PDRIVER_OBJECT pDriver)
 {
     unsigned uLeaks = 0;
     HostLock lock(g->Lock);
-    for (const auto& handle : g->Objects.Handles) {
-        if (handle.second.pOwner == pDriver) {
-            HostLeak(uLeaks, "handle: %s", HostKindName(HostObjectOf(handle.second.pBody, "audit")->Kind));
+    for (const HostLedger::Entry& entry : g->Objects.Handles) {
+        if (entry.ulHandle != 0 && entry.pOwner == pDriver) {
+            HostLeak(uLeaks, "handle: %s", HostKindName(HostObjectOf(entry.pBody, "audit")->Kind));
         }
     }
     for (const auto& [pBody, balance] : g->Objects.References) {

@@ -4,6 +4,8 @@
 // can lock each other out, whether or not it happens in this run. A lock's memory that goes is forgotten.
 #include "core.h"
 
+#include <algorithm>
+
 static bool Leads(const void* pFrom, const void* pTo, unsigned uDepth)
 {
     auto it = g->Orders.After.find(pFrom);
@@ -18,12 +20,22 @@ static bool Leads(const void* pFrom, const void* pTo, unsigned uDepth)
     return false;
 }
 
+static void NoteLock(const void* p)
+{
+    auto& all = g->Orders.Locks;
+    auto place = std::lower_bound(all.begin(), all.end(), p);
+    if (place == all.end() || *place != p) {
+        all.insert(place, p);
+    }
+}
+
 static void NoteOne(const void* pHeld, const void* pTaken)
 {
     if (pHeld == pTaken || !g->Orders.After[pHeld].insert(pTaken).second) {
         return;
     }
-    g->Orders.Locks.insert({pHeld, pTaken});
+    NoteLock(pHeld);
+    NoteLock(pTaken);
     if (Leads(pTaken, pHeld, 16)) {
         HostBug("LOCK_ORDER", "lock %p is taken under %p; before, it was the other way round", pTaken, pHeld);
     }
@@ -45,11 +57,12 @@ void HostNoteOrder(PKTHREAD pSelf, const void* pTaken)
 void HostForgetLocks(const void* p, size_t bytes)
 {
     const void* pEnd = static_cast<const UCHAR*>(p) + bytes;
-    auto first = g->Orders.Locks.lower_bound(p);
-    if (first == g->Orders.Locks.end() || *first >= pEnd) {
+    auto& all = g->Orders.Locks;
+    auto first = std::lower_bound(all.begin(), all.end(), p);
+    if (first == all.end() || *first >= pEnd) {
         return;
     }
-    g->Orders.Locks.erase(first, g->Orders.Locks.lower_bound(pEnd));
+    all.erase(first, std::lower_bound(first, all.end(), pEnd));
     g->Orders.After.erase(g->Orders.After.lower_bound(p), g->Orders.After.lower_bound(pEnd));
     for (auto& order : g->Orders.After) {
         order.second.erase(order.second.lower_bound(p), order.second.lower_bound(pEnd));

@@ -1,29 +1,38 @@
 // pool.cpp - pool memory, its ledger and the traps around it.
 //
 // Every block has a header in front, which ends in guard bytes (and, without an address sanitizer, guard bytes
-// behind), and lies in one list. A freed block stays in a quarantine for a while, so that a second free is recognised. Fresh memory
-// holds a pattern that stands for "never written"; the same pattern found in what is copied to an
+// behind), and lies in one list. A freed block stays in a quarantine for a while, so that a second free is recognised:
+//
+//   fresh ──► live ──► freed: filled, in the quarantine ──► checked: kept by its size ──► live again, and warm
+//
+// Fresh memory holds a pattern that stands for "never written"; the same pattern found in what is copied to an
 // application is memory that nobody wrote. Paged blocks are poisoned while the simulated processor is at
 // DISPATCH_LEVEL (only an address sanitizer sees the access).
 #include "core.h"
 
 #include <cstdlib>
+#include <utility>
 
 #if defined(HOST_ASAN)
-#include <sanitizer/asan_interface.h>
 enum { GUARD_BYTES = 0 };
 #else
 #define ASAN_POISON_MEMORY_REGION(p, n) ((void)(p), (void)(n))
 #define ASAN_UNPOISON_MEMORY_REGION(p, n) ((void)(p), (void)(n))
 enum { GUARD_BYTES = 16 };
 #endif
+#if defined(HOST_ASAN) || defined(HOST_TSAN)
+enum : size_t { KEPT_SIZES = 0 }; // the sanitizer shall see each block come and go
+#else
+enum : size_t { KEPT_SIZES = 32 };
+#endif
+enum : size_t { SIZE_STEP = 64, KEPT_OF_A_SIZE = 64 };
 
 const char HostPoolKind[] = "pool memory";
 const char HostObjectKind[] = "object";
 const char HostExtensionKind[] = "device extension";
 
 enum : ULONG_PTR { LIVE = 0x6576696c6b636c62, FREED = 0x6465657266626c6b };
-enum { QUARANTINE_BLOCKS = 256, FREED_BYTE = 0xFD };
+enum { QUARANTINE_BLOCKS = 256 };
 
 struct alignas(16) Block {
     ULONG_PTR ulState;
@@ -38,10 +47,56 @@ struct alignas(16) Block {
     UCHAR* Body() { return reinterpret_cast<UCHAR*>(this + 1); }
 };
 
-static std::mutex PoolLock;
+// Memory of one size that waits for its next block.
+struct KeptMemory {
+    LIST_ENTRY* pFirst; // linked by Flink alone
+    size_t count;
+};
+
+static std::mutex PoolLock; // of all that follows
 static LIST_ENTRY Blocks = {&Blocks, &Blocks};
-static std::deque<Block*> Quarantine;
+static Block* Quarantine[QUARANTINE_BLOCKS]; // a ring
+static unsigned uOldest;                     // of them, or a free place
+static KeptMemory Kept[KEPT_SIZES + 1];
 static std::vector<Block*> PagedBlocks;
+
+// With header and guards, in steps.
+static size_t StepsOf(size_t bytes)
+{
+    return (sizeof(Block) + bytes + GUARD_BYTES + SIZE_STEP - 1) / SIZE_STEP;
+}
+
+static size_t BehindBody(size_t bytes)
+{
+    return StepsOf(bytes) * SIZE_STEP - sizeof(Block) - bytes;
+}
+
+// Lock: held.
+static void* TakeMemory(size_t steps)
+{
+    KeptMemory* pKept = steps < KEPT_SIZES ? &Kept[steps] : nullptr;
+    if (pKept == nullptr || pKept->pFirst == nullptr) {
+        return malloc(steps * SIZE_STEP);
+    }
+    LIST_ENTRY* pFirst = pKept->pFirst;
+    pKept->pFirst = pFirst->Flink;
+    pKept->count--;
+    return pFirst;
+}
+
+// Lock: held.
+static void GiveMemory(void* p, size_t steps)
+{
+    KeptMemory* pKept = steps < KEPT_SIZES ? &Kept[steps] : nullptr;
+    if (pKept == nullptr || pKept->count == KEPT_OF_A_SIZE) {
+        free(p);
+        return;
+    }
+    LIST_ENTRY* pFirst = static_cast<LIST_ENTRY*>(p);
+    pFirst->Flink = pKept->pFirst;
+    pKept->pFirst = pFirst;
+    pKept->count++;
+}
 
 static void Guard(Block* pBlock)
 {
@@ -54,14 +109,19 @@ static void Guard(Block* pBlock)
 
 static Block* NewBlock(size_t bytes, const char* pKind, ULONG ulTag, PDRIVER_OBJECT pOwner)
 {
-    Block* pBlock = static_cast<Block*>(malloc((sizeof(Block) + bytes + GUARD_BYTES + 15) & ~size_t(15)));
+    HostLock lock(PoolLock);
+    Block* pBlock = static_cast<Block*>(TakeMemory(StepsOf(bytes)));
     if (pBlock == nullptr) {
         HostBug("OUT_OF_MEMORY", "%zu bytes", bytes);
     }
-    *pBlock = {LIVE, bytes, pKind, pOwner, {nullptr, nullptr}, ulTag, false, {}};
+    pBlock->ulState = LIVE;
+    pBlock->bytes = bytes;
+    pBlock->pKind = pKind;
+    pBlock->pOwner = pOwner;
+    pBlock->ulTag = ulTag;
+    pBlock->bPaged = false;
     Guard(pBlock);
-    ASAN_POISON_MEMORY_REGION(pBlock->Body() + bytes, ((bytes + 15) & ~size_t(15)) - bytes);
-    HostLock lock(PoolLock);
+    ASAN_POISON_MEMORY_REGION(pBlock->Body() + bytes, BehindBody(bytes));
     InsertTailList(&Blocks, &pBlock->Link);
     return pBlock;
 }
@@ -83,22 +143,34 @@ void* HostAllocateBare(size_t bytes, const char* pKind, PDRIVER_OBJECT pOwner)
 // Each byte is the one before it, and the first one is right.
 static bool IsAllFreed(const UCHAR* p, size_t bytes)
 {
-    return bytes == 0 || (p[0] == FREED_BYTE && memcmp(p, p + 1, bytes - 1) == 0);
+    return bytes == 0 || (p[0] == HOST_FREED_BYTE && memcmp(p, p + 1, bytes - 1) == 0);
 }
 
+// Lock: held.
 static void FreeBlock(Block* pBlock)
 {
     ASAN_UNPOISON_MEMORY_REGION(pBlock->Before, sizeof(pBlock->Before));
-    ASAN_UNPOISON_MEMORY_REGION(pBlock->Body(), (pBlock->bytes + 15) & ~size_t(15));
+    ASAN_UNPOISON_MEMORY_REGION(pBlock->Body(), pBlock->bytes + BehindBody(pBlock->bytes));
     if (pBlock->ulState == FREED && !IsAllFreed(pBlock->Body(), pBlock->bytes)) {
         size_t i = 0;
-        while (pBlock->Body()[i] == FREED_BYTE) {
+        while (pBlock->Body()[i] == HOST_FREED_BYTE) {
             i++;
         }
         HostBug("FREED_MEMORY_WRITTEN", "%s (%zu bytes) was written at byte %zu after it was freed",
                 pBlock->pKind, pBlock->bytes, i);
     }
-    free(pBlock);
+    GiveMemory(pBlock, StepsOf(pBlock->bytes));
+}
+
+// Puts a freed block into the quarantine; the oldest one there leaves it.
+// Lock: held.
+static void Seclude(Block* pBlock)
+{
+    Block* pOldest = std::exchange(Quarantine[uOldest], pBlock);
+    uOldest = (uOldest + 1) % QUARANTINE_BLOCKS;
+    if (pOldest != nullptr) {
+        FreeBlock(pOldest);
+    }
 }
 
 static Block* CheckBlock(void* p, const char* pKind)
@@ -137,35 +209,14 @@ void HostRelease(void* p, const char* pKind)
         }
     }
     pBlock->ulState = FREED;
-    memset(pBlock->Body(), FREED_BYTE, pBlock->bytes);
+    memset(pBlock->Body(), HOST_FREED_BYTE, pBlock->bytes);
     ASAN_POISON_MEMORY_REGION(pBlock->Body(), pBlock->bytes);
-    Quarantine.push_back(pBlock);
-    if (Quarantine.size() > QUARANTINE_BLOCKS) {
-        FreeBlock(Quarantine.front());
-        Quarantine.pop_front();
-    }
+    Seclude(pBlock);
 }
 
-bool HostIsFreed(const void* p)
+void HostBugInFreed(const void* pObject, const char* pCall)
 {
-#if defined(HOST_ASAN)
-    return __asan_address_is_poisoned(p);
-#else
-    (void)p;
-    return false;
-#endif
-}
-
-// A dispatcher object or DPC that somebody uses must not lie in memory that was freed.
-// IRQL: any.
-void HostCheckNotFreed(const void* pObject, const char* pCall)
-{
-    const UCHAR* p = static_cast<const UCHAR*>(pObject);
-    if (pObject != nullptr &&
-        (HostIsFreed(p) || (p[0] == FREED_BYTE && p[1] == FREED_BYTE && p[2] == FREED_BYTE))) {
-        HostBug("DISPATCHER_OBJECT_IN_FREED_MEMORY", "%s: the object at %p lies in freed memory", pCall,
-                pObject);
-    }
+    HostBug("DISPATCHER_OBJECT_IN_FREED_MEMORY", "%s: the object at %p lies in freed memory", pCall, pObject);
 }
 
 static bool Within(const void* pThing, const void* p, size_t bytes)
@@ -185,6 +236,7 @@ void HostCheckNotPaged(const void* pThing, const char* pCode, const char* pCall)
     }
 }
 
+#if defined(HOST_ASAN)
 // Makes paged memory unusable, or usable again, as the level crosses DISPATCH_LEVEL. Simulated mode only.
 void HostGuardPaged(bool bGuard)
 {
@@ -196,6 +248,7 @@ void HostGuardPaged(bool bGuard)
         }
     }
 }
+#endif
 
 // Tells the pool blocks that a driver still owns.
 unsigned HostAuditPool(PDRIVER_OBJECT pDriver)
@@ -232,10 +285,11 @@ void HostDropMemory(bool bFree)
         }
         FreeBlock(pBlock);
     }
-    for (Block* pBlock : Quarantine) {
-        FreeBlock(pBlock);
+    for (Block*& pBlock : Quarantine) {
+        if (Block* pFreed = std::exchange(pBlock, nullptr)) {
+            FreeBlock(pFreed);
+        }
     }
-    Quarantine.clear();
     PagedBlocks.clear();
 }
 

@@ -19,11 +19,10 @@ PIRP IoBuildDeviceIoControlRequest(ULONG ulCode, PDEVICE_OBJECT pDevice, PVOID p
     pHost->ulCode = ulCode;
     pIrp->UserIosb = pStatus;
     pIrp->UserEvent = pEvent;
-    const bool bOnStack = pStatus != nullptr || pEvent != nullptr;
-    __atomic_add_fetch(&HostSelf()->uOnStack, bOnStack, __ATOMIC_RELAXED);
-    {
+    if (pStatus != nullptr || pEvent != nullptr) {
+        HostAdd(&HostSelf()->uOnStack, 1u);
         HostLock lock(g->Lock); // who looks for requests on a stack looks at every one
-        pHost->bOnStack = bOnStack;
+        pHost->bOnStack = true;
     }
     pIrp->UserBuffer = pOutput;
     PIO_STACK_LOCATION pNext = IoGetNextIrpStackLocation(pIrp);
@@ -38,7 +37,7 @@ PIRP IoBuildDeviceIoControlRequest(ULONG ulCode, PDEVICE_OBJECT pDevice, PVOID p
     bool bBuffered = pHost->ulMethod == METHOD_BUFFERED;
     ULONG ulBuffer = bBuffered && ulOutput > ulInput ? ulOutput : ulInput;
     if (ulBuffer != 0) {
-        pIrp->AssociatedIrp.SystemBuffer = HostAllocate(ulBuffer, HostIrpBufferKind, 0, nullptr);
+        pIrp->AssociatedIrp.SystemBuffer = HostAllocateBare(ulBuffer, HostIrpBufferKind, nullptr);
         pHost->ullKey =
             HostFillOutput(static_cast<UCHAR*>(pIrp->AssociatedIrp.SystemBuffer), ulInput, ulBuffer);
         if (ulInput != 0) {
@@ -62,7 +61,7 @@ static NTSTATUS SendAndWait(PDEVICE_OBJECT pTop, PIRP pIrp, ULONG_PTR* pInformat
 {
     KEVENT done;
     IO_STATUS_BLOCK result = {};
-    KeInitializeEvent(&done, NotificationEvent, FALSE);
+    HostInitHeader(&done.Header, NotificationEvent, sizeof(KEVENT), 0);
     HostIrp* pHost = HostIrpOf(pIrp);
     PKTHREAD pSelf = HostSelf();
     pHost->pResult = &result;
@@ -76,7 +75,10 @@ static NTSTATUS SendAndWait(PDEVICE_OBJECT pTop, PIRP pIrp, ULONG_PTR* pInformat
     if (status == STATUS_PENDING && pSelf->bTerminating) {
         HostCancelRequestOf(pSelf);
     }
-    KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
+    if (HostRunsFreely || HostSeeded ||
+        done.Header.SignalState == 0) { // else whoever signalled it has let go of it
+        KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
+    }
     if (pInformation != nullptr) {
         *pInformation = result.Information;
     }

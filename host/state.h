@@ -11,6 +11,7 @@ struct HostThreads {
     std::vector<PKTHREAD> System; // the host's own
     PKTHREAD pMain = nullptr;
     unsigned uStarted = 0;
+    size_t objects = 0; // that all threads together wait for or, mutexes, own (wait.cpp)
 };
 
 // sched.cpp: simulated mode
@@ -68,6 +69,7 @@ struct HostWorkers {
 // object.cpp
 struct HostLedger {
     struct Entry {
+        ULONG_PTR ulHandle; // 0: the place is free
         void* pBody;
         PDRIVER_OBJECT pOwner;
         bool bUser;
@@ -77,7 +79,8 @@ struct HostLedger {
         long lAll; // what one took, another may give back
         std::map<PDRIVER_OBJECT, long> Drivers;
     };
-    std::map<ULONG_PTR, Entry> Handles;
+    std::vector<Entry> Handles = std::vector<Entry>(64); // a power of two, at most half of it open handles
+    size_t openHandles = 0;
     ULONG_PTR ulNextHandle = 4;                    // or HostOptions::ulFirstHandle
     std::unordered_map<void*, Balance> References; // what drivers took, by object
 };
@@ -85,13 +88,15 @@ struct HostLedger {
 // order.cpp
 struct HostOrders {
     std::map<const void*, std::set<const void*>> After; // locks that were taken while the key was held
-    std::set<const void*> Locks;                        // all of them
+    std::vector<const void*> Locks;                     // all of them, by their addresses
 };
 
-// irp.cpp
+// irp.cpp, history.cpp
 struct HostRequests {
     LIST_ENTRY All;
-    std::mutex Lock; // of their steps
+    std::mutex Lock;                                            // of their steps
+    std::vector<std::unique_ptr<struct HostHistory>> Histories; // all there are
+    struct HostHistory* pSpare = nullptr;                       // those that no request has
 };
 
 // registry.cpp

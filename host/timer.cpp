@@ -47,7 +47,9 @@ static void Arm(PKTIMER pTimer, LONGLONG llDue)
     pTimer->TimerListEntry.Flink = reinterpret_cast<PLIST_ENTRY>(++g->Clock.ullSequence);
     pTimer->Header.Inserted = 1;
     g->Clock.Due[KeyOf(pTimer)] = {pTimer, nullptr};
-    g->Clock.Wake.notify_all();
+    if (g->bThreaded) {
+        g->Clock.Wake.notify_all();
+    }
 }
 
 static bool Disarm(PKTIMER pTimer)

@@ -47,17 +47,19 @@ void HostFillUnwritten(UCHAR* pData, size_t bytes)
     }
 }
 
-// Looks for four bytes in a row of the pattern, wherever it begins.
+// Looks for four bytes in a row of the pattern, wherever it begins: one of them is its first byte.
 bool HostFindUnwritten(const UCHAR* pData, size_t bytes, size_t* pOffset)
 {
-    for (size_t i = 0; Paint < 0 && i + 4 <= bytes; i++) {
-        for (size_t phase = 0; phase < 4; phase++) {
-            size_t same = 0;
-            while (same < 4 && pData[i + same] == HostUnwritten[(phase + same) % 4]) {
-                same++;
-            }
-            if (same == 4) {
-                *pOffset = i;
+    const UCHAR* const pEnd = pData + bytes;
+    const UCHAR* pFirst = Paint < 0 ? pData : pEnd;
+    for (; (pFirst = static_cast<const UCHAR*>(
+                memchr(pFirst, HostUnwritten[0], static_cast<size_t>(pEnd - pFirst)))) != nullptr;
+         pFirst++) {
+        for (size_t before = 4; before-- != 0;) {
+            if (static_cast<size_t>(pFirst - pData) >= before &&
+                static_cast<size_t>(pEnd - pFirst) >= 4 - before &&
+                memcmp(pFirst - before, HostUnwritten + 4 - before, 4) == 0) {
+                *pOffset = static_cast<size_t>(pFirst - pData) - before;
                 return true;
             }
         }
@@ -83,6 +85,29 @@ ULONGLONG HostFillOutput(UCHAR* pData, size_t begin, size_t end)
     return ullKey;
 }
 
+// The points of all places of a request's output, by its code; those of the latest codes are at hand.
+using Points = std::vector<UCHAR>;
+struct RecentPoints {
+    ULONG ulCode;
+    Points* pPoints;
+};
+static std::mutex PointsLock;
+static std::map<ULONG, Points> PointsByCode;
+static RecentPoints Recent[64];
+
+// Lock: held.
+static Points& PointsOf(ULONG ulCode, size_t places)
+{
+    RecentPoints& recent = Recent[(ulCode >> 2) % ARRAYSIZE(Recent)];
+    if (recent.pPoints == nullptr || recent.ulCode != ulCode) {
+        recent = {ulCode, &PointsByCode[ulCode]};
+    }
+    if (recent.pPoints->size() < places) {
+        recent.pPoints->resize(places);
+    }
+    return *recent.pPoints;
+}
+
 // Looks at an output of the request with this code; what lies before `begin` was input.
 bool HostFindUnwrittenOutput(ULONG ulCode, ULONGLONG ullKey, const UCHAR* pData, size_t begin, size_t end,
                              size_t* pOffset)
@@ -90,11 +115,8 @@ bool HostFindUnwrittenOutput(ULONG ulCode, ULONGLONG ullKey, const UCHAR* pData,
     if (Paint >= 0) {
         return false;
     }
-    static std::mutex lock;
-    static std::map<ULONG, std::vector<UCHAR>> pointsByCode;
-    HostLock scope(lock);
-    std::vector<UCHAR>& points = pointsByCode[ulCode];
-    points.resize(points.size() > end ? points.size() : end);
+    HostLock lock(PointsLock);
+    Points& points = PointsOf(ulCode, end);
     for (size_t i = begin; i < end;) {
         size_t after = i;
         while (after < end && pData[after] == KeyByte(ullKey, after)) {

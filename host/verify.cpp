@@ -10,15 +10,6 @@
 HostState* g;
 bool HostRunsFreely;
 
-enum : unsigned { MOST_CALLS_UNDER_LOCK = 1000 };
-
-// The kernel's stack has 24 KB. Frames are several times as large with sanitizers or without optimisation.
-#if defined(HOST_ASAN) || defined(HOST_TSAN) || !defined(__OPTIMIZE__)
-enum : ptrdiff_t { STACK_BYTES = 5 * 24 * 1024 };
-#else
-enum : ptrdiff_t { STACK_BYTES = 24 * 1024 };
-#endif
-
 // Prints the rule's code and what broke it, then aborts.
 // IRQL: any.
 void HostBug(const char* pCode, const char* pFormat, ...)
@@ -51,16 +42,20 @@ void HostLeak(unsigned& uCount, const char* pFormat, ...)
     uCount++;
 }
 
-// Kinds are literals: the same one, nearly always, has the same address.
+// Kinds are literals: the same one, nearly always, has the same address. One that is asked for moves ahead by a place.
 static void CountFallible(const char* pKind)
 {
-    for (auto& kind : g->Failing.ByKind) {
-        if (kind.first == pKind) {
-            kind.second++;
+    auto& kinds = g->Failing.ByKind;
+    for (size_t i = 0; i < kinds.size(); i++) {
+        if (kinds[i].first == pKind) {
+            kinds[i].second++;
+            if (i != 0) {
+                std::swap(kinds[i], kinds[i - 1]);
+            }
             return;
         }
     }
-    g->Failing.ByKind.push_back({pKind, 1});
+    kinds.push_back({pKind, 1});
 }
 
 // True for the call that HostFailNth chose. Calls are counted whether or not one is chosen.
@@ -123,20 +118,14 @@ void HostCheckIrqlAtMost(const char* pRoutine, KIRQL highest)
                 pSelf->Irql, highest);
     }
     const UCHAR* pHere = static_cast<const UCHAR*>(__builtin_frame_address(0));
-    if (pSelf->pStackTop != nullptr && pSelf->pStackTop - pHere > STACK_BYTES) {
+    if (pSelf->pStackTop != nullptr && pSelf->pStackTop - pHere > HOST_STACK_BYTES) {
         HostBug("KERNEL_STACK_OVERFLOW", "%s: drivers take %td bytes of the thread's stack", pRoutine,
                 pSelf->pStackTop - pHere);
     }
-    if (pSelf->uHeld != 0 && ++pSelf->uCallsUnderLock > MOST_CALLS_UNDER_LOCK) {
+    if (pSelf->uHeld != 0 && ++pSelf->uCallsUnderLock > HOST_MOST_CALLS_UNDER_LOCK) {
         HostBug("SPIN_LOCK_HELD_TOO_LONG", "%s: more than %u kernel calls under one spin lock", pRoutine,
-                MOST_CALLS_UNDER_LOCK);
+                HOST_MOST_CALLS_UNDER_LOCK);
     }
-}
-
-void HostEnter(const char* pRoutine, KIRQL highest)
-{
-    HostCheckIrqlAtMost(pRoutine, highest);
-    SCHEDULE_POINT();
 }
 
 void HostCheckIrqlIs(const char* pRoutine, KIRQL level)
@@ -148,25 +137,14 @@ void HostCheckIrqlIs(const char* pRoutine, KIRQL level)
     }
 }
 
-HostDriverScope::HostDriverScope(PDRIVER_OBJECT pDriver, const char* pWhat)
-    : pThread(HostSelf()), pBefore(pThread->pDriver), pWhat(pWhat), Irql(pThread->Irql),
-      uHeld(pThread->uHeld), mutexes(pThread->Mutexes.size()), uCriticalRegions(pThread->uCriticalRegions),
-      pStackTop(pThread->pStackTop)
+void HostDriverScope::BugGone(PDRIVER_OBJECT pDriver, const char* pWhat)
 {
-    if (pDriver != nullptr && (__atomic_load_n(&pDriver->Flags, __ATOMIC_RELAXED) & HOST_DRIVER_GONE)) {
-        HostBug("DRIVER_UNLOADED_WITHOUT_CANCELLING_PENDING_OPERATIONS", "%s of %s runs after its unload",
-                pWhat, HostUtf8(HostServiceOf(pDriver)).c_str());
-    }
-    pThread->pDriver = pDriver;
-    if (pThread->pStackTop == nullptr && pDriver != nullptr) {
-        pThread->pStackTop = static_cast<const UCHAR*>(__builtin_frame_address(0));
-    }
+    HostBug("DRIVER_UNLOADED_WITHOUT_CANCELLING_PENDING_OPERATIONS", "%s of %s runs after its unload", pWhat,
+            HostUtf8(HostServiceOf(pDriver)).c_str());
 }
 
-HostDriverScope::~HostDriverScope()
+void HostDriverScope::CheckLeft()
 {
-    pThread->pDriver = pBefore;
-    pThread->pStackTop = pStackTop;
     if (__atomic_load_n(&pThread->uOnStack, __ATOMIC_RELAXED) != 0) {
         HostCheckNoStackObjects(pThread, this);
     }

@@ -62,6 +62,7 @@ static void TakeObject(PKTHREAD pThread, DISPATCHER_HEADER* pHeader)
     } else if (pHeader->Type == MUTANT) {
         if (!Owns(pThread, pHeader)) {
             pThread->Mutexes.push_back(pHeader);
+            g->Threads.objects++;
         }
         pHeader->SignalState--;
         reinterpret_cast<PKMUTANT>(pHeader)->OwnerThread = pThread;
@@ -106,6 +107,7 @@ void HostEndWait(PKTHREAD pThread, NTSTATUS status)
         g->Clock.Due.erase(pThread->Due);
         pThread->bTimed = false;
     }
+    g->Threads.objects -= pThread->ulBlocks;
     pThread->ulBlocks = 0;
     pThread->pBlocks = nullptr;
     pThread->WaitStatus = status;
@@ -163,6 +165,7 @@ static bool LinkWait(PKTHREAD pSelf, PVOID* ppObjects, ULONG ulCount, PKWAIT_BLO
     }
     pSelf->pBlocks = pBlocks;
     pSelf->ulBlocks = ulCount;
+    g->Threads.objects += ulCount;
     pSelf->bWaiting = true;
     return true;
 }
@@ -333,6 +336,7 @@ LONG KeReleaseMutex(PRKMUTEX pMutex, BOOLEAN)
         if (pHeader->SignalState == 1) {
             pMutex->OwnerThread = nullptr;
             pSelf->Mutexes.erase(std::find(pSelf->Mutexes.begin(), pSelf->Mutexes.end(), pHeader));
+            g->Threads.objects--;
             HostSignal(pHeader);
         }
     }
