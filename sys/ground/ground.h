@@ -20,8 +20,16 @@ inline void InitializeTimer(TimerWithDpc* pTimer, PKDEFERRED_ROUTINE pRoutine, P
 // memory.cpp
 PVOID AllocateZeroed(POOL_TYPE poolType, SIZE_T ulBytes); // POOL_TAG; null when there is none
 
+// The one place that casts a filter device's extension: null unless it is a filter device whose record is complete.
+// IRQL any.
+inline DeviceContext* FilterContextOf(PDEVICE_OBJECT pDevice)
+{
+    DeviceContext* pContext = static_cast<DeviceContext*>(pDevice->DeviceExtension);
+    return pContext != nullptr && ReadShared(pContext->ulDeviceKind) == FILTER_DEVICE_KIND ? pContext
+                                                                                           : nullptr;
+}
+
 // keyboards.cpp: which filter devices there are, and that none goes away while it is used
-DeviceContext* FilterContextOf(PDEVICE_OBJECT pDevice);   // null unless it is a filter device
 ControlContext* ControlContextOf(PDEVICE_OBJECT pDevice); // null unless it is the control device
 bool AcquireDevice(PDEVICE_OBJECT pDevice);               // false: being removed
 void ReleaseDevice(PDEVICE_OBJECT pDevice);

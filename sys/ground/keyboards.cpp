@@ -8,16 +8,7 @@
 // changes under a walk. A device that somebody references stays linked, so a walk can go on from it.
 #include "ground/ground.h"
 
-// The one place that casts a filter device's extension. A device whose record is not complete is none yet.
-// IRQL any.
-DeviceContext* FilterContextOf(PDEVICE_OBJECT pDevice)
-{
-    DeviceContext* pContext = static_cast<DeviceContext*>(pDevice->DeviceExtension);
-    return pContext != nullptr && ReadShared(pContext->ulDeviceKind) == FILTER_DEVICE_KIND ? pContext
-                                                                                           : nullptr;
-}
-
-// The same for the control device.
+// The one place that casts the control device's extension.
 // IRQL any.
 ControlContext* ControlContextOf(PDEVICE_OBJECT pDevice)
 {

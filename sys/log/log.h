@@ -18,7 +18,7 @@ enum : ULONG {
 void LogPrintf(UCHAR ucLevel, UCHAR ucTimestamp, const char* pszFormat, ...) PRINTF_LIKE(3, 4);
 void LogKeptHexDump(const char* pszTitle, ULONG ulLen, const void* pBuf);
 void LogWrite(UCHAR ucLevel, ULONG ulReserved, UCHAR ucTimestamp, const char* pszText);
-bool IsLevelOn(UCHAR ucLevel);
+COLD bool IsLevelOn(UCHAR ucLevel);
 
 // Would a message of this level be kept? Mostly there is no log at all.
 inline bool IsLogOn(UCHAR ucLevel)

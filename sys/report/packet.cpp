@@ -1,12 +1,13 @@
 // packet.cpp - the entry of the report engine: which handler does a report belong to?
 //
-//   DiagUSBPacket ── Jaalaa, Chic ── by report ID ── extended.cpp
-//        │        ├─ means nothing to anybody ────── calm.cpp, and that is all
-//        │        └─ any other ───── by length ───── normal.cpp, normal02.cpp, extended.cpp
-//        ├─ place queued keys into the report's key positions
-//        └─ let the modifier word follow the rewritten report
+//   DiagUSBPacket ── 8 bytes that mean nothing to anybody ── calm.h, and that is all
+//        └─ DiagMeaningfulPacket ── Jaalaa, Chic ── by report ID ── extended.cpp
+//              │                 └─ any other ───── by length ───── normal.cpp, normal02.cpp, extended.cpp
+//              ├─ place queued keys into the report's key positions
+//              └─ let the modifier word follow the rewritten report
 //
 // In: a completed report of one keyboard. Out: the report as the system shall see it.
+#include "report/calm.h"
 #include "report/report.h"
 
 #include "hotkeys/hotkeys.h"
@@ -61,6 +62,12 @@ static NTSTATUS DiagChicReport(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf, 
     return STATUS_UNSUCCESSFUL;
 }
 
+static bool HasReportIds(const DeviceContext* pContext)
+{
+    const ULONG ulKbdType = ReadShared(pContext->KbdType);
+    return ulKbdType == JaalaaEXTENDEDKbdType || ulKbdType == ChicEXTENDEDKbdType;
+}
+
 static NTSTATUS DiagByLength(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
 {
     switch (ulLen) {
@@ -94,10 +101,10 @@ static void PlaceQueuedKeys(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
     }
 }
 
-// Analyses one completed report and rewrites it in place. An extended report with an unknown ID leaves
-// everything untouched; a report without a handler still gets queued keys and feeds the modifier word.
-// IRQL <= DISPATCH. Owns: nothing. Fails: no handler, or an empty report.
-NTSTATUS DiagUSBPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
+// The long way of a report. An extended report with an unknown ID leaves everything untouched; a report without a
+// handler still gets queued keys and feeds the modifier word.
+// Fails: no handler, or an empty report.
+static NOINLINE NTSTATUS DiagMeaningfulPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
     if (ulLen == 0 || pBuf == nullptr) {
@@ -114,9 +121,6 @@ NTSTATUS DiagUSBPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
         status = DiagChicReport(device, ulLen, pBuf, &ucHandled);
         break;
     default:
-        if (ulLen == 8 && PassCalmReport(pContext, pBuf)) {
-            return STATUS_SUCCESS;
-        }
         status = DiagByLength(device, ulLen, pBuf);
         break;
     }
@@ -131,4 +135,15 @@ NTSTATUS DiagUSBPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
         UpdateModifierFlags(device, pBuf, 8, 0);
     }
     return status;
+}
+
+// Analyses one completed report and rewrites it in place.
+// IRQL <= DISPATCH. Owns: nothing. Fails: no handler, or an empty report.
+NTSTATUS DiagUSBPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    if (ulLen == 8 && pBuf != nullptr && !HasReportIds(pContext) && PassCalmReport(pContext, pBuf)) {
+        return STATUS_SUCCESS;
+    }
+    return DiagMeaningfulPacket(device, ulLen, pBuf);
 }

@@ -16,9 +16,6 @@ using ReportHandler = NTSTATUS(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf);
 ReportHandler DiagUSBPacket;
 bool IsAllRollover(ULONG ulLen, const UCHAR* pBuf);
 
-// calm.cpp: the quick way of a standard report that means nothing to anybody; false: it needs the long one
-bool PassCalmReport(DeviceContext* pContext, const UCHAR* pBuf);
-
 // normal.cpp: the standard report
 ReportHandler DiagNormalPacket;
 

@@ -52,7 +52,7 @@ static_assert(sizeof(WCHAR) == 2, "compile with -fshort-wchar");
 #define CONTAINING_RECORD(address, type, field) ((type*)((PCHAR)(address)-offsetof(type, field)))
 
 extern bool HostSeeded;
-void HostPreempt();
+__attribute__((cold)) void HostPreempt();
 #define SCHEDULE_POINT() (__builtin_expect(HostSeeded, 0) ? HostPreempt() : (void)0)
 
 #define PASSIVE_LEVEL 0
