@@ -5,18 +5,14 @@
 // that holds KeyDefLock or DefinitionMutex. The report road holds neither while it works, so it takes copies.
 #include "hotkeys/hotkeys.h"
 
+#include "ground/sums.h"
+
 namespace
 {
 // One byte of an id, so that eight slots are passed over at once.
 UCHAR HashOf(ULONG ulId)
 {
     return static_cast<UCHAR>(ulId ^ ulId >> 8 ^ ulId >> 16 ^ ulId >> 24);
-}
-
-// A set bit in the lowest byte that is 0, and nothing below it.
-ULONGLONG ZeroBytesOf(ULONGLONG ullBytes)
-{
-    return (ullBytes - 0x0101010101010101) & ~ullBytes & 0x8080808080808080;
 }
 
 // The first slot from usIndex on whose id has this hash, or the first one that is free.
@@ -31,7 +27,7 @@ USHORT NextOfHash(DeviceContext* pContext, USHORT usIndex, UCHAR ucHash) WITHOUT
     for (; usIndex < ulEnd; usIndex += 8) {
         ULONGLONG ullHashes;
         RtlCopyMemory(&ullHashes, &pContext->ucDefinitionHashes[usIndex], sizeof(ullHashes));
-        const ULONGLONG ullFound = ZeroBytesOf(ullHashes ^ ucHash * 0x0101010101010101ull);
+        const ULONGLONG ullFound = ZeroBytesOf(ullHashes ^ EightOf(ucHash));
         if (ullFound != 0) {
             const ULONG ulFound = usIndex + LowestBit(ullFound) / 8;
             return static_cast<USHORT>(ulFound < ulEnd ? ulFound : ulEnd);

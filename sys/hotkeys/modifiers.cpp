@@ -7,6 +7,7 @@
 // Several keyboards write the word at once, so each update computes it anew until nobody came between.
 #include "hotkeys/modifiers.h"
 
+#include "ground/sums.h"
 #include "log/events.h"
 #include "log/log.h"
 #include "report/keys.h"
@@ -36,9 +37,18 @@ constexpr DerivedBit DerivedBits[] = {
     {0x180, MODIFIER_ANY_GUI},
 };
 
+// Eight bytes at once, which is a whole report.
 bool IsByteIn(const UCHAR* pBuf, ULONG ulLen, UCHAR ucValue)
 {
-    for (ULONG i = 0; i < ulLen; i++) {
+    ULONG i = 0;
+    for (; i + 8 <= ulLen; i += 8) {
+        ULONGLONG ullBytes;
+        RtlCopyMemory(&ullBytes, pBuf + i, sizeof(ullBytes));
+        if (ZeroBytesOf(ullBytes ^ EightOf(ucValue)) != 0) {
+            return true;
+        }
+    }
+    for (; i < ulLen; i++) {
         if (pBuf[i] == ucValue) {
             return true;
         }

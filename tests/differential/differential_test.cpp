@@ -189,11 +189,11 @@ private:
         reference::Keyboard& model = *m_Keyboards[keyboard];
         std::vector<uint8_t> report = m_Keys.Report(model.Type);
         m_Steps.push_back({keyboard, report, ""});
-        const bool bModifiersFirst = report.size() == 8 && m_Dice.In(2); // as the road does
+        const bool bModifiersFirst = m_Dice.In(2); // as the road does with a report of 8 bytes
         // A change of definitions writes to the log as well.
         const Outcome driver = m_Driver.Report(keyboard, report, bModifiersFirst);
         if (bModifiersFirst) {
-            model.UpdateModifierFlags(report.data(), 8, true);
+            model.UpdateModifierFlags(report.data(), static_cast<uint32_t>(report.size()), true);
         }
         Outcome wanted;
         wanted.Taken = model.Report(static_cast<uint32_t>(report.size()), report.data());
