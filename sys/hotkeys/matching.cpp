@@ -138,8 +138,8 @@ void ResetPrefixes(UCHAR ucUsage, USHORT usReleased)
     }
 }
 
-// Marks the first occurrence of the usage that is not yet in the wanted state.
-bool MarkKey(HotkeyEntry& entry, UCHAR ucUsage, UCHAR ucDown)
+// Marks the first occurrence of the usage that is not yet in the wanted state. Returns whether it is a key of the entry.
+bool MarkKey(HotkeyEntry& entry, UCHAR ucUsage, bool bDown)
 {
     bool bHit = false;
     for (ULONG i = 0; i < entry.ulKeyCount; i++) {
@@ -147,8 +147,9 @@ bool MarkKey(HotkeyEntry& entry, UCHAR ucUsage, UCHAR ucDown)
             continue;
         }
         bHit = true;
-        if ((entry.ulHeldKeys >> i & 1) != ucDown) {
-            entry.ulHeldKeys ^= 1u << i;
+        const ULONG ulKey = 1u << i;
+        if (((entry.ulHeldKeys & ulKey) != 0) != bDown) {
+            entry.ulHeldKeys ^= ulKey;
             break;
         }
     }
@@ -156,7 +157,7 @@ bool MarkKey(HotkeyEntry& entry, UCHAR ucUsage, UCHAR ucDown)
 }
 
 // A released key of a hotkey whose mask does not match is forgotten all the same.
-void ClearKey(HotkeyEntry& entry, UCHAR ucUsage, ULONG ulEntry)
+COLD void LogForgottenKey(const HotkeyEntry& entry, UCHAR ucUsage, ULONG ulEntry)
 {
     for (ULONG i = 0; i < entry.ulKeyCount; i++) {
         if (entry.ucKeys[i] != ucUsage) {
@@ -165,10 +166,62 @@ void ClearKey(HotkeyEntry& entry, UCHAR ucUsage, ULONG ulEntry)
         LogPrintf(LOG_DETAIL, 1, "(UpdateHotkeyListByScan) clearing down code %02x at index %u of entry %u",
                   static_cast<unsigned>(ucUsage), static_cast<unsigned>(i), static_cast<unsigned>(ulEntry));
         if (entry.ulHeldKeys >> i & 1) {
-            entry.ulHeldKeys ^= 1u << i;
             break;
         }
     }
+}
+
+// Whom the key can mean. A walk for the log meets the others, too.
+COLD void TraceLooks(const HotkeyPass& pass, UCHAR ucUsage)
+{
+    for (const HotkeyEntry& entry : pass.Holding(ucUsage)) {
+        if (HasKey(entry, ucUsage)) {
+            pass.TraceLook(entry, pass.WasArmed(entry));
+        }
+    }
+}
+
+// A pressed key touches only hotkeys that are armed or down, and of these it marks those whose mask matches.
+bool FollowPress(HotkeyPass& pass, UCHAR ucUsage, ULONG ulFlags)
+{
+    const bool bMatchedSuffices = ReadShared(Globals.ulPrefixReleased) == 1 || pass.AreMatchedArmed();
+    bool bResult = false;
+    pass.TouchEach(pass.Holding(ucUsage), [&](HotkeyEntry& entry, HeldBits& bits) {
+        if (!IsModifierMaskMatched(entry.ulModifiers, ulFlags) ||
+            (!bMatchedSuffices && entry.ucDown != 1 && !pass.WasArmed(entry))) {
+            return;
+        }
+        if (MarkKey(entry, ucUsage, true)) {
+            pass.Hit(entry);
+            bits.KeyCame(entry);
+            bResult = true;
+        }
+        pass.LogHeldKeys("(UpdateHotkeyListByScan) ucHotkeyDown", entry);
+    });
+    return bResult;
+}
+
+// A released key touches all.
+bool FollowRelease(HotkeyPass& pass, UCHAR ucUsage, ULONG ulFlags)
+{
+    bool bResult = false;
+    pass.TouchEach(pass.Holding(ucUsage), [&](HotkeyEntry& entry, HeldBits& bits) {
+        const bool bMatched = IsModifierMaskMatched(entry.ulModifiers, ulFlags);
+        if (!bMatched && IsLogOn(LOG_DETAIL)) {
+            LogForgottenKey(entry, ucUsage, pass.NumberOf(entry));
+        }
+        if (MarkKey(entry, ucUsage, false)) {
+            bits.KeyWent(entry);
+            if (bMatched) {
+                pass.Hit(entry);
+                bResult = true;
+            }
+        }
+        if (bMatched) {
+            pass.LogHeldKeys("(UpdateHotkeyListByScan) ucHotkeyDown", entry);
+        }
+    });
+    return bResult;
 }
 } // namespace
 
@@ -195,32 +248,13 @@ NTSTATUS ProcessHotkeyScan(HotkeyPass& pass, UCHAR ucUsage, USHORT usReleased, P
     return STATUS_SUCCESS;
 }
 
-// Tracks the held key bytes of every hotkey. A pressed key touches only hotkeys that are armed or down, a
-// released key all. Returns whether the key belongs to a hotkey whose mask matches.
+// Tracks the held key bytes of every hotkey. Returns whether the key belongs to a hotkey whose mask matches.
 // IRQL <= DISPATCH. Fails: never.
 bool UpdateHotkeyListByScan(HotkeyPass& pass, UCHAR ucUsage, USHORT usReleased)
 {
     const ULONG ulFlags = pass.BeginScan();
-    const bool bTouchAll = usReleased == 1 || ReadShared(Globals.ulPrefixReleased) == 1;
-    bool bResult = false;
-    for (HotkeyEntry& entry : pass.Holding(ucUsage)) {
-        const bool bArmed = pass.WasArmed(entry);
-        if (IsTraced(TRACE_VERBOSE) && HasKey(entry, ucUsage)) { // a walk for the log meets the others, too
-            pass.TraceLook(entry, bArmed);
-        }
-        if (!bTouchAll && entry.ucDown != 1 && !bArmed) {
-            continue;
-        }
-        if (IsModifierMaskMatched(entry.ulModifiers, ulFlags)) {
-            if (MarkKey(entry, ucUsage, usReleased == 1 ? 0 : 1)) {
-                pass.Hit(entry);
-                bResult = true;
-            }
-            pass.LogHeldKeys("(UpdateHotkeyListByScan) ucHotkeyDown", entry);
-        } else if (usReleased == 1) {
-            ClearKey(entry, ucUsage, pass.NumberOf(entry));
-        }
-        pass.Settle(entry);
+    if (IsTraced(TRACE_VERBOSE)) {
+        TraceLooks(pass, ucUsage);
     }
-    return bResult;
+    return usReleased == 1 ? FollowRelease(pass, ucUsage, ulFlags) : FollowPress(pass, ucUsage, ulFlags);
 }

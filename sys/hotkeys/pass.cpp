@@ -63,90 +63,49 @@ ULONG HotkeyPass::BeginScan()
         Words[ulWords++] = ulFlags;
     }
     ulScans++;
-    pContext->ullHotkeyScan++;
+    ullScan = ++pContext->ullHotkeyScan;
     return ulFlags;
 }
 
-HotkeySet HotkeyPass::Empty() const
+COLD void HotkeyPass::LogKeptHeldKeys(const char* pszTitle, const HotkeyEntry& entry)
 {
-    HotkeySet set;
-    set.pEntries = pFirst;
-    set.ulWords = SetWords();
-    set.ullWords[0] = 0;
-    for (ULONG i = 1; i < set.ulWords; i++) {
-        set.ullWords[i] = 0;
-    }
-    return set;
+    LogHexDump(pszTitle, entry.ulKeyCount, HeldKeyBytes(entry).ucHeld);
 }
 
 HotkeySet HotkeyPass::Whole() const
 {
-    HotkeySet set = Empty();
-    for (ULONG i = 0; i < set.ulWords; i++) {
-        set.ullWords[i] = ~0ull;
-    }
-    CutOff(set);
-    return set;
+    static const ULONGLONG Everybody[] = {~0ull, ~0ull, ~0ull, ~0ull, ~0ull, ~0ull, ~0ull, ~0ull};
+    static_assert(sizeof(Everybody) == HOTKEY_SET_WORDS * sizeof(ULONGLONG), "a bit for each");
+    return SetOf(Everybody);
 }
 
-// A row may name an entry that is not published for this report.
-void HotkeyPass::CutOff(HotkeySet& set) const
+// Without hotkeys there are no rows, and nobody reads one.
+const ULONGLONG* HotkeyPass::Row(ULONG ulRow) const
 {
-    if (View.ulCount % 64 != 0) {
-        set.ullWords[set.ulWords - 1] &= (1ull << View.ulCount % 64) - 1;
-    }
+    return pIndex == nullptr ? nullptr : pIndex->pRows + ulRow * pIndex->ulWords;
 }
 
-void HotkeyPass::AddRow(HotkeySet& set, ULONG ulRow) const
+void HotkeyPass::AddRow(ULONG ulRow)
 {
-    if (set.ulWords == 0) {
-        return;
+    const ULONGLONG* pRow = Row(ulRow);
+    for (ULONG i = 0; i < SetWords(); i++) {
+        ullMixed[i] |= LoadAcquire(pRow[i]);
     }
-    const ULONGLONG* pRow = pIndex->pRows + ulRow * pIndex->ulWords;
-    for (ULONG i = 0; i < set.ulWords; i++) {
-        set.ullWords[i] |= LoadAcquire(pRow[i]);
-    }
-    CutOff(set);
-}
-
-void HotkeyPass::AddHeld(HotkeySet& set) const
-{
-    for (ULONG i = 0; i < set.ulWords; i++) {
-        set.ullWords[i] |= pContext->ullHeldHotkeys[i];
-    }
-    CutOff(set);
 }
 
 HotkeySet HotkeyPass::Holding(UCHAR ucUsage) const
 {
-    if (bWhole) {
-        return Whole();
-    }
-    HotkeySet set = Empty();
-    AddRow(set, ucUsage);
-    return set;
+    return bWhole ? Whole() : SetOf(Row(ucUsage));
 }
 
 HotkeySet HotkeyPass::Held() const
 {
-    if (bWhole) {
-        return Whole();
-    }
-    HotkeySet set = Empty();
-    AddHeld(set);
-    return set;
+    return bWhole ? Whole() : SetOf(pContext->ullHeldHotkeys);
 }
 
 HotkeySet HotkeyPass::Ready() const
 {
-    if (bWhole || IsTraced(TRACE_VERBOSE)) {
-        return Held();
-    }
-    HotkeySet set = Empty();
-    for (ULONG i = 0; i < set.ulWords; i++) {
-        set.ullWords[i] = pContext->ullReadyHotkeys[i];
-    }
-    return set;
+    return bWhole || IsTraced(TRACE_VERBOSE) ? Held() : SetOf(pContext->ullReadyHotkeys);
 }
 
 bool HotkeyPass::IsAnyPartlyHeld() const
@@ -158,29 +117,27 @@ bool HotkeyPass::IsAnyPartlyHeld() const
     return ullPartly != 0;
 }
 
-HotkeySet HotkeyPass::Simple(const UCHAR* pKeys, ULONG ulKeys) const
+HotkeySet HotkeyPass::Simple(const UCHAR* pKeys, ULONG ulKeys)
 {
     if (bWhole) {
         return Whole();
     }
-    HotkeySet set = Empty();
-    AddHeld(set);
+    RtlCopyMemory(ullMixed, pContext->ullHeldHotkeys, sizeof(ullMixed));
     for (ULONG i = 0; i < ulKeys && pKeys[i] != 0; i++) {
-        AddRow(set, pKeys[i]);
+        AddRow(pKeys[i]);
     }
-    return set;
+    return SetOf(ullMixed);
 }
 
-HotkeySet HotkeyPass::Extended(ULONG ulBits) const
+HotkeySet HotkeyPass::Extended(ULONG ulBits)
 {
     if (bWhole) {
         return Whole();
     }
-    HotkeySet set = Empty();
-    AddHeld(set);
-    AddRow(set, HOTKEY_ROW_NO_PATTERN);
+    RtlCopyMemory(ullMixed, pContext->ullHeldHotkeys, sizeof(ullMixed));
+    AddRow(HOTKEY_ROW_NO_PATTERN);
     for (; ulBits != 0; ulBits &= ulBits - 1) {
-        AddRow(set, HOTKEY_ROW_PATTERN + LowestBit(ulBits));
+        AddRow(HOTKEY_ROW_PATTERN + LowestBit(ulBits));
     }
-    return set;
+    return SetOf(ullMixed);
 }

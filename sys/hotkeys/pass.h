@@ -26,17 +26,30 @@ inline bool IsWholeWalk()
     return WalkWhole || IsLogOn(LOG_TRAFFIC);
 }
 
-// Some entries of one list, in its order.
+// Some of the first entries of one list, in its order; a bit says who, and may go when its entry's turn has come. Bits
+// behind the last entry count for nobody.
 class HotkeySet
 {
 public:
+    HotkeySet(HotkeyEntry* pFirst, ULONG ulEntries, const ULONGLONG* pBitsOfWho)
+        : pEntries(pFirst), ulCount(ulEntries), pBits(pBitsOfWho)
+    {
+    }
+    ULONG Words() const { return (ulCount + 63) / 64; }
+    // Who of the entries 64 ulWord and on.
+    ULONGLONG Word(ULONG ulWord) const
+    {
+        const ULONG ulLeft = ulCount - ulWord * 64;
+        return LoadAcquire(pBits[ulWord]) & (ulLeft < 64 ? (1ull << ulLeft) - 1 : ~0ull);
+    }
+
     struct End {
     };
     class Iterator
     {
     public:
-        Iterator(const HotkeySet& set) : pSet(&set), ulWord(0), ullLeft(set.ullWords[0]) { FindNext(); }
-        HotkeyEntry& operator*() const { return pSet->pEntries[ulWord * 64 + LowestBit(ullLeft)]; }
+        Iterator(const HotkeySet& of) : set(of) { FindNext(); }
+        HotkeyEntry& operator*() const { return set.pEntries[(ulNext - 1) * 64 + LowestBit(ullLeft)]; }
         void operator++()
         {
             ullLeft &= ullLeft - 1;
@@ -47,23 +60,22 @@ public:
     private:
         void FindNext()
         {
-            while (ullLeft == 0 && ulWord + 1 < pSet->ulWords) {
-                ullLeft = pSet->ullWords[++ulWord];
+            while (ullLeft == 0 && ulNext < set.Words()) {
+                ullLeft = set.Word(ulNext++);
             }
         }
-        const HotkeySet* pSet;
-        ULONG ulWord;
-        ULONGLONG ullLeft;
+        const HotkeySet& set;
+        ULONG ulNext = 0; // word
+        ULONGLONG ullLeft = 0;
     };
 
     Iterator begin() const { return Iterator(*this); }
     End end() const { return {}; }
 
 private:
-    friend class HotkeyPass;
     HotkeyEntry* pEntries;
-    ULONG ulWords;
-    ULONGLONG ullWords[HOTKEY_SET_WORDS]; // the first always, up to ulWords
+    ULONG ulCount;
+    const ULONGLONG* pBits;
 };
 
 class HotkeyPass : public HotkeyWalk
@@ -81,18 +93,22 @@ public:
     // Begins the next key. Returns the modifier word that it took.
     ULONG BeginScan();
     bool WasArmed(const HotkeyEntry& entry) const; // before this scan
+    // Whether whose mask matches now was armed before this scan.
+    bool AreMatchedArmed() const { return ulScans == 1 && ulWords == 1; }
     bool IsArmed(const HotkeyEntry& entry) const;
-    void Hit(HotkeyEntry& entry) const { entry.ullHit = pContext->ullHotkeyScan; }
+    void Hit(HotkeyEntry& entry) const { entry.ullHit = ullScan; }
 
     HotkeySet Holding(UCHAR ucUsage) const; // ucUsage 0: hotkeys of modifiers only
     HotkeySet Held() const;
     HotkeySet Ready() const;
     bool IsAnyPartlyHeld() const; // held and not ready
-    // Whom the keys of the report can mean, and who is down; of 8 and 3 bytes, and of bits.
-    HotkeySet Simple(const UCHAR* pKeys, ULONG ulKeys) const;
-    HotkeySet Extended(ULONG ulBits) const;
-    // The entry came down or up, or one of its keys did.
+    // Whom the keys of the report can mean, and who is down; of 8 and 3 bytes, and of bits. One at a time.
+    HotkeySet Simple(const UCHAR* pKeys, ULONG ulKeys);
+    HotkeySet Extended(ULONG ulBits);
+    // The entry came down or up.
     void Settle(const HotkeyEntry& entry);
+    // Has each of the set touched, in the order of the list; touch(entry, bits) tells the bits of keys that came or went.
+    template <typename Touch> void TouchEach(const HotkeySet& set, Touch touch);
     ULONG NumberOf(const HotkeyEntry& entry) const { return static_cast<ULONG>(&entry - pFirst); }
     // Trace points: this key, or report, can mean the entry; what became of it.
     void TraceLook(const HotkeyEntry& entry, bool bArmed) const
@@ -109,26 +125,28 @@ public:
     void LogHeldKeys(const char* pszTitle, const HotkeyEntry& entry) const
     {
         if (bWhole) {
-            LogHexDump(pszTitle, entry.ulKeyCount, HeldKeyBytes(entry).ucHeld);
+            LogKeptHeldKeys(pszTitle, entry);
         }
     }
 
 private:
-    ULONG SetWords() const { return (View.ulCount + 63) / 64; } // words of a set
+    static void LogKeptHeldKeys(const char* pszTitle, const HotkeyEntry& entry);
+    ULONG SetWords() const { return (View.ulCount + 63) / 64; }
     HotkeySet Whole() const;
-    HotkeySet Empty() const;
-    void CutOff(HotkeySet& set) const;
-    void AddRow(HotkeySet& set, ULONG ulRow) const;
-    void AddHeld(HotkeySet& set) const;
+    HotkeySet SetOf(const ULONGLONG* pBits) const { return HotkeySet(pFirst, View.ulCount, pBits); }
+    const ULONGLONG* Row(ULONG ulRow) const;
+    void AddRow(ULONG ulRow);
     void StartFromNothingHeld();
     bool IsMatched(const HotkeyEntry& entry, ULONG ulWords) const;
 
     PDEVICE_OBJECT device;
     bool bWhole;
     ULONG ulScans = 0;  // of this report
+    ULONGLONG ullScan;  // of all reports; set by the first
     ULONG ulWords = 0;  // modifier words that this report has met, one more than scans at the most
     ULONG Words[16];    // a report has at most six keys of before and six of now
     ULONG ulBefore = 0; // words before this scan
+    ULONGLONG ullMixed[HOTKEY_SET_WORDS]; // a set of several rows
 };
 
 // What each key asks of each hotkey that it can mean.
@@ -145,7 +163,7 @@ inline bool HotkeyPass::IsMatched(const HotkeyEntry& entry, ULONG ulOfWords) con
 inline bool HotkeyPass::WasArmed(const HotkeyEntry& entry) const
 {
     if (entry.ulKeyCount > 1 && ulScans > 1) {
-        return entry.ullHit == pContext->ullHotkeyScan - 1;
+        return entry.ullHit == ullScan - 1;
     }
     return IsMatched(entry, entry.ulKeyCount > 1 ? 1 : ulBefore);
 }
@@ -153,9 +171,47 @@ inline bool HotkeyPass::WasArmed(const HotkeyEntry& entry) const
 inline bool HotkeyPass::IsArmed(const HotkeyEntry& entry) const
 {
     if (entry.ulKeyCount > 1 && ulScans > 0) {
-        return entry.ullHit == pContext->ullHotkeyScan;
+        return entry.ullHit == ullScan;
     }
     return IsMatched(entry, ulWords);
+}
+
+// Of 64 entries of the list who is down or has a key held, and of these who is down or has all its keys held.
+struct HeldBits {
+    ULONGLONG ullHeld;
+    ULONGLONG ullReady;
+    ULONGLONG ullEntry; // whom it is about now
+
+    void KeyCame(const HotkeyEntry& entry)
+    {
+        ullHeld |= ullEntry;
+        if (AreAllKeysHeld(entry)) {
+            ullReady |= ullEntry;
+        }
+    }
+    void KeyWent(const HotkeyEntry& entry)
+    {
+        if (entry.ucDown == 0) {
+            ullReady &= ~ullEntry;
+            if (entry.ulHeldKeys == 0) {
+                ullHeld &= ~ullEntry;
+            }
+        }
+    }
+};
+
+template <typename Touch> void HotkeyPass::TouchEach(const HotkeySet& set, Touch touch)
+{
+    for (ULONG ulWord = 0; ulWord < set.Words(); ulWord++) {
+        HotkeyEntry* pEntries = pFirst + ulWord * 64;
+        HeldBits bits = {pContext->ullHeldHotkeys[ulWord], pContext->ullReadyHotkeys[ulWord], 0};
+        for (ULONGLONG ullLeft = set.Word(ulWord); ullLeft != 0; ullLeft ^= bits.ullEntry) {
+            bits.ullEntry = ullLeft & (~ullLeft + 1);
+            touch(pEntries[LowestBit(ullLeft)], bits);
+        }
+        pContext->ullHeldHotkeys[ulWord] = bits.ullHeld;
+        pContext->ullReadyHotkeys[ulWord] = bits.ullReady;
+    }
 }
 
 inline void HotkeyPass::Settle(const HotkeyEntry& entry)
