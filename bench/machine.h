@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "driver/context.h"
 #include "driver/driver.h"
 #include "emu/app/machine.h"
 #include "tests/reference/model.h"

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "driver/context.h"
 #include "driver/driver.h"
 #include "emu/app/application.h"
 #include "emu/app/machine.h"

@@ -1,5 +1,6 @@
 // The control interface: sequences of requests, known and unknown, well-formed and not, from processes of both
 // sizes, at the control device and at a keyboard's device, between reports and Plug and Play.
+#include "driver/context.h"
 #include "driver/driver.h"
 #include "scene.h"
 

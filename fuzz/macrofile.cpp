@@ -1,4 +1,5 @@
 // The macro file: any content, read when the driver starts and again while its macros play.
+#include "driver/context.h"
 #include "driver/driver.h"
 #include "scene.h"
 

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <unistd.h>
 
+#include "driver/context.h"
 #include "driver/driver.h"
 
 // What is freed is kept for a while, so that its use is seen; not more than fits beside the other programs.

@@ -128,6 +128,13 @@ void HostCheckIrqlAtMost(const char* pRoutine, KIRQL highest)
     }
 }
 
+// What a driver claims with NT_ASSERT does not hold.
+// IRQL: any.
+void HostAssertionFailed(const char* pRoutine, const char* pExpression)
+{
+    HostBug("ASSERTION_FAILURE", "%s: %s does not hold", pRoutine, pExpression);
+}
+
 void HostCheckIrqlIs(const char* pRoutine, KIRQL level)
 {
     PKTHREAD pSelf = HostSelf();

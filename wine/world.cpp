@@ -12,6 +12,7 @@
 
 #include "clock.h"
 #include "dpc.h"
+#include "driver/context.h"
 #include "driver/driver.h"
 #include "faults.h"
 #include "fence.h"
@@ -33,11 +34,6 @@ DriverGlobals Globals; // the path of the parameters alone, for those who change
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT, PUNICODE_STRING)
 {
     return STATUS_NOT_IMPLEMENTED;
-}
-
-DeviceContext* FilterContextOf(PDEVICE_OBJECT pDevice)
-{
-    return static_cast<DeviceContext*>(pDevice->DeviceExtension);
 }
 
 namespace

@@ -26,6 +26,9 @@
 
 extern "C" void HostCheckIrqlAtMost(const char* pRoutine, KIRQL level);
 extern "C" void HostCheckIrqlIs(const char* pRoutine, KIRQL level);
+extern "C" [[noreturn]] void HostAssertionFailed(const char* pRoutine, const char* pExpression);
 
 #define IRQL_AT_MOST(level) HostCheckIrqlAtMost(__func__, (level))
 #define IRQL_IS(level) HostCheckIrqlIs(__func__, (level))
+// As in the platform's checked build.
+#define NT_ASSERT(expression) ((expression) ? (void)0 : HostAssertionFailed(__func__, #expression))

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "control/notification.h"
+#include "control/requests.h"
 #include "ground/ground.h"
 
 // dispatch.cpp

@@ -17,7 +17,7 @@ ControlCall BeginCall(PIRP pIrp)
     call.ulInLength = pStack->Parameters.DeviceIoControl.InputBufferLength;
     call.ulOutLength = pStack->Parameters.DeviceIoControl.OutputBufferLength;
     call.requestorMode = pIrp->RequestorMode;
-    call.usKeyboards = ReadShared(Globals.usKeyboardCount);
+    call.usKeyboards = ReadShared(GlobalFrame.usKeyboardCount);
     return call;
 }
 

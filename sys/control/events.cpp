@@ -7,6 +7,8 @@
 // Registrations and releases run at PASSIVE_LEVEL in the application's thread or in Plug and Play.
 #include "control/notification.h"
 
+#include "control/fields.h"
+
 namespace
 {
 // The place of one registration: empty (both 0) or registered.
@@ -18,19 +20,19 @@ struct EventSlot {
 
 EventSlot NotifySlot(PDEVICE_OBJECT device) WITHOUT_LOCK_ANALYSIS
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    return {pContext->NotifyLock, pContext->pNotifyEvent, pContext->hNotifyEvent};
+    NotifyFields& told = FieldsOf<NotifyFields>(device);
+    return {told.NotifyLock, told.pNotifyEvent, told.hNotifyEvent};
 }
 
 EventSlot MacroSlot() WITHOUT_LOCK_ANALYSIS
 {
-    return {Globals.MacroLock, Globals.pMacroEvent, Globals.hMacroEvent};
+    return {GlobalEvents.MacroLock, GlobalEvents.pMacroEvent, GlobalEvents.hMacroEvent};
 }
 
 EventSlot ApplicationSlot(PDEVICE_OBJECT pControlDevice)
 {
     ControlContext* pContext = ControlContextOf(pControlDevice);
-    return {Globals.EventLock, pContext->pApplicationEvent, pContext->hApplicationEvent};
+    return {GlobalEvents.EventLock, pContext->pApplicationEvent, pContext->hApplicationEvent};
 }
 
 bool IsRegistered(const EventSlot& slot)
@@ -112,7 +114,7 @@ NTSTATUS RegisterApplicationEvent(ULONGLONG hEvent, KPROCESSOR_MODE mode)
     }
     NTSTATUS status = RegisterEvent(ApplicationSlot(pControlDevice), hEvent, mode);
     // A deletion that ran meanwhile found nothing to release.
-    if (NT_SUCCESS(status) && ReadShared(Globals.pControlDevice) != pControlDevice) {
+    if (NT_SUCCESS(status) && ReadShared(GlobalFrame.pControlDevice) != pControlDevice) {
         ReleaseApplicationEvent(pControlDevice);
         status = STATUS_UNSUCCESSFUL;
     }
@@ -160,8 +162,8 @@ NTSTATUS ReleaseMacroEvent()
 NTSTATUS ReleaseAllEvents()
 {
     NTSTATUS status = STATUS_SUCCESS;
-    for (PDEVICE_OBJECT device = FirstKeyboard(); device != nullptr; device = NextKeyboard(device)) {
-        status |= ReleaseNotifyEvent(FilterContextOf(device)->ulDeviceIndex);
+    for (PDEVICE_OBJECT device : AllKeyboards()) {
+        status |= ReleaseNotifyEvent(IndexOf(device));
     }
     if (IsRegistered(MacroSlot())) {
         (void)ReleaseMacroEvent(); // a release between the two is as good
@@ -204,6 +206,6 @@ void DropNotifyEvent(PDEVICE_OBJECT device)
 // At driver entry, on zeroed state. IRQL = PASSIVE.
 void InitializeEvents()
 {
-    KeInitializeSpinLock(&Globals.EventLock.Lock);
-    KeInitializeSpinLock(&Globals.MacroLock.Lock);
+    KeInitializeSpinLock(&GlobalEvents.EventLock.Lock);
+    KeInitializeSpinLock(&GlobalEvents.MacroLock.Lock);
 }

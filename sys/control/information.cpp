@@ -4,6 +4,10 @@
 // indexes. Runs in the application's thread.
 #include "control/control.h"
 
+#include "macro/fields.h"
+#include "usb/ledfields.h"
+#include "usb/roadfields.h"
+
 // Copies up to and including the first 0; what follows it in the field is not written.
 static void CopyText(char16_t (&To)[PROPERTY_CHARS], const WCHAR (&From)[PROPERTY_CHARS])
 {
@@ -18,11 +22,12 @@ static void CopyText(char16_t (&To)[PROPERTY_CHARS], const WCHAR (&From)[PROPERT
 // IRQL <= DISPATCH. Lock: takes InterfaceLock.
 static void DescribeKeyboard(DeviceContext* pContext, KeyboardInfo* pInfo)
 {
-    LockScope lock(pContext->InterfaceLock);
-    pInfo->ulDeviceIndex = pContext->ulDeviceIndex;
-    CopyText(pInfo->HardwareId, pContext->HardwareId);
-    CopyText(pInfo->DeviceObjectName, pContext->PhysicalDeviceObjectName);
-    CopyText(pInfo->Description, pContext->DeviceDescription);
+    FrameFields& frame = FieldsOf<FrameFields>(pContext);
+    LockScope lock(frame.InterfaceLock);
+    pInfo->ulDeviceIndex = IndexOf(pContext);
+    CopyText(pInfo->HardwareId, frame.HardwareId);
+    CopyText(pInfo->DeviceObjectName, frame.PhysicalDeviceObjectName);
+    CopyText(pInfo->Description, frame.DeviceDescription);
     pInfo->Reserved[0] = 0;
 }
 
@@ -30,10 +35,9 @@ static void DescribeKeyboard(DeviceContext* pContext, KeyboardInfo* pInfo)
 NTSTATUS GetKeyboardInfo(USHORT usPosition, PVOID pBuffer)
 {
     ULONG ulPosition = 0;
-    for (PDEVICE_OBJECT device = FirstKeyboard(); device != nullptr; device = NextKeyboard(device)) {
+    for (PDEVICE_OBJECT device : AllKeyboards()) {
         if (ulPosition == usPosition) {
             DescribeKeyboard(FilterContextOf(device), static_cast<KeyboardInfo*>(pBuffer));
-            ReleaseDevice(device);
             break;
         }
         ulPosition++;
@@ -47,13 +51,12 @@ NTSTATUS ListKeyboards(PVOID pBuffer)
 {
     KeyboardList* pList = static_cast<KeyboardList*>(pBuffer);
     RtlZeroMemory(pList, sizeof(*pList));
-    for (PDEVICE_OBJECT device = FirstKeyboard(); device != nullptr; device = NextKeyboard(device)) {
+    for (PDEVICE_OBJECT device : AllKeyboards()) {
         if (pList->usCount == ARRAYSIZE(pList->Entries)) {
-            ReleaseDevice(device);
             break;
         }
-        const DeviceContext* pContext = FilterContextOf(device);
-        pList->Entries[pList->usCount] = {pContext->ulDeviceIndex, ReadShared(pContext->ulControlPipe)};
+        const LedFields& leds = FieldsOf<LedFields>(device);
+        pList->Entries[pList->usCount] = {IndexOf(device), ReadShared(leds.ulControlPipe)};
         pList->usCount++;
     }
     return STATUS_SUCCESS;
@@ -61,38 +64,38 @@ NTSTATUS ListKeyboards(PVOID pBuffer)
 
 // Copies one field of a keyboard's record.
 // IRQL <= DISPATCH. Fails: unknown index, *pValue untouched.
-template <typename Value>
-static NTSTATUS ReadField(ULONG ulDeviceIndex, Value DeviceContext::*pField, Value* pValue)
+template <typename Fields, typename Value>
+static NTSTATUS ReadField(ULONG ulDeviceIndex, Value Fields::*pField, Value* pValue)
 {
     const KeyboardReference keyboard(ulDeviceIndex);
     if (!keyboard.IsHeld()) {
         return keyboard.Status();
     }
-    *pValue = ReadShared(keyboard.Context()->*pField);
+    *pValue = ReadShared(FieldsOf<Fields>(keyboard.Context()).*pField);
     return STATUS_SUCCESS;
 }
 
 // The lock LEDs in the platform's indicator encoding.
 NTSTATUS GetLedFlags(ULONG ulDeviceIndex, PUSHORT pusLedFlags)
 {
-    return ReadField(ulDeviceIndex, &DeviceContext::usLedFlags, pusLedFlags);
+    return ReadField(ulDeviceIndex, &LedFields::usLedFlags, pusLedFlags);
 }
 
 NTSTATUS GetReservedStatus(ULONG ulDeviceIndex, PUCHAR pucStatus)
 {
-    return ReadField(ulDeviceIndex, &DeviceContext::ucReservedStatus, pucStatus);
+    return ReadField(ulDeviceIndex, &RoadFields::ucReservedStatus, pucStatus);
 }
 
 NTSTATUS GetControlPipe(ULONG ulDeviceIndex, PULONG pulControlPipe)
 {
-    return ReadField(ulDeviceIndex, &DeviceContext::ulControlPipe, pulControlPipe);
+    return ReadField(ulDeviceIndex, &LedFields::ulControlPipe, pulControlPipe);
 }
 
 // Any value is kept; the report road acts on 1.
 // IRQL <= DISPATCH. Lock: takes CaptureLock. Fails: never.
 NTSTATUS SetReportCapture(UCHAR ucValue)
 {
-    LockScope lock(Globals.CaptureLock);
-    WriteShared(Globals.ucReportCapture, ucValue);
+    LockScope lock(GlobalMacro.CaptureLock);
+    WriteShared(GlobalMacro.ucReportCapture, ucValue);
     return STATUS_SUCCESS;
 }

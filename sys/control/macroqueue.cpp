@@ -6,14 +6,16 @@
 // A ring under MacroLock. A full one drops the new record.
 #include "control/notification.h"
 
+#include "control/fields.h"
 #include "ground/ring.h"
 #include "log/events.h"
 
 // IRQL <= DISPATCH. Lock: takes MacroLock. Owns: copies the record. Fails: ring full.
 NTSTATUS QueueMacroRecord(const MacroRecord* pRecord)
 {
-    LockScope lock(Globals.MacroLock);
-    if (!AppendToRing(Globals.MacroQueue, Globals.ulMacroWrite, Globals.ulMacroCount, *pRecord)) {
+    LockScope lock(GlobalEvents.MacroLock);
+    if (!AppendToRing(GlobalEvents.MacroQueue, GlobalEvents.ulMacroWrite, GlobalEvents.ulMacroCount,
+                      *pRecord)) {
         Trace(MacroQueueFull, pRecord->usType);
         return STATUS_UNSUCCESSFUL;
     }
@@ -24,8 +26,9 @@ NTSTATUS QueueMacroRecord(const MacroRecord* pRecord)
 // IRQL <= DISPATCH. Lock: takes MacroLock. Fails: empty, *pRecord untouched.
 NTSTATUS GetMacroRecord(MacroRecord* pRecord, UCHAR ucRemove)
 {
-    LockScope lock(Globals.MacroLock);
-    return ReadFromRing(Globals.MacroQueue, Globals.ulMacroRead, Globals.ulMacroCount, pRecord, ucRemove == 1)
+    LockScope lock(GlobalEvents.MacroLock);
+    return ReadFromRing(GlobalEvents.MacroQueue, GlobalEvents.ulMacroRead, GlobalEvents.ulMacroCount, pRecord,
+                        ucRemove == 1)
                ? STATUS_SUCCESS
                : STATUS_UNSUCCESSFUL;
 }
@@ -33,15 +36,16 @@ NTSTATUS GetMacroRecord(MacroRecord* pRecord, UCHAR ucRemove)
 // IRQL <= DISPATCH. Lock: takes MacroLock. Fails: never.
 NTSTATUS GetMacroCount(PULONG pulCount)
 {
-    LockScope lock(Globals.MacroLock);
-    *pulCount = Globals.ulMacroCount;
+    LockScope lock(GlobalEvents.MacroLock);
+    *pulCount = GlobalEvents.ulMacroCount;
     return STATUS_SUCCESS;
 }
 
 // IRQL <= DISPATCH. Lock: takes MacroLock. Fails: never.
 NTSTATUS ClearMacroQueue()
 {
-    LockScope lock(Globals.MacroLock);
-    ClearRing(Globals.MacroQueue, Globals.ulMacroWrite, Globals.ulMacroRead, Globals.ulMacroCount);
+    LockScope lock(GlobalEvents.MacroLock);
+    ClearRing(GlobalEvents.MacroQueue, GlobalEvents.ulMacroWrite, GlobalEvents.ulMacroRead,
+              GlobalEvents.ulMacroCount);
     return STATUS_SUCCESS;
 }

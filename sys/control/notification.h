@@ -1,6 +1,7 @@
 // notification.h - what the application is told: its events, its two queues, its switch of the analysis.
 #pragma once
 
+#include "control/requests.h"
 #include "ground/ground.h"
 
 // events.cpp: registered events. Handles are used with the requestor's mode and EVENT_MODIFY_STATE.
@@ -21,6 +22,7 @@ void DropNotifyEvent(PDEVICE_OBJECT device); // at removal: whatever is register
 NTSTATUS StartReportProcessing(ULONG ulDeviceIndex);
 NTSTATUS StopReportProcessing(ULONG ulDeviceIndex);
 NTSTATUS StopAllReportProcessing();
+void EndReportProcessing(DeviceContext* pContext); // at removal
 
 // notifyqueue.cpp
 void InitializeNotifyQueue(DeviceContext* pContext); // at add-device

@@ -6,6 +6,7 @@
 // A ring under NotifyLock. A full one drops the new record. Lives and dies with the keyboard's record; no close empties it.
 #include "control/notification.h"
 
+#include "control/fields.h"
 #include "ground/ring.h"
 #include "log/events.h"
 
@@ -19,10 +20,11 @@ ULONG NotifyTime()
 }
 
 // Copies the record behind the others. Fails: false, ring full.
-static bool Append(DeviceContext* pContext, const NotifyRecord* pRecord) REQUIRES_LOCK(pContext->NotifyLock)
+static bool Append(NotifyFields& told, ULONG ulDeviceIndex, const NotifyRecord* pRecord)
+    REQUIRES_LOCK(told.NotifyLock)
 {
-    if (!AppendToRing(pContext->NotifyQueue, pContext->ulNotifyWrite, pContext->ulNotifyCount, *pRecord)) {
-        Trace(NotifyQueueFull, pContext->ulDeviceIndex, pRecord->ulId, pRecord->ulValue);
+    if (!AppendToRing(told.NotifyQueue, told.ulNotifyWrite, told.ulNotifyCount, *pRecord)) {
+        Trace(NotifyQueueFull, ulDeviceIndex, pRecord->ulId, pRecord->ulValue);
         return false;
     }
     return true;
@@ -44,9 +46,9 @@ static NotifyRecord MakeRecord(ULONG ulId, ULONG ulValue, ULONG ulEscAbort, UCHA
 // IRQL <= DISPATCH. Lock: takes NotifyLock. Owns: copies the record. Fails: ring full.
 NTSTATUS QueueNotifyRecord(PDEVICE_OBJECT device, const NotifyRecord* pRecord)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    LockScope lock(pContext->NotifyLock);
-    return Append(pContext, pRecord) ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
+    NotifyFields& told = FieldsOf<NotifyFields>(device);
+    LockScope lock(told.NotifyLock);
+    return Append(told, IndexOf(device), pRecord) ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
 }
 
 // The application sees a loss as a gap.
@@ -61,22 +63,21 @@ NTSTATUS QueueEvent(PDEVICE_OBJECT device, ULONG ulId, ULONG ulValue, ULONG ulEs
 // IRQL <= DISPATCH. Lock: takes NotifyLock. Fails: a full ring drops the event; the signal comes all the same.
 void QueueAndSignalEvent(PDEVICE_OBJECT device, ULONG ulId, ULONG ulValue, ULONG ulEscAbort, UCHAR ucSource)
 {
-    DeviceContext* pContext = FilterContextOf(device);
+    NotifyFields& told = FieldsOf<NotifyFields>(device);
     const NotifyRecord record = MakeRecord(ulId, ulValue, ulEscAbort, ucSource);
-    LockScope lock(pContext->NotifyLock);
-    (void)Append(pContext, &record);
-    if (pContext->pNotifyEvent != nullptr) { // an application without an event polls
-        KeSetEvent(pContext->pNotifyEvent, IO_NO_INCREMENT, FALSE);
+    LockScope lock(told.NotifyLock);
+    (void)Append(told, IndexOf(device), &record);
+    if (told.pNotifyEvent != nullptr) { // an application without an event polls
+        KeSetEvent(told.pNotifyEvent, IO_NO_INCREMENT, FALSE);
     }
 }
 
 // The oldest record; ucRemove 1 takes it, any other value leaves it queued.
 // Lock: takes NotifyLock. Fails: empty, *pRecord untouched.
-static NTSTATUS GetRecordOf(DeviceContext* pContext, NotifyRecord* pRecord, UCHAR ucRemove)
+static NTSTATUS GetRecordOf(NotifyFields& told, NotifyRecord* pRecord, UCHAR ucRemove)
 {
-    LockScope lock(pContext->NotifyLock);
-    return ReadFromRing(pContext->NotifyQueue, pContext->ulNotifyRead, pContext->ulNotifyCount, pRecord,
-                        ucRemove == 1)
+    LockScope lock(told.NotifyLock);
+    return ReadFromRing(told.NotifyQueue, told.ulNotifyRead, told.ulNotifyCount, pRecord, ucRemove == 1)
                ? STATUS_SUCCESS
                : STATUS_UNSUCCESSFUL;
 }
@@ -88,7 +89,7 @@ NTSTATUS GetNotifyRecord(ULONG ulDeviceIndex, NotifyRecord* pRecord, UCHAR ucRem
     if (!keyboard.IsHeld()) {
         return keyboard.Status();
     }
-    return GetRecordOf(keyboard.Context(), pRecord, ucRemove);
+    return GetRecordOf(FieldsOf<NotifyFields>(keyboard.Context()), pRecord, ucRemove);
 }
 
 // Takes up to ulCount records, the oldest first; where none is left the slot stays as it is.
@@ -100,7 +101,7 @@ NTSTATUS TakeNotifyRecords(ULONG ulDeviceIndex, NotifyRecord* pRecords, ULONG ul
         return keyboard.Status();
     }
     for (ULONG i = 0; i < ulCount; i++) {
-        (void)GetRecordOf(keyboard.Context(), &pRecords[i], 1);
+        (void)GetRecordOf(FieldsOf<NotifyFields>(keyboard.Context()), &pRecords[i], 1);
     }
     return STATUS_SUCCESS;
 }
@@ -112,9 +113,9 @@ NTSTATUS GetNotifyCount(ULONG ulDeviceIndex, PULONG pulCount)
     if (!keyboard.IsHeld()) {
         return keyboard.Status();
     }
-    DeviceContext* pContext = keyboard.Context();
-    LockScope lock(pContext->NotifyLock);
-    *pulCount = pContext->ulNotifyCount;
+    NotifyFields& told = FieldsOf<NotifyFields>(keyboard.Context());
+    LockScope lock(told.NotifyLock);
+    *pulCount = told.ulNotifyCount;
     return STATUS_SUCCESS;
 }
 
@@ -125,15 +126,15 @@ NTSTATUS ClearNotifyQueue(ULONG ulDeviceIndex)
     if (!keyboard.IsHeld()) {
         return keyboard.Status();
     }
-    DeviceContext* pContext = keyboard.Context();
-    LockScope lock(pContext->NotifyLock);
-    ClearRing(pContext->NotifyQueue, pContext->ulNotifyWrite, pContext->ulNotifyRead,
-              pContext->ulNotifyCount);
+    NotifyFields& told = FieldsOf<NotifyFields>(keyboard.Context());
+    LockScope lock(told.NotifyLock);
+    ClearRing(told.NotifyQueue, told.ulNotifyWrite, told.ulNotifyRead, told.ulNotifyCount);
     return STATUS_SUCCESS;
 }
 
 // IRQL = PASSIVE, nobody else knows the record yet.
 void InitializeNotifyQueue(DeviceContext* pContext)
 {
-    KeInitializeSpinLock(&pContext->NotifyLock.Lock);
+    NotifyFields& told = FieldsOf<NotifyFields>(pContext);
+    KeInitializeSpinLock(&told.NotifyLock.Lock);
 }

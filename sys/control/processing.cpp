@@ -4,6 +4,8 @@
 // the same change at once: one makes it, the other fails.
 #include "control/notification.h"
 
+#include "control/fields.h"
+
 // Fails: unknown index, the switch is there already.
 static NTSTATUS SwitchReportProcessing(ULONG ulDeviceIndex, UCHAR ucOn)
 {
@@ -11,7 +13,7 @@ static NTSTATUS SwitchReportProcessing(ULONG ulDeviceIndex, UCHAR ucOn)
     if (!keyboard.IsHeld()) {
         return keyboard.Status();
     }
-    UCHAR ucBefore = ExchangeShared(keyboard.Context()->ucReportProcessing, ucOn);
+    UCHAR ucBefore = ExchangeShared(FieldsOf<NotifyFields>(keyboard.Context()).ucReportProcessing, ucOn);
     return ucBefore != ucOn ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
 }
 
@@ -27,13 +29,20 @@ NTSTATUS StopReportProcessing(ULONG ulDeviceIndex)
     return SwitchReportProcessing(ulDeviceIndex, 0);
 }
 
+// At removal.
+// IRQL <= DISPATCH.
+void EndReportProcessing(DeviceContext* pContext)
+{
+    WriteShared(FieldsOf<NotifyFields>(pContext).ucReportProcessing, 0);
+}
+
 // At the last close.
 // IRQL <= DISPATCH. Fails: the keyboards' statuses ORed, so one that was off counts.
 NTSTATUS StopAllReportProcessing()
 {
     NTSTATUS status = STATUS_SUCCESS;
-    for (PDEVICE_OBJECT device = FirstKeyboard(); device != nullptr; device = NextKeyboard(device)) {
-        status |= StopReportProcessing(FilterContextOf(device)->ulDeviceIndex);
+    for (PDEVICE_OBJECT device : AllKeyboards()) {
+        status |= StopReportProcessing(IndexOf(device));
     }
     return status;
 }

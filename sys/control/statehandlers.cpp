@@ -3,6 +3,9 @@
 //
 // Handlers of the dispatcher's table; they run in the application's thread at PASSIVE_LEVEL.
 #include "control/call.h"
+
+#include "hotkeys/fields.h"
+#include "macro/fields.h"
 #include "macro/macro.h"
 
 enum : ULONG { DRIVER_VERSION = 0x00010300 }; // 1.3.0
@@ -39,23 +42,23 @@ NTSTATUS HandleGetKeyboardCount(ControlCall* pCall)
 
 NTSTATUS HandleGetModifiers(ControlCall* pCall)
 {
-    return Answer<ULONG>(pCall, ReadShared(Globals.ulModifierFlags));
+    return Answer<ULONG>(pCall, ReadShared(GlobalHotkeys.ulModifierFlags));
 }
 
 NTSTATUS HandleGetMacroMode(ControlCall* pCall)
 {
-    return Answer<ULONG>(pCall, ReadShared(Globals.ucKorvexMode));
+    return Answer<ULONG>(pCall, ReadShared(GlobalMacro.ucKorvexMode));
 }
 
 NTSTATUS HandleReloadMacros(ControlCall*)
 {
-    (void)ReadKorvexParameters(&Globals.RegistryPathCopy); // what cannot be read keeps its value
+    (void)ReadKorvexParameters(&GlobalFrame.RegistryPathCopy); // what cannot be read keeps its value
     return STATUS_SUCCESS;
 }
 
 NTSTATUS HandleGetCapture(ControlCall* pCall)
 {
-    return Answer<ULONG>(pCall, ReadShared(Globals.ucReportCapture));
+    return Answer<ULONG>(pCall, ReadShared(GlobalMacro.ucReportCapture));
 }
 
 // The value is the input's first 32 bits, not a ControlRequest; its low byte counts.

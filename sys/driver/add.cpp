@@ -8,8 +8,11 @@
 #include "driver/driver.h"
 
 #include "control/notification.h"
+#include "driver/context.h"
+#include "driver/fields.h"
 #include "hotkeys/hotkeys.h"
 #include "macro/macro.h"
+#include "report/report.h"
 #include "usb/usb.h"
 
 enum : ULONG { LOWER_FLAGS = DO_BUFFERED_IO | DO_DIRECT_IO | DO_POWER_PAGABLE };
@@ -20,13 +23,7 @@ static void InitializeContext(PDEVICE_OBJECT pDevice, PDEVICE_OBJECT pPhysicalDe
 {
     DeviceContext* pContext = static_cast<DeviceContext*>(pDevice->DeviceExtension);
     RtlZeroMemory(pContext, sizeof(*pContext));
-    pContext->pPhysicalDevice = pPhysicalDevice;
-    pContext->ulDeviceIndex = Globals.ulNextDeviceIndex;
-    pContext->ucSendUpEventImmediately = Settings.ulSendUpEventImmediately != 0;
-    pContext->ucRunDiagNormalPacket02 = Settings.ulRunDiagNormalPacket02 != 0;
-    KeInitializeSpinLock(&pContext->InterfaceLock.Lock);
-
-    InitializeReferences(pContext);
+    InitializeFrame(pContext, pPhysicalDevice, GlobalRoof.ulNextDeviceIndex);
     InitializePendingReads(pContext);
     InitializeDiscard(pContext);
     InitializeKeyBuffers(pContext);
@@ -36,6 +33,7 @@ static void InitializeContext(PDEVICE_OBJECT pDevice, PDEVICE_OBJECT pPhysicalDe
     InitializeNotifyQueue(pContext);
     InitializeDefinitions(pContext);
     InitializeHotkeys(pContext);
+    InitializeReports(pContext);
     InitializeTypematic(pDevice, pContext);
     InitializePlayback(pDevice, pContext);
     InitializeKorvexLed(pContext);
@@ -55,13 +53,13 @@ static DEVICE_TYPE TypeOfStack(PDEVICE_OBJECT pPhysicalDevice)
 // IRQL = PASSIVE. Fails: nothing to attach to.
 static NTSTATUS AttachFilter(PDEVICE_OBJECT pDevice, PDEVICE_OBJECT pPhysicalDevice)
 {
-    DeviceContext* pContext = static_cast<DeviceContext*>(pDevice->DeviceExtension);
+    FrameFields& frame = FieldsOf<FrameFields>(static_cast<DeviceContext*>(pDevice->DeviceExtension));
     PDEVICE_OBJECT pLower = IoAttachDeviceToDeviceStack(pDevice, pPhysicalDevice);
     if (pLower == nullptr) {
         return STATUS_UNSUCCESSFUL;
     }
-    pContext->pLowerDevice = pLower;
-    Globals.ulNextDeviceIndex++;
+    frame.pLowerDevice = pLower;
+    GlobalRoof.ulNextDeviceIndex++;
     pDevice->Flags |= pLower->Flags & LOWER_FLAGS;
     pDevice->Characteristics = pLower->Characteristics;
     pDevice->DeviceType = pLower->DeviceType;
@@ -76,8 +74,8 @@ NTSTATUS AddDevice(PDRIVER_OBJECT pDriver, PDEVICE_OBJECT pPhysicalDevice)
     PDEVICE_OBJECT pDevice = nullptr;
     UCHAR ucUnused;
 
-    UpdateErrorCount(ErrorCountCheck, &Globals.ucRefuseAttach);
-    if (Globals.ucRefuseAttach == 1) {
+    UpdateErrorCount(ErrorCountCheck, &GlobalRoof.ucRefuseAttach);
+    if (GlobalRoof.ucRefuseAttach == 1) {
         return STATUS_UNSUCCESSFUL;
     }
     UpdateErrorCount(ErrorCountEnter, &ucUnused);

@@ -13,6 +13,7 @@
 #include "driver/driver.h"
 
 #include "control/control.h"
+#include "driver/fields.h"
 #include "siblings/siblings.h"
 
 static const GUID Ps2KeyboardClass = {
@@ -28,8 +29,8 @@ static const WCHAR ControlLinkName[] = L"\\DosDevices\\TvUSB";
 // IRQL = PASSIVE. Lock: takes KeyboardListLock.
 static void SetControlDevice(PDEVICE_OBJECT pControlDevice)
 {
-    LockScope lock(Globals.KeyboardListLock);
-    WriteShared(Globals.pControlDevice, pControlDevice);
+    LockScope lock(GlobalFrame.KeyboardListLock);
+    WriteShared(GlobalFrame.pControlDevice, pControlDevice);
 }
 
 // A registration that fails leaves the handle null: the arrivals of that class stay unseen, no more.
@@ -40,7 +41,7 @@ static void RegisterArrival(SiblingLink* pLink, const GUID& interfaceClass,
     PVOID hNotification = nullptr;
     const NTSTATUS status = IoRegisterPlugPlayNotification(
         EventCategoryDeviceInterfaceChange, PNPNOTIFY_DEVICE_INTERFACE_INCLUDE_EXISTING_INTERFACES,
-        const_cast<GUID*>(&interfaceClass), Globals.pDriverObject, pCallback, pContext, &hNotification);
+        const_cast<GUID*>(&interfaceClass), GlobalFrame.pDriverObject, pCallback, pContext, &hNotification);
     pLink->hInterfaceNotification = NT_SUCCESS(status) ? hNotification : nullptr;
 }
 
@@ -55,14 +56,15 @@ static void UnregisterArrival(SiblingLink* pLink)
 
 // The named device, open to those it is meant for only, and its link.
 // IRQL = PASSIVE, under ControlDeviceMutex. Fails: name or link taken, no memory; nothing is left.
-static NTSTATUS CreateNamedDevice(PDEVICE_OBJECT* ppControlDevice) REQUIRES_LOCK(Globals.ControlDeviceMutex)
+static NTSTATUS CreateNamedDevice(PDEVICE_OBJECT* ppControlDevice)
+    REQUIRES_LOCK(GlobalRoof.ControlDeviceMutex)
 {
     UNICODE_STRING deviceName;
     UNICODE_STRING linkName;
     RtlInitUnicodeString(&deviceName, ControlDeviceName);
     RtlInitUnicodeString(&linkName, ControlLinkName);
 
-    NTSTATUS status = IoCreateDevice(Globals.pDriverObject, sizeof(ControlContext), &deviceName,
+    NTSTATUS status = IoCreateDevice(GlobalFrame.pDriverObject, sizeof(ControlContext), &deviceName,
                                      FILE_DEVICE_UNKNOWN, FILE_DEVICE_SECURE_OPEN, FALSE, ppControlDevice);
     if (!NT_SUCCESS(status)) {
         return status;
@@ -80,7 +82,7 @@ static NTSTATUS CreateNamedDevice(PDEVICE_OBJECT* ppControlDevice) REQUIRES_LOCK
 
 // The initialising flag is cleared last, so no open meets a half-made record.
 // IRQL = PASSIVE, under ControlDeviceMutex. Fails: as CreateNamedDevice.
-static NTSTATUS BuildControlDevice() REQUIRES_LOCK(Globals.ControlDeviceMutex)
+static NTSTATUS BuildControlDevice() REQUIRES_LOCK(GlobalRoof.ControlDeviceMutex)
 {
     PDEVICE_OBJECT pControlDevice = nullptr;
     const NTSTATUS status = CreateNamedDevice(&pControlDevice);
@@ -106,7 +108,7 @@ static NTSTATUS BuildControlDevice() REQUIRES_LOCK(Globals.ControlDeviceMutex)
 
 // The event that an application registered goes with the device, whether its handle is open or not.
 // IRQL = PASSIVE, under ControlDeviceMutex.
-static void TearDownControlDevice(PDEVICE_OBJECT pControlDevice) REQUIRES_LOCK(Globals.ControlDeviceMutex)
+static void TearDownControlDevice(PDEVICE_OBJECT pControlDevice) REQUIRES_LOCK(GlobalRoof.ControlDeviceMutex)
 {
     ControlContext* pControl = ControlContextOf(pControlDevice);
     UNICODE_STRING linkName;
@@ -131,17 +133,18 @@ NTSTATUS CreateControlDevice(PDEVICE_OBJECT pFilterDevice)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
     DeviceContext* pContext = FilterContextOf(pFilterDevice);
+    RoofFields& roof = FieldsOf<RoofFields>(pContext);
     NTSTATUS status = STATUS_SUCCESS;
     UCHAR ucUnused;
 
     {
-        MutexScope lock(Globals.ControlDeviceMutex);
-        if (Globals.usKeyboardCount == 0) {
+        MutexScope lock(GlobalRoof.ControlDeviceMutex);
+        if (GlobalFrame.usKeyboardCount == 0) {
             status = BuildControlDevice();
         }
-        if (NT_SUCCESS(status) && pContext->ucKeyboardCounted == 0) {
-            pContext->ucKeyboardCounted = 1;
-            WriteShared(Globals.usKeyboardCount, Globals.usKeyboardCount + 1);
+        if (NT_SUCCESS(status) && roof.ucKeyboardCounted == 0) {
+            roof.ucKeyboardCounted = 1;
+            WriteShared(GlobalFrame.usKeyboardCount, GlobalFrame.usKeyboardCount + 1);
         }
     }
     if (!NT_SUCCESS(status)) {
@@ -157,16 +160,17 @@ void DeleteControlDevice(PDEVICE_OBJECT pFilterDevice)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
     DeviceContext* pContext = FilterContextOf(pFilterDevice);
+    RoofFields& roof = FieldsOf<RoofFields>(pContext);
     WithdrawInterface(pContext);
-    if (pContext->ucKeyboardCounted == 0) {
+    if (roof.ucKeyboardCounted == 0) {
         return;
     }
-    MutexScope lock(Globals.ControlDeviceMutex);
-    if (Globals.usKeyboardCount == 1 && Globals.pControlDevice != nullptr) {
-        TearDownControlDevice(Globals.pControlDevice);
+    MutexScope lock(GlobalRoof.ControlDeviceMutex);
+    if (GlobalFrame.usKeyboardCount == 1 && GlobalFrame.pControlDevice != nullptr) {
+        TearDownControlDevice(GlobalFrame.pControlDevice);
     }
-    pContext->ucKeyboardCounted = 0;
-    WriteShared(Globals.usKeyboardCount, Globals.usKeyboardCount - 1);
+    roof.ucKeyboardCounted = 0;
+    WriteShared(GlobalFrame.usKeyboardCount, GlobalFrame.usKeyboardCount - 1);
 }
 
 // The control device has no relations to tell; every other minor function succeeds.

@@ -3,13 +3,18 @@
 // In:  the driver object and the service key path.
 // Out: the initial state, the settings from the registry, the dispatch table.
 // Runs once, alone, at PASSIVE_LEVEL; what a failed entry took is given back before it returns.
-#include "driver/driver.h"
+#include "driver/context.h"
 
 #include "control/control.h"
+#include "driver/driver.h"
+#include "driver/fields.h"
+#include "hotkeys/fields.h"
 #include "log/events.h"
+#include "log/fields.h"
 #include "log/log.h"
 #include "macro/macro.h"
 #include "report/keytable.h"
+#include "siblings/fields.h"
 #include "siblings/siblings.h"
 #include "usb/usb.h"
 
@@ -19,12 +24,12 @@ static void SetInitialState()
 {
     RtlZeroMemory(&Settings, sizeof(Settings));
     RtlZeroMemory(&Globals, sizeof(Globals));
-    Settings.ulPrefix1 = 0x7D;
-    Settings.ulPrefix2 = 0x7B;
-    Settings.ulPosKeyPrefix = 0x79;
-    Settings.ulLogFileSize = 0x20000000;
-    Globals.usTypematicRate = 23;
-    Globals.usTypematicDelay = 1;
+    SettingsOfHotkeys.ulPrefix1 = 0x7D;
+    SettingsOfHotkeys.ulPrefix2 = 0x7B;
+    SettingsOfHotkeys.ulPosKeyPrefix = 0x79;
+    SettingsOfLog.ulLogFileSize = 0x20000000;
+    GlobalSiblings.usTypematicRate = 23;
+    GlobalSiblings.usTypematicDelay = 1;
 
     InitializeKeyboardList();
     InitializeEvents();
@@ -38,7 +43,7 @@ static void SetInitialState()
 static NTSTATUS CopyRegistryPath(PUNICODE_STRING pRegistryPath)
 {
     const ULONG ulBytes = pRegistryPath->Length + 10u;
-    PUNICODE_STRING pCopy = &Globals.RegistryPathCopy;
+    PUNICODE_STRING pCopy = &GlobalFrame.RegistryPathCopy;
     if (ulBytes > MAXUSHORT) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -90,11 +95,11 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistr
     StartTracing(); // until FreeDriverResources
     SetInitialState();
     if (!NT_SUCCESS(CopyRegistryPath(pRegistryPath)) ||
-        !NT_SUCCESS(BuildParametersPath(pRegistryPath, PagedPool, &Globals.ParametersPath))) {
+        !NT_SUCCESS(BuildParametersPath(pRegistryPath, PagedPool, &GlobalFrame.ParametersPath))) {
         FreeDriverResources();
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    Globals.pDriverObject = pDriver;
+    GlobalFrame.pDriverObject = pDriver;
     if (!IoIsWdmVersionAvailable(1, 0x30)) {
         FreeDriverResources();
         return STATUS_UNSUCCESSFUL;
@@ -105,12 +110,12 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistr
     QueryDriverParameters(pRegistryPath);
     StartLog(); // a log that cannot start stays off
     ReadKorvexParameters(pRegistryPath);
-    ConvertPrefixKey(Settings.ulPrefix1, &Globals.ucPrefix1Usage);
-    ConvertPrefixKey(Settings.ulPrefix2, &Globals.ucPrefix2Usage);
-    ConvertPrefixKey(Settings.ulPosKeyPrefix, &Globals.ucPosKeyPrefixUsage);
+    ConvertPrefixKey(SettingsOfHotkeys.ulPrefix1, &GlobalHotkeys.ucPrefix1Usage);
+    ConvertPrefixKey(SettingsOfHotkeys.ulPrefix2, &GlobalHotkeys.ucPrefix2Usage);
+    ConvertPrefixKey(SettingsOfHotkeys.ulPosKeyPrefix, &GlobalHotkeys.ucPosKeyPrefixUsage);
     UpdateErrorCount(ErrorCountLeave, &ucUnused);
 
-    KeInitializeMutex(&Globals.ControlDeviceMutex.Object, 0);
+    KeInitializeMutex(&GlobalRoof.ControlDeviceMutex.Object, 0);
     Trace(DriverLoaded, pRegistryPath);
     return STATUS_SUCCESS;
 }

@@ -5,6 +5,8 @@
 // Runs at PASSIVE_LEVEL in Plug and Play threads.
 #include "driver/driver.h"
 
+#include "driver/fields.h"
+
 static const GUID KeyboardInterfaceClass = {
     0x3B7E91C4, 0x5A2D, 0x4F60, {0x9C, 0x1E, 0x7D, 0x84, 0xA2, 0xF0, 0xB6, 0x13}};
 
@@ -26,17 +28,19 @@ static NTSTATUS MoveToNonPaged(PUNICODE_STRING pSystemName, PUNICODE_STRING pCop
 // interface.
 static NTSTATUS RegisterInterface(DeviceContext* pContext)
 {
+    FrameFields& frame = FieldsOf<FrameFields>(pContext);
+    RoofFields& roof = FieldsOf<RoofFields>(pContext);
     UNICODE_STRING systemName;
     UNICODE_STRING linkName;
     NTSTATUS status =
-        IoRegisterDeviceInterface(pContext->pPhysicalDevice, &KeyboardInterfaceClass, nullptr, &systemName);
+        IoRegisterDeviceInterface(frame.pPhysicalDevice, &KeyboardInterfaceClass, nullptr, &systemName);
     if (NT_SUCCESS(status)) {
         status = MoveToNonPaged(&systemName, &linkName);
     }
     if (NT_SUCCESS(status)) {
-        LockScope lock(pContext->InterfaceLock);
-        pContext->InterfaceLinkName = linkName;
-        pContext->ucInterfaceRegistered = 1;
+        LockScope lock(frame.InterfaceLock);
+        frame.InterfaceLinkName = linkName;
+        roof.ucInterfaceRegistered = 1;
     }
     return status;
 }
@@ -45,12 +49,14 @@ static NTSTATUS RegisterInterface(DeviceContext* pContext)
 // IRQL = PASSIVE. Lock: takes InterfaceLock. Fails: no interface.
 NTSTATUS PublishInterface(DeviceContext* pContext)
 {
+    RoofFields& roof = FieldsOf<RoofFields>(pContext);
+    FrameFields& frame = FieldsOf<FrameFields>(pContext);
     NTSTATUS status = STATUS_SUCCESS;
-    if (pContext->ucInterfaceRegistered == 0) {
+    if (roof.ucInterfaceRegistered == 0) {
         status = RegisterInterface(pContext);
     }
     if (NT_SUCCESS(status)) {
-        IoSetDeviceInterfaceState(&pContext->InterfaceLinkName,
+        IoSetDeviceInterfaceState(&frame.InterfaceLinkName,
                                   TRUE); // without it applications cannot find it
     }
     return status;
@@ -59,16 +65,18 @@ NTSTATUS PublishInterface(DeviceContext* pContext)
 // IRQL = PASSIVE. Lock: takes InterfaceLock.
 void WithdrawInterface(DeviceContext* pContext)
 {
+    RoofFields& roof = FieldsOf<RoofFields>(pContext);
+    FrameFields& frame = FieldsOf<FrameFields>(pContext);
     PWCH pName;
-    if (pContext->ucInterfaceRegistered != 1) {
+    if (roof.ucInterfaceRegistered != 1) {
         return;
     }
-    IoSetDeviceInterfaceState(&pContext->InterfaceLinkName, FALSE);
+    IoSetDeviceInterfaceState(&frame.InterfaceLinkName, FALSE);
     {
-        LockScope lock(pContext->InterfaceLock);
-        pName = pContext->InterfaceLinkName.Buffer;
-        RtlZeroMemory(&pContext->InterfaceLinkName, sizeof(pContext->InterfaceLinkName));
-        pContext->ucInterfaceRegistered = 0;
+        LockScope lock(frame.InterfaceLock);
+        pName = frame.InterfaceLinkName.Buffer;
+        RtlZeroMemory(&frame.InterfaceLinkName, sizeof(frame.InterfaceLinkName));
+        roof.ucInterfaceRegistered = 0;
     }
     ExFreePoolWithTag(pName, POOL_TAG);
 }

@@ -11,6 +11,7 @@
 #include "driver/driver.h"
 
 #include "control/control.h"
+#include "driver/fields.h"
 #include "hotkeys/hotkeys.h"
 
 // The open of a filter device is waited for: only one that succeeded is counted.
@@ -21,7 +22,7 @@ static NTSTATUS PassCreate(PDEVICE_OBJECT pDevice, PIRP pIrp)
     if (!keyboard.IsHeld()) {
         return DispatchPassThrough(pDevice, pIrp); // completes it here, as it does the control device's
     }
-    if (keyboard.Context()->pLowerDevice == nullptr) {
+    if (FieldsOf<FrameFields>(keyboard.Context()).pLowerDevice == nullptr) {
         return CompleteRequest(pIrp, STATUS_UNSUCCESSFUL, 0);
     }
     const NTSTATUS status = ForwardAndWait(keyboard.Context(), pIrp);
@@ -32,20 +33,20 @@ static NTSTATUS PassCreate(PDEVICE_OBJECT pDevice, PIRP pIrp)
 // IRQL = PASSIVE. Lock: takes ControlDeviceMutex. Fails: false, there are as many as can be counted.
 static bool CountOpen()
 {
-    MutexScope lock(Globals.ControlDeviceMutex);
-    const bool bRoom = Globals.usOpenCount != MAXUSHORT;
+    MutexScope lock(GlobalRoof.ControlDeviceMutex);
+    const bool bRoom = GlobalRoof.usOpenCount != MAXUSHORT;
     if (bRoom) {
-        Globals.usOpenCount++;
+        GlobalRoof.usOpenCount++;
     }
-    if (bRoom && Globals.pControlDevice != nullptr) {
-        KeClearEvent(&ControlContextOf(Globals.pControlDevice)->ClosedEvent);
+    if (bRoom && GlobalFrame.pControlDevice != nullptr) {
+        KeClearEvent(&ControlContextOf(GlobalFrame.pControlDevice)->ClosedEvent);
     }
     return bRoom;
 }
 
 // What the application had set up, released in this order, whether its control device is still there or not.
 // IRQL = PASSIVE, under ControlDeviceMutex.
-static void ReleaseApplication(PDEVICE_OBJECT pControlDevice) REQUIRES_LOCK(Globals.ControlDeviceMutex)
+static void ReleaseApplication(PDEVICE_OBJECT pControlDevice) REQUIRES_LOCK(GlobalRoof.ControlDeviceMutex)
 {
     FreeAllKeyDefinitions();
     StopAllReportProcessing();
@@ -61,12 +62,12 @@ static void ReleaseApplication(PDEVICE_OBJECT pControlDevice) REQUIRES_LOCK(Glob
 // IRQL = PASSIVE. Lock: takes ControlDeviceMutex.
 static void UncountOpen()
 {
-    MutexScope lock(Globals.ControlDeviceMutex);
-    if (Globals.usOpenCount > 0) {
-        Globals.usOpenCount--;
+    MutexScope lock(GlobalRoof.ControlDeviceMutex);
+    if (GlobalRoof.usOpenCount > 0) {
+        GlobalRoof.usOpenCount--;
     }
-    if (Globals.usOpenCount == 0) {
-        ReleaseApplication(Globals.pControlDevice);
+    if (GlobalRoof.usOpenCount == 0) {
+        ReleaseApplication(GlobalFrame.pControlDevice);
     }
 }
 

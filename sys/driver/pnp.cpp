@@ -9,24 +9,28 @@
 #include "driver/driver.h"
 
 #include "control/control.h"
+#include "control/fields.h"
+#include "driver/fields.h"
+#include "hotkeys/bufferfields.h"
+#include "hotkeys/fields.h"
 #include "hotkeys/hotkeys.h"
 #include "macro/macro.h"
+#include "macro/parkedfields.h"
 #include "siblings/siblings.h"
 
 enum : LONGLONG { CLOSE_WAIT_100NS = 50000000 }; // 5 seconds
 
 // A property that does not fit leaves the field as it was.
 // IRQL = PASSIVE. Lock: takes InterfaceLock.
-static void ReadProperty(DeviceContext* pContext, DEVICE_REGISTRY_PROPERTY property,
-                         WCHAR (DeviceContext::*pField)[PROPERTY_CHARS])
+static void ReadProperty(FrameFields& frame, DEVICE_REGISTRY_PROPERTY property,
+                         WCHAR (FrameFields::*pField)[PROPERTY_CHARS])
 {
     WCHAR buffer[PROPERTY_CHARS];
     ULONG ulBytes = 0;
     RtlZeroMemory(buffer, sizeof(buffer));
-    if (NT_SUCCESS(
-            IoGetDeviceProperty(pContext->pPhysicalDevice, property, sizeof(buffer), buffer, &ulBytes))) {
-        LockScope lock(pContext->InterfaceLock);
-        RtlCopyMemory(pContext->*pField, buffer, sizeof(buffer));
+    if (NT_SUCCESS(IoGetDeviceProperty(frame.pPhysicalDevice, property, sizeof(buffer), buffer, &ulBytes))) {
+        LockScope lock(frame.InterfaceLock);
+        RtlCopyMemory(frame.*pField, buffer, sizeof(buffer));
     }
 }
 
@@ -34,10 +38,11 @@ static void ReadProperty(DeviceContext* pContext, DEVICE_REGISTRY_PROPERTY prope
 // IRQL = PASSIVE. Lock: takes KeyboardListLock.
 static void CountStarted(DeviceContext* pContext)
 {
-    LockScope lock(Globals.KeyboardListLock);
-    if (pContext->ucStarted == 0) {
-        pContext->ucStarted = 1;
-        Globals.usStartedKeyboards++;
+    RoofFields& roof = FieldsOf<RoofFields>(pContext);
+    LockScope lock(GlobalFrame.KeyboardListLock);
+    if (roof.ucStarted == 0) {
+        roof.ucStarted = 1;
+        GlobalRoof.usStartedKeyboards++;
     }
 }
 
@@ -45,12 +50,13 @@ static void CountStarted(DeviceContext* pContext)
 // IRQL = PASSIVE. Lock: takes KeyboardListLock.
 static bool UncountStarted(DeviceContext* pContext)
 {
-    LockScope lock(Globals.KeyboardListLock);
-    if (pContext->ucStarted == 0) {
+    RoofFields& roof = FieldsOf<RoofFields>(pContext);
+    LockScope lock(GlobalFrame.KeyboardListLock);
+    if (roof.ucStarted == 0) {
         return false;
     }
-    pContext->ucStarted = 0;
-    return --Globals.usStartedKeyboards == 0;
+    roof.ucStarted = 0;
+    return --GlobalRoof.usStartedKeyboards == 0;
 }
 
 // IRQL = PASSIVE. Fails: with the lower driver's final status; the keyboard is counted all the same.
@@ -60,14 +66,15 @@ static NTSTATUS StartKeyboard(PDEVICE_OBJECT pDevice, PIRP pIrp)
     USHORT usUnusedRate = 0;
     USHORT usUnusedDelay = 0;
 
-    ReadProperty(pContext, DevicePropertyDeviceDescription, &DeviceContext::DeviceDescription);
-    ReadProperty(pContext, DevicePropertyHardwareID, &DeviceContext::HardwareId);
-    ReadProperty(pContext, DevicePropertyPhysicalDeviceObjectName, &DeviceContext::PhysicalDeviceObjectName);
+    FrameFields& frame = FieldsOf<FrameFields>(pContext);
+    ReadProperty(frame, DevicePropertyDeviceDescription, &FrameFields::DeviceDescription);
+    ReadProperty(frame, DevicePropertyHardwareID, &FrameFields::HardwareId);
+    ReadProperty(frame, DevicePropertyPhysicalDeviceObjectName, &FrameFields::PhysicalDeviceObjectName);
     const NTSTATUS status = ForwardAndWait(pContext, pIrp);
     CompleteRequest(pIrp, status, 0);
 
     CreateControlDevice(pDevice); // a failed creation is tried again by the next start
-    QueryKeyboardTypematic(pContext->ulDeviceIndex, &usUnusedRate, &usUnusedDelay);
+    QueryKeyboardTypematic(IndexOf(pDevice), &usUnusedRate, &usUnusedDelay);
     CountStarted(pContext);
     return status;
 }
@@ -101,24 +108,12 @@ static NTSTATUS SurpriseRemoveKeyboard(PDEVICE_OBJECT pDevice, PIRP pIrp)
     return ForwardRequest(pContext, pIrp);
 }
 
-// Requests that wait for this keyboard see the removal and return; the next in line is woken by them.
-// IRQL = PASSIVE, after RefuseNewReferences.
-static void WakeWaiters(DeviceContext* pContext)
-{
-    KeSetEvent(&pContext->InsertModifierEvent, IO_NO_INCREMENT, FALSE);
-    KeSetEvent(&pContext->FifoEvent, IO_NO_INCREMENT, FALSE);
-}
-
 // No timer of this keyboard is armed and none of its deferred calls runs afterwards.
 // IRQL = PASSIVE.
 static void StopTimers(PDEVICE_OBJECT pDevice)
 {
-    DeviceContext* pContext = FilterContextOf(pDevice);
-    CancelTypematicOf(pDevice);
-    KeCancelTimer(&pContext->KorvexDelay.Timer);
-    KeRemoveQueueDpc(&pContext->KorvexDelay.Dpc);
-    KeRemoveQueueDpc(&pContext->TypematicDelay.Dpc);
-    KeRemoveQueueDpc(&pContext->TypematicRepeat.Dpc);
+    StopTypematic(pDevice);
+    StopKorvexDelay(pDevice);
     KeFlushQueuedDpcs();
 }
 
@@ -128,14 +123,15 @@ static void StopTimers(PDEVICE_OBJECT pDevice)
 static NTSTATUS RemoveKeyboard(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
     DeviceContext* pContext = FilterContextOf(pDevice);
-    PDEVICE_OBJECT pLower = pContext->pLowerDevice;
+    PDEVICE_OBJECT pLower = FieldsOf<FrameFields>(pContext).pLowerDevice;
 
     RefuseNewReferences(pDevice);
-    WakeWaiters(pContext);
+    WakeInsertScans(pContext);
+    WakeInsertUSBPackets(pContext);
     CompleteParkedReads(pDevice);
     const NTSTATUS status = ForwardRequest(pContext, pIrp);
 
-    WriteShared(pContext->ucReportProcessing, 0); // by index the device is no longer found
+    EndReportProcessing(pContext); // by index the device is no longer found
     StopTimers(pDevice);
     WaitForReferences(pDevice);
     StopTimers(pDevice); // a report that was under way may have started them again
@@ -169,11 +165,10 @@ static NTSTATUS DispatchHeldPnp(PDEVICE_OBJECT pDevice, PIRP pIrp)
 NTSTATUS DispatchPnp(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
-    if (ControlContextOf(pDevice) != nullptr) {
+    if (IsControlDevice(pDevice)) {
         return DispatchControlPnp(pDevice, pIrp);
     }
-    DeviceContext* pContext = FilterContextOf(pDevice);
-    if (pContext == nullptr || pContext->pLowerDevice == nullptr) {
+    if (!IsFilterDevice(pDevice) || FieldsOf<FrameFields>(pDevice).pLowerDevice == nullptr) {
         return CompleteRequest(pIrp, STATUS_UNSUCCESSFUL, 0);
     }
     if (IoGetCurrentIrpStackLocation(pIrp)->MinorFunction == IRP_MN_REMOVE_DEVICE) {

@@ -4,6 +4,7 @@
 #include "driver/driver.h"
 
 #include "log/events.h"
+#include "log/fields.h"
 #include "log/log.h"
 #include "macro/macro.h"
 
@@ -19,9 +20,9 @@ static void FreeString(PUNICODE_STRING pString)
 // IRQL = PASSIVE, nobody else runs in the driver.
 void FreeDriverResources()
 {
-    FreeString(&Settings.LogFileName);
-    FreeString(&Globals.RegistryPathCopy);
-    FreeString(&Globals.ParametersPath);
+    FreeString(&SettingsOfLog.LogFileName);
+    FreeString(&GlobalFrame.RegistryPathCopy);
+    FreeString(&GlobalFrame.ParametersPath);
     FreeMacroTable();
     StopTracing();
 }
@@ -31,7 +32,7 @@ void FreeDriverResources()
 void UnloadDriver(PDRIVER_OBJECT)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
-    Trace(DriverUnloads, &Globals.RegistryPathCopy);
+    Trace(DriverUnloads, &GlobalFrame.RegistryPathCopy);
     StopLog();
     FreeDriverResources();
 }

@@ -10,6 +10,10 @@
 // The arguments from `first` on are those of the text `format`, as printf takes them; both counted from 1.
 #define PRINTF_LIKE(format, first) __attribute__((__format__(printf, format, first)))
 
+// Where a field lies in a record, in bytes; also in one that is a sum of records, which the language leaves to the
+// compiler.
+#define OFFSET_IN_SUM(Sum, field) __builtin_offsetof(Sum, field)
+
 // clang's thread-safety analysis; other compilers see nothing of it.
 #if defined(__clang__)
 #define LOCK_ATTRIBUTE(attribute) __attribute__((attribute))

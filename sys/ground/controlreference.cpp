@@ -7,8 +7,8 @@
 PDEVICE_OBJECT ReferenceControlDevice()
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
-    LockScope lock(Globals.KeyboardListLock);
-    PDEVICE_OBJECT pControlDevice = ReadShared(Globals.pControlDevice);
+    LockScope lock(GlobalFrame.KeyboardListLock);
+    PDEVICE_OBJECT pControlDevice = ReadShared(GlobalFrame.pControlDevice);
     if (pControlDevice != nullptr) {
         ObReferenceObject(pControlDevice);
     }

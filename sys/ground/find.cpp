@@ -16,8 +16,9 @@ enum {
 // IRQL = PASSIVE. Lock: takes InterfaceLock. Fails: false, no link name or one of another length.
 bool CopyLinkName(DeviceContext* pContext, USHORT usBytes, PWCHAR pCopy)
 {
-    LockScope lock(pContext->InterfaceLock);
-    const UNICODE_STRING& link = pContext->InterfaceLinkName;
+    FrameFields& frame = FieldsOf<FrameFields>(pContext);
+    LockScope lock(frame.InterfaceLock);
+    const UNICODE_STRING& link = frame.InterfaceLinkName;
     if (link.Buffer == nullptr || link.Length != LINK_PREFIX_CHARS * sizeof(WCHAR) + usBytes) {
         return false;
     }
@@ -40,9 +41,10 @@ bool HasInterfaceName(DeviceContext* pContext, PCUNICODE_STRING pName)
 NTSTATUS FindDeviceByIndex(ULONG ulDeviceIndex, PDEVICE_OBJECT* ppDevice)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
-    for (PDEVICE_OBJECT device = FirstKeyboard(); device != nullptr; device = NextKeyboard(device)) {
-        if (FilterContextOf(device)->ulDeviceIndex == ulDeviceIndex) {
-            *ppDevice = device;
+    AllKeyboards keyboards;
+    for (PDEVICE_OBJECT device : keyboards) {
+        if (IndexOf(device) == ulDeviceIndex) {
+            *ppDevice = keyboards.Keep();
             return STATUS_SUCCESS;
         }
     }
@@ -62,11 +64,10 @@ NTSTATUS FindDeviceByInterfaceName(PCWSTR pszName, PULONG pulDeviceIndex)
     if (name.Length == 0 || name.Length > NAME_CHARS * sizeof(WCHAR)) {
         return STATUS_UNSUCCESSFUL;
     }
-    for (PDEVICE_OBJECT device = FirstKeyboard(); device != nullptr; device = NextKeyboard(device)) {
+    for (PDEVICE_OBJECT device : AllKeyboards()) {
         DeviceContext* pContext = FilterContextOf(device);
         if (HasInterfaceName(pContext, &name)) {
-            *pulDeviceIndex = pContext->ulDeviceIndex;
-            ReleaseDevice(device);
+            *pulDeviceIndex = IndexOf(device);
             return STATUS_SUCCESS;
         }
     }

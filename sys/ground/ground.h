@@ -3,7 +3,8 @@
 // A table of contents; each file's head tells more. Locks and scopes are in lock.h, single fields in shared.h.
 #pragma once
 
-#include "driver/context.h"
+#include "ground/controlcontext.h"
+#include "ground/frame.h"
 #include "ground/shared.h"
 
 // Every IRP_MJ entry of the dispatch table. IRQL <= DISPATCH unless the routine says less. Fails: with the
@@ -20,23 +21,14 @@ inline void InitializeTimer(TimerWithDpc* pTimer, PKDEFERRED_ROUTINE pRoutine, P
 // memory.cpp
 PVOID AllocateZeroed(POOL_TYPE poolType, SIZE_T ulBytes); // POOL_TAG; null when there is none
 
-// The one place that casts a filter device's extension: null unless it is a filter device whose record is complete.
-// IRQL any.
-inline DeviceContext* FilterContextOf(PDEVICE_OBJECT pDevice)
-{
-    DeviceContext* pContext = static_cast<DeviceContext*>(pDevice->DeviceExtension);
-    return pContext != nullptr && ReadShared(pContext->ulDeviceKind) == FILTER_DEVICE_KIND ? pContext
-                                                                                           : nullptr;
-}
-
 // keyboards.cpp: which filter devices there are, and that none goes away while it is used
-ControlContext* ControlContextOf(PDEVICE_OBJECT pDevice); // null unless it is the control device
-bool AcquireDevice(PDEVICE_OBJECT pDevice);               // false: being removed
+bool AcquireDevice(PDEVICE_OBJECT pDevice); // false: being removed
 void ReleaseDevice(PDEVICE_OBJECT pDevice);
 PDEVICE_OBJECT FirstKeyboard();                      // newest first; referenced; null at the end
 PDEVICE_OBJECT NextKeyboard(PDEVICE_OBJECT pDevice); // releases pDevice, references the next
 void InitializeKeyboardList();                       // at entry
-void InitializeReferences(DeviceContext* pContext);  // at add-device
+void InitializeFrame(DeviceContext* pContext, PDEVICE_OBJECT pPhysicalDevice,
+                     ULONG ulDeviceIndex); // at add-device
 void PublishKeyboard(PDEVICE_OBJECT pDevice);
 void RefuseNewReferences(PDEVICE_OBJECT pDevice);
 void WaitForReferences(PDEVICE_OBJECT pDevice);
@@ -45,6 +37,49 @@ void UnlinkKeyboard(PDEVICE_OBJECT pDevice);
 // find.cpp: the device comes referenced; the caller gives it back with ReleaseDevice.
 NTSTATUS FindDeviceByIndex(ULONG ulDeviceIndex, PDEVICE_OBJECT* ppDevice);
 NTSTATUS FindDeviceByInterfaceName(PCWSTR pszName, PULONG pulDeviceIndex);
+
+// A walk over the keyboards, newest first: for (PDEVICE_OBJECT device : AllKeyboards()). The one at hand is referenced,
+// and given back when the walk goes on or ends, however it ends. IRQL <= DISPATCH. Lock: takes KeyboardListLock.
+class AllKeyboards
+{
+public:
+    AllKeyboards() : device(FirstKeyboard()) {}
+    ~AllKeyboards()
+    {
+        if (device != nullptr) {
+            ReleaseDevice(device);
+        }
+    }
+    AllKeyboards(const AllKeyboards&) = delete;
+    AllKeyboards& operator=(const AllKeyboards&) = delete;
+
+    struct End {
+    };
+    class Iterator
+    {
+    public:
+        explicit Iterator(PDEVICE_OBJECT& atHand) : device(atHand) {}
+        PDEVICE_OBJECT operator*() const { return device; }
+        void operator++() { device = NextKeyboard(device); }
+        bool operator!=(End) const { return device != nullptr; }
+
+    private:
+        PDEVICE_OBJECT& device; // the walk's
+    };
+    Iterator begin() { return Iterator(device); }
+    End end() const { return {}; }
+
+    // Ends the walk; the reference on the one at hand is the caller's.
+    PDEVICE_OBJECT Keep()
+    {
+        PDEVICE_OBJECT kept = device;
+        device = nullptr;
+        return kept;
+    }
+
+private:
+    PDEVICE_OBJECT device;
+};
 
 // A reference on a keyboard for as long as this lives. Not held: the status says why.
 class KeyboardReference

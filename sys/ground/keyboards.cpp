@@ -8,25 +8,15 @@
 // changes under a walk. A device that somebody references stays linked, so a walk can go on from it.
 #include "ground/ground.h"
 
-// The one place that casts the control device's extension.
-// IRQL any.
-ControlContext* ControlContextOf(PDEVICE_OBJECT pDevice)
-{
-    ControlContext* pContext = static_cast<ControlContext*>(pDevice->DeviceExtension);
-    return pContext != nullptr && ReadShared(pContext->ulDeviceKind) == CONTROL_DEVICE_KIND ? pContext
-                                                                                            : nullptr;
-}
-
 // From here to ReleaseDevice the device, its record and its lower device stay.
 // IRQL <= DISPATCH. Owns: one reference. Fails: false, the device is being removed or is no keyboard.
 bool AcquireDevice(PDEVICE_OBJECT pDevice)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
-    DeviceContext* pContext = FilterContextOf(pDevice);
-    if (pContext == nullptr || !AddUser(pContext->lReferences)) {
+    if (!IsFilterDevice(pDevice) || !AddUser(FieldsOf<FrameFields>(pDevice).lReferences)) {
         return false;
     }
-    if (ReadShared(pContext->ucRemoving) != 0) {
+    if (ReadShared(FieldsOf<FrameFields>(pDevice).ucRemoving) != 0) {
         ReleaseDevice(pDevice);
         return false;
     }
@@ -38,18 +28,18 @@ bool AcquireDevice(PDEVICE_OBJECT pDevice)
 void ReleaseDevice(PDEVICE_OBJECT pDevice)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
-    DeviceContext* pContext = FilterContextOf(pDevice);
-    if (InterlockedDecrement(&pContext->lReferences) == 0) {
-        KeSetEvent(&pContext->ReferencesGone, IO_NO_INCREMENT, FALSE);
+    FrameFields& frame = FieldsOf<FrameFields>(pDevice);
+    if (InterlockedDecrement(&frame.lReferences) == 0) {
+        KeSetEvent(&frame.ReferencesGone, IO_NO_INCREMENT, FALSE);
     }
 }
 
 // The first of the devices from pDevice on that takes a reference.
 // IRQL = DISPATCH. Owns: one reference on the result.
-static PDEVICE_OBJECT AcquireFrom(PDEVICE_OBJECT pDevice) REQUIRES_LOCK(Globals.KeyboardListLock)
+static PDEVICE_OBJECT AcquireFrom(PDEVICE_OBJECT pDevice) REQUIRES_LOCK(GlobalFrame.KeyboardListLock)
 {
     while (pDevice != nullptr && !AcquireDevice(pDevice)) {
-        pDevice = FilterContextOf(pDevice)->pNextKeyboard;
+        pDevice = FieldsOf<FrameFields>(pDevice).pNextKeyboard;
     }
     return pDevice;
 }
@@ -58,8 +48,8 @@ static PDEVICE_OBJECT AcquireFrom(PDEVICE_OBJECT pDevice) REQUIRES_LOCK(Globals.
 PDEVICE_OBJECT FirstKeyboard()
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
-    LockScope lock(Globals.KeyboardListLock);
-    return AcquireFrom(Globals.pFirstKeyboard);
+    LockScope lock(GlobalFrame.KeyboardListLock);
+    return AcquireFrom(GlobalFrame.pFirstKeyboard);
 }
 
 // The walk's step: the reference moves on to the next device. A walk that stops early releases pDevice.
@@ -69,8 +59,8 @@ PDEVICE_OBJECT NextKeyboard(PDEVICE_OBJECT pDevice)
     IRQL_AT_MOST(DISPATCH_LEVEL);
     PDEVICE_OBJECT pNext;
     {
-        LockScope lock(Globals.KeyboardListLock);
-        pNext = AcquireFrom(FilterContextOf(pDevice)->pNextKeyboard);
+        LockScope lock(GlobalFrame.KeyboardListLock);
+        pNext = AcquireFrom(FieldsOf<FrameFields>(pDevice).pNextKeyboard);
     }
     ReleaseDevice(pDevice);
     return pNext;
@@ -80,16 +70,16 @@ PDEVICE_OBJECT NextKeyboard(PDEVICE_OBJECT pDevice)
 // IRQL = PASSIVE. Lock: takes KeyboardListLock.
 void PublishKeyboard(PDEVICE_OBJECT pDevice)
 {
-    LockScope lock(Globals.KeyboardListLock);
-    FilterContextOf(pDevice)->pNextKeyboard = Globals.pFirstKeyboard;
-    Globals.pFirstKeyboard = pDevice;
+    LockScope lock(GlobalFrame.KeyboardListLock);
+    FieldsOf<FrameFields>(pDevice).pNextKeyboard = GlobalFrame.pFirstKeyboard;
+    GlobalFrame.pFirstKeyboard = pDevice;
 }
 
 // The exchange keeps the order: a user that still got its reference is seen by WaitForReferences.
 // IRQL <= DISPATCH.
 void RefuseNewReferences(PDEVICE_OBJECT pDevice)
 {
-    ExchangeShared(FilterContextOf(pDevice)->ucRemoving, 1);
+    ExchangeShared(FieldsOf<FrameFields>(pDevice).ucRemoving, 1);
 }
 
 // Gives up the reference that the attached device holds on itself and waits for all others.
@@ -98,30 +88,35 @@ void WaitForReferences(PDEVICE_OBJECT pDevice)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
     ReleaseDevice(pDevice);
-    KeWaitForSingleObject(&FilterContextOf(pDevice)->ReferencesGone, Executive, KernelMode, FALSE, nullptr);
+    KeWaitForSingleObject(&FieldsOf<FrameFields>(pDevice).ReferencesGone, Executive, KernelMode, FALSE,
+                          nullptr);
 }
 
 // IRQL = PASSIVE, after WaitForReferences. Lock: takes KeyboardListLock.
 void UnlinkKeyboard(PDEVICE_OBJECT pDevice)
 {
-    LockScope lock(Globals.KeyboardListLock);
-    PDEVICE_OBJECT* ppLink = &Globals.pFirstKeyboard;
+    LockScope lock(GlobalFrame.KeyboardListLock);
+    PDEVICE_OBJECT* ppLink = &GlobalFrame.pFirstKeyboard;
     while (*ppLink != nullptr && *ppLink != pDevice) {
-        ppLink = &FilterContextOf(*ppLink)->pNextKeyboard;
+        ppLink = &FieldsOf<FrameFields>(*ppLink).pNextKeyboard;
     }
     if (*ppLink != nullptr) {
-        *ppLink = FilterContextOf(pDevice)->pNextKeyboard;
+        *ppLink = FieldsOf<FrameFields>(pDevice).pNextKeyboard;
     }
 }
 
 void InitializeKeyboardList()
 {
-    KeInitializeSpinLock(&Globals.KeyboardListLock.Lock);
+    KeInitializeSpinLock(&GlobalFrame.KeyboardListLock.Lock);
 }
 
 // IRQL = PASSIVE, nobody else knows the record yet.
-void InitializeReferences(DeviceContext* pContext)
+void InitializeFrame(DeviceContext* pContext, PDEVICE_OBJECT pPhysicalDevice, ULONG ulDeviceIndex)
 {
-    pContext->lReferences = 1;
-    KeInitializeEvent(&pContext->ReferencesGone, NotificationEvent, FALSE);
+    FrameFields& frame = FieldsOf<FrameFields>(pContext);
+    frame.pPhysicalDevice = pPhysicalDevice;
+    frame.ulDeviceIndex = ulDeviceIndex;
+    KeInitializeSpinLock(&frame.InterfaceLock.Lock);
+    frame.lReferences = 1;
+    KeInitializeEvent(&frame.ReferencesGone, NotificationEvent, FALSE);
 }

@@ -19,11 +19,12 @@ NTSTATUS CompleteRequest(PIRP pIrp, NTSTATUS status, ULONG_PTR ulInformation)
 // IRQL <= DISPATCH. Owns: gives the request up. Fails: nothing below, or as the device below says.
 NTSTATUS ForwardRequest(DeviceContext* pContext, PIRP pIrp)
 {
-    if (pContext->pLowerDevice == nullptr) {
+    FrameFields& frame = FieldsOf<FrameFields>(pContext);
+    if (frame.pLowerDevice == nullptr) {
         return CompleteRequest(pIrp, STATUS_UNSUCCESSFUL, 0);
     }
     IoSkipCurrentIrpStackLocation(pIrp);
-    return IoCallDriver(pContext->pLowerDevice, pIrp);
+    return IoCallDriver(frame.pLowerDevice, pIrp);
 }
 
 static NTSTATUS NTAPI SignalForwarded(PDEVICE_OBJECT, PIRP, PVOID pEvent)
@@ -37,11 +38,12 @@ static NTSTATUS NTAPI SignalForwarded(PDEVICE_OBJECT, PIRP, PVOID pEvent)
 // IRQL = PASSIVE. Owns: the request stays the caller's. Fails: with the lower driver's final status.
 NTSTATUS ForwardAndWait(DeviceContext* pContext, PIRP pIrp)
 {
+    FrameFields& frame = FieldsOf<FrameFields>(pContext);
     KEVENT done;
     KeInitializeEvent(&done, NotificationEvent, FALSE);
     IoCopyCurrentIrpStackLocationToNext(pIrp);
     IoSetCompletionRoutine(pIrp, SignalForwarded, &done, TRUE, TRUE, TRUE);
-    if (IoCallDriver(pContext->pLowerDevice, pIrp) == STATUS_PENDING) {
+    if (IoCallDriver(frame.pLowerDevice, pIrp) == STATUS_PENDING) {
         KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
     }
     return pIrp->IoStatus.Status;
@@ -51,7 +53,7 @@ NTSTATUS ForwardAndWait(DeviceContext* pContext, PIRP pIrp)
 NTSTATUS DispatchPassThrough(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
-    if (ControlContextOf(pDevice) != nullptr) {
+    if (IsControlDevice(pDevice)) {
         return CompleteRequest(pIrp, STATUS_SUCCESS, 0);
     }
     const KeyboardReference keyboard(pDevice);
@@ -72,7 +74,7 @@ NTSTATUS DispatchRead(PDEVICE_OBJECT pDevice, PIRP pIrp)
 NTSTATUS DispatchPower(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
-    if (ControlContextOf(pDevice) != nullptr) {
+    if (IsControlDevice(pDevice)) {
         return CompleteRequest(pIrp, STATUS_SUCCESS, 0);
     }
     PoStartNextPowerIrp(pIrp);
@@ -80,7 +82,7 @@ NTSTATUS DispatchPower(PDEVICE_OBJECT pDevice, PIRP pIrp)
     if (!keyboard.IsHeld()) {
         return CompleteRequest(pIrp, keyboard.Status(), 0);
     }
-    PDEVICE_OBJECT pLower = keyboard.Context()->pLowerDevice;
+    PDEVICE_OBJECT pLower = FieldsOf<FrameFields>(keyboard.Context()).pLowerDevice;
     if (pLower == nullptr) {
         return CompleteRequest(pIrp, STATUS_UNSUCCESSFUL, 0);
     }

@@ -1,6 +1,7 @@
 // buffers.h - keys held back and given, whole reports to insert: what the next reads wait for.
 #pragma once
 
+#include "control/requests.h"
 #include "ground/ground.h"
 
 // keybuffers.cpp: SwallowBuf and InsertBuf. IRQL <= DISPATCH. Lock: takes BufferLock.
@@ -14,10 +15,12 @@ bool GetDataFromInsertBuffer(PDEVICE_OBJECT device, PUCHAR pOut);
 
 // insertscans.cpp: IRQL = PASSIVE; pRequest: wait u32, count u16, scan bytes.
 void InitializeInsertScans(DeviceContext* pContext); // at add-device
+void WakeInsertScans(DeviceContext* pContext);       // at removal: who waits sees it and returns
 NTSTATUS InsertScans(ULONG ulDeviceIndex, PUCHAR pRequest);
 
 // fifo.cpp: IRQL <= DISPATCH; InsertUSBPackets = PASSIVE; pRequest: count u16, unused u16, entries.
-void InitializeFifo(DeviceContext* pContext); // at add-device
+void InitializeFifo(DeviceContext* pContext);       // at add-device
+void WakeInsertUSBPackets(DeviceContext* pContext); // at removal: likewise
 NTSTATUS InsertUSBPacketFifin(PDEVICE_OBJECT device, const FifoEntry* pEntry);
 NTSTATUS GetUSBPacketFifo(ULONG ulDeviceIndex, FifoEntry* pEntry);
 NTSTATUS GetFifoCount(ULONG ulDeviceIndex, PULONG pulCount);

@@ -185,7 +185,7 @@ void FreeKeyDefinitions(PDEVICE_OBJECT device)
 // The application has closed its last handle: what it defined goes, on every keyboard.
 void FreeAllKeyDefinitions()
 {
-    for (PDEVICE_OBJECT device = FirstKeyboard(); device != nullptr; device = NextKeyboard(device)) {
+    for (PDEVICE_OBJECT device : AllKeyboards()) {
         FreeKeyDefinitions(device);
     }
 }

@@ -9,10 +9,13 @@
 
 #include "ground/ring.h"
 #include "ground/sums.h"
+#include "hotkeys/bufferfields.h"
 #include "log/events.h"
 #include "log/log.h"
 #include "macro/parked.h"
+#include "macro/parkedfields.h"
 #include "usb/pending.h"
+#include "usb/pendingfields.h"
 
 namespace
 {
@@ -21,7 +24,7 @@ enum { MAX_REQUEST_ENTRIES = 32 };
 // Starts the pacing when a pace is set and no keyboard's timer runs.
 void StartPacing(PDEVICE_OBJECT device)
 {
-    if (ReadShared(Settings.ulKorvexDelay) != 0 && ReadShared(Globals.ucKorvexTimerRunning) == 0) {
+    if (ReadShared(SettingsOfPace.ulKorvexDelay) != 0 && ReadShared(GlobalPace.ucKorvexTimerRunning) == 0) {
         StartKorvexDelay(device);
     }
 }
@@ -29,10 +32,11 @@ void StartPacing(PDEVICE_OBJECT device)
 // Takes the oldest report and starts the pacing. Fails: empty, *pEntry untouched.
 NTSTATUS TakeOldest(PDEVICE_OBJECT device, DeviceContext* pContext, FifoEntry* pEntry)
 {
+    BufferFields& buffers = FieldsOf<BufferFields>(pContext);
     {
-        LockScope lock(pContext->FifoLock);
-        if (!ReadFromRing(pContext->Fifo, pContext->ulFifoRead, pContext->ulFifoCount, pEntry)) {
-            Trace(FifoEmpty, pContext->ulDeviceIndex);
+        LockScope lock(buffers.FifoLock);
+        if (!ReadFromRing(buffers.Fifo, buffers.ulFifoRead, buffers.ulFifoCount, pEntry)) {
+            Trace(FifoEmpty, IndexOf(pContext));
             return STATUS_UNSUCCESSFUL;
         }
     }
@@ -42,22 +46,25 @@ NTSTATUS TakeOldest(PDEVICE_OBJECT device, DeviceContext* pContext, FifoEntry* p
 
 bool IsFifoEmpty(DeviceContext* pContext)
 {
-    LockScope lock(pContext->FifoLock);
-    return pContext->ulFifoCount == 0;
+    BufferFields& buffers = FieldsOf<BufferFields>(pContext);
+    LockScope lock(buffers.FifoLock);
+    return buffers.ulFifoCount == 0;
 }
 
 // Waits until the queue has run empty, the keyboard goes or the process ends. One set of the event lets one
 // waiter through, which then lets the next one through.
 NTSTATUS WaitForFifo(DeviceContext* pContext)
 {
-    InterlockedIncrement(&pContext->lFifoWaiters);
+    BufferFields& buffers = FieldsOf<BufferFields>(pContext);
+    FrameFields& frame = FieldsOf<FrameFields>(pContext);
+    InterlockedIncrement(&buffers.lFifoWaiters);
     NTSTATUS status = STATUS_SUCCESS;
-    if (!ReadShared(pContext->ucRemoving)) { // else removal set the event before it was reset
-        status = KeWaitForSingleObject(&pContext->FifoEvent, UserRequest, UserMode, FALSE, nullptr);
+    if (!ReadShared(frame.ucRemoving)) { // else removal set the event before it was reset
+        status = KeWaitForSingleObject(&buffers.FifoEvent, UserRequest, UserMode, FALSE, nullptr);
     }
-    if (InterlockedDecrement(&pContext->lFifoWaiters) > 0 &&
-        (ReadShared(pContext->ucRemoving) || IsFifoEmpty(pContext))) {
-        KeSetEvent(&pContext->FifoEvent, IO_NO_INCREMENT, FALSE);
+    if (InterlockedDecrement(&buffers.lFifoWaiters) > 0 &&
+        (ReadShared(frame.ucRemoving) || IsFifoEmpty(pContext))) {
+        KeSetEvent(&buffers.FifoEvent, IO_NO_INCREMENT, FALSE);
     }
     return status == STATUS_SUCCESS ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
 }
@@ -94,10 +101,12 @@ ULONG QueueEntries(PDEVICE_OBJECT device, const UCHAR* pRequest, USHORT usCount)
 NTSTATUS InsertIntoFifo(PDEVICE_OBJECT device, const UCHAR* pRequest, USHORT usCount)
 {
     DeviceContext* pContext = FilterContextOf(device);
-    KeResetEvent(&pContext->FifoEvent);
+    BufferFields& buffers = FieldsOf<BufferFields>(pContext);
+    PendingFields& pending = FieldsOf<PendingFields>(pContext);
+    KeResetEvent(&buffers.FifoEvent);
     ULONG ulFlags = QueueEntries(device, pRequest, usCount);
     if (CancelPendingRead(device)) {
-        WriteShared(pContext->ulIrpCancelledForInsert, 1u);
+        WriteShared(pending.ulIrpCancelledForInsert, 1u);
     }
     return ulFlags == 1 ? WaitForFifo(pContext) : STATUS_SUCCESS;
 }
@@ -107,13 +116,13 @@ NTSTATUS InsertIntoFifo(PDEVICE_OBJECT device, const UCHAR* pRequest, USHORT usC
 // IRQL <= DISPATCH. Lock: takes FifoLock. Owns: copies the entry. Fails: full, or more than 10 bytes.
 NTSTATUS InsertUSBPacketFifin(PDEVICE_OBJECT device, const FifoEntry* pEntry)
 {
-    DeviceContext* pContext = FilterContextOf(device);
+    BufferFields& buffers = FieldsOf<BufferFields>(device);
     if (pEntry->usLength > sizeof(pEntry->ucData)) {
         return STATUS_UNSUCCESSFUL;
     }
-    LockScope lock(pContext->FifoLock);
-    if (!AppendToRing(pContext->Fifo, pContext->ulFifoWrite, pContext->ulFifoCount, *pEntry)) {
-        Trace(FifoFull, pContext->ulDeviceIndex, {pEntry->ucData, pEntry->usLength});
+    LockScope lock(buffers.FifoLock);
+    if (!AppendToRing(buffers.Fifo, buffers.ulFifoWrite, buffers.ulFifoCount, *pEntry)) {
+        Trace(FifoFull, IndexOf(device), {pEntry->ucData, pEntry->usLength});
         return STATUS_UNSUCCESSFUL;
     }
     LogHexDump("(InsertUSBPacketFifin) adding entry:", pEntry->usLength, pEntry->ucData);
@@ -138,9 +147,9 @@ NTSTATUS GetFifoCount(ULONG ulDeviceIndex, PULONG pulCount)
     if (!keyboard.IsHeld()) {
         return keyboard.Status();
     }
-    DeviceContext* pContext = keyboard.Context();
-    LockScope lock(pContext->FifoLock);
-    *pulCount = pContext->ulFifoCount;
+    BufferFields& buffers = FieldsOf<BufferFields>(keyboard.Context());
+    LockScope lock(buffers.FifoLock);
+    *pulCount = buffers.ulFifoCount;
     return STATUS_SUCCESS;
 }
 
@@ -151,6 +160,7 @@ NTSTATUS TakeFifoReport(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, const c
                         const char* pszBufferTitle)
 {
     DeviceContext* pContext = FilterContextOf(device);
+    BufferFields& buffers = FieldsOf<BufferFields>(pContext);
     FifoEntry entry;
     NTSTATUS status = TakeOldest(device, pContext, &entry);
     if (!NT_SUCCESS(status)) {
@@ -161,7 +171,7 @@ NTSTATUS TakeFifoReport(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, const c
     RtlCopyMemory(pBuf, entry.ucData, LowerOf(ulReport, ulLen));
     LogHexDump(pszBufferTitle, ulLen, pBuf);
     if (IsFifoEmpty(pContext)) {
-        KeSetEvent(&pContext->FifoEvent, IO_KEYBOARD_INCREMENT, FALSE);
+        KeSetEvent(&buffers.FifoEvent, IO_KEYBOARD_INCREMENT, FALSE);
     }
     return STATUS_SUCCESS;
 }
@@ -190,6 +200,14 @@ NTSTATUS InsertUSBPackets(ULONG ulDeviceIndex, const UCHAR* pRequest)
 // IRQL = PASSIVE, nobody else knows the record yet.
 void InitializeFifo(DeviceContext* pContext)
 {
-    KeInitializeSpinLock(&pContext->FifoLock.Lock);
-    KeInitializeEvent(&pContext->FifoEvent, SynchronizationEvent, FALSE);
+    BufferFields& buffers = FieldsOf<BufferFields>(pContext);
+    KeInitializeSpinLock(&buffers.FifoLock.Lock);
+    KeInitializeEvent(&buffers.FifoEvent, SynchronizationEvent, FALSE);
+}
+
+// Who waits sees the removal and returns; the next in line is woken by them.
+// IRQL <= DISPATCH, after RefuseNewReferences.
+void WakeInsertUSBPackets(DeviceContext* pContext)
+{
+    KeSetEvent(&FieldsOf<BufferFields>(pContext).FifoEvent, IO_NO_INCREMENT, FALSE);
 }

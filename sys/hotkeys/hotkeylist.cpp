@@ -205,6 +205,7 @@ bool IsEachConversionNamed()
 // At add-device: a keyboard without hotkeys.
 void InitializeHotkeys(DeviceContext* pContext)
 {
+    pContext->ucSendUpEventImmediately = SettingsOfHotkeys.ulSendUpEventImmediately != 0;
     ClassifyKeys(pContext, nullptr);
 }
 
@@ -306,7 +307,7 @@ void TraceHotkeyLists()
     if (!IsTraced(TRACE_VERBOSE)) {
         return;
     }
-    for (PDEVICE_OBJECT device = FirstKeyboard(); device != nullptr; device = NextKeyboard(device)) {
+    for (PDEVICE_OBJECT device : AllKeyboards()) {
         ULONG ulIndex = 0;
         for (const HotkeyEntry& entry : HotkeyWalk(FilterContextOf(device))) {
             Trace(HotkeyListEntry, FilterContextOf(device)->ulDeviceIndex, ulIndex++, entry.ulId,

@@ -1,6 +1,7 @@
 // hotkeys.h - key definitions and hotkey matching.
 #pragma once
 
+#include "driver/context.h"
 #include "ground/ground.h"
 #include "hotkeys/buffers.h"
 #include "hotkeys/pass.h"
@@ -52,3 +53,4 @@ KDEFERRED_ROUTINE TypematicRepeatCallback;
 void StartTypematic(PDEVICE_OBJECT device);    // arms TypematicDelayTimer
 void CancelTypematicOf(PDEVICE_OBJECT device); // this keyboard's two timers
 void CancelTypematicTimers();                  // of every keyboard
+void StopTypematic(PDEVICE_OBJECT device);     // at removal

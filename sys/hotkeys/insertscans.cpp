@@ -7,6 +7,7 @@
 // and the end of the process end a wait.
 #include "hotkeys/buffers.h"
 
+#include "hotkeys/bufferfields.h"
 #include "log/log.h"
 #include "usb/pending.h"
 
@@ -60,29 +61,31 @@ bool EndsSequence(UCHAR ucScan, const ScanState& state)
 // A wait that removal and the end of the calling process end.
 NTSTATUS WaitUnlessRemoved(DeviceContext* pContext, PKEVENT pEvent)
 {
+    FrameFields& frame = FieldsOf<FrameFields>(pContext);
     NTSTATUS status = KeWaitForSingleObject(pEvent, UserRequest, UserMode, FALSE, nullptr);
-    return status == STATUS_SUCCESS && !ReadShared(pContext->ucRemoving) ? STATUS_SUCCESS
-                                                                         : STATUS_UNSUCCESSFUL;
+    return status == STATUS_SUCCESS && !ReadShared(frame.ucRemoving) ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
 }
 
 NTSTATUS InjectModifierReport(PDEVICE_OBJECT device, UCHAR ucModifiers, bool bWait)
 {
     DeviceContext* pContext = FilterContextOf(device);
-    WriteShared(pContext->ucInsertModifiers, ucModifiers);
+    BufferFields& buffers = FieldsOf<BufferFields>(pContext);
+    FrameFields& frame = FieldsOf<FrameFields>(pContext);
+    WriteShared(buffers.ucInsertModifiers, ucModifiers);
     if (bWait) {
-        KeClearEvent(&pContext->InsertModifierEvent);
-        if (ReadShared(pContext->ucRemoving)) {
+        KeClearEvent(&buffers.InsertModifierEvent);
+        if (ReadShared(frame.ucRemoving)) {
             return STATUS_UNSUCCESSFUL; // removal set the event before it was cleared
         }
     }
-    WriteShared(pContext->ucInsertModifierPending, 1);
+    WriteShared(buffers.ucInsertModifierPending, 1);
     (void)CancelPendingRead(device); // none there: the next read brings the report
-    return bWait ? WaitUnlessRemoved(pContext, &pContext->InsertModifierEvent) : STATUS_SUCCESS;
+    return bWait ? WaitUnlessRemoved(pContext, &buffers.InsertModifierEvent) : STATUS_SUCCESS;
 }
 
 NTSTATUS WalkScans(PDEVICE_OBJECT device, const InsertScansRequest& request)
 {
-    DeviceContext* pContext = FilterContextOf(device);
+    BufferFields& buffers = FieldsOf<BufferFields>(device);
     ScanState state = {};
     for (USHORT i = 0; i < request.usCount; i++) {
         UCHAR& ucScan = request.pScans[i];
@@ -98,7 +101,7 @@ NTSTATUS WalkScans(PDEVICE_OBJECT device, const InsertScansRequest& request)
             ucScan &= 0x7F;
             state.bBreak = true;
         }
-        UCHAR ucModifiers = ModifiersAfter(ucScan, state, ReadShared(pContext->ucKbdModifiers));
+        UCHAR ucModifiers = ModifiersAfter(ucScan, state, ReadShared(buffers.ucKbdModifiers));
         if (EndsSequence(ucScan, state)) {
             state = {};
         }
@@ -113,14 +116,14 @@ NTSTATUS WalkScans(PDEVICE_OBJECT device, const InsertScansRequest& request)
 // A waiting request has the keyboard's InsertModifierEvent to itself.
 NTSTATUS WalkScansInTurn(PDEVICE_OBJECT device, const InsertScansRequest& request)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    NTSTATUS status =
-        KeWaitForSingleObject(&pContext->InsertScansTurn, UserRequest, UserMode, FALSE, nullptr);
+    BufferFields& buffers = FieldsOf<BufferFields>(device);
+    FrameFields& frame = FieldsOf<FrameFields>(device);
+    NTSTATUS status = KeWaitForSingleObject(&buffers.InsertScansTurn, UserRequest, UserMode, FALSE, nullptr);
     if (status != STATUS_SUCCESS) {
         return STATUS_UNSUCCESSFUL;
     }
-    status = ReadShared(pContext->ucRemoving) ? STATUS_UNSUCCESSFUL : WalkScans(device, request);
-    KeSetEvent(&pContext->InsertScansTurn, IO_NO_INCREMENT, FALSE);
+    status = ReadShared(frame.ucRemoving) ? STATUS_UNSUCCESSFUL : WalkScans(device, request);
+    KeSetEvent(&buffers.InsertScansTurn, IO_NO_INCREMENT, FALSE);
     return status;
 }
 } // namespace
@@ -140,7 +143,8 @@ NTSTATUS InsertScans(ULONG ulDeviceIndex, PUCHAR pRequest)
     }
     LogHexDump("(InsertScans) pInsertScans ", request.usCount, request.pScans);
     const KeyboardReference keyboard(ulDeviceIndex);
-    if (!keyboard.IsHeld() || ReadShared(keyboard.Context()->KbdType) != NORMALKbdType) {
+    if (!keyboard.IsHeld() ||
+        ReadShared(FieldsOf<FrameFields>(keyboard.Context()).KbdType) != NORMALKbdType) {
         return STATUS_UNSUCCESSFUL;
     }
     return request.ulWait == 1 ? WalkScansInTurn(keyboard.Device(), request)
@@ -150,6 +154,14 @@ NTSTATUS InsertScans(ULONG ulDeviceIndex, PUCHAR pRequest)
 // IRQL = PASSIVE, nobody else knows the record yet.
 void InitializeInsertScans(DeviceContext* pContext)
 {
-    KeInitializeEvent(&pContext->InsertModifierEvent, SynchronizationEvent, FALSE);
-    KeInitializeEvent(&pContext->InsertScansTurn, SynchronizationEvent, TRUE);
+    BufferFields& buffers = FieldsOf<BufferFields>(pContext);
+    KeInitializeEvent(&buffers.InsertModifierEvent, SynchronizationEvent, FALSE);
+    KeInitializeEvent(&buffers.InsertScansTurn, SynchronizationEvent, TRUE);
+}
+
+// Who waits sees the removal and returns; the next in line is woken by them.
+// IRQL <= DISPATCH, after RefuseNewReferences.
+void WakeInsertScans(DeviceContext* pContext)
+{
+    KeSetEvent(&FieldsOf<BufferFields>(pContext).InsertModifierEvent, IO_NO_INCREMENT, FALSE);
 }

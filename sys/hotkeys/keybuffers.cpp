@@ -7,6 +7,7 @@
 // takes the log's leaf lock.
 #include "hotkeys/buffers.h"
 
+#include "hotkeys/bufferfields.h"
 #include "log/events.h"
 #include "log/log.h"
 
@@ -59,74 +60,75 @@ ULONG RemoveKeyFromBuffer(PUCHAR pBuf, ULONG ulLen, ULONG ulIndex)
 // IRQL <= DISPATCH. Lock: takes BufferLock. Fails: buffer full.
 ULONG SwallowScan(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, ULONG ulIndex)
 {
-    DeviceContext* pContext = FilterContextOf(device);
+    BufferFields& buffers = FieldsOf<BufferFields>(device);
     if (ulIndex >= ulLen) {
         return ulLen;
     }
     {
-        LockScope lock(pContext->BufferLock);
-        if (!Push(pContext->SwallowBuf, &pContext->usSwallowCount, pBuf[ulIndex])) {
-            Trace(SwallowBufferFull, pContext->ulDeviceIndex, pBuf[ulIndex]);
+        LockScope lock(buffers.BufferLock);
+        if (!Push(buffers.SwallowBuf, &buffers.usSwallowCount, pBuf[ulIndex])) {
+            Trace(SwallowBufferFull, IndexOf(device), pBuf[ulIndex]);
             return ulLen;
         }
     }
-    Trace(KeyHeldBack, pContext->ulDeviceIndex, pBuf[ulIndex]);
+    Trace(KeyHeldBack, IndexOf(device), pBuf[ulIndex]);
     ULONG ulNewLen = RemoveKeyFromBuffer(pBuf, ulLen, ulIndex);
     if (IsLogOn(LOG_TRAFFIC)) {
-        LockScope lock(pContext->BufferLock);
-        LogHexDump("(SwallowScan) leaving, SwallowBuf: ", pContext->usSwallowCount, pContext->SwallowBuf);
+        LockScope lock(buffers.BufferLock);
+        LogHexDump("(SwallowScan) leaving, SwallowBuf: ", buffers.usSwallowCount, buffers.SwallowBuf);
     }
     return ulNewLen;
 }
 
 bool GetDataFromSwallowBuffer(PDEVICE_OBJECT device, PUCHAR pOut)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    if (ReadShared(pContext->usSwallowCount) == 0) {
+    BufferFields& buffers = FieldsOf<BufferFields>(device);
+    if (ReadShared(buffers.usSwallowCount) == 0) {
         return false;
     }
-    LockScope lock(pContext->BufferLock);
-    return Pop(pContext->SwallowBuf, &pContext->usSwallowCount, pOut);
+    LockScope lock(buffers.BufferLock);
+    return Pop(buffers.SwallowBuf, &buffers.usSwallowCount, pOut);
 }
 
 // The keys of a complete hotkey that shall not reach the system are forgotten.
 void DiscardSwallowBuffer(PDEVICE_OBJECT device)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    if (ReadShared(pContext->usSwallowCount) == 0) {
+    BufferFields& buffers = FieldsOf<BufferFields>(device);
+    if (ReadShared(buffers.usSwallowCount) == 0) {
         return;
     }
-    LockScope lock(pContext->BufferLock);
-    Trace(KeysTaken, pContext->ulDeviceIndex, {pContext->SwallowBuf, pContext->usSwallowCount}, "a hotkey");
-    RtlZeroMemory(pContext->SwallowBuf, pContext->usSwallowCount); // behind them all is 0
-    WriteShared(pContext->usSwallowCount, 0);
+    LockScope lock(buffers.BufferLock);
+    Trace(KeysTaken, IndexOf(device), {buffers.SwallowBuf, buffers.usSwallowCount}, "a hotkey");
+    RtlZeroMemory(buffers.SwallowBuf, buffers.usSwallowCount); // behind them all is 0
+    WriteShared(buffers.usSwallowCount, 0);
 }
 
 bool AddDataToInsertBuffer(PDEVICE_OBJECT device, const UCHAR* pUsage)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    LockScope lock(pContext->BufferLock);
-    if (!Push(pContext->InsertBuf, &pContext->usInsertCount, *pUsage)) {
-        Trace(InsertBufferFull, pContext->ulDeviceIndex, *pUsage);
+    BufferFields& buffers = FieldsOf<BufferFields>(device);
+    LockScope lock(buffers.BufferLock);
+    if (!Push(buffers.InsertBuf, &buffers.usInsertCount, *pUsage)) {
+        Trace(InsertBufferFull, IndexOf(device), *pUsage);
         return false;
     }
-    Trace(KeyGiven, pContext->ulDeviceIndex, *pUsage);
-    LogHexDump("(AddDataToInsertBuffer) leaving. InsertBuf: ", pContext->usInsertCount, pContext->InsertBuf);
+    Trace(KeyGiven, IndexOf(device), *pUsage);
+    LogHexDump("(AddDataToInsertBuffer) leaving. InsertBuf: ", buffers.usInsertCount, buffers.InsertBuf);
     return true;
 }
 
 bool GetDataFromInsertBuffer(PDEVICE_OBJECT device, PUCHAR pOut)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    if (ReadShared(pContext->usInsertCount) == 0) {
+    BufferFields& buffers = FieldsOf<BufferFields>(device);
+    if (ReadShared(buffers.usInsertCount) == 0) {
         return false;
     }
-    LockScope lock(pContext->BufferLock);
-    return Pop(pContext->InsertBuf, &pContext->usInsertCount, pOut);
+    LockScope lock(buffers.BufferLock);
+    return Pop(buffers.InsertBuf, &buffers.usInsertCount, pOut);
 }
 
 // IRQL = PASSIVE, nobody else knows the record yet.
 void InitializeKeyBuffers(DeviceContext* pContext)
 {
-    KeInitializeSpinLock(&pContext->BufferLock.Lock);
+    BufferFields& buffers = FieldsOf<BufferFields>(pContext);
+    KeInitializeSpinLock(&buffers.BufferLock.Lock);
 }

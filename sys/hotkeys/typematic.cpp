@@ -120,7 +120,7 @@ void CancelTypematicTimers()
     if (ReadShared(Globals.lArmedRepeats) == 0) {
         return;
     }
-    for (PDEVICE_OBJECT device = FirstKeyboard(); device != nullptr; device = NextKeyboard(device)) {
+    for (PDEVICE_OBJECT device : AllKeyboards()) {
         CancelTypematicOf(device);
     }
 }
@@ -153,6 +153,16 @@ void TypematicRepeatCallback(PKDPC, PVOID pDevice, PVOID, PVOID)
         }
     }
     SendRepeat(device, pContext);
+}
+
+// No timer is armed and no deferred call queued; one that runs may still be under way.
+// IRQL = PASSIVE. Lock: takes TypematicLock.
+void StopTypematic(PDEVICE_OBJECT device)
+{
+    DeviceContext* pContext = FilterContextOf(device);
+    CancelTypematicOf(device);
+    KeRemoveQueueDpc(&pContext->TypematicDelay.Dpc);
+    KeRemoveQueueDpc(&pContext->TypematicRepeat.Dpc);
 }
 
 // IRQL = PASSIVE, nobody else knows the record yet.

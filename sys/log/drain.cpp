@@ -9,6 +9,7 @@
 // A system thread at PASSIVE_LEVEL.
 #include "ground/ground.h"
 
+#include "log/fields.h"
 #include "log/file.h"
 #include "log/log.h"
 #include "log/text.h"
@@ -20,17 +21,17 @@ static KSTART_ROUTINE DrainThread;
 // IRQL = DISPATCH.
 static void NTAPI LogDpcRoutine(PKDPC, PVOID, PVOID, PVOID)
 {
-    WriteShared(Globals.ucLogDpcPending, 0);
+    WriteShared(GlobalLog.ucLogDpcPending, 0);
     SignalLogEvent();
 }
 
 // IRQL = PASSIVE, once at driver entry.
 void InitializeLog()
 {
-    KeInitializeSpinLock(&Globals.LogLock);
-    KeInitializeDpc(&Globals.LogDpc, LogDpcRoutine, nullptr);
-    KeInitializeEvent(&Globals.LogEvent, SynchronizationEvent, FALSE);
-    KeInitializeEvent(&Globals.LogEnded, NotificationEvent, FALSE);
+    KeInitializeSpinLock(&GlobalLog.LogLock);
+    KeInitializeDpc(&GlobalLog.LogDpc, LogDpcRoutine, nullptr);
+    KeInitializeEvent(&GlobalLog.LogEvent, SynchronizationEvent, FALSE);
+    KeInitializeEvent(&GlobalLog.LogEnded, NotificationEvent, FALSE);
 }
 
 // What is to be written now, and whether text was lost behind it.
@@ -38,8 +39,8 @@ void InitializeLog()
 static ULONG MeasureText(PUCHAR pucCut)
 {
     LogScope scope;
-    *pucCut = Globals.ucLogCut;
-    return Globals.ulLogLength;
+    *pucCut = GlobalLog.ucLogCut;
+    return GlobalLog.ulLogLength;
 }
 
 // Takes the written text off; a mark is settled only by the text that ended at it.
@@ -47,11 +48,11 @@ static ULONG MeasureText(PUCHAR pucCut)
 static void TakeText(ULONG ulLength, UCHAR ucCut)
 {
     LogScope scope;
-    const ULONG ulRest = Globals.ulLogLength - ulLength;
-    RtlMoveMemory(Globals.pLogBuffer, Globals.pLogBuffer + ulLength, ulRest + 1); // with its NUL
-    WriteShared(Globals.ulLogLength, ulRest);
+    const ULONG ulRest = GlobalLog.ulLogLength - ulLength;
+    RtlMoveMemory(GlobalLog.pLogBuffer, GlobalLog.pLogBuffer + ulLength, ulRest + 1); // with its NUL
+    WriteShared(GlobalLog.ulLogLength, ulRest);
     if (ucCut != 0) {
-        WriteShared(Globals.ucLogCut, 0);
+        WriteShared(GlobalLog.ucLogCut, 0);
     }
 }
 
@@ -65,7 +66,7 @@ static NTSTATUS DrainOnce()
         return STATUS_SUCCESS;
     }
     const NTSTATUS status =
-        WriteLogFile(Globals.pLogBuffer, ulLength, ucCut, &Globals.cLogWritten, &ulWritten);
+        WriteLogFile(GlobalLog.pLogBuffer, ulLength, ucCut, &GlobalLog.cLogWritten, &ulWritten);
     TakeText(ulWritten, NT_SUCCESS(status) ? ucCut : 0);
     return status;
 }
@@ -75,12 +76,12 @@ static void NTAPI DrainThread(PVOID)
 {
     bool bStop = false;
     while (!bStop) {
-        KeWaitForSingleObject(&Globals.LogEvent, Executive, KernelMode, FALSE, nullptr);
-        WriteShared(Globals.ucLogEventPending, 0);
-        bStop = ReadShared(Globals.ucLogStop) != 0;
+        KeWaitForSingleObject(&GlobalLog.LogEvent, Executive, KernelMode, FALSE, nullptr);
+        WriteShared(GlobalLog.ucLogEventPending, 0);
+        bStop = ReadShared(GlobalLog.ucLogStop) != 0;
         DrainOnce(); // a failure is tried again at the next signal
     }
-    KeSetEvent(&Globals.LogEnded, IO_NO_INCREMENT, FALSE);
+    KeSetEvent(&GlobalLog.LogEnded, IO_NO_INCREMENT, FALSE);
     PsTerminateSystemThread(STATUS_SUCCESS);
 }
 
@@ -88,20 +89,20 @@ static void NTAPI DrainThread(PVOID)
 // IRQL = PASSIVE, nobody writes any more.
 static void EndDrain()
 {
-    WriteShared(Globals.ucLogStop, 1);
-    KeSetEvent(&Globals.LogEvent, IO_NO_INCREMENT, FALSE);
-    KeWaitForSingleObject(&Globals.LogEnded, Executive, KernelMode, FALSE, nullptr);
-    if (Globals.pLogThread != nullptr) {
-        KeWaitForSingleObject(Globals.pLogThread, Executive, KernelMode, FALSE, nullptr);
-        ObDereferenceObject(Globals.pLogThread);
-        Globals.pLogThread = nullptr;
+    WriteShared(GlobalLog.ucLogStop, 1);
+    KeSetEvent(&GlobalLog.LogEvent, IO_NO_INCREMENT, FALSE);
+    KeWaitForSingleObject(&GlobalLog.LogEnded, Executive, KernelMode, FALSE, nullptr);
+    if (GlobalLog.pLogThread != nullptr) {
+        KeWaitForSingleObject(GlobalLog.pLogThread, Executive, KernelMode, FALSE, nullptr);
+        ObDereferenceObject(GlobalLog.pLogThread);
+        GlobalLog.pLogThread = nullptr;
     }
 }
 
 // IRQL = PASSIVE.
 static void FreeLogBuffer()
 {
-    char* pBuffer = ExchangeShared(Globals.pLogBuffer, static_cast<char*>(nullptr));
+    char* pBuffer = ExchangeShared(GlobalLog.pLogBuffer, static_cast<char*>(nullptr));
     if (pBuffer != nullptr) {
         ExFreePoolWithTag(pBuffer, POOL_TAG);
     }
@@ -119,11 +120,11 @@ static NTSTATUS StartDrain()
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    status = ObReferenceObjectByHandle(hThread, THREAD_ALL_ACCESS, nullptr, KernelMode, &Globals.pLogThread,
+    status = ObReferenceObjectByHandle(hThread, THREAD_ALL_ACCESS, nullptr, KernelMode, &GlobalLog.pLogThread,
                                        nullptr);
     ZwClose(hThread);
     if (!NT_SUCCESS(status)) {
-        Globals.pLogThread = nullptr;
+        GlobalLog.pLogThread = nullptr;
         EndDrain();
     }
     return status;
@@ -135,14 +136,14 @@ static NTSTATUS StartDrain()
 NTSTATUS StartLog()
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
-    if (Settings.LogFileName.Length == 0) {
+    if (SettingsOfLog.LogFileName.Length == 0) {
         return STATUS_SUCCESS;
     }
     char* pBuffer = static_cast<char*>(AllocateZeroed(NonPagedPoolNx, LOG_BUFFER_BYTES));
     if (pBuffer == nullptr) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    WriteShared(Globals.pLogBuffer, pBuffer);
+    WriteShared(GlobalLog.pLogBuffer, pBuffer);
     const NTSTATUS status = StartDrain();
     if (!NT_SUCCESS(status)) {
         FreeLogBuffer();
@@ -154,8 +155,8 @@ NTSTATUS StartLog()
 void StopLog()
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
-    if (Globals.pLogThread != nullptr) {
-        KeRemoveQueueDpc(&Globals.LogDpc);
+    if (GlobalLog.pLogThread != nullptr) {
+        KeRemoveQueueDpc(&GlobalLog.LogDpc);
         KeFlushQueuedDpcs();
         EndDrain();
     }

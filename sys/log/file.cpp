@@ -9,7 +9,7 @@
 // whoever reads it without sharing that right would else keep the log from writing at all.
 #include "log/file.h"
 
-#include "driver/context.h"
+#include "log/fields.h"
 
 enum : ULONG { NAME_CHARS = 140 }; // prefix + 126 characters + ".old"
 
@@ -26,10 +26,10 @@ static void BuildName(PUNICODE_STRING pName, PWCH pBuffer, PCWSTR pszSuffix)
     pName->Buffer = pBuffer;
     pName->Length = 0;
     pName->MaximumLength = NAME_CHARS * sizeof(WCHAR);
-    if (Settings.LogFileName.Buffer[0] != L'\\') {
+    if (SettingsOfLog.LogFileName.Buffer[0] != L'\\') {
         RtlAppendUnicodeToString(pName, L"\\??\\");
     }
-    RtlAppendUnicodeToString(pName, Settings.LogFileName.Buffer);
+    RtlAppendUnicodeToString(pName, SettingsOfLog.LogFileName.Buffer);
     RtlAppendUnicodeToString(pName, pszSuffix);
 }
 
@@ -145,7 +145,8 @@ static ULONG MeasureLines(const char* pText, ULONG ulLength, LONGLONG llRoom)
 // IRQL = PASSIVE. Fails: the file refuses; no file is open then.
 static NTSTATUS AppendLines(LogFile* pFile, const char* pText, ULONG ulLength, PULONG pulWritten)
 {
-    const LONGLONG llLimit = Settings.ulLogFileSize != 0 ? Settings.ulLogFileSize : 0x7FFFFFFFFFFFFFFFLL;
+    const LONGLONG llLimit =
+        SettingsOfLog.ulLogFileSize != 0 ? SettingsOfLog.ulLogFileSize : 0x7FFFFFFFFFFFFFFFLL;
     while (*pulWritten < ulLength) {
         const char* pRest = pText + *pulWritten;
         const LONGLONG llRoom = llLimit - pFile->llSize;

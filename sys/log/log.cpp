@@ -10,8 +10,8 @@
 // buffers lie in frames of their own, so that a caller's frame stays small while the log is off.
 #include "log/log.h"
 
-#include "driver/context.h"
 #include "ground/shared.h"
+#include "log/fields.h"
 #include "log/text.h"
 
 enum : ULONG {
@@ -30,14 +30,14 @@ LogScope::LogScope() : OldIrql(KeGetCurrentIrql())
         KeRaiseIrql(DISPATCH_LEVEL, &OldIrql);
     }
     if (OldIrql <= DISPATCH_LEVEL) {
-        KeAcquireSpinLockAtDpcLevel(&Globals.LogLock);
+        KeAcquireSpinLockAtDpcLevel(&GlobalLog.LogLock);
     }
 }
 
 LogScope::~LogScope()
 {
     if (OldIrql <= DISPATCH_LEVEL) {
-        KeReleaseSpinLockFromDpcLevel(&Globals.LogLock);
+        KeReleaseSpinLockFromDpcLevel(&GlobalLog.LogLock);
     }
     if (OldIrql < DISPATCH_LEVEL) {
         KeLowerIrql(OldIrql);
@@ -48,15 +48,15 @@ LogScope::~LogScope()
 // IRQL any.
 static bool IsLevelKept(UCHAR ucLevel)
 {
-    const WCHAR* pName = Settings.LogFileName.Buffer;
-    return ReadShared(Globals.pLogBuffer) != nullptr && pName != nullptr && pName[0] != UNICODE_NULL &&
-           ucLevel <= (Settings.ulLogLevel & 0xFF);
+    const WCHAR* pName = SettingsOfLog.LogFileName.Buffer;
+    return ReadShared(GlobalLog.pLogBuffer) != nullptr && pName != nullptr && pName[0] != UNICODE_NULL &&
+           ucLevel <= (SettingsOfLog.ulLogLevel & 0xFF);
 }
 
 // IRQL any.
 bool IsLevelOn(UCHAR ucLevel)
 {
-    return IsLevelKept(ucLevel) && (Settings.ulLogLevel != ONLY_LEVEL || ucLevel == ONLY_LEVEL);
+    return IsLevelKept(ucLevel) && (SettingsOfLog.ulLogLevel != ONLY_LEVEL || ucLevel == ONLY_LEVEL);
 }
 
 // With leading zeros. Returns the text's new end.
@@ -83,7 +83,7 @@ static ULONG AppendText(char* pszLog, ULONG ulLength, const char* pszText)
     }
     pszLog[ulLength] = '\0';
     if (*pszText != '\0') {
-        WriteShared(Globals.ucLogCut, 1);
+        WriteShared(GlobalLog.ucLogCut, 1);
     }
     return ulLength;
 }
@@ -119,7 +119,7 @@ static ULONG AppendTime(char* pszLog, ULONG ulLength)
 // IRQL any.
 static bool IsThereRoom()
 {
-    return ReadShared(Globals.ulLogLength) < LOG_FULL - 1 && ReadShared(Globals.ucLogCut) == 0;
+    return ReadShared(GlobalLog.ulLogLength) < LOG_FULL - 1 && ReadShared(GlobalLog.ucLogCut) == 0;
 }
 
 // IRQL any. Lock: takes LogLock. Fails: a full text drops the line; the mark is set.
@@ -127,23 +127,23 @@ static void AppendLine(char* pszLog, UCHAR ucTimestamp, const char* pszText)
 {
     LogScope scope;
     if (!IsThereRoom()) {
-        WriteShared(Globals.ucLogCut, 1);
+        WriteShared(GlobalLog.ucLogCut, 1);
         return;
     }
-    ULONG ulLength = Globals.ulLogLength;
+    ULONG ulLength = GlobalLog.ulLogLength;
     if (ucTimestamp == 1) {
         ulLength = AppendTime(pszLog, ulLength);
     }
     ulLength = AppendText(pszLog, ulLength, pszText);
-    WriteShared(Globals.ulLogLength, AppendText(pszLog, ulLength, "\r\n"));
+    WriteShared(GlobalLog.ulLogLength, AppendText(pszLog, ulLength, "\r\n"));
 }
 
 // Sets the event unless the drain has yet to take the last one: it clears the mark before it looks at the text, so
 // it sees what was appended before the mark was found.
 void SignalLogEvent()
 {
-    if (ReadShared(Globals.ucLogEventPending) == 0 && ExchangeShared(Globals.ucLogEventPending, 1) == 0) {
-        KeSetEvent(&Globals.LogEvent, IO_NO_INCREMENT, FALSE);
+    if (ReadShared(GlobalLog.ucLogEventPending) == 0 && ExchangeShared(GlobalLog.ucLogEventPending, 1) == 0) {
+        KeSetEvent(&GlobalLog.LogEvent, IO_NO_INCREMENT, FALSE);
     }
 }
 
@@ -152,8 +152,8 @@ void SignalLogEvent()
 static void SignalDrain()
 {
     if (KeGetCurrentIrql() > DISPATCH_LEVEL) {
-        WriteShared(Globals.ucLogDpcPending, 1);
-        KeInsertQueueDpc(&Globals.LogDpc, nullptr, nullptr);
+        WriteShared(GlobalLog.ucLogDpcPending, 1);
+        KeInsertQueueDpc(&GlobalLog.LogDpc, nullptr, nullptr);
     } else {
         SignalLogEvent();
     }
@@ -166,7 +166,7 @@ void LogWrite(UCHAR ucLevel, ULONG, UCHAR ucTimestamp, const char* pszText)
     if (!IsLevelKept(ucLevel)) {
         return;
     }
-    AppendLine(ReadShared(Globals.pLogBuffer), ucTimestamp, pszText);
+    AppendLine(ReadShared(GlobalLog.pLogBuffer), ucTimestamp, pszText);
     SignalDrain();
 }
 
@@ -187,9 +187,9 @@ static bool FindRoom()
     if (IsThereRoom()) {
         return true;
     }
-    if (ReadShared(Globals.ucLogCut) == 0) {
+    if (ReadShared(GlobalLog.ucLogCut) == 0) {
         LogScope scope;
-        WriteShared(Globals.ucLogCut, 1);
+        WriteShared(GlobalLog.ucLogCut, 1);
     }
     SignalDrain();
     return false;

@@ -4,7 +4,7 @@
 // ulLogLevel (10: only level 10). Level and buffer are tested before anything is formatted.
 #pragma once
 
-#include "driver/context.h"
+#include "log/fields.h"
 
 #include <kernel.h>
 
@@ -23,7 +23,7 @@ COLD bool IsLevelOn(UCHAR ucLevel);
 // Would a message of this level be kept? Mostly there is no log at all.
 inline bool IsLogOn(UCHAR ucLevel)
 {
-    return LoadAcquire(Globals.pLogBuffer) != nullptr && IsLevelOn(ucLevel);
+    return LoadAcquire(GlobalLog.pLogBuffer) != nullptr && IsLevelOn(ucLevel);
 }
 
 inline void LogHexDump(const char* pszTitle, ULONG ulLen, const void* pBuf)

@@ -10,36 +10,38 @@
 // because a keyboard may take its time to answer.
 #include "macro/macro.h"
 
+#include "control/requests.h"
 #include "log/events.h"
+#include "macro/fields.h"
+#include "usb/ledfields.h"
 #include "usb/submit.h"
 
 // The keyboard's LEDs as flags, with Scroll Lock showing the mode.
-static USHORT FlagsShowingMode(DeviceContext* pContext)
+static USHORT FlagsShowingMode(const LedFields& leds)
 {
-    const USHORT usFlags = LedReportToFlags(ReadShared(pContext->usLedReport));
-    return static_cast<USHORT>(ReadShared(Globals.ucKorvexMode) ? usFlags | LED_FLAG_SCROLL
-                                                                : usFlags & ~LED_FLAG_SCROLL);
+    const USHORT usFlags = LedReportToFlags(ReadShared(leds.usLedReport));
+    return static_cast<USHORT>(ReadShared(GlobalMacro.ucKorvexMode) ? usFlags | LED_FLAG_SCROLL
+                                                                    : usFlags & ~LED_FLAG_SCROLL);
 }
 
 // IRQL = PASSIVE, under LedMutex. Fails: never; the mode stays switched without its LED.
-static void SendMode(PDEVICE_OBJECT device, DeviceContext* pContext) REQUIRES_LOCK(pContext->LedMutex)
+static void SendMode(PDEVICE_OBJECT device) REQUIRES_LOCK(FieldsOf<MacroFields>(device).LedMutex)
 {
-    (void)SendLedReport(device, FlagsShowingMode(pContext));
+    (void)SendLedReport(device, FlagsShowingMode(FieldsOf<LedFields>(device)));
 }
 
 // IRQL = PASSIVE. Lock: takes LedMutex.
 static void SendModeAtOnce(PDEVICE_OBJECT device)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    MutexScope lock(pContext->LedMutex);
-    SendMode(device, pContext);
+    MutexScope lock(FieldsOf<MacroFields>(device).LedMutex);
+    SendMode(device);
 }
 
 // IRQL <= DISPATCH. Owns: the work item holds the keyboard. Fails: no work item; the LEDs stay as they are.
 static void QueueMode(PDEVICE_OBJECT device)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    if (ExchangeShared(pContext->ucLedUpdateQueued, 1) != 0) {
+    MacroFields& macros = FieldsOf<MacroFields>(device);
+    if (ExchangeShared(macros.ucLedUpdateQueued, 1) != 0) {
         return; // the queued one sends this too
     }
     PIO_WORKITEM pItem = IoAllocateWorkItem(device);
@@ -47,22 +49,22 @@ static void QueueMode(PDEVICE_OBJECT device)
         if (pItem != nullptr) {
             IoFreeWorkItem(pItem);
         }
-        WriteShared(pContext->ucLedUpdateQueued, 0);
+        WriteShared(macros.ucLedUpdateQueued, 0);
         return;
     }
-    WriteShared(pContext->pKorvexWorkItem, pItem);
+    WriteShared(macros.pKorvexWorkItem, pItem);
     IoQueueWorkItem(pItem, KorvexLedWorkItem, DelayedWorkQueue, nullptr);
 }
 
 // IRQL <= DISPATCH; PASSIVE when pSend waits.
 static void ForStandardKeyboards(void (*pSend)(PDEVICE_OBJECT device))
 {
-    if (ReadShared(Settings.ucKorvexLEDDisabled) == 1) {
-        Trace(LedNotUsed, ReadShared(Globals.ucKorvexMode));
+    if (ReadShared(SettingsOfMacro.ucKorvexLEDDisabled) == 1) {
+        Trace(LedNotUsed, ReadShared(GlobalMacro.ucKorvexMode));
         return;
     }
-    for (PDEVICE_OBJECT device = FirstKeyboard(); device != nullptr; device = NextKeyboard(device)) {
-        if (ReadShared(FilterContextOf(device)->KbdType) == NORMALKbdType) {
+    for (PDEVICE_OBJECT device : AllKeyboards()) {
+        if (ReadShared(FieldsOf<FrameFields>(device).KbdType) == NORMALKbdType) {
             pSend(device);
         }
     }
@@ -91,12 +93,12 @@ void QueueKorvexLed()
 // IRQL = PASSIVE. Lock: takes LedMutex. Owns: the work item and its reference on the keyboard.
 void NTAPI KorvexLedWorkItem(PDEVICE_OBJECT device, PVOID)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    IoFreeWorkItem(ExchangeShared(pContext->pKorvexWorkItem, static_cast<PIO_WORKITEM>(nullptr)));
+    MacroFields& macros = FieldsOf<MacroFields>(device);
+    IoFreeWorkItem(ExchangeShared(macros.pKorvexWorkItem, static_cast<PIO_WORKITEM>(nullptr)));
     {
-        MutexScope lock(pContext->LedMutex);
-        ExchangeShared(pContext->ucLedUpdateQueued, 0);
-        SendMode(device, pContext);
+        MutexScope lock(FieldsOf<MacroFields>(device).LedMutex);
+        ExchangeShared(macros.ucLedUpdateQueued, 0);
+        SendMode(device);
     }
     ReleaseDevice(device);
 }
@@ -104,5 +106,6 @@ void NTAPI KorvexLedWorkItem(PDEVICE_OBJECT device, PVOID)
 // IRQL = PASSIVE, nobody else knows the record yet.
 void InitializeKorvexLed(DeviceContext* pContext)
 {
-    KeInitializeMutex(&pContext->LedMutex.Object, 0);
+    MacroFields& macros = FieldsOf<MacroFields>(pContext);
+    KeInitializeMutex(&macros.LedMutex.Object, 0);
 }

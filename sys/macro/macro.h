@@ -2,6 +2,7 @@
 #pragma once
 
 #include "ground/ground.h"
+#include "macro/fields.h"
 #include "macro/parked.h"
 
 enum : ULONG { MACRO_POOL_TAG = 0x76726F4B }; // "Korv" in memory order
@@ -22,7 +23,7 @@ static_assert(sizeof(MacroTableRecord) == 4, "the reports lie right behind the h
 
 // The macros of one file, packed from index 0. It does not change once it is published; see table.cpp.
 struct MacroTable {
-    LONG lUsers; // Globals.MacroTableLock: 1 while published, + 1 a walk
+    LONG lUsers; // GlobalMacro.MacroTableLock: 1 while published, + 1 a walk
     MacroTableRecord* Records[MACRO_TABLE_SIZE];
 };
 

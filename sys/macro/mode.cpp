@@ -7,6 +7,8 @@
 
 #include "control/notification.h"
 #include "ground/sums.h"
+#include "hotkeys/fields.h"
+#include "macro/fields.h"
 
 namespace
 {
@@ -25,15 +27,15 @@ void CaptureReport(PUCHAR pBuf, ULONG ulLen)
 // The mode hotkey is in the report: its press flips the mode, and the report goes on without it.
 void PassModeHotkey(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen)
 {
-    if (ExchangeShared(Globals.ucKorvexHotkeyHeld, 1) == 0) {
-        UCHAR ucMode = static_cast<UCHAR>(ReadShared(Globals.ucKorvexMode) ^ 1);
-        WriteShared(Globals.ucKorvexMode, ucMode);
+    if (ExchangeShared(GlobalMacro.ucKorvexHotkeyHeld, 1) == 0) {
+        UCHAR ucMode = static_cast<UCHAR>(ReadShared(GlobalMacro.ucKorvexMode) ^ 1);
+        WriteShared(GlobalMacro.ucKorvexMode, ucMode);
         MacroRecord record = {};
         record.usType = MACRO_RECORD_MODE;
         record.ucMode = ucMode;
         (void)QueueMacroRecord(&record); // the application sees a loss as a gap
         SignalMacroEvent();
-        if (!ReadShared(Settings.ucKorvexLEDDisabled)) {
+        if (!ReadShared(SettingsOfMacro.ucKorvexLEDDisabled)) {
             QueueKorvexLed(); // the mode stays switched without its LED
         }
     }
@@ -45,9 +47,9 @@ void PassModeHotkey(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen)
 // IRQL any.
 bool IsMacroModeReport(ULONG ulKeyDefTypes)
 {
-    return ReadShared(Settings.ulKorvexHotkey) != 0 &&
-           ((ulKeyDefTypes & KEYDEF_MACRO_MODE) || ReadShared(Globals.ucReportCapture) == 1 ||
-            ReadShared(Globals.ucKorvexMode) == 1);
+    return ReadShared(SettingsOfMacro.ulKorvexHotkey) != 0 &&
+           ((ulKeyDefTypes & KEYDEF_MACRO_MODE) || ReadShared(GlobalMacro.ucReportCapture) == 1 ||
+            ReadShared(GlobalMacro.ucKorvexMode) == 1);
 }
 
 // IRQL <= DISPATCH. Owns: rewrites the report. Fails: a full queue drops what the application would be told.
@@ -61,10 +63,10 @@ void PassMacroMode(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, ULONG ulKbdT
         PassModeHotkey(device, pBuf, ulLen);
         return;
     }
-    WriteShared(Globals.ucKorvexHotkeyHeld, 0);
-    if (ReadShared(Globals.ucReportCapture) == 1 && ulKbdType == NORMALKbdType) {
+    WriteShared(GlobalMacro.ucKorvexHotkeyHeld, 0);
+    if (ReadShared(GlobalMacro.ucReportCapture) == 1 && ulKbdType == NORMALKbdType) {
         CaptureReport(pBuf, ulLen);
-    } else if (ReadShared(Globals.ucKorvexMode) == 1) {
+    } else if (ReadShared(GlobalMacro.ucKorvexMode) == 1) {
         CheckForKorvexHotkey(device, pBuf, ulLen);
     }
 }

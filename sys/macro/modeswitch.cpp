@@ -11,6 +11,7 @@
 #include "ground/sums.h"
 #include "log/events.h"
 #include "log/log.h"
+#include "macro/fields.h"
 
 namespace
 {
@@ -27,7 +28,7 @@ struct ModeHotkey {
 // Fails: the feature is off, or there is no report.
 NTSTATUS GetModeHotkey(ULONG ulLen, const UCHAR* pBuf, ModeHotkey* pHotkey)
 {
-    const ULONG ulHotkey = ReadShared(Settings.ulKorvexHotkey);
+    const ULONG ulHotkey = ReadShared(SettingsOfMacro.ulKorvexHotkey);
     if (ulHotkey == 0 || ulLen == 0 || pBuf == nullptr) {
         Trace(ModeHotkeyNotSought, ulHotkey, ulLen);
         return STATUS_UNSUCCESSFUL;

@@ -12,39 +12,40 @@
 
 #include "ground/sums.h"
 #include "log/events.h"
+#include "macro/parkedfields.h"
 
 namespace
 {
-void PublishFirst(DeviceContext* pContext) REQUIRES_LOCK(pContext->ParkLock)
+void PublishFirst(ParkedFields& parked) REQUIRES_LOCK(parked.ParkLock)
 {
-    (void)InterlockedExchangePointer(reinterpret_cast<PVOID*>(&pContext->pFirstParked),
-                                     pContext->ParkedRequests[0]);
+    (void)InterlockedExchangePointer(reinterpret_cast<PVOID*>(&parked.pFirstParked),
+                                     parked.ParkedRequests[0]);
 }
 
-void TraceParkedReads(DeviceContext* pContext) REQUIRES_LOCK(pContext->ParkLock)
+void TraceParkedReads(const ParkedFields& parked, ULONG ulDeviceIndex) REQUIRES_LOCK(parked.ParkLock)
 {
-    for (ULONG i = 0; IsTraced(TRACE_VERBOSE) && i < pContext->ulParkedCount; i++) {
-        Trace(ParkedRead, pContext->ulDeviceIndex, i, pContext->ulParkedCount, pContext->ParkedRequests[i]);
+    for (ULONG i = 0; IsTraced(TRACE_VERBOSE) && i < parked.ulParkedCount; i++) {
+        Trace(ParkedRead, ulDeviceIndex, i, parked.ulParkedCount, parked.ParkedRequests[i]);
     }
 }
 
-void RemoveSlot(DeviceContext* pContext, ULONG ulSlot) REQUIRES_LOCK(pContext->ParkLock)
+void RemoveSlot(ParkedFields& parked, ULONG ulDeviceIndex, ULONG ulSlot) REQUIRES_LOCK(parked.ParkLock)
 {
-    Trace(ReadUnparked, pContext->ulDeviceIndex, pContext->ParkedRequests[ulSlot]);
-    pContext->ulParkedCount--;
-    RtlMoveMemory(&pContext->ParkedRequests[ulSlot], &pContext->ParkedRequests[ulSlot + 1],
-                  (pContext->ulParkedCount - ulSlot) * sizeof(pContext->ParkedRequests[0]));
-    pContext->ParkedRequests[pContext->ulParkedCount] = nullptr;
-    PublishFirst(pContext);
-    TraceParkedReads(pContext);
+    Trace(ReadUnparked, ulDeviceIndex, parked.ParkedRequests[ulSlot]);
+    parked.ulParkedCount--;
+    RtlMoveMemory(&parked.ParkedRequests[ulSlot], &parked.ParkedRequests[ulSlot + 1],
+                  (parked.ulParkedCount - ulSlot) * sizeof(parked.ParkedRequests[0]));
+    parked.ParkedRequests[parked.ulParkedCount] = nullptr;
+    PublishFirst(parked);
+    TraceParkedReads(parked, ulDeviceIndex);
 }
 
-void ArmTimer(DeviceContext* pContext) REQUIRES_LOCK(pContext->ParkLock)
+void ArmTimer(ParkedFields& parked) REQUIRES_LOCK(parked.ParkLock)
 {
-    WriteShared(Globals.ucKorvexTimerRunning, 1);
-    pContext->ucKorvexDelayArmed = 1;
-    KeSetTimer(&pContext->KorvexDelay.Timer, RelativeMs(ReadShared(Settings.ulKorvexDelay)),
-               &pContext->KorvexDelay.Dpc);
+    WriteShared(GlobalPace.ucKorvexTimerRunning, 1);
+    parked.ucKorvexDelayArmed = 1;
+    KeSetTimer(&parked.KorvexDelay.Timer, RelativeMs(ReadShared(SettingsOfPace.ulKorvexDelay)),
+               &parked.KorvexDelay.Dpc);
 }
 
 // The stack above gave a parked read up.
@@ -57,13 +58,13 @@ void NTAPI CancelParkedRead(PDEVICE_OBJECT device, PIRP request)
 }
 
 // The others do not wait for a keyboard that goes.
-void DisarmTimer(DeviceContext* pContext)
+void DisarmTimer(ParkedFields& parked)
 {
-    LockScope lock(pContext->ParkLock);
-    if (pContext->ucKorvexDelayArmed) {
-        pContext->ucKorvexDelayArmed = 0;
-        KeCancelTimer(&pContext->KorvexDelay.Timer);
-        WriteShared(Globals.ucKorvexTimerRunning, 0);
+    LockScope lock(parked.ParkLock);
+    if (parked.ucKorvexDelayArmed) {
+        parked.ucKorvexDelayArmed = 0;
+        KeCancelTimer(&parked.KorvexDelay.Timer);
+        WriteShared(GlobalPace.ucKorvexTimerRunning, 0);
     }
 }
 } // namespace
@@ -73,24 +74,24 @@ void DisarmTimer(DeviceContext* pContext)
 // Fails: 200 parked, the keyboard is being removed; STATUS_CANCELLED: the request was cancelled before.
 NTSTATUS ParkReadRequest(PDEVICE_OBJECT device, PIRP request)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    LockScope lock(pContext->ParkLock);
-    if (pContext->ulParkedCount >= PARKED_REQUEST_SIZE || !AcquireDevice(device)) {
+    ParkedFields& parked = FieldsOf<ParkedFields>(device);
+    LockScope lock(parked.ParkLock);
+    if (parked.ulParkedCount >= PARKED_REQUEST_SIZE || !AcquireDevice(device)) {
         return STATUS_UNSUCCESSFUL;
     }
-    pContext->ParkedRequests[pContext->ulParkedCount++] = request;
-    PublishFirst(pContext);
+    parked.ParkedRequests[parked.ulParkedCount++] = request;
+    PublishFirst(parked);
     IoSetCancelRoutine(request, CancelParkedRead);
     if (ReadShared(request->Cancel) && IoSetCancelRoutine(request, nullptr) != nullptr) {
-        RemoveSlot(pContext, pContext->ulParkedCount - 1);
+        RemoveSlot(parked, IndexOf(device), parked.ulParkedCount - 1);
         ReleaseDevice(device);
         return STATUS_CANCELLED;
     }
-    if (!pContext->ucKorvexDelayArmed) {
-        ArmTimer(pContext);
+    if (!parked.ucKorvexDelayArmed) {
+        ArmTimer(parked);
     }
-    Trace(ReadParked, pContext->ulDeviceIndex, request);
-    TraceParkedReads(pContext);
+    Trace(ReadParked, IndexOf(device), request);
+    TraceParkedReads(parked, IndexOf(device));
     return STATUS_SUCCESS;
 }
 
@@ -98,11 +99,11 @@ NTSTATUS ParkReadRequest(PDEVICE_OBJECT device, PIRP request)
 // IRQL <= DISPATCH. Lock: takes ParkLock. Fails: not found.
 NTSTATUS UnparkReadRequest(PDEVICE_OBJECT device, PIRP request)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    LockScope lock(pContext->ParkLock);
-    for (ULONG i = 0; i < pContext->ulParkedCount; i++) {
-        if (pContext->ParkedRequests[i] == request) {
-            RemoveSlot(pContext, i);
+    ParkedFields& parked = FieldsOf<ParkedFields>(device);
+    LockScope lock(parked.ParkLock);
+    for (ULONG i = 0; i < parked.ulParkedCount; i++) {
+        if (parked.ParkedRequests[i] == request) {
+            RemoveSlot(parked, IndexOf(device), i);
             return STATUS_SUCCESS;
         }
     }
@@ -113,12 +114,12 @@ NTSTATUS UnparkReadRequest(PDEVICE_OBJECT device, PIRP request)
 // IRQL <= DISPATCH. Lock: takes ParkLock. Owns: the caller, who gives it to CompleteParkedRequest. Fails: never.
 NTSTATUS GetFirstParkedRequest(PDEVICE_OBJECT device, PIRP* pRequest)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    LockScope lock(pContext->ParkLock);
+    ParkedFields& parked = FieldsOf<ParkedFields>(device);
+    LockScope lock(parked.ParkLock);
     *pRequest = nullptr;
-    while (*pRequest == nullptr && pContext->ulParkedCount != 0) {
-        PIRP first = pContext->ParkedRequests[0];
-        RemoveSlot(pContext, 0);
+    while (*pRequest == nullptr && parked.ulParkedCount != 0) {
+        PIRP first = parked.ParkedRequests[0];
+        RemoveSlot(parked, IndexOf(device), 0);
         if (IoSetCancelRoutine(first, nullptr) != nullptr) {
             *pRequest = first;
         }
@@ -145,7 +146,7 @@ void CompleteParkedRequest(PDEVICE_OBJECT device, PIRP request, NTSTATUS status)
 void CompleteParkedReads(PDEVICE_OBJECT device)
 {
     PIRP request;
-    DisarmTimer(FilterContextOf(device));
+    DisarmTimer(FieldsOf<ParkedFields>(device));
     for (ULONG i = 0; i < PARKED_REQUEST_SIZE; i++) {
         (void)GetFirstParkedRequest(device, &request);
         if (request == nullptr) {
@@ -158,19 +159,19 @@ void CompleteParkedReads(PDEVICE_OBJECT device)
 // IRQL <= DISPATCH. Lock: takes ParkLock.
 bool IsKorvexDelayArmed(PDEVICE_OBJECT device)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    LockScope lock(pContext->ParkLock);
-    return pContext->ucKorvexDelayArmed != 0;
+    ParkedFields& parked = FieldsOf<ParkedFields>(device);
+    LockScope lock(parked.ParkLock);
+    return parked.ucKorvexDelayArmed != 0;
 }
 
 // The pace begins anew, unless the keyboard is being removed.
 // IRQL <= DISPATCH. Lock: takes ParkLock.
 void StartKorvexDelay(PDEVICE_OBJECT device)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    LockScope lock(pContext->ParkLock);
-    if (!ReadShared(pContext->ucRemoving)) {
-        ArmTimer(pContext);
+    ParkedFields& parked = FieldsOf<ParkedFields>(device);
+    LockScope lock(parked.ParkLock);
+    if (!ReadShared(FieldsOf<FrameFields>(device).ucRemoving)) {
+        ArmTimer(parked);
     }
 }
 
@@ -178,14 +179,24 @@ void StartKorvexDelay(PDEVICE_OBJECT device)
 // IRQL <= DISPATCH. Lock: takes ParkLock.
 void EndKorvexDelay(PDEVICE_OBJECT device)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    LockScope lock(pContext->ParkLock);
-    pContext->ucKorvexDelayArmed = 0;
-    WriteShared(Globals.ucKorvexTimerRunning, 0);
+    ParkedFields& parked = FieldsOf<ParkedFields>(device);
+    LockScope lock(parked.ParkLock);
+    parked.ucKorvexDelayArmed = 0;
+    WriteShared(GlobalPace.ucKorvexTimerRunning, 0);
+}
+
+// The timer is not armed and its deferred call not queued; one that runs may still be under way.
+// IRQL = PASSIVE.
+void StopKorvexDelay(PDEVICE_OBJECT device)
+{
+    TimerWithDpc& delay = FieldsOf<ParkedFields>(device).KorvexDelay;
+    KeCancelTimer(&delay.Timer);
+    KeRemoveQueueDpc(&delay.Dpc);
 }
 
 // IRQL = PASSIVE, nobody else knows the record yet.
 void InitializeParkedReads(DeviceContext* pContext)
 {
-    KeInitializeSpinLock(&pContext->ParkLock.Lock);
+    ParkedFields& parked = FieldsOf<ParkedFields>(pContext);
+    KeInitializeSpinLock(&parked.ParkLock.Lock);
 }

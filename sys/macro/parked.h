@@ -12,4 +12,5 @@ void CompleteParkedRequest(PDEVICE_OBJECT device, PIRP request, NTSTATUS status)
 void CompleteParkedReads(PDEVICE_OBJECT device); // at removal
 void StartKorvexDelay(PDEVICE_OBJECT device);    // arms KorvexDelayTimer
 void EndKorvexDelay(PDEVICE_OBJECT device);      // it has expired
+void StopKorvexDelay(PDEVICE_OBJECT device);     // at removal
 bool IsKorvexDelayArmed(PDEVICE_OBJECT device);

@@ -10,6 +10,7 @@
 #include "hotkeys/buffers.h"
 #include "log/events.h"
 #include "log/log.h"
+#include "macro/parkedfields.h"
 
 namespace
 {
@@ -30,7 +31,7 @@ void PassModifiers(PDEVICE_OBJECT device, PUCHAR pBuf, const MacroTableRecord* p
     if ((pRecord->usKey >> 8) == 0 || (pBuf[0] & ucMask) == 0) {
         return;
     }
-    Trace(ModifierMacro, FilterContextOf(device)->ulDeviceIndex, pRecord->usKey);
+    Trace(ModifierMacro, IndexOf(device), pRecord->usKey);
     pBuf[0] = static_cast<UCHAR>(pBuf[0] & ~ucMask);
     PlayMacro(device, pRecord);
 }
@@ -42,7 +43,7 @@ void PassKey(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, ULONG ulPosition,
     if ((pRecord->usKey >> 8) != 0 || static_cast<UCHAR>(pRecord->usKey) != pBuf[ulPosition]) {
         return;
     }
-    Trace(KeyMacro, FilterContextOf(device)->ulDeviceIndex, pRecord->usKey);
+    Trace(KeyMacro, IndexOf(device), pRecord->usKey);
     (void)RemoveKeyFromBuffer(pBuf, ulLen, ulPosition); // the report keeps its length
     PlayMacro(device, pRecord);
 }
@@ -110,5 +111,6 @@ void NTAPI KorvexDelayCallback(PKDPC, PVOID pDevice, PVOID, PVOID)
 // IRQL = PASSIVE, nobody else knows the record yet.
 void InitializePlayback(PDEVICE_OBJECT device, DeviceContext* pContext)
 {
-    InitializeTimer(&pContext->KorvexDelay, KorvexDelayCallback, device);
+    ParkedFields& parked = FieldsOf<ParkedFields>(pContext);
+    InitializeTimer(&parked.KorvexDelay, KorvexDelayCallback, device);
 }

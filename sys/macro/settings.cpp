@@ -8,8 +8,11 @@
 #include "macro/macro.h"
 
 #include "control/notification.h"
+#include "hotkeys/fields.h"
 #include "log/events.h"
 #include "log/log.h"
+#include "macro/fields.h"
+#include "macro/parkedfields.h"
 
 namespace
 {
@@ -36,8 +39,8 @@ struct RegistryValue {
 NTSTATUS OpenParametersKey(PHANDLE phKey)
 {
     OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, &Globals.ParametersPath, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE,
-                               nullptr, nullptr);
+    InitializeObjectAttributes(&attributes, &GlobalFrame.ParametersPath,
+                               OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
     return ZwOpenKey(phKey, KEY_READ, &attributes);
 }
 
@@ -60,8 +63,8 @@ bool QueryValue(HANDLE hKey, PCWSTR pszName, RegistryValue* pValue)
 void MarkKeyboards(ULONG ulHotkey)
 {
     const bool bExtended = ulHotkey >= FIRST_EXTENDED_HOTKEY;
-    for (PDEVICE_OBJECT device = FirstKeyboard(); device != nullptr; device = NextKeyboard(device)) {
-        const ULONG ulKbdType = ReadShared(FilterContextOf(device)->KbdType);
+    for (PDEVICE_OBJECT device : AllKeyboards()) {
+        const ULONG ulKbdType = ReadShared(FieldsOf<FrameFields>(device).KbdType);
         if (ulHotkey == 0) {
             SetKorvexKeyboard(device, 0);
         } else if (ulKbdType == NORMALKbdType) {
@@ -75,12 +78,12 @@ void MarkKeyboards(ULONG ulHotkey)
 // The macro feature was switched off: so is the mode, and the application and the LED tell.
 void EndMode()
 {
-    WriteShared(Globals.ucKorvexMode, 0);
+    WriteShared(GlobalMacro.ucKorvexMode, 0);
     MacroRecord record = {};
     record.usType = MACRO_RECORD_MODE;
     (void)QueueMacroRecord(&record); // the application sees a loss as a gap
     SignalMacroEvent();
-    if (ReadShared(Settings.ucKorvexLEDDisabled) == 0) {
+    if (ReadShared(SettingsOfMacro.ucKorvexLEDDisabled) == 0) {
         (void)SetKorvexLed(0);
     }
 }
@@ -89,21 +92,22 @@ void TakeHotkey(const RegistryValue& value)
 {
     if (value.IsNumber()) {
         const ULONG ulHotkey = value.Number();
-        WriteShared(Settings.ulKorvexHotkey, ulHotkey);
+        WriteShared(SettingsOfMacro.ulKorvexHotkey, ulHotkey);
         MarkKeyboards(ulHotkey);
         if (ulHotkey == 0) {
             EndMode();
         }
     }
-    Trace(ModeHotkey, ReadShared(Settings.ulKorvexHotkey) >= FIRST_EXTENDED_HOTKEY ? "extended" : "normal",
-          ReadShared(Settings.ulKorvexHotkey));
+    Trace(ModeHotkey,
+          ReadShared(SettingsOfMacro.ulKorvexHotkey) >= FIRST_EXTENDED_HOTKEY ? "extended" : "normal",
+          ReadShared(SettingsOfMacro.ulKorvexHotkey));
 }
 
 // A pace of 0 means as fast as the timer goes; no pace at all is what an absent value stands for.
 void TakeDelay(const RegistryValue& value)
 {
-    const ULONG ulDelayMs = value.IsNumber() ? value.Number() : ReadShared(Settings.ulKorvexDelay);
-    WriteShared(Settings.ulKorvexDelay, ulDelayMs != 0 ? ulDelayMs : 1u);
+    const ULONG ulDelayMs = value.IsNumber() ? value.Number() : ReadShared(SettingsOfPace.ulKorvexDelay);
+    WriteShared(SettingsOfPace.ulKorvexDelay, ulDelayMs != 0 ? ulDelayMs : 1u);
 }
 
 // The path up to its NUL. Returns false for another type, or when there is no NUL.
@@ -158,14 +162,14 @@ NTSTATUS TakeValues(HANDLE hKey)
     }
     TakeHotkey(value);
     if (!QueryValue(hKey, L"KorvexLEDDisabled", &value)) {
-        WriteShared(Settings.ucKorvexLEDDisabled, 0);
+        WriteShared(SettingsOfMacro.ucKorvexLEDDisabled, 0);
         return STATUS_OBJECT_NAME_NOT_FOUND;
     }
     if (value.IsNumber()) {
-        WriteShared(Settings.ucKorvexLEDDisabled, static_cast<UCHAR>(value.Number()));
+        WriteShared(SettingsOfMacro.ucKorvexLEDDisabled, static_cast<UCHAR>(value.Number()));
     }
     if (!QueryValue(hKey, L"KorvexDelay", &value)) {
-        WriteShared(Settings.ulKorvexDelay, 0u);
+        WriteShared(SettingsOfPace.ulKorvexDelay, 0u);
         return STATUS_OBJECT_NAME_NOT_FOUND;
     }
     TakeDelay(value);
@@ -185,7 +189,7 @@ NTSTATUS ReadKorvexParameters(PUNICODE_STRING pRegistryPath)
     IRQL_AT_MOST(PASSIVE_LEVEL);
     HANDLE hKey;
     Trace(MacroSettings, pRegistryPath);
-    MutexScope lock(Globals.MacroSettingsMutex);
+    MutexScope lock(GlobalMacro.MacroSettingsMutex);
     NTSTATUS status = OpenParametersKey(&hKey);
     if (NT_SUCCESS(status)) {
         status = TakeValues(hKey);
@@ -200,8 +204,8 @@ NTSTATUS ReadKorvexParameters(PUNICODE_STRING pRegistryPath)
 NTSTATUS SetKorvexKeyboard(PDEVICE_OBJECT device, UCHAR ucOn)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
-    Trace(TakesPart, FilterContextOf(device)->ulDeviceIndex, ucOn == 1);
-    auto plTypes = reinterpret_cast<LONG volatile*>(&FilterContextOf(device)->ulKeyDefTypes);
+    Trace(TakesPart, IndexOf(device), ucOn == 1);
+    auto plTypes = reinterpret_cast<LONG volatile*>(&FieldsOf<HotkeyFields>(device).ulKeyDefTypes);
     if (ucOn == 1) {
         InterlockedOr(plTypes, static_cast<LONG>(KEYDEF_MACRO_MODE));
     } else {
@@ -213,7 +217,7 @@ NTSTATUS SetKorvexKeyboard(PDEVICE_OBJECT device, UCHAR ucOn)
 // At driver entry, on zeroed state. IRQL = PASSIVE.
 void InitializeMacros()
 {
-    KeInitializeSpinLock(&Globals.CaptureLock.Lock);
-    KeInitializeSpinLock(&Globals.MacroTableLock.Lock);
-    KeInitializeMutex(&Globals.MacroSettingsMutex.Object, 0);
+    KeInitializeSpinLock(&GlobalMacro.CaptureLock.Lock);
+    KeInitializeSpinLock(&GlobalMacro.MacroTableLock.Lock);
+    KeInitializeMutex(&GlobalMacro.MacroSettingsMutex.Object, 0);
 }

@@ -1,26 +1,28 @@
 // table.cpp - the macros that are in force.
 //
-//   file ── built aside ──► PublishMacroTable ──► Globals.pMacroTable (1 user)
+//   file ── built aside ──► PublishMacroTable ──► GlobalMacro.pMacroTable (1 user)
 //                                                   ▲ walks of the report road (+ 1 each)
 //
 // A table never changes once it is published. The next one takes its place at once; who gives the old one
 // back last frees it, so a walk reads the macros it began with to its end.
 #include "macro/macro.h"
 
+#include "macro/fields.h"
+
 // The macros in force, which stay until they are given back.
 // IRQL <= DISPATCH. Lock: takes MacroTableLock. Owns: one use of the table, if there is one.
 MacroTable* AcquireMacroTable()
 {
-    LockScope lock(Globals.MacroTableLock);
-    if (Globals.pMacroTable != nullptr) {
-        Globals.pMacroTable->lUsers++;
+    LockScope lock(GlobalMacro.MacroTableLock);
+    if (GlobalMacro.pMacroTable != nullptr) {
+        GlobalMacro.pMacroTable->lUsers++;
     }
-    return Globals.pMacroTable;
+    return GlobalMacro.pMacroTable;
 }
 
 static bool DropUse(MacroTable* pTable)
 {
-    LockScope lock(Globals.MacroTableLock);
+    LockScope lock(GlobalMacro.MacroTableLock);
     return --pTable->lUsers == 0;
 }
 
@@ -41,9 +43,9 @@ void ReleaseMacroTable(MacroTable* pTable)
 
 static MacroTable* ExchangeTable(MacroTable* pTable)
 {
-    LockScope lock(Globals.MacroTableLock);
-    MacroTable* pOld = Globals.pMacroTable;
-    Globals.pMacroTable = pTable;
+    LockScope lock(GlobalMacro.MacroTableLock);
+    MacroTable* pOld = GlobalMacro.pMacroTable;
+    GlobalMacro.pMacroTable = pTable;
     return pOld;
 }
 

@@ -147,3 +147,9 @@ NTSTATUS DiagUSBPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
     }
     return DiagMeaningfulPacket(device, ulLen, pBuf);
 }
+
+// IRQL = PASSIVE, nobody else knows the record yet.
+void InitializeReports(DeviceContext* pContext)
+{
+    FieldsOf<ReportFields>(pContext).ucRunDiagNormalPacket02 = SettingsOfReports.ulRunDiagNormalPacket02 != 0;
+}

@@ -3,6 +3,7 @@
 // Everything here runs on the report road: IRQL <= DISPATCH, no allocation, the report rewritten in place.
 #pragma once
 
+#include "driver/context.h"
 #include "ground/ground.h"
 #include "hotkeys/modifiers.h"
 #include "hotkeys/pass.h"
@@ -13,6 +14,7 @@
 using ReportHandler = NTSTATUS(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf);
 
 // packet.cpp: what kind of report is it
+void InitializeReports(DeviceContext* pContext); // at add-device
 ReportHandler DiagUSBPacket;
 bool IsAllRollover(ULONG ulLen, const UCHAR* pBuf);
 

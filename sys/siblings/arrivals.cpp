@@ -12,24 +12,26 @@
 // work routines run in system worker threads and may be late: a link whose interfaces went meanwhile is left alone.
 #include "siblings/siblings.h"
 
+#include "siblings/fields.h"
+
 struct Sibling {
     PCWSTR pszDevice;
     SiblingLink ControlContext::*pLink;
-    UCHAR DriverGlobals::*pucArrivals;
+    UCHAR SiblingGlobals::*pucArrivals;
 };
 
 static const Sibling Ps2Keyboard = {L"\\Device\\TvPS2_COMM", &ControlContext::Ps2Keyboard,
-                                    &DriverGlobals::ucPs2KeyboardArrivals};
+                                    &SiblingGlobals::ucPs2KeyboardArrivals};
 static const Sibling Ps2Mouse = {L"\\Device\\TvPS2M_COMM", &ControlContext::Ps2Mouse,
-                                 &DriverGlobals::ucPs2MouseArrivals};
+                                 &SiblingGlobals::ucPs2MouseArrivals};
 static const Sibling UsbMouse = {L"\\Device\\TvUSBM_COMM", &ControlContext::UsbMouse,
-                                 &DriverGlobals::ucUsbMouseArrivals};
+                                 &SiblingGlobals::ucUsbMouseArrivals};
 
 // IRQL = PASSIVE. Lock: takes SiblingLock.
 static ULONG BeginGeneration()
 {
-    LockScope lock(Globals.SiblingLock);
-    return ++Globals.ulArrivalGeneration;
+    LockScope lock(GlobalSiblings.SiblingLock);
+    return ++GlobalSiblings.ulArrivalGeneration;
 }
 
 // The context for the registrations that are made now.
@@ -67,7 +69,7 @@ ULONG ClassifyPnpEvent(const GUID* pEvent)
 // IRQL = PASSIVE. Lock: takes SiblingLock.
 static ULONG RemovalsOf(const SiblingLink* pLink)
 {
-    LockScope lock(Globals.SiblingLock);
+    LockScope lock(GlobalSiblings.SiblingLock);
     return pLink->ulRemovals;
 }
 
@@ -75,8 +77,8 @@ static ULONG RemovalsOf(const SiblingLink* pLink)
 // IRQL = PASSIVE. Lock: takes SiblingLock.
 static void MarkConnected(const Sibling* pSibling, SiblingLink* pLink, ULONG ulRemovals)
 {
-    LockScope lock(Globals.SiblingLock);
-    if (Globals.*pSibling->pucArrivals != 0 && pLink->ulRemovals == ulRemovals) {
+    LockScope lock(GlobalSiblings.SiblingLock);
+    if (GlobalSiblings.*pSibling->pucArrivals != 0 && pLink->ulRemovals == ulRemovals) {
         WriteShared(pLink->ucConnected, 1);
     }
 }
@@ -121,12 +123,12 @@ static void CountArrival(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling,
 {
     UCHAR ucBefore;
     {
-        LockScope lock(Globals.SiblingLock);
-        if (ulGeneration != Globals.ulArrivalGeneration) {
+        LockScope lock(GlobalSiblings.SiblingLock);
+        if (ulGeneration != GlobalSiblings.ulArrivalGeneration) {
             return;
         }
-        ucBefore = Globals.*pSibling->pucArrivals;
-        WriteShared(Globals.*pSibling->pucArrivals, ucBefore + 1);
+        ucBefore = GlobalSiblings.*pSibling->pucArrivals;
+        WriteShared(GlobalSiblings.*pSibling->pucArrivals, ucBefore + 1);
     }
     if (ucBefore == 0 && pControlDevice != nullptr) {
         QueueOpen(pControlDevice, pSibling);
@@ -136,12 +138,12 @@ static void CountArrival(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling,
 // IRQL = PASSIVE. Lock: takes SiblingLock.
 static void CountRemoval(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling, ULONG ulGeneration)
 {
-    LockScope lock(Globals.SiblingLock);
-    if (ulGeneration != Globals.ulArrivalGeneration) {
+    LockScope lock(GlobalSiblings.SiblingLock);
+    if (ulGeneration != GlobalSiblings.ulArrivalGeneration) {
         return;
     }
-    const UCHAR ucBefore = Globals.*pSibling->pucArrivals;
-    WriteShared(Globals.*pSibling->pucArrivals, ucBefore - 1);
+    const UCHAR ucBefore = GlobalSiblings.*pSibling->pucArrivals;
+    WriteShared(GlobalSiblings.*pSibling->pucArrivals, ucBefore - 1);
     if (ucBefore == 1 && pControlDevice != nullptr) {
         SiblingLink* pLink = &(ControlContextOf(pControlDevice)->*pSibling->pLink);
         WriteShared(pLink->ucConnected, 0);
@@ -192,6 +194,6 @@ NTSTATUS NTAPI UsbMouseArrival(PVOID pNotification, PVOID pContext)
 // At driver entry, on zeroed state. IRQL = PASSIVE.
 void InitializeSiblings()
 {
-    KeInitializeSpinLock(&Globals.SiblingLock.Lock);
-    KeInitializeEvent(&Globals.SiblingRequestsEnd, NotificationEvent, FALSE);
+    KeInitializeSpinLock(&GlobalSiblings.SiblingLock.Lock);
+    KeInitializeEvent(&GlobalSiblings.SiblingRequestsEnd, NotificationEvent, FALSE);
 }

@@ -8,6 +8,8 @@
 // item also holds the device object, so the driver stays until its routine has returned.
 #include "siblings/siblings.h"
 
+#include "siblings/fields.h"
+
 // A word on its way.
 struct QueuedModifiers {
     PIO_WORKITEM pWorkItem;
@@ -24,7 +26,8 @@ static bool IsMouseConnected(const ControlContext* pControl)
 bool IsMouseSiblingConnected()
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
-    if (ReadShared(Globals.ucPs2MouseArrivals) == 0 && ReadShared(Globals.ucUsbMouseArrivals) == 0) {
+    if (ReadShared(GlobalSiblings.ucPs2MouseArrivals) == 0 &&
+        ReadShared(GlobalSiblings.ucUsbMouseArrivals) == 0) {
         return false;
     }
     PDEVICE_OBJECT pControlDevice = ReferenceControlDevice();
@@ -141,8 +144,8 @@ NTSTATUS NotifyMouseModifiers(const ULONG* pulModifiers)
 void EndNotifications(ControlContext* pControl)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
-    KeSetEvent(&Globals.SiblingRequestsEnd, IO_NO_INCREMENT, FALSE);
+    KeSetEvent(&GlobalSiblings.SiblingRequestsEnd, IO_NO_INCREMENT, FALSE);
     LeaveNotifications(pControl);
     KeWaitForSingleObject(&pControl->NotificationsGone, Executive, KernelMode, FALSE, nullptr);
-    KeClearEvent(&Globals.SiblingRequestsEnd);
+    KeClearEvent(&GlobalSiblings.SiblingRequestsEnd);
 }

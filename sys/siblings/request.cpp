@@ -8,6 +8,8 @@
 // Runs at PASSIVE_LEVEL in whatever thread calls.
 #include "siblings/siblings.h"
 
+#include "siblings/fields.h"
+
 // No access rights are asked for.
 // IRQL = PASSIVE. Owns: a reference on the file object, the caller's. Fails: no such name, it does not open.
 NTSTATUS OpenNamedDevice(PCWSTR pszName, PFILE_OBJECT* ppFile, PDEVICE_OBJECT* ppDevice)
@@ -28,7 +30,7 @@ static NTSTATUS NTAPI KeepCompleted(PDEVICE_OBJECT, PIRP, PVOID pDone)
 // IRQL = PASSIVE.
 static void WaitForAnswer(PIRP pIrp, PKEVENT pDone)
 {
-    PVOID pEnds[] = {pDone, &Globals.SiblingRequestsEnd};
+    PVOID pEnds[] = {pDone, &GlobalSiblings.SiblingRequestsEnd};
     if (KeWaitForMultipleObjects(ARRAYSIZE(pEnds), pEnds, WaitAny, Executive, KernelMode, FALSE, nullptr,
                                  nullptr) != STATUS_WAIT_0) {
         IoCancelIrp(pIrp);

@@ -7,6 +7,7 @@
 #include "siblings/siblings.h"
 
 #include "report/keytable.h"
+#include "siblings/fields.h"
 
 enum : USHORT {
     SET_RATE_LEAST = 2,
@@ -82,9 +83,9 @@ NTSTATUS QueryKeyboardTypematic(ULONG ulDeviceIndex, PUSHORT pusRate, PUSHORT pu
     }
     *pusRate = record.Rate;
     *pusDelayMs = record.Delay;
-    WriteShared(Globals.usTypematicRate,
+    WriteShared(GlobalSiblings.usTypematicRate,
                 record.Rate < TYPEMATIC_PERIODS ? record.Rate : TYPEMATIC_PERIODS - 1);
-    WriteShared(Globals.usTypematicDelay, DelayIndex(record.Delay));
+    WriteShared(GlobalSiblings.usTypematicDelay, DelayIndex(record.Delay));
     return STATUS_SUCCESS;
 }
 
@@ -112,8 +113,8 @@ NTSTATUS SetKeyboardTypematic(ULONG ulDeviceIndex, USHORT usRate, USHORT usDelay
     status = AskClassDevices({IRP_MJ_DEVICE_CONTROL, IOCTL_KEYBOARD_SET_TYPEMATIC, sizeof(record), 0, {}},
                              &record);
     if (NT_SUCCESS(status)) {
-        WriteShared(Globals.usTypematicRate, usRate);
-        WriteShared(Globals.usTypematicDelay, usDelayIndex);
+        WriteShared(GlobalSiblings.usTypematicRate, usRate);
+        WriteShared(GlobalSiblings.usTypematicDelay, usDelayIndex);
     }
     return status;
 }

@@ -12,17 +12,22 @@
 #include "usb/usb.h"
 
 #include "ground/sums.h"
+#include "hotkeys/bufferfields.h"
 #include "hotkeys/buffers.h"
+#include "hotkeys/fields.h"
 #include "log/events.h"
 #include "log/log.h"
 #include "macro/parked.h"
+#include "macro/parkedfields.h"
 #include "report/keys.h"
+#include "usb/pendingfields.h"
+#include "usb/roadfields.h"
 
 namespace
 {
 UCHAR Answered(DeviceContext* pContext, const Transfer& read, const char* pszWith)
 {
-    Trace(ReadAnswered, pContext->ulDeviceIndex, pszWith, {read.pBuf, read.ulLen});
+    Trace(ReadAnswered, IndexOf(pContext), pszWith, {read.pBuf, read.ulLen});
     read.pUrb->UrbHeader.Status = USBD_STATUS_SUCCESS; // the length stays what the stack asked for
     return URB_ANSWERED;
 }
@@ -67,20 +72,23 @@ void PlaceSingleByte(const Transfer& read, ULONG ulPosition, UCHAR ucValue)
 
 bool PlaceModifierReport(DeviceContext* pContext, const Transfer& read)
 {
-    if (ReadShared(pContext->ucInsertModifierPending) == 0 ||
-        ExchangeShared(pContext->ucInsertModifierPending, 0) == 0) {
+    BufferFields& buffers = FieldsOf<BufferFields>(pContext);
+    if (ReadShared(buffers.ucInsertModifierPending) == 0 ||
+        ExchangeShared(buffers.ucInsertModifierPending, 0) == 0) {
         return false;
     }
-    PlaceSingleByte(read, 0, ReadShared(pContext->ucKbdModifiers) | ReadShared(pContext->ucInsertModifiers));
+    PlaceSingleByte(read, 0, ReadShared(buffers.ucKbdModifiers) | ReadShared(buffers.ucInsertModifiers));
     LogHexDump("(ShowURBInfo) insert modifier packet", LowerOf(read.ulLen, 8), read.pBuf);
-    KeSetEvent(&pContext->InsertModifierEvent, IO_KEYBOARD_INCREMENT, FALSE);
+    KeSetEvent(&buffers.InsertModifierEvent, IO_KEYBOARD_INCREMENT, FALSE);
     return true;
 }
 
 bool PlaceDiscardedReport(DeviceContext* pContext, const Transfer& read)
 {
+    PendingFields& pending = FieldsOf<PendingFields>(pContext);
+    HotkeyFields& hotkeys = FieldsOf<HotkeyFields>(pContext);
     DiscardEntry entry;
-    if (ReadShared(pContext->ulDiscardCount) == 0 || (ReadShared(pContext->ulKeyDefTypes) & KEYDEF_DISCARD) ||
+    if (ReadShared(pending.ulDiscardCount) == 0 || (ReadShared(hotkeys.ulKeyDefTypes) & KEYDEF_DISCARD) ||
         !NT_SUCCESS(TakeDiscardedPacket(pContext, &entry))) {
         return false;
     }
@@ -91,7 +99,8 @@ bool PlaceDiscardedReport(DeviceContext* pContext, const Transfer& read)
 
 bool PlaceEmptyReport(DeviceContext* pContext, const Transfer& read)
 {
-    if (ReadShared(pContext->ucSendEmptyPacket) == 0 || ExchangeShared(pContext->ucSendEmptyPacket, 0) == 0) {
+    RoadFields& road = FieldsOf<RoadFields>(pContext);
+    if (ReadShared(road.ucSendEmptyPacket) == 0 || ExchangeShared(road.ucSendEmptyPacket, 0) == 0) {
         return false;
     }
     ULONG ulFrom = FirstKeyPosition(read.ulLen);
@@ -103,8 +112,9 @@ bool PlaceEmptyReport(DeviceContext* pContext, const Transfer& read)
 // read release them.
 bool PlaceInsertedKeys(PDEVICE_OBJECT device, const Transfer& read)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    if (ReadShared(pContext->usInsertCount) == 0) {
+    BufferFields& buffers = FieldsOf<BufferFields>(device);
+    RoadFields& road = FieldsOf<RoadFields>(device);
+    if (ReadShared(buffers.usInsertCount) == 0) {
         return false;
     }
     ULONG ulFrom = FirstKeyPosition(read.ulLen);
@@ -117,40 +127,42 @@ bool PlaceInsertedKeys(PDEVICE_OBJECT device, const Transfer& read)
     }
     RtlZeroMemory(read.pBuf + i, read.ulLen - i); // the stack's buffer may hold an older report
     LogHexDump("(ShowUSBInfo) completing irp with packet: ", read.ulLen, read.pBuf);
-    if (ReadShared(pContext->usInsertCount) == 0) {
-        WriteShared(pContext->ucSendEmptyPacket, 1);
+    if (ReadShared(buffers.usInsertCount) == 0) {
+        WriteShared(road.ucSendEmptyPacket, 1);
     }
     return true;
 }
 
 PIRP NextAnsweredRead(DeviceContext* pContext)
 {
-    LockScope lock(pContext->AnswerLock);
-    PIRP Irp = pContext->pFirstAnswered;
+    RoadFields& road = FieldsOf<RoadFields>(pContext);
+    LockScope lock(road.AnswerLock);
+    PIRP Irp = road.pFirstAnswered;
     if (Irp == nullptr) {
-        pContext->ucAnswering = 0;
+        road.ucAnswering = 0;
         return nullptr;
     }
-    pContext->pFirstAnswered = reinterpret_cast<PIRP>(Irp->Tail.Overlay.ListEntry.Flink);
+    road.pFirstAnswered = reinterpret_cast<PIRP>(Irp->Tail.Overlay.ListEntry.Flink);
     return Irp;
 }
 
 // Returns true when another one is completing and takes this read over.
 bool LeaveAnsweredRead(DeviceContext* pContext, PIRP Irp)
 {
-    LockScope lock(pContext->AnswerLock);
-    if (!pContext->ucAnswering) {
-        pContext->ucAnswering = 1;
+    RoadFields& road = FieldsOf<RoadFields>(pContext);
+    LockScope lock(road.AnswerLock);
+    if (!road.ucAnswering) {
+        road.ucAnswering = 1;
         return false;
     }
     IoMarkIrpPending(Irp);
     Irp->Tail.Overlay.ListEntry.Flink = nullptr;
-    if (pContext->pFirstAnswered == nullptr) {
-        pContext->pFirstAnswered = Irp;
+    if (road.pFirstAnswered == nullptr) {
+        road.pFirstAnswered = Irp;
     } else {
-        pContext->pLastAnswered->Tail.Overlay.ListEntry.Flink = reinterpret_cast<PLIST_ENTRY>(Irp);
+        road.pLastAnswered->Tail.Overlay.ListEntry.Flink = reinterpret_cast<PLIST_ENTRY>(Irp);
     }
-    pContext->pLastAnswered = Irp;
+    road.pLastAnswered = Irp;
     return true;
 }
 } // namespace
@@ -160,15 +172,17 @@ bool LeaveAnsweredRead(DeviceContext* pContext, PIRP Irp)
 UCHAR AnswerRead(PDEVICE_OBJECT device, PIRP Irp, const Transfer& read)
 {
     DeviceContext* pContext = FilterContextOf(device);
-    if (ReadShared(pContext->ulFifoCount) > 0) {
-        if (ReadShared(Globals.ucKorvexTimerRunning) == 1) {
+    BufferFields& buffers = FieldsOf<BufferFields>(pContext);
+    FrameFields& frame = FieldsOf<FrameFields>(pContext);
+    if (ReadShared(buffers.ulFifoCount) > 0) {
+        if (ReadShared(GlobalPace.ucKorvexTimerRunning) == 1) {
             return ParkRead(device, Irp, read);
         }
         if (NT_SUCCESS(PlaceFifoReport(device, read))) {
             return Answered(pContext, read, "a whole report");
         }
     }
-    if (ReadShared(pContext->KbdType) == NORMALKbdType) {
+    if (ReadShared(frame.KbdType) == NORMALKbdType) {
         if (PlaceModifierReport(pContext, read)) {
             return Answered(pContext, read, "modifiers of the application");
         }
@@ -206,5 +220,6 @@ NTSTATUS CompleteAnsweredRead(PDEVICE_OBJECT device, PIRP Irp)
 // IRQL = PASSIVE, nobody else knows the record yet.
 void InitializeAnswers(DeviceContext* pContext)
 {
-    KeInitializeSpinLock(&pContext->AnswerLock.Lock);
+    RoadFields& road = FieldsOf<RoadFields>(pContext);
+    KeInitializeSpinLock(&road.AnswerLock.Lock);
 }

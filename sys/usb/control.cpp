@@ -4,8 +4,10 @@
 // the macro feature on it lets the Scroll Lock LED show the macro mode.
 #include "usb/usb.h"
 
-#include "log/log.h"
 #include "log/events.h"
+#include "log/log.h"
+#include "macro/fields.h"
+#include "usb/ledfields.h"
 
 namespace
 {
@@ -44,9 +46,9 @@ bool IsLedPacket(const Transfer& transfer)
 // An LED output report has reached the keyboard.
 void RememberLeds(PDEVICE_OBJECT device, UCHAR ucReport)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    WriteShared(pContext->usLedReport, ucReport);
-    WriteShared(pContext->usLedFlags, LedReportToFlags(ucReport));
+    LedFields& leds = FieldsOf<LedFields>(device);
+    WriteShared(leds.usLedReport, ucReport);
+    WriteShared(leds.usLedFlags, LedReportToFlags(ucReport));
 }
 } // namespace
 
@@ -71,7 +73,7 @@ void InspectControlTransfer(PDEVICE_OBJECT device, const Transfer& transfer, UCH
 {
     const auto& control = transfer.pUrb->UrbControlTransfer;
     const UCHAR* pSetup = control.SetupPacket;
-    WriteShared(FilterContextOf(device)->ulControlPipe,
+    WriteShared(FieldsOf<LedFields>(device).ulControlPipe,
                 static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(control.PipeHandle)));
     DiagSetupPacket(pSetup);
     USHORT usValue = static_cast<USHORT>(pSetup[2] | pSetup[3] << 8);
@@ -93,8 +95,8 @@ void InspectControlTransfer(PDEVICE_OBJECT device, const Transfer& transfer, UCH
 void InspectDescriptorRequest(PDEVICE_OBJECT device, const Transfer& transfer, UCHAR ucCompletion)
 {
     const auto& request = transfer.pUrb->UrbControlDescriptorRequest;
-    Trace(DescriptorRequest, FilterContextOf(device)->ulDeviceIndex, ucCompletion,
-          DescriptorTypeName(request.DescriptorType), request.Index);
+    Trace(DescriptorRequest, IndexOf(device), ucCompletion, DescriptorTypeName(request.DescriptorType),
+          request.Index);
     if (ucCompletion && transfer.pBuf != nullptr) {
         DiagDescriptor(device, transfer.pBuf, transfer.ulLen, 1);
     } else {
@@ -115,8 +117,9 @@ void InspectClassRequest(PDEVICE_OBJECT device, const Transfer& transfer, UCHAR 
         return;
     }
     LogHexDump("(ShowURBInfo) LED-Packet is going down", transfer.ulLen, transfer.pBuf);
-    if (ReadShared(Settings.ucKorvexLEDDisabled) == 0 && ReadShared(Settings.ulKorvexHotkey) != 0) {
-        UCHAR ucScroll = ReadShared(Globals.ucKorvexMode) ? LED_REPORT_SCROLL : 0;
+    if (ReadShared(SettingsOfMacro.ucKorvexLEDDisabled) == 0 &&
+        ReadShared(SettingsOfMacro.ulKorvexHotkey) != 0) {
+        UCHAR ucScroll = ReadShared(GlobalMacro.ucKorvexMode) ? LED_REPORT_SCROLL : 0;
         transfer.pBuf[0] = static_cast<UCHAR>((transfer.pBuf[0] & ~LED_REPORT_SCROLL) | ucScroll);
         LogHexDump("(ShowURBInfo) modified LED-Packet is going down", transfer.ulLen, transfer.pBuf);
     }

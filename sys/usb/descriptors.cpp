@@ -9,9 +9,11 @@
 #include "usb/usb.h"
 
 #include "ground/sums.h"
-#include "log/log.h"
 #include "log/events.h"
+#include "log/log.h"
+#include "macro/fields.h"
 #include "macro/macro.h"
+#include "usb/roadfields.h"
 
 namespace
 {
@@ -34,26 +36,27 @@ USHORT WordAt(const UCHAR* pBuf, ULONG ulOffset)
 void DecideKbdType(PDEVICE_OBJECT device, ULONG ulKbdType)
 {
     ULONG ulUnknown = UnknownKbdType;
-    if (!CompareExchangeShared(FilterContextOf(device)->KbdType, ulUnknown, ulKbdType)) {
+    if (!CompareExchangeShared(FieldsOf<FrameFields>(device).KbdType, ulUnknown, ulKbdType)) {
         return;
     }
     ULONG ulHotkey;
     do { // once more when the settings were read anew meanwhile
-        ulHotkey = ReadShared(Settings.ulKorvexHotkey);
+        ulHotkey = ReadShared(SettingsOfMacro.ulKorvexHotkey);
         bool bExtendedHotkey = ulHotkey >= FIRST_EXTENDED_HOTKEY;
         if (ulKbdType == NORMALKbdType) {
             SetKorvexKeyboard(device, bExtendedHotkey ? 0 : 1);
         } else if (ulKbdType == POWERKbdType) {
             SetKorvexKeyboard(device, bExtendedHotkey ? 1 : 0);
         }
-    } while (ulHotkey != ReadShared(Settings.ulKorvexHotkey));
+    } while (ulHotkey != ReadShared(SettingsOfMacro.ulKorvexHotkey));
 }
 
 void StoreTriple(DeviceContext* pContext, const UCHAR* pTriple)
 {
-    WriteShared(pContext->ucInterfaceClass, pTriple[0]);
-    WriteShared(pContext->ucInterfaceSubClass, pTriple[1]);
-    WriteShared(pContext->ucInterfaceProtocol, pTriple[2]);
+    RoadFields& road = FieldsOf<RoadFields>(pContext);
+    WriteShared(road.ucInterfaceClass, pTriple[0]);
+    WriteShared(road.ucInterfaceSubClass, pTriple[1]);
+    WriteShared(road.ucInterfaceProtocol, pTriple[2]);
 }
 
 bool IsTriple(const UCHAR* pTriple, UCHAR ucClass, UCHAR ucSubClass, UCHAR ucProtocol)
@@ -64,8 +67,8 @@ bool IsTriple(const UCHAR* pTriple, UCHAR ucClass, UCHAR ucSubClass, UCHAR ucPro
 // A 3/1/2 interface belongs to one of the two controllers, which vendor and product tell apart.
 ULONG ExtendedKbdType(DeviceContext* pContext)
 {
-    if (ReadShared(pContext->usVendorID) == MAKER_VENDOR_ID &&
-        ReadShared(pContext->usProductID) == CHIC_PRODUCT_ID) {
+    RoadFields& road = FieldsOf<RoadFields>(pContext);
+    if (ReadShared(road.usVendorID) == MAKER_VENDOR_ID && ReadShared(road.usProductID) == CHIC_PRODUCT_ID) {
         LogPrintf(LOG_DETAIL, 1, "(DiagDescriptor)  setting KbdType = ChicEXTENDEDKbdType");
         return ChicEXTENDEDKbdType;
     }
@@ -90,23 +93,25 @@ ULONG KbdTypeOf(PDEVICE_OBJECT device, const UCHAR* pTriple, bool bInConfigurati
 void LearnInterface(PDEVICE_OBJECT device, const UCHAR* pTriple, bool bInConfiguration)
 {
     DeviceContext* pContext = FilterContextOf(device);
-    Trace(Interface, pContext->ulDeviceIndex, pTriple[0], pTriple[1], InterfaceProtocolName(pTriple[2]));
+    FrameFields& frame = FieldsOf<FrameFields>(pContext);
+    Trace(Interface, IndexOf(device), pTriple[0], pTriple[1], InterfaceProtocolName(pTriple[2]));
     StoreTriple(pContext, pTriple);
-    if (ReadShared(pContext->KbdType) == UnknownKbdType) {
+    if (ReadShared(frame.KbdType) == UnknownKbdType) {
         DecideKbdType(device, KbdTypeOf(device, pTriple, bInConfiguration));
     }
 }
 
 void DiagDeviceDescriptor(DeviceContext* pContext, const UCHAR* pBuf, ULONG ulLen)
 {
+    RoadFields& road = FieldsOf<RoadFields>(pContext);
     if (ulLen >= 6) {
-        WriteShared(pContext->ucDeviceClass, pBuf[4]);
-        WriteShared(pContext->ucDeviceSubClass, pBuf[5]);
+        WriteShared(road.ucDeviceClass, pBuf[4]);
+        WriteShared(road.ucDeviceSubClass, pBuf[5]);
     }
     if (ulLen >= 12) {
         LogPrintf(LOG_DETAIL, 1, "(DiagDescriptor) Save Product and Device ID");
-        WriteShared(pContext->usVendorID, WordAt(pBuf, 8));
-        WriteShared(pContext->usProductID, WordAt(pBuf, 10));
+        WriteShared(road.usVendorID, WordAt(pBuf, 8));
+        WriteShared(road.usProductID, WordAt(pBuf, 10));
     }
 }
 
@@ -165,7 +170,7 @@ void DiagDescriptor(PDEVICE_OBJECT device, const UCHAR* pBuf, ULONG ulLen, UCHAR
     if (ulLen < 2) {
         return;
     }
-    Trace(Descriptor, FilterContextOf(device)->ulDeviceIndex, DescriptorTypeName(pBuf[1]));
+    Trace(Descriptor, IndexOf(device), DescriptorTypeName(pBuf[1]));
     UCHAR ucLength = pBuf[0];
     switch (pBuf[1]) {
     case DEVICE_DESCRIPTOR:

@@ -5,16 +5,17 @@
 
 #include "ground/ring.h"
 #include "log/events.h"
+#include "usb/pendingfields.h"
 
 // Appends one held-back value.
 // IRQL <= DISPATCH. Lock: takes DiscardLock. Owns: copies the value. Fails: 128 held.
 NTSTATUS AddDiscardedPacket(PDEVICE_OBJECT device, const UCHAR* pValue, UCHAR ucIsModifier)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    LockScope lock(pContext->DiscardLock);
-    if (!AppendToRing(pContext->DiscardRing, pContext->ulDiscardWrite, pContext->ulDiscardCount,
+    PendingFields& pending = FieldsOf<PendingFields>(device);
+    LockScope lock(pending.DiscardLock);
+    if (!AppendToRing(pending.DiscardRing, pending.ulDiscardWrite, pending.ulDiscardCount,
                       {*pValue, ucIsModifier})) {
-        Trace(DiscardRingFull, pContext->ulDeviceIndex, *pValue);
+        Trace(DiscardRingFull, IndexOf(device), *pValue);
         return STATUS_UNSUCCESSFUL;
     }
     return STATUS_SUCCESS;
@@ -27,9 +28,9 @@ NTSTATUS GetDiscardedPacketCount(ULONG ulDeviceIndex, PULONG pulCount)
     if (!keyboard.IsHeld()) {
         return keyboard.Status();
     }
-    DeviceContext* pContext = keyboard.Context();
-    LockScope lock(pContext->DiscardLock);
-    *pulCount = pContext->ulDiscardCount;
+    PendingFields& pending = FieldsOf<PendingFields>(keyboard.Context());
+    LockScope lock(pending.DiscardLock);
+    *pulCount = pending.ulDiscardCount;
     return STATUS_SUCCESS;
 }
 
@@ -37,8 +38,9 @@ NTSTATUS GetDiscardedPacketCount(ULONG ulDeviceIndex, PULONG pulCount)
 // IRQL <= DISPATCH. Lock: takes DiscardLock. Fails: empty; *pEntry untouched.
 NTSTATUS TakeDiscardedPacket(DeviceContext* pContext, DiscardEntry* pEntry)
 {
-    LockScope lock(pContext->DiscardLock);
-    return ReadFromRing(pContext->DiscardRing, pContext->ulDiscardRead, pContext->ulDiscardCount, pEntry)
+    PendingFields& pending = FieldsOf<PendingFields>(pContext);
+    LockScope lock(pending.DiscardLock);
+    return ReadFromRing(pending.DiscardRing, pending.ulDiscardRead, pending.ulDiscardCount, pEntry)
                ? STATUS_SUCCESS
                : STATUS_UNSUCCESSFUL;
 }
@@ -57,5 +59,6 @@ NTSTATUS GetDiscardedPacket(ULONG ulDeviceIndex, DiscardEntry* pEntry)
 // IRQL = PASSIVE, nobody else knows the record yet.
 void InitializeDiscard(DeviceContext* pContext)
 {
-    KeInitializeSpinLock(&pContext->DiscardLock.Lock);
+    PendingFields& pending = FieldsOf<PendingFields>(pContext);
+    KeInitializeSpinLock(&pending.DiscardLock.Lock);
 }

@@ -7,12 +7,16 @@
 // does a completed rollover report. The report is rewritten in place, before the HID stack sees it.
 #include "usb/usb.h"
 
+#include "control/fields.h"
 #include "control/notification.h"
+#include "hotkeys/bufferfields.h"
+#include "hotkeys/fields.h"
 #include "hotkeys/hotkeys.h"
 #include "log/events.h"
 #include "log/log.h"
 #include "macro/macro.h"
 #include "report/report.h"
+#include "usb/roadfields.h"
 
 namespace
 {
@@ -49,7 +53,7 @@ void NotifyDiscardedEscape(PDEVICE_OBJECT device)
 void PassDiscardMode(PDEVICE_OBJECT device, const Transfer& read)
 {
     UCHAR ucModifiers = read.pBuf[0];
-    if (ExchangeShared(Globals.ucDiscardLastModifiers, ucModifiers) != ucModifiers) {
+    if (ExchangeShared(GlobalRoad.ucDiscardLastModifiers, ucModifiers) != ucModifiers) {
         (void)AddDiscardedPacket(device, &ucModifiers, 1); // a full ring drops it
     }
     for (ULONG i = read.ulLen == 8 ? 2 : 1; i < read.ulLen; i++) {
@@ -67,14 +71,16 @@ void PassDiscardMode(PDEVICE_OBJECT device, const Transfer& read)
 // What the keyboard sent goes to the first mode that applies.
 void HandleReport(PDEVICE_OBJECT device, const Transfer& read, ULONG ulKbdType)
 {
-    DeviceContext* pContext = FilterContextOf(device);
+    BufferFields& buffers = FieldsOf<BufferFields>(device);
+    HotkeyFields& hotkeys = FieldsOf<HotkeyFields>(device);
+    NotifyFields& told = FieldsOf<NotifyFields>(device);
     if (read.ulLen == 8) {
-        WriteShared(pContext->ucKbdModifiers, read.pBuf[0]);
+        WriteShared(buffers.ucKbdModifiers, read.pBuf[0]);
         UpdateModifierFlags(device, read.pBuf, 8, 1);
     }
-    ULONG ulKeyDefTypes = ReadShared(pContext->ulKeyDefTypes);
-    bool bProcessing = ReadShared(pContext->ucReportProcessing) == 1;
-    const ULONG ulDevice = pContext->ulDeviceIndex;
+    ULONG ulKeyDefTypes = ReadShared(hotkeys.ulKeyDefTypes);
+    bool bProcessing = ReadShared(told.ucReportProcessing) == 1;
+    const ULONG ulDevice = IndexOf(device);
     if (IsMacroModeReport(ulKeyDefTypes)) {
         Trace(ReportTaken, ulDevice, "macro", {read.pBuf, read.ulLen});
         PassMacroMode(device, read.pBuf, read.ulLen, ulKbdType, ulKeyDefTypes);
@@ -97,7 +103,7 @@ void HandleReport(PDEVICE_OBJECT device, const Transfer& read, ULONG ulKbdType)
 // IRQL <= DISPATCH. Owns: as ShowURBInfo.
 UCHAR InterceptReport(PDEVICE_OBJECT device, PIRP Irp, const Transfer& read, UCHAR ucCompletion)
 {
-    ULONG ulKbdType = ReadShared(FilterContextOf(device)->KbdType);
+    ULONG ulKbdType = ReadShared(FieldsOf<FrameFields>(device).KbdType);
     if (ulKbdType == OTHERKbdType ||
         (read.pUrb->UrbBulkOrInterruptTransfer.TransferFlags & USBD_TRANSFER_DIRECTION_IN) == 0) {
         return URB_PASS;
@@ -116,7 +122,7 @@ UCHAR InterceptReport(PDEVICE_OBJECT device, PIRP Irp, const Transfer& read, UCH
         return AnswerRead(device, Irp, read);
     }
     if (AreKeysRollover(read)) {
-        Trace(Rollover, FilterContextOf(device)->ulDeviceIndex, {read.pBuf, read.ulLen});
+        Trace(Rollover, IndexOf(device), {read.pBuf, read.ulLen});
     } else {
         HandleReport(device, read, ulKbdType);
     }

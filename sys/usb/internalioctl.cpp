@@ -10,6 +10,7 @@
 #include "usb/usb.h"
 
 #include "log/events.h"
+#include "usb/pendingfields.h"
 
 namespace
 {
@@ -30,18 +31,19 @@ bool IsInterruptRead(PIRP Irp)
 // to call back has this one called back.
 NTSTATUS PassDown(PDEVICE_OBJECT DeviceObject, PIRP Irp, LONG lMissed)
 {
-    DeviceContext* pContext = FilterContextOf(DeviceObject);
+    PendingFields& pending = FieldsOf<PendingFields>(DeviceObject);
+    FrameFields& frame = FieldsOf<FrameFields>(DeviceObject);
     if (IsInterruptRead(Irp)) {
-        WriteShared(pContext->ulIrpCancelledForInsert, 0u);
+        WriteShared(pending.ulIrpCancelledForInsert, 0u);
         (void)AddPendingIrp(DeviceObject, Irp); // a full list leaves the read untracked
-        if (ReadShared(pContext->lMissedCalls) != lMissed) {
+        if (ReadShared(pending.lMissedCalls) != lMissed) {
             (void)CancelPendingRead(DeviceObject); // comes back at once: the stack's next one is answered
         }
     }
     IoCopyCurrentIrpStackLocationToNext(Irp);
     RememberRequestedLength(Irp);
     IoSetCompletionRoutine(Irp, InternalIoctlCompletion, DeviceObject, TRUE, TRUE, TRUE);
-    return IoCallDriver(pContext->pLowerDevice, Irp);
+    return IoCallDriver(frame.pLowerDevice, Irp);
 }
 } // namespace
 
@@ -50,7 +52,7 @@ NTSTATUS PassDown(PDEVICE_OBJECT DeviceObject, PIRP Irp, LONG lMissed)
 // Fails: the keyboard is being removed; else with what the lower driver returned.
 NTSTATUS FilterInternalIoctl(PDEVICE_OBJECT DeviceObject, PIRP Irp, PUCHAR pucComplete)
 {
-    const LONG lMissed = ReadShared(FilterContextOf(DeviceObject)->lMissedCalls);
+    const LONG lMissed = ReadShared(FieldsOf<PendingFields>(DeviceObject).lMissedCalls);
     switch (ShowURBInfo(DeviceObject, Irp, 0)) {
     case URB_ANSWERED:
         Irp->IoStatus.Status = STATUS_SUCCESS;
@@ -85,7 +87,7 @@ NTSTATUS InternalIoctlCompletion(PDEVICE_OBJECT, PIRP Irp, PVOID Context)
     } else if (status == STATUS_CANCELLED && ReadShared(Irp->Cancel)) {
         status = STATUS_SUCCESS;
     } else {
-        Trace(RequestFailed, FilterContextOf(DeviceObject)->ulDeviceIndex, status);
+        Trace(RequestFailed, IndexOf(DeviceObject), status);
     }
     if (RemovePendingIrp(DeviceObject, Irp)) {
         status = STATUS_MORE_PROCESSING_REQUIRED;
@@ -98,17 +100,17 @@ NTSTATUS InternalIoctlCompletion(PDEVICE_OBJECT, PIRP Irp, PVOID Context)
 NTSTATUS DispatchInternalIoctl(PDEVICE_OBJECT pDevice, PIRP pIrp)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
-    if (ControlContextOf(pDevice) != nullptr) {
+    if (IsControlDevice(pDevice)) {
         return CompleteRequest(pIrp, STATUS_SUCCESS, 0);
     }
-    if (FilterContextOf(pDevice) == nullptr) {
+    if (!IsFilterDevice(pDevice)) {
         return DispatchPassThrough(pDevice, pIrp);
     }
     const KeyboardReference keyboard(pDevice);
     if (!keyboard.IsHeld()) {
         return CompleteRequest(pIrp, keyboard.Status(), 0);
     }
-    if (keyboard.Context()->pLowerDevice == nullptr) {
+    if (FieldsOf<FrameFields>(keyboard.Context()).pLowerDevice == nullptr) {
         return CompleteRequest(pIrp, STATUS_UNSUCCESSFUL, 0);
     }
     UCHAR ucComplete = 0;

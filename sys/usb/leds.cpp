@@ -2,6 +2,9 @@
 // with which the driver itself sets them.
 #include "usb/submit.h"
 
+#include "control/requests.h"
+#include "usb/ledfields.h"
+
 USHORT LedReportToFlags(USHORT usReport)
 {
     return static_cast<USHORT>((usReport & LED_REPORT_NUM ? LED_FLAG_NUM : 0) |
@@ -24,10 +27,10 @@ NTSTATUS SendLedReport(PDEVICE_OBJECT device, USHORT usFlags)
     IRQL_AT_MOST(PASSIVE_LEVEL);
     static const SetupRequest SetReport = {URB_FUNCTION_CLASS_INTERFACE, HID_SET_REPORT,
                                            USBD_TRANSFER_DIRECTION_OUT, HID_OUTPUT_REPORT, 0};
-    DeviceContext* pContext = FilterContextOf(device);
+    LedFields& leds = FieldsOf<LedFields>(device);
     USHORT usReport = LedFlagsToReport(usFlags);
-    WriteShared(pContext->usLedReport, usReport);
-    WriteShared(pContext->usLedFlags, LedReportToFlags(usReport));
+    WriteShared(leds.usLedReport, usReport);
+    WriteShared(leds.usLedFlags, LedReportToFlags(usReport));
 
     PUCHAR pReport = static_cast<PUCHAR>(AllocateZeroed(NonPagedPoolNx, 1));
     if (pReport == nullptr) {

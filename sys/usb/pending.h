@@ -3,6 +3,8 @@
 
 #include "ground/ground.h"
 
+struct DiscardEntry;
+
 // pendingreads.cpp: IRQL <= DISPATCH. Lock: takes PendingIrpLock.
 void InitializePendingReads(DeviceContext* pContext); // at add-device
 NTSTATUS AddPendingIrp(PDEVICE_OBJECT device, PIRP Irp);

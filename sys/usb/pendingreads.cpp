@@ -8,22 +8,23 @@
 #include "usb/pending.h"
 
 #include "log/events.h"
+#include "usb/pendingfields.h"
 
 // Appends a read that goes down.
 // IRQL <= DISPATCH. Lock: takes PendingIrpLock. Fails: 100 pending, the read goes down untracked.
 NTSTATUS AddPendingIrp(PDEVICE_OBJECT device, PIRP Irp)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    LockScope lock(pContext->PendingIrpLock);
-    if (pContext->ulPendingIrpCount >= PENDING_IRP_SIZE) {
-        Trace(PendingListFull, pContext->ulDeviceIndex, Irp);
+    PendingFields& pending = FieldsOf<PendingFields>(device);
+    LockScope lock(pending.PendingIrpLock);
+    if (pending.ulPendingIrpCount >= PENDING_IRP_SIZE) {
+        Trace(PendingListFull, IndexOf(device), Irp);
         return STATUS_UNSUCCESSFUL;
     }
-    pContext->PendingIrps[pContext->ulPendingIrpCount++] = Irp;
-    (void)InterlockedExchangePointer(reinterpret_cast<PVOID*>(&pContext->pPendingReadIrp),
-                                     pContext->PendingIrps[0]);
-    for (ULONG i = 0; IsTraced(TRACE_VERBOSE) && i < pContext->ulPendingIrpCount; i++) {
-        Trace(PendingRead, pContext->ulDeviceIndex, i, pContext->ulPendingIrpCount, pContext->PendingIrps[i]);
+    pending.PendingIrps[pending.ulPendingIrpCount++] = Irp;
+    (void)InterlockedExchangePointer(reinterpret_cast<PVOID*>(&pending.pPendingReadIrp),
+                                     pending.PendingIrps[0]);
+    for (ULONG i = 0; IsTraced(TRACE_VERBOSE) && i < pending.ulPendingIrpCount; i++) {
+        Trace(PendingRead, IndexOf(device), i, pending.ulPendingIrpCount, pending.PendingIrps[i]);
     }
     return STATUS_SUCCESS;
 }
@@ -32,32 +33,34 @@ NTSTATUS AddPendingIrp(PDEVICE_OBJECT device, PIRP Irp)
 // IRQL <= DISPATCH. Lock: takes PendingIrpLock.
 static bool TakeOutRead(DeviceContext* pContext, PIRP Irp, bool bLeave)
 {
-    LockScope lock(pContext->PendingIrpLock);
+    PendingFields& pending = FieldsOf<PendingFields>(pContext);
+    LockScope lock(pending.PendingIrpLock);
     ULONG i = 0;
-    while (i < pContext->ulPendingIrpCount && pContext->PendingIrps[i] != Irp) {
+    while (i < pending.ulPendingIrpCount && pending.PendingIrps[i] != Irp) {
         i++;
     }
-    if (i == pContext->ulPendingIrpCount) {
+    if (i == pending.ulPendingIrpCount) {
         return false;
     }
-    pContext->ulPendingIrpCount--;
-    RtlMoveMemory(&pContext->PendingIrps[i], &pContext->PendingIrps[i + 1],
-                  (pContext->ulPendingIrpCount - i) * sizeof(pContext->PendingIrps[0]));
-    pContext->PendingIrps[pContext->ulPendingIrpCount] = nullptr;
-    (void)InterlockedExchangePointer(reinterpret_cast<PVOID*>(&pContext->pPendingReadIrp),
-                                     pContext->PendingIrps[0]);
-    if (pContext->pCancellingIrp != Irp) {
+    pending.ulPendingIrpCount--;
+    RtlMoveMemory(&pending.PendingIrps[i], &pending.PendingIrps[i + 1],
+                  (pending.ulPendingIrpCount - i) * sizeof(pending.PendingIrps[0]));
+    pending.PendingIrps[pending.ulPendingIrpCount] = nullptr;
+    (void)InterlockedExchangePointer(reinterpret_cast<PVOID*>(&pending.pPendingReadIrp),
+                                     pending.PendingIrps[0]);
+    if (pending.pCancellingIrp != Irp) {
         return false;
     }
-    pContext->ucCancelledCompleted = bLeave ? 1 : 0;
+    pending.ucCancelledCompleted = bLeave ? 1 : 0;
     return true;
 }
 
 // IRQL <= DISPATCH. Lock: takes PendingIrpLock.
 static bool IsBeingCancelled(DeviceContext* pContext, PIRP Irp)
 {
-    LockScope lock(pContext->PendingIrpLock);
-    return pContext->pCancellingIrp == Irp;
+    PendingFields& pending = FieldsOf<PendingFields>(pContext);
+    LockScope lock(pending.PendingIrpLock);
+    return pending.pCancellingIrp == Irp;
 }
 
 // Takes a completed read out. Returns true when its canceller still works on it and completes it. One that
@@ -79,24 +82,26 @@ bool RemovePendingIrp(PDEVICE_OBJECT device, PIRP Irp)
 // The oldest pending read, marked as being cancelled; null when there is none or another canceller has it.
 static PIRP ClaimPendingRead(DeviceContext* pContext)
 {
-    LockScope lock(pContext->PendingIrpLock);
-    if (pContext->ulPendingIrpCount == 0) {
-        InterlockedIncrement(&pContext->lMissedCalls); // one on its way down looks again
+    PendingFields& pending = FieldsOf<PendingFields>(pContext);
+    LockScope lock(pending.PendingIrpLock);
+    if (pending.ulPendingIrpCount == 0) {
+        InterlockedIncrement(&pending.lMissedCalls); // one on its way down looks again
     }
-    if (pContext->ulPendingIrpCount == 0 || pContext->pCancellingIrp != nullptr) {
+    if (pending.ulPendingIrpCount == 0 || pending.pCancellingIrp != nullptr) {
         return nullptr;
     }
-    pContext->pCancellingIrp = pContext->PendingIrps[0];
-    pContext->ucCancelledCompleted = 0;
-    return pContext->pCancellingIrp;
+    pending.pCancellingIrp = pending.PendingIrps[0];
+    pending.ucCancelledCompleted = 0;
+    return pending.pCancellingIrp;
 }
 
 // Returns true when the read's completion came meanwhile and was left to the canceller.
 static bool LetGoOfRead(DeviceContext* pContext)
 {
-    LockScope lock(pContext->PendingIrpLock);
-    pContext->pCancellingIrp = nullptr;
-    return pContext->ucCancelledCompleted != 0;
+    PendingFields& pending = FieldsOf<PendingFields>(pContext);
+    LockScope lock(pending.PendingIrpLock);
+    pending.pCancellingIrp = nullptr;
+    return pending.ucCancelledCompleted != 0;
 }
 
 // Calls the oldest read back from the keyboard, so that the stack above issues a fresh one.
@@ -119,5 +124,6 @@ bool CancelPendingRead(PDEVICE_OBJECT device)
 // IRQL = PASSIVE, nobody else knows the record yet.
 void InitializePendingReads(DeviceContext* pContext)
 {
-    KeInitializeSpinLock(&pContext->PendingIrpLock.Lock);
+    PendingFields& pending = FieldsOf<PendingFields>(pContext);
+    KeInitializeSpinLock(&pending.PendingIrpLock.Lock);
 }

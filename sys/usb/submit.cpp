@@ -90,9 +90,9 @@ NTSTATUS SubmitUrbSync(PDEVICE_OBJECT device, PURB pUrb)
     if (!AcquireDevice(device)) {
         return STATUS_UNSUCCESSFUL;
     }
-    NTSTATUS status = RunUrb(FilterContextOf(device)->pLowerDevice, pUrb);
-    Trace(RequestSent, FilterContextOf(device)->ulDeviceIndex, UrbFunctionName(pUrb->UrbHeader.Function),
-          status, static_cast<ULONG>(pUrb->UrbHeader.Status));
+    NTSTATUS status = RunUrb(FieldsOf<FrameFields>(device).pLowerDevice, pUrb);
+    Trace(RequestSent, IndexOf(device), UrbFunctionName(pUrb->UrbHeader.Function), status,
+          static_cast<ULONG>(pUrb->UrbHeader.Status));
     ReleaseDevice(device);
     return status;
 }

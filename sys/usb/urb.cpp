@@ -74,9 +74,9 @@ void TraceConfiguration(DeviceContext* pContext, PURB pUrb, UCHAR ucCompletion)
         return;
     }
     if (selected.ConfigurationDescriptor == nullptr) {
-        Trace(Deconfigured, pContext->ulDeviceIndex, ucCompletion);
+        Trace(Deconfigured, IndexOf(pContext), ucCompletion);
     } else if (pUrb->UrbHeader.Length >= offsetof(struct _URB_SELECT_CONFIGURATION, Interface.Pipes)) {
-        Trace(ConfigurationSelected, pContext->ulDeviceIndex, ucCompletion, first.InterfaceNumber,
+        Trace(ConfigurationSelected, IndexOf(pContext), ucCompletion, first.InterfaceNumber,
               first.AlternateSetting, first.Class, first.SubClass, InterfaceProtocolName(first.Protocol),
               first.NumberOfPipes);
     }
@@ -102,8 +102,7 @@ UCHAR ShowURBInfo(PDEVICE_OBJECT DeviceObject, PIRP Irp, UCHAR ucCompletion)
     if (pUrb == nullptr || pUrb->UrbHeader.Function > URB_FUNCTION_SET_DESCRIPTOR_TO_INTERFACE) {
         return URB_PASS;
     }
-    Trace(UrbSeen, FilterContextOf(DeviceObject)->ulDeviceIndex, ucCompletion,
-          UrbFunctionName(pUrb->UrbHeader.Function));
+    Trace(UrbSeen, IndexOf(DeviceObject), ucCompletion, UrbFunctionName(pUrb->UrbHeader.Function));
     if (pUrb->UrbHeader.Function == URB_FUNCTION_SELECT_CONFIGURATION) {
         TraceConfiguration(FilterContextOf(DeviceObject), pUrb, ucCompletion);
     }

@@ -5,6 +5,7 @@
 
 #include "client/client.h"
 #include "client/host_transport.h"
+#include "driver/context.h"
 #include "driver/driver.h"
 #include "emu/app/machine.h"
 

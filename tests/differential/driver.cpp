@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "control/control.h"
+#include "driver/context.h"
 #include "driver/driver.h"
 #include "hotkeys/hotkeys.h"
 #include "log/log.h"

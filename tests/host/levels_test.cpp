@@ -30,6 +30,8 @@ static const Rule LEVELS[] = {
      }},
     {"ContractOfADispatchRoutine", "IRQL_NOT_GREATER_OR_EQUAL",
      [](SmallSystem&) { IRQL_IS(DISPATCH_LEVEL); }},
+    {"ClaimThatDoesNotHold", "ASSERTION_FAILURE",
+     [](SmallSystem&) { NT_ASSERT(KeGetCurrentIrql() > APC_LEVEL); }},
     {"RaiseDownwards", "IRQL_NOT_GREATER_OR_EQUAL",
      [](SmallSystem&) {
          Raise();

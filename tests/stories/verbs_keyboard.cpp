@@ -1,4 +1,5 @@
 // verbs_keyboard.cpp - a story's keyboards and the system behind them: plugging, reports, LEDs, time.
+#include "driver/context.h"
 #include "driver/driver.h"
 #include "player.h"
 

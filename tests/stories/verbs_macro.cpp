@@ -1,4 +1,5 @@
 // verbs_macro.cpp - a story's macro mode: the macro file, its settings and what the application asks for.
+#include "driver/context.h"
 #include "driver/driver.h"
 #include "player.h"
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "client/host_transport.h"
+#include "driver/context.h"
 #include "driver/driver.h"
 #include "emu/app/machine.h"
 #include "tests/macro_file.h"

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "registry.h"
+#include "driver/context.h"
 #include "driver/driver.h"
 #include "macro/macro.h"
 #include "report/keytable.h"

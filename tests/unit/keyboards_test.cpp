@@ -5,6 +5,7 @@
 
 #include "registry.h"
 #include "emu/app/application.h"
+#include "control/notification.h"
 #include "macro/macro.h"
 
 namespace
@@ -26,6 +27,24 @@ TEST(Keyboards, RefusedWhileTooManySectionsWereCutShort)
         EXPECT_EQ(ulStored, StoredCount()) << "not raised further";
         EXPECT_EQ(0u, machine.Unload());
     }
+}
+
+// Behind the dispatch entries nobody asks again what a device is: a wrong one would be taken for a keyboard's record.
+TEST(Keyboards, ARoutineThatIsGivenAnotherDeviceStopsTheHost)
+{
+    EXPECT_DEATH(
+        {
+            EmuMachine machine(WithRegistry(""));
+            machine.Plug();
+            SignalNotifyEvent(Globals.pControlDevice);
+        },
+        "ASSERTION_FAILURE");
+    EXPECT_DEATH(
+        {
+            EmuMachine machine(WithRegistry(""));
+            ReleaseApplicationEvent(FilterOf(machine.Plug()));
+        },
+        "ASSERTION_FAILURE");
 }
 
 TEST(Keyboards, IndexesCountUpAndTheControlDeviceIsShared)

@@ -8,6 +8,7 @@
 
 #include <host.h>
 
+#include "driver/context.h"
 #include "driver/driver.h"
 #include "log/log.h"
 

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "driver/context.h"
 #include "driver/driver.h"
 #include "emu/app/application.h"
 #include "emu/app/machine.h"

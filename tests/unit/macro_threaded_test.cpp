@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "driver/context.h"
 #include "driver/driver.h"
 #include "emu/app/application.h"
 #include "machine.h"

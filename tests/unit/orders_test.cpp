@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "machine.h"
+#include "driver/context.h"
 #include "driver/driver.h"
 #include "emu/app/application.h"
 #include "emu/app/machine.h"

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <string>
 
+#include "driver/context.h"
 #include "driver/driver.h"
 #include "emu/app/application.h"
 #include "emu/app/machine.h"

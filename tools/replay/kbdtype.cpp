@@ -5,5 +5,5 @@
 
 unsigned KbdTypeOf(PDEVICE_OBJECT pFilter)
 {
-    return ReadShared(FilterContextOf(pFilter)->KbdType);
+    return ReadShared(FieldsOf<FrameFields>(pFilter).KbdType);
 }
