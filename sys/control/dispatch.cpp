@@ -108,10 +108,10 @@ BOOLEAN IsIoctlAllowed(PIRP pIrp)
 }
 
 // IRQL = PASSIVE. Owns: completes the request. Fails: with the status it completed with.
-NTSTATUS DispatchDeviceControl(PDEVICE_OBJECT pDevice, PIRP pIrp)
+NTSTATUS DispatchDeviceControl(PDEVICE_OBJECT device, PIRP pIrp)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
-    UNREFERENCED_PARAMETER(pDevice);
+    UNREFERENCED_PARAMETER(device);
     CriticalRegion region;
     ControlCall call = BeginCall(pIrp);
     ULONG ulCode = IoGetCurrentIrpStackLocation(pIrp)->Parameters.DeviceIoControl.IoControlCode;

@@ -8,8 +8,10 @@
 #include "usb/ledfields.h"
 #include "usb/roadfields.h"
 
+namespace
+{
 // Copies up to and including the first 0; what follows it in the field is not written.
-static void CopyText(char16_t (&To)[PROPERTY_CHARS], const WCHAR (&From)[PROPERTY_CHARS])
+void CopyText(char16_t (&To)[PROPERTY_CHARS], const WCHAR (&From)[PROPERTY_CHARS])
 {
     ULONG i = 0;
     while (i < PROPERTY_CHARS - 1 && From[i] != 0) {
@@ -20,7 +22,7 @@ static void CopyText(char16_t (&To)[PROPERTY_CHARS], const WCHAR (&From)[PROPERT
 }
 
 // IRQL <= DISPATCH. Lock: takes InterfaceLock.
-static void DescribeKeyboard(DeviceContext* pContext, KeyboardInfo* pInfo)
+void DescribeKeyboard(DeviceContext* pContext, KeyboardInfo* pInfo)
 {
     FrameFields& frame = FieldsOf<FrameFields>(pContext);
     LockScope lock(frame.InterfaceLock);
@@ -30,6 +32,7 @@ static void DescribeKeyboard(DeviceContext* pContext, KeyboardInfo* pInfo)
     CopyText(pInfo->Description, frame.DeviceDescription);
     pInfo->Reserved[0] = 0;
 }
+} // namespace
 
 // IRQL = PASSIVE. Fails: never; a position behind the last keyboard writes nothing.
 NTSTATUS GetKeyboardInfo(USHORT usPosition, PVOID pBuffer)
@@ -62,10 +65,12 @@ NTSTATUS ListKeyboards(PVOID pBuffer)
     return STATUS_SUCCESS;
 }
 
+namespace
+{
 // Copies one field of a keyboard's record.
 // IRQL <= DISPATCH. Fails: unknown index, *pValue untouched.
 template <typename Fields, typename Value>
-static NTSTATUS ReadField(ULONG ulDeviceIndex, Value Fields::*pField, Value* pValue)
+NTSTATUS ReadField(ULONG ulDeviceIndex, Value Fields::*pField, Value* pValue)
 {
     const KeyboardReference keyboard(ulDeviceIndex);
     if (!keyboard.IsHeld()) {
@@ -74,6 +79,7 @@ static NTSTATUS ReadField(ULONG ulDeviceIndex, Value Fields::*pField, Value* pVa
     *pValue = ReadShared(FieldsOf<Fields>(keyboard.Context()).*pField);
     return STATUS_SUCCESS;
 }
+} // namespace
 
 // The lock LEDs in the platform's indicator encoding.
 NTSTATUS GetLedFlags(ULONG ulDeviceIndex, PUSHORT pusLedFlags)

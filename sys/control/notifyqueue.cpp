@@ -19,8 +19,10 @@ ULONG NotifyTime()
     return static_cast<ULONG>(now.QuadPart / 1000);
 }
 
+namespace
+{
 // Copies the record behind the others. Fails: false, ring full.
-static bool Append(NotifyFields& told, ULONG ulDeviceIndex, const NotifyRecord* pRecord)
+bool Append(NotifyFields& told, ULONG ulDeviceIndex, const NotifyRecord* pRecord)
     REQUIRES_LOCK(told.NotifyLock)
 {
     if (!AppendToRing(told.NotifyQueue, told.ulNotifyWrite, told.ulNotifyCount, *pRecord)) {
@@ -31,7 +33,7 @@ static bool Append(NotifyFields& told, ULONG ulDeviceIndex, const NotifyRecord* 
 }
 
 // A record made from these fields and stamped now.
-static NotifyRecord MakeRecord(ULONG ulId, ULONG ulValue, ULONG ulEscAbort, UCHAR ucSource)
+NotifyRecord MakeRecord(ULONG ulId, ULONG ulValue, ULONG ulEscAbort, UCHAR ucSource)
 {
     NotifyRecord record = {};
     record.ulValue = ulValue;
@@ -42,6 +44,7 @@ static NotifyRecord MakeRecord(ULONG ulId, ULONG ulValue, ULONG ulEscAbort, UCHA
     record.ulId = ulId;
     return record;
 }
+} // namespace
 
 // IRQL <= DISPATCH. Lock: takes NotifyLock. Owns: copies the record. Fails: ring full.
 NTSTATUS QueueNotifyRecord(PDEVICE_OBJECT device, const NotifyRecord* pRecord)
@@ -72,15 +75,18 @@ void QueueAndSignalEvent(PDEVICE_OBJECT device, ULONG ulId, ULONG ulValue, ULONG
     }
 }
 
+namespace
+{
 // The oldest record; ucRemove 1 takes it, any other value leaves it queued.
 // Lock: takes NotifyLock. Fails: empty, *pRecord untouched.
-static NTSTATUS GetRecordOf(NotifyFields& told, NotifyRecord* pRecord, UCHAR ucRemove)
+NTSTATUS GetRecordOf(NotifyFields& told, NotifyRecord* pRecord, UCHAR ucRemove)
 {
     LockScope lock(told.NotifyLock);
     return ReadFromRing(told.NotifyQueue, told.ulNotifyRead, told.ulNotifyCount, pRecord, ucRemove == 1)
                ? STATUS_SUCCESS
                : STATUS_UNSUCCESSFUL;
 }
+} // namespace
 
 // IRQL <= DISPATCH. Lock: takes NotifyLock. Fails: unknown index, empty; *pRecord untouched.
 NTSTATUS GetNotifyRecord(ULONG ulDeviceIndex, NotifyRecord* pRecord, UCHAR ucRemove)

@@ -6,8 +6,10 @@
 
 #include "control/fields.h"
 
+namespace
+{
 // Fails: unknown index, the switch is there already.
-static NTSTATUS SwitchReportProcessing(ULONG ulDeviceIndex, UCHAR ucOn)
+NTSTATUS SwitchReportProcessing(ULONG ulDeviceIndex, UCHAR ucOn)
 {
     const KeyboardReference keyboard(ulDeviceIndex);
     if (!keyboard.IsHeld()) {
@@ -16,6 +18,7 @@ static NTSTATUS SwitchReportProcessing(ULONG ulDeviceIndex, UCHAR ucOn)
     UCHAR ucBefore = ExchangeShared(FieldsOf<NotifyFields>(keyboard.Context()).ucReportProcessing, ucOn);
     return ucBefore != ucOn ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
 }
+} // namespace
 
 // IRQL <= DISPATCH. Fails: unknown index, already on.
 NTSTATUS StartReportProcessing(ULONG ulDeviceIndex)

@@ -15,13 +15,15 @@
 #include "report/report.h"
 #include "usb/usb.h"
 
+namespace
+{
 enum : ULONG { LOWER_FLAGS = DO_BUFFERED_IO | DO_DIRECT_IO | DO_POWER_PAGABLE };
 
 // Everything of the record that does not depend on the device below; each room makes ready what is its own.
 // IRQL = PASSIVE, nobody else knows the record yet.
-static void InitializeContext(PDEVICE_OBJECT pDevice, PDEVICE_OBJECT pPhysicalDevice)
+void InitializeContext(PDEVICE_OBJECT device, PDEVICE_OBJECT pPhysicalDevice)
 {
-    DeviceContext* pContext = static_cast<DeviceContext*>(pDevice->DeviceExtension);
+    DeviceContext* pContext = static_cast<DeviceContext*>(device->DeviceExtension);
     RtlZeroMemory(pContext, sizeof(*pContext));
     InitializeFrame(pContext, pPhysicalDevice, GlobalRoof.ulNextDeviceIndex);
     InitializePendingReads(pContext);
@@ -34,14 +36,14 @@ static void InitializeContext(PDEVICE_OBJECT pDevice, PDEVICE_OBJECT pPhysicalDe
     InitializeDefinitions(pContext);
     InitializeHotkeys(pContext);
     InitializeReports(pContext);
-    InitializeTypematic(pDevice, pContext);
-    InitializePlayback(pDevice, pContext);
+    InitializeTypematic(device, pContext);
+    InitializePlayback(device, pContext);
     InitializeKorvexLed(pContext);
     InitializeAnswers(pContext);
 }
 
 // IRQL = PASSIVE.
-static DEVICE_TYPE TypeOfStack(PDEVICE_OBJECT pPhysicalDevice)
+DEVICE_TYPE TypeOfStack(PDEVICE_OBJECT pPhysicalDevice)
 {
     PDEVICE_OBJECT pTop = IoGetAttachedDeviceReference(pPhysicalDevice);
     const DEVICE_TYPE type = pTop->DeviceType;
@@ -51,27 +53,28 @@ static DEVICE_TYPE TypeOfStack(PDEVICE_OBJECT pPhysicalDevice)
 
 // The index is used up only by a device that was attached; it is never given out again.
 // IRQL = PASSIVE. Fails: nothing to attach to.
-static NTSTATUS AttachFilter(PDEVICE_OBJECT pDevice, PDEVICE_OBJECT pPhysicalDevice)
+NTSTATUS AttachFilter(PDEVICE_OBJECT device, PDEVICE_OBJECT pPhysicalDevice)
 {
-    FrameFields& frame = FieldsOf<FrameFields>(static_cast<DeviceContext*>(pDevice->DeviceExtension));
-    PDEVICE_OBJECT pLower = IoAttachDeviceToDeviceStack(pDevice, pPhysicalDevice);
+    FrameFields& frame = FieldsOf<FrameFields>(static_cast<DeviceContext*>(device->DeviceExtension));
+    PDEVICE_OBJECT pLower = IoAttachDeviceToDeviceStack(device, pPhysicalDevice);
     if (pLower == nullptr) {
         return STATUS_UNSUCCESSFUL;
     }
     frame.pLowerDevice = pLower;
     GlobalRoof.ulNextDeviceIndex++;
-    pDevice->Flags |= pLower->Flags & LOWER_FLAGS;
-    pDevice->Characteristics = pLower->Characteristics;
-    pDevice->DeviceType = pLower->DeviceType;
+    device->Flags |= pLower->Flags & LOWER_FLAGS;
+    device->Characteristics = pLower->Characteristics;
+    device->DeviceType = pLower->DeviceType;
     return STATUS_SUCCESS;
 }
+} // namespace
 
 // IRQL = PASSIVE. Fails: ErrorCount refuses, no device object, nothing to attach to; nothing is left
 // attached.
 NTSTATUS AddDevice(PDRIVER_OBJECT pDriver, PDEVICE_OBJECT pPhysicalDevice)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
-    PDEVICE_OBJECT pDevice = nullptr;
+    PDEVICE_OBJECT device = nullptr;
     UCHAR ucUnused;
 
     UpdateErrorCount(ErrorCountCheck, &GlobalRoof.ucRefuseAttach);
@@ -80,20 +83,20 @@ NTSTATUS AddDevice(PDRIVER_OBJECT pDriver, PDEVICE_OBJECT pPhysicalDevice)
     }
     UpdateErrorCount(ErrorCountEnter, &ucUnused);
     NTSTATUS status = IoCreateDevice(pDriver, sizeof(DeviceContext), nullptr, TypeOfStack(pPhysicalDevice),
-                                     FILE_DEVICE_SECURE_OPEN, FALSE, &pDevice);
+                                     FILE_DEVICE_SECURE_OPEN, FALSE, &device);
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    InitializeContext(pDevice, pPhysicalDevice);
-    status = AttachFilter(pDevice, pPhysicalDevice);
+    InitializeContext(device, pPhysicalDevice);
+    status = AttachFilter(device, pPhysicalDevice);
     if (!NT_SUCCESS(status)) {
-        IoDeleteDevice(pDevice);
+        IoDeleteDevice(device);
         return status;
     }
 
-    WriteShared(static_cast<DeviceContext*>(pDevice->DeviceExtension)->ulDeviceKind, FILTER_DEVICE_KIND);
-    PublishKeyboard(pDevice);
+    WriteShared(static_cast<DeviceContext*>(device->DeviceExtension)->ulDeviceKind, FILTER_DEVICE_KIND);
+    PublishKeyboard(device);
     UpdateErrorCount(ErrorCountLeave, &ucUnused);
-    pDevice->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
+    device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
     return STATUS_SUCCESS;
 }

@@ -16,18 +16,17 @@
 #include "driver/fields.h"
 #include "siblings/siblings.h"
 
-static const GUID Ps2KeyboardClass = {
-    0x8E4A2D17, 0xC3B9, 0x4E52, {0xA7, 0xF1, 0x0B, 0x96, 0xD5, 0xE3, 0xC2, 0x84}};
-static const GUID Ps2MouseClass = {
-    0x5C19E7A3, 0x62F4, 0x4B8D, {0x9E, 0x07, 0xA1, 0xC3, 0xF8, 0x5D, 0x2B, 0x96}};
-static const GUID UsbMouseClass = {
-    0xE7D3B846, 0x1F2A, 0x4C95, {0xB6, 0xE8, 0x3A, 0x5C, 0x07, 0xF9, 0x1D, 0x42}};
+namespace
+{
+const GUID Ps2KeyboardClass = {0x8E4A2D17, 0xC3B9, 0x4E52, {0xA7, 0xF1, 0x0B, 0x96, 0xD5, 0xE3, 0xC2, 0x84}};
+const GUID Ps2MouseClass = {0x5C19E7A3, 0x62F4, 0x4B8D, {0x9E, 0x07, 0xA1, 0xC3, 0xF8, 0x5D, 0x2B, 0x96}};
+const GUID UsbMouseClass = {0xE7D3B846, 0x1F2A, 0x4C95, {0xB6, 0xE8, 0x3A, 0x5C, 0x07, 0xF9, 0x1D, 0x42}};
 
-static const WCHAR ControlDeviceName[] = L"\\Device\\TvUSB_COMM";
-static const WCHAR ControlLinkName[] = L"\\DosDevices\\TvUSB";
+const WCHAR ControlDeviceName[] = L"\\Device\\TvUSB_COMM";
+const WCHAR ControlLinkName[] = L"\\DosDevices\\TvUSB";
 
 // IRQL = PASSIVE. Lock: takes KeyboardListLock.
-static void SetControlDevice(PDEVICE_OBJECT pControlDevice)
+void SetControlDevice(PDEVICE_OBJECT pControlDevice)
 {
     LockScope lock(GlobalFrame.KeyboardListLock);
     WriteShared(GlobalFrame.pControlDevice, pControlDevice);
@@ -35,8 +34,8 @@ static void SetControlDevice(PDEVICE_OBJECT pControlDevice)
 
 // A registration that fails leaves the handle null: the arrivals of that class stay unseen, no more.
 // IRQL = PASSIVE.
-static void RegisterArrival(SiblingLink* pLink, const GUID& interfaceClass,
-                            PDRIVER_NOTIFICATION_CALLBACK_ROUTINE pCallback, PVOID pContext)
+void RegisterArrival(SiblingLink* pLink, const GUID& interfaceClass,
+                     PDRIVER_NOTIFICATION_CALLBACK_ROUTINE pCallback, PVOID pContext)
 {
     PVOID hNotification = nullptr;
     const NTSTATUS status = IoRegisterPlugPlayNotification(
@@ -46,7 +45,7 @@ static void RegisterArrival(SiblingLink* pLink, const GUID& interfaceClass,
 }
 
 // IRQL = PASSIVE.
-static void UnregisterArrival(SiblingLink* pLink)
+void UnregisterArrival(SiblingLink* pLink)
 {
     if (pLink->hInterfaceNotification != nullptr) {
         IoUnregisterPlugPlayNotification(pLink->hInterfaceNotification);
@@ -56,8 +55,7 @@ static void UnregisterArrival(SiblingLink* pLink)
 
 // The named device, open to those it is meant for only, and its link.
 // IRQL = PASSIVE, under ControlDeviceMutex. Fails: name or link taken, no memory; nothing is left.
-static NTSTATUS CreateNamedDevice(PDEVICE_OBJECT* ppControlDevice)
-    REQUIRES_LOCK(GlobalRoof.ControlDeviceMutex)
+NTSTATUS CreateNamedDevice(PDEVICE_OBJECT* ppControlDevice) REQUIRES_LOCK(GlobalRoof.ControlDeviceMutex)
 {
     UNICODE_STRING deviceName;
     UNICODE_STRING linkName;
@@ -82,7 +80,7 @@ static NTSTATUS CreateNamedDevice(PDEVICE_OBJECT* ppControlDevice)
 
 // The initialising flag is cleared last, so no open meets a half-made record.
 // IRQL = PASSIVE, under ControlDeviceMutex. Fails: as CreateNamedDevice.
-static NTSTATUS BuildControlDevice() REQUIRES_LOCK(GlobalRoof.ControlDeviceMutex)
+NTSTATUS BuildControlDevice() REQUIRES_LOCK(GlobalRoof.ControlDeviceMutex)
 {
     PDEVICE_OBJECT pControlDevice = nullptr;
     const NTSTATUS status = CreateNamedDevice(&pControlDevice);
@@ -108,7 +106,7 @@ static NTSTATUS BuildControlDevice() REQUIRES_LOCK(GlobalRoof.ControlDeviceMutex
 
 // The event that an application registered goes with the device, whether its handle is open or not.
 // IRQL = PASSIVE, under ControlDeviceMutex.
-static void TearDownControlDevice(PDEVICE_OBJECT pControlDevice) REQUIRES_LOCK(GlobalRoof.ControlDeviceMutex)
+void TearDownControlDevice(PDEVICE_OBJECT pControlDevice) REQUIRES_LOCK(GlobalRoof.ControlDeviceMutex)
 {
     ControlContext* pControl = ControlContextOf(pControlDevice);
     UNICODE_STRING linkName;
@@ -125,6 +123,7 @@ static void TearDownControlDevice(PDEVICE_OBJECT pControlDevice) REQUIRES_LOCK(G
     ReleaseApplicationEvent(pControlDevice);
     IoDeleteDevice(pControlDevice);
 }
+} // namespace
 
 // The first of the keyboards makes the control device; each is counted once and gets its interface.
 // IRQL = PASSIVE. Lock: takes ControlDeviceMutex. Fails: no control device (the keyboard is not counted), or
@@ -175,11 +174,11 @@ void DeleteControlDevice(PDEVICE_OBJECT pFilterDevice)
 
 // The control device has no relations to tell; every other minor function succeeds.
 // IRQL = PASSIVE.
-NTSTATUS DispatchControlPnp(PDEVICE_OBJECT pDevice, PIRP pIrp)
+NTSTATUS DispatchControlPnp(PDEVICE_OBJECT device, PIRP pIrp)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
     if (IoGetCurrentIrpStackLocation(pIrp)->MinorFunction == IRP_MN_QUERY_DEVICE_RELATIONS) {
         return CompleteRequest(pIrp, STATUS_NOT_IMPLEMENTED, 0);
     }
-    return DispatchPassThrough(pDevice, pIrp);
+    return DispatchPassThrough(device, pIrp);
 }

@@ -18,9 +18,11 @@
 #include "siblings/siblings.h"
 #include "usb/usb.h"
 
+namespace
+{
 // Every driver-wide value starts at zero unless it is set here.
 // IRQL = PASSIVE, before any device exists.
-static void SetInitialState()
+void SetInitialState()
 {
     RtlZeroMemory(&Settings, sizeof(Settings));
     RtlZeroMemory(&Globals, sizeof(Globals));
@@ -40,7 +42,7 @@ static void SetInitialState()
 
 // Keeps the service key path for later reads of the macro settings, NUL-terminated.
 // IRQL = PASSIVE. Owns: the buffer until FreeDriverResources. Fails: no memory, path too long to extend.
-static NTSTATUS CopyRegistryPath(PUNICODE_STRING pRegistryPath)
+NTSTATUS CopyRegistryPath(PUNICODE_STRING pRegistryPath)
 {
     const ULONG ulBytes = pRegistryPath->Length + 10u;
     PUNICODE_STRING pCopy = &GlobalFrame.RegistryPathCopy;
@@ -57,7 +59,7 @@ static NTSTATUS CopyRegistryPath(PUNICODE_STRING pRegistryPath)
 }
 
 // IRQL = PASSIVE.
-static void InstallDispatchTable(PDRIVER_OBJECT pDriver)
+void InstallDispatchTable(PDRIVER_OBJECT pDriver)
 {
     for (ULONG i = 0; i <= IRP_MJ_MAXIMUM_FUNCTION; i++) {
         pDriver->MajorFunction[i] = DispatchPassThrough;
@@ -76,7 +78,7 @@ static void InstallDispatchTable(PDRIVER_OBJECT pDriver)
 
 // The low byte of the usage that the scan code stands for; an unknown scan code leaves the usage as it is.
 // IRQL any.
-static void ConvertPrefixKey(ULONG ulScanCode, PUCHAR pucUsage)
+void ConvertPrefixKey(ULONG ulScanCode, PUCHAR pucUsage)
 {
     USHORT usUsage = 0;
     USHORT usUsageBytes = 0;
@@ -84,6 +86,7 @@ static void ConvertPrefixKey(ULONG ulScanCode, PUCHAR pucUsage)
         *pucUsage = static_cast<UCHAR>(usUsage);
     }
 }
+} // namespace
 
 // Registry errors never fail the entry: what cannot be read keeps its initial value.
 // IRQL = PASSIVE. Fails: no memory, a system older than WDM 1.30; nothing stays allocated then.

@@ -7,14 +7,16 @@
 // Runs in driver entry, add-device and the creation of the control device, at PASSIVE_LEVEL.
 #include "driver/driver.h"
 
+namespace
+{
 enum : ULONG { VALUE_BUFFER_BYTES = 200, REFUSE_FROM = 2 };
 
-static const WCHAR CountKeyPath[] =
+const WCHAR CountKeyPath[] =
     L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\Tv64USB\\TolvenParams";
-static const WCHAR CountValueName[] = L"ErrorCount";
+const WCHAR CountValueName[] = L"ErrorCount";
 
 // IRQL = PASSIVE. Owns: the handle, closed by the caller.
-static NTSTATUS OpenCountKey(PHANDLE phKey)
+NTSTATUS OpenCountKey(PHANDLE phKey)
 {
     UNICODE_STRING path;
     OBJECT_ATTRIBUTES attributes;
@@ -26,7 +28,7 @@ static NTSTATUS OpenCountKey(PHANDLE phKey)
 
 // The stored bytes as a number, whatever type they carry; a shorter value counts as zero-extended.
 // IRQL = PASSIVE.
-static NTSTATUS ReadCount(HANDLE hKey, PULONG pulCount)
+NTSTATUS ReadCount(HANDLE hKey, PULONG pulCount)
 {
     alignas(KEY_VALUE_PARTIAL_INFORMATION) UCHAR buffer[VALUE_BUFFER_BYTES];
     PKEY_VALUE_PARTIAL_INFORMATION pValue = reinterpret_cast<PKEY_VALUE_PARTIAL_INFORMATION>(buffer);
@@ -45,7 +47,7 @@ static NTSTATUS ReadCount(HANDLE hKey, PULONG pulCount)
 }
 
 // IRQL = PASSIVE.
-static NTSTATUS WriteCount(HANDLE hKey, ULONG ulCount)
+NTSTATUS WriteCount(HANDLE hKey, ULONG ulCount)
 {
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, CountValueName);
@@ -53,7 +55,7 @@ static NTSTATUS WriteCount(HANDLE hKey, ULONG ulCount)
 }
 
 // Neither end wraps.
-static ULONG NextCount(USHORT usMode, ULONG ulCount)
+ULONG NextCount(USHORT usMode, ULONG ulCount)
 {
     if (usMode == ErrorCountEnter) {
         return ulCount < MAXULONG ? ulCount + 1 : ulCount;
@@ -65,7 +67,7 @@ static ULONG NextCount(USHORT usMode, ULONG ulCount)
 }
 
 // IRQL = PASSIVE. Fails: with the status of the step that failed.
-static NTSTATUS ApplyToCount(HANDLE hKey, USHORT usMode, PUCHAR pucRefuse)
+NTSTATUS ApplyToCount(HANDLE hKey, USHORT usMode, PUCHAR pucRefuse)
 {
     ULONG ulCount = 0;
     NTSTATUS status = ReadCount(hKey, &ulCount);
@@ -90,6 +92,7 @@ static NTSTATUS ApplyToCount(HANDLE hKey, USHORT usMode, PUCHAR pucRefuse)
     }
     return status;
 }
+} // namespace
 
 // Checks, raises or lowers the count. *pucRefuse becomes 1 only by a check that finds too many, else 0.
 // IRQL = PASSIVE. Fails: STATUS_UNSUCCESSFUL, the registry refuses.

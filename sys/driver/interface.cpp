@@ -7,12 +7,14 @@
 
 #include "driver/fields.h"
 
-static const GUID KeyboardInterfaceClass = {
+namespace
+{
+const GUID KeyboardInterfaceClass = {
     0x3B7E91C4, 0x5A2D, 0x4F60, {0x9C, 0x1E, 0x7D, 0x84, 0xA2, 0xF0, 0xB6, 0x13}};
 
 // Moves the system's name, which lies in paged pool, into memory that may be read under a spin lock.
 // IRQL = PASSIVE. Owns: frees the system's name, the caller frees the copy. Fails: no memory.
-static NTSTATUS MoveToNonPaged(PUNICODE_STRING pSystemName, PUNICODE_STRING pCopy)
+NTSTATUS MoveToNonPaged(PUNICODE_STRING pSystemName, PUNICODE_STRING pCopy)
 {
     pCopy->Length = pSystemName->Length;
     pCopy->MaximumLength = pSystemName->Length;
@@ -26,7 +28,7 @@ static NTSTATUS MoveToNonPaged(PUNICODE_STRING pSystemName, PUNICODE_STRING pCop
 
 // IRQL = PASSIVE. Lock: takes InterfaceLock. Owns: the link name until WithdrawInterface. Fails: no
 // interface.
-static NTSTATUS RegisterInterface(DeviceContext* pContext)
+NTSTATUS RegisterInterface(DeviceContext* pContext)
 {
     FrameFields& frame = FieldsOf<FrameFields>(pContext);
     RoofFields& roof = FieldsOf<RoofFields>(pContext);
@@ -44,6 +46,7 @@ static NTSTATUS RegisterInterface(DeviceContext* pContext)
     }
     return status;
 }
+} // namespace
 
 // Registered once in the keyboard's life, however often it is started.
 // IRQL = PASSIVE. Lock: takes InterfaceLock. Fails: no interface.

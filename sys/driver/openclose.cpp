@@ -14,13 +14,15 @@
 #include "driver/fields.h"
 #include "hotkeys/hotkeys.h"
 
+namespace
+{
 // The open of a filter device is waited for: only one that succeeded is counted.
 // IRQL = PASSIVE. Fails: as the open was completed.
-static NTSTATUS PassCreate(PDEVICE_OBJECT pDevice, PIRP pIrp)
+NTSTATUS PassCreate(PDEVICE_OBJECT device, PIRP pIrp)
 {
-    const KeyboardReference keyboard(pDevice);
+    const KeyboardReference keyboard(device);
     if (!keyboard.IsHeld()) {
-        return DispatchPassThrough(pDevice, pIrp); // completes it here, as it does the control device's
+        return DispatchPassThrough(device, pIrp); // completes it here, as it does the control device's
     }
     if (FieldsOf<FrameFields>(keyboard.Context()).pLowerDevice == nullptr) {
         return CompleteRequest(pIrp, STATUS_UNSUCCESSFUL, 0);
@@ -31,7 +33,7 @@ static NTSTATUS PassCreate(PDEVICE_OBJECT pDevice, PIRP pIrp)
 }
 
 // IRQL = PASSIVE. Lock: takes ControlDeviceMutex. Fails: false, there are as many as can be counted.
-static bool CountOpen()
+bool CountOpen()
 {
     MutexScope lock(GlobalRoof.ControlDeviceMutex);
     const bool bRoom = GlobalRoof.usOpenCount != MAXUSHORT;
@@ -46,7 +48,7 @@ static bool CountOpen()
 
 // What the application had set up, released in this order, whether its control device is still there or not.
 // IRQL = PASSIVE, under ControlDeviceMutex.
-static void ReleaseApplication(PDEVICE_OBJECT pControlDevice) REQUIRES_LOCK(GlobalRoof.ControlDeviceMutex)
+void ReleaseApplication(PDEVICE_OBJECT pControlDevice) REQUIRES_LOCK(GlobalRoof.ControlDeviceMutex)
 {
     FreeAllKeyDefinitions();
     StopAllReportProcessing();
@@ -60,7 +62,7 @@ static void ReleaseApplication(PDEVICE_OBJECT pControlDevice) REQUIRES_LOCK(Glob
 }
 
 // IRQL = PASSIVE. Lock: takes ControlDeviceMutex.
-static void UncountOpen()
+void UncountOpen()
 {
     MutexScope lock(GlobalRoof.ControlDeviceMutex);
     if (GlobalRoof.usOpenCount > 0) {
@@ -70,16 +72,17 @@ static void UncountOpen()
         ReleaseApplication(GlobalFrame.pControlDevice);
     }
 }
+} // namespace
 
 // IRQL = PASSIVE. Lock: takes ControlDeviceMutex. Fails: too many are open, or as the open was completed.
-NTSTATUS DispatchCreate(PDEVICE_OBJECT pDevice, PIRP pIrp)
+NTSTATUS DispatchCreate(PDEVICE_OBJECT device, PIRP pIrp)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
     CriticalRegion region; // it holds the keyboard while those below open
     if (!CountOpen()) {
         return CompleteRequest(pIrp, STATUS_INSUFFICIENT_RESOURCES, 0);
     }
-    const NTSTATUS status = PassCreate(pDevice, pIrp);
+    const NTSTATUS status = PassCreate(device, pIrp);
     if (!NT_SUCCESS(status)) {
         UncountOpen();
     }
@@ -87,16 +90,16 @@ NTSTATUS DispatchCreate(PDEVICE_OBJECT pDevice, PIRP pIrp)
 }
 
 // IRQL = PASSIVE. Lock: takes ControlDeviceMutex. Fails: as the close was completed.
-NTSTATUS DispatchClose(PDEVICE_OBJECT pDevice, PIRP pIrp)
+NTSTATUS DispatchClose(PDEVICE_OBJECT device, PIRP pIrp)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
-    const NTSTATUS status = DispatchPassThrough(pDevice, pIrp);
+    const NTSTATUS status = DispatchPassThrough(device, pIrp);
     UncountOpen();
     return status;
 }
 
 // IRQL = PASSIVE.
-NTSTATUS DispatchCleanup(PDEVICE_OBJECT pDevice, PIRP pIrp)
+NTSTATUS DispatchCleanup(PDEVICE_OBJECT device, PIRP pIrp)
 {
-    return DispatchPassThrough(pDevice, pIrp);
+    return DispatchPassThrough(device, pIrp);
 }

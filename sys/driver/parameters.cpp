@@ -11,9 +11,12 @@
 #include "log/fields.h"
 #include "report/fields.h"
 
+namespace
+{
 enum : USHORT { LOG_NAME_BYTES = 265, LOG_NAME_CAPACITY = 255 };
 
-static const WCHAR ParametersKeyName[] = L"\\TolvenParams";
+const WCHAR ParametersKeyName[] = L"\\TolvenParams";
+} // namespace
 
 // The service key path, "\TolvenParams" and a NUL, in memory of its own.
 // IRQL = PASSIVE. Owns: the caller frees the buffer. Fails: no memory, path too long to extend.
@@ -36,9 +39,11 @@ NTSTATUS BuildParametersPath(PUNICODE_STRING pRegistryPath, POOL_TYPE poolType, 
     return STATUS_SUCCESS;
 }
 
+namespace
+{
 // Takes a number.
 // IRQL = PASSIVE. Fails: not a REG_DWORD of four bytes.
-static NTSTATUS NTAPI StoreNumber(PWSTR, ULONG ulType, PVOID pData, ULONG ulBytes, PVOID, PVOID pField)
+NTSTATUS NTAPI StoreNumber(PWSTR, ULONG ulType, PVOID pData, ULONG ulBytes, PVOID, PVOID pField)
 {
     if (ulType != REG_DWORD || ulBytes != sizeof(ULONG)) {
         return STATUS_OBJECT_TYPE_MISMATCH;
@@ -49,7 +54,7 @@ static NTSTATUS NTAPI StoreNumber(PWSTR, ULONG ulType, PVOID pData, ULONG ulByte
 
 // Takes a text up to its first NUL into the counted string.
 // IRQL = PASSIVE. Fails: not a REG_SZ, or with its NUL longer than the string's capacity.
-static NTSTATUS NTAPI StoreText(PWSTR, ULONG ulType, PVOID pData, ULONG ulBytes, PVOID, PVOID pField)
+NTSTATUS NTAPI StoreText(PWSTR, ULONG ulType, PVOID pData, ULONG ulBytes, PVOID, PVOID pField)
 {
     const WCHAR* pText = static_cast<const WCHAR*>(pData);
     PUNICODE_STRING pString = static_cast<PUNICODE_STRING>(pField);
@@ -72,8 +77,8 @@ static NTSTATUS NTAPI StoreText(PWSTR, ULONG ulType, PVOID pData, ULONG ulBytes,
 
 // One value by a query of its own; the default stands in for an absent one.
 // IRQL = PASSIVE. Fails: no such key, or what pStore says.
-static NTSTATUS QueryValue(PUNICODE_STRING pPath, PCWSTR pszName, PRTL_QUERY_REGISTRY_ROUTINE pStore,
-                           PVOID pField, ULONG ulType, PVOID pDefault, ULONG ulDefaultBytes)
+NTSTATUS QueryValue(PUNICODE_STRING pPath, PCWSTR pszName, PRTL_QUERY_REGISTRY_ROUTINE pStore, PVOID pField,
+                    ULONG ulType, PVOID pDefault, ULONG ulDefaultBytes)
 {
     RTL_QUERY_REGISTRY_TABLE table[2];
     RtlZeroMemory(table, sizeof(table)); // the second entry ends the table
@@ -87,11 +92,12 @@ static NTSTATUS QueryValue(PUNICODE_STRING pPath, PCWSTR pszName, PRTL_QUERY_REG
     return RtlQueryRegistryValues(RTL_REGISTRY_ABSOLUTE, pPath->Buffer, table, nullptr, nullptr);
 }
 
-static NTSTATUS QueryNumber(PUNICODE_STRING pPath, PCWSTR pszName, PULONG pulField)
+NTSTATUS QueryNumber(PUNICODE_STRING pPath, PCWSTR pszName, PULONG pulField)
 {
     ULONG ulDefault = *pulField;
     return QueryValue(pPath, pszName, StoreNumber, pulField, REG_DWORD, &ulDefault, sizeof(ulDefault));
 }
+} // namespace
 
 // Fills Settings from the parameters key. The log's level and size are read only behind a good log file name.
 // IRQL = PASSIVE. Fails: no memory, or as the last query failed; the caller need not care.

@@ -18,12 +18,14 @@
 #include "macro/parkedfields.h"
 #include "siblings/siblings.h"
 
+namespace
+{
 enum : LONGLONG { CLOSE_WAIT_100NS = 50000000 }; // 5 seconds
 
 // A property that does not fit leaves the field as it was.
 // IRQL = PASSIVE. Lock: takes InterfaceLock.
-static void ReadProperty(FrameFields& frame, DEVICE_REGISTRY_PROPERTY property,
-                         WCHAR (FrameFields::*pField)[PROPERTY_CHARS])
+void ReadProperty(FrameFields& frame, DEVICE_REGISTRY_PROPERTY property,
+                  WCHAR (FrameFields::*pField)[PROPERTY_CHARS])
 {
     WCHAR buffer[PROPERTY_CHARS];
     ULONG ulBytes = 0;
@@ -36,7 +38,7 @@ static void ReadProperty(FrameFields& frame, DEVICE_REGISTRY_PROPERTY property,
 
 // Counts a keyboard as started, once however often it is started.
 // IRQL = PASSIVE. Lock: takes KeyboardListLock.
-static void CountStarted(DeviceContext* pContext)
+void CountStarted(DeviceContext* pContext)
 {
     RoofFields& roof = FieldsOf<RoofFields>(pContext);
     LockScope lock(GlobalFrame.KeyboardListLock);
@@ -48,7 +50,7 @@ static void CountStarted(DeviceContext* pContext)
 
 // True for the last started keyboard. A keyboard that was not counted takes nothing off.
 // IRQL = PASSIVE. Lock: takes KeyboardListLock.
-static bool UncountStarted(DeviceContext* pContext)
+bool UncountStarted(DeviceContext* pContext)
 {
     RoofFields& roof = FieldsOf<RoofFields>(pContext);
     LockScope lock(GlobalFrame.KeyboardListLock);
@@ -60,9 +62,9 @@ static bool UncountStarted(DeviceContext* pContext)
 }
 
 // IRQL = PASSIVE. Fails: with the lower driver's final status; the keyboard is counted all the same.
-static NTSTATUS StartKeyboard(PDEVICE_OBJECT pDevice, PIRP pIrp)
+NTSTATUS StartKeyboard(PDEVICE_OBJECT device, PIRP pIrp)
 {
-    DeviceContext* pContext = FilterContextOf(pDevice);
+    DeviceContext* pContext = FilterContextOf(device);
     USHORT usUnusedRate = 0;
     USHORT usUnusedDelay = 0;
 
@@ -73,15 +75,15 @@ static NTSTATUS StartKeyboard(PDEVICE_OBJECT pDevice, PIRP pIrp)
     const NTSTATUS status = ForwardAndWait(pContext, pIrp);
     CompleteRequest(pIrp, status, 0);
 
-    CreateControlDevice(pDevice); // a failed creation is tried again by the next start
-    QueryKeyboardTypematic(IndexOf(pDevice), &usUnusedRate, &usUnusedDelay);
+    CreateControlDevice(device); // a failed creation is tried again by the next start
+    QueryKeyboardTypematic(IndexOf(device), &usUnusedRate, &usUnusedDelay);
     CountStarted(pContext);
     return status;
 }
 
 // Tells the application that the last keyboard is gone and gives it time to close the driver.
 // IRQL = PASSIVE. Owns: a reference on the control device across the wait.
-static void WaitForApplicationClose()
+void WaitForApplicationClose()
 {
     LARGE_INTEGER timeout;
     PDEVICE_OBJECT pControlDevice = ReferenceControlDevice();
@@ -98,10 +100,10 @@ static void WaitForApplicationClose()
 }
 
 // IRQL = PASSIVE. Fails: as the device below says.
-static NTSTATUS SurpriseRemoveKeyboard(PDEVICE_OBJECT pDevice, PIRP pIrp)
+NTSTATUS SurpriseRemoveKeyboard(PDEVICE_OBJECT device, PIRP pIrp)
 {
-    DeviceContext* pContext = FilterContextOf(pDevice);
-    CompleteParkedReads(pDevice);
+    DeviceContext* pContext = FilterContextOf(device);
+    CompleteParkedReads(device);
     if (UncountStarted(pContext)) {
         WaitForApplicationClose();
     }
@@ -110,73 +112,74 @@ static NTSTATUS SurpriseRemoveKeyboard(PDEVICE_OBJECT pDevice, PIRP pIrp)
 
 // No timer of this keyboard is armed and none of its deferred calls runs afterwards.
 // IRQL = PASSIVE.
-static void StopTimers(PDEVICE_OBJECT pDevice)
+void StopTimers(PDEVICE_OBJECT device)
 {
-    StopTypematic(pDevice);
-    StopKorvexDelay(pDevice);
+    StopTypematic(device);
+    StopKorvexDelay(device);
     KeFlushQueuedDpcs();
 }
 
 // Takes back what the keyboard has here. Whoever still uses it (requests, reads at the keyboard, work items)
 // holds a reference and is waited for; only then are its definitions and registrations freed.
 // IRQL = PASSIVE. Fails: as the device below says; the filter device is gone in any case.
-static NTSTATUS RemoveKeyboard(PDEVICE_OBJECT pDevice, PIRP pIrp)
+NTSTATUS RemoveKeyboard(PDEVICE_OBJECT device, PIRP pIrp)
 {
-    DeviceContext* pContext = FilterContextOf(pDevice);
+    DeviceContext* pContext = FilterContextOf(device);
     PDEVICE_OBJECT pLower = FieldsOf<FrameFields>(pContext).pLowerDevice;
 
-    RefuseNewReferences(pDevice);
+    RefuseNewReferences(device);
     WakeInsertScans(pContext);
     WakeInsertUSBPackets(pContext);
-    CompleteParkedReads(pDevice);
+    CompleteParkedReads(device);
     const NTSTATUS status = ForwardRequest(pContext, pIrp);
 
     EndReportProcessing(pContext); // by index the device is no longer found
-    StopTimers(pDevice);
-    WaitForReferences(pDevice);
-    StopTimers(pDevice); // a report that was under way may have started them again
-    FreeKeyDefinitions(pDevice);
-    DropNotifyEvent(pDevice);
-    DeleteControlDevice(pDevice);
-    UnlinkKeyboard(pDevice);
+    StopTimers(device);
+    WaitForReferences(device);
+    StopTimers(device); // a report that was under way may have started them again
+    FreeKeyDefinitions(device);
+    DropNotifyEvent(device);
+    DeleteControlDevice(device);
+    UnlinkKeyboard(device);
     IoDetachDevice(pLower);
-    IoDeleteDevice(pDevice);
+    IoDeleteDevice(device);
     return status;
 }
 
 // The minor functions of a started or starting keyboard. The caller holds the device.
 // IRQL = PASSIVE. Fails: with the status that the request was completed with.
-static NTSTATUS DispatchHeldPnp(PDEVICE_OBJECT pDevice, PIRP pIrp)
+NTSTATUS DispatchHeldPnp(PDEVICE_OBJECT device, PIRP pIrp)
 {
     switch (IoGetCurrentIrpStackLocation(pIrp)->MinorFunction) {
     case IRP_MN_START_DEVICE:
-        return StartKeyboard(pDevice, pIrp);
+        return StartKeyboard(device, pIrp);
     case IRP_MN_QUERY_REMOVE_DEVICE:
         FreeMacroTable();
-        return ForwardRequest(FilterContextOf(pDevice), pIrp);
+        return ForwardRequest(FilterContextOf(device), pIrp);
     case IRP_MN_SURPRISE_REMOVAL:
-        return SurpriseRemoveKeyboard(pDevice, pIrp);
+        return SurpriseRemoveKeyboard(device, pIrp);
     default:
-        return ForwardRequest(FilterContextOf(pDevice), pIrp);
+        return ForwardRequest(FilterContextOf(device), pIrp);
     }
 }
+} // namespace
 
 // IRQL = PASSIVE. Fails: nothing below, the device is being removed, or as the device below says.
-NTSTATUS DispatchPnp(PDEVICE_OBJECT pDevice, PIRP pIrp)
+NTSTATUS DispatchPnp(PDEVICE_OBJECT device, PIRP pIrp)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
-    if (IsControlDevice(pDevice)) {
-        return DispatchControlPnp(pDevice, pIrp);
+    if (IsControlDevice(device)) {
+        return DispatchControlPnp(device, pIrp);
     }
-    if (!IsFilterDevice(pDevice) || FieldsOf<FrameFields>(pDevice).pLowerDevice == nullptr) {
+    if (!IsFilterDevice(device) || FieldsOf<FrameFields>(device).pLowerDevice == nullptr) {
         return CompleteRequest(pIrp, STATUS_UNSUCCESSFUL, 0);
     }
     if (IoGetCurrentIrpStackLocation(pIrp)->MinorFunction == IRP_MN_REMOVE_DEVICE) {
-        return RemoveKeyboard(pDevice, pIrp);
+        return RemoveKeyboard(device, pIrp);
     }
-    const KeyboardReference keyboard(pDevice);
+    const KeyboardReference keyboard(device);
     if (!keyboard.IsHeld()) {
         return CompleteRequest(pIrp, keyboard.Status(), 0);
     }
-    return DispatchHeldPnp(pDevice, pIrp);
+    return DispatchHeldPnp(device, pIrp);
 }

@@ -8,14 +8,17 @@
 #include "log/log.h"
 #include "macro/macro.h"
 
+namespace
+{
 // IRQL = PASSIVE.
-static void FreeString(PUNICODE_STRING pString)
+void FreeString(PUNICODE_STRING pString)
 {
     if (pString->Buffer != nullptr) {
         ExFreePoolWithTag(pString->Buffer, POOL_TAG);
     }
     RtlZeroMemory(pString, sizeof(*pString));
 }
+} // namespace
 
 // IRQL = PASSIVE, nobody else runs in the driver.
 void FreeDriverResources()

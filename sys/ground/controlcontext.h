@@ -23,14 +23,14 @@ struct ControlContext {
     SiblingLink Ps2Keyboard;
 };
 
-inline bool IsControlDevice(PDEVICE_OBJECT pDevice)
+inline bool IsControlDevice(PDEVICE_OBJECT device)
 {
-    const auto pContext = static_cast<const ControlContext*>(pDevice->DeviceExtension);
+    const auto pContext = static_cast<const ControlContext*>(device->DeviceExtension);
     return pContext != nullptr && LoadAcquire(pContext->ulDeviceKind) == CONTROL_DEVICE_KIND;
 }
 
-inline ControlContext* ControlContextOf(PDEVICE_OBJECT pDevice)
+inline ControlContext* ControlContextOf(PDEVICE_OBJECT device)
 {
-    NT_ASSERT(IsControlDevice(pDevice));
-    return static_cast<ControlContext*>(pDevice->DeviceExtension);
+    NT_ASSERT(IsControlDevice(device));
+    return static_cast<ControlContext*>(device->DeviceExtension);
 }

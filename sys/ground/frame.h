@@ -94,21 +94,21 @@ template <typename Fields> inline const Fields& FieldsOf(const DeviceContext* pC
 }
 
 // The room's fields come from a filter device; any other one stops the host.
-inline bool IsFilterDevice(PDEVICE_OBJECT pDevice)
+inline bool IsFilterDevice(PDEVICE_OBJECT device)
 {
-    const auto pFrame = static_cast<const FrameFields*>(pDevice->DeviceExtension);
+    const auto pFrame = static_cast<const FrameFields*>(device->DeviceExtension);
     return pFrame != nullptr && LoadAcquire(pFrame->ulDeviceKind) == FILTER_DEVICE_KIND;
 }
 
-inline DeviceContext* FilterContextOf(PDEVICE_OBJECT pDevice)
+inline DeviceContext* FilterContextOf(PDEVICE_OBJECT device)
 {
-    NT_ASSERT(IsFilterDevice(pDevice));
-    return static_cast<DeviceContext*>(pDevice->DeviceExtension);
+    NT_ASSERT(IsFilterDevice(device));
+    return static_cast<DeviceContext*>(device->DeviceExtension);
 }
 
-template <typename Fields> inline Fields& FieldsOf(PDEVICE_OBJECT pDevice)
+template <typename Fields> inline Fields& FieldsOf(PDEVICE_OBJECT device)
 {
-    return FieldsOf<Fields>(FilterContextOf(pDevice));
+    return FieldsOf<Fields>(FilterContextOf(device));
 }
 
 // By which applications and trace points call the keyboard.
@@ -117,7 +117,7 @@ inline ULONG IndexOf(const DeviceContext* pContext)
     return FieldsOf<FrameFields>(pContext).ulDeviceIndex;
 }
 
-inline ULONG IndexOf(PDEVICE_OBJECT pDevice)
+inline ULONG IndexOf(PDEVICE_OBJECT device)
 {
-    return FieldsOf<FrameFields>(pDevice).ulDeviceIndex;
+    return FieldsOf<FrameFields>(device).ulDeviceIndex;
 }

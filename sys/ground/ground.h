@@ -9,30 +9,30 @@
 
 // Every IRP_MJ entry of the dispatch table. IRQL <= DISPATCH unless the routine says less. Fails: with the
 // status that the request was completed with.
-using DispatchRoutine = NTSTATUS(PDEVICE_OBJECT pDevice, PIRP pIrp);
+using DispatchRoutine = NTSTATUS(PDEVICE_OBJECT device, PIRP pIrp);
 
 // A timer whose deferred call gets the device. IRQL = PASSIVE.
-inline void InitializeTimer(TimerWithDpc* pTimer, PKDEFERRED_ROUTINE pRoutine, PDEVICE_OBJECT pDevice)
+inline void InitializeTimer(TimerWithDpc* pTimer, PKDEFERRED_ROUTINE pRoutine, PDEVICE_OBJECT device)
 {
     KeInitializeTimer(&pTimer->Timer);
-    KeInitializeDpc(&pTimer->Dpc, pRoutine, pDevice);
+    KeInitializeDpc(&pTimer->Dpc, pRoutine, device);
 }
 
 // memory.cpp
 PVOID AllocateZeroed(POOL_TYPE poolType, SIZE_T ulBytes); // POOL_TAG; null when there is none
 
 // keyboards.cpp: which filter devices there are, and that none goes away while it is used
-bool AcquireDevice(PDEVICE_OBJECT pDevice); // false: being removed
-void ReleaseDevice(PDEVICE_OBJECT pDevice);
-PDEVICE_OBJECT FirstKeyboard();                      // newest first; referenced; null at the end
-PDEVICE_OBJECT NextKeyboard(PDEVICE_OBJECT pDevice); // releases pDevice, references the next
-void InitializeKeyboardList();                       // at entry
+bool AcquireDevice(PDEVICE_OBJECT device); // false: being removed
+void ReleaseDevice(PDEVICE_OBJECT device);
+PDEVICE_OBJECT FirstKeyboard();                     // newest first; referenced; null at the end
+PDEVICE_OBJECT NextKeyboard(PDEVICE_OBJECT device); // releases device, references the next
+void InitializeKeyboardList();                      // at entry
 void InitializeFrame(DeviceContext* pContext, PDEVICE_OBJECT pPhysicalDevice,
                      ULONG ulDeviceIndex); // at add-device
-void PublishKeyboard(PDEVICE_OBJECT pDevice);
-void RefuseNewReferences(PDEVICE_OBJECT pDevice);
-void WaitForReferences(PDEVICE_OBJECT pDevice);
-void UnlinkKeyboard(PDEVICE_OBJECT pDevice);
+void PublishKeyboard(PDEVICE_OBJECT device);
+void RefuseNewReferences(PDEVICE_OBJECT device);
+void WaitForReferences(PDEVICE_OBJECT device);
+void UnlinkKeyboard(PDEVICE_OBJECT device);
 
 // find.cpp: the device comes referenced; the caller gives it back with ReleaseDevice.
 NTSTATUS FindDeviceByIndex(ULONG ulDeviceIndex, PDEVICE_OBJECT* ppDevice);
@@ -89,8 +89,8 @@ public:
         : device(nullptr), HeldStatus(FindDeviceByIndex(ulDeviceIndex, &device))
     {
     }
-    explicit KeyboardReference(PDEVICE_OBJECT pDevice)
-        : device(AcquireDevice(pDevice) ? pDevice : nullptr),
+    explicit KeyboardReference(PDEVICE_OBJECT asked)
+        : device(AcquireDevice(asked) ? asked : nullptr),
           HeldStatus(device != nullptr ? STATUS_SUCCESS : STATUS_DELETE_PENDING)
     {
     }

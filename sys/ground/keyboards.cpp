@@ -10,14 +10,14 @@
 
 // From here to ReleaseDevice the device, its record and its lower device stay.
 // IRQL <= DISPATCH. Owns: one reference. Fails: false, the device is being removed or is no keyboard.
-bool AcquireDevice(PDEVICE_OBJECT pDevice)
+bool AcquireDevice(PDEVICE_OBJECT device)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
-    if (!IsFilterDevice(pDevice) || !AddUser(FieldsOf<FrameFields>(pDevice).lReferences)) {
+    if (!IsFilterDevice(device) || !AddUser(FieldsOf<FrameFields>(device).lReferences)) {
         return false;
     }
-    if (ReadShared(FieldsOf<FrameFields>(pDevice).ucRemoving) != 0) {
-        ReleaseDevice(pDevice);
+    if (ReadShared(FieldsOf<FrameFields>(device).ucRemoving) != 0) {
+        ReleaseDevice(device);
         return false;
     }
     return true;
@@ -25,24 +25,27 @@ bool AcquireDevice(PDEVICE_OBJECT pDevice)
 
 // Gives a reference back; the last one wakes the removal.
 // IRQL <= DISPATCH.
-void ReleaseDevice(PDEVICE_OBJECT pDevice)
+void ReleaseDevice(PDEVICE_OBJECT device)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
-    FrameFields& frame = FieldsOf<FrameFields>(pDevice);
+    FrameFields& frame = FieldsOf<FrameFields>(device);
     if (InterlockedDecrement(&frame.lReferences) == 0) {
         KeSetEvent(&frame.ReferencesGone, IO_NO_INCREMENT, FALSE);
     }
 }
 
-// The first of the devices from pDevice on that takes a reference.
-// IRQL = DISPATCH. Owns: one reference on the result.
-static PDEVICE_OBJECT AcquireFrom(PDEVICE_OBJECT pDevice) REQUIRES_LOCK(GlobalFrame.KeyboardListLock)
+namespace
 {
-    while (pDevice != nullptr && !AcquireDevice(pDevice)) {
-        pDevice = FieldsOf<FrameFields>(pDevice).pNextKeyboard;
+// The first of the devices from device on that takes a reference.
+// IRQL = DISPATCH. Owns: one reference on the result.
+PDEVICE_OBJECT AcquireFrom(PDEVICE_OBJECT device) REQUIRES_LOCK(GlobalFrame.KeyboardListLock)
+{
+    while (device != nullptr && !AcquireDevice(device)) {
+        device = FieldsOf<FrameFields>(device).pNextKeyboard;
     }
-    return pDevice;
+    return device;
 }
+} // namespace
 
 // IRQL <= DISPATCH. Lock: takes KeyboardListLock. Owns: one reference on the result, null at the end.
 PDEVICE_OBJECT FirstKeyboard()
@@ -52,56 +55,56 @@ PDEVICE_OBJECT FirstKeyboard()
     return AcquireFrom(GlobalFrame.pFirstKeyboard);
 }
 
-// The walk's step: the reference moves on to the next device. A walk that stops early releases pDevice.
+// The walk's step: the reference moves on to the next device. A walk that stops early releases device.
 // IRQL <= DISPATCH. Lock: takes KeyboardListLock. Owns: one reference on the result, null at the end.
-PDEVICE_OBJECT NextKeyboard(PDEVICE_OBJECT pDevice)
+PDEVICE_OBJECT NextKeyboard(PDEVICE_OBJECT device)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
     PDEVICE_OBJECT pNext;
     {
         LockScope lock(GlobalFrame.KeyboardListLock);
-        pNext = AcquireFrom(FieldsOf<FrameFields>(pDevice).pNextKeyboard);
+        pNext = AcquireFrom(FieldsOf<FrameFields>(device).pNextKeyboard);
     }
-    ReleaseDevice(pDevice);
+    ReleaseDevice(device);
     return pNext;
 }
 
 // Makes a complete device findable.
 // IRQL = PASSIVE. Lock: takes KeyboardListLock.
-void PublishKeyboard(PDEVICE_OBJECT pDevice)
+void PublishKeyboard(PDEVICE_OBJECT device)
 {
     LockScope lock(GlobalFrame.KeyboardListLock);
-    FieldsOf<FrameFields>(pDevice).pNextKeyboard = GlobalFrame.pFirstKeyboard;
-    GlobalFrame.pFirstKeyboard = pDevice;
+    FieldsOf<FrameFields>(device).pNextKeyboard = GlobalFrame.pFirstKeyboard;
+    GlobalFrame.pFirstKeyboard = device;
 }
 
 // The exchange keeps the order: a user that still got its reference is seen by WaitForReferences.
 // IRQL <= DISPATCH.
-void RefuseNewReferences(PDEVICE_OBJECT pDevice)
+void RefuseNewReferences(PDEVICE_OBJECT device)
 {
-    ExchangeShared(FieldsOf<FrameFields>(pDevice).ucRemoving, 1);
+    ExchangeShared(FieldsOf<FrameFields>(device).ucRemoving, 1);
 }
 
 // Gives up the reference that the attached device holds on itself and waits for all others.
 // IRQL = PASSIVE, once, after RefuseNewReferences.
-void WaitForReferences(PDEVICE_OBJECT pDevice)
+void WaitForReferences(PDEVICE_OBJECT device)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
-    ReleaseDevice(pDevice);
-    KeWaitForSingleObject(&FieldsOf<FrameFields>(pDevice).ReferencesGone, Executive, KernelMode, FALSE,
+    ReleaseDevice(device);
+    KeWaitForSingleObject(&FieldsOf<FrameFields>(device).ReferencesGone, Executive, KernelMode, FALSE,
                           nullptr);
 }
 
 // IRQL = PASSIVE, after WaitForReferences. Lock: takes KeyboardListLock.
-void UnlinkKeyboard(PDEVICE_OBJECT pDevice)
+void UnlinkKeyboard(PDEVICE_OBJECT device)
 {
     LockScope lock(GlobalFrame.KeyboardListLock);
     PDEVICE_OBJECT* ppLink = &GlobalFrame.pFirstKeyboard;
-    while (*ppLink != nullptr && *ppLink != pDevice) {
+    while (*ppLink != nullptr && *ppLink != device) {
         ppLink = &FieldsOf<FrameFields>(*ppLink).pNextKeyboard;
     }
     if (*ppLink != nullptr) {
-        *ppLink = FieldsOf<FrameFields>(pDevice).pNextKeyboard;
+        *ppLink = FieldsOf<FrameFields>(device).pNextKeyboard;
     }
 }
 

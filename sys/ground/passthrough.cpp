@@ -27,11 +27,14 @@ NTSTATUS ForwardRequest(DeviceContext* pContext, PIRP pIrp)
     return IoCallDriver(frame.pLowerDevice, pIrp);
 }
 
-static NTSTATUS NTAPI SignalForwarded(PDEVICE_OBJECT, PIRP, PVOID pEvent)
+namespace
+{
+NTSTATUS NTAPI SignalForwarded(PDEVICE_OBJECT, PIRP, PVOID pEvent)
 {
     KeSetEvent(static_cast<PKEVENT>(pEvent), IO_NO_INCREMENT, FALSE);
     return STATUS_MORE_PROCESSING_REQUIRED;
 }
+} // namespace
 
 // Sends a request down and waits until the drivers below are done with it; it comes back to the caller, who
 // completes it. The caller holds the device, which has a lower one.
@@ -50,13 +53,13 @@ NTSTATUS ForwardAndWait(DeviceContext* pContext, PIRP pIrp)
 }
 
 // IRQL <= DISPATCH. Fails: the device is being removed, or as the device below says.
-NTSTATUS DispatchPassThrough(PDEVICE_OBJECT pDevice, PIRP pIrp)
+NTSTATUS DispatchPassThrough(PDEVICE_OBJECT device, PIRP pIrp)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
-    if (IsControlDevice(pDevice)) {
+    if (IsControlDevice(device)) {
         return CompleteRequest(pIrp, STATUS_SUCCESS, 0);
     }
-    const KeyboardReference keyboard(pDevice);
+    const KeyboardReference keyboard(device);
     if (!keyboard.IsHeld()) {
         return CompleteRequest(pIrp, keyboard.Status(), 0);
     }
@@ -64,21 +67,21 @@ NTSTATUS DispatchPassThrough(PDEVICE_OBJECT pDevice, PIRP pIrp)
 }
 
 // IRQL <= DISPATCH.
-NTSTATUS DispatchRead(PDEVICE_OBJECT pDevice, PIRP pIrp)
+NTSTATUS DispatchRead(PDEVICE_OBJECT device, PIRP pIrp)
 {
-    return DispatchPassThrough(pDevice, pIrp);
+    return DispatchPassThrough(device, pIrp);
 }
 
 // Power requests are released one after the other to those below, completed here or not.
 // IRQL <= DISPATCH. Fails: the device is being removed, nothing below, or as the device below says.
-NTSTATUS DispatchPower(PDEVICE_OBJECT pDevice, PIRP pIrp)
+NTSTATUS DispatchPower(PDEVICE_OBJECT device, PIRP pIrp)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
-    if (IsControlDevice(pDevice)) {
+    if (IsControlDevice(device)) {
         return CompleteRequest(pIrp, STATUS_SUCCESS, 0);
     }
     PoStartNextPowerIrp(pIrp);
-    const KeyboardReference keyboard(pDevice);
+    const KeyboardReference keyboard(device);
     if (!keyboard.IsHeld()) {
         return CompleteRequest(pIrp, keyboard.Status(), 0);
     }

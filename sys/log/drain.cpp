@@ -14,16 +14,19 @@
 #include "log/log.h"
 #include "log/text.h"
 
-static KDEFERRED_ROUTINE LogDpcRoutine;
-static KSTART_ROUTINE DrainThread;
+namespace
+{
+KDEFERRED_ROUTINE LogDpcRoutine;
+KSTART_ROUTINE DrainThread;
 
 // A message came above DISPATCH_LEVEL.
 // IRQL = DISPATCH.
-static void NTAPI LogDpcRoutine(PKDPC, PVOID, PVOID, PVOID)
+void NTAPI LogDpcRoutine(PKDPC, PVOID, PVOID, PVOID)
 {
     WriteShared(GlobalLog.ucLogDpcPending, 0);
     SignalLogEvent();
 }
+} // namespace
 
 // IRQL = PASSIVE, once at driver entry.
 void InitializeLog()
@@ -34,9 +37,11 @@ void InitializeLog()
     KeInitializeEvent(&GlobalLog.LogEnded, NotificationEvent, FALSE);
 }
 
+namespace
+{
 // What is to be written now, and whether text was lost behind it.
 // IRQL = PASSIVE. Lock: takes LogLock.
-static ULONG MeasureText(PUCHAR pucCut)
+ULONG MeasureText(PUCHAR pucCut)
 {
     LogScope scope;
     *pucCut = GlobalLog.ucLogCut;
@@ -45,7 +50,7 @@ static ULONG MeasureText(PUCHAR pucCut)
 
 // Takes the written text off; a mark is settled only by the text that ended at it.
 // IRQL = PASSIVE. Lock: takes LogLock.
-static void TakeText(ULONG ulLength, UCHAR ucCut)
+void TakeText(ULONG ulLength, UCHAR ucCut)
 {
     LogScope scope;
     const ULONG ulRest = GlobalLog.ulLogLength - ulLength;
@@ -57,7 +62,7 @@ static void TakeText(ULONG ulLength, UCHAR ucCut)
 }
 
 // IRQL = PASSIVE. Fails: the file refuses; what was not written stays.
-static NTSTATUS DrainOnce()
+NTSTATUS DrainOnce()
 {
     UCHAR ucCut = 0;
     ULONG ulWritten = 0;
@@ -72,7 +77,7 @@ static NTSTATUS DrainOnce()
 }
 
 // IRQL = PASSIVE.
-static void NTAPI DrainThread(PVOID)
+void NTAPI DrainThread(PVOID)
 {
     bool bStop = false;
     while (!bStop) {
@@ -87,7 +92,7 @@ static void NTAPI DrainThread(PVOID)
 
 // Ends the drain, which writes what is left first, and takes the buffer from the writers.
 // IRQL = PASSIVE, nobody writes any more.
-static void EndDrain()
+void EndDrain()
 {
     WriteShared(GlobalLog.ucLogStop, 1);
     KeSetEvent(&GlobalLog.LogEvent, IO_NO_INCREMENT, FALSE);
@@ -100,7 +105,7 @@ static void EndDrain()
 }
 
 // IRQL = PASSIVE.
-static void FreeLogBuffer()
+void FreeLogBuffer()
 {
     char* pBuffer = ExchangeShared(GlobalLog.pLogBuffer, static_cast<char*>(nullptr));
     if (pBuffer != nullptr) {
@@ -110,7 +115,7 @@ static void FreeLogBuffer()
 
 // The thread object is held, so that StopLog can wait until the last instruction of the drain is through.
 // IRQL = PASSIVE. Owns: the thread until EndDrain. Fails: no thread, no reference; no thread runs then.
-static NTSTATUS StartDrain()
+NTSTATUS StartDrain()
 {
     HANDLE hThread = nullptr;
     OBJECT_ATTRIBUTES attributes;
@@ -129,6 +134,7 @@ static NTSTATUS StartDrain()
     }
     return status;
 }
+} // namespace
 
 // Without a log file name there is no log and nothing to start.
 // IRQL = PASSIVE, once. Owns: buffer and thread until StopLog. Fails: no memory, no thread; the log stays

@@ -11,6 +11,8 @@
 
 #include "log/fields.h"
 
+namespace
+{
 enum : ULONG { NAME_CHARS = 140 }; // prefix + 126 characters + ".old"
 
 struct LogFile {
@@ -21,7 +23,7 @@ struct LogFile {
 
 // The name as the system wants it: a drive path gets the prefix of the system's drive names.
 // IRQL = PASSIVE. Fails: never, a stored name always fits.
-static void BuildName(PUNICODE_STRING pName, PWCH pBuffer, PCWSTR pszSuffix)
+void BuildName(PUNICODE_STRING pName, PWCH pBuffer, PCWSTR pszSuffix)
 {
     pName->Buffer = pBuffer;
     pName->Length = 0;
@@ -35,7 +37,7 @@ static void BuildName(PUNICODE_STRING pName, PWCH pBuffer, PCWSTR pszSuffix)
 
 // Opens the file, made if it is not there.
 // IRQL = PASSIVE. Owns: the caller closes the handle. Fails: as the file system says.
-static NTSTATUS OpenByName(ACCESS_MASK access, PHANDLE phFile)
+NTSTATUS OpenByName(ACCESS_MASK access, PHANDLE phFile)
 {
     WCHAR nameBuffer[NAME_CHARS];
     UNICODE_STRING name;
@@ -52,7 +54,7 @@ static NTSTATUS OpenByName(ACCESS_MASK access, PHANDLE phFile)
 
 // Opens the file for appending.
 // IRQL = PASSIVE. Owns: the caller closes the handle. Fails: the file refuses; no file is open then.
-static NTSTATUS OpenLogFile(LogFile* pFile)
+NTSTATUS OpenLogFile(LogFile* pFile)
 {
     IO_STATUS_BLOCK ioStatus;
     FILE_STANDARD_INFORMATION information;
@@ -72,7 +74,7 @@ static NTSTATUS OpenLogFile(LogFile* pFile)
 
 // Gives the file the older one's name, in place of the last older one.
 // IRQL = PASSIVE. Fails: it keeps its name, because somebody reads it or the file system says so.
-static NTSTATUS RenameLogFile()
+NTSTATUS RenameLogFile()
 {
     struct {
         FILE_RENAME_INFORMATION Rename;
@@ -100,7 +102,7 @@ static NTSTATUS RenameLogFile()
 
 // Turns the open file into the older one and opens a new file.
 // IRQL = PASSIVE. Fails: the file keeps its name or the new one cannot be made; no file is open then.
-static NTSTATUS StartOver(LogFile* pFile)
+NTSTATUS StartOver(LogFile* pFile)
 {
     ZwClose(pFile->hFile);
     const NTSTATUS status = RenameLogFile();
@@ -108,7 +110,7 @@ static NTSTATUS StartOver(LogFile* pFile)
 }
 
 // IRQL = PASSIVE. Fails: the file refuses.
-static NTSTATUS AppendPiece(LogFile* pFile, const char* pText, ULONG ulLength)
+NTSTATUS AppendPiece(LogFile* pFile, const char* pText, ULONG ulLength)
 {
     IO_STATUS_BLOCK ioStatus;
     LARGE_INTEGER end;
@@ -124,7 +126,7 @@ static NTSTATUS AppendPiece(LogFile* pFile, const char* pText, ULONG ulLength)
 }
 
 // The length of the whole lines at the text's start that take no more than llRoom; at least one line.
-static ULONG MeasureLines(const char* pText, ULONG ulLength, LONGLONG llRoom)
+ULONG MeasureLines(const char* pText, ULONG ulLength, LONGLONG llRoom)
 {
     if (ulLength <= llRoom) {
         return ulLength;
@@ -143,7 +145,7 @@ static ULONG MeasureLines(const char* pText, ULONG ulLength, LONGLONG llRoom)
 
 // Appends text, starting the file over as often as its size asks for.
 // IRQL = PASSIVE. Fails: the file refuses; no file is open then.
-static NTSTATUS AppendLines(LogFile* pFile, const char* pText, ULONG ulLength, PULONG pulWritten)
+NTSTATUS AppendLines(LogFile* pFile, const char* pText, ULONG ulLength, PULONG pulWritten)
 {
     const LONGLONG llLimit =
         SettingsOfLog.ulLogFileSize != 0 ? SettingsOfLog.ulLogFileSize : 0x7FFFFFFFFFFFFFFFLL;
@@ -172,7 +174,7 @@ static NTSTATUS AppendLines(LogFile* pFile, const char* pText, ULONG ulLength, P
 // The line that says that text is missing, a line of its own: a text that was cut within a line, now or when it
 // was written, has no line end.
 // IRQL = PASSIVE. Fails: as AppendLines.
-static NTSTATUS AppendMark(LogFile* pFile)
+NTSTATUS AppendMark(LogFile* pFile)
 {
     const char* pszMark = "\r\nOVERFLOW\r\n";
     if (pFile->cLast == '\n') {
@@ -183,6 +185,7 @@ static NTSTATUS AppendMark(LogFile* pFile)
     ULONG ulWritten = 0;
     return AppendLines(pFile, pszMark, static_cast<ULONG>(strlen(pszMark)), &ulWritten);
 }
+} // namespace
 
 // IRQL = PASSIVE. Fails: the file refuses; *pulWritten tells how far it came.
 NTSTATUS WriteLogFile(const char* pText, ULONG ulLength, UCHAR ucCut, char* pcLast, PULONG pulWritten)

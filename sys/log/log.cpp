@@ -44,14 +44,17 @@ LogScope::~LogScope()
     }
 }
 
+namespace
+{
 // There is a buffer, a file name, and the level passes.
 // IRQL any.
-static bool IsLevelKept(UCHAR ucLevel)
+bool IsLevelKept(UCHAR ucLevel)
 {
     const WCHAR* pName = SettingsOfLog.LogFileName.Buffer;
     return ReadShared(GlobalLog.pLogBuffer) != nullptr && pName != nullptr && pName[0] != UNICODE_NULL &&
            ucLevel <= (SettingsOfLog.ulLogLevel & 0xFF);
 }
+} // namespace
 
 // IRQL any.
 bool IsLevelOn(UCHAR ucLevel)
@@ -59,8 +62,10 @@ bool IsLevelOn(UCHAR ucLevel)
     return IsLevelKept(ucLevel) && (SettingsOfLog.ulLogLevel != ONLY_LEVEL || ucLevel == ONLY_LEVEL);
 }
 
+namespace
+{
 // With leading zeros. Returns the text's new end.
-static char* AppendNumber(char* pszEnd, ULONG ulNumber, ULONG ulLeast)
+char* AppendNumber(char* pszEnd, ULONG ulNumber, ULONG ulLeast)
 {
     char Digits[10];
     ULONG ulDigits = 0;
@@ -76,7 +81,7 @@ static char* AppendNumber(char* pszEnd, ULONG ulNumber, ULONG ulLeast)
 
 // Returns the text's new length.
 // IRQL = DISPATCH or above, under LogLock. Fails: the end is cut; the mark is set.
-static ULONG AppendText(char* pszLog, ULONG ulLength, const char* pszText)
+ULONG AppendText(char* pszLog, ULONG ulLength, const char* pszText)
 {
     while (*pszText != '\0' && ulLength < LOG_FULL - 1) {
         pszLog[ulLength++] = *pszText++;
@@ -90,7 +95,7 @@ static ULONG AppendText(char* pszLog, ULONG ulLength, const char* pszText)
 
 // The time as a line's head. Returns the text's new length.
 // IRQL = DISPATCH or above, under LogLock. Fails: the end is cut; the mark is set.
-static ULONG AppendTime(char* pszLog, ULONG ulLength)
+ULONG AppendTime(char* pszLog, ULONG ulLength)
 {
     LARGE_INTEGER now;
     TIME_FIELDS time;
@@ -117,13 +122,13 @@ static ULONG AppendTime(char* pszLog, ULONG ulLength)
 
 // Whether a line finds a place at all.
 // IRQL any.
-static bool IsThereRoom()
+bool IsThereRoom()
 {
     return ReadShared(GlobalLog.ulLogLength) < LOG_FULL - 1 && ReadShared(GlobalLog.ucLogCut) == 0;
 }
 
 // IRQL any. Lock: takes LogLock. Fails: a full text drops the line; the mark is set.
-static void AppendLine(char* pszLog, UCHAR ucTimestamp, const char* pszText)
+void AppendLine(char* pszLog, UCHAR ucTimestamp, const char* pszText)
 {
     LogScope scope;
     if (!IsThereRoom()) {
@@ -137,6 +142,7 @@ static void AppendLine(char* pszLog, UCHAR ucTimestamp, const char* pszText)
     ulLength = AppendText(pszLog, ulLength, pszText);
     WriteShared(GlobalLog.ulLogLength, AppendText(pszLog, ulLength, "\r\n"));
 }
+} // namespace
 
 // Sets the event unless the drain has yet to take the last one: it clears the mark before it looks at the text, so
 // it sees what was appended before the mark was found.
@@ -147,9 +153,11 @@ void SignalLogEvent()
     }
 }
 
+namespace
+{
 // Above DISPATCH_LEVEL an event cannot be set; the deferred call does it.
 // IRQL any.
-static void SignalDrain()
+void SignalDrain()
 {
     if (KeGetCurrentIrql() > DISPATCH_LEVEL) {
         WriteShared(GlobalLog.ucLogDpcPending, 1);
@@ -158,6 +166,7 @@ static void SignalDrain()
         SignalLogEvent();
     }
 }
+} // namespace
 
 // Adds one line and signals the drain, room or no room.
 // IRQL any. Lock: takes LogLock. Fails: never; a full buffer drops the text.
@@ -180,9 +189,11 @@ NOINLINE static void FormatAndWrite(UCHAR ucLevel, UCHAR ucTimestamp, const char
     LogWrite(ucLevel, 0, ucTimestamp, szMessage);
 }
 
+namespace
+{
 // A line that finds no place is lost without being made.
 // IRQL any. Lock: takes LogLock. Fails: false, no room; the mark is set.
-static bool FindRoom()
+bool FindRoom()
 {
     if (IsThereRoom()) {
         return true;
@@ -194,6 +205,7 @@ static bool FindRoom()
     SignalDrain();
     return false;
 }
+} // namespace
 
 // At most 2,047 characters of the message are kept.
 // IRQL any. Lock: takes LogLock. Fails: never.

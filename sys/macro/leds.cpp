@@ -16,8 +16,10 @@
 #include "usb/ledfields.h"
 #include "usb/submit.h"
 
+namespace
+{
 // The keyboard's LEDs as flags, with Scroll Lock showing the mode.
-static USHORT FlagsShowingMode(const LedFields& leds)
+USHORT FlagsShowingMode(const LedFields& leds)
 {
     const USHORT usFlags = LedReportToFlags(ReadShared(leds.usLedReport));
     return static_cast<USHORT>(ReadShared(GlobalMacro.ucKorvexMode) ? usFlags | LED_FLAG_SCROLL
@@ -25,20 +27,20 @@ static USHORT FlagsShowingMode(const LedFields& leds)
 }
 
 // IRQL = PASSIVE, under LedMutex. Fails: never; the mode stays switched without its LED.
-static void SendMode(PDEVICE_OBJECT device) REQUIRES_LOCK(FieldsOf<MacroFields>(device).LedMutex)
+void SendMode(PDEVICE_OBJECT device) REQUIRES_LOCK(FieldsOf<MacroFields>(device).LedMutex)
 {
     (void)SendLedReport(device, FlagsShowingMode(FieldsOf<LedFields>(device)));
 }
 
 // IRQL = PASSIVE. Lock: takes LedMutex.
-static void SendModeAtOnce(PDEVICE_OBJECT device)
+void SendModeAtOnce(PDEVICE_OBJECT device)
 {
     MutexScope lock(FieldsOf<MacroFields>(device).LedMutex);
     SendMode(device);
 }
 
 // IRQL <= DISPATCH. Owns: the work item holds the keyboard. Fails: no work item; the LEDs stay as they are.
-static void QueueMode(PDEVICE_OBJECT device)
+void QueueMode(PDEVICE_OBJECT device)
 {
     MacroFields& macros = FieldsOf<MacroFields>(device);
     if (ExchangeShared(macros.ucLedUpdateQueued, 1) != 0) {
@@ -57,7 +59,7 @@ static void QueueMode(PDEVICE_OBJECT device)
 }
 
 // IRQL <= DISPATCH; PASSIVE when pSend waits.
-static void ForStandardKeyboards(void (*pSend)(PDEVICE_OBJECT device))
+void ForStandardKeyboards(void (*pSend)(PDEVICE_OBJECT device))
 {
     if (ReadShared(SettingsOfMacro.ucKorvexLEDDisabled) == 1) {
         Trace(LedNotUsed, ReadShared(GlobalMacro.ucKorvexMode));
@@ -69,6 +71,7 @@ static void ForStandardKeyboards(void (*pSend)(PDEVICE_OBJECT device))
         }
     }
 }
+} // namespace
 
 // Shows the mode, which the caller has just switched, on every standard keyboard.
 // IRQL <= DISPATCH; at PASSIVE it waits for the keyboards. Lock: takes LedMutex. Fails: never; a keyboard that

@@ -94,9 +94,9 @@ void CheckForKorvexHotkey(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen)
 // The pace is over: the oldest parked read gets the next report. With none parked the pacing stops; with no
 // report left it stops too, and whatever is still parked comes back empty now, for nobody would call again.
 // IRQL = DISPATCH. Lock: takes ParkLock, FifoLock.
-void NTAPI KorvexDelayCallback(PKDPC, PVOID pDevice, PVOID, PVOID)
+void NTAPI KorvexDelayCallback(PKDPC, PVOID pArgument, PVOID, PVOID)
 {
-    PDEVICE_OBJECT device = static_cast<PDEVICE_OBJECT>(pDevice);
+    PDEVICE_OBJECT device = static_cast<PDEVICE_OBJECT>(pArgument);
     PIRP request;
     EndKorvexDelay(device);
     do {

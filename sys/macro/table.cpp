@@ -20,11 +20,14 @@ MacroTable* AcquireMacroTable()
     return GlobalMacro.pMacroTable;
 }
 
-static bool DropUse(MacroTable* pTable)
+namespace
+{
+bool DropUse(MacroTable* pTable)
 {
     LockScope lock(GlobalMacro.MacroTableLock);
     return --pTable->lUsers == 0;
 }
+} // namespace
 
 // Gives one use back; nothing happens to null.
 // IRQL <= DISPATCH. Lock: takes MacroTableLock. Owns: the last use frees the macros.
@@ -41,13 +44,16 @@ void ReleaseMacroTable(MacroTable* pTable)
     ExFreePoolWithTag(pTable, MACRO_POOL_TAG);
 }
 
-static MacroTable* ExchangeTable(MacroTable* pTable)
+namespace
+{
+MacroTable* ExchangeTable(MacroTable* pTable)
 {
     LockScope lock(GlobalMacro.MacroTableLock);
     MacroTable* pOld = GlobalMacro.pMacroTable;
     GlobalMacro.pMacroTable = pTable;
     return pOld;
 }
+} // namespace
 
 // Puts a table in force, or none; its one use is the publication's.
 // IRQL <= DISPATCH. Lock: takes MacroTableLock. Owns: the table from now on.

@@ -14,25 +14,28 @@
 
 #include "siblings/fields.h"
 
+namespace
+{
 struct Sibling {
     PCWSTR pszDevice;
     SiblingLink ControlContext::*pLink;
     UCHAR SiblingGlobals::*pucArrivals;
 };
 
-static const Sibling Ps2Keyboard = {L"\\Device\\TvPS2_COMM", &ControlContext::Ps2Keyboard,
-                                    &SiblingGlobals::ucPs2KeyboardArrivals};
-static const Sibling Ps2Mouse = {L"\\Device\\TvPS2M_COMM", &ControlContext::Ps2Mouse,
-                                 &SiblingGlobals::ucPs2MouseArrivals};
-static const Sibling UsbMouse = {L"\\Device\\TvUSBM_COMM", &ControlContext::UsbMouse,
-                                 &SiblingGlobals::ucUsbMouseArrivals};
+const Sibling Ps2Keyboard = {L"\\Device\\TvPS2_COMM", &ControlContext::Ps2Keyboard,
+                             &SiblingGlobals::ucPs2KeyboardArrivals};
+const Sibling Ps2Mouse = {L"\\Device\\TvPS2M_COMM", &ControlContext::Ps2Mouse,
+                          &SiblingGlobals::ucPs2MouseArrivals};
+const Sibling UsbMouse = {L"\\Device\\TvUSBM_COMM", &ControlContext::UsbMouse,
+                          &SiblingGlobals::ucUsbMouseArrivals};
 
 // IRQL = PASSIVE. Lock: takes SiblingLock.
-static ULONG BeginGeneration()
+ULONG BeginGeneration()
 {
     LockScope lock(GlobalSiblings.SiblingLock);
     return ++GlobalSiblings.ulArrivalGeneration;
 }
+} // namespace
 
 // The context for the registrations that are made now.
 // IRQL = PASSIVE. Lock: takes SiblingLock.
@@ -66,8 +69,10 @@ ULONG ClassifyPnpEvent(const GUID* pEvent)
     return 0;
 }
 
+namespace
+{
 // IRQL = PASSIVE. Lock: takes SiblingLock.
-static ULONG RemovalsOf(const SiblingLink* pLink)
+ULONG RemovalsOf(const SiblingLink* pLink)
 {
     LockScope lock(GlobalSiblings.SiblingLock);
     return pLink->ulRemovals;
@@ -75,7 +80,7 @@ static ULONG RemovalsOf(const SiblingLink* pLink)
 
 // Unless the interfaces that were there when the device was opened have gone meanwhile.
 // IRQL = PASSIVE. Lock: takes SiblingLock.
-static void MarkConnected(const Sibling* pSibling, SiblingLink* pLink, ULONG ulRemovals)
+void MarkConnected(const Sibling* pSibling, SiblingLink* pLink, ULONG ulRemovals)
 {
     LockScope lock(GlobalSiblings.SiblingLock);
     if (GlobalSiblings.*pSibling->pucArrivals != 0 && pLink->ulRemovals == ulRemovals) {
@@ -85,7 +90,7 @@ static void MarkConnected(const Sibling* pSibling, SiblingLink* pLink, ULONG ulR
 
 // Opens the sibling's device to see that it answers. From its first line on the next arrival queues anew.
 // IRQL = PASSIVE. Owns: frees the link's work item.
-static void NTAPI OpenSibling(PDEVICE_OBJECT pControlDevice, PVOID pContext)
+void NTAPI OpenSibling(PDEVICE_OBJECT pControlDevice, PVOID pContext)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
     const Sibling* pSibling = static_cast<const Sibling*>(pContext);
@@ -93,8 +98,8 @@ static void NTAPI OpenSibling(PDEVICE_OBJECT pControlDevice, PVOID pContext)
     IoFreeWorkItem(ExchangeShared(pLink->pWorkItem, static_cast<PIO_WORKITEM>(nullptr)));
     const ULONG ulRemovals = RemovalsOf(pLink);
     PFILE_OBJECT pFile;
-    PDEVICE_OBJECT pDevice;
-    if (NT_SUCCESS(OpenNamedDevice(pSibling->pszDevice, &pFile, &pDevice))) {
+    PDEVICE_OBJECT device;
+    if (NT_SUCCESS(OpenNamedDevice(pSibling->pszDevice, &pFile, &device))) {
         ObDereferenceObject(pFile);
         MarkConnected(pSibling, pLink, ulRemovals);
     }
@@ -102,7 +107,7 @@ static void NTAPI OpenSibling(PDEVICE_OBJECT pControlDevice, PVOID pContext)
 
 // One that is queued already will see this arrival too. Without a work item the link stays down.
 // IRQL = PASSIVE. Owns: the work item, until its routine frees it.
-static void QueueOpen(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling)
+void QueueOpen(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling)
 {
     SiblingLink* pLink = &(ControlContextOf(pControlDevice)->*pSibling->pLink);
     PIO_WORKITEM pWorkItem = IoAllocateWorkItem(pControlDevice);
@@ -119,7 +124,7 @@ static void QueueOpen(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling)
 
 // Counts first, so that a work routine finds its arrival counted. A late one is passed over.
 // IRQL = PASSIVE. Lock: takes SiblingLock.
-static void CountArrival(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling, ULONG ulGeneration)
+void CountArrival(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling, ULONG ulGeneration)
 {
     UCHAR ucBefore;
     {
@@ -136,7 +141,7 @@ static void CountArrival(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling,
 }
 
 // IRQL = PASSIVE. Lock: takes SiblingLock.
-static void CountRemoval(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling, ULONG ulGeneration)
+void CountRemoval(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling, ULONG ulGeneration)
 {
     LockScope lock(GlobalSiblings.SiblingLock);
     if (ulGeneration != GlobalSiblings.ulArrivalGeneration) {
@@ -152,7 +157,7 @@ static void CountRemoval(PDEVICE_OBJECT pControlDevice, const Sibling* pSibling,
 }
 
 // IRQL = PASSIVE. Lock: takes KeyboardListLock, then SiblingLock.
-static NTSTATUS FollowSibling(PVOID pNotification, PVOID pContext, const Sibling* pSibling)
+NTSTATUS FollowSibling(PVOID pNotification, PVOID pContext, const Sibling* pSibling)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
     const ULONG ulGeneration = static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(pContext));
@@ -172,6 +177,7 @@ static NTSTATUS FollowSibling(PVOID pNotification, PVOID pContext, const Sibling
     }
     return STATUS_SUCCESS;
 }
+} // namespace
 
 // IRQL = PASSIVE. Fails: never.
 NTSTATUS NTAPI Ps2KeyboardArrival(PVOID pNotification, PVOID pContext)

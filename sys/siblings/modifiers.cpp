@@ -10,16 +10,19 @@
 
 #include "siblings/fields.h"
 
+namespace
+{
 // A word on its way.
 struct QueuedModifiers {
     PIO_WORKITEM pWorkItem;
     ULONG ulModifiers;
 };
 
-static bool IsMouseConnected(const ControlContext* pControl)
+bool IsMouseConnected(const ControlContext* pControl)
 {
     return ReadShared(pControl->Ps2Mouse.ucConnected) != 0 || ReadShared(pControl->UsbMouse.ucConnected) != 0;
 }
+} // namespace
 
 // Readable at any time: without a control device no sibling is known.
 // IRQL <= DISPATCH. Lock: takes KeyboardListLock.
@@ -39,8 +42,10 @@ bool IsMouseSiblingConnected()
     return bConnected;
 }
 
+namespace
+{
 // IRQL <= DISPATCH.
-static void LeaveNotifications(ControlContext* pControl)
+void LeaveNotifications(ControlContext* pControl)
 {
     if (InterlockedDecrement(&pControl->lNotifications) == 0) {
         KeSetEvent(&pControl->NotificationsGone, IO_NO_INCREMENT, FALSE);
@@ -49,7 +54,7 @@ static void LeaveNotifications(ControlContext* pControl)
 
 // The deferred half, in a system worker thread.
 // IRQL = PASSIVE. Owns: frees the record and its work item.
-static void NTAPI DeliverModifiers(PDEVICE_OBJECT pControlDevice, PVOID pContext)
+void NTAPI DeliverModifiers(PDEVICE_OBJECT pControlDevice, PVOID pContext)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
     QueuedModifiers* pQueued = static_cast<QueuedModifiers*>(pContext);
@@ -62,7 +67,7 @@ static void NTAPI DeliverModifiers(PDEVICE_OBJECT pControlDevice, PVOID pContext
 
 // Without memory, or when the control device is on its way out, the word is dropped.
 // IRQL <= DISPATCH. Owns: a copy of the word, until it is delivered.
-static void QueueModifiers(PDEVICE_OBJECT pControlDevice, ULONG ulModifiers)
+void QueueModifiers(PDEVICE_OBJECT pControlDevice, ULONG ulModifiers)
 {
     QueuedModifiers* pQueued =
         static_cast<QueuedModifiers*>(AllocateZeroed(NonPagedPoolNx, sizeof(QueuedModifiers)));
@@ -80,6 +85,7 @@ static void QueueModifiers(PDEVICE_OBJECT pControlDevice, ULONG ulModifiers)
     }
     ExFreePoolWithTag(pQueued, POOL_TAG);
 }
+} // namespace
 
 // The four bytes that the mouse filter may fill are not looked at.
 // IRQL = PASSIVE. Fails: the device does not open, no request, or as the mouse filter answers.
@@ -99,9 +105,11 @@ NTSTATUS SendMouseRequest(PCWSTR pszName, const ULONG* pulModifiers)
     return status;
 }
 
+namespace
+{
 // Both mice are told, the PS/2 mouse first, whatever the first one answers.
 // IRQL = PASSIVE. Fails: STATUS_UNSUCCESSFUL, one of them answered with an error.
-static NTSTATUS TellMice(const ControlContext* pControl, const ULONG* pulModifiers)
+NTSTATUS TellMice(const ControlContext* pControl, const ULONG* pulModifiers)
 {
     NTSTATUS status = STATUS_SUCCESS;
     if (ReadShared(pControl->Ps2Mouse.ucConnected) != 0 &&
@@ -114,6 +122,7 @@ static NTSTATUS TellMice(const ControlContext* pControl, const ULONG* pulModifie
     }
     return status;
 }
+} // namespace
 
 // Sends the word to the connected mice at PASSIVE_LEVEL, above that later and from a worker thread.
 // IRQL <= DISPATCH. Lock: takes KeyboardListLock. Fails: STATUS_UNSUCCESSFUL, no mouse, deferred, or a mouse

@@ -20,7 +20,9 @@ NTSTATUS OpenNamedDevice(PCWSTR pszName, PFILE_OBJECT* ppFile, PDEVICE_OBJECT* p
     return IoGetDeviceObjectPointer(&name, 0, ppFile, ppDevice);
 }
 
-static NTSTATUS NTAPI KeepCompleted(PDEVICE_OBJECT, PIRP, PVOID pDone)
+namespace
+{
+NTSTATUS NTAPI KeepCompleted(PDEVICE_OBJECT, PIRP, PVOID pDone)
 {
     KeSetEvent(static_cast<PKEVENT>(pDone), IO_NO_INCREMENT, FALSE);
     return STATUS_MORE_PROCESSING_REQUIRED;
@@ -28,7 +30,7 @@ static NTSTATUS NTAPI KeepCompleted(PDEVICE_OBJECT, PIRP, PVOID pDone)
 
 // The event lies on the caller's stack: nobody leaves before it is set.
 // IRQL = PASSIVE.
-static void WaitForAnswer(PIRP pIrp, PKEVENT pDone)
+void WaitForAnswer(PIRP pIrp, PKEVENT pDone)
 {
     PVOID pEnds[] = {pDone, &GlobalSiblings.SiblingRequestsEnd};
     if (KeWaitForMultipleObjects(ARRAYSIZE(pEnds), pEnds, WaitAny, Executive, KernelMode, FALSE, nullptr,
@@ -37,6 +39,7 @@ static void WaitForAnswer(PIRP pIrp, PKEVENT pDone)
         KeWaitForSingleObject(pDone, Executive, KernelMode, FALSE, nullptr);
     }
 }
+} // namespace
 
 // The input goes down and the output comes up in ucData; bytes that the answer does not carry become zero.
 // IRQL = PASSIVE. Fails: STATUS_UNSUCCESSFUL, no request could be built; else as the receiver answers.

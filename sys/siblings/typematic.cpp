@@ -9,6 +9,8 @@
 #include "report/keytable.h"
 #include "siblings/fields.h"
 
+namespace
+{
 enum : USHORT {
     SET_RATE_LEAST = 2,
     SET_RATE_MOST = 30,
@@ -16,18 +18,18 @@ enum : USHORT {
     DELAY_STEP_MS = 250,
 };
 
-static const PCWSTR ClassDevices[] = {L"\\Device\\KeyboardClass0", L"\\Device\\KeyboardClass1",
-                                      L"\\Device\\KeyboardClass2", L"\\Device\\KeyboardClass3",
-                                      L"\\Device\\KeyboardClass4"};
+const PCWSTR ClassDevices[] = {L"\\Device\\KeyboardClass0", L"\\Device\\KeyboardClass1",
+                               L"\\Device\\KeyboardClass2", L"\\Device\\KeyboardClass3",
+                               L"\\Device\\KeyboardClass4"};
 
 // IRQL = PASSIVE. Fails: unknown index.
-static NTSTATUS RequireKeyboard(ULONG ulDeviceIndex)
+NTSTATUS RequireKeyboard(ULONG ulDeviceIndex)
 {
     return KeyboardReference(ulDeviceIndex).Status();
 }
 
 // IRQL = PASSIVE. Fails: no such class device, no request, or as it answers.
-static NTSTATUS AskClassDevice(PCWSTR pszName, OutsideRequest* pRequest)
+NTSTATUS AskClassDevice(PCWSTR pszName, OutsideRequest* pRequest)
 {
     PFILE_OBJECT pFile;
     PDEVICE_OBJECT pTarget;
@@ -41,7 +43,7 @@ static NTSTATUS AskClassDevice(PCWSTR pszName, OutsideRequest* pRequest)
 
 // Until one succeeds; each gets the request as it was built, and only the one that succeeds changes *pRecord.
 // IRQL = PASSIVE. Fails: as the last attempt.
-static NTSTATUS AskClassDevices(OutsideRequest request, KEYBOARD_TYPEMATIC_PARAMETERS* pRecord)
+NTSTATUS AskClassDevices(OutsideRequest request, KEYBOARD_TYPEMATIC_PARAMETERS* pRecord)
 {
     NTSTATUS status = STATUS_UNSUCCESSFUL;
     for (PCWSTR pszName : ClassDevices) {
@@ -56,7 +58,7 @@ static NTSTATUS AskClassDevices(OutsideRequest request, KEYBOARD_TYPEMATIC_PARAM
 }
 
 // The index into TypematicDelayTable of what a class device reports.
-static USHORT DelayIndex(USHORT usDelayMs)
+USHORT DelayIndex(USHORT usDelayMs)
 {
     if (usDelayMs < DELAY_STEP_MS) {
         return 0;
@@ -64,6 +66,7 @@ static USHORT DelayIndex(USHORT usDelayMs)
     const USHORT usIndex = static_cast<USHORT>(usDelayMs / DELAY_STEP_MS - 1);
     return usIndex < TYPEMATIC_DELAYS ? usIndex : TYPEMATIC_DELAYS - 1;
 }
+} // namespace
 
 // The caller gets rate and delay as they were returned, the timers get them bounded to their tables. Without
 // an answer nothing changes.
@@ -89,13 +92,16 @@ NTSTATUS QueryKeyboardTypematic(ULONG ulDeviceIndex, PUSHORT pusRate, PUSHORT pu
     return STATUS_SUCCESS;
 }
 
-static USHORT BoundRate(USHORT usRate)
+namespace
+{
+USHORT BoundRate(USHORT usRate)
 {
     if (usRate < SET_RATE_LEAST) {
         return SET_RATE_LEAST;
     }
     return usRate > SET_RATE_MOST ? static_cast<USHORT>(SET_RATE_ABOVE_MOST) : usRate;
 }
+} // namespace
 
 // Sets the system's key repeat: the rate in characters per second, the delay in steps of 250 ms from 0.
 // IRQL = PASSIVE. Fails: unknown index, or as the last class device that was tried.

@@ -97,16 +97,16 @@ NTSTATUS InternalIoctlCompletion(PDEVICE_OBJECT, PIRP Irp, PVOID Context)
 }
 
 // The IRP_MJ_INTERNAL_DEVICE_CONTROL entry.
-NTSTATUS DispatchInternalIoctl(PDEVICE_OBJECT pDevice, PIRP pIrp)
+NTSTATUS DispatchInternalIoctl(PDEVICE_OBJECT device, PIRP pIrp)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
-    if (IsControlDevice(pDevice)) {
+    if (IsControlDevice(device)) {
         return CompleteRequest(pIrp, STATUS_SUCCESS, 0);
     }
-    if (!IsFilterDevice(pDevice)) {
-        return DispatchPassThrough(pDevice, pIrp);
+    if (!IsFilterDevice(device)) {
+        return DispatchPassThrough(device, pIrp);
     }
-    const KeyboardReference keyboard(pDevice);
+    const KeyboardReference keyboard(device);
     if (!keyboard.IsHeld()) {
         return CompleteRequest(pIrp, keyboard.Status(), 0);
     }
@@ -114,6 +114,6 @@ NTSTATUS DispatchInternalIoctl(PDEVICE_OBJECT pDevice, PIRP pIrp)
         return CompleteRequest(pIrp, STATUS_UNSUCCESSFUL, 0);
     }
     UCHAR ucComplete = 0;
-    const NTSTATUS status = FilterInternalIoctl(pDevice, pIrp, &ucComplete);
-    return ucComplete ? CompleteAnsweredRead(pDevice, pIrp) : status;
+    const NTSTATUS status = FilterInternalIoctl(device, pIrp, &ucComplete);
+    return ucComplete ? CompleteAnsweredRead(device, pIrp) : status;
 }

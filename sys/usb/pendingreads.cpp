@@ -29,9 +29,11 @@ NTSTATUS AddPendingIrp(PDEVICE_OBJECT device, PIRP Irp)
     return STATUS_SUCCESS;
 }
 
+namespace
+{
 // One that is not found changes nothing. Returns true when a canceller works on it, who gets it with bLeave.
 // IRQL <= DISPATCH. Lock: takes PendingIrpLock.
-static bool TakeOutRead(DeviceContext* pContext, PIRP Irp, bool bLeave)
+bool TakeOutRead(DeviceContext* pContext, PIRP Irp, bool bLeave)
 {
     PendingFields& pending = FieldsOf<PendingFields>(pContext);
     LockScope lock(pending.PendingIrpLock);
@@ -56,12 +58,13 @@ static bool TakeOutRead(DeviceContext* pContext, PIRP Irp, bool bLeave)
 }
 
 // IRQL <= DISPATCH. Lock: takes PendingIrpLock.
-static bool IsBeingCancelled(DeviceContext* pContext, PIRP Irp)
+bool IsBeingCancelled(DeviceContext* pContext, PIRP Irp)
 {
     PendingFields& pending = FieldsOf<PendingFields>(pContext);
     LockScope lock(pending.PendingIrpLock);
     return pending.pCancellingIrp == Irp;
 }
+} // namespace
 
 // Takes a completed read out. Returns true when its canceller still works on it and completes it. One that
 // completes on its way down cannot be left to the canceller, because its dispatch does not return pending: it
@@ -79,8 +82,10 @@ bool RemovePendingIrp(PDEVICE_OBJECT device, PIRP Irp)
     return bWasPending;
 }
 
+namespace
+{
 // The oldest pending read, marked as being cancelled; null when there is none or another canceller has it.
-static PIRP ClaimPendingRead(DeviceContext* pContext)
+PIRP ClaimPendingRead(DeviceContext* pContext)
 {
     PendingFields& pending = FieldsOf<PendingFields>(pContext);
     LockScope lock(pending.PendingIrpLock);
@@ -96,13 +101,14 @@ static PIRP ClaimPendingRead(DeviceContext* pContext)
 }
 
 // Returns true when the read's completion came meanwhile and was left to the canceller.
-static bool LetGoOfRead(DeviceContext* pContext)
+bool LetGoOfRead(DeviceContext* pContext)
 {
     PendingFields& pending = FieldsOf<PendingFields>(pContext);
     LockScope lock(pending.PendingIrpLock);
     pending.pCancellingIrp = nullptr;
     return pending.ucCancelledCompleted != 0;
 }
+} // namespace
 
 // Calls the oldest read back from the keyboard, so that the stack above issues a fresh one.
 // IRQL <= DISPATCH. Lock: takes PendingIrpLock. Fails: none pending, or one is being called back already.
