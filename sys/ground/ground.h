@@ -22,9 +22,11 @@ inline void InitializeTimer(TimerWithDpc* pTimer, PKDEFERRED_ROUTINE pRoutine, P
 PVOID AllocateZeroed(POOL_TYPE poolType, SIZE_T ulBytes); // POOL_TAG; null when there is none
 
 // keyboards.cpp: which filter devices there are, and that none goes away while it is used
-bool AcquireDevice(PDEVICE_OBJECT device); // false: being removed
-void ReleaseDevice(PDEVICE_OBJECT device);
-PDEVICE_OBJECT FirstKeyboard();                     // newest first; referenced; null at the end
+bool AcquireDevice(
+    PDEVICE_OBJECT device); // false: being removed. By hand only where another routine gives it back,
+void ReleaseDevice(
+    PDEVICE_OBJECT device);     // as a request's completion does; else KeyboardReference, AllKeyboards
+PDEVICE_OBJECT FirstKeyboard(); // newest first; referenced; null at the end
 PDEVICE_OBJECT NextKeyboard(PDEVICE_OBJECT device); // releases device, references the next
 void InitializeKeyboardList();                      // at entry
 void InitializeFrame(DeviceContext* pContext, PDEVICE_OBJECT pPhysicalDevice,

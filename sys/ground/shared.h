@@ -1,6 +1,6 @@
 // shared.h - single fields that several processors read and write without a lock.
 //
-// A field marked (x) in context.h is touched through these alone (or through the Interlocked family),
+// A field marked (x) in a fields.h is touched through these alone (or through the Interlocked family),
 // so that the compiler neither tears nor invents an access. They order nothing else. Before
 // each access other processors may come first.
 #pragma once

@@ -13,8 +13,9 @@
 
 namespace
 {
-// Appends a byte. Returns false when the buffer is full. Lock: the caller holds BufferLock.
-bool Push(PUCHAR pBuffer, PUSHORT pusCount, UCHAR ucValue)
+// Appends a byte to one of the two buffers. Returns false when it is full.
+bool Push(const BufferFields& buffers, PUCHAR pBuffer, PUSHORT pusCount, UCHAR ucValue)
+    REQUIRES_LOCK(buffers.BufferLock)
 {
     USHORT usCount = ReadShared(*pusCount);
     if (usCount >= KEY_BUFFER_SIZE) {
@@ -25,8 +26,9 @@ bool Push(PUCHAR pBuffer, PUSHORT pusCount, UCHAR ucValue)
     return true;
 }
 
-// Takes the oldest byte. Returns false when the buffer is empty. Lock: the caller holds BufferLock.
-bool Pop(PUCHAR pBuffer, PUSHORT pusCount, PUCHAR pOut)
+// Takes the oldest byte of one of the two buffers. Returns false when it is empty.
+bool Pop(const BufferFields& buffers, PUCHAR pBuffer, PUSHORT pusCount, PUCHAR pOut)
+    REQUIRES_LOCK(buffers.BufferLock)
 {
     USHORT usCount = ReadShared(*pusCount);
     if (usCount == 0) {
@@ -66,7 +68,7 @@ ULONG SwallowScan(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, ULONG ulIndex
     }
     {
         LockScope lock(buffers.BufferLock);
-        if (!Push(buffers.SwallowBuf, &buffers.usSwallowCount, pBuf[ulIndex])) {
+        if (!Push(buffers, buffers.SwallowBuf, &buffers.usSwallowCount, pBuf[ulIndex])) {
             Trace(SwallowBufferFull, IndexOf(device), pBuf[ulIndex]);
             return ulLen;
         }
@@ -87,7 +89,7 @@ bool GetDataFromSwallowBuffer(PDEVICE_OBJECT device, PUCHAR pOut)
         return false;
     }
     LockScope lock(buffers.BufferLock);
-    return Pop(buffers.SwallowBuf, &buffers.usSwallowCount, pOut);
+    return Pop(buffers, buffers.SwallowBuf, &buffers.usSwallowCount, pOut);
 }
 
 // The keys of a complete hotkey that shall not reach the system are forgotten.
@@ -107,7 +109,7 @@ bool AddDataToInsertBuffer(PDEVICE_OBJECT device, const UCHAR* pUsage)
 {
     BufferFields& buffers = FieldsOf<BufferFields>(device);
     LockScope lock(buffers.BufferLock);
-    if (!Push(buffers.InsertBuf, &buffers.usInsertCount, *pUsage)) {
+    if (!Push(buffers, buffers.InsertBuf, &buffers.usInsertCount, *pUsage)) {
         Trace(InsertBufferFull, IndexOf(device), *pUsage);
         return false;
     }
@@ -123,7 +125,7 @@ bool GetDataFromInsertBuffer(PDEVICE_OBJECT device, PUCHAR pOut)
         return false;
     }
     LockScope lock(buffers.BufferLock);
-    return Pop(buffers.InsertBuf, &buffers.usInsertCount, pOut);
+    return Pop(buffers, buffers.InsertBuf, &buffers.usInsertCount, pOut);
 }
 
 // IRQL = PASSIVE, nobody else knows the record yet.

@@ -3,8 +3,6 @@
 
 #include "ground/frame.h"
 
-enum { MACRO_TABLE_SIZE = 100 };
-
 struct MacroTable; // the macros in force
 
 struct MacroFields {

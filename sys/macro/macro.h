@@ -2,9 +2,9 @@
 #pragma once
 
 #include "ground/ground.h"
-#include "macro/fields.h"
 #include "macro/parked.h"
 
+enum { MACRO_TABLE_SIZE = 100 };
 enum : ULONG { MACRO_POOL_TAG = 0x76726F4B }; // "Korv" in memory order
 
 // One macro as the file describes it: what starts it, and behind it the reports that it plays.

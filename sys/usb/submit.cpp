@@ -87,13 +87,13 @@ NTSTATUS RunUrb(PDEVICE_OBJECT pLower, PURB pUrb)
 NTSTATUS SubmitUrbSync(PDEVICE_OBJECT device, PURB pUrb)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
-    if (!AcquireDevice(device)) {
+    const KeyboardReference keyboard(device);
+    if (!keyboard.IsHeld()) {
         return STATUS_UNSUCCESSFUL;
     }
     NTSTATUS status = RunUrb(FieldsOf<FrameFields>(device).pLowerDevice, pUrb);
     Trace(RequestSent, IndexOf(device), UrbFunctionName(pUrb->UrbHeader.Function), status,
           static_cast<ULONG>(pUrb->UrbHeader.Status));
-    ReleaseDevice(device);
     return status;
 }
 
