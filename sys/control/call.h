@@ -75,7 +75,7 @@ struct RequestRow {
     ControlHandler* pHandler;
 };
 
-// table.cpp
+// table.cpp: IRQL any
 const RequestRow* FindRequestRow(ULONG ulCode); // null: unknown
 
 // statehandlers.cpp: driver-wide state

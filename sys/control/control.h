@@ -25,7 +25,7 @@ using MemoryWriter = NTSTATUS(ULONG ulDeviceIndex, USHORT usAddress, USHORT usLe
 MemoryReader ReadQuintoraEEprom, ReadDescriptorMemory, ReadVendorMemory;
 MemoryWriter WriteQuintoraEEprom, WriteDescriptorMemory, WriteVendorMemory;
 
-// information.cpp: what the driver knows of its keyboards
+// information.cpp: what the driver knows of its keyboards. IRQL <= DISPATCH but where it is said
 NTSTATUS GetKeyboardInfo(USHORT usPosition, PVOID pBuffer); // KeyboardInfo
 NTSTATUS ListKeyboards(PVOID pBuffer);                      // KeyboardList
 NTSTATUS GetLedFlags(ULONG ulDeviceIndex, PUSHORT pusLedFlags);

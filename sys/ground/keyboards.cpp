@@ -108,6 +108,7 @@ void UnlinkKeyboard(PDEVICE_OBJECT device)
     }
 }
 
+// IRQL = PASSIVE, before any device exists.
 void InitializeKeyboardList()
 {
     KeInitializeSpinLock(&GlobalFrame.KeyboardListLock.Lock);

@@ -9,7 +9,7 @@ NTSTATUS LogFormatArguments(char* pszOut, size_t cbOut, const char* pszFormat, v
 // log.cpp: IRQL <= DISPATCH. The drain will look at the text.
 void SignalLogEvent();
 
-// Holds the log's lock, the leaf. Above DISPATCH_LEVEL the text is used without it.
+// Holds the log's lock, the leaf. IRQL any; above DISPATCH_LEVEL the text is used without it.
 class LogScope
 {
 public:

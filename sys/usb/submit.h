@@ -22,13 +22,13 @@ NTSTATUS SubmitUrbSync(PDEVICE_OBJECT device, PURB pUrb);
 NTSTATUS ReadFromKeyboard(PDEVICE_OBJECT device, const SetupRequest& request, PUCHAR pBuffer, ULONG ulBytes);
 NTSTATUS WriteToKeyboard(PDEVICE_OBJECT device, const SetupRequest& request, PUCHAR pBuffer, ULONG ulBytes);
 
-// leds.cpp: the lock LEDs, their two encodings, and how the driver itself sets them
+// leds.cpp: the lock LEDs, their two encodings, and how the driver itself sets them. IRQL any but where it is said
 enum : USHORT { LED_REPORT_NUM = 1, LED_REPORT_CAPS = 2, LED_REPORT_SCROLL = 4 };
 USHORT LedReportToFlags(USHORT usReport);
 USHORT LedFlagsToReport(USHORT usFlags);
 NTSTATUS SendLedReport(PDEVICE_OBJECT device, USHORT usFlags); // PASSIVE
 
-// names.cpp: the field's names, for trace output
+// names.cpp: the field's names, for trace output. IRQL any
 const char* UrbFunctionName(USHORT usFunction);
 const char* DescriptorTypeName(UCHAR ucType);
 const char* StandardRequestName(UCHAR ucRequest);

@@ -14,7 +14,7 @@ IO_COMPLETION_ROUTINE InternalIoctlCompletion;
 // What became of a request on its way down.
 enum : UCHAR { URB_PASS = 0, URB_ANSWERED = 1, URB_PARKED = 2 };
 UCHAR ShowURBInfo(PDEVICE_OBJECT DeviceObject, PIRP Irp, UCHAR ucCompletion);
-void RememberRequestedLength(PIRP Irp); // behind IoCopyCurrentIrpStackLocationToNext
+void RememberRequestedLength(PIRP Irp); // IRQL any, behind IoCopyCurrentIrpStackLocationToNext
 
 // One transfer as the report road sees it.
 struct Transfer {
@@ -32,7 +32,7 @@ NTSTATUS CompleteAnsweredRead(PDEVICE_OBJECT device, PIRP Irp);          // in o
 // intercept.cpp: the road of a read
 UCHAR InterceptReport(PDEVICE_OBJECT device, PIRP Irp, const Transfer& read, UCHAR ucCompletion);
 
-// control.cpp: control transfers, LED reports and descriptor requests
+// control.cpp: control transfers, LED reports and descriptor requests. IRQL <= DISPATCH
 void InspectControlTransfer(PDEVICE_OBJECT device, const Transfer& transfer, UCHAR ucCompletion);
 void InspectDescriptorRequest(PDEVICE_OBJECT device, const Transfer& transfer, UCHAR ucCompletion);
 void InspectClassRequest(PDEVICE_OBJECT device, const Transfer& transfer, UCHAR ucCompletion);
