@@ -3,18 +3,14 @@
 // In:  the driver object and the service key path.
 // Out: the initial state, the settings from the registry, the dispatch table.
 // Runs once, alone, at PASSIVE_LEVEL; what a failed entry took is given back before it returns.
-#include "driver/context.h"
+#include "driver/driver.h"
 
 #include "control/control.h"
-#include "driver/driver.h"
-#include "driver/fields.h"
-#include "hotkeys/fields.h"
+#include "driver/context.h"
 #include "log/events.h"
-#include "log/fields.h"
 #include "log/log.h"
 #include "macro/macro.h"
 #include "report/keytable.h"
-#include "siblings/fields.h"
 #include "siblings/siblings.h"
 #include "usb/usb.h"
 
@@ -26,12 +22,10 @@ void SetInitialState()
 {
     RtlZeroMemory(&Settings, sizeof(Settings));
     RtlZeroMemory(&Globals, sizeof(Globals));
-    SettingsOfHotkeys.ulPrefix1 = 0x7D;
-    SettingsOfHotkeys.ulPrefix2 = 0x7B;
-    SettingsOfHotkeys.ulPosKeyPrefix = 0x79;
-    SettingsOfLog.ulLogFileSize = 0x20000000;
-    GlobalSiblings.usTypematicRate = 23;
-    GlobalSiblings.usTypematicDelay = 1;
+    Settings.ulPrefix1 = 0x7D;
+    Settings.ulPrefix2 = 0x7B;
+    Settings.ulPosKeyPrefix = 0x79;
+    Settings.ulLogFileSize = 0x20000000;
 
     InitializeKeyboardList();
     InitializeEvents();
@@ -45,7 +39,7 @@ void SetInitialState()
 NTSTATUS CopyRegistryPath(PUNICODE_STRING pRegistryPath)
 {
     const ULONG ulBytes = pRegistryPath->Length + 10u;
-    PUNICODE_STRING pCopy = &GlobalFrame.RegistryPathCopy;
+    PUNICODE_STRING pCopy = &Globals.RegistryPathCopy;
     if (ulBytes > MAXUSHORT) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -98,11 +92,11 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistr
     StartTracing(); // until FreeDriverResources
     SetInitialState();
     if (!NT_SUCCESS(CopyRegistryPath(pRegistryPath)) ||
-        !NT_SUCCESS(BuildParametersPath(pRegistryPath, PagedPool, &GlobalFrame.ParametersPath))) {
+        !NT_SUCCESS(BuildParametersPath(pRegistryPath, PagedPool, &Globals.ParametersPath))) {
         FreeDriverResources();
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    GlobalFrame.pDriverObject = pDriver;
+    Globals.pDriverObject = pDriver;
     if (!IoIsWdmVersionAvailable(1, 0x30)) {
         FreeDriverResources();
         return STATUS_UNSUCCESSFUL;
@@ -113,12 +107,12 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistr
     QueryDriverParameters(pRegistryPath);
     StartLog(); // a log that cannot start stays off
     ReadKorvexParameters(pRegistryPath);
-    ConvertPrefixKey(SettingsOfHotkeys.ulPrefix1, &GlobalHotkeys.ucPrefix1Usage);
-    ConvertPrefixKey(SettingsOfHotkeys.ulPrefix2, &GlobalHotkeys.ucPrefix2Usage);
-    ConvertPrefixKey(SettingsOfHotkeys.ulPosKeyPrefix, &GlobalHotkeys.ucPosKeyPrefixUsage);
+    ConvertPrefixKey(Settings.ulPrefix1, &Globals.ucPrefix1Usage);
+    ConvertPrefixKey(Settings.ulPrefix2, &Globals.ucPrefix2Usage);
+    ConvertPrefixKey(Settings.ulPosKeyPrefix, &Globals.ucPosKeyPrefixUsage);
     UpdateErrorCount(ErrorCountLeave, &ucUnused);
 
-    KeInitializeMutex(&GlobalRoof.ControlDeviceMutex.Object, 0);
+    KeInitializeMutex(&Globals.ControlDeviceMutex.Object, 0);
     Trace(DriverLoaded, pRegistryPath);
     return STATUS_SUCCESS;
 }

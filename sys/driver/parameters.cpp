@@ -7,9 +7,7 @@
 // directly: a direct query trusts the length of the stored value.
 #include "driver/driver.h"
 
-#include "hotkeys/fields.h"
-#include "log/fields.h"
-#include "report/fields.h"
+#include "driver/context.h"
 
 namespace
 {
@@ -106,7 +104,7 @@ NTSTATUS QueryDriverParameters(PUNICODE_STRING pRegistryPath)
     IRQL_AT_MOST(PASSIVE_LEVEL);
     UNICODE_STRING path;
     WCHAR szEmpty[1] = {UNICODE_NULL};
-    PUNICODE_STRING pLogFile = &SettingsOfLog.LogFileName;
+    PUNICODE_STRING pLogFile = &Settings.LogFileName;
 
     pLogFile->Buffer = static_cast<PWCH>(AllocateZeroed(NonPagedPoolNx, LOG_NAME_BYTES));
     if (pLogFile->Buffer == nullptr) {
@@ -119,17 +117,17 @@ NTSTATUS QueryDriverParameters(PUNICODE_STRING pRegistryPath)
         return status;
     }
 
-    QueryNumber(&path, L"Prefix1", &SettingsOfHotkeys.ulPrefix1);
-    QueryNumber(&path, L"Prefix2", &SettingsOfHotkeys.ulPrefix2);
-    QueryNumber(&path, L"PosKeyPrefix", &SettingsOfHotkeys.ulPosKeyPrefix);
-    QueryNumber(&path, L"SendUpEventImmediately", &SettingsOfHotkeys.ulSendUpEventImmediately);
-    QueryNumber(&path, L"RunDiagNormalPacket02", &SettingsOfReports.ulRunDiagNormalPacket02);
+    QueryNumber(&path, L"Prefix1", &Settings.ulPrefix1);
+    QueryNumber(&path, L"Prefix2", &Settings.ulPrefix2);
+    QueryNumber(&path, L"PosKeyPrefix", &Settings.ulPosKeyPrefix);
+    QueryNumber(&path, L"SendUpEventImmediately", &Settings.ulSendUpEventImmediately);
+    QueryNumber(&path, L"RunDiagNormalPacket02", &Settings.ulRunDiagNormalPacket02);
     status = QueryValue(&path, L"LogFile", StoreText, pLogFile, REG_SZ, szEmpty, sizeof(szEmpty));
     if (NT_SUCCESS(status)) {
-        status = QueryNumber(&path, L"LogLevel", &SettingsOfLog.ulLogLevel);
+        status = QueryNumber(&path, L"LogLevel", &Settings.ulLogLevel);
     }
     if (NT_SUCCESS(status)) {
-        status = QueryNumber(&path, L"LogFileSize", &SettingsOfLog.ulLogFileSize);
+        status = QueryNumber(&path, L"LogFileSize", &Settings.ulLogFileSize);
     }
     ExFreePoolWithTag(path.Buffer, POOL_TAG);
     return status;

@@ -200,6 +200,8 @@ NTSTATUS NTAPI UsbMouseArrival(PVOID pNotification, PVOID pContext)
 // At driver entry, on zeroed state. IRQL = PASSIVE.
 void InitializeSiblings()
 {
+    GlobalSiblings.usTypematicRate = 23;
+    GlobalSiblings.usTypematicDelay = 1;
     KeInitializeSpinLock(&GlobalSiblings.SiblingLock.Lock);
     KeInitializeEvent(&GlobalSiblings.SiblingRequestsEnd, NotificationEvent, FALSE);
 }
