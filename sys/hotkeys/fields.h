@@ -20,6 +20,18 @@ enum : ULONG {
 
 struct HotkeyIndex;
 
+// A bit for each hotkey of a list, and one for each word of these that is not 0.
+struct HotkeyBits {
+    ULONGLONG ullWords[HOTKEY_SET_WORDS];
+    UCHAR ucWords;
+
+    void Put(ULONG ulWord, ULONGLONG ullBits)
+    {
+        ullWords[ulWord] = ullBits;
+        ucWords = static_cast<UCHAR>((ucWords & ~(1u << ulWord)) | (ullBits != 0 ? 1u << ulWord : 0));
+    }
+};
+
 // A timer of the key repeat.
 struct TypematicTimer : TimerWithDpc {
     ULONGLONG ullDue; // TypematicLock: interrupt time at which its callback shall act, 0 = not at all
@@ -44,13 +56,12 @@ struct HotkeyFields {
     HotkeyIndex*
         pHotkeyIndexes[2];      // published and aside; changed under DefinitionMutex while nobody walks it
     LONG lHotkeyWalks[2];       // (x) walks under way in each
-    UCHAR ucKeyMeans[256];      // (x) of a usage: it is no mere key, see report/calm.cpp
+    UCHAR ucKeyMeans[256];      // (x) of a usage: it is no mere key, see report/calm.h
     UCHAR ucModifiersMean[256]; // (x) of a modifier byte: likewise
-    ULONGLONG ullHeldHotkeys[HOTKEY_SET_WORDS];  // (r) a bit for each that is down or has a key held
-    ULONGLONG ullReadyHotkeys[HOTKEY_SET_WORDS]; // (r) of these, each that is down or has all its keys held
-    UCHAR ucAnyHotkeyHeld;                       // (r) is any, since the last report that looked at hotkeys
-    ULONG ulHeldOf;                              // (r) generation of the hotkeys that they are
-    ULONGLONG ullHotkeyScan;                     // (r) keys looked up so far
+    HotkeyBits HeldHotkeys;     // (r) those that are down or have a key held
+    HotkeyBits ReadyHotkeys;    // (r) of these, those that are down or have all their keys held
+    ULONG ulHeldOf;             // (r) generation of the hotkeys that they are
+    ULONGLONG ullHotkeyScan;    // (r) keys looked up so far
 
     // Hotkey matching.
     UCHAR ucHotkeyActive;   // (x)

@@ -29,6 +29,7 @@ HotkeyIndex* AllocateHotkeyIndex(ULONG ulCapacity)
 void ClearHotkeyIndex(HotkeyIndex* pIndex)
 {
     pIndex->ulPrefixes = 0;
+    RtlZeroMemory(pIndex->ucRowWords, sizeof(pIndex->ucRowWords));
     RtlZeroMemory(pIndex->pRows, SIZE_T{HOTKEY_ROWS} * pIndex->ulWords * sizeof(ULONGLONG));
     RtlZeroMemory(pIndex->pEntries, SIZE_T{pIndex->ulCount} * sizeof(HotkeyEntry));
     pIndex->ulCount = 0;
@@ -51,6 +52,7 @@ static void MarkRow(HotkeyIndex* pIndex, ULONG ulRow, ULONG ulEntry)
 {
     ULONGLONG& ullWord = pIndex->pRows[ulRow * pIndex->ulWords + ulEntry / 64];
     WriteShared(ullWord, ullWord | 1ull << ulEntry % 64);
+    WriteShared(pIndex->ucRowWords[ulRow], pIndex->ucRowWords[ulRow] | 1u << ulEntry / 64);
 }
 
 static bool IsSameHotkey(const HotkeyEntry& one, const HotkeyEntry& other)
@@ -100,18 +102,18 @@ ULONGLONG WordOf(const HotkeyView& view)
            view.ulCount;
 }
 
-// Counts itself in for the list, and looks again that it is still the published one: who sees its count at 0 then
-// knows that nobody walks it.
+// Counts itself in for the list, and looks again that nothing else was published: who sees its count at 0 then knows
+// that nobody walks it.
 HotkeyWalk::HotkeyWalk(DeviceContext* pWalked) : pContext(pWalked)
 {
     for (;;) {
-        const ULONG ulList = ViewOf(ReadShared(pContext->ullHotkeys)).ulList;
-        InterlockedIncrement(&pContext->lHotkeyWalks[ulList]);
-        View = ViewOf(ReadShared(pContext->ullHotkeys));
-        if (View.ulList == ulList) {
+        const ULONGLONG ullHotkeys = ReadShared(pContext->ullHotkeys);
+        View = ViewOf(ullHotkeys);
+        InterlockedIncrement(&pContext->lHotkeyWalks[View.ulList]);
+        if (ReadShared(pContext->ullHotkeys) == ullHotkeys) {
             break;
         }
-        InterlockedDecrement(&pContext->lHotkeyWalks[ulList]);
+        InterlockedDecrement(&pContext->lHotkeyWalks[View.ulList]);
     }
     pIndex = View.ulCount == 0 ? nullptr : pContext->pHotkeyIndexes[View.ulList];
     pFirst = pIndex == nullptr ? nullptr : pIndex->pEntries;

@@ -28,12 +28,13 @@ enum : ULONG {
 };
 
 struct HotkeyIndex {
-    ULONG ulCapacity; // entries for which there is room
-    ULONG ulWords;    // of a row
-    ULONG ulCount;    // entries, the one that is being added not yet
-    ULONG ulPrefixes; // prefix bits of all masks
-    ULONG ulKbdType;  // of the keyboard when the entries were converted
-    ULONGLONG* pRows; // HOTKEY_ROWS times ulWords
+    ULONG ulCapacity;              // entries for which there is room
+    ULONG ulWords;                 // of a row
+    ULONG ulCount;                 // entries, the one that is being added not yet
+    ULONG ulPrefixes;              // prefix bits of all masks
+    ULONG ulKbdType;               // of the keyboard when the entries were converted
+    UCHAR ucRowWords[HOTKEY_ROWS]; // a bit for each word of the row that is not 0
+    ULONGLONG* pRows;              // HOTKEY_ROWS times ulWords
     HotkeyEntry* pEntries;
 };
 

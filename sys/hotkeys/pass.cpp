@@ -19,32 +19,23 @@ const bool WalkWhole = false;
 #endif
 
 HotkeyPass::HotkeyPass(PDEVICE_OBJECT pFilter)
-    : HotkeyWalk(FilterContextOf(pFilter)), device(pFilter), bWhole(IsWholeWalk())
+    : HotkeyWalk(FilterContextOf(pFilter)), device(pFilter), ulAllWords((1u << (View.ulCount + 63) / 64) - 1),
+      bWhole(IsWholeWalk())
 {
     if (pContext->ulHeldOf != View.ulGeneration) {
         StartFromNothingHeld();
     }
 }
 
-// The next report shall see at once whether anything is held.
-HotkeyPass::~HotkeyPass()
-{
-    ULONGLONG ullHeld = 0;
-    for (ULONG i = 0; i < SetWords(); i++) {
-        ullHeld |= pContext->ullHeldHotkeys[i];
-    }
-    pContext->ucAnyHotkeyHeld = ullHeld != 0;
-}
-
 // The hotkeys were published anew since the last report; those that were held and are still there start anew too.
-void HotkeyPass::StartFromNothingHeld()
+COLD void HotkeyPass::StartFromNothingHeld()
 {
     for (HotkeyEntry& entry : Held()) {
         entry.ucDown = 0;
         entry.ulHeldKeys = 0;
     }
-    RtlZeroMemory(pContext->ullHeldHotkeys, sizeof(pContext->ullHeldHotkeys));
-    RtlZeroMemory(pContext->ullReadyHotkeys, sizeof(pContext->ullReadyHotkeys));
+    pContext->HeldHotkeys = {};
+    pContext->ReadyHotkeys = {};
     pContext->ulHeldOf = View.ulGeneration;
 }
 
@@ -76,43 +67,48 @@ HotkeySet HotkeyPass::Whole() const
 {
     static const ULONGLONG Everybody[] = {~0ull, ~0ull, ~0ull, ~0ull, ~0ull, ~0ull, ~0ull, ~0ull};
     static_assert(sizeof(Everybody) == HOTKEY_SET_WORDS * sizeof(ULONGLONG), "a bit for each");
-    return SetOf(Everybody);
+    return SetOf(Everybody, ulAllWords);
 }
 
-// Without hotkeys there are no rows, and nobody reads one.
-const ULONGLONG* HotkeyPass::Row(ULONG ulRow) const
+// Without hotkeys there are no rows.
+HotkeySet HotkeyPass::Row(ULONG ulRow) const
 {
-    return pIndex == nullptr ? nullptr : pIndex->pRows + ulRow * pIndex->ulWords;
+    return pIndex == nullptr
+               ? SetOf(nullptr, 0)
+               : SetOf(pIndex->pRows + ulRow * pIndex->ulWords, LoadAcquire(pIndex->ucRowWords[ulRow]));
 }
 
 void HotkeyPass::AddRow(ULONG ulRow)
 {
-    const ULONGLONG* pRow = Row(ulRow);
-    for (ULONG i = 0; i < SetWords(); i++) {
-        ullMixed[i] |= LoadAcquire(pRow[i]);
+    const HotkeySet row = Row(ulRow);
+    for (ULONG ulWordsLeft = row.Words(); ulWordsLeft != 0; ulWordsLeft &= ulWordsLeft - 1) {
+        const ULONG ulWord = LowestBit(ulWordsLeft);
+        Mixed.Put(ulWord, Mixed.ullWords[ulWord] | row.Word(ulWord));
     }
 }
 
 HotkeySet HotkeyPass::Holding(UCHAR ucUsage) const
 {
-    return bWhole ? Whole() : SetOf(Row(ucUsage));
+    return bWhole ? Whole() : Row(ucUsage);
 }
 
 HotkeySet HotkeyPass::Held() const
 {
-    return bWhole ? Whole() : SetOf(pContext->ullHeldHotkeys);
+    return bWhole ? Whole() : SetOf(pContext->HeldHotkeys);
 }
 
 HotkeySet HotkeyPass::Ready() const
 {
-    return bWhole || IsTraced(TRACE_VERBOSE) ? Held() : SetOf(pContext->ullReadyHotkeys);
+    return bWhole || IsTraced(TRACE_VERBOSE) ? Held() : SetOf(pContext->ReadyHotkeys);
 }
 
 bool HotkeyPass::IsAnyPartlyHeld() const
 {
     ULONGLONG ullPartly = 0;
-    for (ULONG i = 0; i < SetWords(); i++) {
-        ullPartly |= pContext->ullHeldHotkeys[i] & ~pContext->ullReadyHotkeys[i];
+    for (ULONG ulWordsLeft = pContext->HeldHotkeys.ucWords; ulWordsLeft != 0;
+         ulWordsLeft &= ulWordsLeft - 1) {
+        const ULONG ulWord = LowestBit(ulWordsLeft);
+        ullPartly |= pContext->HeldHotkeys.ullWords[ulWord] & ~pContext->ReadyHotkeys.ullWords[ulWord];
     }
     return ullPartly != 0;
 }
@@ -122,11 +118,11 @@ HotkeySet HotkeyPass::Simple(const UCHAR* pKeys, ULONG ulKeys)
     if (bWhole) {
         return Whole();
     }
-    RtlCopyMemory(ullMixed, pContext->ullHeldHotkeys, sizeof(ullMixed));
+    Mixed = pContext->HeldHotkeys;
     for (ULONG i = 0; i < ulKeys && pKeys[i] != 0; i++) {
         AddRow(pKeys[i]);
     }
-    return SetOf(ullMixed);
+    return SetOf(Mixed);
 }
 
 HotkeySet HotkeyPass::Extended(ULONG ulBits)
@@ -134,10 +130,10 @@ HotkeySet HotkeyPass::Extended(ULONG ulBits)
     if (bWhole) {
         return Whole();
     }
-    RtlCopyMemory(ullMixed, pContext->ullHeldHotkeys, sizeof(ullMixed));
+    Mixed = pContext->HeldHotkeys;
     AddRow(HOTKEY_ROW_NO_PATTERN);
     for (; ulBits != 0; ulBits &= ulBits - 1) {
         AddRow(HOTKEY_ROW_PATTERN + LowestBit(ulBits));
     }
-    return SetOf(ullMixed);
+    return SetOf(Mixed);
 }

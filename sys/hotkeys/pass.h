@@ -26,16 +26,16 @@ inline bool IsWholeWalk()
     return WalkWhole || IsLogOn(LOG_TRAFFIC);
 }
 
-// Some of the first entries of one list, in its order; a bit says who, and may go when its entry's turn has come. Bits
-// behind the last entry count for nobody.
+// Some of the first entries of one list, in its order: a bit says who, a bit of ulWords in which words there is anybody.
+// Bits may go when their turn has come; those behind the last entry count for nobody.
 class HotkeySet
 {
 public:
-    HotkeySet(HotkeyEntry* pFirst, ULONG ulEntries, const ULONGLONG* pBitsOfWho)
-        : pEntries(pFirst), ulCount(ulEntries), pBits(pBitsOfWho)
+    HotkeySet(HotkeyEntry* pFirst, ULONG ulEntries, const ULONGLONG* pBitsOfWho, ULONG ulWordsOfWho)
+        : pEntries(pFirst), ulCount(ulEntries), pBits(pBitsOfWho), ulWords(ulWordsOfWho)
     {
     }
-    ULONG Words() const { return (ulCount + 63) / 64; }
+    ULONG Words() const { return ulWords; }
     // Who of the entries 64 ulWord and on.
     ULONGLONG Word(ULONG ulWord) const
     {
@@ -48,8 +48,8 @@ public:
     class Iterator
     {
     public:
-        Iterator(const HotkeySet& of) : set(of) { FindNext(); }
-        HotkeyEntry& operator*() const { return set.pEntries[(ulNext - 1) * 64 + LowestBit(ullLeft)]; }
+        Iterator(const HotkeySet& of) : set(of), ulWordsLeft(of.ulWords) { FindNext(); }
+        HotkeyEntry& operator*() const { return pEntries[LowestBit(ullLeft)]; }
         void operator++()
         {
             ullLeft &= ullLeft - 1;
@@ -60,12 +60,15 @@ public:
     private:
         void FindNext()
         {
-            while (ullLeft == 0 && ulNext < set.Words()) {
-                ullLeft = set.Word(ulNext++);
+            for (; ullLeft == 0 && ulWordsLeft != 0; ulWordsLeft &= ulWordsLeft - 1) {
+                const ULONG ulWord = LowestBit(ulWordsLeft);
+                ullLeft = set.Word(ulWord);
+                pEntries = set.pEntries + ulWord * 64;
             }
         }
         const HotkeySet& set;
-        ULONG ulNext = 0; // word
+        ULONG ulWordsLeft;
+        HotkeyEntry* pEntries = nullptr; // the 64 of this word
         ULONGLONG ullLeft = 0;
     };
 
@@ -76,13 +79,13 @@ private:
     HotkeyEntry* pEntries;
     ULONG ulCount;
     const ULONGLONG* pBits;
+    ULONG ulWords;
 };
 
 class HotkeyPass : public HotkeyWalk
 {
 public:
     explicit HotkeyPass(PDEVICE_OBJECT pFilter);
-    ~HotkeyPass();
 
     PDEVICE_OBJECT Device() const { return device; }
     DeviceContext* Context() const { return pContext; }
@@ -131,22 +134,26 @@ public:
 
 private:
     static void LogKeptHeldKeys(const char* pszTitle, const HotkeyEntry& entry);
-    ULONG SetWords() const { return (View.ulCount + 63) / 64; }
     HotkeySet Whole() const;
-    HotkeySet SetOf(const ULONGLONG* pBits) const { return HotkeySet(pFirst, View.ulCount, pBits); }
-    const ULONGLONG* Row(ULONG ulRow) const;
+    HotkeySet SetOf(const ULONGLONG* pBits, ULONG ulOfWords) const
+    {
+        return HotkeySet(pFirst, View.ulCount, pBits, ulOfWords & ulAllWords);
+    }
+    HotkeySet SetOf(const HotkeyBits& bits) const { return SetOf(bits.ullWords, bits.ucWords); }
+    HotkeySet Row(ULONG ulRow) const;
     void AddRow(ULONG ulRow);
     void StartFromNothingHeld();
     bool IsMatched(const HotkeyEntry& entry, ULONG ulWords) const;
 
     PDEVICE_OBJECT device;
+    ULONG ulAllWords; // a bit for each word of a set
     bool bWhole;
     ULONG ulScans = 0;  // of this report
     ULONGLONG ullScan;  // of all reports; set by the first
     ULONG ulWords = 0;  // modifier words that this report has met, one more than scans at the most
     ULONG Words[16];    // a report has at most six keys of before and six of now
     ULONG ulBefore = 0; // words before this scan
-    ULONGLONG ullMixed[HOTKEY_SET_WORDS]; // a set of several rows
+    HotkeyBits Mixed;   // a set of several rows
 };
 
 // What each key asks of each hotkey that it can mean.
@@ -202,15 +209,16 @@ struct HeldBits {
 
 template <typename Touch> void HotkeyPass::TouchEach(const HotkeySet& set, Touch touch)
 {
-    for (ULONG ulWord = 0; ulWord < set.Words(); ulWord++) {
+    for (ULONG ulWordsLeft = set.Words(); ulWordsLeft != 0; ulWordsLeft &= ulWordsLeft - 1) {
+        const ULONG ulWord = LowestBit(ulWordsLeft);
         HotkeyEntry* pEntries = pFirst + ulWord * 64;
-        HeldBits bits = {pContext->ullHeldHotkeys[ulWord], pContext->ullReadyHotkeys[ulWord], 0};
+        HeldBits bits = {pContext->HeldHotkeys.ullWords[ulWord], pContext->ReadyHotkeys.ullWords[ulWord], 0};
         for (ULONGLONG ullLeft = set.Word(ulWord); ullLeft != 0; ullLeft ^= bits.ullEntry) {
             bits.ullEntry = ullLeft & (~ullLeft + 1);
             touch(pEntries[LowestBit(ullLeft)], bits);
         }
-        pContext->ullHeldHotkeys[ulWord] = bits.ullHeld;
-        pContext->ullReadyHotkeys[ulWord] = bits.ullReady;
+        pContext->HeldHotkeys.Put(ulWord, bits.ullHeld);
+        pContext->ReadyHotkeys.Put(ulWord, bits.ullReady);
     }
 }
 
@@ -218,10 +226,10 @@ inline void HotkeyPass::Settle(const HotkeyEntry& entry)
 {
     const ULONG ulWord = NumberOf(entry) / 64;
     const ULONGLONG ullBit = 1ull << NumberOf(entry) % 64;
-    ULONGLONG& ullHeld = pContext->ullHeldHotkeys[ulWord];
-    ULONGLONG& ullReady = pContext->ullReadyHotkeys[ulWord];
+    const ULONGLONG ullHeld = pContext->HeldHotkeys.ullWords[ulWord];
+    const ULONGLONG ullReady = pContext->ReadyHotkeys.ullWords[ulWord];
     const bool bHeld = entry.ucDown != 0 || entry.ulHeldKeys != 0;
     const bool bReady = entry.ucDown != 0 || (bHeld && AreAllKeysHeld(entry));
-    ullHeld = bHeld ? ullHeld | ullBit : ullHeld & ~ullBit;
-    ullReady = bReady ? ullReady | ullBit : ullReady & ~ullBit;
+    pContext->HeldHotkeys.Put(ulWord, bHeld ? ullHeld | ullBit : ullHeld & ~ullBit);
+    pContext->ReadyHotkeys.Put(ulWord, bReady ? ullReady | ullBit : ullReady & ~ullBit);
 }

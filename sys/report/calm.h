@@ -20,7 +20,7 @@ enum : ULONG { MODIFIER_OF_KEYS = MODIFIER_PREFIXES | MODIFIER_FN | MODIFIER_CON
 // Nothing of before waits for this report. The fields are shared; between these looks nobody need come first.
 inline bool IsNothingUnderWay(const DeviceContext* pContext)
 {
-    return (pContext->ucAnyHotkeyHeld | LoadAcquire(pContext->usSwallowCount) |
+    return (pContext->HeldHotkeys.ucWords | LoadAcquire(pContext->usSwallowCount) |
             LoadAcquire(pContext->usInsertCount) | LoadAcquire(pContext->ucHotkeyActive) |
             LoadAcquire(Globals.ucHotkeyComplete) | LoadAcquire(Globals.ucSwallowPending) |
             LoadAcquire(Globals.ulPrefixReleased) | LoadAcquire(Globals.ulPrefixUnmatched)) == 0;
