@@ -37,49 +37,64 @@ constexpr DerivedBit DerivedBits[] = {
     {0x180, MODIFIER_ANY_GUI},
 };
 
-// Eight bytes at once, which is a whole report.
-bool IsByteIn(const UCHAR* pBuf, ULONG ulLen, UCHAR ucValue)
+// Up to eight bytes as one word, which are a whole report.
+ULONGLONG ReadBytes(const UCHAR* pBytes, ULONG ulBytes)
 {
-    ULONG i = 0;
-    for (; i + 8 <= ulLen; i += 8) {
-        ULONGLONG ullBytes;
-        RtlCopyMemory(&ullBytes, pBuf + i, sizeof(ullBytes));
-        if (ZeroBytesOf(ullBytes ^ EightOf(ucValue)) != 0) {
-            return true;
-        }
+    ULONGLONG ullBytes = 0;
+    if (ulBytes >= sizeof(ullBytes)) {
+        RtlCopyMemory(&ullBytes, pBytes, sizeof(ullBytes));
+    } else {
+        RtlCopyMemory(&ullBytes, pBytes, ulBytes);
     }
-    for (; i < ulLen; i++) {
-        if (pBuf[i] == ucValue) {
-            return true;
-        }
-    }
-    return false;
+    return ullBytes;
 }
 
-// A prefix bit is set by its key and stays when the key is gone; pbReleased then becomes true.
-ULONG LatchPrefix(ULONG ulFlags, const UCHAR* pBuf, ULONG ulLen, UCHAR ucUsage, ULONG ulBit, bool* pbReleased)
+// The bits of the word whose keys stand in the report, at any of its bytes. Mostly none does.
+ULONG BitsOfKeysIn(const UCHAR* pBuf, ULONG ulLen)
 {
-    if (ucUsage != 0 && IsByteIn(pBuf, ulLen, ucUsage)) {
-        return ulFlags | ulBit;
+    ULONG ulBits = 0;
+    for (ULONG i = 0; i < ulLen; i += sizeof(ULONGLONG)) {
+        const ULONGLONG ullBytes = ReadBytes(pBuf + i, ulLen - i);
+        const auto PlacesOf = [=](UCHAR ucUsage) { return ZeroBytesOf(ullBytes ^ EightOf(ucUsage)); };
+        if ((PlacesOf(USAGE_CONTEXT_KEY) | PlacesOf(USAGE_FN) | PlacesOf(Globals.ucPrefix1Usage) |
+             PlacesOf(Globals.ucPrefix2Usage) | PlacesOf(Globals.ucPosKeyPrefixUsage)) == 0) {
+            continue;
+        }
+        const auto BitOf = [=](UCHAR ucUsage, ULONG ulBit) {
+            return ucUsage != 0 && PlacesOf(ucUsage) != 0 ? ulBit : 0;
+        };
+        ulBits |= BitOf(USAGE_CONTEXT_KEY, MODIFIER_CONTEXT_KEY) | BitOf(USAGE_FN, MODIFIER_FN) |
+                  BitOf(Globals.ucPrefix1Usage, MODIFIER_PREFIX1) |
+                  BitOf(Globals.ucPrefix2Usage, MODIFIER_PREFIX2) |
+                  BitOf(Globals.ucPosKeyPrefixUsage, MODIFIER_POSKEY_PREFIX);
     }
-    if (ulFlags & ulBit) {
-        *pbReleased = true;
-    }
-    return ulFlags;
+    return ulBits;
 }
 
-// Fn follows its key, the three prefixes latch. Returns the word with these bits renewed.
-ULONG TrackPrefixes(ULONG ulFlags, const UCHAR* pBuf, ULONG ulLen, bool* pbReleased)
+// The word after a report of these modifiers and keys: the keys that are tracked follow theirs, but for the prefixes,
+// which latch.
+ULONG FollowReport(ULONG ulFlags, UCHAR ucModifiers, ULONG ulKeys, ULONG ulTracked)
 {
-    *pbReleased = false;
-    ulFlags = IsByteIn(pBuf, ulLen, USAGE_FN) ? ulFlags | MODIFIER_FN : ulFlags & ~MODIFIER_FN;
-    ulFlags = LatchPrefix(ulFlags, pBuf, ulLen, Globals.ucPrefix1Usage, MODIFIER_PREFIX1, pbReleased);
-    ulFlags = LatchPrefix(ulFlags, pBuf, ulLen, Globals.ucPrefix2Usage, MODIFIER_PREFIX2, pbReleased);
-    return LatchPrefix(ulFlags, pBuf, ulLen, Globals.ucPosKeyPrefixUsage, MODIFIER_POSKEY_PREFIX, pbReleased);
+    ulFlags = (ulFlags & ~static_cast<ULONG>(MODIFIER_OF_BYTE)) | WordOfModifiers(ucModifiers);
+    return (ulFlags & ~(ulTracked & ~MODIFIER_PREFIXES)) | (ulKeys & ulTracked);
+}
+
+// What a report's tracked keys mean besides their bits: a prefix that was latched is released, the log names the
+// context key.
+NOINLINE void NoteKeys(ULONG ulBefore, ULONG ulKeys, ULONG ulTracked)
+{
+    if (ulBefore & ulTracked & MODIFIER_PREFIXES & ~ulKeys) {
+        WriteShared(Globals.ulPrefixReleased, 1u);
+    }
+    if (ulKeys & MODIFIER_CONTEXT_KEY) {
+        LogPrintf(LOG_DETAIL, 1, "(UpdateModifierFlags) ContextKey dn");
+    } else if (ulBefore & MODIFIER_CONTEXT_KEY) {
+        LogPrintf(LOG_DETAIL, 1, "(UpdateModifierFlags) ContextKey up");
+    }
 }
 
 // Each single modifier that came or went.
-void TraceModifiers(PDEVICE_OBJECT device, ULONG ulBefore, ULONG ulFlags)
+COLD void TraceModifiers(PDEVICE_OBJECT device, ULONG ulBefore, ULONG ulFlags)
 {
     for (const ModifierBit& bit : ModifierBits) {
         if ((ulBefore ^ ulFlags) & bit.ulFlag) {
@@ -113,6 +128,11 @@ constexpr ModifierWords MakeModifierWords()
 
 const ModifierWords WordsOfModifiers = MakeModifierWords();
 
+static NOINLINE void TellMice(ULONG ulFlags)
+{
+    (void)NotifyMouseModifiers(&ulFlags); // sent again at the next change
+}
+
 // The report bits of a mask's single modifiers; the derived bits have none.
 UCHAR ReportBitsOf(ULONG ulModifiers)
 {
@@ -137,30 +157,21 @@ bool IsPrefixUsage(UCHAR ucUsage)
 void UpdateModifierFlags(PDEVICE_OBJECT device, const UCHAR* pBuf, ULONG ulLen, UCHAR ucFlag)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
-    bool bPrefixes = ucFlag == 1 && ReadShared(FilterContextOf(device)->KbdType) == NORMALKbdType;
-    bool bContextKey = IsByteIn(pBuf, ulLen, USAGE_CONTEXT_KEY);
-    bool bReleased = false;
+    const bool bPrefixes = ucFlag == 1 && ReadShared(FilterContextOf(device)->KbdType) == NORMALKbdType;
+    const ULONG ulTracked = MODIFIER_CONTEXT_KEY | (bPrefixes ? MODIFIER_FN | MODIFIER_PREFIXES : 0);
+    const ULONG ulKeys = BitsOfKeysIn(pBuf, ulLen) & ulTracked;
     ULONG ulBefore = ReadShared(Globals.ulModifierFlags);
     ULONG ulFlags;
     do {
-        ulFlags = (ulBefore & ~static_cast<ULONG>(MODIFIER_OF_BYTE)) | WordOfModifiers(pBuf[0]);
-        ulFlags = bContextKey ? ulFlags | MODIFIER_CONTEXT_KEY : ulFlags & ~MODIFIER_CONTEXT_KEY;
-        if (bPrefixes) {
-            ulFlags = TrackPrefixes(ulFlags, pBuf, ulLen, &bReleased);
-        }
+        ulFlags = FollowReport(ulBefore, pBuf[0], ulKeys, ulTracked);
     } while (ulFlags != ulBefore && !CompareExchangeShared(Globals.ulModifierFlags, ulBefore, ulFlags));
     if (IsTraced(TRACE_VERBOSE)) {
         TraceModifiers(device, ulBefore, ulFlags);
     }
-    if (bReleased) {
-        WriteShared(Globals.ulPrefixReleased, 1u);
-    }
-    if (bContextKey) {
-        LogPrintf(LOG_DETAIL, 1, "(UpdateModifierFlags) ContextKey dn");
-    } else if (ulBefore & MODIFIER_CONTEXT_KEY) {
-        LogPrintf(LOG_DETAIL, 1, "(UpdateModifierFlags) ContextKey up");
+    if ((ulBefore | ulKeys) & ulTracked) {
+        NoteKeys(ulBefore, ulKeys, ulTracked);
     }
     if (ulFlags != ulBefore && IsMouseSiblingConnected()) {
-        (void)NotifyMouseModifiers(&ulFlags); // sent again at the next change
+        TellMice(ulFlags);
     }
 }
