@@ -133,7 +133,9 @@ static void __attribute__((noinline)) Finish(PIRP pIrp, HostIrp* pHost)
     if (pAlways != nullptr) {
         *pAlways = result;
     }
-    if (pEvent != nullptr) {
+    if (pAlways != nullptr && HostTakesTurns() && IsListEmpty(&pEvent->Header.WaitListHead)) {
+        pEvent->Header.SignalState = 1; // the system's own, and nobody waits yet
+    } else if (pEvent != nullptr) {
         KeSetEvent(pEvent, IO_NO_INCREMENT, FALSE);
     }
 }

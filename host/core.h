@@ -5,6 +5,7 @@
 // (irp.cpp), needed only when threads run freely.
 #pragma once
 
+#include <bitset>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -38,10 +39,19 @@
 #endif
 #if defined(HOST_ASAN)
 #include <sanitizer/asan_interface.h>
+#else
+#define ASAN_POISON_MEMORY_REGION(p, n) ((void)(p), (void)(n))
+#define ASAN_UNPOISON_MEMORY_REGION(p, n) ((void)(p), (void)(n))
 #endif
 
 extern bool
     HostRunsFreely; // threads run freely; else one runs at a time, and nobody needs a lock or an atomic sum
+
+// Nobody else runs before this thread waits.
+inline bool HostTakesTurns()
+{
+    return !HostRunsFreely && !HostSeeded;
+}
 
 class HostLock
 {

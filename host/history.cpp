@@ -4,27 +4,6 @@
 // completed. The last transitions tell how it came there. Any thread, any IRQL.
 #include "irp.h"
 
-// An empty one.
-// Lock: held.
-HostHistory* HostNewHistory()
-{
-    HostHistory* pHistory = g->Irps.pSpare;
-    if (pHistory == nullptr) {
-        g->Irps.Histories.push_back(std::make_unique<HostHistory>());
-        pHistory = g->Irps.Histories.back().get();
-    }
-    g->Irps.pSpare = pHistory->pNext;
-    pHistory->uTransitions = 0;
-    return pHistory;
-}
-
-// Lock: held.
-void HostDeleteHistory(HostHistory* pHistory)
-{
-    pHistory->pNext = g->Irps.pSpare;
-    g->Irps.pSpare = pHistory;
-}
-
 void HostNotePending(PIRP pIrp)
 {
     HostNote(HostIrpOf(pIrp), "marked pending", HostSelf()->pDriver, 0);
@@ -33,10 +12,9 @@ void HostNotePending(PIRP pIrp)
 std::string HostHistoryOf(HostIrp* pHost)
 {
     std::string text;
-    const HostHistory& history = *pHost->pHistory;
-    unsigned uFirst = history.uTransitions > TRANSITIONS ? history.uTransitions - TRANSITIONS : 0;
-    for (unsigned i = uFirst; i < history.uTransitions; i++) {
-        const HostHistory::Transition& one = history.Last[i % TRANSITIONS];
+    unsigned uFirst = pHost->uTransitions > TRANSITIONS ? pHost->uTransitions - TRANSITIONS : 0;
+    for (unsigned i = uFirst; i < pHost->uTransitions; i++) {
+        const HostTransition& one = pHost->Transitions[i % TRANSITIONS];
         char value[40];
         snprintf(value, sizeof(value), " (0x%llx)", one.ulValue);
         text += std::string("\n  ") + one.pWhat + " " +
@@ -105,7 +83,7 @@ void HostCheckNoStackObjects(PKTHREAD pThread, const void* pReturned)
     };
     HostLock lock(g->Lock);
     ForEachRequest([&](HostIrp* pHost) {
-        PIRP pIrp = reinterpret_cast<PIRP>(pHost + 1);
+        PIRP pIrp = pHost->pIrp;
         if (pHost->bOnStack && pIrp->Tail.Overlay.Thread == pThread &&
             (gone(pIrp->UserEvent) || gone(pIrp->UserIosb))) {
             HostBug("IRP_OUTLIVES_STACK",

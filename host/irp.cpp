@@ -21,24 +21,50 @@ static void SetUp(PIRP pIrp, CCHAR stackSize, UCHAR ucFlags)
     pIrp->Tail.Overlay.CurrentStackLocation = reinterpret_cast<PIO_STACK_LOCATION>(pIrp + 1) + stackSize;
 }
 
+// A record that nothing is known of yet.
+// Lock: held.
+static HostIrp* TakeRecord()
+{
+    HostIrp* pHost = g->Irps.pSpare;
+    if (pHost == nullptr) {
+        g->Irps.Records.push_back(std::make_unique<HostIrp>());
+        return g->Irps.Records.back().get();
+    }
+    ASAN_UNPOISON_MEMORY_REGION(pHost, sizeof(*pHost));
+    g->Irps.pSpare = pHost->pNext;
+    enum : size_t { ZERO = offsetof(HostIrp, bSystem), ZERO_END = offsetof(HostIrp, Transitions) };
+    memset(reinterpret_cast<UCHAR*>(pHost) + ZERO, 0, ZERO_END - ZERO);
+    return pHost;
+}
+
+// Lock: held.
+static void GiveRecord(HostIrp* pHost)
+{
+    pHost->pNext = g->Irps.pSpare;
+    g->Irps.pSpare = pHost;
+    ASAN_POISON_MEMORY_REGION(pHost, sizeof(*pHost));
+}
+
 PIRP HostNewIrp(CCHAR stackSize)
 {
     const size_t irpSize = IoSizeOfIrp(stackSize);
-    const size_t bytes = sizeof(HostIrp) + irpSize + (static_cast<size_t>(stackSize) + 1) * sizeof(HostStep);
+    const size_t bytes =
+        sizeof(HostIrpHead) + irpSize + (static_cast<size_t>(stackSize) + 1) * sizeof(HostStep);
     PKTHREAD pSelf = HostSelf();
-    HostIrp* pHost = static_cast<HostIrp*>(HostAllocateBare(bytes, HostIrpKind, pSelf->pDriver));
-    memset(static_cast<void*>(pHost), 0, bytes);
-    pHost->ulMagic = IRP_MAGIC;
-    pHost->pOwner = pSelf->pDriver;
-    pHost->b32 = pSelf->b32;
-    pHost->iSteps = stackSize;
-    pHost->iLowest = stackSize + 1;
-    PIRP pIrp = reinterpret_cast<PIRP>(pHost + 1);
-    pHost->pSteps = reinterpret_cast<HostStep*>(reinterpret_cast<UCHAR*>(pIrp) + irpSize);
+    HostIrpHead* pHead = static_cast<HostIrpHead*>(HostAllocateBare(bytes, HostIrpKind, pSelf->pDriver));
+    memset(static_cast<void*>(pHead), 0, bytes);
+    PIRP pIrp = reinterpret_cast<PIRP>(pHead + 1);
     SetUp(pIrp, stackSize, TRACKED);
     pIrp->Tail.Overlay.Thread = pSelf;
     HostLock lock(g->Lock);
-    pHost->pHistory = HostNewHistory();
+    HostIrp* pHost = TakeRecord();
+    *pHead = {IRP_MAGIC, pHost};
+    pHost->pIrp = pIrp;
+    pHost->pOwner = pSelf->pDriver;
+    pHost->b32 = pSelf->b32;
+    pHost->pSteps = reinterpret_cast<HostStep*>(reinterpret_cast<UCHAR*>(pIrp) + irpSize);
+    pHost->iSteps = stackSize;
+    pHost->iLowest = stackSize + 1;
     HostNote(pHost, "made", pSelf->pDriver, static_cast<ULONG_PTR>(stackSize));
     InsertTailList(&g->Irps.All, &pHost->Link);
     return pIrp;
@@ -46,16 +72,17 @@ PIRP HostNewIrp(CCHAR stackSize)
 
 void HostDeleteIrp(HostIrp* pHost)
 {
-    pHost->ulMagic = IRP_GONE;
+    HostIrpHead* pHead = HostHeadOf(pHost->pIrp);
+    pHead->ulMagic = IRP_GONE;
     if (pHost->bOnStack) { // built, never sent
-        HostAdd(&reinterpret_cast<PIRP>(pHost + 1)->Tail.Overlay.Thread->uOnStack, -1u);
+        HostAdd(&pHost->pIrp->Tail.Overlay.Thread->uOnStack, -1u);
     }
     {
         HostLock lock(g->Lock);
         RemoveEntryList(&pHost->Link);
-        HostDeleteHistory(pHost->pHistory);
+        GiveRecord(pHost);
     }
-    HostRelease(pHost, HostIrpKind);
+    HostRelease(pHead, HostIrpKind);
 }
 
 PIRP IoAllocateIrp(CCHAR stackSize, BOOLEAN)

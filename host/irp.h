@@ -1,6 +1,8 @@
 // irp.h - what the host keeps beside a request.
 //
-//   HostIrp | IRP | stack locations 1..n | steps 1..n
+//   a block of the pool            HostIrpHead | IRP | stack locations 1..n | steps 1..n
+//                                      │
+//   apart, where no driver has memory  └► HostIrp, used again and again
 //
 // For each stack location a step remembers the call that is under way in it. So the host can compare what
 // a dispatch routine returned with what the request did: STATUS_PENDING and the pending mark belong together,
@@ -31,28 +33,28 @@ struct HostStep {
     bool bNextPower;                 // its driver called PoStartNextPowerIrp
 };
 
-// What happened to a request. It lies apart, where no driver has memory, and is used again as it is.
-enum { TRANSITIONS = 32 };
-struct HostHistory {
-    struct Transition { // by whose code, with a status, a function or a level
-        const char* pWhat;
-        PDRIVER_OBJECT pDriver;
-        ULONG_PTR ulValue;
-    };
-    HostHistory* pNext; // of the spare ones
-    unsigned uTransitions;
-    Transition Last[TRANSITIONS]; // a ring
+// Something that happened to a request, by whose code, with a status, a function or a level.
+struct HostTransition {
+    const char* pWhat;
+    PDRIVER_OBJECT pDriver;
+    ULONG_PTR ulValue;
 };
+enum { TRANSITIONS = 32 };
 
 struct HostIrp {
-    ULONG_PTR ulMagic;
+    PIRP pIrp;
     PDRIVER_OBJECT pOwner;
     HostStep* pSteps; // by CurrentLocation
     int iSteps;       // of its stack; the request's own count is written anew when it is reused
     int iLowest;      // the lowest location that was called
+    LIST_ENTRY Link;  // HostRequests::All
+    HostIrp* pNext;   // of HostRequests::pSpare
     bool b32;
+
+    // 0 in a new one, to the end of this stretch
     bool bSystem;   // the system frees it when it is complete
     bool bComplete; // finalised while somebody held it
+    bool bOnStack;  // its event or status block lies with the caller, who must outlive it
     unsigned uHolds;
     PIO_STATUS_BLOCK pResult; // written always, unlike UserIosb
     PKTHREAD pRequester;
@@ -61,9 +63,14 @@ struct HostIrp {
     ULONG ulInput;
     ULONG ulCode;
     ULONGLONG ullKey; // of its system buffer's unwritten bytes
-    bool bOnStack;    // its event or status block lies with the caller, who must outlive it
-    LIST_ENTRY Link;  // HostRequests::All
-    HostHistory* pHistory;
+    unsigned uTransitions;
+
+    HostTransition Transitions[TRANSITIONS]; // the last ones, a ring
+};
+
+struct HostIrpHead {
+    ULONG_PTR ulMagic;
+    HostIrp* pHost;
 };
 
 class HostStepLock
@@ -90,22 +97,24 @@ bool HostIsPower(PIO_STACK_LOCATION pLocation);    // a power request of which o
 PIRP HostNewIrp(CCHAR stackSize);
 std::string HostHistoryOf(HostIrp* pHost); // its last transitions, a line each
 void HostDeleteIrp(HostIrp* pHost);
-HostHistory* HostNewHistory(); // history.cpp
-void HostDeleteHistory(HostHistory* pHistory);
 void HostCopyOut(PIRP pIrp, HostIrp* pHost); // the output to the requester; buffers freed
+
+inline HostIrpHead* HostHeadOf(PIRP pIrp)
+{
+    return reinterpret_cast<HostIrpHead*>(pIrp) - 1;
+}
 
 // Null for a request in a driver's own memory.
 inline HostIrp* HostIrpOf(PIRP pIrp)
 {
-    return pIrp->AllocationFlags & TRACKED ? reinterpret_cast<HostIrp*>(pIrp) - 1 : nullptr;
+    return pIrp->AllocationFlags & TRACKED ? HostHeadOf(pIrp)->pHost : nullptr;
 }
 
 // The same; a request that is gone was completed before, and stops the run.
 inline HostIrp* HostLiveIrp(PIRP pIrp, const char* pCall)
 {
-    HostIrp* pHost = reinterpret_cast<HostIrp*>(pIrp) - 1;
     if (HostIsFreed(pIrp) || pIrp->AllocationFlags == HOST_FREED_BYTE ||
-        ((pIrp->AllocationFlags & TRACKED) && pHost->ulMagic != IRP_MAGIC)) {
+        ((pIrp->AllocationFlags & TRACKED) && HostHeadOf(pIrp)->ulMagic != IRP_MAGIC)) {
         HostBugGone(pCall);
     }
     return HostIrpOf(pIrp);
@@ -115,8 +124,7 @@ inline HostIrp* HostLiveIrp(PIRP pIrp, const char* pCall)
 inline void HostNote(HostIrp* pHost, const char* pWhat, PDRIVER_OBJECT pDriver, ULONG_PTR ulValue)
 {
     if (pHost != nullptr) {
-        HostHistory* pHistory = pHost->pHistory;
-        const unsigned uNext = HostAdd(&pHistory->uTransitions, 1u) - 1;
-        pHistory->Last[uNext % TRANSITIONS] = {pWhat, pDriver, ulValue};
+        const unsigned uNext = HostAdd(&pHost->uTransitions, 1u) - 1;
+        pHost->Transitions[uNext % TRANSITIONS] = {pWhat, pDriver, ulValue};
     }
 }

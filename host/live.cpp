@@ -77,20 +77,21 @@ static void CheckThreads(const Stretch& stretch)
 static bool AreThings()
 {
     return !g->Clock.Due.empty() || !IsListEmpty(&g->Dpcs.Queue) || !g->Dpcs.Running.empty() ||
-           g->Threads.objects != 0;
+           g->Threads.objects != 0 || !g->Work.Queue.empty();
 }
 
 // Memory that goes away must not hold anything that the system still knows of.
 // Lock: takes Lock.
 void HostCheckNoLiveThings(const void* p, size_t bytes, const char* pWhat)
 {
-    const Stretch stretch = {p, bytes, pWhat, "freed", FREED};
     HostLock lock(g->Lock);
     HostForgetLocks(p, bytes);
-    if (AreThings()) {
-        CheckTimers(stretch);
-        CheckThreads(stretch);
+    if (!AreThings()) {
+        return;
     }
+    const Stretch stretch = {p, bytes, pWhat, "freed", FREED};
+    CheckTimers(stretch);
+    CheckThreads(stretch);
     for (const HostWorkers::Item& work : g->Work.Queue) {
         if (stretch.Has(work.pIdentity)) {
             stretch.Stop(stretch.Code.pWork, "a work item in it is queued");

@@ -16,8 +16,6 @@
 #if defined(HOST_ASAN)
 enum { GUARD_BYTES = 0 };
 #else
-#define ASAN_POISON_MEMORY_REGION(p, n) ((void)(p), (void)(n))
-#define ASAN_UNPOISON_MEMORY_REGION(p, n) ((void)(p), (void)(n))
 enum { GUARD_BYTES = 16 };
 #endif
 #if defined(HOST_ASAN) || defined(HOST_TSAN)

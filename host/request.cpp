@@ -75,8 +75,7 @@ static NTSTATUS SendAndWait(PDEVICE_OBJECT pTop, PIRP pIrp, ULONG_PTR* pInformat
     if (status == STATUS_PENDING && pSelf->bTerminating) {
         HostCancelRequestOf(pSelf);
     }
-    if (HostRunsFreely || HostSeeded ||
-        done.Header.SignalState == 0) { // else whoever signalled it has let go of it
+    if (!HostTakesTurns() || done.Header.SignalState == 0) { // else who signalled it has let go of it
         KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
     }
     if (pInformation != nullptr) {

@@ -89,14 +89,15 @@ struct HostLedger {
 struct HostOrders {
     std::map<const void*, std::set<const void*>> After; // locks that were taken while the key was held
     std::vector<const void*> Locks;                     // all of them, by their addresses
+    std::bitset<1024> Pages;                            // that may hold one, by their number
 };
 
-// irp.cpp, history.cpp
+// irp.cpp
 struct HostRequests {
     LIST_ENTRY All;
-    std::mutex Lock;                                            // of their steps
-    std::vector<std::unique_ptr<struct HostHistory>> Histories; // all there are
-    struct HostHistory* pSpare = nullptr;                       // those that no request has
+    std::mutex Lock;                                      // of their steps
+    std::vector<std::unique_ptr<struct HostIrp>> Records; // all there are
+    struct HostIrp* pSpare = nullptr;                     // those that no request has
 };
 
 // registry.cpp
@@ -107,7 +108,8 @@ struct HostHives {
 
 // verify.cpp
 struct HostFailing {
-    std::string Kind; // empty: any
+    bool bAsked = false; // for any of what follows
+    std::string Kind;    // empty: any
     unsigned uNth = 0;
     bool bOn = false;                                     // from then on
     HostText In;                                          // only in this driver

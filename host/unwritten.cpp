@@ -13,6 +13,7 @@
 // variables of the stack differ by the builds that run.
 #include "core.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 #define FOUR 0xC5, 0x3A, 0x96, 0xE1
@@ -67,26 +68,77 @@ bool HostFindUnwritten(const UCHAR* pData, size_t bytes, size_t* pOffset)
     return false;
 }
 
-static UCHAR KeyByte(ULONGLONG ullKey, size_t i)
+enum : size_t { EIGHT = sizeof(ULONGLONG) }; // bytes at once
+
+// The bytes of this place and the next ones, up to the next multiple of eight.
+static ULONGLONG KeyFrom(ULONGLONG ullKey, size_t place)
 {
-    return static_cast<UCHAR>((ullKey >> (i % 8 * 8)) + i * 167);
+    return (ullKey + place / EIGHT * 0x9e3779b97f4a7c15) >> (place % EIGHT * 8);
+}
+
+static UCHAR KeyByte(ULONGLONG ullKey, size_t place)
+{
+    return static_cast<UCHAR>(KeyFrom(ullKey, place));
 }
 
 // Fills a system buffer behind its input. Result: the key by which its bytes are known again.
 ULONGLONG HostFillOutput(UCHAR* pData, size_t begin, size_t end)
 {
     static ULONGLONG ullRequests;
-    ULONGLONG ullKey = __atomic_add_fetch(&ullRequests, 1, __ATOMIC_RELAXED) * 0x9e3779b97f4a7c15;
+    ULONGLONG ullKey = HostAdd(&ullRequests, 1ull) * 0x9e3779b97f4a7c15;
     ullKey = (ullKey ^ (ullKey >> 30)) * 0xbf58476d1ce4e5b9;
     ullKey ^= ullKey >> 27;
-    for (size_t i = begin; i < end; i++) {
-        pData[i] = Paint >= 0 ? static_cast<UCHAR>(Paint) : KeyByte(ullKey, i);
+    if (Paint >= 0) {
+        memset(pData + begin, Paint, end - begin);
+        return ullKey;
+    }
+    for (size_t now; begin < end; begin += now) {
+        now = std::min(EIGHT - begin % EIGHT, end - begin);
+        const ULONGLONG ullWord = KeyFrom(ullKey, begin);
+        memcpy(pData + begin, &ullWord, now);
     }
     return ullKey;
 }
 
+// Without a way through memory, which would cost more than all the rest.
+static ULONGLONG LoadUpToEight(const UCHAR* pData, size_t bytes)
+{
+    ULONGLONG ullWord = 0;
+    if (bytes == EIGHT) {
+        memcpy(&ullWord, pData, EIGHT);
+        return ullWord;
+    }
+    ULONG ulFour = 0;
+    if (bytes >= sizeof(ulFour)) {
+        memcpy(&ulFour, pData, sizeof(ulFour));
+        ullWord = ulFour;
+    }
+    for (size_t i = bytes >= sizeof(ulFour) ? sizeof(ulFour) : 0; i < bytes; i++) {
+        ullWord |= static_cast<ULONGLONG>(pData[i]) << (i * 8);
+    }
+    return ullWord;
+}
+
+// Whether any byte could be an unwritten one.
+static bool AreAnyUnwritten(ULONGLONG ullKey, const UCHAR* pData, size_t begin, size_t end)
+{
+    for (size_t now; begin < end; begin += now) {
+        now = std::min(EIGHT - begin % EIGHT, end - begin);
+        const ULONGLONG ullKeys = KeyFrom(ullKey, begin);
+        const ULONGLONG ullBehind = now == EIGHT ? 0 : ~0ull << (now * 8);
+        const ULONGLONG ullWord = (LoadUpToEight(pData + begin, now) ^ ullKeys) | ullBehind; // 0: the key's
+        if ((ullWord - 0x0101010101010101) & ~ullWord & 0x8080808080808080) {
+            return true;
+        }
+    }
+    return false;
+}
+
 // The points of all places of a request's output, by its code; those of the latest codes are at hand.
-using Points = std::vector<UCHAR>;
+struct Points {
+    std::vector<UCHAR> Places;
+    bool bSome; // not all of them are 0
+};
 struct RecentPoints {
     ULONG ulCode;
     Points* pPoints;
@@ -96,16 +148,38 @@ static std::map<ULONG, Points> PointsByCode;
 static RecentPoints Recent[64];
 
 // Lock: held.
-static Points& PointsOf(ULONG ulCode, size_t places)
+static Points& PointsOf(ULONG ulCode)
 {
     RecentPoints& recent = Recent[(ulCode >> 2) % ARRAYSIZE(Recent)];
     if (recent.pPoints == nullptr || recent.ulCode != ulCode) {
         recent = {ulCode, &PointsByCode[ulCode]};
     }
-    if (recent.pPoints->size() < places) {
-        recent.pPoints->resize(places);
-    }
     return *recent.pPoints;
+}
+
+// Gives points to the unwritten places and takes those of the others. True when one has enough.
+// Lock: held.
+static bool CountPoints(std::vector<UCHAR>& places, ULONGLONG ullKey, const UCHAR* pData, size_t begin,
+                        size_t end, size_t* pOffset)
+{
+    for (size_t i = begin; i < end;) {
+        size_t after = i;
+        while (after < end && pData[after] == KeyByte(ullKey, after)) {
+            after++;
+        }
+        if (after == i) {
+            places[i++] = 0;
+            continue;
+        }
+        for (size_t together = after - i; i < after; i++) {
+            if (places[i] + together >= ENOUGH_POINTS) {
+                *pOffset = i;
+                return true;
+            }
+            places[i] = static_cast<UCHAR>(places[i] + together);
+        }
+    }
+    return false;
 }
 
 // Looks at an output of the request with this code; what lies before `begin` was input.
@@ -116,26 +190,17 @@ bool HostFindUnwrittenOutput(ULONG ulCode, ULONGLONG ullKey, const UCHAR* pData,
         return false;
     }
     HostLock lock(PointsLock);
-    Points& points = PointsOf(ulCode, end);
-    for (size_t i = begin; i < end;) {
-        size_t after = i;
-        while (after < end && pData[after] == KeyByte(ullKey, after)) {
-            after++;
-        }
-        if (after == i) {
-            points[i++] = 0;
-            continue;
-        }
-        for (size_t together = after - i; i < after; i++) {
-            if (points[i] + together >= ENOUGH_POINTS) {
-                *pOffset = i;
-                points.clear();
-                return true;
-            }
-            points[i] = static_cast<UCHAR>(points[i] + together);
-        }
+    Points& points = PointsOf(ulCode);
+    if (!points.bSome && !AreAnyUnwritten(ullKey, pData, begin, end)) {
+        return false;
     }
-    return false;
+    points.Places.resize(std::max(points.Places.size(), end));
+    const bool bFound = CountPoints(points.Places, ullKey, pData, begin, end, pOffset);
+    if (bFound) {
+        points.Places.clear();
+    }
+    points.bSome = std::any_of(points.Places.begin(), points.Places.end(), [](UCHAR uc) { return uc != 0; });
+    return bFound;
 }
 
 static FILE* OpenOutputs()
@@ -148,10 +213,11 @@ static FILE* OpenOutputs()
     return pFile;
 }
 
+static FILE* const pOutputs = OpenOutputs();
+
 // Real threads have no order that two runs could be compared by: what they give is not told.
 void HostTellOutput(const char* pWhat, const void* pData, size_t bytes)
 {
-    static FILE* const pOutputs = OpenOutputs();
     if (pOutputs == nullptr || (g != nullptr && g->bThreaded)) {
         return;
     }

@@ -64,6 +64,11 @@ bool HostShouldFail(const char* pKind)
 {
     PDRIVER_OBJECT pDriver = HostSelf()->pDriver;
     HostLock lock(g->Lock);
+    if (!g->Failing.bAsked) {
+        CountFallible(pKind);
+        g->Failing.uCalls++;
+        return false;
+    }
     if (!g->Failing.In.empty() && (pDriver == nullptr || HostServiceOf(pDriver) != g->Failing.In)) {
         return false;
     }
@@ -76,12 +81,19 @@ bool HostShouldFail(const char* pKind)
                           : g->Failing.uCalls == g->Failing.uNth;
 }
 
+// Lock: held.
+static void SeeWhetherAsked()
+{
+    g->Failing.bAsked = !g->Failing.Kind.empty() || !g->Failing.In.empty() || g->Failing.uNth != 0;
+}
+
 void HostFailNth(const char* pWhat, unsigned ulNth, bool bFromThenOn)
 {
     HostLock lock(g->Lock);
     g->Failing.Kind = pWhat == nullptr ? "" : pWhat;
     g->Failing.uNth = ulNth;
     g->Failing.bOn = bFromThenOn;
+    SeeWhetherAsked();
     g->Failing.uCalls = 0;
     g->Failing.ByKind.clear();
 }
@@ -90,6 +102,7 @@ void HostFailOnlyIn(const WCHAR* pServiceName)
 {
     HostLock lock(g->Lock);
     g->Failing.In = pServiceName == nullptr ? HostText() : HostTextOf(pServiceName);
+    SeeWhetherAsked();
 }
 
 std::map<std::string, unsigned> HostFallibleByKind()
