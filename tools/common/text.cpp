@@ -4,6 +4,13 @@
 
 #include <fmt/format.h>
 
+namespace
+{
+
+constexpr char HexDigits[] = "0123456789abcdef";
+
+} // namespace
+
 std::string TextOfUtf16(const uint8_t* pBytes, size_t cBytes)
 {
     std::u16string text;
@@ -21,32 +28,24 @@ std::string LowerCase(std::string_view text)
     return lower;
 }
 
-std::string_view Trim(std::string_view text)
+char* PutHex(char* pText, const std::vector<uint8_t>& bytes)
 {
-    const char* pBlanks = " \t\r\n";
-    size_t cFirst = text.find_first_not_of(pBlanks);
-    if (cFirst == std::string_view::npos)
-        return {};
-    return text.substr(cFirst, text.find_last_not_of(pBlanks) - cFirst + 1);
-}
-
-void AppendHex(std::string& text, const std::vector<uint8_t>& bytes, std::string_view separator)
-{
-    static constexpr char digits[] = "0123456789abcdef";
-    bool bFirst = true;
     for (uint8_t ucByte : bytes) {
-        if (!bFirst)
-            text += separator;
-        bFirst = false;
-        text += digits[ucByte >> 4];
-        text += digits[ucByte & 15];
+        *pText++ = HexDigits[ucByte >> 4];
+        *pText++ = HexDigits[ucByte & 15];
     }
+    return pText;
 }
 
 std::string HexOf(const std::vector<uint8_t>& bytes, std::string_view separator)
 {
     std::string text;
-    AppendHex(text, bytes, separator);
+    for (uint8_t ucByte : bytes) {
+        if (!text.empty())
+            text += separator;
+        text += HexDigits[ucByte >> 4];
+        text += HexDigits[ucByte & 15];
+    }
     return text;
 }
 

@@ -12,11 +12,24 @@ std::string TextOfUtf16(const uint8_t* pBytes, size_t cBytes);
 // Lower-case ASCII copy.
 std::string LowerCase(std::string_view text);
 
-// Without blanks at either end.
-std::string_view Trim(std::string_view text);
+inline bool IsBlank(char c)
+{
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
 
-// Lower-case hexadecimal digits, with the separator between the bytes.
-void AppendHex(std::string& text, const std::vector<uint8_t>& bytes, std::string_view separator = "");
+// Without blanks at either end.
+inline std::string_view Trim(std::string_view text)
+{
+    while (!text.empty() && IsBlank(text.front()))
+        text.remove_prefix(1);
+    while (!text.empty() && IsBlank(text.back()))
+        text.remove_suffix(1);
+    return text;
+}
+
+// Writes two lower-case hexadecimal digits a byte. Returns their end.
+char* PutHex(char* pText, const std::vector<uint8_t>& bytes);
+// The same, with the separator between the bytes.
 std::string HexOf(const std::vector<uint8_t>& bytes, std::string_view separator = "");
 
 // "status 0xc000000d"

@@ -25,6 +25,8 @@ uint32_t Swapped(uint32_t ulValue)
 // Microseconds of a time in the interface's unit.
 uint64_t MicrosecondsOf(uint64_t ullTime, const BlockInterface& interface)
 {
+    if (!interface.bBinary && interface.uDigits == 6) // nearly always
+        return ullTime + interface.ullOffset * 1000000u;
     uint64_t ullUnit = 1;
     for (unsigned i = 0; i < interface.uDigits; ++i)
         ullUnit *= interface.bBinary ? 2 : 10;

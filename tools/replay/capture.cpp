@@ -50,7 +50,15 @@ bool CaptureReader::Next(Packet& packet)
     while (m_window.empty() || (Waits(m_window.front()) && m_window.size() < MostWaiting && !m_bEnded)) {
         if (m_bEnded)
             return false;
-        m_bEnded = !ReadRecord();
+        bool bTaken = false;
+        m_bEnded = !ReadRecord(bTaken);
+        if (bTaken && m_window.empty() && m_raw.packet.type != TransferType::Control) {
+            std::swap(packet, m_raw.packet);
+            ++m_ullHanded;
+            return true;
+        }
+        if (bTaken)
+            Join(m_raw);
     }
     packet = std::move(m_window.front());
     m_window.pop_front();
@@ -58,8 +66,8 @@ bool CaptureReader::Next(Packet& packet)
     return true;
 }
 
-// Reads the next record of the file. False at its end.
-bool CaptureReader::ReadRecord()
+// Reads the next record of the file, into m_raw if it is to be taken. False at its end.
+bool CaptureReader::ReadRecord(bool& bTaken)
 {
     Block block;
     if (!m_blocks.Next(block))
@@ -83,13 +91,16 @@ bool CaptureReader::ReadRecord()
                      block.ullAt,
                      block.cOriginal > block.cBytes,
                      block.bSwapped};
-    RawPacket raw;
-    bool bTaken = usLink == LinkWindows ? DecodeWindows(record, raw)
-                                        : DecodeUsbmon(record, usLink == LinkUsbmonLong ? 64 : 48, raw);
-    if (bTaken && IsCopy(raw, block))
+    Bytes memory = std::move(m_raw.packet.data);
+    memory.clear();
+    m_raw = {};
+    m_raw.packet.data = std::move(memory);
+    bTaken = usLink == LinkWindows ? DecodeWindows(record, m_raw)
+                                   : DecodeUsbmon(record, usLink == LinkUsbmonLong ? 64 : 48, m_raw);
+    if (bTaken && IsCopy(m_raw, block)) {
         ++m_uCopies;
-    else if (bTaken)
-        Join(std::move(raw));
+        bTaken = false;
+    }
     return true;
 }
 
@@ -113,7 +124,7 @@ bool CaptureReader::IsCopy(const RawPacket& raw, const Block& block)
     return false;
 }
 
-void CaptureReader::Join(RawPacket raw)
+void CaptureReader::Join(RawPacket& raw)
 {
     Packet& packet = raw.packet;
     if (packet.type != TransferType::Control) {

@@ -66,9 +66,9 @@ public:
 private:
     using TransferKey = std::pair<uint32_t, uint64_t>; // bus and device, request
 
-    bool ReadRecord();
+    bool ReadRecord(bool& bTaken);
     bool IsCopy(const RawPacket& raw, const Block& block);
-    void Join(RawPacket raw);
+    void Join(RawPacket& raw);
 
     struct OpenTransfer {
         uint64_t ullPlace; // of its submission, counted over all packets
@@ -80,6 +80,7 @@ private:
     };
 
     BlockReader m_blocks;
+    RawPacket m_raw;             // of the record that was read last
     std::deque<Packet> m_window; // read and not handed out
     uint64_t m_ullHanded = 0;    // packets handed out
     std::map<TransferKey, OpenTransfer> m_open;

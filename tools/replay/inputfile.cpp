@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -20,7 +21,7 @@
 namespace
 {
 
-constexpr unsigned BufferBytes = 1 << 18;
+constexpr unsigned BufferBytes = 1 << 17;
 constexpr unsigned PollUs = 100000; // how often a file that grows is looked at
 
 constexpr int RestMs = 100, GatherMs = 500;
@@ -144,7 +145,9 @@ void InputReader::Open()
     m_pUnpacker->file = gzdopen(m_pInput->Open(), "rb");
     if (!m_pUnpacker->file)
         Fail(m_pInput->Name(), 0, "out of memory");
-    gzbuffer(m_pUnpacker->file, BufferBytes);
+    gzbuffer(m_pUnpacker->file, BufferBytes / 2); // so that what is not compressed comes without a copy
+    m_held.clear();
+    m_cTaken = 0;
 }
 
 InputReader::~InputReader() = default;
@@ -159,6 +162,28 @@ size_t InputReader::ReadSome(uint8_t* pBytes, size_t cBytes)
     return ReadAtLeast(pBytes, cBytes, 1);
 }
 
+// Reads ahead what is not compressed: of broken compressed data what is whole could be lost so. False when nothing is
+// there now.
+bool InputReader::Hold()
+{
+    if (m_ullAt < 2 || !gzdirect(m_pUnpacker->file))
+        return false;
+    m_held.resize(BufferBytes);
+    int iNow = gzread(m_pUnpacker->file, m_held.data(), BufferBytes);
+    m_held.resize(iNow > 0 ? static_cast<size_t>(iNow) : 0);
+    m_cTaken = 0;
+    return iNow > 0;
+}
+
+size_t InputReader::TakeHeld(uint8_t* pBytes, size_t cBytes)
+{
+    size_t cNow = std::min(cBytes, m_held.size() - m_cTaken);
+    std::copy_n(m_held.data() + m_cTaken, cNow, pBytes);
+    m_cTaken += cNow;
+    m_ullAt += cNow;
+    return cNow;
+}
+
 size_t InputReader::ReadAtLeast(uint8_t* pBytes, size_t cBytes, size_t cLeast)
 {
     if (m_uCopies != s_uCopies) {
@@ -166,8 +191,12 @@ size_t InputReader::ReadAtLeast(uint8_t* pBytes, size_t cBytes, size_t cLeast)
         Open();
         gzseek(m_pUnpacker->file, static_cast<z_off_t>(m_ullAt), SEEK_SET);
     }
-    size_t cDone = 0;
+    size_t cDone = TakeHeld(pBytes, cBytes);
     while (cDone < cLeast) {
+        if (Hold()) {
+            cDone += TakeHeld(pBytes + cDone, cBytes - cDone);
+            continue;
+        }
         int iNow = gzread(m_pUnpacker->file, pBytes + cDone, static_cast<unsigned>(cBytes - cDone));
         int iError = Z_OK;
         const char* pError = iNow < 0 ? gzerror(m_pUnpacker->file, &iError) : "";
@@ -188,12 +217,6 @@ size_t InputReader::ReadAtLeast(uint8_t* pBytes, size_t cBytes, size_t cLeast)
         gzclearerr(m_pUnpacker->file);
     }
     return cDone;
-}
-
-uint64_t InputReader::PackedAt() const
-{
-    auto at = gzoffset(m_pUnpacker->file);
-    return at < 0 ? 0 : static_cast<uint64_t>(at);
 }
 
 bool WaitToFollow()

@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 class InputFile
 {
@@ -59,18 +60,21 @@ public:
     // What there is of them, at least one, and more only at the end.
     size_t ReadSome(uint8_t* pBytes, size_t cBytes);
     uint64_t At() const { return m_ullAt; } // bytes that were read
-    uint64_t PackedAt() const;              // of the file itself
     const InputFile& Input() const { return *m_pInput; }
 
 private:
     void Open();
     size_t ReadAtLeast(uint8_t* pBytes, size_t cBytes, size_t cLeast);
+    bool Hold();
+    size_t TakeHeld(uint8_t* pBytes, size_t cBytes);
 
     SharedInput m_pInput;
     struct Unpacker;
     std::unique_ptr<Unpacker> m_pUnpacker;
     Reading m_reading;
     unsigned m_uCopies = 0;
+    std::vector<uint8_t> m_held; // read ahead, and taken up to m_cTaken
+    size_t m_cTaken = 0;
     uint64_t m_ullAt = 0;
 };
 

@@ -11,6 +11,16 @@
 namespace
 {
 
+char* Put(char* p, std::string_view text)
+{
+    return std::copy(text.begin(), text.end(), p);
+}
+
+char* Put(char* p, const fmt::format_int& number)
+{
+    return std::copy_n(number.data(), number.size(), p);
+}
+
 // Formats each line in one buffer and hands it on with its end.
 class JsonPrinter final : public ReplayPrinter
 {
@@ -36,16 +46,18 @@ public:
     void Report(uint64_t ullUs, unsigned uKeyboard, const std::optional<Bytes>& sent,
                 const Bytes& seen) override
     {
-        m_line += "{\"type\":\"report\",\"t_us\":";
-        Number(ullUs);
-        m_line += ",\"kbd\":";
-        Number(uKeyboard);
-        m_line += sent ? ",\"in\":\"" : ",\"in\":null";
+        constexpr size_t Around = 128; // at most, of all that is no report
+        m_line.resize(Around + 2 * seen.size() + (sent ? 2 * sent->size() : 0));
+        char* p = Put(m_line.data(), "{\"type\":\"report\",\"t_us\":");
+        p = Put(p, fmt::format_int(ullUs));
+        p = Put(p, ",\"kbd\":");
+        p = Put(p, fmt::format_int(uKeyboard));
         if (sent)
-            AppendHex(m_line, *sent);
-        m_line += sent ? "\",\"out\":\"" : ",\"out\":\"";
-        AppendHex(m_line, seen);
-        m_line += "\"}\n";
+            p = Put(PutHex(Put(p, ",\"in\":\""), *sent), "\",\"out\":\"");
+        else
+            p = Put(p, ",\"in\":null,\"out\":\"");
+        p = Put(PutHex(p, seen), "\"}\n");
+        m_line.resize(static_cast<size_t>(p - m_line.data()));
         Hand();
     }
 
@@ -88,11 +100,6 @@ private:
         fmt::format_to(std::back_inserter(m_line), fmt::runtime(pFormat), arguments...);
         Hand();
     }
-    void Number(uint64_t ullValue)
-    {
-        const fmt::format_int digits(ullValue);
-        m_line.append(digits.data(), digits.size());
-    }
     void Hand()
     {
         m_take(m_line);
@@ -112,7 +119,9 @@ uint8_t LedFlagsOf(uint8_t ucReport)
 
 std::unique_ptr<ReplayPrinter> MakeJsonPrinter(FILE* pOut)
 {
-    return MakeJsonLines([pOut](const std::string& line) { fwrite(line.data(), 1, line.size(), pOut); });
+    // nobody else prints meanwhile
+    return MakeJsonLines(
+        [pOut](const std::string& line) { fwrite_unlocked(line.data(), 1, line.size(), pOut); });
 }
 
 std::unique_ptr<ReplayPrinter> MakeJsonLines(JsonTaker take)

@@ -58,7 +58,7 @@ public:
         while (m_cNext == m_steps.size()) {
             m_steps.clear();
             m_cNext = 0;
-            Packet packet;
+            Packet& packet = m_packet;
             if (!NextPacket(packet) || packet.ullUs > m_choice.ullToUs)
                 return false;
             if (m_learnt.bComes)
@@ -174,6 +174,7 @@ private:
     std::shared_ptr<const Learnt> m_pFirst; // its devices are those of the keyboards found first
     Learnt m_learnt;
     ScriptChoice m_choice;
+    Packet m_packet;                 // the latest
     std::vector<ScriptStep> m_steps; // of one packet
     size_t m_cNext = 0;
 };

@@ -33,7 +33,8 @@ public:
     std::string_view Word()
     {
         m_rest = Trim(m_rest);
-        size_t cEnd = std::min(m_rest.find_first_of(" \t"), m_rest.size());
+        auto isBlank = [](char c) { return c == ' ' || c == '\t'; };
+        auto cEnd = static_cast<size_t>(std::find_if(m_rest.begin(), m_rest.end(), isBlank) - m_rest.begin());
         std::string_view word = m_rest.substr(0, cEnd);
         m_rest.remove_prefix(cEnd);
         return word;
@@ -180,6 +181,7 @@ private:
     static Bytes ReadBytes(Line& line, uint64_t ullCount)
     {
         Bytes bytes;
+        bytes.reserve(ullCount);
         while (bytes.size() < ullCount)
             bytes.push_back(static_cast<uint8_t>(line.Number(16, 0xFF, "byte (two hexadecimal digits)")));
         if (!line.Rest().empty())

@@ -219,7 +219,7 @@ private:
                         cBytes));
     }
 
-    void Play(const ScriptStep& step)
+    void Play(ScriptStep& step)
     {
         if (step.kind == StepKind::Keyboard) {
             PlugKeyboard(*step.pKeyboard);
@@ -237,9 +237,9 @@ private:
             TellAll();
         }
         TellWhatIsNotLookedAt(player, step);
-        player.sent.push_back(step.data);
+        player.sent.push_back(std::move(step.data));
         if (!player.pKeyboard->Report(
-                step.data)) { // too many wait for a read already: lost, as in a real keyboard
+                player.sent.back())) { // too many wait for a read already: lost, as in a real keyboard
             player.sent.pop_back();
             ++m_totals.uUnread;
         }
