@@ -14,7 +14,7 @@
 namespace
 {
 // Appends a byte to one of the two buffers. Returns false when it is full.
-bool Push(const BufferFields& buffers, PUCHAR pBuffer, PUSHORT pusCount, UCHAR ucValue)
+bool Push([[maybe_unused]] const BufferFields& buffers, PUCHAR pBuffer, PUSHORT pusCount, UCHAR ucValue)
     REQUIRES_LOCK(buffers.BufferLock)
 {
     USHORT usCount = ReadShared(*pusCount);
@@ -27,7 +27,7 @@ bool Push(const BufferFields& buffers, PUCHAR pBuffer, PUSHORT pusCount, UCHAR u
 }
 
 // Takes the oldest byte of one of the two buffers. Returns false when it is empty.
-bool Pop(const BufferFields& buffers, PUCHAR pBuffer, PUSHORT pusCount, PUCHAR pOut)
+bool Pop([[maybe_unused]] const BufferFields& buffers, PUCHAR pBuffer, PUSHORT pusCount, PUCHAR pOut)
     REQUIRES_LOCK(buffers.BufferLock)
 {
     USHORT usCount = ReadShared(*pusCount);
