@@ -310,8 +310,8 @@ void TraceHotkeyLists()
     for (PDEVICE_OBJECT device : AllKeyboards()) {
         ULONG ulIndex = 0;
         for (const HotkeyEntry& entry : HotkeyWalk(FilterContextOf(device))) {
-            Trace(HotkeyListEntry, FilterContextOf(device)->ulDeviceIndex, ulIndex++, entry.ulId,
-                  entry.ulModifiers, entry.ulKeyCount, {entry.ucKeys, 8});
+            Trace(HotkeyListEntry, IndexOf(device), ulIndex++, entry.ulId, entry.ulModifiers,
+                  entry.ulKeyCount, {entry.ucKeys, 8});
         }
     }
 }

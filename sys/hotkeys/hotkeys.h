@@ -50,7 +50,7 @@ UCHAR FindTrueMatch(HotkeyPass& pass, PUCHAR pNoPartial, PUCHAR pSwallow, PUCHAR
 void InitializeTypematic(PDEVICE_OBJECT device, DeviceContext* pContext); // at add-device
 KDEFERRED_ROUTINE TypematicDelayCallback;
 KDEFERRED_ROUTINE TypematicRepeatCallback;
-void StartTypematic(PDEVICE_OBJECT device);    // arms TypematicDelayTimer
-void CancelTypematicOf(PDEVICE_OBJECT device); // this keyboard's two timers
-void CancelTypematicTimers();                  // of every keyboard
-void StopTypematic(PDEVICE_OBJECT device);     // at removal
+void StartTypematic(DeviceContext* pContext);    // arms TypematicDelayTimer
+void CancelTypematicOf(DeviceContext* pContext); // this keyboard's two timers
+void CancelTypematicTimers();                    // of every keyboard
+void StopTypematic(PDEVICE_OBJECT device);       // at removal

@@ -30,16 +30,16 @@ void StepBack(const Walker& walker, ULONG ulNewLen)
     *walker.pLen = ulNewLen;
 }
 
-void RemoveKey(PDEVICE_OBJECT device, const Walker& walker, const char* pszBy)
+void RemoveKey(const HotkeyPass& pass, const Walker& walker, const char* pszBy)
 {
-    Trace(KeysTaken, FilterContextOf(device)->ulDeviceIndex, {walker.pBuf + *walker.pIndex, 1}, pszBy);
+    Trace(KeysTaken, IndexOf(pass.Context()), {walker.pBuf + *walker.pIndex, 1}, pszBy);
     StepBack(walker, RemoveKeyFromBuffer(walker.pBuf, *walker.pLen, *walker.pIndex));
 }
 
 // Returns false when SwallowBuf is full: the key stays, and the walk goes on behind it.
-bool SwallowKey(PDEVICE_OBJECT device, const Walker& walker)
+bool SwallowKey(const HotkeyPass& pass, const Walker& walker)
 {
-    ULONG ulNewLen = SwallowScan(device, walker.pBuf, *walker.pLen, *walker.pIndex);
+    ULONG ulNewLen = SwallowScan(pass.Device(), walker.pBuf, *walker.pLen, *walker.pIndex);
     if (ulNewLen == *walker.pLen) {
         return false;
     }
@@ -49,20 +49,20 @@ bool SwallowKey(PDEVICE_OBJECT device, const Walker& walker)
 
 // Held keys go on to the system, but for Fn and prefix keys; other keyboards than NORMAL ones, and keys
 // after a released prefix, lose them.
-void GiveBackSwallowBuffer(PDEVICE_OBJECT device)
+void GiveBackSwallowBuffer(const HotkeyPass& pass)
 {
-    if (ReadShared(FilterContextOf(device)->usSwallowCount) == 0) {
+    const DeviceContext* pContext = pass.Context();
+    if (ReadShared(pContext->usSwallowCount) == 0) {
         return; // only this road puts keys there
     }
-    bool bNormal = ReadShared(FilterContextOf(device)->KbdType) == NORMALKbdType;
+    const bool bNormal = ReadShared(pContext->KbdType) == NORMALKbdType;
     UCHAR ucUsage;
-    while (GetDataFromSwallowBuffer(device, &ucUsage)) {
+    while (GetDataFromSwallowBuffer(pass.Device(), &ucUsage)) {
         if (bNormal && ucUsage != USAGE_FN && !IsPrefixUsage(ucUsage) &&
             ReadShared(Globals.ulPrefixReleased) == 0) {
-            (void)AddDataToInsertBuffer(device, &ucUsage); // a full buffer loses the key
+            (void)AddDataToInsertBuffer(pass.Device(), &ucUsage); // a full buffer loses the key
         } else {
-            Trace(KeysTaken, FilterContextOf(device)->ulDeviceIndex, {&ucUsage, 1},
-                  bNormal ? "Fn or a prefix" : "nobody");
+            Trace(KeysTaken, IndexOf(pContext), {&ucUsage, 1}, bNormal ? "Fn or a prefix" : "nobody");
         }
     }
 }
@@ -87,14 +87,13 @@ void EndActiveHotkey(HotkeyPass& pass)
 // A key that belongs to no hotkey whose mask matches.
 void PassForeignKey(HotkeyPass& pass, USHORT usReleased, const Walker& walker)
 {
-    PDEVICE_OBJECT device = pass.Device();
     WriteShared(Globals.ucHotkeyComplete, 0);
     if (ReadShared(Globals.ucSwallowPending) == 1 && usReleased == 0) {
-        (void)SwallowKey(device, walker); // a key that finds no room stays in the report
-        GiveBackSwallowBuffer(device);
+        (void)SwallowKey(pass, walker); // a key that finds no room stays in the report
+        GiveBackSwallowBuffer(pass);
         WriteShared(Globals.ucSwallowPending, 0);
     } else if (ReadShared(Globals.ulPrefixReleased) == 1 && usReleased == 0) {
-        RemoveKey(device, walker, "a prefix");
+        RemoveKey(pass, walker, "a prefix");
     }
     if (ReadShared(pass.Context()->ucHotkeyActive) == 1) {
         EndActiveHotkey(pass);
@@ -104,11 +103,10 @@ void PassForeignKey(HotkeyPass& pass, USHORT usReleased, const Walker& walker)
 // A key of a hotkey whose mask matches.
 void PassHotkeyKey(HotkeyPass& pass, USHORT usReleased, const Walker& walker, PUCHAR pHotkeyReleased)
 {
-    PDEVICE_OBJECT device = pass.Device();
     if (usReleased == 1) {
         UCHAR ucScratch = 0; // neither output is used
         WriteShared(Globals.ucHotkeyComplete, FindTrueMatch(pass, &ucScratch, &ucScratch, pHotkeyReleased));
-    } else if (SwallowKey(device, walker)) {
+    } else if (SwallowKey(pass, walker)) {
         WriteShared(Globals.ucSwallowPending, 1);
     }
     UCHAR ucNoPartial = 1;
@@ -117,13 +115,13 @@ void PassHotkeyKey(HotkeyPass& pass, USHORT usReleased, const Walker& walker, PU
     UCHAR ucComplete = FindTrueMatch(pass, &ucNoPartial, &ucSwallow, &ucReleased);
     WriteShared(Globals.ucHotkeyComplete, ucComplete);
     if (ucComplete == 1 && ucSwallow == 1) {
-        DiscardSwallowBuffer(device);
+        DiscardSwallowBuffer(pass.Device());
         if (*walker.pLen > 3) {
-            Trace(ModifiersTaken, FilterContextOf(device)->ulDeviceIndex, walker.pBuf[0]);
+            Trace(ModifiersTaken, IndexOf(pass.Context()), walker.pBuf[0]);
             walker.pBuf[0] = 0;
         }
     } else if (ucNoPartial == 1) {
-        GiveBackSwallowBuffer(device);
+        GiveBackSwallowBuffer(pass);
     }
 }
 
@@ -234,7 +232,7 @@ NTSTATUS ProcessHotkeyScan(HotkeyPass& pass, UCHAR ucUsage, USHORT usReleased, P
     Walker walker = {pBuf, pIndex, pLen};
     Trace(KeyPassed, pass.Context()->ulDeviceIndex, ucUsage, usReleased == 0);
     if (ReadShared(Globals.ucHotkeyComplete) == 1 && ucUsage == USAGE_ESCAPE && usReleased == 0) {
-        RemoveKey(pass.Device(), walker, "Esc at a complete hotkey");
+        RemoveKey(pass, walker, "Esc at a complete hotkey");
         WriteShared(Globals.ucEscAbort, 1);
         CancelTypematicTimers();
         return STATUS_SUCCESS;

@@ -98,8 +98,7 @@ COLD void TraceModifiers(PDEVICE_OBJECT device, ULONG ulBefore, ULONG ulFlags)
 {
     for (const ModifierBit& bit : ModifierBits) {
         if ((ulBefore ^ ulFlags) & bit.ulFlag) {
-            Trace(ModifierChanged, FilterContextOf(device)->ulDeviceIndex, bit.ulFlag,
-                  (ulFlags & bit.ulFlag) != 0, ulFlags);
+            Trace(ModifierChanged, IndexOf(device), bit.ulFlag, (ulFlags & bit.ulFlag) != 0, ulFlags);
         }
     }
 }

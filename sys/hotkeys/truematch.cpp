@@ -19,7 +19,7 @@ void PressHotkey(HotkeyPass& pass, HotkeyEntry& entry)
     entry.ucDown = 1;
     SendHotkeyEvent(device, entry.ulId, 1, ReadShared(Globals.ucEscAbort));
     if (entry.ucKeys[0] == USAGE_VOLUME_UP || entry.ucKeys[0] == USAGE_VOLUME_DOWN) {
-        StartTypematic(device);
+        StartTypematic(pContext);
     }
     WriteShared(pContext->ucHotkeyActive, 1);
     WriteShared(pContext->ulActiveHotkeyId, entry.ulId);

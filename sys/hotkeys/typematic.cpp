@@ -97,18 +97,16 @@ void SendRepeat(PDEVICE_OBJECT device, DeviceContext* pContext)
 
 // The first repeat comes after the typematic delay.
 // IRQL <= DISPATCH. Lock: takes TypematicLock. Fails: never.
-void StartTypematic(PDEVICE_OBJECT device)
+void StartTypematic(DeviceContext* pContext)
 {
-    DeviceContext* pContext = FilterContextOf(device);
     LockScope lock(pContext->TypematicLock);
     Arm(pContext, &DeviceContext::TypematicDelay, RepeatDelayMs());
 }
 
 // Ends this keyboard's repeat. A callback that has begun may still send its event.
 // IRQL <= DISPATCH. Lock: takes TypematicLock. Fails: never.
-void CancelTypematicOf(PDEVICE_OBJECT device)
+void CancelTypematicOf(DeviceContext* pContext)
 {
-    DeviceContext* pContext = FilterContextOf(device);
     LockScope lock(pContext->TypematicLock);
     Disarm(pContext, &DeviceContext::TypematicDelay);
     Disarm(pContext, &DeviceContext::TypematicRepeat);
@@ -121,7 +119,7 @@ void CancelTypematicTimers()
         return;
     }
     for (PDEVICE_OBJECT device : AllKeyboards()) {
-        CancelTypematicOf(device);
+        CancelTypematicOf(FilterContextOf(device));
     }
 }
 
@@ -160,7 +158,7 @@ void TypematicRepeatCallback(PKDPC, PVOID pDevice, PVOID, PVOID)
 void StopTypematic(PDEVICE_OBJECT device)
 {
     DeviceContext* pContext = FilterContextOf(device);
-    CancelTypematicOf(device);
+    CancelTypematicOf(pContext);
     KeRemoveQueueDpc(&pContext->TypematicDelay.Dpc);
     KeRemoveQueueDpc(&pContext->TypematicRepeat.Dpc);
 }

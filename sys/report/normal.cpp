@@ -51,7 +51,7 @@ void GiveBackHeldKeys(PDEVICE_OBJECT device)
         if (!IsFnOrPrefix(ucUsage)) {
             (void)AddDataToInsertBuffer(device, &ucUsage); // a full buffer loses the key
         } else {
-            Trace(KeysTaken, FilterContextOf(device)->ulDeviceIndex, {&ucUsage, 1}, "Fn or a prefix");
+            Trace(KeysTaken, IndexOf(device), {&ucUsage, 1}, "Fn or a prefix");
         }
     }
 }
@@ -62,7 +62,7 @@ ULONG StripFnAndPrefixKeys(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, ULON
     ULONG i = ulFrom;
     while (i < ulLen && pBuf[i] != 0) {
         if (IsFnOrPrefix(pBuf[i])) {
-            Trace(KeysTaken, FilterContextOf(device)->ulDeviceIndex, {pBuf + i, 1}, "Fn or a prefix");
+            Trace(KeysTaken, IndexOf(device), {pBuf + i, 1}, "Fn or a prefix");
             ulLen = RemoveKeyFromBuffer(pBuf, ulLen, i);
         } else {
             i++;

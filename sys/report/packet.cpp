@@ -73,7 +73,7 @@ static NTSTATUS DiagByLength(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
     switch (ulLen) {
     case 8:
         if (IsAllRollover(ulLen, pBuf)) {
-            Trace(Rollover, FilterContextOf(device)->ulDeviceIndex, {pBuf, ulLen});
+            Trace(Rollover, IndexOf(device), {pBuf, ulLen});
             return STATUS_UNSUCCESSFUL;
         }
         return FilterContextOf(device)->ucRunDiagNormalPacket02 ? DiagNormalPacket02(device, ulLen, pBuf)

@@ -55,7 +55,7 @@ void StartRepeat(const Sale& sale, ULONG ulScanCode)
     DeviceContext* pContext = FilterContextOf(sale.device);
     WriteShared(pContext->ulActiveHotkeyId, IdOf(sale.pDefinition));
     WriteShared(pContext->usTypematicScan, ulScanCode);
-    StartTypematic(sale.device);
+    StartTypematic(pContext);
 }
 
 void SendMake(const Sale& sale, const Key& key)
@@ -101,7 +101,7 @@ void CompareModifiers(const Sale& sale, UCHAR ucModifiers)
             continue;
         }
         bool bPressed = (ucModifiers & ucBit) != 0;
-        Trace(SaleModifier, FilterContextOf(sale.device)->ulDeviceIndex, ModifierNames[i], bPressed);
+        Trace(SaleModifier, IndexOf(sale.device), ModifierNames[i], bPressed);
         UCHAR ucUsage = static_cast<UCHAR>(USAGE_LEFT_CONTROL + i);
         if (bPressed) {
             PressKey(sale, ucUsage);
@@ -209,7 +209,7 @@ NTSTATUS HandleOPOSPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
     ReadOldPacket(pContext, ucOld, sizeof(ucOld));
     LogHexDump("(HandleOPOSPacket) new packet:", ulLen, pBuf);
     LogHexDump("(HandleOPOSPacket) old packet:", ulKept, ucOld);
-    CancelTypematicOf(device);
+    CancelTypematicOf(pContext);
     RtlCopyMemory(ucReceived, pBuf, ulKept);
 
     KeyDefinition definition;
@@ -239,7 +239,7 @@ NTSTATUS HandleOPOSPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
 NTSTATUS SendOPOSScanCode(PDEVICE_OBJECT device, ULONG ulScanCode, UCHAR ucBreak, UCHAR ucHasBreak,
                           UCHAR ucTypematic, const KeyDefinition* pDefinition)
 {
-    Trace(SaleScanCode, FilterContextOf(device)->ulDeviceIndex, ulScanCode, ucBreak, ucTypematic);
+    Trace(SaleScanCode, IndexOf(device), ulScanCode, ucBreak, ucTypematic);
     if (ucBreak && !ucHasBreak) {
         return STATUS_SUCCESS;
     }
