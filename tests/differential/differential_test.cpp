@@ -207,7 +207,7 @@ private:
                                      model.OldPowerPacket + sizeof(model.OldPowerPacket));
         wanted.Flags = {m_World.Word,           m_World.PrefixReleased, m_World.PrefixUnmatched,
                         m_World.HotkeyComplete, m_World.EscAbort,       m_World.SwallowPending,
-                        model.HotkeyActive,     model.ActiveHotkeyId};
+                        model.HotkeyActive,     model.ActiveHotkeyId,   1};
         wanted.Log = std::move(m_World.LogText);
         m_World.LogText.clear();
         return Equal(driver, wanted, &m_Difference);

@@ -22,6 +22,19 @@ std::vector<uint8_t> Bytes(const UCHAR* pFirst, size_t count)
 {
     return {pFirst, pFirst + count};
 }
+
+// The words in which there is anybody are marked and no others; who is ready is held.
+bool AreBitsSound(const DeviceContext* pContext)
+{
+    const HotkeyBits &held = pContext->HeldHotkeys, &ready = pContext->ReadyHotkeys;
+    bool bSound = true;
+    for (ULONG i = 0; i < HOTKEY_SET_WORDS; i++) {
+        bSound = bSound && (held.ullWords[i] != 0) == (held.ucWords >> i & 1) &&
+                 (ready.ullWords[i] != 0) == (ready.ucWords >> i & 1) &&
+                 (ready.ullWords[i] & ~held.ullWords[i]) == 0;
+    }
+    return bSound;
+}
 } // namespace
 
 const reference::Kind Driver::Kinds[KEYBOARDS] = {reference::Normal, reference::Power, reference::Jaalaa,
@@ -128,9 +141,9 @@ Outcome Driver::Report(int keyboard, std::vector<uint8_t> report, bool bModifier
     outcome.Inserted = Bytes(pContext->InsertBuf, pContext->usInsertCount);
     outcome.OldPacket = Bytes(pContext->ucOldPacket, sizeof(pContext->ucOldPacket));
     outcome.OldPowerPacket = Bytes(pContext->ucOldPowerPacket, sizeof(pContext->ucOldPowerPacket));
-    outcome.Flags = {Globals.ulModifierFlags,  Globals.ulPrefixReleased,  Globals.ulPrefixUnmatched,
-                     Globals.ucHotkeyComplete, Globals.ucEscAbort,        Globals.ucSwallowPending,
-                     pContext->ucHotkeyActive, pContext->ulActiveHotkeyId};
+    outcome.Flags = {Globals.ulModifierFlags,  Globals.ulPrefixReleased,   Globals.ulPrefixUnmatched,
+                     Globals.ucHotkeyComplete, Globals.ucEscAbort,         Globals.ucSwallowPending,
+                     pContext->ucHotkeyActive, pContext->ulActiveHotkeyId, AreBitsSound(pContext)};
     return outcome;
 }
 

@@ -14,7 +14,7 @@ struct Outcome {
     std::vector<uint8_t> Report;
     std::vector<NotifyRecord> Events;
     std::vector<uint8_t> Swallowed, Inserted, OldPacket, OldPowerPacket;
-    std::vector<uint32_t> Flags; // word, prefixes, hotkey pass, active hotkey
+    std::vector<uint32_t> Flags; // word, prefixes, hotkey pass, active hotkey, sound or not
     std::string Log;
 };
 
