@@ -126,7 +126,7 @@ NTSTATUS ConvertPS2ToHID(PDEVICE_OBJECT device, const KeyDefinition* pDefinition
     if (pDefinition->usScanCount > sizeof(pDefinition->ucScans)) {
         return STATUS_UNSUCCESSFUL;
     }
-    ULONG ulKbdType = ReadShared(FilterContextOf(device)->KbdType);
+    ULONG ulKbdType = ReadShared(FieldsOf<FrameFields>(device).KbdType);
     for (ULONG i = 0; i < pDefinition->usScanCount; i++) {
         ULONG ulScanCode;
         NTSTATUS status = NextScanCode(pDefinition, &i, &ulScanCode);

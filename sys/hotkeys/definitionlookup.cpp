@@ -1,11 +1,12 @@
 // definitionlookup.cpp - finding a key definition.
 //
 // The three Find routines walk the list, by a byte of the ids where they can, and hand out pointers, which stay valid
-// only for a caller
-// that holds KeyDefLock or DefinitionMutex. The report road holds neither while it works, so it takes copies.
+// only for a caller that holds KeyDefLock or DefinitionMutex. The report road holds neither while it works, so it takes
+// copies.
 #include "hotkeys/hotkeys.h"
 
 #include "ground/sums.h"
+#include "hotkeys/fields.h"
 
 namespace
 {
@@ -16,17 +17,17 @@ UCHAR HashOf(ULONG ulId)
 }
 
 // The first slot from usIndex on whose id has this hash, or the first one that is free.
-USHORT NextOfHash(DeviceContext* pContext, USHORT usIndex, UCHAR ucHash) WITHOUT_LOCK_ANALYSIS
+USHORT NextOfHash(const HotkeyFields& hotkeys, USHORT usIndex, UCHAR ucHash) WITHOUT_LOCK_ANALYSIS
 {
-    const ULONG ulEnd = pContext->usDefinitions;
+    const ULONG ulEnd = hotkeys.usDefinitions;
     for (; usIndex < ulEnd && usIndex % 8 != 0; usIndex++) {
-        if (pContext->ucDefinitionHashes[usIndex] == ucHash) {
+        if (hotkeys.ucDefinitionHashes[usIndex] == ucHash) {
             return usIndex;
         }
     }
     for (; usIndex < ulEnd; usIndex += 8) {
         ULONGLONG ullHashes;
-        RtlCopyMemory(&ullHashes, &pContext->ucDefinitionHashes[usIndex], sizeof(ullHashes));
+        RtlCopyMemory(&ullHashes, &hotkeys.ucDefinitionHashes[usIndex], sizeof(ullHashes));
         const ULONGLONG ullFound = ZeroBytesOf(ullHashes ^ EightOf(ucHash));
         if (ullFound != 0) {
             const ULONG ulFound = usIndex + LowestBit(ullFound) / 8;
@@ -38,13 +39,13 @@ USHORT NextOfHash(DeviceContext* pContext, USHORT usIndex, UCHAR ucHash) WITHOUT
 
 // The first definition with this id that fits. *pusIndex receives where the walk stopped: there, or the first free slot.
 template <typename Fits>
-KeyDefinition* FindById(DeviceContext* pContext, ULONG ulId, PUSHORT pusIndex,
+KeyDefinition* FindById(const HotkeyFields& hotkeys, ULONG ulId, PUSHORT pusIndex,
                         Fits fits) WITHOUT_LOCK_ANALYSIS
 {
     const UCHAR ucHash = HashOf(ulId);
-    USHORT usIndex = NextOfHash(pContext, 0, ucHash);
-    for (; usIndex < pContext->usDefinitions; usIndex = NextOfHash(pContext, usIndex + 1, ucHash)) {
-        KeyDefinition* pDefinition = pContext->KeyDefinitions[usIndex];
+    USHORT usIndex = NextOfHash(hotkeys, 0, ucHash);
+    for (; usIndex < hotkeys.usDefinitions; usIndex = NextOfHash(hotkeys, usIndex + 1, ucHash)) {
+        KeyDefinition* pDefinition = hotkeys.KeyDefinitions[usIndex];
         if (pDefinition->ulId == ulId && fits(pDefinition)) {
             break;
         }
@@ -52,60 +53,55 @@ KeyDefinition* FindById(DeviceContext* pContext, ULONG ulId, PUSHORT pusIndex,
     if (pusIndex != nullptr) {
         *pusIndex = usIndex;
     }
-    return usIndex < pContext->usDefinitions ? pContext->KeyDefinitions[usIndex] : nullptr;
+    return usIndex < hotkeys.usDefinitions ? hotkeys.KeyDefinitions[usIndex] : nullptr;
 }
 } // namespace
 
 // Puts a definition into the first free slot; the caller has seen that there is one.
-void AppendDefinition(DeviceContext* pContext, KeyDefinition* pDefinition)
+void AppendDefinition(HotkeyFields& hotkeys, KeyDefinition* pDefinition)
 {
-    pContext->ucDefinitionHashes[pContext->usDefinitions] = HashOf(pDefinition->ulId);
-    pContext->KeyDefinitions[pContext->usDefinitions++] = pDefinition;
+    hotkeys.ucDefinitionHashes[hotkeys.usDefinitions] = HashOf(pDefinition->ulId);
+    hotkeys.KeyDefinitions[hotkeys.usDefinitions++] = pDefinition;
 }
 
 KeyDefinition* FindKeyDefinitionById(PDEVICE_OBJECT device, ULONG ulId, PUSHORT pusIndex)
 {
-    return FindById(FilterContextOf(device), ulId, pusIndex, [](const KeyDefinition*) { return true; });
+    return FindById(FieldsOf<HotkeyFields>(device), ulId, pusIndex,
+                    [](const KeyDefinition*) { return true; });
 }
 
 KeyDefinition* FindKeyDefinitionByType(PDEVICE_OBJECT device, ULONG ulType,
                                        PUSHORT pusIndex) WITHOUT_LOCK_ANALYSIS
 {
-    DeviceContext* pContext = FilterContextOf(device);
+    HotkeyFields& hotkeys = FieldsOf<HotkeyFields>(device);
     USHORT usIndex = 0;
-    while (usIndex < pContext->usDefinitions && pContext->KeyDefinitions[usIndex]->ulType != ulType) {
+    while (usIndex < hotkeys.usDefinitions && hotkeys.KeyDefinitions[usIndex]->ulType != ulType) {
         usIndex++;
     }
     if (pusIndex != nullptr) {
         *pusIndex = usIndex;
     }
-    return usIndex < pContext->usDefinitions ? pContext->KeyDefinitions[usIndex] : nullptr;
+    return usIndex < hotkeys.usDefinitions ? hotkeys.KeyDefinitions[usIndex] : nullptr;
 }
 
 // A null record fits nothing: *pusIndex then tells the first free slot.
 KeyDefinition* FindKeyDefinition(PDEVICE_OBJECT device, const KeyDefinition* pDefinition, PUSHORT pusIndex)
 {
-    DeviceContext* pContext = FilterContextOf(device);
+    HotkeyFields& hotkeys = FieldsOf<HotkeyFields>(device);
     if (pDefinition == nullptr) {
-        *pusIndex = pContext->usDefinitions;
+        *pusIndex = hotkeys.usDefinitions;
         return nullptr;
     }
-    return FindById(pContext, pDefinition->ulId, pusIndex, [=](const KeyDefinition* pOther) {
+    return FindById(hotkeys, pDefinition->ulId, pusIndex, [=](const KeyDefinition* pOther) {
         return RtlEqualMemory(pOther, pDefinition, sizeof(*pDefinition));
     });
-}
-
-// Lock: the caller holds DefinitionMutex.
-bool IsHotkeyDefinition(DeviceContext* pContext, USHORT usIndex) WITHOUT_LOCK_ANALYSIS
-{
-    return pContext->KeyDefinitions[usIndex]->ulType == 1;
 }
 
 // A copy of the first definition of this type.
 // IRQL <= DISPATCH. Lock: takes KeyDefLock. Fails: none of the type, *pCopy untouched.
 bool GetDefinitionOfType(PDEVICE_OBJECT device, ULONG ulType, KeyDefinition* pCopy)
 {
-    LockScope lock(FilterContextOf(device)->KeyDefLock);
+    LockScope lock(FieldsOf<HotkeyFields>(device).KeyDefLock);
     const KeyDefinition* pDefinition = FindKeyDefinitionByType(device, ulType, nullptr);
     if (pDefinition == nullptr) {
         return false;

@@ -5,16 +5,17 @@
 // KeyDefLock only while the pointers move, so that the report road never sees a freed definition.
 #include "hotkeys/hotkeys.h"
 
+#include "hotkeys/bufferfields.h"
+#include "hotkeys/fields.h"
 #include "usb/pending.h"
 
 namespace
 {
 // Renews the derived bits of ulKeyDefTypes; the macro feature's bit stays as it is, whoever changes it now.
-void RecomputeKeyDefTypes(DeviceContext* pContext)
-    REQUIRES_LOCK(pContext->DefinitionMutex) WITHOUT_LOCK_ANALYSIS
+void RecomputeKeyDefTypes(HotkeyFields& hotkeys) REQUIRES_LOCK(hotkeys.DefinitionMutex) WITHOUT_LOCK_ANALYSIS
 {
     ULONG ulMask = 0;
-    for (const KeyDefinition* pDefinition : pContext->KeyDefinitions) {
+    for (const KeyDefinition* pDefinition : hotkeys.KeyDefinitions) {
         if (pDefinition == nullptr) {
             break;
         }
@@ -22,25 +23,24 @@ void RecomputeKeyDefTypes(DeviceContext* pContext)
             ulMask |= 1u << ((pDefinition->ulType - 1) % 32);
         }
     }
-    ULONG ulBefore = ReadShared(pContext->ulKeyDefTypes);
-    while (
-        !CompareExchangeShared(pContext->ulKeyDefTypes, ulBefore, (ulBefore & KEYDEF_MACRO_MODE) | ulMask)) {
+    ULONG ulBefore = ReadShared(hotkeys.ulKeyDefTypes);
+    while (!CompareExchangeShared(hotkeys.ulKeyDefTypes, ulBefore, (ulBefore & KEYDEF_MACRO_MODE) | ulMask)) {
     }
 }
 
 // One more type exists.
-void AddKeyDefType(DeviceContext* pContext, ULONG ulType) REQUIRES_LOCK(pContext->DefinitionMutex)
+void AddKeyDefType(HotkeyFields& hotkeys, ULONG ulType) REQUIRES_LOCK(hotkeys.DefinitionMutex)
 {
     const ULONG ulBit = ulType == 0 ? 0 : 1u << ((ulType - 1) % 32);
-    ULONG ulBefore = ReadShared(pContext->ulKeyDefTypes);
-    while (!CompareExchangeShared(pContext->ulKeyDefTypes, ulBefore, ulBefore | ulBit)) {
+    ULONG ulBefore = ReadShared(hotkeys.ulKeyDefTypes);
+    while (!CompareExchangeShared(hotkeys.ulKeyDefTypes, ulBefore, ulBefore | ulBit)) {
     }
 }
 
 // Puts a copy of the record into the first free slot, and sees to the room for its hotkey first.
 // Lock: takes KeyDefLock. Fails: no pool, list full; nothing has changed.
-NTSTATUS StoreCopy(PDEVICE_OBJECT device, DeviceContext* pContext, const KeyDefinition* pDefinition)
-    REQUIRES_LOCK(pContext->DefinitionMutex)
+NTSTATUS StoreCopy(PDEVICE_OBJECT device, HotkeyFields& hotkeys, const KeyDefinition* pDefinition)
+    REQUIRES_LOCK(hotkeys.DefinitionMutex)
 {
     auto* pCopy =
         static_cast<KeyDefinition*>(ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(KeyDefinition), POOL_TAG));
@@ -51,37 +51,37 @@ NTSTATUS StoreCopy(PDEVICE_OBJECT device, DeviceContext* pContext, const KeyDefi
     USHORT usIndex;
     (void)FindKeyDefinition(device, nullptr, &usIndex);
     if (usIndex >= KEY_DEFINITION_SLOTS - 1 ||
-        (pDefinition->ulType == 1 && !NT_SUCCESS(ReserveHotkey(pContext)))) {
+        (pDefinition->ulType == 1 && !NT_SUCCESS(ReserveHotkey(hotkeys)))) {
         ExFreePoolWithTag(pCopy, POOL_TAG);
         return STATUS_UNSUCCESSFUL;
     }
-    pContext->ulHotkeyDefinitions += pDefinition->ulType == 1;
-    LockScope lock(pContext->KeyDefLock);
-    AppendDefinition(pContext, pCopy);
+    hotkeys.ulHotkeyDefinitions += pDefinition->ulType == 1;
+    LockScope lock(hotkeys.KeyDefLock);
+    AppendDefinition(hotkeys, pCopy);
     return STATUS_SUCCESS;
 }
 
 // A definition of the point-of-sale family starts from an empty previous report.
-void ForgetOldOPOSPacket(DeviceContext* pContext)
+void ForgetOldOPOSPacket(BufferFields& buffers)
 {
-    LockScope lock(pContext->BufferLock);
-    RtlZeroMemory(pContext->ucOldOPOSPacket, sizeof(pContext->ucOldOPOSPacket));
+    LockScope lock(buffers.BufferLock);
+    RtlZeroMemory(buffers.ucOldOPOSPacket, sizeof(buffers.ucOldOPOSPacket));
 }
 
 // Takes the first definition with this id out of the list and returns it, or null.
 KeyDefinition* TakeOut(PDEVICE_OBJECT device, ULONG ulId)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    LockScope lock(pContext->KeyDefLock);
+    HotkeyFields& hotkeys = FieldsOf<HotkeyFields>(device);
+    LockScope lock(hotkeys.KeyDefLock);
     USHORT usIndex;
     KeyDefinition* pDefinition = FindKeyDefinitionById(device, ulId, &usIndex);
     if (pDefinition != nullptr) {
-        KeyDefinition** ppSlots = pContext->KeyDefinitions;
+        KeyDefinition** ppSlots = hotkeys.KeyDefinitions;
         RtlMoveMemory(&ppSlots[usIndex], &ppSlots[usIndex + 1],
                       (KEY_DEFINITION_SLOTS - 1 - usIndex) * sizeof(ppSlots[0]));
-        PUCHAR pHashes = pContext->ucDefinitionHashes;
+        PUCHAR pHashes = hotkeys.ucDefinitionHashes;
         RtlMoveMemory(&pHashes[usIndex], &pHashes[usIndex + 1], KEY_DEFINITION_SLOTS - 1 - usIndex);
-        pContext->usDefinitions--;
+        hotkeys.usDefinitions--;
     }
     return pDefinition;
 }
@@ -89,9 +89,8 @@ KeyDefinition* TakeOut(PDEVICE_OBJECT device, ULONG ulId)
 // Discard mode has just ended: a read at the keyboard is called back so that the held reports come at once.
 void ReplayDiscardedReports(PDEVICE_OBJECT device)
 {
-    DeviceContext* pContext = FilterContextOf(device);
     ULONG ulCount;
-    if (NT_SUCCESS(GetDiscardedPacketCount(pContext->ulDeviceIndex, &ulCount)) && ulCount != 0) {
+    if (NT_SUCCESS(GetDiscardedPacketCount(IndexOf(device), &ulCount)) && ulCount != 0) {
         (void)CancelPendingRead(device);
     }
 }
@@ -103,24 +102,24 @@ void ReplayDiscardedReports(PDEVICE_OBJECT device)
 NTSTATUS AddKeyDefinition(PDEVICE_OBJECT device, const KeyDefinition* pDefinition)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
-    DeviceContext* pContext = FilterContextOf(device);
+    HotkeyFields& hotkeys = FieldsOf<HotkeyFields>(device);
     if (pDefinition->usScanCount > sizeof(pDefinition->ucScans)) {
         return STATUS_UNSUCCESSFUL;
     }
-    MutexScope change(pContext->DefinitionMutex);
+    MutexScope change(hotkeys.DefinitionMutex);
     USHORT usIndex;
     if (FindKeyDefinition(device, pDefinition, &usIndex) != nullptr) {
         return STATUS_UNSUCCESSFUL;
     }
-    NTSTATUS status = StoreCopy(device, pContext, pDefinition);
+    NTSTATUS status = StoreCopy(device, hotkeys, pDefinition);
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    AddKeyDefType(pContext, pDefinition->ulType);
+    AddKeyDefType(hotkeys, pDefinition->ulType);
     if (pDefinition->ulType == 1) {
         status = AddLastHotkey(device);
     } else if (pDefinition->ulType >= 4 && pDefinition->ulType <= 8) {
-        ForgetOldOPOSPacket(pContext);
+        ForgetOldOPOSPacket(FieldsOf<BufferFields>(device));
     }
     TraceHotkeyLists();
     return status;
@@ -131,24 +130,24 @@ NTSTATUS AddKeyDefinition(PDEVICE_OBJECT device, const KeyDefinition* pDefinitio
 NTSTATUS RemoveKeyDefinition(PDEVICE_OBJECT device, ULONG ulId)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
-    DeviceContext* pContext = FilterContextOf(device);
+    HotkeyFields& hotkeys = FieldsOf<HotkeyFields>(device);
     bool bWasDiscarding;
     KeyDefinition* pDefinition;
     {
-        MutexScope change(pContext->DefinitionMutex);
-        bWasDiscarding = (ReadShared(pContext->ulKeyDefTypes) & KEYDEF_DISCARD) != 0;
+        MutexScope change(hotkeys.DefinitionMutex);
+        bWasDiscarding = (ReadShared(hotkeys.ulKeyDefTypes) & KEYDEF_DISCARD) != 0;
         pDefinition = TakeOut(device, ulId);
         if (pDefinition != nullptr) {
-            RecomputeKeyDefTypes(pContext);
+            RecomputeKeyDefTypes(hotkeys);
             if (pDefinition->ulType == 1) {
-                pContext->ulHotkeyDefinitions--;
+                hotkeys.ulHotkeyDefinitions--;
                 (void)BuildHotkeyList(device); // the removal is done whatever became of the other hotkeys
             } else {
                 RenewSwallow(device, ulId);
             }
         }
     }
-    if (bWasDiscarding && (ReadShared(pContext->ulKeyDefTypes) & KEYDEF_DISCARD) == 0) {
+    if (bWasDiscarding && (ReadShared(hotkeys.ulKeyDefTypes) & KEYDEF_DISCARD) == 0) {
         ReplayDiscardedReports(device);
     }
     TraceHotkeyLists();
@@ -164,25 +163,26 @@ NTSTATUS RemoveKeyDefinition(PDEVICE_OBJECT device, ULONG ulId)
 void FreeKeyDefinitions(PDEVICE_OBJECT device)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
-    DeviceContext* pContext = FilterContextOf(device);
-    MutexScope change(pContext->DefinitionMutex);
+    HotkeyFields& hotkeys = FieldsOf<HotkeyFields>(device);
+    MutexScope change(hotkeys.DefinitionMutex);
     {
-        LockScope lock(pContext->KeyDefLock);
-        for (KeyDefinition*& pDefinition : pContext->KeyDefinitions) {
+        LockScope lock(hotkeys.KeyDefLock);
+        for (KeyDefinition*& pDefinition : hotkeys.KeyDefinitions) {
             if (pDefinition != nullptr) {
                 ExFreePoolWithTag(pDefinition, POOL_TAG);
                 pDefinition = nullptr;
             }
         }
-        pContext->usDefinitions = 0;
+        hotkeys.usDefinitions = 0;
     }
-    pContext->ulHotkeyDefinitions = 0;
-    RecomputeKeyDefTypes(pContext);
-    DropHotkeys(pContext);
+    hotkeys.ulHotkeyDefinitions = 0;
+    RecomputeKeyDefTypes(hotkeys);
+    DropHotkeys(hotkeys);
     TraceHotkeyLists();
 }
 
 // The application has closed its last handle: what it defined goes, on every keyboard.
+// IRQL = PASSIVE. Lock: takes each DefinitionMutex, KeyDefLock.
 void FreeAllKeyDefinitions()
 {
     for (PDEVICE_OBJECT device : AllKeyboards()) {
@@ -205,6 +205,7 @@ NTSTATUS RemoveKeyDefinitionByIndex(ULONG ulDeviceIndex, ULONG ulId)
 // IRQL = PASSIVE, nobody else knows the record yet.
 void InitializeDefinitions(DeviceContext* pContext)
 {
-    KeInitializeSpinLock(&pContext->KeyDefLock.Lock);
-    KeInitializeMutex(&pContext->DefinitionMutex.Object, 0);
+    HotkeyFields& hotkeys = FieldsOf<HotkeyFields>(pContext);
+    KeInitializeSpinLock(&hotkeys.KeyDefLock.Lock);
+    KeInitializeMutex(&hotkeys.DefinitionMutex.Object, 0);
 }

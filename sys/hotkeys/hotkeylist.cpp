@@ -8,6 +8,7 @@
 #include "hotkeys/hotkeys.h"
 
 #include "ground/sums.h"
+#include "hotkeys/fields.h"
 #include "hotkeys/modifiers.h"
 #include "log/events.h"
 #include "log/log.h"
@@ -29,10 +30,10 @@ const MaskClear MaskClears[] = {
 };
 
 // Nobody begins a walk of an index that is not published any more; those of before may still run.
-void WaitForWalks(DeviceContext* pContext, ULONG ulList)
+void WaitForWalks(HotkeyFields& hotkeys, ULONG ulList)
 {
     LARGE_INTEGER delay = RelativeMs(1);
-    while (ReadShared(pContext->lHotkeyWalks[ulList]) != 0) {
+    while (ReadShared(hotkeys.lHotkeyWalks[ulList]) != 0) {
         (void)KeDelayExecutionThread(KernelMode, FALSE, &delay);
     }
 }
@@ -44,15 +45,15 @@ bool IsTrackedAsModifier(ULONG ulKbdType, UCHAR ucKey)
            (ulKbdType == NORMALKbdType && IsPrefixUsage(ucKey));
 }
 
-void DropTrackedKeys(DeviceContext* pContext, HotkeyEntry* pEntry)
+void DropTrackedKeys(PDEVICE_OBJECT device, HotkeyEntry* pEntry)
 {
-    const ULONG ulKbdType = ReadShared(pContext->KbdType);
+    const ULONG ulKbdType = ReadShared(FieldsOf<FrameFields>(device).KbdType);
     for (ULONG i = 0; i < pEntry->ulKeyCount;) {
         if (!IsTrackedAsModifier(ulKbdType, pEntry->ucKeys[i])) {
             i++;
             continue;
         }
-        Trace(KeyDropped, pContext->ulDeviceIndex, pEntry->ucKeys[i]);
+        Trace(KeyDropped, IndexOf(device), pEntry->ucKeys[i]);
         RtlMoveMemory(&pEntry->ucKeys[i], &pEntry->ucKeys[i + 1], pEntry->ulKeyCount - i - 1);
         pEntry->ucKeys[--pEntry->ulKeyCount] = 0;
     }
@@ -80,14 +81,14 @@ NTSTATUS SetModifiers(HotkeyEntry* pEntry, ULONG ulModifiers)
 // Fails: not convertible, or too many key bytes.
 NTSTATUS AddHotkeyOf(PDEVICE_OBJECT device, USHORT usIndex, HotkeyIndex* pIndex) WITHOUT_LOCK_ANALYSIS
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    const KeyDefinition* pDefinition = pContext->KeyDefinitions[usIndex];
+    HotkeyFields& hotkeys = FieldsOf<HotkeyFields>(device);
+    const KeyDefinition* pDefinition = hotkeys.KeyDefinitions[usIndex];
     HotkeyEntry entry;
     NTSTATUS status = ConvertPS2ToHID(device, pDefinition, &entry);
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    DropTrackedKeys(pContext, &entry);
+    DropTrackedKeys(device, &entry);
     if (pDefinition->ulId == 0) {
         return status;
     }
@@ -105,58 +106,64 @@ NTSTATUS AddHotkeyOf(PDEVICE_OBJECT device, USHORT usIndex, HotkeyIndex* pIndex)
     return status;
 }
 
+// Lock: the road into here holds DefinitionMutex.
+bool IsHotkeyDefinition(const HotkeyFields& hotkeys, USHORT usIndex) WITHOUT_LOCK_ANALYSIS
+{
+    return hotkeys.KeyDefinitions[usIndex]->ulType == 1;
+}
+
 // The keys and modifier bytes that these entries, or the engine itself, look at.
-void ClassifyKeysOf(DeviceContext* pContext, const HotkeyEntry& entry)
+void ClassifyKeysOf(HotkeyFields& hotkeys, const HotkeyEntry& entry)
 {
     for (ULONG i = 0; i < entry.ulKeyCount; i++) {
         if (entry.ucKeys[i] != 0) {
-            WriteShared(pContext->ucKeyMeans[entry.ucKeys[i]], 1);
+            WriteShared(hotkeys.ucKeyMeans[entry.ucKeys[i]], 1);
         }
     }
     const UCHAR ucBits = ReportBitsOf(entry.ulModifiers);
     for (ULONG i = 0; entry.ucKeys[0] == 0 && i < 256; i++) {
         if ((i & ucBits) == ucBits) {
-            WriteShared(pContext->ucModifiersMean[i], 1);
+            WriteShared(hotkeys.ucModifiersMean[i], 1);
         }
     }
 }
 
-void ClassifyKeys(DeviceContext* pContext, const HotkeyIndex* pIndex)
+void ClassifyKeys(HotkeyFields& hotkeys, const HotkeyIndex* pIndex)
 {
     for (ULONG i = 0; i < 256; i++) {
         const UCHAR ucValue = static_cast<UCHAR>(i);
         const bool bTracked = ucValue == USAGE_FN || ucValue == USAGE_CONTEXT_KEY || IsPrefixUsage(ucValue);
-        WriteShared(pContext->ucModifiersMean[i], bTracked);
-        WriteShared(pContext->ucKeyMeans[i], bTracked || ucValue == USAGE_ROLLOVER);
+        WriteShared(hotkeys.ucModifiersMean[i], bTracked);
+        WriteShared(hotkeys.ucKeyMeans[i], bTracked || ucValue == USAGE_ROLLOVER);
     }
     for (ULONG i = 0; pIndex != nullptr && i < pIndex->ulCount; i++) {
-        ClassifyKeysOf(pContext, pIndex->pEntries[i]);
+        ClassifyKeysOf(hotkeys, pIndex->pEntries[i]);
     }
 }
 
 // From here to the publication no report goes by the classes.
-HotkeyView BeginChange(DeviceContext* pContext)
+HotkeyView BeginChange(HotkeyFields& hotkeys)
 {
-    const ULONGLONG ullHotkeys = ReadShared(pContext->ullHotkeys);
-    WriteShared(pContext->ullHotkeys, ullHotkeys | HOTKEYS_CHANGING);
+    const ULONGLONG ullHotkeys = ReadShared(hotkeys.ullHotkeys);
+    WriteShared(hotkeys.ullHotkeys, ullHotkeys | HOTKEYS_CHANGING);
     return ViewOf(ullHotkeys);
 }
 
-void Publish(DeviceContext* pContext, HotkeyView view, ULONG ulList)
+void Publish(HotkeyFields& hotkeys, HotkeyView view, ULONG ulList)
 {
-    const HotkeyIndex* pIndex = pContext->pHotkeyIndexes[ulList];
+    const HotkeyIndex* pIndex = hotkeys.pHotkeyIndexes[ulList];
     view.ulList = ulList;
     view.ulCount = pIndex == nullptr ? 0 : pIndex->ulCount;
     view.ulPrefixes = pIndex == nullptr ? 0 : pIndex->ulPrefixes;
     view.ulGeneration++;
-    WriteShared(pContext->ullHotkeys, WordOf(view));
+    WriteShared(hotkeys.ullHotkeys, WordOf(view));
 }
 
-void PublishAnew(DeviceContext* pContext, ULONG ulList)
+void PublishAnew(HotkeyFields& hotkeys, ULONG ulList)
 {
-    const HotkeyView view = BeginChange(pContext);
-    ClassifyKeys(pContext, pContext->pHotkeyIndexes[ulList]);
-    Publish(pContext, view, ulList);
+    const HotkeyView view = BeginChange(hotkeys);
+    ClassifyKeys(hotkeys, hotkeys.pHotkeyIndexes[ulList]);
+    Publish(hotkeys, view, ulList);
 }
 
 void FreeIndex(HotkeyIndex* pIndex)
@@ -166,18 +173,18 @@ void FreeIndex(HotkeyIndex* pIndex)
     }
 }
 
-ULONG ListAside(DeviceContext* pContext)
+ULONG ListAside(HotkeyFields& hotkeys)
 {
-    return ViewOf(ReadShared(pContext->ullHotkeys)).ulList ^ 1;
+    return ViewOf(ReadShared(hotkeys.ullHotkeys)).ulList ^ 1;
 }
 
 // Puts another index, or none, in the place of one that is not published.
-void ReplaceAside(DeviceContext* pContext, HotkeyIndex* pIndex)
+void ReplaceAside(HotkeyFields& hotkeys, HotkeyIndex* pIndex)
 {
-    const ULONG ulList = ListAside(pContext);
-    WaitForWalks(pContext, ulList);
-    FreeIndex(pContext->pHotkeyIndexes[ulList]);
-    pContext->pHotkeyIndexes[ulList] = pIndex;
+    const ULONG ulList = ListAside(hotkeys);
+    WaitForWalks(hotkeys, ulList);
+    FreeIndex(hotkeys.pHotkeyIndexes[ulList]);
+    hotkeys.pHotkeyIndexes[ulList] = pIndex;
 }
 
 // What the report road changes in the entries stays behind: after a change nothing is held.
@@ -205,23 +212,24 @@ bool IsEachConversionNamed()
 // At add-device: a keyboard without hotkeys.
 void InitializeHotkeys(DeviceContext* pContext)
 {
-    pContext->ucSendUpEventImmediately = SettingsOfHotkeys.ulSendUpEventImmediately != 0;
-    ClassifyKeys(pContext, nullptr);
+    HotkeyFields& hotkeys = FieldsOf<HotkeyFields>(pContext);
+    hotkeys.ucSendUpEventImmediately = SettingsOfHotkeys.ulSendUpEventImmediately != 0;
+    ClassifyKeys(hotkeys, nullptr);
 }
 
 // Room for one more definition of type 1 in both indexes: an add then writes behind the published ones, and no
 // removal needs memory.
 // Fails: no memory; nothing has changed.
-NTSTATUS ReserveHotkey(DeviceContext* pContext)
+NTSTATUS ReserveHotkey(HotkeyFields& hotkeys)
 {
     static const ULONG Capacities[] = {16, 64, 128, 256, HOTKEY_LIST_SIZE};
-    const ULONG ulList = ListAside(pContext) ^ 1;
-    const HotkeyIndex* pPublished = pContext->pHotkeyIndexes[ulList];
-    if (pPublished != nullptr && pContext->ulHotkeyDefinitions < pPublished->ulCapacity) {
+    const ULONG ulList = ListAside(hotkeys) ^ 1;
+    const HotkeyIndex* pPublished = hotkeys.pHotkeyIndexes[ulList];
+    if (pPublished != nullptr && hotkeys.ulHotkeyDefinitions < pPublished->ulCapacity) {
         return STATUS_SUCCESS;
     }
     const ULONG* pCapacity = Capacities;
-    while (*pCapacity <= pContext->ulHotkeyDefinitions) {
+    while (*pCapacity <= hotkeys.ulHotkeyDefinitions) {
         pCapacity++;
     }
     HotkeyIndex* pFirst = AllocateHotkeyIndex(*pCapacity);
@@ -232,9 +240,9 @@ NTSTATUS ReserveHotkey(DeviceContext* pContext)
         return STATUS_UNSUCCESSFUL;
     }
     CopyHotkeys(pFirst, pPublished);
-    ReplaceAside(pContext, pFirst);
-    PublishAnew(pContext, ulList ^ 1);
-    ReplaceAside(pContext, pSecond);
+    ReplaceAside(hotkeys, pFirst);
+    PublishAnew(hotkeys, ulList ^ 1);
+    ReplaceAside(hotkeys, pSecond);
     return STATUS_SUCCESS;
 }
 
@@ -243,21 +251,21 @@ NTSTATUS ReserveHotkey(DeviceContext* pContext)
 NTSTATUS BuildHotkeyList(PDEVICE_OBJECT device)
 {
     IRQL_AT_MOST(PASSIVE_LEVEL);
-    DeviceContext* pContext = FilterContextOf(device);
-    const ULONG ulList = ListAside(pContext);
-    HotkeyIndex* pIndex = pContext->pHotkeyIndexes[ulList];
+    HotkeyFields& hotkeys = FieldsOf<HotkeyFields>(device);
+    const ULONG ulList = ListAside(hotkeys);
+    HotkeyIndex* pIndex = hotkeys.pHotkeyIndexes[ulList];
     NTSTATUS status = STATUS_SUCCESS;
-    WaitForWalks(pContext, ulList);
+    WaitForWalks(hotkeys, ulList);
     if (pIndex != nullptr) {
         ClearHotkeyIndex(pIndex);
-        pIndex->ulKbdType = ReadShared(pContext->KbdType);
+        pIndex->ulKbdType = ReadShared(FieldsOf<FrameFields>(device).KbdType);
     }
-    for (USHORT i = 0; i < pContext->usDefinitions; i++) {
-        if (IsHotkeyDefinition(pContext, i)) {
+    for (USHORT i = 0; i < hotkeys.usDefinitions; i++) {
+        if (IsHotkeyDefinition(hotkeys, i)) {
             status = AddHotkeyOf(device, i, pIndex);
         }
     }
-    PublishAnew(pContext, ulList);
+    PublishAnew(hotkeys, ulList);
     return status;
 }
 
@@ -265,19 +273,19 @@ NTSTATUS BuildHotkeyList(PDEVICE_OBJECT device)
 // Fails: it is not convertible.
 NTSTATUS AddLastHotkey(PDEVICE_OBJECT device)
 {
-    DeviceContext* pContext = FilterContextOf(device);
-    const ULONG ulList = ListAside(pContext) ^ 1;
-    HotkeyIndex* pIndex = pContext->pHotkeyIndexes[ulList];
-    if (pIndex->ulKbdType != ReadShared(pContext->KbdType) || IsEachConversionNamed()) {
+    HotkeyFields& hotkeys = FieldsOf<HotkeyFields>(device);
+    const ULONG ulList = ListAside(hotkeys) ^ 1;
+    HotkeyIndex* pIndex = hotkeys.pHotkeyIndexes[ulList];
+    if (pIndex->ulKbdType != ReadShared(FieldsOf<FrameFields>(device).KbdType) || IsEachConversionNamed()) {
         return BuildHotkeyList(device);
     }
     const ULONG ulBefore = pIndex->ulCount;
-    const HotkeyView view = BeginChange(pContext);
-    const NTSTATUS status = AddHotkeyOf(device, static_cast<USHORT>(pContext->usDefinitions - 1), pIndex);
+    const HotkeyView view = BeginChange(hotkeys);
+    const NTSTATUS status = AddHotkeyOf(device, static_cast<USHORT>(hotkeys.usDefinitions - 1), pIndex);
     if (pIndex->ulCount != ulBefore) {
-        ClassifyKeysOf(pContext, pIndex->pEntries[ulBefore]);
+        ClassifyKeysOf(hotkeys, pIndex->pEntries[ulBefore]);
     }
-    Publish(pContext, view, ulList);
+    Publish(hotkeys, view, ulList);
     return status;
 }
 
@@ -285,7 +293,7 @@ NTSTATUS AddLastHotkey(PDEVICE_OBJECT device)
 void RenewSwallow(PDEVICE_OBJECT device, ULONG ulId)
 {
     const KeyDefinition* pDefinition = FindKeyDefinitionById(device, ulId, nullptr);
-    for (HotkeyEntry& entry : HotkeyWalk(FilterContextOf(device))) {
+    for (HotkeyEntry& entry : HotkeyWalk(FieldsOf<HotkeyFields>(device))) {
         if (entry.ulId == ulId && pDefinition != nullptr) {
             WriteShared(entry.ucSwallow, static_cast<UCHAR>(pDefinition->ulSwallow));
         }
@@ -293,11 +301,11 @@ void RenewSwallow(PDEVICE_OBJECT device, ULONG ulId)
 }
 
 // Nothing is defined any more: publishes no hotkeys and gives the memory back.
-void DropHotkeys(DeviceContext* pContext)
+void DropHotkeys(HotkeyFields& hotkeys)
 {
-    ReplaceAside(pContext, nullptr);
-    PublishAnew(pContext, ListAside(pContext));
-    ReplaceAside(pContext, nullptr);
+    ReplaceAside(hotkeys, nullptr);
+    PublishAnew(hotkeys, ListAside(hotkeys));
+    ReplaceAside(hotkeys, nullptr);
 }
 
 // The lists of all keyboards, when anybody listens.
@@ -309,7 +317,7 @@ void TraceHotkeyLists()
     }
     for (PDEVICE_OBJECT device : AllKeyboards()) {
         ULONG ulIndex = 0;
-        for (const HotkeyEntry& entry : HotkeyWalk(FilterContextOf(device))) {
+        for (const HotkeyEntry& entry : HotkeyWalk(FieldsOf<HotkeyFields>(device))) {
             Trace(HotkeyListEntry, IndexOf(device), ulIndex++, entry.ulId, entry.ulModifiers,
                   entry.ulKeyCount, {entry.ucKeys, 8});
         }

@@ -4,6 +4,7 @@
 // Runs at every standard report, before its keys are looked at.
 #include "hotkeys/modifiers.h"
 
+#include "hotkeys/fields.h"
 #include "hotkeys/hotkeys.h"
 #include "log/events.h"
 
@@ -12,10 +13,10 @@
 void UpdateHotkeyModifierMatch(HotkeyPass& pass)
 {
     const ULONG ulFlags = pass.Arm();
-    Trace(HotkeysArmed, pass.Context()->ulDeviceIndex, ulFlags);
+    Trace(HotkeysArmed, IndexOf(pass.Device()), ulFlags);
     if ((ulFlags & MODIFIER_PREFIXES) && !(ulFlags & pass.Prefixes())) {
-        WriteShared(Globals.ulPrefixReleased, 0u);
-        WriteShared(Globals.ulPrefixUnmatched, 1u);
+        WriteShared(GlobalHotkeys.ulPrefixReleased, 0u);
+        WriteShared(GlobalHotkeys.ulPrefixUnmatched, 1u);
     }
 }
 
@@ -25,7 +26,7 @@ void UpdateHotkeyModifierMatch(HotkeyPass& pass)
 void CheckModifierOnlyHotkeys(HotkeyPass& pass, PUCHAR pBuf)
 {
     PDEVICE_OBJECT device = pass.Device();
-    DeviceContext* pContext = pass.Context();
+    HotkeyFields& hotkeys = pass.Hotkeys();
     for (HotkeyEntry& entry : pass.Holding(0)) {
         if (entry.ucKeys[0] != 0) {
             continue;
@@ -37,16 +38,16 @@ void CheckModifierOnlyHotkeys(HotkeyPass& pass, PUCHAR pBuf)
                 entry.ucDown = 1;
                 pass.Settle(entry);
                 NotifyHotkeyEvent(device, entry.ulId, 1);
-                if (pContext->ucSendUpEventImmediately) {
+                if (hotkeys.ucSendUpEventImmediately) {
                     NotifyHotkeyEvent(device, entry.ulId, 0);
                 }
             }
             if (ReadShared(entry.ucSwallow) != 0) {
-                Trace(ModifiersTaken, pContext->ulDeviceIndex, pBuf[0] & ucBits);
+                Trace(ModifiersTaken, IndexOf(device), pBuf[0] & ucBits);
                 pBuf[0] = static_cast<UCHAR>(pBuf[0] & ~ucBits);
             }
         } else if (entry.ucDown) {
-            if (!pContext->ucSendUpEventImmediately) {
+            if (!hotkeys.ucSendUpEventImmediately) {
                 NotifyHotkeyEvent(device, entry.ulId, 0);
             }
             entry.ucDown = 0;
@@ -60,6 +61,6 @@ void CheckModifierOnlyHotkeys(HotkeyPass& pass, PUCHAR pBuf)
 // IRQL <= DISPATCH. Fails: a full queue drops the event.
 void NotifyHotkeyEvent(PDEVICE_OBJECT device, ULONG ulId, UCHAR ucDown)
 {
-    SendHotkeyEvent(device, ulId, ucDown, ReadShared(Globals.ucEscAbort));
-    WriteShared(Globals.ucEscAbort, 0);
+    SendHotkeyEvent(device, ulId, ucDown, ReadShared(GlobalHotkeys.ucEscAbort));
+    WriteShared(GlobalHotkeys.ucEscAbort, 0);
 }

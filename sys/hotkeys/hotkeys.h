@@ -1,7 +1,6 @@
 // hotkeys.h - key definitions and hotkey matching.
 #pragma once
 
-#include "driver/context.h"
 #include "ground/ground.h"
 #include "hotkeys/buffers.h"
 #include "hotkeys/pass.h"
@@ -19,18 +18,17 @@ void FreeAllKeyDefinitions();
 KeyDefinition* FindKeyDefinitionById(PDEVICE_OBJECT device, ULONG ulId, PUSHORT pusIndex);
 KeyDefinition* FindKeyDefinitionByType(PDEVICE_OBJECT device, ULONG ulType, PUSHORT pusIndex);
 KeyDefinition* FindKeyDefinition(PDEVICE_OBJECT device, const KeyDefinition* pDefinition, PUSHORT pusIndex);
-void AppendDefinition(DeviceContext* pContext, KeyDefinition* pDefinition)
-    REQUIRES_LOCK(pContext->KeyDefLock); // into the first free slot
-bool IsHotkeyDefinition(DeviceContext* pContext, USHORT usIndex);
+void AppendDefinition(HotkeyFields& hotkeys, KeyDefinition* pDefinition)
+    REQUIRES_LOCK(hotkeys.KeyDefLock); // into the first free slot; the caller has seen that there is one
 bool GetDefinitionOfType(PDEVICE_OBJECT device, ULONG ulType, KeyDefinition* pCopy); // copies, false: none
 
 // hotkeylist.cpp: the hotkeys made from the definitions. IRQL = PASSIVE. Lock: the caller holds DefinitionMutex.
-void InitializeHotkeys(DeviceContext* pContext);                                          // at add-device
-NTSTATUS ReserveHotkey(DeviceContext* pContext) REQUIRES_LOCK(pContext->DefinitionMutex); // room for one more
+void InitializeHotkeys(DeviceContext* pContext);                                      // at add-device
+NTSTATUS ReserveHotkey(HotkeyFields& hotkeys) REQUIRES_LOCK(hotkeys.DefinitionMutex); // room for one more
 NTSTATUS AddLastHotkey(PDEVICE_OBJECT device);
 NTSTATUS BuildHotkeyList(PDEVICE_OBJECT device);
 void RenewSwallow(PDEVICE_OBJECT device, ULONG ulId);
-void DropHotkeys(DeviceContext* pContext) REQUIRES_LOCK(pContext->DefinitionMutex);
+void DropHotkeys(HotkeyFields& hotkeys) REQUIRES_LOCK(hotkeys.DefinitionMutex);
 void TraceHotkeyLists(); // after each change, without the mutex
 
 // convert.cpp
@@ -50,7 +48,7 @@ UCHAR FindTrueMatch(HotkeyPass& pass, PUCHAR pNoPartial, PUCHAR pSwallow, PUCHAR
 void InitializeTypematic(PDEVICE_OBJECT device, DeviceContext* pContext); // at add-device
 KDEFERRED_ROUTINE TypematicDelayCallback;
 KDEFERRED_ROUTINE TypematicRepeatCallback;
-void StartTypematic(DeviceContext* pContext);    // arms TypematicDelayTimer
-void CancelTypematicOf(DeviceContext* pContext); // this keyboard's two timers
-void CancelTypematicTimers();                    // of every keyboard
-void StopTypematic(PDEVICE_OBJECT device);       // at removal
+void StartTypematic(HotkeyFields& hotkeys);    // arms TypematicDelayTimer
+void CancelTypematicOf(HotkeyFields& hotkeys); // this keyboard's two timers
+void CancelTypematicTimers();                  // of every keyboard
+void StopTypematic(PDEVICE_OBJECT device);     // at removal

@@ -4,9 +4,9 @@
 // before the new entry; the rows are therefore read and written whole words at a time.
 #include "hotkeys/index.h"
 
-#include "driver/context.h"
 #include "ground/ground.h"
 #include "ground/shared.h"
+#include "hotkeys/fields.h"
 
 // Entries and rows in one piece behind the head.
 // IRQL = PASSIVE. Owns: the caller. Fails: null, no memory.
@@ -48,18 +48,21 @@ ULONG PatternRowOf(const UCHAR* pKeys)
                           : HOTKEY_ROW_PATTERN + LowestBit(ulPattern);
 }
 
-static void MarkRow(HotkeyIndex* pIndex, ULONG ulRow, ULONG ulEntry)
+namespace
+{
+void MarkRow(HotkeyIndex* pIndex, ULONG ulRow, ULONG ulEntry)
 {
     ULONGLONG& ullWord = pIndex->pRows[ulRow * pIndex->ulWords + ulEntry / 64];
     WriteShared(ullWord, ullWord | 1ull << ulEntry % 64);
     WriteShared(pIndex->ucRowWords[ulRow], pIndex->ucRowWords[ulRow] | 1u << ulEntry / 64);
 }
 
-static bool IsSameHotkey(const HotkeyEntry& one, const HotkeyEntry& other)
+bool IsSameHotkey(const HotkeyEntry& one, const HotkeyEntry& other)
 {
     return one.ulId == other.ulId && one.ulModifiers == other.ulModifiers &&
            one.ulKeyCount == other.ulKeyCount && RtlEqualMemory(one.ucKeys, other.ucKeys, sizeof(one.ucKeys));
 }
+} // namespace
 
 bool IsHotkeyIn(const HotkeyIndex* pIndex, const HotkeyEntry& entry)
 {
@@ -104,22 +107,22 @@ ULONGLONG WordOf(const HotkeyView& view)
 
 // Counts itself in for the list, and looks again that nothing else was published: who sees its count at 0 then knows
 // that nobody walks it.
-HotkeyWalk::HotkeyWalk(DeviceContext* pWalked) : pContext(pWalked)
+HotkeyWalk::HotkeyWalk(HotkeyFields& ofKeyboard) : hotkeys(ofKeyboard)
 {
     for (;;) {
-        const ULONGLONG ullHotkeys = ReadShared(pContext->ullHotkeys);
+        const ULONGLONG ullHotkeys = ReadShared(hotkeys.ullHotkeys);
         View = ViewOf(ullHotkeys);
-        InterlockedIncrement(&pContext->lHotkeyWalks[View.ulList]);
-        if (ReadShared(pContext->ullHotkeys) == ullHotkeys) {
+        InterlockedIncrement(&hotkeys.lHotkeyWalks[View.ulList]);
+        if (ReadShared(hotkeys.ullHotkeys) == ullHotkeys) {
             break;
         }
-        InterlockedDecrement(&pContext->lHotkeyWalks[View.ulList]);
+        InterlockedDecrement(&hotkeys.lHotkeyWalks[View.ulList]);
     }
-    pIndex = View.ulCount == 0 ? nullptr : pContext->pHotkeyIndexes[View.ulList];
+    pIndex = View.ulCount == 0 ? nullptr : hotkeys.pHotkeyIndexes[View.ulList];
     pFirst = pIndex == nullptr ? nullptr : pIndex->pEntries;
 }
 
 HotkeyWalk::~HotkeyWalk()
 {
-    InterlockedDecrement(&pContext->lHotkeyWalks[View.ulList]);
+    InterlockedDecrement(&hotkeys.lHotkeyWalks[View.ulList]);
 }

@@ -17,8 +17,8 @@
 // for the list he walks, and sees the entries of the word that he took, to his end.
 #pragma once
 
-#include "driver/context.h"
 #include "hotkeys/entry.h"
+#include "hotkeys/fields.h"
 
 enum : ULONG {
     HOTKEY_ROW_NO_KEY = 0, // a usage is never 0
@@ -48,7 +48,7 @@ struct HotkeyView {
 
 enum : ULONG { HOTKEYS_CHANGING = 0x80000000 }; // in the word: the classes of keys are being written
 
-// index.cpp
+// index.cpp: IRQL any; AllocateHotkeyIndex = PASSIVE
 HotkeyIndex* AllocateHotkeyIndex(ULONG ulCapacity); // NonPaged; null: no memory
 void ClearHotkeyIndex(HotkeyIndex* pIndex);
 bool IsHotkeyIn(const HotkeyIndex* pIndex, const HotkeyEntry& entry); // an identical one
@@ -62,7 +62,7 @@ ULONGLONG WordOf(const HotkeyView& view);
 class HotkeyWalk
 {
 public:
-    explicit HotkeyWalk(DeviceContext* pContext);
+    explicit HotkeyWalk(HotkeyFields& ofKeyboard);
     ~HotkeyWalk();
     HotkeyWalk(const HotkeyWalk&) = delete;
     HotkeyWalk& operator=(const HotkeyWalk&) = delete;
@@ -70,7 +70,7 @@ public:
     HotkeyEntry* end() const { return pFirst + View.ulCount; }
 
 protected:
-    DeviceContext* pContext;
+    HotkeyFields& hotkeys;
     HotkeyView View;
     const HotkeyIndex* pIndex; // null: no hotkeys
     HotkeyEntry* pFirst;

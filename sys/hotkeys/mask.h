@@ -1,7 +1,7 @@
 // mask.h - a hotkey's modifier mask against the modifier word.
 #pragma once
 
-#include "driver/context.h"
+#include "control/requests.h"
 
 // A mask matches when it is the word itself, or when it names more than prefixes, agrees with the word in
 // the prefix bits, and every other bit of it is set in the word; extra keys held are allowed.

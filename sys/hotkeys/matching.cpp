@@ -9,6 +9,8 @@
 // Called once a key by normal.cpp and extended.cpp, on the report road of one keyboard.
 #include "hotkeys/hotkeys.h"
 
+#include "hotkeys/bufferfields.h"
+#include "hotkeys/fields.h"
 #include "hotkeys/modifiers.h"
 #include "log/events.h"
 #include "log/log.h"
@@ -32,7 +34,7 @@ void StepBack(const Walker& walker, ULONG ulNewLen)
 
 void RemoveKey(const HotkeyPass& pass, const Walker& walker, const char* pszBy)
 {
-    Trace(KeysTaken, IndexOf(pass.Context()), {walker.pBuf + *walker.pIndex, 1}, pszBy);
+    Trace(KeysTaken, IndexOf(pass.Device()), {walker.pBuf + *walker.pIndex, 1}, pszBy);
     StepBack(walker, RemoveKeyFromBuffer(walker.pBuf, *walker.pLen, *walker.pIndex));
 }
 
@@ -51,18 +53,17 @@ bool SwallowKey(const HotkeyPass& pass, const Walker& walker)
 // after a released prefix, lose them.
 void GiveBackSwallowBuffer(const HotkeyPass& pass)
 {
-    const DeviceContext* pContext = pass.Context();
-    if (ReadShared(pContext->usSwallowCount) == 0) {
+    if (ReadShared(FieldsOf<BufferFields>(pass.Device()).usSwallowCount) == 0) {
         return; // only this road puts keys there
     }
-    const bool bNormal = ReadShared(pContext->KbdType) == NORMALKbdType;
+    const bool bNormal = ReadShared(FieldsOf<FrameFields>(pass.Device()).KbdType) == NORMALKbdType;
     UCHAR ucUsage;
     while (GetDataFromSwallowBuffer(pass.Device(), &ucUsage)) {
         if (bNormal && ucUsage != USAGE_FN && !IsPrefixUsage(ucUsage) &&
-            ReadShared(Globals.ulPrefixReleased) == 0) {
+            ReadShared(GlobalHotkeys.ulPrefixReleased) == 0) {
             (void)AddDataToInsertBuffer(pass.Device(), &ucUsage); // a full buffer loses the key
         } else {
-            Trace(KeysTaken, IndexOf(pContext), {&ucUsage, 1}, bNormal ? "Fn or a prefix" : "nobody");
+            Trace(KeysTaken, IndexOf(pass.Device()), {&ucUsage, 1}, bNormal ? "Fn or a prefix" : "nobody");
         }
     }
 }
@@ -70,8 +71,8 @@ void GiveBackSwallowBuffer(const HotkeyPass& pass)
 // The active hotkey ends although its keys are still held: another key came.
 void EndActiveHotkey(HotkeyPass& pass)
 {
-    DeviceContext* pContext = pass.Context();
-    ULONG ulId = ReadShared(pContext->ulActiveHotkeyId);
+    HotkeyFields& hotkeys = pass.Hotkeys();
+    ULONG ulId = ReadShared(hotkeys.ulActiveHotkeyId);
     CancelTypematicTimers();
     SendHotkeyEvent(pass.Device(), ulId, 0, 0);
     for (HotkeyEntry& entry : pass.Ready()) {
@@ -81,21 +82,21 @@ void EndActiveHotkey(HotkeyPass& pass)
             pass.TraceState(entry, "ended");
         }
     }
-    WriteShared(pContext->ucHotkeyActive, 0);
+    WriteShared(hotkeys.ucHotkeyActive, 0);
 }
 
 // A key that belongs to no hotkey whose mask matches.
 void PassForeignKey(HotkeyPass& pass, USHORT usReleased, const Walker& walker)
 {
-    WriteShared(Globals.ucHotkeyComplete, 0);
-    if (ReadShared(Globals.ucSwallowPending) == 1 && usReleased == 0) {
+    WriteShared(GlobalHotkeys.ucHotkeyComplete, 0);
+    if (ReadShared(GlobalHotkeys.ucSwallowPending) == 1 && usReleased == 0) {
         (void)SwallowKey(pass, walker); // a key that finds no room stays in the report
         GiveBackSwallowBuffer(pass);
-        WriteShared(Globals.ucSwallowPending, 0);
-    } else if (ReadShared(Globals.ulPrefixReleased) == 1 && usReleased == 0) {
+        WriteShared(GlobalHotkeys.ucSwallowPending, 0);
+    } else if (ReadShared(GlobalHotkeys.ulPrefixReleased) == 1 && usReleased == 0) {
         RemoveKey(pass, walker, "a prefix");
     }
-    if (ReadShared(pass.Context()->ucHotkeyActive) == 1) {
+    if (ReadShared(pass.Hotkeys().ucHotkeyActive) == 1) {
         EndActiveHotkey(pass);
     }
 }
@@ -105,19 +106,20 @@ void PassHotkeyKey(HotkeyPass& pass, USHORT usReleased, const Walker& walker, PU
 {
     if (usReleased == 1) {
         UCHAR ucScratch = 0; // neither output is used
-        WriteShared(Globals.ucHotkeyComplete, FindTrueMatch(pass, &ucScratch, &ucScratch, pHotkeyReleased));
+        WriteShared(GlobalHotkeys.ucHotkeyComplete,
+                    FindTrueMatch(pass, &ucScratch, &ucScratch, pHotkeyReleased));
     } else if (SwallowKey(pass, walker)) {
-        WriteShared(Globals.ucSwallowPending, 1);
+        WriteShared(GlobalHotkeys.ucSwallowPending, 1);
     }
     UCHAR ucNoPartial = 1;
     UCHAR ucSwallow = 0;
     UCHAR ucReleased = 0; // not used
     UCHAR ucComplete = FindTrueMatch(pass, &ucNoPartial, &ucSwallow, &ucReleased);
-    WriteShared(Globals.ucHotkeyComplete, ucComplete);
+    WriteShared(GlobalHotkeys.ucHotkeyComplete, ucComplete);
     if (ucComplete == 1 && ucSwallow == 1) {
         DiscardSwallowBuffer(pass.Device());
         if (*walker.pLen > 3) {
-            Trace(ModifiersTaken, IndexOf(pass.Context()), walker.pBuf[0]);
+            Trace(ModifiersTaken, IndexOf(pass.Device()), walker.pBuf[0]);
             walker.pBuf[0] = 0;
         }
     } else if (ucNoPartial == 1) {
@@ -128,11 +130,12 @@ void PassHotkeyKey(HotkeyPass& pass, USHORT usReleased, const Walker& walker, PU
 // Latched prefixes end with the key that followed them, or at once when no hotkey uses them.
 void ResetPrefixes(UCHAR ucUsage, USHORT usReleased)
 {
-    bool bUsed = !IsPrefixUsage(ucUsage) && usReleased == 1 && ReadShared(Globals.ulPrefixReleased) != 0;
-    if (bUsed || ReadShared(Globals.ulPrefixUnmatched) != 0) {
-        AndShared(Globals.ulModifierFlags, ~static_cast<ULONG>(MODIFIER_PREFIXES));
-        WriteShared(Globals.ulPrefixReleased, 0u);
-        WriteShared(Globals.ulPrefixUnmatched, 0u);
+    bool bUsed =
+        !IsPrefixUsage(ucUsage) && usReleased == 1 && ReadShared(GlobalHotkeys.ulPrefixReleased) != 0;
+    if (bUsed || ReadShared(GlobalHotkeys.ulPrefixUnmatched) != 0) {
+        AndShared(GlobalHotkeys.ulModifierFlags, ~static_cast<ULONG>(MODIFIER_PREFIXES));
+        WriteShared(GlobalHotkeys.ulPrefixReleased, 0u);
+        WriteShared(GlobalHotkeys.ulPrefixUnmatched, 0u);
     }
 }
 
@@ -182,7 +185,7 @@ COLD void TraceLooks(const HotkeyPass& pass, UCHAR ucUsage)
 // A pressed key touches only hotkeys that are armed or down, and of these it marks those whose mask matches.
 bool FollowPress(HotkeyPass& pass, UCHAR ucUsage, ULONG ulFlags)
 {
-    const bool bMatchedSuffices = ReadShared(Globals.ulPrefixReleased) == 1 || pass.AreMatchedArmed();
+    const bool bMatchedSuffices = ReadShared(GlobalHotkeys.ulPrefixReleased) == 1 || pass.AreMatchedArmed();
     bool bResult = false;
     pass.TouchEach(pass.Holding(ucUsage), [&](HotkeyEntry& entry, HeldBits& bits) {
         if (!IsModifierMaskMatched(entry.ulModifiers, ulFlags) ||
@@ -230,10 +233,10 @@ NTSTATUS ProcessHotkeyScan(HotkeyPass& pass, UCHAR ucUsage, USHORT usReleased, P
                            PULONG pLen, PUCHAR pHotkeyReleased)
 {
     Walker walker = {pBuf, pIndex, pLen};
-    Trace(KeyPassed, pass.Context()->ulDeviceIndex, ucUsage, usReleased == 0);
-    if (ReadShared(Globals.ucHotkeyComplete) == 1 && ucUsage == USAGE_ESCAPE && usReleased == 0) {
+    Trace(KeyPassed, IndexOf(pass.Device()), ucUsage, usReleased == 0);
+    if (ReadShared(GlobalHotkeys.ucHotkeyComplete) == 1 && ucUsage == USAGE_ESCAPE && usReleased == 0) {
         RemoveKey(pass, walker, "Esc at a complete hotkey");
-        WriteShared(Globals.ucEscAbort, 1);
+        WriteShared(GlobalHotkeys.ucEscAbort, 1);
         CancelTypematicTimers();
         return STATUS_SUCCESS;
     }

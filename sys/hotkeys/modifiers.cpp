@@ -8,6 +8,7 @@
 #include "hotkeys/modifiers.h"
 
 #include "ground/sums.h"
+#include "hotkeys/fields.h"
 #include "log/events.h"
 #include "log/log.h"
 #include "report/keys.h"
@@ -56,17 +57,17 @@ ULONG BitsOfKeysIn(const UCHAR* pBuf, ULONG ulLen)
     for (ULONG i = 0; i < ulLen; i += sizeof(ULONGLONG)) {
         const ULONGLONG ullBytes = ReadBytes(pBuf + i, ulLen - i);
         const auto PlacesOf = [=](UCHAR ucUsage) { return ZeroBytesOf(ullBytes ^ EightOf(ucUsage)); };
-        if ((PlacesOf(USAGE_CONTEXT_KEY) | PlacesOf(USAGE_FN) | PlacesOf(Globals.ucPrefix1Usage) |
-             PlacesOf(Globals.ucPrefix2Usage) | PlacesOf(Globals.ucPosKeyPrefixUsage)) == 0) {
+        if ((PlacesOf(USAGE_CONTEXT_KEY) | PlacesOf(USAGE_FN) | PlacesOf(GlobalHotkeys.ucPrefix1Usage) |
+             PlacesOf(GlobalHotkeys.ucPrefix2Usage) | PlacesOf(GlobalHotkeys.ucPosKeyPrefixUsage)) == 0) {
             continue;
         }
         const auto BitOf = [=](UCHAR ucUsage, ULONG ulBit) {
             return ucUsage != 0 && PlacesOf(ucUsage) != 0 ? ulBit : 0;
         };
         ulBits |= BitOf(USAGE_CONTEXT_KEY, MODIFIER_CONTEXT_KEY) | BitOf(USAGE_FN, MODIFIER_FN) |
-                  BitOf(Globals.ucPrefix1Usage, MODIFIER_PREFIX1) |
-                  BitOf(Globals.ucPrefix2Usage, MODIFIER_PREFIX2) |
-                  BitOf(Globals.ucPosKeyPrefixUsage, MODIFIER_POSKEY_PREFIX);
+                  BitOf(GlobalHotkeys.ucPrefix1Usage, MODIFIER_PREFIX1) |
+                  BitOf(GlobalHotkeys.ucPrefix2Usage, MODIFIER_PREFIX2) |
+                  BitOf(GlobalHotkeys.ucPosKeyPrefixUsage, MODIFIER_POSKEY_PREFIX);
     }
     return ulBits;
 }
@@ -84,7 +85,7 @@ ULONG FollowReport(ULONG ulFlags, UCHAR ucModifiers, ULONG ulKeys, ULONG ulTrack
 NOINLINE void NoteKeys(ULONG ulBefore, ULONG ulKeys, ULONG ulTracked)
 {
     if (ulBefore & ulTracked & MODIFIER_PREFIXES & ~ulKeys) {
-        WriteShared(Globals.ulPrefixReleased, 1u);
+        WriteShared(GlobalHotkeys.ulPrefixReleased, 1u);
     }
     if (ulKeys & MODIFIER_CONTEXT_KEY) {
         LogPrintf(LOG_DETAIL, 1, "(UpdateModifierFlags) ContextKey dn");
@@ -127,10 +128,13 @@ constexpr ModifierWords MakeModifierWords()
 
 const ModifierWords WordsOfModifiers = MakeModifierWords();
 
-static NOINLINE void TellMice(ULONG ulFlags)
+namespace
+{
+NOINLINE void TellMice(ULONG ulFlags)
 {
     (void)NotifyMouseModifiers(&ulFlags); // sent again at the next change
 }
+} // namespace
 
 // The report bits of a mask's single modifiers; the derived bits have none.
 UCHAR ReportBitsOf(ULONG ulModifiers)
@@ -146,8 +150,9 @@ UCHAR ReportBitsOf(ULONG ulModifiers)
 
 bool IsPrefixUsage(UCHAR ucUsage)
 {
-    return ucUsage != 0 && (ucUsage == Globals.ucPrefix1Usage || ucUsage == Globals.ucPrefix2Usage ||
-                            ucUsage == Globals.ucPosKeyPrefixUsage);
+    return ucUsage != 0 &&
+           (ucUsage == GlobalHotkeys.ucPrefix1Usage || ucUsage == GlobalHotkeys.ucPrefix2Usage ||
+            ucUsage == GlobalHotkeys.ucPosKeyPrefixUsage);
 }
 
 // Lets the word follow a report; ucFlag 1 tracks Fn and the prefix keys too, on keyboards that have them.
@@ -156,14 +161,14 @@ bool IsPrefixUsage(UCHAR ucUsage)
 void UpdateModifierFlags(PDEVICE_OBJECT device, const UCHAR* pBuf, ULONG ulLen, UCHAR ucFlag)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
-    const bool bPrefixes = ucFlag == 1 && ReadShared(FilterContextOf(device)->KbdType) == NORMALKbdType;
+    const bool bPrefixes = ucFlag == 1 && ReadShared(FieldsOf<FrameFields>(device).KbdType) == NORMALKbdType;
     const ULONG ulTracked = MODIFIER_CONTEXT_KEY | (bPrefixes ? MODIFIER_FN | MODIFIER_PREFIXES : 0);
     const ULONG ulKeys = BitsOfKeysIn(pBuf, ulLen) & ulTracked;
-    ULONG ulBefore = ReadShared(Globals.ulModifierFlags);
+    ULONG ulBefore = ReadShared(GlobalHotkeys.ulModifierFlags);
     ULONG ulFlags;
     do {
         ulFlags = FollowReport(ulBefore, pBuf[0], ulKeys, ulTracked);
-    } while (ulFlags != ulBefore && !CompareExchangeShared(Globals.ulModifierFlags, ulBefore, ulFlags));
+    } while (ulFlags != ulBefore && !CompareExchangeShared(GlobalHotkeys.ulModifierFlags, ulBefore, ulFlags));
     if (IsTraced(TRACE_VERBOSE)) {
         TraceModifiers(device, ulBefore, ulFlags);
     }

@@ -8,8 +8,8 @@ enum : ULONG { MODIFIER_OF_BYTE = 0x3DFE };
 
 // modifiers.cpp: the modifier word of all keyboards
 void UpdateModifierFlags(PDEVICE_OBJECT device, const UCHAR* pBuf, ULONG ulLen, UCHAR ucFlag);
-UCHAR ReportBitsOf(ULONG ulModifiers); // bits of the report's modifier byte
-bool IsPrefixUsage(UCHAR ucUsage);     // one of the three prefix keys
+UCHAR ReportBitsOf(ULONG ulModifiers); // IRQL any; bits of the report's modifier byte
+bool IsPrefixUsage(UCHAR ucUsage);     // IRQL any; one of the three prefix keys
 
 // For each modifier byte what it sets in the word: the single bits and those derived from them.
 struct ModifierWords {

@@ -11,6 +11,7 @@
 
 #include "ground/ground.h"
 #include "ground/sums.h"
+#include "hotkeys/fields.h"
 
 #if defined(TV64USB_WHOLE_WALK)
 const bool WalkWhole = true;
@@ -19,10 +20,10 @@ const bool WalkWhole = false;
 #endif
 
 HotkeyPass::HotkeyPass(PDEVICE_OBJECT pFilter)
-    : HotkeyWalk(FilterContextOf(pFilter)), device(pFilter), ulAllWords((1u << (View.ulCount + 63) / 64) - 1),
-      bWhole(IsWholeWalk())
+    : HotkeyWalk(FieldsOf<HotkeyFields>(pFilter)), device(pFilter),
+      ulAllWords((1u << (View.ulCount + 63) / 64) - 1), bWhole(IsWholeWalk())
 {
-    if (pContext->ulHeldOf != View.ulGeneration) {
+    if (hotkeys.ulHeldOf != View.ulGeneration) {
         StartFromNothingHeld();
     }
 }
@@ -34,27 +35,27 @@ COLD void HotkeyPass::StartFromNothingHeld()
         entry.ucDown = 0;
         entry.ulHeldKeys = 0;
     }
-    pContext->HeldHotkeys = {};
-    pContext->ReadyHotkeys = {};
-    pContext->ulHeldOf = View.ulGeneration;
+    hotkeys.HeldHotkeys = {};
+    hotkeys.ReadyHotkeys = {};
+    hotkeys.ulHeldOf = View.ulGeneration;
 }
 
 ULONG HotkeyPass::Arm()
 {
     ulScans = 0;
     ulWords = 1;
-    return Words[0] = ReadShared(Globals.ulModifierFlags);
+    return Words[0] = ReadShared(GlobalHotkeys.ulModifierFlags);
 }
 
 ULONG HotkeyPass::BeginScan()
 {
-    const ULONG ulFlags = ReadShared(Globals.ulModifierFlags);
+    const ULONG ulFlags = ReadShared(GlobalHotkeys.ulModifierFlags);
     ulBefore = ulWords;
     if (ulFlags != Words[ulWords - 1] && ulWords < sizeof(Words) / sizeof(Words[0])) {
         Words[ulWords++] = ulFlags;
     }
     ulScans++;
-    ullScan = ++pContext->ullHotkeyScan;
+    ullScan = ++hotkeys.ullHotkeyScan;
     return ulFlags;
 }
 
@@ -94,21 +95,20 @@ HotkeySet HotkeyPass::Holding(UCHAR ucUsage) const
 
 HotkeySet HotkeyPass::Held() const
 {
-    return bWhole ? Whole() : SetOf(pContext->HeldHotkeys);
+    return bWhole ? Whole() : SetOf(hotkeys.HeldHotkeys);
 }
 
 HotkeySet HotkeyPass::Ready() const
 {
-    return bWhole || IsTraced(TRACE_VERBOSE) ? Held() : SetOf(pContext->ReadyHotkeys);
+    return bWhole || IsTraced(TRACE_VERBOSE) ? Held() : SetOf(hotkeys.ReadyHotkeys);
 }
 
 bool HotkeyPass::IsAnyPartlyHeld() const
 {
     ULONGLONG ullPartly = 0;
-    for (ULONG ulWordsLeft = pContext->HeldHotkeys.ucWords; ulWordsLeft != 0;
-         ulWordsLeft &= ulWordsLeft - 1) {
+    for (ULONG ulWordsLeft = hotkeys.HeldHotkeys.ucWords; ulWordsLeft != 0; ulWordsLeft &= ulWordsLeft - 1) {
         const ULONG ulWord = LowestBit(ulWordsLeft);
-        ullPartly |= pContext->HeldHotkeys.ullWords[ulWord] & ~pContext->ReadyHotkeys.ullWords[ulWord];
+        ullPartly |= hotkeys.HeldHotkeys.ullWords[ulWord] & ~hotkeys.ReadyHotkeys.ullWords[ulWord];
     }
     return ullPartly != 0;
 }
@@ -118,7 +118,7 @@ HotkeySet HotkeyPass::Simple(const UCHAR* pKeys, ULONG ulKeys)
     if (bWhole) {
         return Whole();
     }
-    Mixed = pContext->HeldHotkeys;
+    Mixed = hotkeys.HeldHotkeys;
     for (ULONG i = 0; i < ulKeys && pKeys[i] != 0; i++) {
         AddRow(pKeys[i]);
     }
@@ -130,7 +130,7 @@ HotkeySet HotkeyPass::Extended(ULONG ulBits)
     if (bWhole) {
         return Whole();
     }
-    Mixed = pContext->HeldHotkeys;
+    Mixed = hotkeys.HeldHotkeys;
     AddRow(HOTKEY_ROW_NO_PATTERN);
     for (; ulBits != 0; ulBits &= ulBits - 1) {
         AddRow(HOTKEY_ROW_PATTERN + LowestBit(ulBits));

@@ -12,7 +12,7 @@
 // On the report road of one keyboard.
 #pragma once
 
-#include "driver/context.h"
+#include "hotkeys/fields.h"
 #include "hotkeys/index.h"
 #include "hotkeys/mask.h"
 #include "log/events.h"
@@ -82,13 +82,14 @@ private:
     ULONG ulWords;
 };
 
+// One report of one keyboard among its hotkeys. IRQL <= DISPATCH.
 class HotkeyPass : public HotkeyWalk
 {
 public:
     explicit HotkeyPass(PDEVICE_OBJECT pFilter);
 
     PDEVICE_OBJECT Device() const { return device; }
-    DeviceContext* Context() const { return pContext; }
+    HotkeyFields& Hotkeys() const { return hotkeys; }
 
     // Returns the modifier word that it took.
     ULONG Arm();
@@ -116,12 +117,11 @@ public:
     // Trace points: this key, or report, can mean the entry; what became of it.
     void TraceLook(const HotkeyEntry& entry, bool bArmed) const
     {
-        Trace(HotkeyLookedAt, pContext->ulDeviceIndex, NumberOf(entry), entry.ulId, Words[ulWords - 1],
-              bArmed);
+        Trace(HotkeyLookedAt, IndexOf(device), NumberOf(entry), entry.ulId, Words[ulWords - 1], bArmed);
     }
     void TraceState(const HotkeyEntry& entry, const char* pszState) const
     {
-        Trace(HotkeyState, pContext->ulDeviceIndex, NumberOf(entry), entry.ulId,
+        Trace(HotkeyState, IndexOf(device), NumberOf(entry), entry.ulId,
               {HeldKeyBytes(entry).ucHeld, entry.ulKeyCount}, pszState);
     }
     // The log names the held keys of every hotkey that a walk visits.
@@ -212,13 +212,13 @@ template <typename Touch> void HotkeyPass::TouchEach(const HotkeySet& set, Touch
     for (ULONG ulWordsLeft = set.Words(); ulWordsLeft != 0; ulWordsLeft &= ulWordsLeft - 1) {
         const ULONG ulWord = LowestBit(ulWordsLeft);
         HotkeyEntry* pEntries = pFirst + ulWord * 64;
-        HeldBits bits = {pContext->HeldHotkeys.ullWords[ulWord], pContext->ReadyHotkeys.ullWords[ulWord], 0};
+        HeldBits bits = {hotkeys.HeldHotkeys.ullWords[ulWord], hotkeys.ReadyHotkeys.ullWords[ulWord], 0};
         for (ULONGLONG ullLeft = set.Word(ulWord); ullLeft != 0; ullLeft ^= bits.ullEntry) {
             bits.ullEntry = ullLeft & (~ullLeft + 1);
             touch(pEntries[LowestBit(ullLeft)], bits);
         }
-        pContext->HeldHotkeys.Put(ulWord, bits.ullHeld);
-        pContext->ReadyHotkeys.Put(ulWord, bits.ullReady);
+        hotkeys.HeldHotkeys.Put(ulWord, bits.ullHeld);
+        hotkeys.ReadyHotkeys.Put(ulWord, bits.ullReady);
     }
 }
 
@@ -226,10 +226,10 @@ inline void HotkeyPass::Settle(const HotkeyEntry& entry)
 {
     const ULONG ulWord = NumberOf(entry) / 64;
     const ULONGLONG ullBit = 1ull << NumberOf(entry) % 64;
-    const ULONGLONG ullHeld = pContext->HeldHotkeys.ullWords[ulWord];
-    const ULONGLONG ullReady = pContext->ReadyHotkeys.ullWords[ulWord];
+    const ULONGLONG ullHeld = hotkeys.HeldHotkeys.ullWords[ulWord];
+    const ULONGLONG ullReady = hotkeys.ReadyHotkeys.ullWords[ulWord];
     const bool bHeld = entry.ucDown != 0 || entry.ulHeldKeys != 0;
     const bool bReady = entry.ucDown != 0 || (bHeld && AreAllKeysHeld(entry));
-    pContext->HeldHotkeys.Put(ulWord, bHeld ? ullHeld | ullBit : ullHeld & ~ullBit);
-    pContext->ReadyHotkeys.Put(ulWord, bReady ? ullReady | ullBit : ullReady & ~ullBit);
+    hotkeys.HeldHotkeys.Put(ulWord, bHeld ? ullHeld | ullBit : ullHeld & ~ullBit);
+    hotkeys.ReadyHotkeys.Put(ulWord, bReady ? ullReady | ullBit : ullReady & ~ullBit);
 }

@@ -7,6 +7,7 @@
 #include "hotkeys/hotkeys.h"
 
 #include "control/notification.h"
+#include "hotkeys/fields.h"
 #include "log/log.h"
 #include "report/keys.h"
 
@@ -15,28 +16,28 @@ namespace
 void PressHotkey(HotkeyPass& pass, HotkeyEntry& entry)
 {
     PDEVICE_OBJECT device = pass.Device();
-    DeviceContext* pContext = pass.Context();
+    HotkeyFields& hotkeys = pass.Hotkeys();
     entry.ucDown = 1;
-    SendHotkeyEvent(device, entry.ulId, 1, ReadShared(Globals.ucEscAbort));
+    SendHotkeyEvent(device, entry.ulId, 1, ReadShared(GlobalHotkeys.ucEscAbort));
     if (entry.ucKeys[0] == USAGE_VOLUME_UP || entry.ucKeys[0] == USAGE_VOLUME_DOWN) {
-        StartTypematic(pContext);
+        StartTypematic(hotkeys);
     }
-    WriteShared(pContext->ucHotkeyActive, 1);
-    WriteShared(pContext->ulActiveHotkeyId, entry.ulId);
+    WriteShared(hotkeys.ucHotkeyActive, 1);
+    WriteShared(hotkeys.ulActiveHotkeyId, entry.ulId);
 }
 
 void ReleaseHotkey(HotkeyPass& pass, HotkeyEntry& entry)
 {
     PDEVICE_OBJECT device = pass.Device();
-    DeviceContext* pContext = pass.Context();
+    HotkeyFields& hotkeys = pass.Hotkeys();
     entry.ucDown = 0;
     pass.Settle(entry);
     pass.TraceState(entry, "up");
     CancelTypematicTimers();
-    SendHotkeyEvent(device, entry.ulId, 0, ReadShared(Globals.ucEscAbort));
-    WriteShared(Globals.ucEscAbort, 0);
-    WriteShared(pContext->ucHotkeyActive, 0);
-    WriteShared(pContext->ulActiveHotkeyId, entry.ulId);
+    SendHotkeyEvent(device, entry.ulId, 0, ReadShared(GlobalHotkeys.ucEscAbort));
+    WriteShared(GlobalHotkeys.ucEscAbort, 0);
+    WriteShared(hotkeys.ucHotkeyActive, 0);
+    WriteShared(hotkeys.ulActiveHotkeyId, entry.ulId);
 }
 } // namespace
 

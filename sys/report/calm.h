@@ -9,27 +9,31 @@
 // everything this one decides, and leaves the same. Nothing is called here, so that a calm report pays for no frame.
 #pragma once
 
-#include "driver/context.h"
 #include "ground/shared.h"
+#include "hotkeys/bufferfields.h"
+#include "hotkeys/fields.h"
 #include "hotkeys/modifiers.h"
 #include "hotkeys/pass.h"
 #include "log/trace.h"
+#include "report/fields.h"
 
 enum : ULONG { MODIFIER_OF_KEYS = MODIFIER_PREFIXES | MODIFIER_FN | MODIFIER_CONTEXT_KEY };
 
 // Nothing of before waits for this report. The fields are shared; between these looks nobody need come first.
-inline bool IsNothingUnderWay(const DeviceContext* pContext)
+inline bool IsNothingUnderWay(const HotkeyFields& hotkeys, const BufferFields& buffers)
 {
-    return (pContext->HeldHotkeys.ucWords | LoadAcquire(pContext->usSwallowCount) |
-            LoadAcquire(pContext->usInsertCount) | LoadAcquire(pContext->ucHotkeyActive) |
-            LoadAcquire(Globals.ucHotkeyComplete) | LoadAcquire(Globals.ucSwallowPending) |
-            LoadAcquire(Globals.ulPrefixReleased) | LoadAcquire(Globals.ulPrefixUnmatched)) == 0;
+    return (hotkeys.HeldHotkeys.ucWords | LoadAcquire(buffers.usSwallowCount) |
+            LoadAcquire(buffers.usInsertCount) | LoadAcquire(hotkeys.ucHotkeyActive) |
+            LoadAcquire(GlobalHotkeys.ucHotkeyComplete) | LoadAcquire(GlobalHotkeys.ucSwallowPending) |
+            LoadAcquire(GlobalHotkeys.ulPrefixReleased) | LoadAcquire(GlobalHotkeys.ulPrefixUnmatched)) == 0;
 }
 
-inline bool IsMeaningless(const DeviceContext* pContext, const UCHAR* pBuf)
+inline bool IsMeaningless(const HotkeyFields& hotkeys, const UCHAR* pBuf)
 {
-    const auto Means = [=](ULONG i) -> ULONG { return LoadAcquire(pContext->ucKeyMeans[pBuf[i]]); };
-    const ULONG ulModifiers = LoadAcquire(pContext->ucModifiersMean[pBuf[0]]);
+    const auto Means = [&hotkeys, pBuf](ULONG i) -> ULONG {
+        return LoadAcquire(hotkeys.ucKeyMeans[pBuf[i]]);
+    };
+    const ULONG ulModifiers = LoadAcquire(hotkeys.ucModifiersMean[pBuf[0]]);
     return (ulModifiers | Means(1) | Means(2) | Means(3) | Means(4) | Means(5) | Means(6) | Means(7)) == 0;
 }
 
@@ -44,14 +48,16 @@ inline bool IsWordOf(UCHAR ucModifiers, ULONG ulFlags)
 // IRQL any. Owns: nothing; pBuf stays as it is.
 inline bool PassCalmReport(DeviceContext* pContext, const UCHAR* pBuf)
 {
-    const ULONGLONG ullHotkeys = ReadShared(pContext->ullHotkeys);
-    if ((ullHotkeys & HOTKEYS_CHANGING) || !IsNothingUnderWay(pContext) || !IsMeaningless(pContext, pBuf) ||
-        !IsWordOf(pBuf[0], ReadShared(Globals.ulModifierFlags)) || IsWholeWalk() || IsTraced(TRACE_VERBOSE) ||
-        ReadShared(pContext->ullHotkeys) != ullHotkeys) {
+    HotkeyFields& hotkeys = FieldsOf<HotkeyFields>(pContext);
+    const ULONGLONG ullHotkeys = ReadShared(hotkeys.ullHotkeys);
+    if ((ullHotkeys & HOTKEYS_CHANGING) || !IsNothingUnderWay(hotkeys, FieldsOf<BufferFields>(pContext)) ||
+        !IsMeaningless(hotkeys, pBuf) || !IsWordOf(pBuf[0], ReadShared(GlobalHotkeys.ulModifierFlags)) ||
+        IsWholeWalk() || IsTraced(TRACE_VERBOSE) || ReadShared(hotkeys.ullHotkeys) != ullHotkeys) {
         return false;
     }
-    if (!pContext->ucRunDiagNormalPacket02) { // simple matching compares nothing with it
-        RtlCopyMemory(pContext->ucOldPacket, pBuf, sizeof(pContext->ucOldPacket));
+    ReportFields& reports = FieldsOf<ReportFields>(pContext);
+    if (!reports.ucRunDiagNormalPacket02) { // simple matching compares nothing with it
+        RtlCopyMemory(reports.ucOldPacket, pBuf, sizeof(reports.ucOldPacket));
     }
     return true;
 }

@@ -10,8 +10,10 @@
 // apart.
 #include "report/report.h"
 
+#include "hotkeys/bufferfields.h"
 #include "hotkeys/hotkeys.h"
 #include "log/log.h"
+#include "report/fields.h"
 
 namespace
 {
@@ -47,7 +49,7 @@ void SetHotkeyDown(HotkeyPass& pass, HotkeyEntry& entry, UCHAR ucDown)
 // Hands each key that left the report to the pass.
 void PassReleasedPowerKeys(HotkeyPass& pass, ULONG ulLen, const UCHAR* pBuf, PULONG pulLen)
 {
-    UCHAR* pOld = pass.Context()->ucOldPowerPacket;
+    UCHAR* pOld = FieldsOf<ReportFields>(pass.Device()).ucOldPowerPacket;
     UCHAR ucHotkeyReleased = 0; // not looked at: the keys of this report are handed on all the same
     for (ULONG i = 0; i < *pulLen && pOld[i] != 0; i++) {
         if (!IsKeyInPacket(pOld[i], pBuf, ulLen)) {
@@ -72,12 +74,13 @@ void PassPressedPowerKeys(HotkeyPass& pass, PUCHAR pBuf, PULONG pulLen)
 // IRQL <= DISPATCH. Owns: nothing; pBuf is rewritten. Fails: a length other than 2.
 NTSTATUS DiagPowerPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
 {
-    DeviceContext* pContext = FilterContextOf(device);
+    ReportFields& reports = FieldsOf<ReportFields>(device);
+    BufferFields& buffers = FieldsOf<BufferFields>(device);
     if (ulLen != POWER_PACKET_BYTES) {
         return STATUS_UNSUCCESSFUL;
     }
     LogHexDump("(DiagPowerPacket) new packet:", ulLen, pBuf);
-    LogHexDump("(DiagPowerPacket) old packet:", ulLen, pContext->ucOldPowerPacket);
+    LogHexDump("(DiagPowerPacket) old packet:", ulLen, reports.ucOldPowerPacket);
     const UCHAR ucReceived[POWER_PACKET_BYTES] = {pBuf[0], pBuf[1]};
     HotkeyPass pass(device);
     UpdateHotkeyModifierMatch(pass);
@@ -85,13 +88,13 @@ NTSTATUS DiagPowerPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
     ULONG ulCurrentLen = ulLen;
     PassReleasedPowerKeys(pass, ulLen, pBuf, &ulCurrentLen);
     PassPressedPowerKeys(pass, pBuf, &ulCurrentLen);
-    if (ReadShared(pContext->usSwallowCount) != 0) {
+    if (ReadShared(buffers.usSwallowCount) != 0) {
         UCHAR ucUsage;
         while (GetDataFromSwallowBuffer(device, &ucUsage)) {
             (void)AddDataToInsertBuffer(device, &ucUsage); // a full buffer loses the key
         }
     }
-    RtlCopyMemory(pContext->ucOldPowerPacket, ucReceived, sizeof(ucReceived));
+    RtlCopyMemory(reports.ucOldPowerPacket, ucReceived, sizeof(ucReceived));
     LogHexDump("(DiagPowerPacket) new packet:", ulCurrentLen, pBuf);
     return STATUS_SUCCESS;
 }

@@ -8,9 +8,11 @@
 // One length serves all walks: the pass shortens it when it takes a key out.
 #include "report/report.h"
 
+#include "hotkeys/bufferfields.h"
 #include "hotkeys/hotkeys.h"
 #include "log/events.h"
 #include "log/log.h"
+#include "report/fields.h"
 
 namespace
 {
@@ -22,7 +24,7 @@ bool IsFnOrPrefix(UCHAR ucUsage)
 // Hands each key that left the report to the pass. Returns 1 when a hotkey that had fired was released.
 UCHAR PassReleasedKeys(HotkeyPass& pass, ULONG ulLen, const UCHAR* pBuf, PULONG pulLen)
 {
-    UCHAR* pOld = pass.Context()->ucOldPacket;
+    UCHAR* pOld = FieldsOf<ReportFields>(pass.Device()).ucOldPacket;
     UCHAR ucHotkeyReleased = 0;
     for (ULONG i = FirstKeyPosition(ulLen); i < *pulLen && pOld[i] != 0; i++) {
         if (!IsKeyInPacket(pOld[i], pBuf, ulLen)) {
@@ -76,9 +78,10 @@ ULONG StripFnAndPrefixKeys(PDEVICE_OBJECT device, PUCHAR pBuf, ULONG ulLen, ULON
 // IRQL <= DISPATCH. Owns: nothing; pBuf is rewritten. Fails: never.
 NTSTATUS DiagNormalPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
 {
-    DeviceContext* pContext = FilterContextOf(device);
+    ReportFields& reports = FieldsOf<ReportFields>(device);
+    BufferFields& buffers = FieldsOf<BufferFields>(device);
     LogHexDump("(DiagNormalPacket) new packet:", ulLen, pBuf);
-    LogHexDump("(DiagNormalPacket) old packet:", ulLen, pContext->ucOldPacket);
+    LogHexDump("(DiagNormalPacket) old packet:", ulLen, reports.ucOldPacket);
     HotkeyPass pass(device);
     UCHAR ucReceived[8] = {};
     RtlCopyMemory(ucReceived, pBuf, ulLen);
@@ -91,18 +94,18 @@ NTSTATUS DiagNormalPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
     ULONG ulCurrentLen = ulLen;
     if (PassReleasedKeys(pass, ulLen, pBuf, &ulCurrentLen)) {
         for (ULONG i = FirstKeyPosition(ulLen); i < ulLen && pBuf[i] != 0; i++) {
-            Trace(KeysTaken, pContext->ulDeviceIndex, {pBuf + i, 1}, "the release of a hotkey");
+            Trace(KeysTaken, IndexOf(device), {pBuf + i, 1}, "the release of a hotkey");
             pBuf[i] = 0;
         }
     }
     ULONG ulStopped = PassPressedKeys(pass, ulLen, pBuf, &ulCurrentLen);
-    if (ReadShared(pContext->usSwallowCount) != 0) {
+    if (ReadShared(buffers.usSwallowCount) != 0) {
         GiveBackHeldKeys(device);
     }
     ULONG ulFrom = ulCurrentLen == 8 ? 2 : ulCurrentLen == 3 ? 1 : ulStopped;
     ulCurrentLen = StripFnAndPrefixKeys(device, pBuf, ulCurrentLen, ulFrom);
 
-    RtlCopyMemory(pContext->ucOldPacket, ucReceived, ulLen);
+    RtlCopyMemory(reports.ucOldPacket, ucReceived, ulLen);
     LogHexDump("(DiagNormalPacket) new packet:", ulCurrentLen, pBuf);
     return STATUS_SUCCESS;
 }

@@ -4,6 +4,7 @@
 // in the report with its modifiers matched, and that key is always taken out.
 #include "report/report.h"
 
+#include "hotkeys/fields.h"
 #include "hotkeys/hotkeys.h"
 #include "log/events.h"
 #include "log/log.h"
@@ -16,7 +17,7 @@ void ReleaseHotkey(HotkeyPass& pass, HotkeyEntry& entry, const char* pszLog)
     if (!entry.ucDown) {
         return;
     }
-    if (!pass.Context()->ucSendUpEventImmediately) {
+    if (!pass.Hotkeys().ucSendUpEventImmediately) {
         if (pszLog != nullptr) {
             LogPrintf(LOG_TRAFFIC, 1, "%s", pszLog);
         }
@@ -34,7 +35,7 @@ void PressHotkey(HotkeyPass& pass, HotkeyEntry& entry)
     pass.TraceState(entry, "down");
     NotifyHotkeyEvent(pass.Device(), entry.ulId, 1);
     LogPrintf(LOG_TRAFFIC, 1, "(DiagNormalPacket02) Fire DOWN event");
-    if (pass.Context()->ucSendUpEventImmediately) {
+    if (pass.Hotkeys().ucSendUpEventImmediately) {
         NotifyHotkeyEvent(pass.Device(), entry.ulId, 0);
     }
 }
@@ -49,7 +50,7 @@ bool TakeHotkeyOut(HotkeyPass& pass, HotkeyEntry& entry, ULONG ulLen, PUCHAR pBu
             continue;
         }
         bFound = true;
-        Trace(KeysTaken, pass.Context()->ulDeviceIndex, {pBuf + i, 1}, "a hotkey");
+        Trace(KeysTaken, IndexOf(pass.Device()), {pBuf + i, 1}, "a hotkey");
         (void)RemoveKeyFromBuffer(pBuf, ulLen, i);
         if (!entry.ucDown) {
             PressHotkey(pass, entry);

@@ -8,13 +8,16 @@
 //
 // In: a completed report of one keyboard. Out: the report as the system shall see it.
 #include "report/calm.h"
-#include "report/report.h"
 
+#include "hotkeys/bufferfields.h"
 #include "hotkeys/hotkeys.h"
 #include "log/events.h"
 #include "log/log.h"
+#include "report/fields.h"
+#include "report/report.h"
 
 // Every byte is 0x01, the modifier byte too: stricter than what the road of a read holds back (usb/intercept.cpp).
+// IRQL any.
 bool IsAllRollover(ULONG ulLen, const UCHAR* pBuf)
 {
     if (ulLen != 8) {
@@ -28,8 +31,10 @@ bool IsAllRollover(ULONG ulLen, const UCHAR* pBuf)
     return true;
 }
 
+namespace
+{
 // A Jaalaa report is told by its ID; ucHandled stays 0 for an ID that nobody knows.
-static NTSTATUS DiagJaalaaReport(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf, PUCHAR pucHandled)
+NTSTATUS DiagJaalaaReport(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf, PUCHAR pucHandled)
 {
     LogPrintf(LOG_TRAFFIC, 1, "(DiagUSBPacket) JaalaaEXTENDEDKbdType, ReportId=0x%02X", pBuf[0]);
     *pucHandled = 1;
@@ -45,7 +50,7 @@ static NTSTATUS DiagJaalaaReport(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf
 }
 
 // A Chic key report has three key bytes: they are analysed as a Jaalaa key area whose fourth byte is empty.
-static NTSTATUS DiagChicReport(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf, PUCHAR pucHandled)
+NTSTATUS DiagChicReport(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf, PUCHAR pucHandled)
 {
     LogPrintf(LOG_TRAFFIC, 1, "(DiagUSBPacket) ChicEXTENDEDKbdType, ReportId=0x%02X", pBuf[0]);
     *pucHandled = 1;
@@ -62,13 +67,13 @@ static NTSTATUS DiagChicReport(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf, 
     return STATUS_UNSUCCESSFUL;
 }
 
-static bool HasReportIds(const DeviceContext* pContext)
+bool HasReportIds(const DeviceContext* pContext)
 {
-    const ULONG ulKbdType = ReadShared(pContext->KbdType);
+    const ULONG ulKbdType = ReadShared(FieldsOf<FrameFields>(pContext).KbdType);
     return ulKbdType == JaalaaEXTENDEDKbdType || ulKbdType == ChicEXTENDEDKbdType;
 }
 
-static NTSTATUS DiagByLength(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
+NTSTATUS DiagByLength(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
 {
     switch (ulLen) {
     case 8:
@@ -76,8 +81,9 @@ static NTSTATUS DiagByLength(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
             Trace(Rollover, IndexOf(device), {pBuf, ulLen});
             return STATUS_UNSUCCESSFUL;
         }
-        return FilterContextOf(device)->ucRunDiagNormalPacket02 ? DiagNormalPacket02(device, ulLen, pBuf)
-                                                                : DiagNormalPacket(device, ulLen, pBuf);
+        return FieldsOf<ReportFields>(device).ucRunDiagNormalPacket02
+                   ? DiagNormalPacket02(device, ulLen, pBuf)
+                   : DiagNormalPacket(device, ulLen, pBuf);
     case 3:
         return DiagNormalPacket(device, ulLen, pBuf);
     case 2:
@@ -88,7 +94,7 @@ static NTSTATUS DiagByLength(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
 }
 
 // The keys the keyboard reports now queue behind the keys already waiting; the oldest take their places.
-static void PlaceQueuedKeys(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
+void PlaceQueuedKeys(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
 {
     for (ULONG i = FirstKeyPosition(ulLen); i < ulLen && pBuf[i] != 0; i++) {
         (void)AddDataToInsertBuffer(device, &pBuf[i]); // a full buffer loses the key
@@ -104,16 +110,17 @@ static void PlaceQueuedKeys(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
 // The long way of a report. An extended report with an unknown ID leaves everything untouched; a report without a
 // handler still gets queued keys and feeds the modifier word.
 // Fails: no handler, or an empty report.
-static NOINLINE NTSTATUS DiagMeaningfulPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
+NOINLINE NTSTATUS DiagMeaningfulPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
     if (ulLen == 0 || pBuf == nullptr) {
         return STATUS_UNSUCCESSFUL;
     }
-    DeviceContext* pContext = FilterContextOf(device);
+    FrameFields& frame = FieldsOf<FrameFields>(device);
+    BufferFields& buffers = FieldsOf<BufferFields>(device);
     NTSTATUS status = STATUS_UNSUCCESSFUL;
     UCHAR ucHandled = 1;
-    switch (ReadShared(pContext->KbdType)) {
+    switch (ReadShared(frame.KbdType)) {
     case JaalaaEXTENDEDKbdType:
         status = DiagJaalaaReport(device, ulLen, pBuf, &ucHandled);
         break;
@@ -127,7 +134,7 @@ static NOINLINE NTSTATUS DiagMeaningfulPacket(PDEVICE_OBJECT device, ULONG ulLen
     if (!ucHandled) {
         return status;
     }
-    if (ReadShared(pContext->usInsertCount) != 0 && (ulLen == 8 || ulLen == 3)) {
+    if (ReadShared(buffers.usInsertCount) != 0 && (ulLen == 8 || ulLen == 3)) {
         PlaceQueuedKeys(device, ulLen, pBuf);
     }
     LogHexDump("(DiagUSBPacket) leaving with packet: ", ulLen, pBuf);
@@ -136,6 +143,7 @@ static NOINLINE NTSTATUS DiagMeaningfulPacket(PDEVICE_OBJECT device, ULONG ulLen
     }
     return status;
 }
+} // namespace
 
 // Analyses one completed report and rewrites it in place.
 // IRQL <= DISPATCH. Owns: nothing. Fails: no handler, or an empty report.

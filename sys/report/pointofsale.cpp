@@ -12,6 +12,8 @@
 
 #include "control/notification.h"
 #include "ground/sums.h"
+#include "hotkeys/bufferfields.h"
+#include "hotkeys/fields.h"
 #include "hotkeys/hotkeys.h"
 #include "log/events.h"
 #include "log/log.h"
@@ -52,10 +54,10 @@ void SendByte(PDEVICE_OBJECT device, const KeyDefinition* pDefinition, UCHAR ucB
 
 void StartRepeat(const Sale& sale, ULONG ulScanCode)
 {
-    DeviceContext* pContext = FilterContextOf(sale.device);
-    WriteShared(pContext->ulActiveHotkeyId, IdOf(sale.pDefinition));
-    WriteShared(pContext->usTypematicScan, ulScanCode);
-    StartTypematic(pContext);
+    HotkeyFields& hotkeys = FieldsOf<HotkeyFields>(sale.device);
+    WriteShared(hotkeys.ulActiveHotkeyId, IdOf(sale.pDefinition));
+    WriteShared(hotkeys.usTypematicScan, ulScanCode);
+    StartTypematic(hotkeys);
 }
 
 void SendMake(const Sale& sale, const Key& key)
@@ -182,16 +184,16 @@ void CompareShortConsumerReport(const Sale& sale, PUCHAR pBuf)
 
 // The first ulBytes of the report before; a definition that is added meanwhile clears it.
 // Lock: takes BufferLock.
-void ReadOldPacket(DeviceContext* pContext, PUCHAR pOld, ULONG ulBytes)
+void ReadOldPacket(BufferFields& buffers, PUCHAR pOld, ULONG ulBytes)
 {
-    LockScope lock(pContext->BufferLock);
-    RtlCopyMemory(pOld, pContext->ucOldOPOSPacket, ulBytes);
+    LockScope lock(buffers.BufferLock);
+    RtlCopyMemory(pOld, buffers.ucOldOPOSPacket, ulBytes);
 }
 
-void WriteOldPacket(DeviceContext* pContext, const UCHAR* pReceived, ULONG ulBytes)
+void WriteOldPacket(BufferFields& buffers, const UCHAR* pReceived, ULONG ulBytes)
 {
-    LockScope lock(pContext->BufferLock);
-    RtlCopyMemory(pContext->ucOldOPOSPacket, pReceived, ulBytes);
+    LockScope lock(buffers.BufferLock);
+    RtlCopyMemory(buffers.ucOldOPOSPacket, pReceived, ulBytes);
 }
 } // namespace
 
@@ -202,14 +204,14 @@ void WriteOldPacket(DeviceContext* pContext, const UCHAR* pReceived, ULONG ulByt
 NTSTATUS HandleOPOSPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
 {
     IRQL_AT_MOST(DISPATCH_LEVEL);
-    DeviceContext* pContext = FilterContextOf(device);
-    UCHAR ucOld[sizeof(pContext->ucOldOPOSPacket)];
+    BufferFields& buffers = FieldsOf<BufferFields>(device);
+    UCHAR ucOld[sizeof(buffers.ucOldOPOSPacket)];
     UCHAR ucReceived[sizeof(ucOld)];
     const ULONG ulKept = LowerOf(ulLen, sizeof(ucOld));
-    ReadOldPacket(pContext, ucOld, sizeof(ucOld));
+    ReadOldPacket(buffers, ucOld, sizeof(ucOld));
     LogHexDump("(HandleOPOSPacket) new packet:", ulLen, pBuf);
     LogHexDump("(HandleOPOSPacket) old packet:", ulKept, ucOld);
-    CancelTypematicOf(pContext);
+    CancelTypematicOf(FieldsOf<HotkeyFields>(device));
     RtlCopyMemory(ucReceived, pBuf, ulKept);
 
     KeyDefinition definition;
@@ -228,7 +230,7 @@ NTSTATUS HandleOPOSPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
     default:
         break;
     }
-    WriteOldPacket(pContext, ucReceived, ulKept);
+    WriteOldPacket(buffers, ucReceived, ulKept);
     LogHexDump("(HandleOPOSPacket) new packet:", ulLen, pBuf);
     return STATUS_SUCCESS;
 }

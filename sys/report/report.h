@@ -3,7 +3,6 @@
 // Everything here runs on the report road: IRQL <= DISPATCH, no allocation, the report rewritten in place.
 #pragma once
 
-#include "driver/context.h"
 #include "ground/ground.h"
 #include "hotkeys/modifiers.h"
 #include "hotkeys/pass.h"

@@ -129,7 +129,7 @@ TEST_F(Engine, MasksKeepWhatIsNoSideOfAPair)
     for (const auto& mask : masks) {
         KeyDefinition definition = Hotkey(7, mask.ulGiven, {0x3B});
         ASSERT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &definition));
-        EXPECT_EQ(mask.ulKept, (*HotkeyWalk(Context()).begin()).ulModifiers) << std::hex << mask.ulGiven;
+        EXPECT_EQ(mask.ulKept, (*HotkeyWalk(*Context()).begin()).ulModifiers) << std::hex << mask.ulGiven;
         ASSERT_EQ(STATUS_SUCCESS, RemoveKeyDefinition(Filter(), 7));
     }
 }
@@ -208,7 +208,7 @@ TEST_F(Engine, HotkeyListIsMadeFromTheDefinitions)
         EXPECT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), pDefinition));
     }
     std::vector<HotkeyEntry> entries;
-    for (const HotkeyEntry& entry : HotkeyWalk(Context())) {
+    for (const HotkeyEntry& entry : HotkeyWalk(*Context())) {
         entries.push_back(entry);
     }
     ASSERT_EQ(2u, entries.size()); // alike but for the swallow byte: one entry; no id: none
@@ -224,7 +224,7 @@ TEST_F(Engine, HotkeyListIsMadeFromTheDefinitions)
     EXPECT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &moreKeys));
     EXPECT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &otherModifiers));
     ULONG ulEntries = 0;
-    for (const HotkeyEntry& entry : HotkeyWalk(Context())) {
+    for (const HotkeyEntry& entry : HotkeyWalk(*Context())) {
         ulEntries += entry.ulId != 0;
     }
     EXPECT_EQ(5u, ulEntries);
@@ -242,7 +242,7 @@ TEST_F(Engine, AWalkedListStaysAsItIs)
     ASSERT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &first));
     HostThread thread;
     {
-        HotkeyWalk walk(Context());
+        HotkeyWalk walk(*Context());
         thread = HostStartThread([&] {
             for (const KeyDefinition* pDefinition : {&second, &third}) {
                 EXPECT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), pDefinition));
@@ -259,7 +259,7 @@ TEST_F(Engine, AWalkedListStaysAsItIs)
     }
     HostJoinThread(thread);
     ULONG ulEntries = 0;
-    for (const HotkeyEntry& entry : HotkeyWalk(Context())) {
+    for (const HotkeyEntry& entry : HotkeyWalk(*Context())) {
         EXPECT_EQ(entry.ulId, ++ulEntries);
     }
     EXPECT_EQ(3u, ulEntries);
@@ -276,7 +276,7 @@ TEST_F(Engine, TrackedKeysAreNoKeysOfAHotkey)
     for (const auto& row : cases) {
         WriteShared(Context()->KbdType, row.ulKbdType);
         ASSERT_EQ(STATUS_SUCCESS, AddKeyDefinition(Filter(), &definition));
-        for (const HotkeyEntry& entry : HotkeyWalk(Context())) {
+        for (const HotkeyEntry& entry : HotkeyWalk(*Context())) {
             EXPECT_EQ(std::vector<UCHAR>(entry.ucKeys, entry.ucKeys + entry.ulKeyCount), row.keys);
         }
         ASSERT_EQ(STATUS_SUCCESS, RemoveKeyDefinition(Filter(), 1));

@@ -179,7 +179,7 @@ TEST_F(Hazards, KeysBeyondAnEntryAreNoHotkey)
         definition.ucScans[definition.usScanCount++] = 0x19;
     }
     EXPECT_EQ(STATUS_UNSUCCESSFUL, AddKeyDefinition(FilterOf(pMedia), &definition));
-    HotkeyWalk walk(ContextOf(pMedia));
+    HotkeyWalk walk(*ContextOf(pMedia));
     EXPECT_FALSE(walk.begin() != walk.end());
     KeyDefinition cut = Hotkey(8, 0, {0xE1, 0x1D, 0x45});
     cut.usScanCount = 2; // what lies behind the sequence does not complete it

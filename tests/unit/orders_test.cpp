@@ -85,7 +85,7 @@ TEST(Orders, AWalkNeverMeetsAListThatIsBeingBuilt)
         });
         bool bWhole = true;
         for (int i = 0; i < 300; i++) {
-            HotkeyWalk walk(FilterContextOf(device));
+            HotkeyWalk walk(*FilterContextOf(device));
             const HotkeyEntry& first = *walk.begin();
             SCHEDULE_POINT();
             bWhole = bWhole && first.ulId == 7 && first.ucKeys[0] == 0x3A;
