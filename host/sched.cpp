@@ -239,8 +239,7 @@ void HostBlock(HostLock& lock, PKTHREAD pSelf)
             HostEndWait(pSelf, STATUS_TIMEOUT);
             return;
         }
-        auto until = std::chrono::system_clock::now() + std::chrono::microseconds(llLeft / 10 + 1);
-        pSelf->Wake.wait_until(lock, until);
+        pSelf->Wake.wait_for(lock, std::chrono::microseconds(llLeft / 10 + 1));
     }
 }
 

@@ -111,8 +111,7 @@ void HostTimerThread()
             }
         }
         if (llWait > 0) {
-            auto until = std::chrono::system_clock::now() + std::chrono::microseconds(llWait / 10 + 1);
-            g->Clock.Wake.wait_until(lock, until);
+            g->Clock.Wake.wait_for(lock, std::chrono::microseconds(llWait / 10 + 1));
         }
     }
 }

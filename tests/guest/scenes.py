@@ -12,7 +12,7 @@ import traceback
 
 from guest import Failed, Guest
 
-FILES = ("raw", "live", "network")
+FILES = ("raw", "live", "network", "real")
 
 
 def all_scenes():
