@@ -40,6 +40,11 @@ public:
     virtual void Led(uint64_t ullUs, unsigned uKeyboard, uint8_t ucReport) = 0;
     // Something to know of the input or of a keyboard (-1: none of them alone).
     virtual void Note(uint64_t, int /*iKeyboard*/, const std::string&) {}
+    // What the keyboard answers when it is asked what it is: told where no input has it.
+    virtual void Descriptors(uint64_t, unsigned /*uKeyboard*/, const Bytes& /*device*/,
+                             const Bytes& /*configuration*/)
+    {
+    }
     virtual void Pause() {} // more is waited for: what was told shall be seen
     virtual void End(uint64_t ullUs, const ReplayTotals& totals) = 0;
 };

@@ -13,7 +13,7 @@ namespace
 class Collector final : public ReplayPrinter
 {
 public:
-    Collector(Session& session, const LineVisitor& visit) : m_session(session), m_visit(visit) {}
+    Collector(Session& session, LineVisitor visit) : m_session(session), m_visit(std::move(visit)) {}
 
     void Keyboard(uint64_t ullUs, unsigned uKeyboard, uint32_t, unsigned uType,
                   const ScriptKeyboard& keyboard) override
@@ -58,6 +58,14 @@ public:
         line.ucLeds = ucReport;
         m_visit(std::move(line));
     }
+    void Descriptors(uint64_t ullUs, unsigned uKeyboard, const Bytes& device,
+                     const Bytes& configuration) override
+    {
+        SessionLine line = Line(LineKind::Descriptors, ullUs, uKeyboard);
+        line.device = device;
+        line.configuration = configuration;
+        m_visit(std::move(line));
+    }
     void End(uint64_t ullUs, const ReplayTotals& totals) override
     {
         m_session.ullEndUs = ullUs;
@@ -76,7 +84,7 @@ private:
     }
 
     Session& m_session;
-    const LineVisitor& m_visit;
+    const LineVisitor m_visit;
     unsigned m_uLatest = 0;
 };
 
@@ -87,6 +95,11 @@ void WalkSession(Session& session, const Script& script, const ReplaySetup& setu
     session.kinds = EventKinds(setup.config.definitions);
     Collector collector(session, visit);
     RunReplay(script, setup, collector);
+}
+
+std::unique_ptr<ReplayPrinter> MakeCollector(Session& session, LineVisitor visit)
+{
+    return std::make_unique<Collector>(session, std::move(visit));
 }
 
 Session TakeSession(const Script& script, const ReplaySetup& setup)
@@ -113,6 +126,7 @@ std::string WordsOf(const EventKinds& kinds, const SessionLine& line)
     case LineKind::Led:
         return LedWords(line.ucLeds);
     case LineKind::Report:
+    case LineKind::Descriptors:
         break;
     }
     return "";

@@ -13,20 +13,21 @@
 #include <string>
 #include <vector>
 
-enum class LineKind { Keyboard, Definition, Report, Event, Macro, Led };
+enum class LineKind { Keyboard, Definition, Report, Event, Macro, Led, Descriptors };
 
 struct SessionLine {
     LineKind kind;
     uint64_t ullUs = 0;
-    unsigned uKeyboard = 0;    // of a macro record: the one that was told of last
-    std::optional<Bytes> sent; // Report: by the keyboard; nothing when the driver answered the read itself
-    Bytes seen;                // Report: by the system
-    uint32_t ulId = 0;         // Definition
-    uint32_t ulStatus = 0;     // Definition
-    std::string why;           // Definition: it is refused
-    NotifyRecord record{};     // Event
-    MacroRecord macro{};       // Macro
-    uint8_t ucLeds = 0;        // Led: the output report
+    unsigned uKeyboard = 0;      // of a macro record: the one that was told of last
+    std::optional<Bytes> sent;   // Report: by the keyboard; nothing when the driver answered the read itself
+    Bytes seen;                  // Report: by the system
+    Bytes device, configuration; // Descriptors: what the keyboard answers when it is asked what it is
+    uint32_t ulId = 0;           // Definition
+    uint32_t ulStatus = 0;       // Definition
+    std::string why;             // Definition: it is refused
+    NotifyRecord record{};       // Event
+    MacroRecord macro{};         // Macro
+    uint8_t ucLeds = 0;          // Led: the output report
 };
 
 struct SessionKeyboard {
@@ -48,6 +49,9 @@ Session TakeSession(const Script& script, const ReplaySetup& setup);
 // The same without keeping lines; all else of the session is known when a line is handed over, but its end.
 using LineVisitor = std::function<void(SessionLine&&)>;
 void WalkSession(Session& session, const Script& script, const ReplaySetup& setup, const LineVisitor& visit);
+
+// A printer that makes lines of what it is told, and fills the session's keyboards and totals. The session must outlive it.
+std::unique_ptr<ReplayPrinter> MakeCollector(Session& session, LineVisitor visit);
 
 // "hotkey 7 down", "LEDs: Num", "definition 3 refused: status 0xc000000d"; "" for a report.
 std::string WordsOf(const EventKinds& kinds, const SessionLine& line);
