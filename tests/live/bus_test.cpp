@@ -5,8 +5,8 @@
 #include <mutex>
 #include <thread>
 
+#include "tests/live/fakebus.h"
 #include "tools/live/machine.h"
-#include "tools/live/usb/interface.h"
 
 extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistryPath);
 
@@ -17,16 +17,10 @@ struct Sent {
     Bytes setup, data;
 };
 
-// A keyboard of two interfaces, of which the second has the stack.
-const Bytes Device = {18, 1, 0, 2, 0, 0, 0, 8, 0x3C, 0x7A, 1, 1, 0, 1, 0, 0, 0, 1};
-const Bytes Configuration = {9, 2, 59, 0, 2,    1,    0, 0xA0, 50, 9,    4,  0, 0, 1,  3,    0, 0, 0, 9, 0x21,
-                             0, 1, 0,  1, 0x22, 4,    0, 7,    5,  0x82, 3,  8, 0, 10, 9,    4, 1, 0, 1, 3,
-                             1, 1, 0,  9, 0x21, 0x11, 1, 13,   1,  0x22, 65, 0, 7, 5,  0x81, 3, 8, 0, 10};
-
 class Bus : public testing::Test
 {
 protected:
-    Bus() : m_Machine({DriverEntry, {}, {}, nullptr}), m_Interface(InterfaceOf(Device, Configuration, 1))
+    Bus() : m_Machine({DriverEntry, {}, nullptr}), m_Interface(InterfaceOf(FakeDevice, FakeConfiguration, 1))
     {
         m_Descriptors = m_Interface.Descriptors();
         EmuPlugOptions plug;
@@ -72,7 +66,7 @@ protected:
                 lock.unlock();
                 setups.push_back(sent.setup);
                 bool bDevice = sent.setup[0] == 0x80 && sent.setup[3] == 1;
-                m_pKeyboard->Answer(sent.ulTicket, STATUS_SUCCESS, bDevice ? Device : Bytes(4));
+                m_pKeyboard->Answer(sent.ulTicket, STATUS_SUCCESS, bDevice ? FakeDevice : Bytes(4));
             }
         });
         m_Machine.Start(m_uKeyboard);
@@ -102,15 +96,15 @@ TEST_F(Bus, AStackIsToldOfItsOwnInterfaceAndAsksForIt)
     EXPECT_EQ(13, HidHeadOf(m_Interface.configuration).ucCountry);
     EXPECT_EQ(u"USB\\VID_7A3C&PID_0101&MI_01", m_Interface.hardwareId);
     for (uint8_t ucMissing : {2, 3})
-        EXPECT_THROW(InterfaceOf(Device, Configuration, ucMissing), std::runtime_error);
-    EXPECT_THROW(InterfaceOf(Bytes(3), Configuration, 1), std::runtime_error);
-    EXPECT_THROW(InterfaceOf(Device, Bytes(Configuration.begin(), Configuration.end() - 3), 1),
+        EXPECT_THROW(InterfaceOf(FakeDevice, FakeConfiguration, ucMissing), std::runtime_error);
+    EXPECT_THROW(InterfaceOf(Bytes(3), FakeConfiguration, 1), std::runtime_error);
+    EXPECT_THROW(InterfaceOf(FakeDevice, Bytes(FakeConfiguration.begin(), FakeConfiguration.end() - 3), 1),
                  std::runtime_error);
     bool bIdle = false, bReport = false;
     for (const Bytes& setup : StartAnswering()) {
         EXPECT_FALSE(setup[0] == 0x80 && setup[3] == 2) << "the configuration is not asked for on the wire";
         bIdle |= setup == Bytes{0x21, 10, 0, 0, 1, 0, 0, 0};
-        bReport |= setup == Bytes{0x81, 6, 0, 0x22, 1, 0, 65, 0};
+        bReport |= setup == Bytes{0x81, 6, 0, 0x22, 1, 0, 63, 0};
     }
     EXPECT_TRUE(bIdle && bReport) << "its number";
     m_Machine.Report(m_uKeyboard, {0, 0, 4, 0, 0, 0, 0, 0});

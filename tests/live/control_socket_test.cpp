@@ -14,7 +14,7 @@
 #include "client/frames.h"
 #include "client/socket_transport.h"
 #include "tools/common/failure.h"
-#include "tools/live/machine.h"
+#include "tools/live/emulated.h"
 #include "tools/live/server.h"
 
 extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistryPath);
@@ -74,7 +74,10 @@ KeyDefinition Hotkey(uint32_t ulId, bool bSwallow = true)
 class ControlSocket : public testing::Test
 {
 protected:
-    ControlSocket() : m_Machine({DriverEntry, EmuMachine::FindInterfaces("normal"), {}, &m_Reports})
+    ControlSocket()
+        : m_Machine({DriverEntry, {}, &m_Reports}),
+          m_Keyboard(
+              std::make_unique<EmulatedKeyboard>(m_Machine, EmuBootKeyboard, WhoIs(EmuBootKeyboard, "")))
     {
         char folder[] = "/tmp/tvusb-XXXXXX";
         m_Folder = mkdtemp(folder);
@@ -85,6 +88,7 @@ protected:
     ~ControlSocket() override
     {
         m_Server.reset();
+        m_Keyboard.reset();
         EXPECT_EQ(0u, m_Machine.End());
         unlink(m_Path.c_str());
         EXPECT_EQ(0, rmdir(m_Folder.c_str()));
@@ -111,6 +115,7 @@ protected:
 
     Reports m_Reports;
     LiveMachine m_Machine;
+    std::unique_ptr<EmulatedKeyboard> m_Keyboard;
     std::string m_Folder, m_Path;
     std::unique_ptr<ControlServer> m_Server;
 };

@@ -1,6 +1,7 @@
 // filtered.cpp - builds the stacks of a real keyboard, delivers what its bus brings, and takes everything down.
 #include "filtered.h"
 #include "route.h"
+#include "usbip/offer.h"
 
 #include <fmt/format.h>
 
@@ -28,36 +29,21 @@ NTSTATUS StatusOf(Outcome outcome)
     }
 }
 
-UhidIdentity IdentityOf(const UsbInterface& interface, const UsbFound& found)
-{
-    HidHead head = HidHeadOf(interface.configuration);
-    UhidIdentity identity;
-    identity.name = (found.product.empty() ? "Keyboard" : found.product) + " (filtered)";
-    identity.place = fmt::format("tvusb-{}/input{}", found.name, interface.ucNumber);
-    identity.usVendor = interface.Vendor();
-    identity.usProduct = interface.Product();
-    identity.usVersion = head.usVersion;
-    identity.ucCountry = head.ucCountry;
-    identity.ucInterface = interface.ucNumber;
-    identity.report = interface.report;
-    return identity;
-}
-
 } // namespace
 
-FilteredKeyboard::FilteredKeyboard(LiveMachine& machine, const UsbFound& found, int iNode,
-                                   std::vector<int>& uhids, const PanicChord& panic, const FilteredTold& told,
-                                   Latency* pLatency)
-    : m_Machine(machine), m_Panic(panic), m_Told(told), m_pLatency(pLatency), m_Usb(iNode, found.interfaces)
+FilteredKeyboard::FilteredKeyboard(LiveMachine& machine, const UsbFound& found, std::unique_ptr<UsbBus> bus,
+                                   const FilteredAbove& above, const PanicChord& panic,
+                                   const FilteredTold& told, Latency* pLatency)
+    : m_Machine(machine), m_Panic(panic), m_Told(told), m_pLatency(pLatency), m_Bus(std::move(bus)),
+      m_pExports(above.pExports)
 {
-    for (const UsbInterface& interface : m_Usb.Interfaces()) {
+    for (const UsbInterface& interface : m_Bus->Interfaces()) {
         m_Stacks.push_back(std::make_unique<Stack>());
         m_Stacks.back()->bNumbered = HasReportIds(interface.report);
         m_Stacks.back()->descriptors = interface.Descriptors();
     }
-    m_Thread = HostStartThread([this] { Deliver(); });
     try {
-        Build(found, uhids);
+        Build(found, above);
     } catch (...) {
         TakeDown();
         throw;
@@ -71,27 +57,50 @@ FilteredKeyboard::~FilteredKeyboard()
 
 // A stack asks its keyboard what it is when it starts, so the bus must bring answers by then; the kernel sends the LEDs
 // as soon as there is a HID device, so the stack must have started by then.
-void FilteredKeyboard::Build(const UsbFound& found, std::vector<int>& uhids)
+void FilteredKeyboard::Build(const UsbFound& found, const FilteredAbove& above)
 {
     for (unsigned i = 0; i < m_Stacks.size(); i++) {
         Stack& stack = *m_Stacks[i];
-        const UsbInterface& interface = m_Usb.Interfaces()[i];
+        const UsbInterface& interface = m_Bus->Interfaces()[i];
         stack.uNumber = m_Machine.Add(stack.descriptors, PlugOptions(i),
                                       {found.product, interface.Vendor(), interface.Product()});
         stack.pKeyboard = m_Machine.At(stack.uNumber);
     }
-    m_Usb.Start(*this);
+    m_Bus->Start(*this);
     for (auto& stack : m_Stacks)
         m_Machine.Start(stack->uNumber);
-    for (unsigned i = 0; i < m_Stacks.size(); i++) {
-        Stack& stack = *m_Stacks[i];
-        const int iUhid = std::exchange(uhids[i], -1);
-        auto request = [&stack](const uint8_t* pSetup, Bytes& data) {
-            return NT_SUCCESS(stack.pKeyboard->Control(pSetup, data, RouteOf(pSetup)));
-        };
-        stack.above = std::make_unique<UhidDevice>(iUhid, IdentityOf(m_Usb.Interfaces()[i], found), request);
-        stack.pAbove = stack.above.get();
-    }
+    if (above.pExports)
+        Offer(*above.pExports);
+    else
+        for (unsigned i = 0; i < m_Stacks.size(); i++)
+            MakeUhid(i, found, std::exchange((*above.pUhids)[i], -1));
+}
+
+void FilteredKeyboard::MakeUhid(unsigned uInterface, const UsbFound& found, int iUhid)
+{
+    Stack& stack = *m_Stacks[uInterface];
+    auto request = [&stack](const uint8_t* pSetup, Bytes& data) {
+        return NT_SUCCESS(stack.pKeyboard->Control(pSetup, data, RouteOf(pSetup)));
+    };
+    const uint8_t ucNumber = m_Bus->Interfaces()[uInterface].ucNumber;
+    stack.above = std::make_unique<UhidDevice>(
+        iUhid,
+        IdentityOf(stack.descriptors, (found.product.empty() ? "Keyboard" : found.product) + " (filtered)",
+                   fmt::format("tvusb-{}/input{}", found.name, ucNumber)),
+        request);
+    stack.pAbove = stack.above.get();
+}
+
+// As one device, with all its interfaces.
+void FilteredKeyboard::Offer(usbip::Exports& exports)
+{
+    std::vector<usbip::Part> parts;
+    for (unsigned i = 0; i < m_Stacks.size(); i++)
+        parts.push_back({m_Bus->Interfaces()[i].ucNumber, m_Stacks[i]->bNumbered, m_Stacks[i]->pKeyboard});
+    const UsbDevice& device = m_Bus->Device();
+    m_Offered = usbip::Offer({"1-1", device.ulSpeed, device.device, device.configuration}, std::move(parts));
+    exports.Add(m_Offered);
+    m_pOffered = m_Offered.get();
 }
 
 EmuPlugOptions FilteredKeyboard::PlugOptions(unsigned uInterface)
@@ -100,9 +109,9 @@ EmuPlugOptions FilteredKeyboard::PlugOptions(unsigned uInterface)
     plug.Reads = 2;
     plug.Start = false;
     plug.Send = [this, uInterface](ULONG_PTR ulTicket, const UCHAR* pSetup, const EmuBytes& data) {
-        return m_Usb.Send(uInterface, ulTicket, pSetup, data) ? STATUS_SUCCESS : STATUS_DELETE_PENDING;
+        return m_Bus->Send(uInterface, ulTicket, pSetup, data) ? STATUS_SUCCESS : STATUS_DELETE_PENDING;
     };
-    plug.GiveUp = [this, uInterface](ULONG_PTR ulTicket) { m_Usb.GiveUp(uInterface, ulTicket); };
+    plug.GiveUp = [this, uInterface](ULONG_PTR ulTicket) { m_Bus->GiveUp(uInterface, ulTicket); };
     plug.OnReceived = [this, uInterface](const EmuReceived& received) {
         if (NT_SUCCESS(received.Status))
             Seen(uInterface, received.Bytes);
@@ -113,6 +122,9 @@ EmuPlugOptions FilteredKeyboard::PlugOptions(unsigned uInterface)
 // First nobody asks from above any more; then the driver's stacks go, and what they still ask is answered; last the bus.
 void FilteredKeyboard::TakeDown()
 {
+    m_pOffered = nullptr;
+    if (m_Offered)
+        m_pExports->Remove(m_Offered);
     for (auto& stack : m_Stacks)
         if (stack->pKeyboard)
             m_Machine.Unplug(stack->uNumber, m_bGone);
@@ -120,13 +132,7 @@ void FilteredKeyboard::TakeDown()
         stack->pAbove = nullptr;
         stack->above.reset();
     }
-    m_Usb.Stop();
-    {
-        std::lock_guard<std::mutex> lock(m_Lock);
-        m_bEnd = true;
-    }
-    m_Came.notify_one();
-    HostJoinThread(m_Thread);
+    m_Bus->Stop();
     for (auto& stack : m_Stacks)
         if (stack->pKeyboard)
             m_Machine.Forget(stack->uNumber);
@@ -136,20 +142,20 @@ void FilteredKeyboard::TakeDown()
 void FilteredKeyboard::Seen(unsigned uInterface, const EmuBytes& report)
 {
     UhidDevice* pAbove = m_Stacks[uInterface]->pAbove;
+    usbip::Export* pOffered = m_pOffered;
     if (pAbove && !pAbove->Input(report))
         m_Told.Over("the HID device above takes no more reports");
-    if (m_pLatency && pAbove &&
+    if (pOffered)
+        pOffered->Input(m_Bus->Interfaces()[uInterface].ucEndpoint & 0x0F, report);
+    if (m_pLatency && (pAbove || pOffered) &&
         m_Deliverer == std::this_thread::get_id()) // else the driver answered by itself
-        m_pLatency->Add(Latency::Clock::now() - m_At);
+        m_pLatency->Add(Clock::now() - m_At);
 }
 
 void FilteredKeyboard::Queue(Arrival arrival)
 {
-    {
-        std::lock_guard<std::mutex> lock(m_Lock);
-        m_Queue.push_back(std::move(arrival));
-    }
-    m_Came.notify_one();
+    std::lock_guard<std::mutex> lock(m_Lock);
+    m_Queue.push_back(std::move(arrival));
 }
 
 void FilteredKeyboard::Report(unsigned uInterface, Bytes report)
@@ -175,26 +181,35 @@ void FilteredKeyboard::Gone()
         m_Told.Over("");
 }
 
-void FilteredKeyboard::Deliver()
+// Lock: held.
+bool FilteredKeyboard::IsBeat()
 {
-    m_Deliverer = std::this_thread::get_id();
-    unsigned uRounds = 0;
-    auto beat = std::chrono::steady_clock::now();
+    const auto now = Clock::now();
+    if (now - m_Beat < BeatEvery || (m_bDelivering && now - m_Since > BeatEvery))
+        return false;
+    m_Beat = now;
+    return true;
+}
+
+void FilteredKeyboard::Round()
+{
     std::unique_lock<std::mutex> lock(m_Lock);
-    while (!m_bEnd) {
-        m_Came.wait_for(lock, BeatEvery, [this] { return m_bEnd || !m_Queue.empty(); });
-        std::deque<Arrival> arrivals = std::exchange(m_Queue, {});
+    if (IsBeat())
+        m_Told.Beat();
+    if (m_bDelivering)
+        return; // that thread takes what has come, in its order
+    m_bDelivering = true;
+    m_Deliverer = std::this_thread::get_id();
+    while (!m_Queue.empty()) {
+        Arrival arrival = std::move(m_Queue.front());
+        m_Queue.pop_front();
+        m_Since = Clock::now();
         lock.unlock();
-        for (Arrival& arrival : arrivals)
-            DeliverOne(arrival);
-        if (auto now = std::chrono::steady_clock::now();
-            now - beat >= BeatEvery && m_Usb.Rounds() != uRounds) {
-            uRounds = m_Usb.Rounds();
-            beat = now;
-            m_Told.Beat();
-        }
+        DeliverOne(arrival);
         lock.lock();
     }
+    m_Deliverer = std::thread::id();
+    m_bDelivering = false;
 }
 
 void FilteredKeyboard::DeliverOne(Arrival& arrival)
@@ -214,6 +229,6 @@ void FilteredKeyboard::DeliverOne(Arrival& arrival)
         if (++stack.uFailures > MostFailures)
             m_Told.Over("the keyboard's bus fails again and again");
         usleep(FailurePauseUs); // a bus that fails because its device goes says so soon
-        m_Usb.Recover(arrival.uInterface);
+        m_Bus->Recover(arrival.uInterface);
     }
 }

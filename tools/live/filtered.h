@@ -1,19 +1,21 @@
-// filtered.h - a real keyboard at the driver: USB below, /dev/uhid above, one stack for each interface.
+// filtered.h - a real keyboard at the driver: USB below, one stack for each interface, /dev/uhid or USB/IP above.
 //
-//   USB events ──► panic chord ──► [queue] ──► delivery: keyboard at the driver ──► its HID stack ──► /dev/uhid
+//   USB events ──► panic chord ──► [queue] ──► keyboard at the driver ──► its HID stack ──► /dev/uhid, or another machine
 //
-// The thread of the USB's events only looks for the panic chord and fills the queue: it runs nothing of the driver's, and
-// cannot be held by it. The thread of the delivery runs the driver, and beats as long as both go round.
+// While the bus tells, only the panic chord is looked for and the queue filled: that runs nothing of the driver's, and
+// cannot be held by it. Then the same thread delivers, unless another still does; that one goes on with it then. The heart
+// beats as long as the bus goes round and no delivery takes long.
 #pragma once
 
 #include "latency.h"
 #include "machine.h"
 #include "panic.h"
 #include "uhid.h"
+#include "usb/bus.h"
 #include "usb/found.h"
-#include "usb/keyboard.h"
+#include "usbip/export.h"
 
-#include <condition_variable>
+#include <atomic>
 #include <deque>
 
 // What the keyboard tells, each from a thread of its own.
@@ -22,17 +24,25 @@ struct FilteredTold {
     std::function<void(const std::string& why)> Over; // pulled out ("" then), or what above or below failed
 };
 
+// Who gets the filtered keyboard: this system, or a machine over USB/IP.
+struct FilteredAbove {
+    std::vector<int>* pUhids =
+        nullptr; // open /dev/uhid, one for each interface; those that are used are -1 then
+    usbip::Exports* pExports = nullptr; // instead
+};
+
 class FilteredKeyboard : private UsbSink
 {
 public:
-    // Takes the keyboard at this open node, and of the open /dev/uhid, one for each interface, those it uses (-1 then).
-    // Fails (std::runtime_error): the keyboard cannot be taken, the driver or the kernel refuses it; it is given back.
+    // Fails (std::runtime_error): the driver or the kernel refuses the keyboard; it is given back.
     // pLatency, unless it is null, learns how long reports take.
-    FilteredKeyboard(LiveMachine& machine, const UsbFound& found, int iNode, std::vector<int>& uhids,
-                     const PanicChord& panic, const FilteredTold& told, Latency* pLatency);
+    FilteredKeyboard(LiveMachine& machine, const UsbFound& found, std::unique_ptr<UsbBus> bus,
+                     const FilteredAbove& above, const PanicChord& panic, const FilteredTold& told,
+                     Latency* pLatency = nullptr);
     ~FilteredKeyboard() override;
 
 private:
+    using Clock = Latency::Clock;
     struct Stack {
         unsigned uNumber = 0;             // of the keyboard at the machine
         EmuKeyboard* pKeyboard = nullptr; // set before anything is sent to it
@@ -49,34 +59,40 @@ private:
         Bytes data;
         ULONG_PTR ulTicket = 0;
         Outcome outcome = Outcome::Ok;
-        Latency::Clock::time_point at = Latency::Clock::now();
+        Clock::time_point at = Clock::now();
     };
 
-    void Build(const UsbFound& found, std::vector<int>& uhids);
+    void Build(const UsbFound& found, const FilteredAbove& above);
+    void MakeUhid(unsigned uInterface, const UsbFound& found, int iUhid);
+    void Offer(usbip::Exports& exports);
     EmuPlugOptions PlugOptions(unsigned uInterface);
     void TakeDown();
     void Seen(unsigned uInterface, const EmuBytes& report);
     void Queue(Arrival arrival);
-    void Deliver();
     void DeliverOne(Arrival& arrival);
+    bool IsBeat();
 
     void Report(unsigned uInterface, Bytes report) override;
     void Failed(unsigned uInterface) override;
     void Answer(unsigned uInterface, ULONG_PTR ulTicket, Outcome outcome, Bytes data) override;
     void Gone() override;
+    void Round() override;
 
     LiveMachine& m_Machine;
     const PanicChord& m_Panic;
     FilteredTold m_Told;
     Latency* m_pLatency;
-    Latency::Clock::time_point m_At; // of the delivery's thread: when the report came that is being delivered
-    std::atomic<std::thread::id> m_Deliverer{};
-    UsbKeyboard m_Usb;
+    const std::unique_ptr<UsbBus> m_Bus;
     std::vector<std::unique_ptr<Stack>> m_Stacks;
+    usbip::Exports* m_pExports = nullptr;
+    std::shared_ptr<usbip::Export> m_Offered;
+    std::atomic<usbip::Export*> m_pOffered{nullptr}; // once it takes reports
     std::atomic<bool> m_bGone{false};
-    std::mutex m_Lock; // guards what follows
-    std::condition_variable m_Came;
+    std::atomic<std::thread::id> m_Deliverer{};
+    Clock::time_point m_At; // of the deliverer: when the report came that is being delivered
+    std::mutex m_Lock;      // guards what follows
     std::deque<Arrival> m_Queue;
-    bool m_bEnd = false;
-    HostThread m_Thread = nullptr;
+    bool m_bDelivering = false;
+    Clock::time_point m_Since; // when the delivery began that is under way
+    Clock::time_point m_Beat;
 };

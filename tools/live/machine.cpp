@@ -31,12 +31,6 @@ bool IsTwin(const KeyDefinition& a, const KeyDefinition& b)
     return IsSame(a, other);
 }
 
-// A word of a descriptor.
-uint16_t WordOf(const UCHAR* pBytes)
-{
-    return static_cast<uint16_t>(pBytes[0] | pBytes[1] << 8);
-}
-
 std::string Hex(NTSTATUS status)
 {
     return fmt::format("0x{:08X}", static_cast<uint32_t>(status));
@@ -56,15 +50,6 @@ LiveMachine::LiveMachine(const LiveOptions& options)
     m_Machine = std::make_unique<EmuMachine>(machine);
     if (!NT_SUCCESS(m_Machine->LoadStatus()))
         throw std::runtime_error("the driver does not load: status " + Hex(m_Machine->LoadStatus()));
-    for (const EmuDescriptors* pKind : options.keyboards) {
-        EmuPlugOptions plug;
-        if (m_Options.OnSeen)
-            plug.OnReceived = [this, uKeyboard = m_uNext](const EmuReceived& received) {
-                if (NT_SUCCESS(received.Status))
-                    m_Options.OnSeen(uKeyboard, received.Bytes);
-            };
-        Start(Add(*pKind, plug, {"emulated", WordOf(pKind->pDevice + 8), WordOf(pKind->pDevice + 10)}));
-    }
 }
 
 LiveMachine::~LiveMachine()
@@ -95,6 +80,9 @@ unsigned LiveMachine::Add(const EmuDescriptors& kind, EmuPlugOptions plug, const
     Slot& slot = m_Keyboards[uKeyboard];
     slot.pKeyboard = pKeyboard;
     slot.who = who;
+    if (m_Options.pWatch)
+        m_Options.pWatch->Descriptors(NowUs(), uKeyboard, Bytes(kind.pDevice, kind.pDevice + kind.pDevice[0]),
+                                      Bytes(kind.pConfiguration, kind.pConfiguration + kind.ulConfiguration));
     return uKeyboard;
 }
 
@@ -172,22 +160,37 @@ bool LiveMachine::Report(unsigned uKeyboard, const EmuBytes& report)
         std::lock_guard<std::mutex> lock(m_Lock);
         Slot& slot = m_Keyboards.at(uKeyboard);
         pKeyboard = slot.pKeyboard;
-        if (m_Options.pWatch)
+        if (m_Options.pWatch) {
             slot.sent.push_back(report);
+            slot.sender = std::this_thread::get_id();
+        }
     }
-    return pKeyboard->Report(report);
+    const bool bTaken = pKeyboard->Report(report);
+    if (m_Options.pWatch) {
+        std::lock_guard<std::mutex> lock(m_Lock);
+        Slot& slot = m_Keyboards.at(uKeyboard);
+        slot.sender = {};
+        if (!bTaken)
+            slot.sent.pop_back();
+    }
+    return bTaken;
 }
 
-// Reads end with failures when the keyboard goes: nothing to tell.
+// Reads end with failures when the keyboard goes: nothing to tell. What the keyboard still keeps, or is being sent by
+// another thread, has not been received: then the driver answered by itself.
 void LiveMachine::Received(unsigned uKeyboard, const EmuReceived& received)
 {
     std::lock_guard<std::mutex> lock(m_Lock);
     if (!m_Options.pWatch || !NT_SUCCESS(received.Status))
         return;
+    Slot& slot = m_Keyboards.at(uKeyboard);
+    size_t cBelow = slot.pKeyboard->KeptReports();
+    if (slot.sender != std::thread::id() && slot.sender != std::this_thread::get_id())
+        ++cBelow;
     std::optional<Bytes> sent;
-    if (std::deque<Bytes>& all = m_Keyboards.at(uKeyboard).sent; !all.empty()) {
-        sent = all.front();
-        all.pop_front();
+    if (slot.sent.size() > cBelow) {
+        sent = std::move(slot.sent.front());
+        slot.sent.pop_front();
     }
     m_Options.pWatch->Report(NowUs(), uKeyboard, sent, received.Bytes);
 }

@@ -12,14 +12,12 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <thread>
 
 struct LiveOptions {
     PDRIVER_INITIALIZE pEntry = nullptr;
-    std::vector<const EmuDescriptors*> keyboards;
     ReplayConfig config;
-    ReplayPrinter* pWatch = nullptr; // told of every report and LED as it happens
-    // What the system gets to see of each of the keyboards above, from any thread.
-    std::function<void(unsigned uKeyboard, const Bytes& report)> OnSeen = nullptr;
+    ReplayPrinter* pWatch = nullptr; // told of every keyboard, report and LED as it happens, from any thread
 };
 
 // What a change of the definitions came to.
@@ -33,7 +31,7 @@ struct Taken {
 class LiveMachine
 {
 public:
-    // Fails (std::runtime_error): the driver does not load, or does not start a keyboard.
+    // Fails (std::runtime_error): the driver does not load.
     explicit LiveMachine(const LiveOptions& options);
     ~LiveMachine();
 
@@ -46,7 +44,7 @@ public:
     void Unplug(unsigned uKeyboard, bool bPulled);
     void Forget(unsigned uKeyboard);
 
-    // The keyboard sends a report.
+    // The keyboard sends a report; one thread at a time for each keyboard. False: it is lost, as nobody reads.
     bool Report(unsigned uKeyboard, const EmuBytes& report);
     EmuKeyboard* At(unsigned uKeyboard);
     // Takes the definitions of a configuration over in the place of the present ones, as a difference: new and
@@ -62,6 +60,7 @@ private:
         ScriptKeyboard who;
         bool bStarted = false;
         std::deque<Bytes> sent; // reports that the stack above has not received yet
+        std::thread::id sender; // who is about to send the last of them
     };
 
     std::vector<EmuKeyboard*> Started();

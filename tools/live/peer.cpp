@@ -1,6 +1,5 @@
 // peer.cpp - reads a process's frames and does for it what they ask.
 #include "peer.h"
-#include "socket.h"
 
 #include "client/host_transport.h"
 #include "client/status.h"
@@ -10,33 +9,27 @@
 #include <cerrno>
 #include <cstring>
 #include <sys/socket.h>
-#include <unistd.h>
 
 using tvusb::Frame;
 using tvusb::FrameKind;
 using tvusb::Status;
 
 Peer::Peer(int iSocket, int iWake, const PeerReload& reload, int iPatienceMs)
-    : m_iSocket(iSocket), m_iWake(iWake), m_iPatienceMs(iPatienceMs), m_Reload(reload)
+    : Caller(iSocket, iWake, iPatienceMs), m_Reload(reload)
 {
     timeval patience = {iPatienceMs / 1000, iPatienceMs % 1000 * 1000};
     setsockopt(iSocket, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
-    m_Thread = HostStartThread([this] { Serve(); });
+    Start();
 }
 
 Peer::~Peer()
 {
-    End();
-    HostJoinThread(m_Thread);
-    close(m_iSocket);
+    Stop();
 }
 
-// A peer's thread that has a request at the driver is cancelled there, as the end of a process cancels it.
 void Peer::End()
 {
-    m_bEnding = true;
-    shutdown(m_iSocket, SHUT_RDWR);
-    HostEndThreadWaits(m_Thread);
+    Caller::End();
     EndWaiters();
 }
 
@@ -55,21 +48,12 @@ void Peer::Serve()
     if (TakeFrame(&head, &body) && (head.Kind == FrameKind::Reload ? Reload(head) : Open(head)))
         while (TakeFrame(&head, &body) && Answer(head, body))
             JoinWaiters(false);
-    m_bEnding = true; // no wait begins any more
-    shutdown(m_iSocket, SHUT_RDWR);
+    EndConnection(); // no wait begins any more
     EndWaiters();
     JoinWaiters(true);
     m_Events.clear();
     if (m_Driver)
         m_Driver->Close();
-    m_bOver = true;
-    uint64_t ullOne = 1;
-    (void)!write(m_iWake, &ullOne, sizeof(ullOne));
-}
-
-bool Peer::Take(void* pTo, size_t bytes, bool bPatient)
-{
-    return TakeBytes(m_iSocket, pTo, bytes, bPatient, m_iPatienceMs);
 }
 
 bool Peer::TakeFrame(Frame* pHead, Bytes* pBody)
@@ -88,9 +72,9 @@ bool Peer::Put(const Frame& request, uint32_t ulStatus, uint32_t ulMore, const B
     bytes.insert(bytes.end(), body.begin(), body.end());
     std::lock_guard<std::mutex> lock(m_WriteLock);
     for (size_t done = 0; done < bytes.size();) {
-        ssize_t sent = send(m_iSocket, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+        ssize_t sent = send(Socket(), bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
         if (sent <= 0 && errno != EINTR) {
-            shutdown(m_iSocket, SHUT_RDWR); // an answer that nobody takes
+            shutdown(Socket(), SHUT_RDWR); // an answer that nobody takes
             return false;
         }
         done += sent > 0 ? static_cast<size_t>(sent) : 0;
@@ -188,7 +172,7 @@ bool Peer::Wait(const Frame& head)
     if (head.ulMore == 0)
         return Put(head, m_Driver->WaitEvent(event->hEvent, 0), 0);
     std::lock_guard<std::mutex> lock(m_Lock);
-    if (m_bEnding)
+    if (Ending())
         return false;
     if (m_Waiters.size() >= PeerMostWaits)
         return Put(head, Status::InsufficientResources, 0);

@@ -5,7 +5,7 @@
 // nobody takes end this connection, and with it the handle, as the end of a process does.
 #pragma once
 
-#include <host.h>
+#include "listener.h"
 
 #include <atomic>
 #include <functional>
@@ -24,20 +24,12 @@ constexpr size_t PeerMostEvents = 256, PeerMostWaits = 64;
 // Reads the configuration anew: true when all of it is in force, and what came of it, in words.
 using PeerReload = std::function<bool(std::string* pWords)>;
 
-class Peer
+class Peer final : public Caller
 {
 public:
-    // The peer owns the socket; whoever wakes is told by a write to iWake that the peer is over.
     Peer(int iSocket, int iWake, const PeerReload& reload, int iPatienceMs = PeerPatienceMs);
-    ~Peer(); // ends it and waits for it
-    Peer(const Peer&) = delete;
-    Peer& operator=(const Peer&) = delete;
-
-    int Socket() const { return m_iSocket; }
-    bool Over() const { return m_bOver; }
-    bool Ending() const { return m_bEnding; }
-    // The process is gone, or shall be: its requests are cancelled, its waits end.
-    void End();
+    ~Peer() override;
+    void End() override;
 
 private:
     using Bytes = std::vector<uint8_t>;
@@ -52,9 +44,8 @@ private:
         std::atomic<bool> bDone{false};
     };
 
-    void Serve();
+    void Serve() override;
     void EndWaiters();
-    bool Take(void* pTo, size_t bytes, bool bPatient);
     bool TakeFrame(tvusb::Frame* pHead, Bytes* pBody);
     bool Put(const tvusb::Frame& request, uint32_t ulStatus, uint32_t ulMore, const Bytes& body = {});
     bool Open(const tvusb::Frame& head);
@@ -68,9 +59,7 @@ private:
     void OwnHandle(uint32_t ulCode, Bytes& in) const;
     void JoinWaiters(bool bAll);
 
-    int m_iSocket, m_iWake, m_iPatienceMs;
-    const PeerReload& m_Reload; // empty: nobody has a configuration
-    std::atomic<bool> m_bOver{false}, m_bEnding{false};
+    const PeerReload& m_Reload;                 // empty: nobody has a configuration
     std::unique_ptr<tvusb::Transport> m_Driver; // of the peer's thread and the waiters
     std::map<uint32_t, std::shared_ptr<Event>>
         m_Events; // of the peer's thread, by the number that the process knows
@@ -79,5 +68,4 @@ private:
     std::mutex m_WriteLock; // one answer at a time
     std::mutex m_Lock;      // guards the waiters
     std::vector<std::unique_ptr<Waiter>> m_Waiters;
-    HostThread m_Thread;
 };

@@ -1,19 +1,12 @@
-// server.cpp - listens at the control socket, and notices when a process is gone.
-//
-//   listener ── accept, peer checked ──► Peer, with a thread of its own
-//   hang-up of a peer ──► Peer::End: what it has at the driver is cancelled
-//   wake (a peer is over, the server ends) ──► those that are over go
+// server.cpp - makes the control socket, and looks at who connects there.
 #include "server.h"
 
 #include "tools/common/failure.h"
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -61,73 +54,37 @@ bool IsTrusted(int iSocket)
 } // namespace
 
 ControlServer::ControlServer(const std::string& path, int iPatienceMs, PeerReload reload)
-    : m_path(path), m_Reload(std::move(reload)), m_iPatienceMs(iPatienceMs)
+    : m_path(path), m_Reload(std::move(reload))
 {
-    Bind();
-    m_iWake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    m_Thread = HostStartThread([this] { Listen(); });
+    m_Listener = std::make_unique<Listener>(
+        Bind(), ServerMostPeers, [this, iPatienceMs](int iSocket, int iWake) -> std::unique_ptr<Caller> {
+            if (IsTrusted(iSocket))
+                return std::make_unique<Peer>(iSocket, iWake, m_Reload, iPatienceMs);
+            close(iSocket);
+            return nullptr;
+        });
 }
 
 ControlServer::~ControlServer()
 {
-    m_bEnd = true;
-    uint64_t ullOne = 1;
-    (void)!write(m_iWake, &ullOne, sizeof(ullOne));
-    HostJoinThread(m_Thread);
+    m_Listener.reset();
     unlink(m_path.c_str());
-    close(m_iListener);
-    close(m_iWake);
 }
 
-void ControlServer::Bind()
+// The listening socket.
+int ControlServer::Bind() const
 {
     sockaddr_un address = AddressOf(m_path);
     MakeRoom(m_path, address);
-    m_iListener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    int iSocket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     mode_t mask = umask(0177);
-    bool bBound = bind(m_iListener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    bool bBound = bind(iSocket, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
     int iError = errno;
     umask(mask);
-    if (!bBound || listen(m_iListener, 128) != 0) {
-        close(m_iListener);
-        throw InputError(fmt::format("{}: {}", m_path, strerror(bBound ? errno : iError)));
-    }
-}
-
-void ControlServer::Listen()
-{
-    while (!m_bEnd) {
-        bool bRoom = m_Peers.size() < ServerMostPeers;
-        std::vector<pollfd> waits = {{m_iWake, POLLIN, 0}, {bRoom ? m_iListener : -1, POLLIN, 0}};
-        for (auto& peer : m_Peers)
-            waits.push_back({peer->Ending() ? -1 : peer->Socket(), POLLRDHUP, 0});
-        poll(waits.data(), waits.size(), -1);
-        for (size_t i = 0; i < m_Peers.size(); i++)
-            if (waits[i + 2].revents != 0)
-                m_Peers[i]->End();
-        uint64_t ullCount;
-        (void)!read(m_iWake, &ullCount, sizeof(ullCount));
-        auto isOver = [](const auto& peer) { return peer->Over(); };
-        m_Peers.erase(std::remove_if(m_Peers.begin(), m_Peers.end(), isOver), m_Peers.end());
-        if (waits[1].revents != 0)
-            Accept();
-        m_cPeers = m_Peers.size();
-    }
-    for (auto& peer : m_Peers)
-        peer->End();
-    m_Peers.clear();
-}
-
-void ControlServer::Accept()
-{
-    int iSocket = accept4(m_iListener, nullptr, nullptr, SOCK_CLOEXEC);
-    if (iSocket < 0) {
-        if (errno == EMFILE || errno == ENFILE)
-            usleep(10000); // until somebody's is closed
-        return;
-    }
-    if (IsTrusted(iSocket))
-        m_Peers.push_back(std::make_unique<Peer>(iSocket, m_iWake, m_Reload, m_iPatienceMs));
-    else
+    if (!bBound || listen(iSocket, 128) != 0) {
+        iError = bBound ? errno : iError;
         close(iSocket);
+        throw InputError(fmt::format("{}: {}", m_path, strerror(iError)));
+    }
+    return iSocket;
 }

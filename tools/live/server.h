@@ -1,7 +1,7 @@
 // server.h - the control socket: any number of processes at the driver of this one.
 //
-// A thread listens; each process that connects gets a Peer. Only the socket's owner and root may connect: the socket
-// has the mode 0600, and who connects is asked for.
+// Each process that connects gets a Peer. Only the socket's owner and root may connect: the socket has the mode 0600, and
+// who connects is asked for.
 #pragma once
 
 #include "peer.h"
@@ -21,18 +21,12 @@ public:
     ControlServer(const ControlServer&) = delete;
     ControlServer& operator=(const ControlServer&) = delete;
 
-    size_t Peers() const { return m_cPeers; }
+    size_t Peers() const { return m_Listener->Callers(); }
 
 private:
-    void Bind();
-    void Listen();
-    void Accept();
+    int Bind() const;
 
-    std::string m_path;
+    const std::string m_path;
     const PeerReload m_Reload;
-    int m_iPatienceMs, m_iListener = -1, m_iWake = -1;
-    std::atomic<bool> m_bEnd{false};
-    std::atomic<size_t> m_cPeers{0};
-    std::vector<std::unique_ptr<Peer>> m_Peers; // of the listening thread
-    HostThread m_Thread = nullptr;
+    std::unique_ptr<Listener> m_Listener;
 };

@@ -1,55 +1,51 @@
 // service.cpp - brings the driver up for live, and reads its configuration anew.
 #include "service.h"
 
-#include "usbip/offer.h"
-
 #include "tools/common/failure.h"
 #include "tools/verbs.h"
 
 #include <fmt/format.h>
 
+#include <unistd.h>
+
 extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistryPath);
 
-LiveService::LiveService(const LiveArguments& arguments, const std::vector<const EmuDescriptors*>& keyboards)
-    : m_config(arguments.config)
+LiveService::LiveService(const LiveArguments& arguments) : m_config(arguments.config)
 {
     LiveOptions options;
     options.pEntry = DriverEntry;
-    options.keyboards = keyboards;
-    const bool bOffered = !arguments.usbip.empty() && !keyboards.empty();
-    if (bOffered)
-        options.OnSeen = [this, keyboards](unsigned uKeyboard, const Bytes& report) {
-            if (m_Usbip)
-                m_Usbip->Input(uKeyboard, usbip::EndpointOf(*keyboards[uKeyboard]), report);
-        };
     if (!m_config.empty())
         options.config = ReadConfig(m_config);
-    m_Printer = arguments.bJson
-                    ? MakeJsonPrinter(stdout)
-                    : MakeTablePrinter(stdout, TerminalOf(stdout), EventKinds(options.config.definitions));
-    if (arguments.bWatch) {
-        setvbuf(stdout, nullptr, _IOLBF, 0);
-        options.pWatch = m_Printer.get();
-        fmt::print(stderr,
-                   "tvusb: --watch is a key logger: it shows every key that is typed, passwords too\n");
-    }
+    if (LiveTold::Printers printers = Printers(arguments, options.config); !printers.empty())
+        m_Told = std::make_unique<LiveTold>(std::move(printers));
+    options.pWatch = m_Told.get();
     m_Machine = std::make_unique<LiveMachine>(options);
-    if (bOffered)
-        OfferOverUsbip(arguments.usbip, keyboards);
+    if (!arguments.usbip.empty()) {
+        m_Usbip = std::make_unique<usbip::Server>(arguments.usbip);
+        fmt::print(stderr, "tvusb: {}\n", m_Usbip->Words());
+    }
     if (!arguments.control.empty())
         m_Server = std::make_unique<ControlServer>(arguments.control, PeerPatienceMs,
                                                    [this](std::string* pWords) { return Reload(pWords); });
 }
 
-// Nobody types at an emulated keyboard before this returns.
-void LiveService::OfferOverUsbip(const std::string& address,
-                                 const std::vector<const EmuDescriptors*>& keyboards)
+LiveTold::Printers LiveService::Printers(const LiveArguments& arguments, const ReplayConfig& config) const
 {
-    std::vector<std::unique_ptr<usbip::Export>> exports;
-    for (unsigned i = 0; i < keyboards.size(); i++)
-        exports.push_back(usbip::Offer(fmt::format("1-{}", i + 1), *keyboards[i], *m_Machine->At(i)));
-    m_Usbip = std::make_unique<usbip::Server>(address, std::move(exports));
-    fmt::print(stderr, "tvusb: {}\n", m_Usbip->Words());
+    LiveTold::Printers printers;
+    if (arguments.bWatch) {
+        setvbuf(stdout, nullptr, _IOLBF, 0);
+        printers.push_back(
+            arguments.bJson ? MakeJsonPrinter(stdout)
+                            : MakeTablePrinter(stdout, TerminalOf(stdout), EventKinds(config.definitions)));
+    }
+    if (!arguments.pcapng.empty())
+        printers.push_back(OpenLiveCapture(arguments.pcapng));
+    for (const auto& [bIs, pWhat] :
+         {std::pair(arguments.bWatch, "--watch is a key logger: it shows"),
+          std::pair(!arguments.pcapng.empty(), "--pcapng is a key logger: it keeps")})
+        if (bIs)
+            fmt::print(stderr, "tvusb: {} every key that is typed, passwords too\n", pWhat);
+    return printers;
 }
 
 bool LiveService::Reload(std::string* pWords)
@@ -74,9 +70,13 @@ bool LiveService::Reload(std::string* pWords)
     return bAll;
 }
 
+// Whoever takes nothing of what is told does not keep the program from its end.
 int LiveService::End()
 {
     m_Usbip.reset();
     m_Server.reset();
-    return m_Machine->End() == 0 ? ExitGood : ExitFailed;
+    const int iStatus = m_Machine->End() == 0 ? ExitGood : ExitFailed;
+    if (m_Told && !m_Told->Finish())
+        _exit(ExitFailed);
+    return iStatus;
 }

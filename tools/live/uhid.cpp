@@ -6,6 +6,8 @@
 
 #include "usb/interface.h"
 
+#include "tools/replay/configuration.h"
+
 #include <fmt/format.h>
 
 #include <linux/uhid.h>
@@ -56,6 +58,23 @@ bool Create(int iUhid, const UhidIdentity& identity)
 }
 
 } // namespace
+
+UhidIdentity IdentityOf(const EmuDescriptors& kind, const std::string& name, const std::string& place)
+{
+    const Bytes configuration(kind.pConfiguration, kind.pConfiguration + kind.ulConfiguration);
+    const HidHead head = HidHeadOf(configuration);
+    const std::vector<InterfaceEndpoint> endpoints = EndpointsOf(configuration);
+    UhidIdentity identity;
+    identity.name = name;
+    identity.place = place;
+    identity.usVendor = static_cast<uint16_t>(kind.pDevice[8] | kind.pDevice[9] << 8);
+    identity.usProduct = static_cast<uint16_t>(kind.pDevice[10] | kind.pDevice[11] << 8);
+    identity.usVersion = head.usVersion;
+    identity.ucCountry = head.ucCountry;
+    identity.ucInterface = endpoints.empty() ? uint8_t(0) : endpoints[0].ucInterface;
+    identity.report.assign(kind.pReport, kind.pReport + kind.ulReport);
+    return identity;
+}
 
 UhidDevice::UhidDevice(int iUhid, const UhidIdentity& identity, UhidRequest request)
     : m_iUhid(iUhid), m_iEnd(eventfd(0, EFD_CLOEXEC)), m_ucInterface(identity.ucInterface),

@@ -6,18 +6,22 @@
 
 #include <host.h>
 
+#include "emu/keyboard/keyboard.h"
 #include "tools/replay/packet.h"
 
 #include <functional>
 #include <string>
 
 struct UhidIdentity {
-    std::string name, place; // "Keyboard K120 (filtered)", "tvusb-1-1/input0"
+    std::string name, place;
     uint16_t usVendor = 0, usProduct = 0;
     uint16_t usVersion = 0; // of HID, as usbhid has it, not of the device
     uint8_t ucCountry = 0, ucInterface = 0;
     Bytes report; // the report descriptor
 };
+
+// The place tells where it is: "tvusb-1-1/input0".
+UhidIdentity IdentityOf(const EmuDescriptors& kind, const std::string& name, const std::string& place);
 
 // Sends a request to the keyboard and waits for its end. Data: what goes out, or room for what comes in and then that.
 using UhidRequest = std::function<bool(const uint8_t* pSetup, Bytes& data)>;

@@ -5,6 +5,7 @@
 #include "worker.h"
 #include "filtered.h"
 #include "guard/giveback.h"
+#include "usb/keyboard.h"
 
 #include "tools/verbs.h"
 
@@ -38,7 +39,7 @@ class Worker
 public:
     Worker(const LiveArguments& arguments, GuardChannel& guardian)
         : m_Guardian(guardian), m_Panic(arguments.panic), m_bLatency(arguments.bLatency),
-          m_Service(arguments, {}), m_iOver(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+          m_Service(arguments), m_iOver(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
     {
         sigset_t signals;
         sigemptyset(&signals);
@@ -105,10 +106,39 @@ private:
         told.Panic = [this] { m_Guardian.Tell(GuardWord::Panic); };
         told.Beat = [this] { m_Guardian.Tell(GuardWord::Beat); };
         told.Over = [this](const std::string& why) { Over(why); };
-        m_Keyboard =
-            std::make_unique<FilteredKeyboard>(m_Service.Machine(), m_Open.found, m_Open.iNode, m_Open.uhids,
-                                               m_Panic, told, m_bLatency ? &m_Latency : nullptr);
-        fmt::print(stderr, "tvusb: live: {}\n", WordsOf(m_Open.found));
+        try {
+            m_Keyboard = std::make_unique<FilteredKeyboard>(
+                m_Service.Machine(), m_Open.found,
+                std::make_unique<UsbKeyboard>(m_Open.iNode, m_Open.found.interfaces),
+                FilteredAbove{&m_Open.uhids, m_Service.Exports()}, m_Panic, told,
+                m_bLatency ? &m_Latency : nullptr);
+        } catch (const std::runtime_error&) {
+            if (IsThere(m_Open.found))
+                throw;
+            return PulledOut();
+        }
+        fmt::print(stderr, "tvusb: live: {}{}\n", WordsOf(m_Open.found),
+                   m_Service.Exports() ? ", offered as 1-1" : "");
+    }
+
+    // The system may learn a moment later than the bus that a keyboard is gone.
+    static bool IsThere(const UsbFound& wanted)
+    {
+        auto isIt = [&](const UsbFound& found) { return found.node == wanted.node; };
+        for (int i = 0; i < 10; i++) {
+            const std::vector<UsbFound> all = FindUsbKeyboards();
+            if (std::none_of(all.begin(), all.end(), isIt))
+                return false;
+            usleep(20000);
+        }
+        return true;
+    }
+
+    void PulledOut()
+    {
+        fmt::print(stderr, "tvusb: {} was pulled out\n", WordsOf(m_Open.found));
+        Release();
+        m_Guardian.Tell(GuardWord::PulledOut);
     }
 
     // From any thread.
@@ -136,11 +166,8 @@ private:
             m_bEnd = m_bFailed = true;
             return;
         }
-        if (!m_Keyboard)
-            return;
-        fmt::print(stderr, "tvusb: {} was pulled out\n", WordsOf(m_Open.found));
-        Release();
-        m_Guardian.Tell(GuardWord::PulledOut);
+        if (m_Keyboard)
+            PulledOut();
     }
 
     void Release()

@@ -114,7 +114,7 @@ private:
                         WordsOf(found), m_Options.panic, back));
     }
 
-    // Opens the node and a /dev/uhid for each interface. Returns why that failed, or "".
+    // Opens the node and, where it is wished, a /dev/uhid for each interface. Returns why that failed, or "".
     std::string Open()
     {
         auto why = [&](const std::string& path) {
@@ -126,7 +126,7 @@ private:
         m_Keyboard.iNode = open(m_Keyboard.found.node.c_str(), O_RDWR | O_CLOEXEC);
         if (m_Keyboard.iNode < 0)
             return why(m_Keyboard.found.node);
-        for (size_t i = 0; i < m_Keyboard.found.interfaces.size(); i++) {
+        for (size_t i = 0; m_Options.bUhid && i < m_Keyboard.found.interfaces.size(); i++) {
             m_Keyboard.uhids.push_back(open("/dev/uhid", O_RDWR | O_CLOEXEC));
             if (m_Keyboard.uhids.back() < 0)
                 return why("/dev/uhid");

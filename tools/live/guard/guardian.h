@@ -16,6 +16,7 @@ struct GuardOptions {
     std::string device; // which keyboard, as ChooseKeyboard has it
     std::string user;   // the worker's, or "" for the guardian's own
     bool bYes = false;  // also the only keyboard of a terminal
+    bool bUhid = true;  // the worker gets /dev/uhid
     bool bWait = false; // for the keyboard, where it is not there yet
     std::string panic;  // the panic chord, to be told
 };

@@ -21,6 +21,22 @@ EmuDescriptors UsbInterface::Descriptors() const
             reinterpret_cast<const WCHAR*>(hardwareId.c_str())};
 }
 
+Bytes ConfigurationOf(const Bytes& configuration, const std::vector<uint8_t>& interfaces)
+{
+    constexpr size_t HeadBytes = 9;
+    if (CountInterfaces(configuration) == interfaces.size() || configuration.size() < HeadBytes)
+        return configuration;
+    Bytes kept(configuration.begin(), configuration.begin() + HeadBytes);
+    for (uint8_t ucInterface : interfaces) {
+        const Bytes own = OwnConfiguration(configuration, ucInterface);
+        kept.insert(kept.end(), own.begin() + HeadBytes, own.end());
+    }
+    kept[2] = static_cast<uint8_t>(kept.size());
+    kept[3] = static_cast<uint8_t>(kept.size() >> 8);
+    kept[4] = static_cast<uint8_t>(interfaces.size());
+    return kept;
+}
+
 UsbInterface InterfaceOf(const Bytes& device, const Bytes& configuration, uint8_t ucNumber)
 {
     constexpr size_t DeviceBytes = 18;

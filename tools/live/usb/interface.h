@@ -6,6 +6,7 @@
 #include "tools/replay/packet.h"
 
 #include <string>
+#include <vector>
 
 struct UsbInterface {
     uint8_t ucNumber = 0;
@@ -20,6 +21,14 @@ struct UsbInterface {
     // The descriptors as a stack is told them; they live as long as this record.
     EmuDescriptors Descriptors() const;
 };
+
+// The device with those interfaces that were taken.
+struct UsbDevice {
+    Bytes device, configuration;
+    uint32_t ulSpeed = 2; // 1 low, 2 full, 3 high
+};
+// The configuration without the other interfaces: as it is when there are none.
+Bytes ConfigurationOf(const Bytes& configuration, const std::vector<uint8_t>& interfaces);
 
 // From the device descriptor and the whole configuration. Fails (std::runtime_error): no such interface, no
 // interrupt-IN endpoint, a broken descriptor.

@@ -6,8 +6,10 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 struct UsbKeyboard::Read {
     UsbKeyboard* pKeyboard;
@@ -31,6 +33,7 @@ namespace
 {
 
 constexpr unsigned ReadsOut = 2; // one is out while the other is looked at
+constexpr unsigned Threads = 2;
 constexpr unsigned AnswerMs = 1000;
 constexpr uint8_t GetDescriptor = 6, SetProtocol = 11;
 
@@ -117,6 +120,9 @@ void UsbKeyboard::Describe(const std::vector<uint8_t>& interfaces)
 {
     const Bytes device = DescriptorOf(LIBUSB_RECIPIENT_DEVICE, LIBUSB_DT_DEVICE, 0);
     const Bytes configuration = DescriptorOf(LIBUSB_RECIPIENT_DEVICE, LIBUSB_DT_CONFIG, 0);
+    const int iSpeed = libusb_get_device_speed(libusb_get_device(m_Handle.get()));
+    m_Device = {device, ConfigurationOf(configuration, interfaces),
+                static_cast<uint32_t>(std::clamp<int>(iSpeed, LIBUSB_SPEED_LOW, LIBUSB_SPEED_HIGH))};
     constexpr size_t SubClass = 9 + 6; // of the interface, behind the configuration's head
     for (uint8_t ucNumber : interfaces) {
         UsbInterface interface = InterfaceOf(device, configuration, ucNumber);
@@ -134,7 +140,8 @@ void UsbKeyboard::Describe(const std::vector<uint8_t>& interfaces)
 void UsbKeyboard::Start(UsbSink& sink)
 {
     m_pSink = &sink;
-    m_Thread = std::thread([this] { HandleEvents(); });
+    for (unsigned i = 0; i < Threads; i++)
+        m_Threads.push_back(HostStartThread([this] { HandleEvents(); }));
     for (unsigned i = 0; i < m_Interfaces.size(); i++)
         for (unsigned uRead = 0; uRead < ReadsOut; uRead++) {
             m_Reads.push_back(std::unique_ptr<Read>(new Read{this, i, Bytes(m_Interfaces[i].usPacketBytes)}));
@@ -150,15 +157,19 @@ void UsbKeyboard::Start(UsbSink& sink)
 void UsbKeyboard::HandleEvents()
 {
     while (!m_bEnd) {
-        timeval step = {0, 50000};
-        libusb_handle_events_timeout_completed(m_Context.get(), &step, nullptr);
-        ++m_uRounds;
+        {
+            std::lock_guard<std::mutex> turn(m_Turn);
+            timeval step = {0, 50000};
+            if (!m_bEnd)
+                libusb_handle_events_timeout_completed(m_Context.get(), &step, nullptr);
+        }
+        m_pSink->Round();
     }
 }
 
 void UsbKeyboard::Stop()
 {
-    if (!m_Thread.joinable())
+    if (m_Threads.empty())
         return;
     std::unique_lock<std::mutex> lock(m_Lock);
     m_bStopping = true;
@@ -171,7 +182,8 @@ void UsbKeyboard::Stop()
     lock.unlock();
     m_bEnd = true;
     libusb_interrupt_event_handler(m_Context.get());
-    m_Thread.join();
+    for (HostThread thread : std::exchange(m_Threads, {}))
+        HostJoinThread(thread);
 }
 
 // The callback waits for the lock, so that what it finds is as it is here. Fails: the keyboard is gone.

@@ -5,11 +5,16 @@
 //   the keyboard is pulled out ─────────────────► UsbSink::Gone
 //
 // Everything goes through a node that somebody else has opened, so that this side needs no right to files, and libusb
-// looks for nothing. A thread of its own handles libusb's events and tells the sink; it never waits for anything else.
-// The interrupt endpoint is read whether or not the driver reads, so each key is seen at once, come what may above.
+// looks for nothing. The interrupt endpoint is read whether or not the driver reads, so each key is seen at once, come what
+// may above.
+//
+// Two threads take turns: who has handled libusb's events lets the other one wait for the next and then acts on his own. So
+// a report travels on in the thread that it has woken, and one that hangs there holds no other up.
 #pragma once
 
-#include "interface.h"
+#include "bus.h"
+
+#include <host.h>
 
 #include <libusb-1.0/libusb.h>
 
@@ -18,44 +23,25 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <vector>
 
-// Called in the thread of the events: it must not wait for what this thread brings.
-class UsbSink
-{
-public:
-    virtual ~UsbSink() = default;
-    virtual void Report(unsigned uInterface, Bytes report) = 0;
-    // The bus tells an error of the interrupt endpoint, which is not read until Recover.
-    virtual void Failed(unsigned uInterface) = 0;
-    virtual void Answer(unsigned uInterface, ULONG_PTR ulTicket, Outcome outcome, Bytes data) = 0;
-    virtual void Gone() = 0;
-};
-
-class UsbKeyboard
+class UsbKeyboard final : public UsbBus
 {
 public:
     // Takes the interfaces of the keyboard at this open node, which stays the caller's.
     // Fails (std::runtime_error): another program has it, it is gone, it does not tell what it is.
     UsbKeyboard(int iNode, const std::vector<uint8_t>& interfaces);
-    ~UsbKeyboard(); // the kernel's own driver gets the interfaces back
+    ~UsbKeyboard() override; // the kernel's own driver gets the interfaces back
     UsbKeyboard(const UsbKeyboard&) = delete;
     UsbKeyboard& operator=(const UsbKeyboard&) = delete;
 
-    const std::vector<UsbInterface>& Interfaces() const { return m_Interfaces; }
-    // The sink must live until Stop.
-    void Start(UsbSink& sink);
-    // Calls every transfer back; nothing is told any more when it returns.
-    void Stop();
-    // Reads the endpoint again after Failed. Waits for the bus: not in the thread of the events.
-    void Recover(unsigned uInterface);
-    // Sends a request of the control pipe without waiting. False when the keyboard is gone or Stop has begun.
-    bool Send(unsigned uInterface, ULONG_PTR ulTicket, const uint8_t* pSetup, const Bytes& data);
-    // Nobody needs this answer any more; it may come all the same.
-    void GiveUp(unsigned uInterface, ULONG_PTR ulTicket);
-    // Counts the rounds of the thread of the events: one that stands still hangs.
-    unsigned Rounds() const { return m_uRounds; }
+    const UsbDevice& Device() const override { return m_Device; }
+    const std::vector<UsbInterface>& Interfaces() const override { return m_Interfaces; }
+    void Start(UsbSink& sink) override;
+    void Stop() override;
+    void Recover(unsigned uInterface) override;
+    bool Send(unsigned uInterface, ULONG_PTR ulTicket, const uint8_t* pSetup, const Bytes& data) override;
+    void GiveUp(unsigned uInterface, ULONG_PTR ulTicket) override;
 
 private:
     struct Read;
@@ -82,6 +68,7 @@ private:
     std::unique_ptr<libusb_context, void (*)(libusb_context*)> m_Context;
     std::unique_ptr<libusb_device_handle, void (*)(libusb_device_handle*)> m_Handle;
     std::vector<std::unique_ptr<Claim>> m_Claims;
+    UsbDevice m_Device;
     std::vector<UsbInterface> m_Interfaces;
     std::vector<std::unique_ptr<Read>> m_Reads;
     UsbSink* m_pSink = nullptr;
@@ -90,7 +77,7 @@ private:
     std::map<Name, std::unique_ptr<Request>> m_Requests; // those that are out
     bool m_bStopping = false;
     unsigned m_uOut = 0; // transfers
+    std::mutex m_Turn;   // held by whoever handles events
     std::atomic<bool> m_bEnd{false};
-    std::atomic<unsigned> m_uRounds{0};
-    std::thread m_Thread;
+    std::vector<HostThread> m_Threads;
 };

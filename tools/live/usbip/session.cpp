@@ -1,14 +1,11 @@
 // session.cpp - reads a machine's requests and answers them.
 #include "session.h"
 
-#include "../socket.h"
-
 #include <algorithm>
 #include <cstring>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace usbip
 {
@@ -63,46 +60,30 @@ bool HasEndpoint(const Bytes& configuration, uint8_t ucAddress)
 
 } // namespace
 
-Session::Session(int iSocket, int iWake, Exports& exports, int iPatienceMs)
-    : m_iSocket(iSocket), m_iWake(iWake), m_iPatienceMs(iPatienceMs), m_Exports(exports)
+Session::Session(int iSocket, int iWake, const Exports& exports, int iPatienceMs)
+    : Caller(iSocket, iWake, iPatienceMs), m_Exports(exports)
 {
     const int iOn = 1;
     setsockopt(iSocket, IPPROTO_TCP, TCP_NODELAY, &iOn, sizeof(iOn));
     setsockopt(iSocket, SOL_SOCKET, SO_KEEPALIVE, &iOn, sizeof(iOn));
     setsockopt(iSocket, SOL_SOCKET, SO_SNDBUF, &SendRoom, sizeof(SendRoom));
-    m_Thread = HostStartThread([this] { Serve(); });
-}
-
-Session::~Session()
-{
-    End();
-    HostJoinThread(m_Thread);
-    close(m_iSocket);
+    Start();
 }
 
 // A request that the keyboard does not answer is given up.
-void Session::End()
+Session::~Session()
 {
-    m_bEnding = true;
-    shutdown(m_iSocket, SHUT_RDWR);
-    HostEndThreadWaits(m_Thread);
+    Stop();
 }
 
 void Session::Serve()
 {
-    while (!m_pImported && Operate()) {
+    while (!m_Imported && Operate()) {
     }
-    while (m_pImported && Transfer()) {
+    while (m_Imported && !Ending() && Transfer()) {
     }
-    if (m_pImported) {
-        std::lock_guard<std::mutex> lock(m_pImported->Lock);
-        m_pImported->pImporter = nullptr;
-    }
-    m_bEnding = true;
-    shutdown(m_iSocket, SHUT_RDWR);
-    m_bOver = true;
-    uint64_t ullOne = 1;
-    (void)!write(m_iWake, &ullOne, sizeof(ullOne));
+    if (m_Imported)
+        m_Imported->GiveBack();
 }
 
 bool Session::Operate()
@@ -115,30 +96,26 @@ bool Session::Operate()
         return Import();
     if (!operation)
         return false;
+    const std::vector<std::shared_ptr<Export>> all = m_Exports.All();
     std::vector<const Device*> devices;
-    for (auto& exported : m_Exports)
+    for (auto& exported : all)
         devices.push_back(&exported->device);
     std::lock_guard<std::mutex> lock(m_Lock);
     return Put(ListAnswer(devices));
 }
 
-// Reports may come as soon as the device is taken, and must not overtake the answer.
+// Reports may come as soon as the device is taken; they wait for its first read.
 bool Session::Import()
 {
     std::array<char, BusIdBytes> bus;
     if (!Take(bus.data(), bus.size(), false))
         return false;
-    for (auto& exported : m_Exports) {
-        if (exported->device.bus != std::string(bus.data(), strnlen(bus.data(), bus.size())))
-            continue;
-        std::lock_guard<std::mutex> lock(exported->Lock);
-        if (exported->pImporter)
-            break;
-        exported->pImporter = this;
-        m_pImported = exported.get();
-    }
+    const std::string wish(bus.data(), strnlen(bus.data(), bus.size()));
+    for (auto& exported : m_Exports.All())
+        if (!m_Imported && exported->device.bus == wish && exported->Take(this))
+            m_Imported = exported;
     std::lock_guard<std::mutex> lock(m_Lock);
-    return Put(ImportAnswer(m_pImported ? &m_pImported->device : nullptr));
+    return Put(ImportAnswer(m_Imported ? &m_Imported->device : nullptr));
 }
 
 bool Session::Transfer()
@@ -159,8 +136,13 @@ bool Session::Submit(const Request& request)
         return false;
     if (request.ucEndpoint == 0)
         return Control(request, std::move(data));
+    if (!request.bIn) {
+        const bool bTaken = m_Imported->Output(request.ucEndpoint, data);
+        std::lock_guard<std::mutex> lock(m_Lock);
+        return Put(SubmitAnswer(request, bTaken ? Good : Stalled, bTaken ? data : Bytes()));
+    }
     std::lock_guard<std::mutex> lock(m_Lock);
-    if (!request.bIn || !HasEndpoint(m_pImported->device.configuration, request.ucEndpoint | 0x80))
+    if (!HasEndpoint(m_Imported->device.configuration, request.ucEndpoint | 0x80))
         return Put(SubmitAnswer(request, Stalled, {}));
     Line& line = m_Lines[request.ucEndpoint];
     if (line.reads.size() >= MostReads)
@@ -179,12 +161,12 @@ bool Session::Control(const Request& request, Bytes data)
 {
     const size_t asked = std::min<size_t>(request.ulBytes, request.setup[6] | request.setup[7] << 8);
     Result result = Good;
-    if (std::optional<Bytes> standard = StandardAnswer(request.setup.data(), m_pImported->device)) {
+    if (std::optional<Bytes> standard = StandardAnswer(request.setup.data(), m_Imported->device)) {
         if (request.bIn)
             data = std::move(*standard);
     } else {
         data.resize(asked);
-        result = m_pImported->Request(request.setup.data(), data) ? Good : Stalled;
+        result = m_Imported->Request(request.setup.data(), data) ? Good : Stalled;
     }
     data.resize(result == Good ? std::min(data.size(), asked) : 0);
     std::lock_guard<std::mutex> lock(m_Lock);
@@ -224,18 +206,13 @@ void Session::Input(uint8_t ucEndpoint, const Bytes& report)
                                                                 report.size(), read.ulBytes)))));
 }
 
-bool Session::Take(void* pTo, size_t bytes, bool bPatient)
-{
-    return TakeBytes(m_iSocket, pTo, bytes, bPatient, m_iPatienceMs);
-}
-
 // Lock: held.
 bool Session::Put(const Bytes& answer)
 {
-    if (send(m_iSocket, answer.data(), answer.size(), MSG_NOSIGNAL | MSG_DONTWAIT) ==
+    if (send(Socket(), answer.data(), answer.size(), MSG_NOSIGNAL | MSG_DONTWAIT) ==
         static_cast<ssize_t>(answer.size()))
         return true;
-    shutdown(m_iSocket, SHUT_RDWR);
+    shutdown(Socket(), SHUT_RDWR);
     return false;
 }
 
