@@ -193,8 +193,12 @@ NTSTATUS HostWaitEvent(HANDLE h, LONGLONG llTimeoutUs)
 {
     LARGE_INTEGER timeout;
     timeout.QuadPart = llTimeoutUs * -10;
-    return KeWaitForSingleObject(EventOf(h), UserRequest, UserMode, FALSE,
-                                 llTimeoutUs < 0 ? nullptr : &timeout);
+    PKEVENT pEvent = EventOf(h);
+    if (llTimeoutUs == 0 && HostTakesTurns() && pEvent->Header.SignalState == 0 &&
+        !HostSelf()->bTerminating) {
+        return STATUS_TIMEOUT; // as the wait would say
+    }
+    return KeWaitForSingleObject(pEvent, UserRequest, UserMode, FALSE, llTimeoutUs < 0 ? nullptr : &timeout);
 }
 
 void HostCloseHandle(HANDLE h)

@@ -5,7 +5,6 @@
 // (irp.cpp), needed only when threads run freely.
 #pragma once
 
-#include <bitset>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -97,8 +96,7 @@ using HostText = std::u16string;
 // --- verify.cpp
 [[noreturn]] void HostBug(const char* pCode, const char* pFormat, ...) __attribute__((format(printf, 2, 3)));
 void HostLeak(unsigned& uCount, const char* pFormat, ...) __attribute__((format(printf, 2, 3)));
-bool HostShouldFail(const char* pKind); // asked by every fallible call
-bool HostIsDropped(const char* pName);  // lock.cpp
+bool HostIsDropped(const char* pName); // lock.cpp
 
 // --- objects: a counted body behind a header (object.cpp)
 enum HostKind { HostKindEvent, HostKindThread, HostKindFile, HostKindDevice, HostKindKey, HostKindDiskFile };
@@ -398,3 +396,33 @@ HostKey* HostFindKey(const HostText& path, bool bCreate, bool* pbCreated);
 void HostParseRegistry(const std::string& text);
 
 #include "state.h"
+
+// --- what is asked so often that it stands here
+
+// Asked by every fallible call: true for the one that HostFailNth chose. Calls are counted whether or not one is
+// chosen.
+// Lock: takes Lock.
+bool HostShouldFailHeld(const char* pKind);
+inline bool HostShouldFail(const char* pKind)
+{
+    HostLock lock(g->Lock);
+    HostFailing& failing = g->Failing;
+    if (failing.bAsked || failing.ByKind.empty() || failing.ByKind[0].first != pKind) {
+        return HostShouldFailHeld(pKind);
+    }
+    failing.ByKind[0].second++;
+    failing.uCalls++;
+    return false;
+}
+
+// False: no timer, DPC, work, waiting thread, owned mutex and no lock lies in this memory, as there are none, or none
+// in its pages.
+// Lock: held.
+inline bool HostMayBeKnown(const void* p, size_t bytes)
+{
+    const size_t page = reinterpret_cast<size_t>(p) / PAGE_SIZE;
+    const size_t last = (reinterpret_cast<size_t>(p) + bytes) / PAGE_SIZE;
+    return last - page > 1 || g->Orders.PageHasLocks[page % LOCK_PAGES] ||
+           g->Orders.PageHasLocks[last % LOCK_PAGES] || g->Threads.objects != 0 || !g->Clock.Due.empty() ||
+           !IsListEmpty(&g->Dpcs.Queue) || !g->Dpcs.Running.empty() || !g->Work.Queue.empty();
+}

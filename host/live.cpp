@@ -72,23 +72,15 @@ static void CheckThreads(const Stretch& stretch)
     }
 }
 
-// Most of the time there is nothing anywhere.
-// Lock: held.
-static bool AreThings()
-{
-    return !g->Clock.Due.empty() || !IsListEmpty(&g->Dpcs.Queue) || !g->Dpcs.Running.empty() ||
-           g->Threads.objects != 0 || !g->Work.Queue.empty();
-}
-
 // Memory that goes away must not hold anything that the system still knows of.
 // Lock: takes Lock.
 void HostCheckNoLiveThings(const void* p, size_t bytes, const char* pWhat)
 {
     HostLock lock(g->Lock);
-    HostForgetLocks(p, bytes);
-    if (!AreThings()) {
+    if (!HostMayBeKnown(p, bytes)) {
         return;
     }
+    HostForgetLocks(p, bytes);
     const Stretch stretch = {p, bytes, pWhat, "freed", FREED};
     CheckTimers(stretch);
     CheckThreads(stretch);
@@ -107,8 +99,6 @@ void HostCheckInitialise(const void* pObject, size_t bytes, const char* pCall)
     HostCheckNotPaged(pObject, "DISPATCHER_OBJECT_IN_PAGED_POOL", pCall);
     const Stretch stretch = {pObject, bytes, pCall, "called", INITIALISED};
     HostLock lock(g->Lock);
-    if (AreThings()) {
-        CheckTimers(stretch);
-        CheckThreads(stretch);
-    }
+    CheckTimers(stretch);
+    CheckThreads(stretch);
 }

@@ -20,18 +20,13 @@ static bool Leads(const void* pFrom, const void* pTo, unsigned uDepth)
     return false;
 }
 
-static size_t PageOf(const void* p)
-{
-    return reinterpret_cast<size_t>(p) / PAGE_SIZE % g->Orders.Pages.size();
-}
-
 static void NoteLock(const void* p)
 {
     auto& all = g->Orders.Locks;
     auto place = std::lower_bound(all.begin(), all.end(), p);
     if (place == all.end() || *place != p) {
         all.insert(place, p);
-        g->Orders.Pages.set(PageOf(p));
+        g->Orders.PageHasLocks[reinterpret_cast<size_t>(p) / PAGE_SIZE % LOCK_PAGES] = true;
     }
 }
 
@@ -63,9 +58,6 @@ void HostNoteOrder(PKTHREAD pSelf, const void* pTaken)
 void HostForgetLocks(const void* p, size_t bytes)
 {
     const void* pEnd = static_cast<const UCHAR*>(p) + bytes;
-    if (bytes <= PAGE_SIZE && !g->Orders.Pages[PageOf(p)] && !g->Orders.Pages[PageOf(pEnd)]) {
-        return;
-    }
     auto& all = g->Orders.Locks;
     auto first = std::lower_bound(all.begin(), all.end(), p);
     if (first == all.end() || *first >= pEnd) {

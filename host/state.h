@@ -86,10 +86,11 @@ struct HostLedger {
 };
 
 // order.cpp
+enum : size_t { LOCK_PAGES = 1024 };
 struct HostOrders {
     std::map<const void*, std::set<const void*>> After; // locks that were taken while the key was held
     std::vector<const void*> Locks;                     // all of them, by their addresses
-    std::bitset<1024> Pages;                            // that may hold one, by their number
+    bool PageHasLocks[LOCK_PAGES] = {};                 // maybe; by the page's number
 };
 
 // irp.cpp

@@ -81,6 +81,31 @@ static UCHAR KeyByte(ULONGLONG ullKey, size_t place)
     return static_cast<UCHAR>(KeyFrom(ullKey, place));
 }
 
+// Up to eight bytes; a copy of so many by way of a whole word would wait for memory.
+static ULONGLONG LoadFew(const UCHAR* pData, size_t bytes)
+{
+    ULONGLONG ullWord = 0;
+    if (bytes == EIGHT) {
+        memcpy(&ullWord, pData, EIGHT);
+        return ullWord;
+    }
+    while (bytes-- != 0) {
+        ullWord = ullWord << 8 | pData[bytes];
+    }
+    return ullWord;
+}
+
+static void StoreFew(UCHAR* pData, size_t bytes, ULONGLONG ullWord)
+{
+    if (bytes == EIGHT) {
+        memcpy(pData, &ullWord, EIGHT);
+        return;
+    }
+    for (; bytes-- != 0; ullWord >>= 8) {
+        *pData++ = static_cast<UCHAR>(ullWord);
+    }
+}
+
 // Fills a system buffer behind its input. Result: the key by which its bytes are known again.
 ULONGLONG HostFillOutput(UCHAR* pData, size_t begin, size_t end)
 {
@@ -94,29 +119,9 @@ ULONGLONG HostFillOutput(UCHAR* pData, size_t begin, size_t end)
     }
     for (size_t now; begin < end; begin += now) {
         now = std::min(EIGHT - begin % EIGHT, end - begin);
-        const ULONGLONG ullWord = KeyFrom(ullKey, begin);
-        memcpy(pData + begin, &ullWord, now);
+        StoreFew(pData + begin, now, KeyFrom(ullKey, begin));
     }
     return ullKey;
-}
-
-// Without a way through memory, which would cost more than all the rest.
-static ULONGLONG LoadUpToEight(const UCHAR* pData, size_t bytes)
-{
-    ULONGLONG ullWord = 0;
-    if (bytes == EIGHT) {
-        memcpy(&ullWord, pData, EIGHT);
-        return ullWord;
-    }
-    ULONG ulFour = 0;
-    if (bytes >= sizeof(ulFour)) {
-        memcpy(&ulFour, pData, sizeof(ulFour));
-        ullWord = ulFour;
-    }
-    for (size_t i = bytes >= sizeof(ulFour) ? sizeof(ulFour) : 0; i < bytes; i++) {
-        ullWord |= static_cast<ULONGLONG>(pData[i]) << (i * 8);
-    }
-    return ullWord;
 }
 
 // Whether any byte could be an unwritten one.
@@ -126,7 +131,7 @@ static bool AreAnyUnwritten(ULONGLONG ullKey, const UCHAR* pData, size_t begin, 
         now = std::min(EIGHT - begin % EIGHT, end - begin);
         const ULONGLONG ullKeys = KeyFrom(ullKey, begin);
         const ULONGLONG ullBehind = now == EIGHT ? 0 : ~0ull << (now * 8);
-        const ULONGLONG ullWord = (LoadUpToEight(pData + begin, now) ^ ullKeys) | ullBehind; // 0: the key's
+        const ULONGLONG ullWord = (LoadFew(pData + begin, now) ^ ullKeys) | ullBehind; // 0: the key's
         if ((ullWord - 0x0101010101010101) & ~ullWord & 0x8080808080808080) {
             return true;
         }

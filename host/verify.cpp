@@ -58,17 +58,10 @@ static void CountFallible(const char* pKind)
     kinds.push_back({pKind, 1});
 }
 
-// True for the call that HostFailNth chose. Calls are counted whether or not one is chosen.
-// IRQL: any. Lock: takes Lock.
-bool HostShouldFail(const char* pKind)
+// Lock: held.
+bool HostShouldFailHeld(const char* pKind)
 {
     PDRIVER_OBJECT pDriver = HostSelf()->pDriver;
-    HostLock lock(g->Lock);
-    if (!g->Failing.bAsked) {
-        CountFallible(pKind);
-        g->Failing.uCalls++;
-        return false;
-    }
     if (!g->Failing.In.empty() && (pDriver == nullptr || HostServiceOf(pDriver) != g->Failing.In)) {
         return false;
     }
