@@ -157,7 +157,7 @@ bool MarkKey(HotkeyEntry& entry, UCHAR ucUsage, bool bDown)
     return bHit;
 }
 
-// A released key of a hotkey whose mask does not match is forgotten all the same.
+// Names the places of the key up to the one that is held.
 COLD void LogForgottenKey(const HotkeyEntry& entry, UCHAR ucUsage, ULONG ulEntry)
 {
     for (ULONG i = 0; i < entry.ulKeyCount; i++) {
@@ -202,7 +202,7 @@ bool FollowPress(HotkeyPass& pass, UCHAR ucUsage, ULONG ulFlags)
     return bResult;
 }
 
-// A released key touches all.
+// A released key touches all; a hotkey whose mask does not match forgets it all the same.
 bool FollowRelease(HotkeyPass& pass, UCHAR ucUsage, ULONG ulFlags)
 {
     bool bResult = false;

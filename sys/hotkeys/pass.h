@@ -149,7 +149,7 @@ private:
     ULONG ulAllWords; // a bit for each word of a set
     bool bWhole;
     ULONG ulScans = 0;  // of this report
-    ULONGLONG ullScan;  // of all reports; set by the first
+    ULONGLONG ullScan;  // this scan's number among those of all reports; not before the first
     ULONG ulWords = 0;  // modifier words that this report has met, one more than scans at the most
     ULONG Words[16];    // a report has at most six keys of before and six of now
     ULONG ulBefore = 0; // words before this scan
