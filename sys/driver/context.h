@@ -23,12 +23,12 @@
 #include "usb/roadfields.h"
 
 struct DeviceContext : FrameFields,
-                       RoadFields,
+                       BufferFields,
+                       HotkeyFields,
                        ReportFields,
+                       RoadFields,
                        PendingFields,
                        LedFields,
-                       HotkeyFields,
-                       BufferFields,
                        ParkedFields,
                        MacroFields,
                        NotifyFields,

@@ -1,12 +1,13 @@
 // frame.h - how a room of the driver finds its own fields in the shared records, and the fields that all rooms use.
 //
-//   DeviceContext  = FrameFields + PendingFields + BufferFields + … + RoofFields     one a keyboard
+//   DeviceContext  = FrameFields + BufferFields + HotkeyFields + … + RoofFields      one a keyboard
 //   DriverGlobals  = FrameGlobals + EventGlobals + …                                 driver-wide
 //   DriverSettings = LogSettings + HotkeySettings + …                                what the registry says
 //
 // The records are sums: each room declares what is its own in a fields.h and makes it ready itself, so that one field
 // more concerns that room and who looks into it. driver/context.h adds the sums up, for the roof alone; a room goes
-// from a keyboard to its fields by FieldsOf, and has a name for its driver-wide ones. records.cpp tells where they lie.
+// from a keyboard to its fields by FieldsOf, and has a name for its driver-wide ones. records.cpp tells where they
+// lie. What a calm report looks into lies first, at places that the compiler knows.
 //
 // Who may touch a field:  (i) set before the device is attached, then constant
 //                         (p) Plug and Play at PASSIVE_LEVEL
@@ -82,7 +83,7 @@ struct FrameGlobals {
 
 extern FrameGlobals& GlobalFrame;
 
-// The fields of one room in a keyboard's record. The keyboard's record is complete or being made.
+// The fields of one room in a keyboard's record, which is complete or being made.
 template <typename Fields> inline Fields& FieldsOf(DeviceContext* pContext)
 {
     return *reinterpret_cast<Fields*>(reinterpret_cast<UCHAR*>(pContext) + Fields::Place);

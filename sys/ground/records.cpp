@@ -24,17 +24,20 @@ LogSettings& SettingsOfLog = Settings;
 MacroSettings& SettingsOfMacro = Settings;
 PaceSettings& SettingsOfPace = Settings;
 
-// By the first field of each.
-static_assert(OFFSET_IN_SUM(DeviceContext, ulDeviceKind) == FrameFields::Place, "the frame comes first");
+// By the first field of each. The places of the first ones follow from their sizes.
+#define IS_PLACED(Fields, firstField)                                                                        \
+    static_assert(OFFSET_IN_SUM(DeviceContext, firstField) == Fields::Place, "the fields lie in this order")
+IS_PLACED(FrameFields, ulDeviceKind);
+IS_PLACED(BufferFields, BufferLock);
+IS_PLACED(HotkeyFields, ucSendUpEventImmediately);
+IS_PLACED(ReportFields, ucRunDiagNormalPacket02);
+
 #define PLACE_OF(Fields, firstField)                                                                         \
     static_assert(OFFSET_IN_SUM(Fields, firstField) == 0, "the first field");                                \
     const ULONG Fields::Place = OFFSET_IN_SUM(DeviceContext, firstField)
 PLACE_OF(RoadFields, AnswerLock);
-PLACE_OF(ReportFields, ucRunDiagNormalPacket02);
 PLACE_OF(PendingFields, PendingIrpLock);
 PLACE_OF(LedFields, usLedReport);
-PLACE_OF(HotkeyFields, ucSendUpEventImmediately);
-PLACE_OF(BufferFields, BufferLock);
 PLACE_OF(ParkedFields, KorvexDelay);
 PLACE_OF(MacroFields, pKorvexWorkItem);
 PLACE_OF(NotifyFields, NotifyLock);

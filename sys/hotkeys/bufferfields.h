@@ -10,7 +10,7 @@ enum {
 };
 
 struct BufferFields {
-    static const ULONG Place;
+    static constexpr ULONG Place = FrameFields::Place + sizeof(FrameFields);
 
     // Keys held back and keys to give.
     SpinLock BufferLock; // leaf: guards the two buffers and ucOldOPOSPacket

@@ -3,6 +3,7 @@
 
 #include "control/requests.h"
 #include "ground/frame.h"
+#include "hotkeys/bufferfields.h"
 
 enum {
     KEY_DEFINITION_SLOTS = 512, // the last slot stays null
@@ -38,7 +39,7 @@ struct TypematicTimer : TimerWithDpc {
 };
 
 struct HotkeyFields {
-    static const ULONG Place;
+    static constexpr ULONG Place = BufferFields::Place + sizeof(BufferFields);
 
     UCHAR ucSendUpEventImmediately; // (i)
 

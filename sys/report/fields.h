@@ -2,9 +2,10 @@
 #pragma once
 
 #include "ground/frame.h"
+#include "hotkeys/fields.h"
 
 struct ReportFields {
-    static const ULONG Place;
+    static constexpr ULONG Place = HotkeyFields::Place + sizeof(HotkeyFields);
 
     UCHAR ucRunDiagNormalPacket02; // (i)
     UCHAR ucOldPacket[8];          // (r) the previous standard report as sent
