@@ -23,8 +23,8 @@ enum : ULONG { MODIFIER_OF_KEYS = MODIFIER_PREFIXES | MODIFIER_FN | MODIFIER_CON
 inline bool IsNothingUnderWay(const HotkeyFields& hotkeys, const BufferFields& buffers)
 {
     return (hotkeys.HeldHotkeys.ucWords | LoadAcquire(buffers.usSwallowCount) |
-            LoadAcquire(buffers.usInsertCount) | LoadAcquire(hotkeys.ucHotkeyActive) |
-            LoadAcquire(GlobalHotkeys.ucHotkeyComplete) | LoadAcquire(GlobalHotkeys.ucSwallowPending) |
+            LoadAcquire(buffers.usInsertCount) | LoadAcquire(hotkeys.ucHotkeyActive)) == 0 &&
+           (LoadAcquire(GlobalHotkeys.ucHotkeyComplete) | LoadAcquire(GlobalHotkeys.ucSwallowPending) |
             LoadAcquire(GlobalHotkeys.ulPrefixReleased) | LoadAcquire(GlobalHotkeys.ulPrefixUnmatched)) == 0;
 }
 
@@ -34,7 +34,8 @@ inline bool IsMeaningless(const HotkeyFields& hotkeys, const UCHAR* pBuf)
         return LoadAcquire(hotkeys.ucKeyMeans[pBuf[i]]);
     };
     const ULONG ulModifiers = LoadAcquire(hotkeys.ucModifiersMean[pBuf[0]]);
-    return (ulModifiers | Means(1) | Means(2) | Means(3) | Means(4) | Means(5) | Means(6) | Means(7)) == 0;
+    return (ulModifiers | Means(1) | Means(2) | Means(3)) == 0 &&
+           (Means(4) | Means(5) | Means(6) | Means(7)) == 0;
 }
 
 // Prefixes and keys that are modifiers are up, the modifiers are those of the report.
@@ -51,7 +52,7 @@ inline bool PassCalmReport(DeviceContext* pContext, const UCHAR* pBuf)
     HotkeyFields& hotkeys = FieldsOf<HotkeyFields>(pContext);
     const ULONGLONG ullHotkeys = ReadShared(hotkeys.ullHotkeys);
     if ((ullHotkeys & HOTKEYS_CHANGING) || !IsNothingUnderWay(hotkeys, FieldsOf<BufferFields>(pContext)) ||
-        !IsMeaningless(hotkeys, pBuf) || !IsWordOf(pBuf[0], ReadShared(GlobalHotkeys.ulModifierFlags)) ||
+        !IsMeaningless(hotkeys, pBuf) || !IsWordOf(pBuf[0], LoadAcquire(GlobalHotkeys.ulModifierFlags)) ||
         IsWholeWalk() || IsTraced(TRACE_VERBOSE) || ReadShared(hotkeys.ullHotkeys) != ullHotkeys) {
         return false;
     }

@@ -16,6 +16,16 @@
 
 namespace
 {
+// Mostly 8 bytes, which are one word.
+void CopyReport(PUCHAR pTo, const UCHAR* pFrom, ULONG ulLen)
+{
+    if (ulLen == 8) {
+        RtlCopyMemory(pTo, pFrom, 8);
+    } else {
+        RtlCopyMemory(pTo, pFrom, ulLen);
+    }
+}
+
 bool IsFnOrPrefix(UCHAR ucUsage)
 {
     return ucUsage == USAGE_FN || IsPrefixUsage(ucUsage);
@@ -84,7 +94,7 @@ NTSTATUS DiagNormalPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
     LogHexDump("(DiagNormalPacket) old packet:", ulLen, reports.ucOldPacket);
     HotkeyPass pass(device);
     UCHAR ucReceived[8] = {};
-    RtlCopyMemory(ucReceived, pBuf, ulLen);
+    CopyReport(ucReceived, pBuf, ulLen);
     if (ulLen == 8) {
         CheckModifierOnlyHotkeys(pass, pBuf);
         UpdateModifierFlags(device, pBuf, 8, 1);
@@ -105,7 +115,7 @@ NTSTATUS DiagNormalPacket(PDEVICE_OBJECT device, ULONG ulLen, PUCHAR pBuf)
     ULONG ulFrom = ulCurrentLen == 8 ? 2 : ulCurrentLen == 3 ? 1 : ulStopped;
     ulCurrentLen = StripFnAndPrefixKeys(device, pBuf, ulCurrentLen, ulFrom);
 
-    RtlCopyMemory(reports.ucOldPacket, ucReceived, ulLen);
+    CopyReport(reports.ucOldPacket, ucReceived, ulLen);
     LogHexDump("(DiagNormalPacket) new packet:", ulCurrentLen, pBuf);
     return STATUS_SUCCESS;
 }
