@@ -49,13 +49,31 @@ static void __attribute__((noinline)) CheckCall(PDEVICE_OBJECT pDevice, PIRP pIr
     }
 }
 
+// "a START_DEVICE request to EmuKeyboard"
+static std::string ShownRequest(PDEVICE_OBJECT pDevice, PIO_STACK_LOCATION pLocation)
+{
+    char what[64];
+    if (pLocation->MajorFunction == IRP_MJ_PNP) {
+        snprintf(what, sizeof what, "START_DEVICE");
+    } else if (pLocation->Parameters.DeviceIoControl.IoControlCode == IOCTL_INTERNAL_USB_SUBMIT_URB) {
+        snprintf(what, sizeof what, "URB of function 0x%02x",
+                 static_cast<PURB>(pLocation->Parameters.Others.Argument1)->UrbHeader.Function);
+    } else {
+        snprintf(what, sizeof what, "control request 0x%08x",
+                 static_cast<unsigned>(pLocation->Parameters.DeviceIoControl.IoControlCode));
+    }
+    const HostText service = HostServiceOf(pDevice->DriverObject);
+    return what + (" to " + std::string(service.begin(), service.end()));
+}
+
 // The lower driver's status can fail too: what one driver sends to another, if it is a request that may.
 static bool FailsBelow(PDRIVER_OBJECT pCaller, PDEVICE_OBJECT pDevice, PIO_STACK_LOCATION pLocation)
 {
     UCHAR ucMajor = pLocation->MajorFunction;
     bool bMay = ucMajor == IRP_MJ_INTERNAL_DEVICE_CONTROL || ucMajor == IRP_MJ_DEVICE_CONTROL ||
                 (ucMajor == IRP_MJ_PNP && pLocation->MinorFunction == IRP_MN_START_DEVICE);
-    return bMay && pCaller != nullptr && pCaller != pDevice->DriverObject && HostShouldFail("lower");
+    return bMay && pCaller != nullptr && pCaller != pDevice->DriverObject &&
+           HostShouldFail("lower", "IoCallDriver", [&] { return ShownRequest(pDevice, pLocation); });
 }
 
 static NTSTATUS __attribute__((noinline)) FailRequest(PIRP pIrp)

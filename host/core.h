@@ -96,7 +96,9 @@ using HostText = std::u16string;
 // --- verify.cpp
 [[noreturn]] void HostBug(const char* pCode, const char* pFormat, ...) __attribute__((format(printf, 2, 3)));
 void HostLeak(unsigned& uCount, const char* pFormat, ...) __attribute__((format(printf, 2, 3)));
-bool HostIsDropped(const char* pName); // lock.cpp
+void HostTellFailure(const char* pCall, const std::string& about);
+std::string HostShown(PCUNICODE_STRING pText); // as a line can hold it
+bool HostIsDropped(const char* pName);         // lock.cpp
 
 // --- objects: a counted body behind a header (object.cpp)
 enum HostKind { HostKindEvent, HostKindThread, HostKindFile, HostKindDevice, HostKindKey, HostKindDiskFile };
@@ -399,20 +401,33 @@ void HostParseRegistry(const std::string& text);
 
 // --- what is asked so often that it stands here
 
-// Asked by every fallible call: true for the one that HostFailNth chose. Calls are counted whether or not one is
-// chosen.
+// True for the call that HostFailNth chose. Calls are counted whether or not one is chosen.
 // Lock: takes Lock.
-bool HostShouldFailHeld(const char* pKind);
-inline bool HostShouldFail(const char* pKind)
+bool HostFailsHeld(const char* pKind);
+inline bool HostFailsNow(const char* pKind)
 {
     HostLock lock(g->Lock);
     HostFailing& failing = g->Failing;
     if (failing.bAsked || failing.ByKind.empty() || failing.ByKind[0].first != pKind) {
-        return HostShouldFailHeld(pKind);
+        return HostFailsHeld(pKind);
     }
     failing.ByKind[0].second++;
     failing.uCalls++;
     return false;
+}
+
+// Asked by every fallible call; one that fails is told of by its name and by what about() says.
+template <typename About> bool HostShouldFail(const char* pKind, const char* pCall, const About& about)
+{
+    const bool bFails = HostFailsNow(pKind);
+    if (bFails) {
+        HostTellFailure(pCall, about());
+    }
+    return bFails;
+}
+inline bool HostShouldFail(const char* pKind, const char* pCall = __builtin_FUNCTION())
+{
+    return HostShouldFail(pKind, pCall, [] { return std::string(); });
 }
 
 // False: no timer, DPC, work, waiting thread, owned mutex and no lock lies in this memory, as there are none, or none

@@ -173,7 +173,7 @@ NTSTATUS ZwCreateFile(PHANDLE pHandle, ACCESS_MASK access, POBJECT_ATTRIBUTES pA
                       ULONG ulOptions, PVOID, ULONG)
 {
     HostEnter(__func__, PASSIVE_LEVEL);
-    if (HostShouldFail("file")) {
+    if (HostShouldFail("file", __func__, [&] { return HostShown(pAttributes->ObjectName); })) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     std::string path;
@@ -205,7 +205,7 @@ FileBody* HostBeginOnFile(HANDLE h, const char* pCall, const char* pKind, ACCESS
                           NTSTATUS* pStatus)
 {
     HostEnter(pCall, PASSIVE_LEVEL);
-    if (HostShouldFail(pKind)) {
+    if (HostShouldFail(pKind, pCall)) {
         *pStatus = STATUS_INSUFFICIENT_RESOURCES;
         return nullptr;
     }
@@ -277,7 +277,7 @@ NTSTATUS ZwWriteFile(HANDLE h, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_STATUS_BLOCK 
 NTSTATUS ZwDeleteFile(POBJECT_ATTRIBUTES pAttributes)
 {
     HostEnter(__func__, PASSIVE_LEVEL);
-    if (HostShouldFail("file")) {
+    if (HostShouldFail("file", __func__, [&] { return HostShown(pAttributes->ObjectName); })) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     std::string path;

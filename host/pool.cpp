@@ -303,7 +303,11 @@ static PVOID AllocatePool(POOL_TYPE type, SIZE_T bytes, ULONG ulTag, const char*
     if (type != PagedPool && type != NonPagedPoolNx) {
         HostBug("EXECUTABLE_POOL", "%s of executable memory: use NonPagedPoolNx", pCall);
     }
-    if (HostShouldFail("pool")) {
+    if (HostShouldFail("pool", pCall, [&] {
+            const char tag[] = {static_cast<char>(ulTag), static_cast<char>(ulTag >> 8),
+                                static_cast<char>(ulTag >> 16), static_cast<char>(ulTag >> 24), 0};
+            return std::to_string(bytes) + " bytes of '" + tag + "'";
+        })) {
         return nullptr;
     }
     void* p = HostAllocate(bytes, HostPoolKind, ulTag, HostSelf()->pDriver);

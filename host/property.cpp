@@ -28,7 +28,7 @@ NTSTATUS IoGetDeviceProperty(PDEVICE_OBJECT pDevice, DEVICE_REGISTRY_PROPERTY pr
     HostEnter(__func__, PASSIVE_LEVEL);
     HostCheckPhysical(pDevice, __func__);
     *pulResult = 0;
-    if (HostShouldFail("property")) {
+    if (HostShouldFail("property", __func__, [&] { return "property " + std::to_string(property); })) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     HostLock lock(g->Lock);

@@ -43,7 +43,8 @@ HostKey* HostFindKey(const HostText& path, bool bCreate, bool* pbCreated)
 static NTSTATUS OpenKey(PHANDLE pHandle, ACCESS_MASK desired, POBJECT_ATTRIBUTES pAttributes, bool bCreate,
                         bool* pbCreated)
 {
-    if (HostShouldFail("key")) {
+    if (HostShouldFail("key", bCreate ? "ZwCreateKey" : "ZwOpenKey",
+                       [&] { return HostShown(pAttributes->ObjectName); })) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     HostText path = HostTextOf(pAttributes->ObjectName);
@@ -95,7 +96,7 @@ NTSTATUS ZwQueryValueKey(HANDLE h, PUNICODE_STRING pName, KEY_VALUE_INFORMATION_
                          PVOID pBuffer, ULONG ulLength, PULONG pulResult)
 {
     HostEnter(__func__, PASSIVE_LEVEL);
-    if (HostShouldFail("value")) {
+    if (HostShouldFail("value", __func__, [&] { return HostShown(pName); })) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     NTSTATUS status;
@@ -132,7 +133,7 @@ NTSTATUS ZwQueryValueKey(HANDLE h, PUNICODE_STRING pName, KEY_VALUE_INFORMATION_
 NTSTATUS ZwSetValueKey(HANDLE h, PUNICODE_STRING pName, ULONG, ULONG ulType, PVOID pData, ULONG ulSize)
 {
     HostEnter(__func__, PASSIVE_LEVEL);
-    if (HostShouldFail("value")) {
+    if (HostShouldFail("value", __func__, [&] { return HostShown(pName); })) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     NTSTATUS status;
@@ -173,7 +174,7 @@ std::string HostFlushedRegistryText()
 NTSTATUS ZwDeleteValueKey(HANDLE h, PUNICODE_STRING pName)
 {
     HostEnter(__func__, PASSIVE_LEVEL);
-    if (HostShouldFail("value")) {
+    if (HostShouldFail("value", __func__, [&] { return HostShown(pName); })) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     NTSTATUS status;

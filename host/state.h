@@ -116,6 +116,7 @@ struct HostFailing {
     HostText In;                                          // only in this driver
     std::vector<std::pair<const char*, unsigned>> ByKind; // a kind can stand there more than once
     unsigned uCalls = 0;
+    std::function<void(const std::string&)> Told;
 };
 
 struct HostState {

@@ -59,7 +59,7 @@ static void CountFallible(const char* pKind)
 }
 
 // Lock: held.
-bool HostShouldFailHeld(const char* pKind)
+bool HostFailsHeld(const char* pKind)
 {
     PDRIVER_OBJECT pDriver = HostSelf()->pDriver;
     if (!g->Failing.In.empty() && (pDriver == nullptr || HostServiceOf(pDriver) != g->Failing.In)) {
@@ -72,6 +72,35 @@ bool HostShouldFailHeld(const char* pKind)
     g->Failing.uCalls++;
     return g->Failing.bOn ? g->Failing.uNth != 0 && g->Failing.uCalls >= g->Failing.uNth
                           : g->Failing.uCalls == g->Failing.uNth;
+}
+
+// IRQL: any. Lock: takes Lock, and calls whoever listens without it.
+void HostTellFailure(const char* pCall, const std::string& about)
+{
+    std::function<void(const std::string&)> told;
+    {
+        HostLock lock(g->Lock);
+        told = g->Failing.Told;
+    }
+    if (told) {
+        told(about.empty() ? pCall : pCall + (", " + about));
+    }
+}
+
+void HostListenToFailures(std::function<void(const std::string& call)> told)
+{
+    HostLock lock(g->Lock);
+    g->Failing.Told = std::move(told);
+}
+
+std::string HostShown(PCUNICODE_STRING pText)
+{
+    std::string shown;
+    for (USHORT i = 0; pText != nullptr && i < pText->Length / sizeof(WCHAR); i++) {
+        const auto c = static_cast<unsigned>(pText->Buffer[i]);
+        shown += c >= ' ' && c < 0x7f ? static_cast<char>(c) : '?';
+    }
+    return shown;
 }
 
 // Lock: held.

@@ -102,6 +102,9 @@ void HostEndThreadWaits(HostThread t);
 // driver sends to another), workitem, thread, handle, device, attach, link, security, open, interface,
 // notification, property, routine, trace, wdm, key, value, flush, file, read, write, fileinfo.
 void HostFailNth(const char* pWhat, unsigned ulNth, bool bFromThenOn = false);
+// Told of each call that fails so, before it returns: the service and what it was about, as
+// "ExAllocatePoolWithTag, 64 bytes of 'Tv64'".
+void HostListenToFailures(std::function<void(const std::string& call)> told);
 // Only calls made by this driver's code are counted and fail; nullptr: everybody's.
 void HostFailOnlyIn(const WCHAR* pServiceName);
 // How many calls could have failed since HostFailNth was called last; of each kind, whatever its pWhat.
