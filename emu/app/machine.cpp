@@ -171,6 +171,7 @@ EmuHidOptions EmuKeyboard::HidOptions()
     options.ulPacketBytes = m_Options.PacketBytes;
     options.bManual = m_Options.Manual;
     options.bNoEnumeration = m_Options.NoEnumeration;
+    options.bPatient = m_Options.Patient;
     options.bLoopGuard = m_Options.LoopGuard;
     options.bUsedBuffers = m_Options.UsedBuffers;
     return options;

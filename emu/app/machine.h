@@ -45,6 +45,7 @@ struct EmuPlugOptions {
     ULONG PacketBytes = 0;      // size of a read, 0 = the endpoint's
     bool Manual = false;        // reads go down only by EmuKeyboard::Read
     bool NoEnumeration = false; // START sends no descriptor requests
+    bool Patient = false;       // the HID stack calls no read back when the keyboard goes
     bool LoopGuard = false;     // re-read by the outer loop instead of by recursion
     bool UsedBuffers = false;   // a read goes down with the bytes that the last one brought
     bool Passive = false;       // reads come back at PASSIVE_LEVEL, not at DISPATCH_LEVEL

@@ -62,6 +62,8 @@ NTSTATUS Enumerate(HidDevice* pHid);
 // reads.cpp
 // Makes the reads and, in automatic mode, sends them. IRQL PASSIVE. Fails: STATUS_INSUFFICIENT_RESOURCES.
 NTSTATUS StartReads(HidDevice* pHid);
+// No request goes down any more. IRQL <= DISPATCH.
+VOID CloseReads(HidDevice* pHid);
 // No request goes down any more; cancels the reads below. IRQL PASSIVE.
 VOID CallReadsBack(HidDevice* pHid);
 // No request goes down any more; cancels what is below, waits for it, frees the reads. IRQL PASSIVE.

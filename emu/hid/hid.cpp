@@ -81,8 +81,9 @@ static NTSTATUS StartHid(HidDevice* pHid, PIRP pIrp)
 // IRQL PASSIVE. Owns: the device object goes.
 static NTSTATUS RemoveHid(HidDevice* pHid, PIRP pIrp)
 {
-    StopReads(pHid);
+    pHid->Options.bPatient ? CloseReads(pHid) : StopReads(pHid);
     NTSTATUS status = PassDown(pHid->pSelf, pIrp);
+    StopReads(pHid);
     IoDetachDevice(pHid->pLower);
     IoDeleteDevice(pHid->pSelf);
     return status;
@@ -100,7 +101,7 @@ static NTSTATUS NTAPI HidPnp(PDEVICE_OBJECT pDevice, PIRP pIrp)
         return RemoveHid(pHid, pIrp);
     case IRP_MN_SURPRISE_REMOVAL: // what the keyboard holds ends when it hears of it; the removal waits
         pIrp->IoStatus.Status = STATUS_SUCCESS;
-        CallReadsBack(pHid);
+        pHid->Options.bPatient ? CloseReads(pHid) : CallReadsBack(pHid);
         return PassDown(pDevice, pIrp);
     case IRP_MN_STOP_DEVICE:
         pIrp->IoStatus.Status = STATUS_SUCCESS;

@@ -4,7 +4,7 @@
 // descriptor, configuration descriptor's head and whole, string, select configuration, SET_IDLE, report
 // descriptor) and then keeps its reads outstanding; each completed report goes to the observer. In automatic
 // mode a read is sent again from its own completion routine, in manual mode when EmuHidRead says so. Removal
-// cancels the reads and waits for them before it passes the removal down. Control requests are synchronous,
+// cancels the reads and waits for them before it passes the removal down; a patient stack passes it down first. Control requests are synchronous,
 // at PASSIVE_LEVEL.
 #pragma once
 
@@ -26,6 +26,7 @@ struct EmuHidOptions {
     BOOLEAN bManual;        // reads go down only when EmuHidRead is called
     BOOLEAN bNoEnumeration; // START sends no requests of its own
     BOOLEAN bUsedBuffers;   // a read goes down with the bytes of the last one, not with zeros
+    BOOLEAN bPatient;       // calls no read back when the keyboard goes: those below let them go
     BOOLEAN
     bLoopGuard; // a read that completes on its way down is sent again by the outer loop, not by recursion
 };

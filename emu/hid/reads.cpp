@@ -220,11 +220,16 @@ static bool IsOut(HidRead* pRead)
     return bOut;
 }
 
-VOID CallReadsBack(HidDevice* pHid)
+VOID CloseReads(HidDevice* pHid)
 {
     KIRQL irql = KeAcquireSpinLockRaiseToDpc(&pHid->Lock);
     pHid->bOpen = FALSE;
     KeReleaseSpinLock(&pHid->Lock, irql);
+}
+
+VOID CallReadsBack(HidDevice* pHid)
+{
+    CloseReads(pHid);
     for (ULONG i = 0; pHid->pReads && i < pHid->Options.ulReads; i++) {
         // One that comes back meanwhile is cancelled in vain; its request lives until FreeReads.
         if (IsOut(&pHid->pReads[i])) {
