@@ -97,16 +97,20 @@ std::optional<Apart> GoApart(unsigned uMostMs)
     return apart;
 }
 
-void EndApart(const std::vector<std::string>& says)
+void SayApart(const std::string& line)
 {
-    std::string text;
-    for (const std::string& line : says)
-        text += Mark + line + "\n";
+    const std::string text = Mark + line + "\n";
     for (size_t cAt = 0; cAt < text.size();) {
         const ssize_t cWritten = write(STDERR_FILENO, text.data() + cAt, text.size() - cAt);
         if (cWritten < 0 && errno != EINTR)
             break;
         cAt += cWritten > 0 ? static_cast<size_t>(cWritten) : 0;
     }
+}
+
+void EndApart(const std::vector<std::string>& says)
+{
+    for (const std::string& line : says)
+        SayApart(line);
     _exit(0);
 }

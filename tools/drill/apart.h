@@ -7,7 +7,7 @@
 
 // How a copy ended.
 struct Apart {
-    std::vector<std::string> said;   // by EndApart, line by line
+    std::vector<std::string> said;   // by SayApart and EndApart, line by line
     std::vector<std::string> errors; // what it printed on standard error
     bool bHung = false;              // it did not end in time, and was ended
     int iSignal = 0;                 // 0: it ended by itself
@@ -17,4 +17,6 @@ struct Apart {
 // latest after that many milliseconds.
 // The emulated machine lives in one thread, so a copy has it whole. Fails (std::runtime_error): no copy can be made.
 std::optional<Apart> GoApart(unsigned uMostMs);
+// Says something at once, whatever becomes of the copy then.
+void SayApart(const std::string& line);
 [[noreturn]] void EndApart(const std::vector<std::string>& says);

@@ -20,18 +20,21 @@ struct DrillArguments : SessionArguments {
 
 const char* TitleOf(Trouble trouble)
 {
-    return trouble == Trouble::Pulled ? "the keyboard pulled at a report"
-           : trouble == Trouble::Gone ? "the application gone at an event"
-                                      : "a call of the driver failing";
+    static const char* const titles[] = {"the keyboard pulled at a report", "removed in order at a report",
+                                         "the application gone at an event", "a call of the driver failing"};
+    return titles[static_cast<size_t>(trouble)];
 }
 
 std::string PlaceOf(const Harm& harm)
 {
-    const char* pWhat = harm.trouble == Trouble::Pulled ? "pulled at report"
-                        : harm.trouble == Trouble::Gone ? "gone at event"
-                                                        : "failed: call";
-    return fmt::format("{:>4}.{:06} s  keyboard {}  {} {}", harm.ullUs / 1000000, harm.ullUs % 1000000,
-                       harm.uKeyboard, pWhat, harm.uNumber);
+    const std::string report = harm.uReport ? fmt::format("report {}", harm.uReport) : "the start";
+    const std::string what = harm.trouble == Trouble::Pulled    ? "pulled at " + report
+                             : harm.trouble == Trouble::Removed ? "removed at " + report
+                             : harm.trouble == Trouble::Gone
+                                 ? fmt::format("gone at event {}, {}", harm.uNumber, report)
+                                 : fmt::format("failed at {}: call {}, {}", report, harm.uNumber, harm.call);
+    return fmt::format("{:>4}.{:06} s  keyboard {}  {}", harm.ullUs / 1000000, harm.ullUs % 1000000,
+                       harm.uKeyboard, what);
 }
 
 std::string ResultWords(Result result)
@@ -81,9 +84,9 @@ void PrintJson(const std::string& input, const Drill& drill)
     }
     for (const Harm& harm : drill.harms)
         fmt::print("{{\"type\":\"harm\",\"trouble\":\"{}\",\"number\":{},\"t_us\":{},\"kbd\":{},\"result\":"
-                   "\"{}\",\"text\":{}}}\n",
+                   "\"{}\",\"text\":{},\"report\":{},\"call\":{}}}\n",
                    NameOf(harm.trouble), harm.uNumber, harm.ullUs, harm.uKeyboard, NameOf(harm.result),
-                   QuotedJson(harm.text));
+                   QuotedJson(harm.text), harm.uReport, QuotedJson(harm.call));
 }
 
 int RunVerb(const DrillArguments& arguments)

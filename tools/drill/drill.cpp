@@ -15,6 +15,7 @@ namespace
 {
 
 const WCHAR* const Driver = L"Tv64USB";
+constexpr char CallMark = '=';        // before what a copy says of the call that fails
 constexpr uint64_t CalmUs = 10000000; // behind the session: what is still held then is held for ever
 
 // What happened when nothing did.
@@ -79,6 +80,7 @@ public:
     }
 
     Mishap AtReport(unsigned) override { return Mishap::None; }
+    void AfterPull(unsigned, EmuKeyboard&) override {}
     Mishap AtEvent(unsigned) override { return Mishap::None; }
     void BeforeEnd(EmuMachine&, const std::vector<EmuKeyboard*>&) override { Count(); }
 
@@ -140,11 +142,19 @@ public:
 
     Mishap AtReport(unsigned uKeyboard) override
     {
-        if (m_bApart || !IsChosen(Trouble::Pulled, m_ledger.Reports() - 1) ||
-            !SendApart(Trouble::Pulled, m_ledger.Reports(), uKeyboard))
-            return Mishap::None;
-        m_pulled.insert(uKeyboard);
-        return Mishap::KeyboardPulled;
+        for (Trouble trouble : {Trouble::Pulled, Trouble::Removed})
+            if (!m_bApart && IsChosen(trouble, m_ledger.Reports() - 1) &&
+                SendApart(trouble, m_ledger.Reports(), uKeyboard)) {
+                m_pulled.insert(uKeyboard);
+                return trouble == Trouble::Pulled ? Mishap::KeyboardPulled : Mishap::KeyboardRemoved;
+            }
+        return Mishap::None;
+    }
+    void AfterPull(unsigned uKeyboard, EmuKeyboard& keyboard) override
+    {
+        if (EmuHidOutstandingReads(keyboard.Hid()) != 0)
+            Say(Result::Hung,
+                fmt::format("a read of keyboard {} stays in the driver when it is pulled", uKeyboard));
     }
     Mishap AtEvent(unsigned uKeyboard) override
     {
@@ -189,8 +199,12 @@ private:
         const unsigned uEnd = steps[cStep].uCalls;
         for (unsigned uCall = uBefore; uCall < uEnd && !m_bApart; ++uCall)
             if (IsChosen(Trouble::Failed, uCall) &&
-                SendApart(Trouble::Failed, uCall + 1, m_ledger.LatestKeyboard()))
+                SendApart(Trouble::Failed, uCall + 1, m_ledger.LatestKeyboard())) {
+                HostListenToFailures([this](const std::string& call) {
+                    SayApart(CallMark + std::to_string(m_uSteps ? m_ledger.Reports() + 1 : 0) + " " + call);
+                });
                 HostFailNth(nullptr, uCall - uBefore + 1);
+            }
     }
 
     // True in the copy.
@@ -206,7 +220,7 @@ private:
             return true;
         }
         ++m_drill.kinds[static_cast<size_t>(trouble)].uTried;
-        Note({trouble, uNumber, m_ledger.NowUs(), uKeyboard, Result::Lost, ""}, *apart);
+        Note({trouble, uNumber, m_ledger.NowUs(), uKeyboard, Result::Lost, "", m_ledger.Reports()}, *apart);
         return false;
     }
 
@@ -220,7 +234,11 @@ private:
         };
         const size_t cBefore = m_drill.harms.size();
         for (const std::string& line : apart.said)
-            add(static_cast<Result>(line[0] - 'a'), line.substr(1));
+            if (line[0] == CallMark) {
+                harm.uReport = static_cast<unsigned>(std::stoul(line.substr(1)));
+                harm.call = line.substr(line.find(' ') + 1);
+            } else
+                add(static_cast<Result>(line[0] - 'a'), line.substr(1));
         if (apart.bHung)
             add(Result::Hung, fmt::format("it does not end within {:g} s", m_plan.uMostMs / 1000.0));
         else if (apart.iSignal)
@@ -303,7 +321,7 @@ bool IsWrong(const Harm& harm)
 
 const char* NameOf(Trouble trouble)
 {
-    static const char* const names[] = {"pulled", "gone", "failed"};
+    static const char* const names[] = {"pulled", "removed", "gone", "failed"};
     return names[static_cast<size_t>(trouble)];
 }
 
@@ -320,11 +338,13 @@ Drill RunDrill(const Script& script, const ReplaySetup& setup, const DrillPlan& 
     Drill drill;
     drill.uReports = undisturbed.uReports;
     drill.uEvents = undisturbed.uEvents;
-    const unsigned moments[] = {undisturbed.uReports, undisturbed.uEvents, undisturbed.steps.back().uCalls};
+    const unsigned moments[] = {undisturbed.uReports, undisturbed.uReports, undisturbed.uEvents,
+                                undisturbed.steps.back().uCalls};
     for (Trouble trouble : Troubles) {
         Drill::Kind& kind = drill.kinds[static_cast<size_t>(trouble)];
         kind.uMoments = moments[static_cast<size_t>(trouble)];
-        kind.uEvery = EveryOf(trouble == Trouble::Pulled ? 2 * kind.uMoments : kind.uMoments, plan);
+        const bool bTwice = trouble == Trouble::Pulled || trouble == Trouble::Removed;
+        kind.uEvery = EveryOf(bTwice ? 2 * kind.uMoments : kind.uMoments, plan);
     }
     Walk(drill, undisturbed, plan).Run(script, setup);
     return drill;

@@ -1,8 +1,8 @@
 // drill.h - a session, played again and again while something goes wrong in it.
 //
 //   undisturbed run ──► how many reports, events, calls of the driver that can fail; which presses the system saw
-//   one walk more   ──► at each moment that was chosen a copy of the program goes apart: there the keyboard is pulled, the
-//                       application goes, or the call fails; it plays on for a while, ends the session and says what
+//   one walk more   ──► at each moment that was chosen a copy of the program goes apart: there the keyboard is pulled or
+//                       removed in order, the application goes, or the call fails; it plays on for a while, ends the session and says what
 //                       was lost, left behind or hung
 //
 // So a drill's time grows with the number of copies, not with its square, and nothing that happens in a copy, not even
@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-enum class Trouble { Pulled, Gone, Failed };
-constexpr Trouble Troubles[] = {Trouble::Pulled, Trouble::Gone, Trouble::Failed};
+enum class Trouble { Pulled, Removed, Gone, Failed };
+constexpr Trouble Troubles[] = {Trouble::Pulled, Trouble::Removed, Trouble::Gone, Trouble::Failed};
 
 // What came of it; the first two alone need not be wrong.
 enum class Result { Lost, Refused, Stuck, LeftBehind, Hung, Stopped, NoKeyboard };
@@ -29,6 +29,8 @@ struct Harm {
     unsigned uKeyboard;
     Result result;
     std::string text;
+    unsigned uReport;      // that was told last; of a call, the one on its way (0: none has come yet)
+    std::string call = {}; // that failed: its service and what it was about
 };
 
 struct Drill {
@@ -38,7 +40,7 @@ struct Drill {
         unsigned uEvery = 1;   // of them one in so many
         unsigned uTried = 0, uLost = 0, uWrong = 0;
     };
-    std::array<Kind, 3> kinds; // by Trouble
+    std::array<Kind, std::size(Troubles)> kinds; // by Trouble
     std::vector<Harm> harms;
 };
 

@@ -101,6 +101,7 @@ private:
         player.bEmulated = !player.script.bTold && (!m_script.bEnumerates || !m_setup.kinds.empty());
         EmuPlugOptions options;
         options.Manual = true;
+        options.Patient = m_setup.pTrial != nullptr;
         options.Record = false;
         options.NoEnumeration = !player.bEmulated;
         options.PacketBytes = player.script.ulReadBytes;
@@ -132,6 +133,16 @@ private:
         size_t cKind = std::min(m_uUntold, m_setup.kinds.size() - 1);
         m_uUntold += !keyboard.bTold;
         return m_setup.kinds[cKind] ? *m_setup.kinds[cKind] : *EmuMachine::FindKind(keyboard.pGuess);
+    }
+
+    // Kinds are for keyboards of which the input does not tell it.
+    void TellUnusedKinds()
+    {
+        if (m_setup.kinds.size() > m_uUntold)
+            m_printer.Note(
+                Now(), -1,
+                fmt::format("--keyboard is used for {} keyboard{}: the input tells what the others are",
+                            m_uUntold == 0 ? "no" : std::to_string(m_uUntold), m_uUntold <= 1 ? "" : "s"));
     }
 
     // The time of the input, which skips what the clock does not run through.
@@ -351,16 +362,23 @@ private:
         Player& player = m_players[uKeyboard];
         if (mishap == Mishap::ApplicationGone)
             m_application.reset();
-        if (mishap == Mishap::KeyboardPulled && !player.bGone) {
-            player.bGone = true;
-            player.pKeyboard->Unplug(true);
-        }
+        if (mishap == Mishap::None || mishap == Mishap::ApplicationGone || player.bGone)
+            return;
+        player.bGone = true;
+        if (mishap == Mishap::KeyboardPulled) {
+            player.pKeyboard->SurpriseRemove();
+            HostSettle();
+            m_setup.pTrial->AfterPull(uKeyboard, *player.pKeyboard);
+            player.pKeyboard->Remove();
+        } else
+            player.pKeyboard->Unplug(false);
     }
 
     // The end: the application leaves, the keyboards are removed in order, the driver is unloaded.
     unsigned Finish()
     {
         uint64_t ullNow = Now();
+        TellUnusedKinds();
         std::vector<EmuKeyboard*> keyboards;
         for (const Player& player : m_players)
             keyboards.push_back(player.pKeyboard);
