@@ -4,6 +4,7 @@
 
 #include "tests/macro_file.h"
 #include "tools/audit/audit.h"
+#include "tools/audit/beside.h"
 
 namespace
 {
@@ -25,12 +26,16 @@ Script ScriptOf(const std::vector<Timed>& reports)
 }
 
 // "sent 2, seen 1, taken 1 by a hotkey; besides 0; 7: 1/1/1; lost 1.000 F", fired/came/armed.
-std::string Audited(const std::vector<Timed>& reports, const std::string& config,
-                    const char* pKind = "normal")
+std::string ToldOf(const std::vector<Timed>& reports, const std::string& config, const char* pKind = "normal")
 {
     ReplayConfig parsed = ParseConfig("my.toml", config);
     Script script = ScriptOf(reports);
-    Audit audit = AuditOf("my.hid", script, {DriverEntry, {EmuMachine::FindKind(pKind)}, parsed});
+    std::string findings;
+    Audit audit = AuditOf("my.hid", script, {DriverEntry, {EmuMachine::FindKind(pKind)}, parsed},
+                          [&](const Finding& finding) {
+                              findings += "; " + std::string(NameOf(finding.kind)) + " " +
+                                          std::to_string(finding.ullUs / 1000) + ": " + finding.text;
+                          });
     std::string text = "sent " + std::to_string(audit.uSent) + ", seen " + std::to_string(audit.uSeen);
     for (const auto& [by, uTimes] : audit.taken)
         text += ", " + std::to_string(uTimes) + " taken by " + by;
@@ -38,10 +43,7 @@ std::string Audited(const std::vector<Timed>& reports, const std::string& config
     for (const auto& [ulId, use] : audit.hotkeys)
         text += "; " + std::to_string(ulId) + ": " + std::to_string(use.uFired) + "/" +
                 std::to_string(use.uKeysCame) + "/" + std::to_string(use.uArmed);
-    for (const Finding& finding : audit.findings)
-        text += "; " + std::string(NameOf(finding.kind)) + " " + std::to_string(finding.ullUs / 1000) + ": " +
-                finding.text;
-    return text;
+    return text + findings;
 }
 
 const char* const Up = "00 00 00 00 00 00 00 00";
@@ -94,8 +96,8 @@ TEST(Audit, TellsWhatBecameOfPresses)
          "sent 3, seen 3, besides 0; 7: 1/3/3"}, // its own first key is no typing
         {{{0, "e9 00"}, {50, "00 00"}, {100, "cd 00"}, {150, "00 00"}},
          "[[definition]]\nid = 7\nkeys = [\"Volume Up\", \"Mute\"]\n",
-         "sent 2, seen 1, besides 0; 7: 0/1/1; lost 100: Play never reached the system: held back and not "
-         "given back",
+         "sent 2, seen 1, besides 0; 7: 0/1/1; lost 100: Play never reached the system: held back, and no "
+         "keyboard of this kind gets keys back",
          "power"},
         {{{0, F}, {50, Up}},
          HotF + HotF,
@@ -111,7 +113,7 @@ TEST(Audit, TellsWhatBecameOfPresses)
          "power"},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(c.told, Audited(c.reports, c.config, c.pKind));
+        EXPECT_EQ(c.told, ToldOf(c.reports, c.config, c.pKind));
 }
 
 // A macro of more reports than the driver queues, whose last one that fits leaves a key down.
@@ -131,7 +133,7 @@ TEST(Audit, TellsFullQueuesAndStuckKeys)
               "00 00 00 00]; queue_full 500: FifoFull keyboard=0 report=[00 00 00 00 00 00 00 00]; stuck "
               "2500: B is "
               "down at the end, and the keyboard does not hold it",
-              Audited({{0, "00 00 47 00 00 00 00 00"}, {50, Up}, {500, "00 00 3a 00 00 00 00 00"}}, config));
+              ToldOf({{0, "00 00 47 00 00 00 00 00"}, {50, Up}, {500, "00 00 3a 00 00 00 00 00"}}, config));
 }
 
 TEST(Audit, ComparesTwoConfigurations)
@@ -142,19 +144,59 @@ TEST(Audit, ComparesTwoConfigurations)
     const ReplayConfig eight =
         ParseConfig("my.toml", "[[definition]]\nid = 8\nkeys = [\"ctrl+F1\"]\nswallow = 1\n");
     const ReplaySetup setup{DriverEntry, {EmuMachine::FindKind("normal")}, none};
-    EXPECT_EQ(0u, DifferencesOf(script, setup, {"a", hot}, {"b", hot}).size());
-    EXPECT_EQ(2u, DifferencesOf(script, setup, {"a", hot}, {"b", eight}).size());
-    std::string told;
-    for (const Finding& finding : DifferencesOf(script, setup, {"a", none}, {"b", hot}))
-        told += std::to_string(finding.ullUs) + " " + finding.text + " | " + finding.details.at(0) + " | " +
-                finding.details.at(1) + "\n";
+    auto differences = [&](const ReplayConfig& one, const ReplayConfig& other) {
+        std::string told;
+        FindDifferences(script, setup, {"a", one}, {"b", other}, [&](const Finding& finding) {
+            told += std::to_string(finding.ullUs) + " " + finding.text + " | " + finding.details.at(0) +
+                    " | " + finding.details.at(1) + "\n";
+        });
+        return told;
+    };
+    EXPECT_EQ("", differences(hot, hot));
+    const std::string otherId = differences(hot, eight);
+    EXPECT_EQ(2, std::count(otherId.begin(), otherId.end(), '\n')) << otherId;
     EXPECT_EQ("99000 report 3, sent 01 00 3a 00 00 00 00 00 | a: seen 01 00 3a 00 00 00 00 00 | b: seen 00 "
               "00 00 00 00 00 00 "
               "00, hotkey 7 down\n"
               "150000 report 4, sent 00 00 00 00 00 00 00 00 | a: seen 00 00 00 00 00 00 00 00 | b: seen 00 "
               "00 00 00 00 00 00 "
               "00, hotkey 7 up\n",
-              told);
+              differences(none, hot));
+}
+
+// Each of two keyboards, whose reports come between each other's; one sends more behind the other's end.
+TEST(Audit, ComparesKeyboardByKeyboard)
+{
+    std::string recording = "D: 0\nE: 1.0 8 00 00 09 00 00 00 00 00\nD: 1\nE: 1.1 8 00 00 08 00 00 00 00 00\n"
+                            "D: 0\nE: 1.2 8 00 00 00 00 00 00 00 00\nD: 1\n";
+    for (int i = 0; i < 5000; ++i)
+        recording += i % 2 ? "E: 2.0 8 00 00 08 00 00 00 00 00\n" : "E: 2.0 8 00 00 09 00 00 00 00 00\n";
+    const Script script = RecordingOf(recording);
+    const ReplayConfig none = ParseConfig("no.toml", ""), hot = ParseConfig("my.toml", HotF);
+    const ReplaySetup setup{DriverEntry, {EmuMachine::FindKind("normal")}, none};
+    std::map<unsigned, unsigned> differences;
+    FindDifferences(script, setup, {"a", none}, {"b", hot},
+                    [&](const Finding& finding) { ++differences[finding.uKeyboard]; });
+    EXPECT_EQ((std::map<unsigned, unsigned>{{0, 2}, {1, 5000}}), differences);
+}
+
+TEST(Audit, TellsThatTheOtherRunFailed)
+{
+    std::string line;
+    Beside fails([](const LineTeller& tell) {
+        tell("one");
+        throw std::runtime_error("the driver does not load");
+    });
+    EXPECT_TRUE(fails.Next(line));
+    EXPECT_EQ("one", line);
+    EXPECT_THROW(fails.Next(line), std::runtime_error);
+    Beside dies([](const LineTeller&) { _exit(0); });
+    EXPECT_THROW(dies.Next(line), std::runtime_error);
+    Beside unread([](const LineTeller& tell) {
+        for (;;)
+            tell("more than a pipe holds");
+    });
+    EXPECT_TRUE(unread.Next(line));
 }
 
 // What is wrong in sessions: the page, the lines, the statuses.

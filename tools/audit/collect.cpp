@@ -69,7 +69,10 @@ struct Watched {
 class Auditor final : public ReplayPrinter
 {
 public:
-    Auditor(Audit& audit, const ReplayConfig& config) : m_audit(audit), m_kinds(config.definitions) {}
+    Auditor(Audit& audit, const FindingTaker& take, const ReplayConfig& config)
+        : m_audit(audit), m_take(take), m_kinds(config.definitions)
+    {
+    }
 
     void Trace(const Traced& step)
     {
@@ -175,7 +178,7 @@ private:
 
     void Find(FindingKind kind, uint64_t ullUs, unsigned uKeyboard, const std::string& text)
     {
-        m_audit.findings.push_back({kind, ullUs, uKeyboard, text});
+        m_take({kind, ullUs, uKeyboard, text});
     }
 
     // What was traced is of the moment that is told next.
@@ -220,7 +223,9 @@ private:
         const auto taken = takers.keys.find(key);
         const std::string by = taken != takers.keys.end() ? taken->second : "";
         if (by == "the release of a hotkey" || (by == "nobody" && !takers.bHotkey))
-            return {ullUs, "", by == "nobody" ? "held back and not given back" : "taken out by " + by};
+            return {ullUs, "",
+                    by == "nobody" ? "held back, and no keyboard of this kind gets keys back"
+                                   : "taken out by " + by};
         if (!by.empty())
             return {ullUs, by == "nobody" ? "a hotkey" : by, ""};
         // The keys of other kinds of keyboards are halves of usages, or bits.
@@ -295,6 +300,7 @@ private:
     }
 
     Audit& m_audit;
+    const FindingTaker& m_take;
     const EventKinds m_kinds;
     KeyTracker m_below, m_above;
     std::map<unsigned, uint32_t> m_devices;               // the driver's index, by keyboard
@@ -312,18 +318,17 @@ const char* NameOf(FindingKind kind)
     return names[static_cast<size_t>(kind)];
 }
 
-Audit AuditOf(const std::string& input, const Script& script, const ReplaySetup& setup)
+Audit AuditOf(const std::string& input, const Script& script, const ReplaySetup& setup,
+              const FindingTaker& take)
 {
     Audit audit;
     audit.input = input;
-    Auditor auditor(audit, setup.config);
+    Auditor auditor(audit, take, setup.config);
     ReplaySetup traced = setup;
     traced.BeforeLoad = [&] {
         ListenToDriver(TraceEverything, TraceReports | TraceHotkeys | TraceQueues,
                        [&](const Traced& step) { auditor.Trace(step); });
     };
     RunReplay(script, traced, auditor);
-    std::stable_sort(audit.findings.begin(), audit.findings.end(),
-                     [](const Finding& a, const Finding& b) { return a.ullUs < b.ullUs; });
     return audit;
 }

@@ -33,15 +33,15 @@ int RunAudit(const AuditArguments& arguments)
     AuditPage page{{}, arguments.config, arguments.against, config};
     bool bWrong = false;
     for (size_t i = 0; i < scripts.size(); ++i) {
-        Audit audit = AuditOf(arguments.inputs[i], scripts[i], setup);
+        Found found(arguments.inputs[i], arguments.bJson);
+        const FindingTaker take = [&](const Finding& finding) { found.Add(finding); };
+        Audit audit = AuditOf(arguments.inputs[i], scripts[i], setup, take);
         if (!arguments.against.empty())
-            for (Finding& difference :
-                 DifferencesOf(scripts[i], setup,
-                               {arguments.config.empty() ? "no configuration" : arguments.config, config},
-                               {arguments.against, other}))
-                audit.findings.push_back(std::move(difference));
-        bWrong |= !audit.findings.empty();
-        page.audits.push_back(std::move(audit));
+            FindDifferences(scripts[i], setup,
+                            {arguments.config.empty() ? "no configuration" : arguments.config, config},
+                            {arguments.against, other}, take);
+        bWrong |= found.Count() != 0;
+        page.audits.push_back({std::move(audit), std::move(found)});
     }
     arguments.bJson ? PrintJson(page) : PrintPage(page);
     return bWrong ? ExitFailed : ExitGood;

@@ -8,8 +8,6 @@
 namespace
 {
 
-constexpr size_t MostShown = 12; // findings of a kind on the page
-
 const char* const Titles[] = {
     "lost",     "stuck at the end",    "fired by accident", "dropped by a full queue",
     "not read", "definitions refused", "left behind",       "differences"};
@@ -20,10 +18,10 @@ std::string Seconds(uint64_t ullUs)
 }
 
 // All inputs together.
-Audit SumOf(const std::vector<Audit>& audits)
+Audit SumOf(const std::vector<Audited>& audits)
 {
     Audit sum;
-    for (const Audit& audit : audits) {
+    for (const auto& [audit, found] : audits) {
         sum.ullEndUs += audit.ullEndUs;
         sum.totals.uKeyboards += audit.totals.uKeyboards;
         sum.totals.uReports += audit.totals.uReports;
@@ -55,30 +53,31 @@ std::string UseWords(const HotkeyUse& use)
                        use.uKeysCame == 1 ? "" : "s", use.uArmed);
 }
 
-void PrintFindings(const AuditPage& page, FindingKind kind)
+size_t CountOf(const AuditPage& page, FindingKind kind)
 {
     size_t cAll = 0;
-    for (const Audit& audit : page.audits)
-        for (const Finding& finding : audit.findings) {
-            if (finding.kind != kind || ++cAll > MostShown)
-                continue;
-            if (cAll == 1)
+    for (const auto& [audit, found] : page.audits)
+        cAll += found.CountOf(kind);
+    return cAll;
+}
+
+void PrintFindings(const AuditPage& page, FindingKind kind)
+{
+    size_t cShown = 0;
+    for (const auto& [audit, found] : page.audits)
+        for (const Finding& finding : found.FirstOf(kind)) {
+            if (++cShown > MostShown)
+                break;
+            if (cShown == 1)
                 fmt::print("\n  {}\n", Titles[static_cast<size_t>(kind)]);
             fmt::print("    {}{:>11} s  keyboard {}  {}\n", page.audits.size() > 1 ? audit.input + "  " : "",
                        Seconds(finding.ullUs), finding.uKeyboard, finding.text);
             for (const std::string& detail : finding.details)
                 fmt::print("                     {}\n", detail);
         }
+    const size_t cAll = CountOf(page, kind);
     if (cAll > MostShown)
         fmt::print("    and {} more; --json tells them all\n", cAll - MostShown);
-}
-
-size_t FindingsOf(const AuditPage& page)
-{
-    size_t cAll = 0;
-    for (const Audit& audit : page.audits)
-        cAll += audit.findings.size();
-    return cAll;
 }
 
 } // namespace
@@ -87,7 +86,8 @@ void PrintPage(const AuditPage& page)
 {
     const Audit sum = SumOf(page.audits);
     fmt::print("{}{}{}\n",
-               page.audits.size() == 1 ? page.audits[0].input : fmt::format("{} inputs", page.audits.size()),
+               page.audits.size() == 1 ? page.audits[0].audit.input
+                                       : fmt::format("{} inputs", page.audits.size()),
                page.config.empty() ? ", without a configuration" : " with " + page.config,
                page.against.empty() ? "" : ", against " + page.against);
     fmt::print("  {} keyboard{}, {} reports, {} s\n\n", sum.totals.uKeyboards,
@@ -95,11 +95,7 @@ void PrintPage(const AuditPage& page)
     fmt::print("  presses sent        {:>8}\n  seen by the system  {:>8}\n", sum.uSent, sum.uSeen);
     for (const auto& [by, uTimes] : sum.taken)
         fmt::print("  taken               {:>8}  by {}\n", uTimes, by);
-    size_t cLost = 0;
-    for (const Audit& audit : page.audits)
-        for (const Finding& finding : audit.findings)
-            cLost += finding.kind == FindingKind::Lost;
-    fmt::print("  lost                {:>8}\n", cLost);
+    fmt::print("  lost                {:>8}\n", CountOf(page, FindingKind::Lost));
     fmt::print("  seen besides        {:>8}\n", sum.uMade);
     fmt::print("  slowest way         {:>8} s{}\n", Seconds(sum.ullSlowestUs),
                sum.slowest.empty() ? "" : "  " + sum.slowest);
@@ -107,16 +103,18 @@ void PrintPage(const AuditPage& page)
         fmt::print("\n  hotkeys\n");
     for (const auto& [ulId, use] : sum.hotkeys)
         fmt::print("    {:>5}  {:20}  {}\n", ulId, ShownDefinition(ulId, page.settings), UseWords(use));
-    for (size_t i = 0; i < std::size(Titles); ++i)
+    size_t cWrong = 0;
+    for (size_t i = 0; i < std::size(Titles); ++i) {
         PrintFindings(page, static_cast<FindingKind>(i));
-    const size_t cWrong = FindingsOf(page);
+        cWrong += CountOf(page, static_cast<FindingKind>(i));
+    }
     fmt::print("\n  {}\n", cWrong == 0 ? "nothing is wrong"
                                        : fmt::format("{} finding{}", cWrong, cWrong == 1 ? "" : "s"));
 }
 
 void PrintJson(const AuditPage& page)
 {
-    for (const Audit& audit : page.audits) {
+    for (const auto& [audit, found] : page.audits) {
         unsigned uTaken = 0;
         for (const auto& [by, uTimes] : audit.taken)
             uTaken += uTimes;
@@ -124,18 +122,11 @@ void PrintJson(const AuditPage& page)
                    "\"seen\":{},"
                    "\"taken\":{},\"besides\":{},\"slowest_us\":{},\"findings\":{}}}\n",
                    QuotedJson(audit.input), audit.ullEndUs, audit.totals.uKeyboards, audit.totals.uReports,
-                   audit.uSent, audit.uSeen, uTaken, audit.uMade, audit.ullSlowestUs, audit.findings.size());
+                   audit.uSent, audit.uSeen, uTaken, audit.uMade, audit.ullSlowestUs, found.Count());
         for (const auto& [ulId, use] : audit.hotkeys)
             fmt::print(
                 "{{\"type\":\"hotkey\",\"file\":{},\"id\":{},\"fired\":{},\"came\":{},\"armed\":{}}}\n",
                 QuotedJson(audit.input), ulId, use.uFired, use.uKeysCame, use.uArmed);
-        for (const Finding& finding : audit.findings) {
-            std::vector<std::string> texts = finding.details;
-            texts.insert(texts.begin(), finding.text);
-            fmt::print(
-                "{{\"type\":\"finding\",\"file\":{},\"t_us\":{},\"kbd\":{},\"kind\":\"{}\",\"text\":{}}}\n",
-                QuotedJson(audit.input), finding.ullUs, finding.uKeyboard, NameOf(finding.kind),
-                QuotedJson(JoinedWith(texts, "; ")));
-        }
+        found.PrintAll();
     }
 }

@@ -108,12 +108,13 @@ public:
     }
     void Line(const std::string& line)
     {
-        for (size_t i = 0; i < m_conditions.size(); ++i)
-            m_seen[i] = m_seen[i] || m_conditions[i].Fits(line);
-        if (m_ullDecided == UINT64_MAX && IsDecided())
-            m_ullDecided = std::stoull(std::string(MemberOf(line, "t_us").value()));
+        for (size_t i = 0; i < m_conditions.size() && !IsDecided(); ++i)
+            if (!m_seen[i] && m_conditions[i].Fits(line)) {
+                m_seen[i] = true;
+                m_ullLatest = std::max(m_ullLatest, TimeOf(line)); // findings come as they are found
+            }
     }
-    uint64_t DecidedAt() const { return m_ullDecided; }
+    uint64_t DecidedAt() const { return IsDecided() ? m_ullLatest : UINT64_MAX; }
     // True when whatever may still come changes nothing.
     bool IsDecided() const
     {
@@ -134,9 +135,14 @@ public:
     }
 
 private:
+    static uint64_t TimeOf(const std::string& line)
+    {
+        return std::stoull(std::string(MemberOf(line, "t_us").value()));
+    }
+
     const std::vector<Condition>& m_conditions;
     std::vector<bool> m_seen;
-    uint64_t m_ullDecided = UINT64_MAX;
+    uint64_t m_ullLatest = 0; // of the lines that decide
 };
 
 Expression::Watch Expression::Play(const Script& script, const ReplaySetup& setup) const
@@ -144,8 +150,7 @@ Expression::Watch Expression::Play(const Script& script, const ReplaySetup& setu
     Watch watch(m_conditions);
     auto isFinding = [](const Condition& condition) { return condition.bFinding; };
     if (std::any_of(m_conditions.begin(), m_conditions.end(), isFinding))
-        for (const Finding& finding : AuditOf("", script, setup).findings)
-            watch.Line(LineOf(finding));
+        AuditOf("", script, setup, [&](const Finding& finding) { watch.Line(LineOf(finding)); });
     if (!std::all_of(m_conditions.begin(), m_conditions.end(), isFinding)) {
         ReplaySetup watched = setup;
         watched.IsEnough = [&] { return watch.IsDecided(); };
