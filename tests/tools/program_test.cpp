@@ -100,6 +100,7 @@ TEST_F(Program, NamesTheNearestOfWrongNames)
         {"", "a verb is missing; tvusb --help lists them"},
         {"macro", "a verb is missing; tvusb macro --help lists them"},
         {"replay", "INPUT is required"},
+        {"replay a --from 9 --to 8.5", "--from 9 is behind --to 8.5"},
         {"replay a b", "The following argument was not expected: b"},
     };
     for (const auto& [pArguments, pSaid] : cases)

@@ -2,6 +2,10 @@
 #include "captures.h"
 #include "program.h"
 
+#include "tools/common/failure.h"
+#include "tools/replay/input.h"
+#include "tools/shrink/shrink.h"
+
 namespace
 {
 
@@ -122,6 +126,8 @@ TEST_F(Shrink, SaysWhyThereIsNothing)
         int iStatus;
     } cases[] = {
         {"typed.hid out --config f1.toml", "event id=9", "typed.hid: it does not show 'event id=9'", 1},
+        {"typed.hid out --config f1.toml --from 0.65", "event id=7",
+         "typed.hid: it does not show 'event id=7'", 1},
         {"typed.hid out", "evnt id=9",
          "--while: 'evnt' is no kind of line and no finding (did you mean 'event'?)", 2},
         {"typed.hid out", "event id", "--while: 'id' is no MEMBER=VALUE; conditions have 'and' between them",
@@ -139,6 +145,8 @@ TEST_F(Shrink, SaysWhyThereIsNothing)
         EXPECT_EQ(0u, outcome.err.find(std::string("tvusb: ") + c.pSaid)) << outcome.err;
         EXPECT_EQ(1, std::count(outcome.err.begin(), outcome.err.end(), '\n')) << outcome.err;
     }
+    EXPECT_THROW(StepsOf("typed.hid", ReadInput(Path("typed.hid")), 13), InputError);
+    EXPECT_EQ(14u, StepsOf("typed.hid", ReadInput(Path("typed.hid")), 14).size());
     EXPECT_EQ("as it was", ContentOf(Path("out")));
     EXPECT_EQ(cFiles, FilesThere());
 }

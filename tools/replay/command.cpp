@@ -24,8 +24,8 @@ struct Arguments {
     std::string input;
     std::string config;
     std::vector<std::string> keyboards;
-    ScriptChoice choice;
-    double from = 0, to = LatestSecond; // seconds
+    PartArguments part;
+    bool bPartial = false, bFollow = false;
     bool bJson = false, bChanged = false;
     std::string pcapng;
 };
@@ -84,14 +84,15 @@ unsigned Print(const Arguments& arguments, const Script& script, const ReplaySet
     }
 }
 
-int Replay(Arguments arguments)
+int Replay(const Arguments& arguments)
 {
-    arguments.choice.ullFromUs = static_cast<uint64_t>(arguments.from * 1e6);
-    arguments.choice.ullToUs = static_cast<uint64_t>(arguments.to * 1e6);
-    if (arguments.choice.bFollow)
+    if (arguments.bFollow)
         FollowUntilInterrupted();
-    arguments.choice.bLive = arguments.pcapng.empty();
-    Script script = ReadInput(arguments.input, arguments.choice);
+    ScriptChoice choice = arguments.part.Choice();
+    choice.bPartial = arguments.bPartial;
+    choice.bFollow = arguments.bFollow;
+    choice.bLive = arguments.pcapng.empty();
+    Script script = ReadInput(arguments.input, choice);
     ReplayConfig config;
     if (!arguments.config.empty())
         config = ReadConfig(arguments.config);
@@ -113,6 +114,26 @@ std::string FaultOfSecond(const std::string& text)
     double second = 0;
     bool bGood = CLI::detail::lexical_cast(text, second) && second >= 0 && second <= LatestSecond;
     return bGood ? "" : fmt::format("{} is no second from 0 to {:.0f}", text, LatestSecond);
+}
+
+ScriptChoice PartArguments::Choice() const
+{
+    ScriptChoice choice;
+    choice.devices = devices;
+    choice.ullFromUs = static_cast<uint64_t>(from * 1e6);
+    choice.ullToUs = static_cast<uint64_t>(to * 1e6);
+    if (from > to)
+        throw InputError(fmt::format("--from {:g} is behind --to {:g}", from, to));
+    return choice;
+}
+
+void AddPartOptions(CLI::App& verb, PartArguments& part)
+{
+    verb.add_option("--device", part.devices, "only these: VID:PID, or a part of their name")
+        ->allow_extra_args(false);
+    verb.add_option("--from", part.from, "only reports from that second of the input on")
+        ->check(FaultOfSecond);
+    verb.add_option("--to", part.to, "only what comes up to that second")->check(FaultOfSecond);
 }
 
 std::vector<const EmuDescriptors*> KindsNamed(const std::vector<std::string>& names)
@@ -154,14 +175,10 @@ void AddReplayVerb(CLI::App& app, Verbs& verbs)
         ->add_option("--pcapng", arguments->pcapng,
                      "print nothing; write both sides of the driver as a capture for Wireshark")
         ->excludes(pJson);
-    pReplay->add_option("--device", arguments->choice.devices, "only these: VID:PID, or a part of their name")
-        ->allow_extra_args(false);
-    pReplay->add_option("--from", arguments->from, "only reports from that second of the input on")
-        ->check(FaultOfSecond);
-    pReplay->add_option("--to", arguments->to, "only what comes up to that second")->check(FaultOfSecond);
+    AddPartOptions(*pReplay, arguments->part);
     pReplay->add_flag("--changed", arguments->bChanged, "only what the driver rewrote or told");
-    pReplay->add_flag("--partial", arguments->choice.bPartial, "of a broken file, play what is whole");
-    pReplay->add_flag("--follow", arguments->choice.bFollow,
+    pReplay->add_flag("--partial", arguments->bPartial, "of a broken file, play what is whole");
+    pReplay->add_flag("--follow", arguments->bFollow,
                       "wait for more of a file that still grows (Ctrl+C ends)");
     verbs.push_back({pReplay, [arguments] { return Replay(*arguments); }});
 }

@@ -43,6 +43,28 @@ struct Session {
     ReplayTotals totals;
 };
 
+// Makes a line of whatever a replay tells, but of its end.
+class LinePrinter : public ReplayPrinter
+{
+public:
+    void Keyboard(uint64_t ullUs, unsigned uKeyboard, uint32_t ulIndex, unsigned uType,
+                  const ScriptKeyboard& keyboard) override;
+    void Definition(uint64_t ullUs, unsigned uKeyboard, uint32_t ulId, uint32_t ulStatus,
+                    const std::string& why) override;
+    void Report(uint64_t ullUs, unsigned uKeyboard, const std::optional<Bytes>& sent,
+                const Bytes& seen) override;
+    void Event(uint64_t ullUs, unsigned uKeyboard, const NotifyRecord& record) override;
+    void Macro(uint64_t ullUs, const MacroRecord& record) override;
+    void Led(uint64_t ullUs, unsigned uKeyboard, uint8_t ucReport) override;
+
+protected:
+    virtual void Line(SessionLine&& line) = 0;
+
+private:
+    SessionLine LineOf(LineKind kind, uint64_t ullUs, unsigned uKeyboard);
+    unsigned m_uLatest = 0;
+};
+
 // Fails (std::runtime_error): as RunReplay.
 Session TakeSession(const Script& script, const ReplaySetup& setup);
 
@@ -60,7 +82,8 @@ std::string WordsOf(const EventKinds& kinds, const SessionLine& line);
 // page without outside parts that shows keys over time. Memory does not grow with the session.
 // Both return what was left behind. Fail (InputError): cannot be written; as RunReplay.
 unsigned WritePcapng(const std::string& file, const Script& script, const ReplaySetup& setup);
-unsigned WritePage(const std::string& file, const Script& script, const ReplaySetup& setup);
+unsigned WritePage(const std::string& file, const std::string& title, const Script& script,
+                   const ReplaySetup& setup);
 
 // What every verb of this kind asks for: the input, the configuration, the kinds of a recording's keyboards.
 struct SessionArguments {
@@ -72,7 +95,7 @@ void AddSessionOptions(CLI::App& command, SessionArguments& arguments);
 
 // The same, read. Fails (InputError).
 struct SessionInput {
-    explicit SessionInput(const SessionArguments& arguments);
+    explicit SessionInput(const SessionArguments& arguments, const ScriptChoice& choice = {});
     SessionInput(const SessionInput&) = delete; // its setup refers to its configuration
     SessionInput& operator=(const SessionInput&) = delete;
 

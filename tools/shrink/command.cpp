@@ -4,6 +4,7 @@
 // expression or an input is bad.
 #include "shrink.h"
 #include "tools/common/files.h"
+#include "tools/replay/command.h"
 #include "tools/replay/input.h"
 #include "tools/session/scriptfile.h"
 #include "tools/session/session.h"
@@ -16,6 +17,7 @@ namespace
 
 struct ShrinkArguments : SessionArguments {
     std::string output, expression;
+    PartArguments part;
     bool bStory = false;
 };
 
@@ -38,12 +40,14 @@ void WriteSession(const ShrinkArguments& arguments, const Script& script, const 
 int Shrink(const ShrinkArguments& arguments)
 {
     const Expression expression(arguments.expression);
-    SessionInput input(arguments);
+    SessionInput input(arguments, arguments.part.Choice());
     if (!expression.HoldsFor(input.script, input.setup))
         throw std::runtime_error(
             fmt::format("{}: it does not show '{}'", arguments.input, expression.Text()));
-    const size_t cBefore = input.script.AllSteps().size();
-    const Steps steps = Smallest(input.script, input.setup, expression);
+    Steps all = StepsOf(arguments.input, input.script);
+    const size_t cBefore = all.size();
+    const uint64_t ullBeforeUs = all.back().ullUs;
+    const Steps steps = Smallest(input.script, std::move(all), input.setup, expression);
     const Script rest = WithSteps(input.script, steps);
     try {
         if (arguments.bStory) {
@@ -58,7 +62,7 @@ int Shrink(const ShrinkArguments& arguments)
     }
     fmt::print("{}: {} of {} reports and requests are left, {:.3f} s of {:.3f} s; it still shows '{}'\n",
                arguments.output, steps.size(), cBefore, static_cast<double>(steps.back().ullUs) / 1e6,
-               static_cast<double>(input.script.AllSteps().back().ullUs) / 1e6, expression.Text());
+               static_cast<double>(ullBeforeUs) / 1e6, expression.Text());
     return ExitGood;
 }
 
@@ -79,6 +83,7 @@ void AddShrinkVerb(CLI::App& app, Verbs& verbs)
                      "of `audit` "
                      "such as \"lost\"; several with `and` between them; `not`: no such line")
         ->required();
+    AddPartOptions(*pShrink, arguments->part);
     pShrink->add_flag("--story", arguments->bStory, "write OUT as a story (docs/stories.md)");
     verbs.push_back({pShrink, [arguments] { return Shrink(*arguments); }});
 }

@@ -40,13 +40,18 @@ private:
 };
 
 using Steps = std::vector<ScriptStep>;
+constexpr size_t MostSteps = 1000000; // 150 MB
 
-// The script with these steps instead of its own: keyboards without a report fall out, as they do when it is read again.
+// All steps of the script. Fails (InputError): more than that.
+Steps StepsOf(const std::string& input, const Script& script, size_t cMost = MostSteps);
+
+// The script with these steps instead of its own, which it refers to: keyboards without a report fall out, as they do when
+// it is read again.
 Script WithSteps(const Script& script, const Steps& steps);
 
-// The fewest steps of the script, with the fewest bytes in their reports and the shortest times between, for which the
-// expression holds: no more of them can be left out. It holds for the whole. What tells the kind of a keyboard stays.
-Steps Smallest(const Script& script, const ReplaySetup& setup, const Expression& expression);
+// The fewest of the steps, with the fewest bytes in their reports and the shortest times between, for which the expression
+// holds: no more of them can be left out. It holds for the whole. What tells the kind of a keyboard stays.
+Steps Smallest(const Script& script, Steps&& steps, const ReplaySetup& setup, const Expression& expression);
 
 // What a story has no words for.
 struct NoStory : std::runtime_error {
