@@ -112,6 +112,14 @@ TEST(Check, TellsWhatCanNeverFire)
         {Definition("modifiers = 0x1\n" + plain),
          KeyboardKind::Normal,
          {"1: definition 7: it never fires: no modifier sets the bits 0x1"}},
+        {Definition("modifiers = [\"ctrl\"]") + Definition("", 8),
+         std::nullopt,
+         {"1: definition 7: on a normal keyboard it fires with the first report and never again: modifiers "
+          "without a key count one by one: name the sides (lctrl, rctrl, ...)",
+          "4: definition 8: on a normal keyboard it fires with the first report and never again: it has "
+          "neither a "
+          "key nor a modifier of its own"}},
+        {Definition("modifiers = [\"lctrl\"]"), std::nullopt, {}},
         {Definition("modifiers = [\"ctrl\", \"lctrl\"]"),
          KeyboardKind::Normal,
          {"1: definition 7: it fires with the first report and never again: modifiers without a key count "

@@ -11,6 +11,7 @@ namespace
 
 constexpr size_t MostDefinitions = 511; // that a keyboard holds
 constexpr uint32_t Hotkey = 1, PointOfSale = 5, DiscardMode = 11;
+const std::string OnceWords = "it fires with the first report and never again: ";
 
 bool IsSame(const KeyDefinition& a, const KeyDefinition& b)
 {
@@ -66,15 +67,17 @@ private:
         for (KeyboardKind kind :
              m_kind ? std::vector{*m_kind} : std::vector(std::begin(all), std::end(all))) {
             DefinitionFault fault = FaultOf(m_config.definitions[i], m_config, kind);
+            if (fault.claim == Claim::Fine && first.claim == Claim::Once && !ExamineModes(i))
+                Warn(i, "on a normal keyboard " + OnceWords + first.what);
             if (fault.claim == Claim::Fine)
-                return false;
+                return first.claim == Claim::Once;
             if (first.claim == Claim::Fine)
                 first = fault;
         }
         if (first.claim == Claim::Once && ExamineModes(i))
             return true;
         std::string what = first.claim == Claim::Refused ? "the driver refuses it: "
-                           : first.claim == Claim::Once  ? "it fires with the first report and never again: "
+                           : first.claim == Claim::Once  ? OnceWords
                                                          : "it never fires: ";
         what += first.what;
         Warn(i, !m_kind && first.bOfKind ? what + "; nor does another kind of keyboard take it" : what);
