@@ -270,6 +270,7 @@ public:
     }
 
     Bytes File() const { return PcapFile(220, m_records); }
+    Bytes FileOfSnapLength(uint32_t ulBytes) const { return PcapngFile({{220, ulBytes}}, m_records); }
 
 private:
     UsbmonStory& Add(const UsbmonRecord& record)

@@ -193,6 +193,11 @@ TEST_F(Program, ReadsWhatPeopleRecord)
     mouse.Enumerate(0x3333, 3, ConfigurationOf({{3, 1, 2, 4}}));
     const Bytes moved = mouse.At(9000).Report({0, 1, 1, 0}).File();
     Write("mouse.pcap", {moved.begin(), moved.end()});
+    UsbmonStory desk;
+    desk.Enumerate(0x3333, 3, ConfigurationOf({{3, 1, 1}})).Report(Bytes(9, 1)); // of two packets
+    const Bytes nine = desk.File(), snapped = desk.FileOfSnapLength(74);
+    Write("whole.pcap", {nine.begin(), nine.end()});
+    Write("snapped.pcapng", {snapped.begin(), snapped.end()});
     // A snap length that cuts the descriptor of a hub, and no report.
     UsbmonRecord hub, key;
     hub.type = 'S';
@@ -223,6 +228,9 @@ TEST_F(Program, ReadsWhatPeopleRecord)
         {"eight.pcap", "--keyboard KIND or --keyboard guess", 0},
         {"mouse.pcap", R"("kbd":0,"text":"this is a mouse"})", 0},
         {"cut.pcapng", R"("in":"0000040000000000")", 0},
+        {"whole.pcap", R"("in":"010101010101010101","out":"010101010101010101"})", 0},
+        {"whole.pcap --keyboard power", "--keyboard is used for no keyboard: the input tells what", 0},
+        {"snapped.pcapng", "a snap length cut its descriptors, so the driver does not learn", 0},
         {"short.pcapng", "short.pcapng: packet 1: truncated: a snap length cut the report", 2},
     };
     for (const auto& c : cases) {

@@ -5,6 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 namespace
 {
 
@@ -199,6 +203,42 @@ TEST(Table, FitsANarrowTerminal)
                             "                  ->  00 00 00 00 00 00 00 00"))
         << text;
     EXPECT_NE(text.npos, text.find("\n                  hotkey 7 down\n")) << text;
+}
+
+TEST(Terminal, FollowsItsEnvironment)
+{
+    const int iTerminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_TRUE(iTerminal >= 0 && grantpt(iTerminal) == 0 && unlockpt(iTerminal) == 0);
+    FILE* pTerminal = fopen(ptsname(iTerminal), "w");
+    ASSERT_TRUE(pTerminal);
+    const winsize size{24, 72, 0, 0};
+    ioctl(fileno(pTerminal), TIOCSWINSZ, &size);
+    FILE* pFile = tmpfile();
+    const struct {
+        const char *pTerm, *pNoColor, *pLocale, *pColumns;
+        bool bTerminal;
+        const char* pIs;
+    } cases[] = {
+        {"xterm", nullptr, "C.UTF-8", nullptr, true, "colour UTF-8 72"},
+        {"xterm", "", "C.UTF-8", "120", true, "colour UTF-8 120"},
+        {"xterm", "1", "C", nullptr, true, "72"},
+        {"dumb", nullptr, "C.UTF-8", "none", true, "UTF-8 72"},
+        {"xterm", nullptr, "C.UTF-8", nullptr, false, "UTF-8 wide"},
+    };
+    for (const auto& c : cases) {
+        const std::pair<const char*, const char*> variables[] = {
+            {"TERM", c.pTerm}, {"NO_COLOR", c.pNoColor}, {"LC_ALL", c.pLocale}, {"COLUMNS", c.pColumns}};
+        for (const auto& [pName, pText] : variables)
+            pText ? setenv(pName, pText, 1) : unsetenv(pName);
+        const Terminal is = TerminalOf(c.bTerminal ? pTerminal : pFile);
+        EXPECT_EQ(c.pIs, std::string(is.bColour ? "colour " : "") + (is.bUtf8 ? "UTF-8 " : "") +
+                             (is.uColumns >= 200 ? "wide" : std::to_string(is.uColumns)));
+    }
+    for (const char* pName : {"TERM", "NO_COLOR", "LC_ALL", "COLUMNS"})
+        unsetenv(pName);
+    fclose(pFile);
+    fclose(pTerminal);
+    close(iTerminal);
 }
 
 TEST(Table, KeepsADevicesNameFromDrivingTheTerminal)

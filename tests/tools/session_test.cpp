@@ -22,6 +22,11 @@ template <typename Write> std::string Written(const Bytes& input, const char* pC
     return {content.begin(), content.end()};
 }
 
+unsigned WriteMyPage(const std::string& file, const Script& script, const ReplaySetup& setup)
+{
+    return WritePage(file, "my <b>.hid", script, setup);
+}
+
 } // namespace
 
 // Read as any capture: what was below is one keyboard, what was above another.
@@ -65,7 +70,7 @@ TEST(Session, BecomesAPageOfBars)
 {
     std::string page = Written(BytesOf("N: </script>\nI: 3 1234 5678\nE: 0.001 8 01 00 3a 00 00 00 00 00\n"
                                        "E: 0.003 8 00 00 04 00 00 00 00 00\n"),
-                               CtrlF1, WritePage);
+                               CtrlF1, WriteMyPage);
     std::string bars;
     for (const std::string& line : Only(LinesOf(page), R"({"kbd":0,"above":)"))
         bars += line.substr(line.find("above")) + "\n";
@@ -75,6 +80,7 @@ above":false,"own":false,"held":true,"key":"A","from":2000,"to":2002000},
 above":true,"own":false,"held":true,"key":"A","from":2000,"to":2002000}
 )",
               bars);
+    EXPECT_NE(std::string::npos, page.find(R"("title":"my \u003cb>.hid")"));
     EXPECT_NE(std::string::npos, page.find(R"({"t":0,"kbd":0,"text":"hotkey 7 down"})"));
     EXPECT_NE(std::string::npos, page.find(R"("name":"1234:5678 \u003c/script>")")); // a name ends no script
     for (const char* pOutside : {"http:", "https:", "src=", "href=", "@SESSION@"})
@@ -86,7 +92,7 @@ TEST(Session, TellsAHeldEscOfACashierAsAScanCode)
 {
     std::string page =
         Written(BytesOf("E: 0.1 8 00 00 29 00 00 00 00 00\nE: 0.7 8 00 00 00 00 00 00 00 00\n"),
-                "[[definition]]\nid = 5\ntype = 5\n[[definition]]\nid = 7\nkeys = [\"F1\"]\n", WritePage);
+                "[[definition]]\nid = 5\ntype = 5\n[[definition]]\nid = 7\nkeys = [\"F1\"]\n", WriteMyPage);
     std::string told;
     for (const std::string& line : Only(LinesOf(page), "of definition"))
         told += line.substr(line.find("text")) + "\n";

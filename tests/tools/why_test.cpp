@@ -171,6 +171,13 @@ TEST_F(Program, TellsWhy)
          {"report 3, 2.000000 s, keyboard 0\n", "  the application    hotkey 7 up\n",
           "    F1 has left the report\n", "7  ctrl+F1 (help)        ended: F1 was released\n"})
         EXPECT_NE(std::string::npos, text.find(pPart)) << pPart << text;
+    // The first other key after a hotkey's, at another keyboard, which gets no key back.
+    Write("two.hid", "D: 0\nE: 1.0 8 01 00 3a 00 00 00 00 00\nD: 1\nE: 2.0 3 01 ea 00\n");
+    const std::string lost = Run("why two.hid --config desk.toml --keyboard normal,power --report 2").out;
+    for (const char* pPart :
+         {"    Volume Down is held back, as the first key of no hotkey after a hotkey's key, at",
+          "    Volume Down is not given back: no keyboard of this kind gets keys back\n"})
+        EXPECT_NE(std::string::npos, lost.find(pPart)) << pPart << lost;
     ExpectBadInput(ask + "--report 4", "desk.hid: there is no report 4: it has 3\n");
     for (const char* pBad : {"", "--report 0", "--at nan", "--at 1 --report 1", "--report -1"})
         EXPECT_EQ(2, Run(ask + pBad).iStatus) << pBad;

@@ -64,10 +64,16 @@ void Survey(const Packet& packet, Devices& devices)
             if (packet.bCut && endpoint->second.uCutReport == 0)
                 endpoint->second.uCutReport = packet.uNumber;
         }
-        if (auto endpoint = device.reporting.find(packet.ucEndpoint); endpoint != device.reporting.end())
-            endpoint->second.ulReadBytes = std::max(endpoint->second.ulReadBytes, ulBytes);
+        if (auto endpoint = device.reporting.find(packet.ucEndpoint); endpoint != device.reporting.end()) {
+            ReportEndpoint& reporting = endpoint->second;
+            reporting.ulReadBytes = std::max(reporting.ulReadBytes, ulBytes);
+            if (IsReport(packet))
+                reporting.ulLongest =
+                    std::max(reporting.ulLongest, static_cast<uint32_t>(packet.data.size()));
+        }
     } else if (packet.type == TransferType::Control && !packet.bSubmit && packet.bJoined) {
         device.bHub |= (packet.setup[0] & 0x7F) == HubPortRequest;
+        device.bCut |= packet.bCut;
         if (packet.outcome == Outcome::Ok)
             LearnDescriptor(device, packet.setup, packet.data);
     }

@@ -15,11 +15,13 @@ struct ReportEndpoint {
     size_t cFirstReport = 0;  // its bytes
     unsigned uCutReport = 0;  // packet of the first one that a snap length cut
     uint32_t ulReadBytes = 0; // what the stack asked for, or the longest report
+    uint32_t ulLongest = 0;   // report
 };
 
 struct Device {
     size_t cOrder = 0; // in which the devices are first seen
     bool bHub = false;
+    bool bCut = false; // a snap length cut one of its descriptors
     uint16_t usVendor = 0, usProduct = 0;
     uint8_t ucProductString = 0;
     std::map<uint8_t, std::string> strings;

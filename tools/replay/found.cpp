@@ -68,14 +68,16 @@ ScriptKeyboard DescribeKeyboard(const Found& found)
     size_t cFirst = device.reporting.at(found.endpoints[0]).cFirstReport;
     keyboard.pGuess = cFirst == 8 ? "normal" : cFirst <= 4 ? "power" : "other";
     keyboard.bTold = !device.configurations.empty();
+    keyboard.bCut = device.bCut;
     for (uint8_t ucEndpoint : found.endpoints) {
         auto known = device.endpoints.find(ucEndpoint);
         if (known != device.endpoints.end())
             keyboard.bMouse |= known->second.ucProtocol == ProtocolMouse;
         uint32_t ulPacket = known != device.endpoints.end() ? known->second.usPacketBytes : 0;
         const ReportEndpoint& reporting = device.reporting.at(ucEndpoint);
-        uint32_t ulLongest = reporting.ulReadBytes;
-        keyboard.ulReadBytes = std::max(keyboard.ulReadBytes, ulPacket ? ulPacket : ulLongest);
+        // A report may take several packets.
+        const uint32_t ulBytes = ulPacket ? std::max(ulPacket, reporting.ulLongest) : reporting.ulReadBytes;
+        keyboard.ulReadBytes = std::max(keyboard.ulReadBytes, ulBytes);
     }
     return keyboard;
 }

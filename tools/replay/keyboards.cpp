@@ -194,9 +194,12 @@ void AddKindNotes(Script& script)
         if (!script.keyboards[k].bTold)
             script.notes.push_back(
                 {static_cast<int>(k),
-                 "the capture has no enumeration, so the driver does not learn what kind of "
-                 "keyboard this is; plug it in after the start of the recording, or say "
-                 "--keyboard KIND or --keyboard guess"});
+                 fmt::format("{}, so the driver does not learn what kind of keyboard this is; {}, or say "
+                             "--keyboard KIND or --keyboard guess",
+                             script.keyboards[k].bCut ? "a snap length cut its descriptors"
+                                                      : "the capture has no enumeration",
+                             script.keyboards[k].bCut ? "record whole packets"
+                                                      : "plug it in after the start of the recording")});
 }
 
 // And what was left out.
@@ -213,8 +216,9 @@ void AddNotes(Script& script, const CaptureReader& reader, unsigned uOthers)
                              "has shown already",
                              reader.Copies(), reader.Copies() == 1 ? "y" : "ies")});
     if (uOthers)
-        script.notes.push_back({-1, fmt::format("left out: {} device endpoint{} of no keyboard or mouse",
-                                                uOthers, Plural(uOthers))});
+        script.notes.push_back(
+            {-1, fmt::format("left out: {} endpoint{} of devices that are no keyboard or mouse", uOthers,
+                             Plural(uOthers))});
     AddKindNotes(script);
 }
 

@@ -20,6 +20,7 @@ struct ScriptKeyboard {
     uint8_t ucEndpoint = 0x81;     // of a capture: where it reports
     bool bMouse = false;           // by its interface's protocol
     bool bTold = false;            // its kind comes from the control transfers of the script
+    bool bCut = false;             // of a capture: a snap length cut what its descriptors tell
     const char* pGuess = "normal"; // else: the kind that its first report looks like
 };
 

@@ -53,9 +53,9 @@ public:
     {
         m_types[uKeyboard] = uType;
         Line(ullUs, uKeyboard, Bold,
-             fmt::format("{} {:04x}:{:04x} {}, {} (device {})", keyboard.bMouse ? "mouse" : "keyboard",
-                         keyboard.usVendor, keyboard.usProduct, Printable(keyboard.name), TypeName(uType),
-                         ulIndex));
+             fmt::format("{} {:04x}:{:04x}{}{}, {} (device {})", keyboard.bMouse ? "mouse" : "keyboard",
+                         keyboard.usVendor, keyboard.usProduct, keyboard.name.empty() ? "" : " ",
+                         Printable(keyboard.name), TypeName(uType), ulIndex));
     }
 
     void Definition(uint64_t ullUs, unsigned uKeyboard, uint32_t ulId, uint32_t ulStatus,

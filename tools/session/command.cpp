@@ -12,7 +12,8 @@ struct ShowArguments : SessionArguments {
 int Show(const ShowArguments& arguments)
 {
     SessionInput input(arguments);
-    return WritePage(arguments.html, input.script, input.setup) == 0 ? ExitGood : ExitFailed;
+    const std::string title = arguments.input + (arguments.config.empty() ? "" : " with " + arguments.config);
+    return WritePage(arguments.html, title, input.script, input.setup) == 0 ? ExitGood : ExitFailed;
 }
 
 } // namespace

@@ -37,9 +37,10 @@ std::string Quoted(const std::string& text)
 class PageWriter
 {
 public:
-    PageWriter(OutputFile& file, const Session& session) : m_file(file), m_session(session)
+    PageWriter(OutputFile& file, const std::string& title, const Session& session)
+        : m_file(file), m_session(session)
     {
-        m_file.Write("{\"items\":[");
+        m_file.Write(fmt::format("{{\"title\":{},\n\"items\":[", Quoted(title)));
     }
 
     void Add(const SessionLine& line)
@@ -105,14 +106,15 @@ private:
 
 } // namespace
 
-unsigned WritePage(const std::string& file, const Script& script, const ReplaySetup& setup)
+unsigned WritePage(const std::string& file, const std::string& title, const Script& script,
+                   const ReplaySetup& setup)
 {
     const std::string_view page = PageText, place = "@SESSION@";
     const size_t cPlace = page.find(place);
     OutputFile output(file);
     output.Write(page.substr(0, cPlace));
     Session session;
-    PageWriter writer(output, session);
+    PageWriter writer(output, title, session);
     WalkSession(session, script, setup, [&](SessionLine&& line) { writer.Add(line); });
     writer.End();
     output.Write(page.substr(cPlace + place.size()));

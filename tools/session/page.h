@@ -30,13 +30,13 @@ h2 { font-size: 15px; margin: 14px 0 4px; }
 #list button:hover { background: var(--line); }
 #list time { font-variant-numeric: tabular-nums; color: var(--soft); min-width: 6.5em; text-align: right; }
 </style></head><body>
-<h1>A keyboard's session</h1><p id="sum"></p>
+<h1 id="title"></h1><p id="sum"></p>
 <div class="bar"><span><button id="in" title="zoom in">+</button> <button id="out" title="zoom out">&minus;</button>
 <button id="all">all</button></span>
 <span class="key" style="--c:var(--below)">the keyboard sent</span>
 <span class="key" style="--c:var(--above)">the system saw</span>
 <span class="key" style="--c:var(--own)">from the driver itself</span>
-<span class="key" style="--c:var(--event)">the application was told</span></div>
+<span class="key" style="--c:var(--event)">what was told, below</span></div>
 <canvas id="chart"></canvas><div id="tip"></div>
 <h2>What was told</h2><div id="list"></div>
 <script id="session" type="application/json">@SESSION@</script>
@@ -166,6 +166,7 @@ function hover(e) {
   tip.style.left = Math.max(Math.min(e.clientX + 12, innerWidth - tip.offsetWidth - 8), 4) + "px";
   tip.style.top = Math.min(e.clientY + 14, innerHeight - tip.offsetHeight - 8) + "px";
 }
+document.title = document.getElementById("title").textContent = session.title;
 document.getElementById("sum").textContent = session.keyboards.length + " keyboard" +
   (session.keyboards.length === 1 ? "" : "s") + ", " + session.reports + " reports, " + session.told + " events, " +
   seconds(end) + " s; left behind by the driver: " + (session.leaks || "nothing");
@@ -175,7 +176,10 @@ for (const event of session.events) {
   time.textContent = seconds(event.t);
   text.textContent = (session.keyboards.length > 1 ? "keyboard " + event.kbd + ": " : "") + event.text;
   button.append(time, text);
-  button.onclick = () => look(event.t - 1e6, event.t + 1e6);
+  button.onclick = () => {
+    look(event.t - 1e6, event.t + 1e6);
+    chart.scrollIntoView({ block: "nearest" });
+  };
   document.getElementById("list").append(button);
 }
 onresize = draw;

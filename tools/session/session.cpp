@@ -10,61 +10,18 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pRegistr
 namespace
 {
 
-class Collector final : public ReplayPrinter
+class Collector final : public LinePrinter
 {
 public:
     Collector(Session& session, LineVisitor visit) : m_session(session), m_visit(std::move(visit)) {}
 
-    void Keyboard(uint64_t ullUs, unsigned uKeyboard, uint32_t, unsigned uType,
+    void Keyboard(uint64_t ullUs, unsigned uKeyboard, uint32_t ulIndex, unsigned uType,
                   const ScriptKeyboard& keyboard) override
     {
         if (m_session.keyboards.size() <= uKeyboard)
             m_session.keyboards.resize(uKeyboard + 1);
         m_session.keyboards[uKeyboard] = {keyboard, uType};
-        m_visit(Line(LineKind::Keyboard, ullUs, uKeyboard));
-    }
-    void Definition(uint64_t ullUs, unsigned uKeyboard, uint32_t ulId, uint32_t ulStatus,
-                    const std::string& why) override
-    {
-        SessionLine line = Line(LineKind::Definition, ullUs, uKeyboard);
-        line.ulId = ulId;
-        line.ulStatus = ulStatus;
-        line.why = why;
-        m_visit(std::move(line));
-    }
-    void Report(uint64_t ullUs, unsigned uKeyboard, const std::optional<Bytes>& sent,
-                const Bytes& seen) override
-    {
-        SessionLine line = Line(LineKind::Report, ullUs, uKeyboard);
-        line.sent = sent;
-        line.seen = seen;
-        m_visit(std::move(line));
-    }
-    void Event(uint64_t ullUs, unsigned uKeyboard, const NotifyRecord& record) override
-    {
-        SessionLine line = Line(LineKind::Event, ullUs, uKeyboard);
-        line.record = record;
-        m_visit(std::move(line));
-    }
-    void Macro(uint64_t ullUs, const MacroRecord& record) override
-    {
-        SessionLine line = Line(LineKind::Macro, ullUs, m_uLatest);
-        line.macro = record;
-        m_visit(std::move(line));
-    }
-    void Led(uint64_t ullUs, unsigned uKeyboard, uint8_t ucReport) override
-    {
-        SessionLine line = Line(LineKind::Led, ullUs, uKeyboard);
-        line.ucLeds = ucReport;
-        m_visit(std::move(line));
-    }
-    void Descriptors(uint64_t ullUs, unsigned uKeyboard, const Bytes& device,
-                     const Bytes& configuration) override
-    {
-        SessionLine line = Line(LineKind::Descriptors, ullUs, uKeyboard);
-        line.device = device;
-        line.configuration = configuration;
-        m_visit(std::move(line));
+        LinePrinter::Keyboard(ullUs, uKeyboard, ulIndex, uType, keyboard);
     }
     void End(uint64_t ullUs, const ReplayTotals& totals) override
     {
@@ -73,22 +30,77 @@ public:
     }
 
 private:
-    SessionLine Line(LineKind kind, uint64_t ullUs, unsigned uKeyboard)
-    {
-        m_uLatest = uKeyboard;
-        SessionLine line;
-        line.kind = kind;
-        line.ullUs = ullUs;
-        line.uKeyboard = uKeyboard;
-        return line;
-    }
+    void Line(SessionLine&& line) override { m_visit(std::move(line)); }
 
     Session& m_session;
     const LineVisitor m_visit;
-    unsigned m_uLatest = 0;
 };
 
 } // namespace
+
+SessionLine LinePrinter::LineOf(LineKind kind, uint64_t ullUs, unsigned uKeyboard)
+{
+    m_uLatest = uKeyboard;
+    SessionLine line;
+    line.kind = kind;
+    line.ullUs = ullUs;
+    line.uKeyboard = uKeyboard;
+    return line;
+}
+
+void LinePrinter::Keyboard(uint64_t ullUs, unsigned uKeyboard, uint32_t, unsigned, const ScriptKeyboard&)
+{
+    Line(LineOf(LineKind::Keyboard, ullUs, uKeyboard));
+}
+
+void LinePrinter::Definition(uint64_t ullUs, unsigned uKeyboard, uint32_t ulId, uint32_t ulStatus,
+                             const std::string& why)
+{
+    SessionLine line = LineOf(LineKind::Definition, ullUs, uKeyboard);
+    line.ulId = ulId;
+    line.ulStatus = ulStatus;
+    line.why = why;
+    Line(std::move(line));
+}
+
+void LinePrinter::Report(uint64_t ullUs, unsigned uKeyboard, const std::optional<Bytes>& sent,
+                         const Bytes& seen)
+{
+    SessionLine line = LineOf(LineKind::Report, ullUs, uKeyboard);
+    line.sent = sent;
+    line.seen = seen;
+    Line(std::move(line));
+}
+
+void LinePrinter::Event(uint64_t ullUs, unsigned uKeyboard, const NotifyRecord& record)
+{
+    SessionLine line = LineOf(LineKind::Event, ullUs, uKeyboard);
+    line.record = record;
+    Line(std::move(line));
+}
+
+void LinePrinter::Macro(uint64_t ullUs, const MacroRecord& record)
+{
+    SessionLine line = LineOf(LineKind::Macro, ullUs, m_uLatest);
+    line.macro = record;
+    Line(std::move(line));
+}
+
+void LinePrinter::Led(uint64_t ullUs, unsigned uKeyboard, uint8_t ucReport)
+{
+    SessionLine line = LineOf(LineKind::Led, ullUs, uKeyboard);
+    line.ucLeds = ucReport;
+    Line(std::move(line));
+}
+
+void LinePrinter::Descriptors(uint64_t ullUs, unsigned uKeyboard, const Bytes& device,
+                              const Bytes& configuration)
+{
+    SessionLine line = LineOf(LineKind::Descriptors, ullUs, uKeyboard);
+    line.device = device;
+    line.configuration = configuration;
+    Line(std::move(line));
+}
 
 void WalkSession(Session& session, const Script& script, const ReplaySetup& setup, const LineVisitor& visit)
 {
@@ -141,8 +153,8 @@ void AddSessionOptions(CLI::App& command, SessionArguments& arguments)
     AddKeyboardOption(command, arguments.keyboards);
 }
 
-SessionInput::SessionInput(const SessionArguments& arguments)
-    : script(ReadInput(arguments.input)),
+SessionInput::SessionInput(const SessionArguments& arguments, const ScriptChoice& choice)
+    : script(ReadInput(arguments.input, choice)),
       config(arguments.config.empty() ? ReplayConfig() : ReadConfig(arguments.config)),
       setup{DriverEntry, KindsNamed(arguments.keyboards), config}
 {

@@ -56,6 +56,8 @@ public:
     void Event(uint64_t ullUs, unsigned uKeyboard, const NotifyRecord& record) override;
     void Macro(uint64_t ullUs, const MacroRecord& record) override;
     void Led(uint64_t ullUs, unsigned uKeyboard, uint8_t ucReport) override;
+    void Descriptors(uint64_t ullUs, unsigned uKeyboard, const Bytes& device,
+                     const Bytes& configuration) override;
 
 protected:
     virtual void Line(SessionLine&& line) = 0;

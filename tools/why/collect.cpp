@@ -9,7 +9,7 @@
 namespace
 {
 
-class Collector final : public ReplayPrinter
+class Collector final : public LinePrinter
 {
 public:
     Collector(WhySession& session, const WhyChoice& choice) : m_session(session), m_choice(choice) {}
@@ -37,61 +37,6 @@ public:
         m_keyboards[uKeyboard] = {ulIndex, uType};
         m_steps.erase(ulIndex); // what was traced of its coming
     }
-    void Definition(uint64_t ullUs, unsigned uKeyboard, uint32_t ulId, uint32_t ulStatus,
-                    const std::string& why) override
-    {
-        SessionLine line = Line(LineKind::Definition, ullUs, uKeyboard);
-        line.ulId = ulId;
-        line.ulStatus = ulStatus;
-        line.why = why;
-        if (ulStatus)
-            m_session.refused.push_back(line);
-    }
-    void Report(uint64_t ullUs, unsigned uKeyboard, const std::optional<Bytes>& sent,
-                const Bytes& seen) override
-    {
-        CloseUnlessAt(ullUs);
-        const auto [ulDevice, uType] = m_keyboards[uKeyboard];
-        std::vector<Traced> steps;
-        steps.swap(m_steps[ulDevice]);
-        ++m_session.uReports;
-        m_latest.erase(uKeyboard);
-        if (!IsWanted(ullUs))
-            return;
-        if (!m_session.reports.empty() && m_session.reports.back().ullUs != ullUs) {
-            m_session.reports.clear();
-            m_latest.clear();
-        }
-        m_latest[uKeyboard] = m_session.reports.size();
-        m_session.reports.push_back({m_session.uReports,
-                                     ullUs,
-                                     uKeyboard,
-                                     uType,
-                                     sent,
-                                     seen,
-                                     std::move(steps),
-                                     m_lists[ulDevice],
-                                     {}});
-        m_uLatest = uKeyboard;
-    }
-    void Event(uint64_t ullUs, unsigned uKeyboard, const NotifyRecord& record) override
-    {
-        SessionLine line = Line(LineKind::Event, ullUs, uKeyboard);
-        line.record = record;
-        Tell(line);
-    }
-    void Macro(uint64_t ullUs, const MacroRecord& record) override
-    {
-        SessionLine line = Line(LineKind::Macro, ullUs, m_uLatest);
-        line.macro = record;
-        Tell(line);
-    }
-    void Led(uint64_t ullUs, unsigned uKeyboard, uint8_t ucReport) override
-    {
-        SessionLine line = Line(LineKind::Led, ullUs, uKeyboard);
-        line.ucLeds = ucReport;
-        Tell(line);
-    }
     void End(uint64_t, const ReplayTotals& totals) override { m_session.uLeaks = totals.uLeaks; }
 
 private:
@@ -100,13 +45,40 @@ private:
         return m_choice.uReport ? m_choice.uReport == m_session.uReports : ullUs <= m_choice.ullUs;
     }
 
-    static SessionLine Line(LineKind kind, uint64_t ullUs, unsigned uKeyboard)
+    void Line(SessionLine&& line) override
     {
-        SessionLine line{};
-        line.kind = kind;
-        line.ullUs = ullUs;
-        line.uKeyboard = uKeyboard;
-        return line;
+        if (line.kind == LineKind::Report)
+            Keep(line);
+        else if (line.kind != LineKind::Definition)
+            Tell(line);
+        else if (line.ulStatus)
+            m_session.refused.push_back(line);
+    }
+
+    void Keep(const SessionLine& line)
+    {
+        CloseUnlessAt(line.ullUs);
+        const auto [ulDevice, uType] = m_keyboards[line.uKeyboard];
+        std::vector<Traced> steps;
+        steps.swap(m_steps[ulDevice]);
+        ++m_session.uReports;
+        m_latest.erase(line.uKeyboard);
+        if (!IsWanted(line.ullUs))
+            return;
+        if (!m_session.reports.empty() && m_session.reports.back().ullUs != line.ullUs) {
+            m_session.reports.clear();
+            m_latest.clear();
+        }
+        m_latest[line.uKeyboard] = m_session.reports.size();
+        m_session.reports.push_back({m_session.uReports,
+                                     line.ullUs,
+                                     line.uKeyboard,
+                                     uType,
+                                     line.sent,
+                                     line.seen,
+                                     std::move(steps),
+                                     m_lists[ulDevice],
+                                     {}});
     }
 
     // What is asked for, and everything of its moment, has been told.
@@ -130,7 +102,6 @@ private:
     std::map<uint32_t, std::vector<Traced>> m_steps; // since the last report line, by that index
     std::map<uint32_t, std::vector<WhyHotkey>> m_lists;
     std::map<unsigned, size_t> m_latest; // chosen reports that are the last of their keyboard
-    unsigned m_uLatest = 0;
     bool m_bEnough = false;
 };
 

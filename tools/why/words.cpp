@@ -43,6 +43,15 @@ std::string ModeWords(const std::string& mode)
                                                                  : "the discard mode");
 }
 
+// True when the key of that step was found to be an armed hotkey's.
+bool IsMeant(const Traced& step, const WhyReport& report)
+{
+    for (const Traced* p = &step; p > report.steps.data() && !p->Is("KeyPassed"); --p)
+        if (p->Is("HotkeyLookedAt") && p->Number("armed"))
+            return true;
+    return false;
+}
+
 } // namespace
 
 std::string JoinedWith(const std::vector<std::string>& words, const char* pBetween)
@@ -101,13 +110,17 @@ std::string WordsOf(const Traced& step, const WhyReport& report)
         const std::string by = step.Text("by");
         const Bytes keys = step.BytesOf("keys");
         return fmt::format("{} {} {}", Keys(keys, report.uType), keys.size() > 1 ? "are" : "is",
-                           by == "nobody" ? "not given back" : "taken out by " + by);
+                           by == "nobody" ? "not given back: no keyboard of this kind gets keys back"
+                                          : "taken out by " + by);
     }
     if (step.Is("ModifiersTaken") && step.Number("modifiers"))
         return fmt::format("taken out of the report: {}",
                            JoinedWith(ShownModifiers(static_cast<uint8_t>(step.Number("modifiers"))), ", "));
     if (step.Is("KeyHeldBack"))
-        return key + " is held back";
+        return key + (IsMeant(step, report)
+                          ? " is held back"
+                          : " is held back, as the first key of no hotkey after a hotkey's key, at "
+                            "whichever keyboard that was");
     if (step.Is("KeyGiven"))
         return key + " is given to the system";
     if (step.Is("ReadAnswered"))
