@@ -167,6 +167,9 @@ TEST(Drill, TriesEachMoment)
     EXPECT_GT(uRefused, 3u);
     EXPECT_GT(uUntold, 1u);
     EXPECT_EQ(UnloadedBy(40), unloaded);
+    for (const char* pCall : {"IoCallDriver, START_DEVICE to EmuKeyboard",
+                              "ExAllocatePoolWithTag, 128 bytes of 'TvT6'", "IoCreateSymbolicLink"})
+        EXPECT_EQ(1u, calls.count(pCall)) << pCall;
     DrillPlan plan;
     plan.uEvery = 3;
     const Drill third = Drilled(F1, Hotkey, plan);
