@@ -17,9 +17,6 @@ extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT pDriver, PUNICODE_STRING pR
 namespace
 {
 const Bytes A = {0, 0, 4, 0, 0, 0, 0, 0};
-const char* const Recording =
-    "N: desk\nI: 3 1234 5678\nE: 7.0 8 01 00 00 00 00 00 00 00\nE: 7.2 8 01 00 3a 00 00 00 00 00\n"
-    "E: 7.4 8 00 00 04 00 00 00 00 00\nE: 7.4 8 00 00 00 00 00 00 00 00\n";
 const char* const CtrlF1 = "[[definition]]\nid = 7\nmodifiers = 0x400\nscans = [0x3B]\nswallow = 1\n";
 
 // Takes nothing until it may.
@@ -88,10 +85,17 @@ TEST(LiveCapture, AFullDiskIsToldOnceAndEndsTheCaptureAlone)
     EXPECT_THROW(OpenLiveCapture("/none/capture"), InputError);
 }
 
-// At its own pace, and as a replay tells it; so does a replay of the capture that was written meanwhile.
+// At its own pace from the first report on, and as a replay tells it; so does a replay of the capture that was written
+// meanwhile.
 TEST(Recorded, IsPlayedAtItsOwnPaceAsAReplayHasIt)
 {
-    TestFile recording(BytesOf(Recording)), capture({});
+    UsbmonStory story;
+    story.Enumerate(0x1234, 0x5678, ConfigurationOf({{3, 1, 1}}));
+    story.At(7000000).Report({1, 0, 0, 0, 0, 0, 0, 0});
+    story.At(7200000).Report({1, 0, 0x3A, 0, 0, 0, 0, 0});
+    story.At(7400000).Report(A);
+    story.Report(Bytes(8));
+    TestFile recording(story.File()), capture({});
     const ReplayConfig config = ParseConfig("my.toml", CtrlF1);
     auto lines = std::make_shared<Lines>();
     std::atomic<bool> bOver{false};
@@ -109,8 +113,8 @@ TEST(Recorded, IsPlayedAtItsOwnPaceAsAReplayHasIt)
             << "seconds before the first report are not waited for";
         testing::internal::CaptureStderr();
         recorded.End();
-        EXPECT_EQ("tvusb: 4 reports were played; left out: 0 requests of the recorded system\n",
-                  testing::internal::GetCapturedStderr());
+        EXPECT_EQ(0u,
+                  testing::internal::GetCapturedStderr().find("tvusb: 4 reports were played; left out: "));
         EXPECT_EQ(0u, machine.End());
     }
     for (const std::string& file : {recording.Path(), capture.Path()}) {
