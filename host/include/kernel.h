@@ -7,7 +7,7 @@
 //   IRQL_AT_MOST(level)   the caller runs at that level or lower
 //   IRQL_IS(level)        the caller runs at exactly that level
 //   SCHEDULE_POINT()      other processors may come first here; a simulated run with a seed lets them
-// A check that does not hold stops the run.
+// A check that does not hold stops the run, and so does NT_ASSERT, as in the platform's checked build.
 #pragma once
 
 #include "nt/types.h"
@@ -28,7 +28,13 @@ extern "C" void HostCheckIrqlAtMost(const char* pRoutine, KIRQL level);
 extern "C" void HostCheckIrqlIs(const char* pRoutine, KIRQL level);
 extern "C" [[noreturn]] void HostAssertionFailed(const char* pRoutine, const char* pExpression);
 
+inline void HostAssert(bool bHolds, const char* pRoutine, const char* pExpression)
+{
+    if (!bHolds) {
+        HostAssertionFailed(pRoutine, pExpression);
+    }
+}
+
 #define IRQL_AT_MOST(level) HostCheckIrqlAtMost(__func__, (level))
 #define IRQL_IS(level) HostCheckIrqlIs(__func__, (level))
-// As in the platform's checked build.
-#define NT_ASSERT(expression) ((expression) ? (void)0 : HostAssertionFailed(__func__, #expression))
+#define NT_ASSERT(expression) HostAssert((expression), __func__, #expression)
