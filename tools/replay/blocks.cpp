@@ -123,9 +123,13 @@ bool BlockReader::NextPcap(Block& block)
     uint64_t ullFraction = Word(4);
     block.ullUs = Word(0) * 1000000ull + (m_interfaces[0].uDigits == 9 ? ullFraction / 1000 : ullFraction);
     block.cOriginal = Word(12);
-    if (cHeld)
+    block.pBytes = m_reader.Look(cHeld);
+    if (block.pBytes) {
+        m_reader.Pass(cHeld);
+    } else {
         Take(cHeld, false);
-    block.pBytes = m_buffer.data() + cHead;
+        block.pBytes = m_buffer.data() + cHead;
+    }
     block.cBytes = cHeld;
     block.uNumber = m_uNumber;
     block.bSwapped = m_bSwapped;

@@ -59,6 +59,16 @@ public:
     size_t Read(uint8_t* pBytes, size_t cBytes);
     // What there is of them, at least one, and more only at the end.
     size_t ReadSome(uint8_t* pBytes, size_t cBytes);
+    // So many bytes, where they lie, until the next call; null: Read() brings them.
+    const uint8_t* Look(size_t cBytes) const
+    {
+        return m_held.size() - m_cTaken >= cBytes ? m_held.data() + m_cTaken : nullptr;
+    }
+    void Pass(size_t cBytes) // that were looked at
+    {
+        m_cTaken += cBytes;
+        m_ullAt += cBytes;
+    }
     uint64_t At() const { return m_ullAt; } // bytes that were read
     const InputFile& Input() const { return *m_pInput; }
 

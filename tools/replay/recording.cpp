@@ -32,12 +32,26 @@ public:
 
     std::string_view Word()
     {
-        m_rest = Trim(m_rest);
+        while (!m_rest.empty() && IsBlank(m_rest.front()))
+            m_rest.remove_prefix(1);
         auto isBlank = [](char c) { return c == ' ' || c == '\t'; };
         auto cEnd = static_cast<size_t>(std::find_if(m_rest.begin(), m_rest.end(), isBlank) - m_rest.begin());
         std::string_view word = m_rest.substr(0, cEnd);
         m_rest.remove_prefix(cEnd);
         return word;
+    }
+
+    // The next word as a byte; nearly always two hexadecimal digits.
+    uint8_t Byte()
+    {
+        std::string_view word = Word();
+        auto digit = [](char c) {
+            return c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+        };
+        int iHigh = word.size() == 2 ? digit(word[0]) : -1, iLow = word.size() == 2 ? digit(word[1]) : -1;
+        if (iHigh >= 0 && iLow >= 0)
+            return static_cast<uint8_t>(iHigh << 4 | iLow);
+        return static_cast<uint8_t>(NumberOf(word, 16, 0xFF, "byte (two hexadecimal digits)"));
     }
 
     // The next word as a number that is at most ullMost.
@@ -183,7 +197,7 @@ private:
         Bytes bytes;
         bytes.reserve(ullCount);
         while (bytes.size() < ullCount)
-            bytes.push_back(static_cast<uint8_t>(line.Number(16, 0xFF, "byte (two hexadecimal digits)")));
+            bytes.push_back(line.Byte());
         if (!line.Rest().empty())
             line.Fail(fmt::format("more than the {} bytes announced", ullCount));
         return bytes;

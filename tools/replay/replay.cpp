@@ -284,7 +284,8 @@ private:
             player.bSilent |= received.Status != STATUS_CANCELLED && !m_setup.pTrial;
             return;
         }
-        Received entry{uKeyboard, std::nullopt, received.Bytes};
+        m_spare = received.Bytes;
+        Received entry{uKeyboard, std::nullopt, std::move(m_spare)};
         if (player.sent.size() > player.pKeyboard->KeptReports()) {
             entry.sent = std::move(player.sent.front());
             player.sent.pop_front();
@@ -311,6 +312,7 @@ private:
             Happen(&ReplayTrial::AtReport, entry.uKeyboard);
             std::rotate(m_received.begin(), m_received.begin() + static_cast<ptrdiff_t>(cOthers),
                         m_received.end());
+            m_spare = std::move(entry.seen);
         }
     }
 
@@ -400,6 +402,7 @@ private:
     ReplayPrinter& m_printer;
     std::deque<Player> m_players;
     std::deque<Received> m_received;
+    Bytes m_spare; // its memory, for the next one
     std::deque<std::pair<unsigned, uint8_t>> m_leds;
     ReplayTotals m_totals;
     size_t m_uUntold = 0; // keyboards so far of which the input tells nothing
