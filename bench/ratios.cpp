@@ -68,6 +68,7 @@ const Row Rows[] = {
     {"log on, 511, full / a reference report", "log-full", "typing-reference-511", false, 200, "us", 1e3},
     {"an application's request / getppid", "request-whole", "request-getppid", false, 1, nullptr, 1},
     {"the driver's part of a request / getppid", "request-driver", "request-getppid", false, 0.2, nullptr, 1},
+    {"a report replayed as JSON / getppid", "replay-json", "request-getppid", false, 667, "ns", 1},
     {"the extension", "memory-0", nullptr, false, 40000, "bytes", 1},
     {"a keyboard with ten hotkeys", "memory-10", nullptr, false, 44000, "bytes", 1},
 };

@@ -3,6 +3,7 @@
 //   engine      DiagUSBPacket on a buffer           reference   the plain walk of tests/reference
 //   trip        from the keyboard to the HID stack  oldest, only   the trip at 127 keyboards or one
 //   adds-...    one definition after the other      log-...        with the log on
+//   request-... requests.cpp                        replay-json    replay.cpp
 #include "scenes.h"
 
 #include <cstring>
@@ -263,6 +264,9 @@ Block MakeScene(const std::string& name)
     }
     if (what == "request") {
         return MakeRequestScene(who);
+    }
+    if (what == "replay") {
+        return MakeReplayScene();
     }
     const Deed* deed = FindDeed(what);
     return deed == nullptr ? Block() : MakeReports(*deed, who, number);

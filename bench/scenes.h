@@ -12,3 +12,4 @@ using Block = std::function<double()>;
 // Makes the scene's machine, which stays until the process ends. Null for a name that nobody knows.
 Block MakeScene(const std::string& name);
 Block MakeRequestScene(const std::string& part); // requests.cpp
+Block MakeReplayScene();                         // replay.cpp
