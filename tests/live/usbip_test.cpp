@@ -202,6 +202,16 @@ TEST_F(UsbipTest, ABadMachineLosesItsConnectionAndNobodyElseAnything)
     ExpectServed();
 }
 
+TEST_F(UsbipTest, AThousandConnectionsAreNothing)
+{
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < 1000; i++) {
+        Machine passing(server->Port());
+    }
+    ExpectServed();
+    EXPECT_GT(std::chrono::seconds(10), std::chrono::steady_clock::now() - begin);
+}
+
 TEST_F(UsbipTest, WhoTakesNoAnswersHoldsNobodyUp)
 {
     Machine silent(server->Port());

@@ -121,14 +121,17 @@ void Listener::Listen()
     m_Callers.clear();
 }
 
+// All who wait.
 void Listener::Accept()
 {
-    int iSocket = accept4(m_iSocket, nullptr, nullptr, SOCK_CLOEXEC);
-    if (iSocket < 0) {
-        if (errno == EMFILE || errno == ENFILE)
-            usleep(10000); // until somebody's is closed
-        return;
+    while (m_Callers.size() < m_cMost) {
+        const int iSocket = accept4(m_iSocket, nullptr, nullptr, SOCK_CLOEXEC);
+        if (iSocket < 0) {
+            if (errno == EMFILE || errno == ENFILE)
+                usleep(10000); // until somebody's is closed
+            return;
+        }
+        if (auto caller = m_Welcome(iSocket, m_iWake))
+            m_Callers.push_back(std::move(caller));
     }
-    if (auto caller = m_Welcome(iSocket, m_iWake))
-        m_Callers.push_back(std::move(caller));
 }

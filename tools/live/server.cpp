@@ -81,7 +81,7 @@ int ControlServer::Bind() const
     bool bBound = bind(iSocket, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
     int iError = errno;
     umask(mask);
-    if (!bBound || listen(iSocket, 128) != 0) {
+    if (!bBound || listen(iSocket, SOMAXCONN) != 0) {
         iError = bBound ? errno : iError;
         close(iSocket);
         throw InputError(fmt::format("{}: {}", m_path, strerror(iError)));

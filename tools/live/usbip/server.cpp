@@ -65,7 +65,7 @@ int Server::Bind(const std::string& address)
     int iListener = socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     const int iOn = 1; // a server that was killed leaves connections behind that are about to go
     setsockopt(iListener, SOL_SOCKET, SO_REUSEADDR, &iOn, sizeof(iOn));
-    if (bind(iListener, found->ai_addr, found->ai_addrlen) != 0 || listen(iListener, 16) != 0) {
+    if (bind(iListener, found->ai_addr, found->ai_addrlen) != 0 || listen(iListener, SOMAXCONN) != 0) {
         const int iError = errno;
         close(iListener);
         throw InputError(fmt::format("--usbip: {}: {}", address, strerror(iError)));
