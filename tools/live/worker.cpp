@@ -22,6 +22,8 @@ namespace
 {
 
 constexpr unsigned EndSeconds = 2;
+// A keyboard that was had before may be refused at first: when the machine wakes up the kernel takes it as well.
+constexpr unsigned MostRefused = 20;
 
 // What the last resort gives back. Set while no alarm is due.
 int iNodeOfLastResort = -1;
@@ -113,10 +115,14 @@ private:
                 FilteredAbove{&m_Open.uhids, m_Service.Exports()}, m_Panic, told,
                 m_bLatency ? &m_Latency : nullptr);
         } catch (const std::runtime_error&) {
-            if (IsThere(m_Open.found))
+            if (!IsThere(m_Open.found))
+                return PulledOut();
+            if (m_uRefused++ == m_uMayRefuse)
                 throw;
-            return PulledOut();
+            return LookAgain();
         }
+        m_uRefused = 0;
+        m_uMayRefuse = MostRefused;
         fmt::print(stderr, "tvusb: live: {}{}\n", WordsOf(m_Open.found),
                    m_Service.Exports() ? ", offered as 1-1" : "");
     }
@@ -137,8 +143,15 @@ private:
     void PulledOut()
     {
         fmt::print(stderr, "tvusb: {} was pulled out\n", WordsOf(m_Open.found));
-        Release();
+        LookAgain();
+    }
+
+    // The guardian finds it, or its twin, again. It is told first: it waits for no beat then, and the kernel may take its
+    // time with a keyboard that is released.
+    void LookAgain()
+    {
         m_Guardian.Tell(GuardWord::PulledOut);
+        Release();
     }
 
     // From any thread.
@@ -183,6 +196,7 @@ private:
     LiveService m_Service;
     int m_iSignals = -1, m_iOver;
     bool m_bEnd = false, m_bFailed = false;
+    unsigned m_uRefused = 0, m_uMayRefuse = 0; // how often in a row
     std::mutex m_Lock;
     std::string m_Why; // guarded by m_Lock
     OpenKeyboard m_Open;

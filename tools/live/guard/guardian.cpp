@@ -31,7 +31,9 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr milliseconds FirstBeat{10000}; // the driver is loaded, the keyboard asked what it is
-constexpr milliseconds NextBeat{700};
+constexpr milliseconds NextBeat{500};
+constexpr milliseconds LastWait{
+    200}; // where the whole machine stood still, as in its sleep, a beat comes at once
 constexpr milliseconds OwnDelay{
     100}; // who comes later than that was held up as the worker was: the machine stood still
 constexpr milliseconds EndInOrder{3000}; // then it is ended by force
@@ -204,8 +206,10 @@ private:
     void HearWorker()
     {
         for (GuardWord word; m_pWorker->Take(&word);) {
-            if (word == GuardWord::Beat && !m_bEnding)
+            if (word == GuardWord::Beat && !m_bEnding) {
                 m_Deadline = Clock::now() + NextBeat;
+                m_bOverdue = false;
+            }
             if (word == GuardWord::Panic && !m_bEnding) {
                 Say("the panic chord ends it");
                 m_bPanic = true;
@@ -247,11 +251,12 @@ private:
 
     void TooLate(Clock::duration late)
     {
-        if (!m_bEnding && late > OwnDelay) {
-            m_Deadline = Clock::now() + NextBeat;
+        if (!m_bEnding && (late > OwnDelay || !m_bOverdue)) {
+            m_bOverdue = late <= OwnDelay;
+            m_Deadline = Clock::now() + (m_bOverdue ? LastWait : NextBeat);
             return;
         }
-        if (!m_bPanic) {
+        if (!m_bPanic && !m_bHung) {
             Say("the worker hangs, and is ended");
             m_bHung = true;
         }
@@ -291,6 +296,7 @@ private:
     const GuardChannel* m_pWorker = nullptr;
     pid_t m_Pid = 0;
     Clock::time_point m_Deadline = Clock::time_point::max();
+    bool m_bOverdue = false; // a beat did not come
     bool m_bEnding = false, m_bPanic = false, m_bHung = false;
     int m_iStatus = ExitFailed;
 };

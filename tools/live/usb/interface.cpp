@@ -9,6 +9,14 @@
 #include <algorithm>
 #include <stdexcept>
 
+namespace
+{
+uint16_t WordOf(const uint8_t* pBytes)
+{
+    return static_cast<uint16_t>(pBytes[0] | pBytes[1] << 8);
+}
+} // namespace
+
 EmuDescriptors UsbInterface::Descriptors() const
 {
     return {device.data(),
@@ -65,8 +73,7 @@ HidHead HidHeadOf(const Bytes& configuration)
     constexpr uint8_t HidDescriptor = 0x21;
     for (size_t i = 0; i + 9 <= configuration.size() && configuration[i] >= 2; i += configuration[i])
         if (configuration[i + 1] == HidDescriptor)
-            return {static_cast<uint16_t>(configuration[i + 2] | configuration[i + 3] << 8),
-                    configuration[i + 4]};
+            return {WordOf(&configuration[i + 2]), configuration[i + 4], WordOf(&configuration[i + 7])};
     return {};
 }
 

@@ -38,6 +38,7 @@ UsbInterface InterfaceOf(const Bytes& device, const Bytes& configuration, uint8_
 struct HidHead {
     uint16_t usVersion = 0;
     uint8_t ucCountry = 0;
+    uint16_t usReportBytes = 0; // of the report descriptor
 };
 HidHead HidHeadOf(const Bytes& configuration);
 

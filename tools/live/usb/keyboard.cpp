@@ -127,7 +127,9 @@ void UsbKeyboard::Describe(const std::vector<uint8_t>& interfaces)
     for (uint8_t ucNumber : interfaces) {
         UsbInterface interface = InterfaceOf(device, configuration, ucNumber);
         interface.report = DescriptorOf(LIBUSB_RECIPIENT_INTERFACE, LIBUSB_DT_REPORT, ucNumber);
-        if (interface.report.empty())
+        if (interface.report.empty() ||
+            interface.report.size() <
+                HidHeadOf(interface.configuration).usReportBytes) // no system takes a part
             throw std::runtime_error("the keyboard does not tell what its reports are");
         interface.maker = StringOf(device[14]);
         interface.product = StringOf(device[15]);
