@@ -5,8 +5,6 @@
 //                                     '12.345678 "NAME" key CODE VALUE', by the monotonic clock
 //   guest-events led NAME CODE VALUE  lights an LED of the devices whose name contains NAME
 //   guest-events kill SIGNAL PID...   sends the signal and tells when
-//   guest-events burst HIDG COUNT     writes COUNT reports of a boot keyboard to a gadget, as fast as they are taken
-//   guest-events capture BUS FILE     writes what passes on the bus as a capture (pcap, link type 220), until it is killed
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -19,6 +17,7 @@
 #include <fcntl.h>
 #include <linux/input.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -67,8 +66,11 @@ void PrintEvents(const Device& device)
     }
 }
 
+// A device holds 64 events for who reads it, so this goes before all else that runs.
 [[noreturn]] void Watch()
 {
+    sched_param first = {1};
+    sched_setscheduler(0, SCHED_FIFO, &first);
     double scanned = 0;
     for (bool bFirst = true;; bFirst = false) {
         if (Now() > scanned + 0.02) { // not after every event: a device holds 64 of them
@@ -138,56 +140,6 @@ int Kill(int iSignal, char** ppPids)
     return iStatus ? 1 : 0;
 }
 
-int Burst(const char* pPath, int iCount)
-{
-    int iFile = open(pPath, O_WRONLY);
-    double start = Now();
-    for (int i = 0; i < iCount; i++) {
-        unsigned char report[8] = {0, 0, static_cast<unsigned char>(i & 1 ? 0 : 4 + i / 2 % 26)};
-        if (write(iFile, report, sizeof report) != sizeof report) {
-            perror("guest-events: burst");
-            return 1;
-        }
-    }
-    printf("%.3f seconds\n", Now() - start);
-    return 0;
-}
-// The kernel's binary interface to usbmon (its Documentation/usb/usbmon.rst): a head of 64 bytes, as link type 220 has
-// it, and the data behind it.
-struct UsbmonGet {
-    unsigned char* pHead;
-    unsigned char* pData;
-    size_t uRoom;
-};
-enum : unsigned long { UsbmonTake = _IOW(0x92, 10, UsbmonGet) };
-
-int Capture(const char* pBus, const char* pPath)
-{
-    int iFile = open((std::string("/dev/usbmon") + pBus).c_str(), O_RDONLY);
-    FILE* pOut = fopen(pPath, "wb");
-    if (iFile < 0 || !pOut) {
-        perror("guest-events: capture");
-        return 1;
-    }
-    const unsigned fileHead[] = {0xA1B2C3D4, 4 << 16 | 2, 0, 0, 65535, 220};
-    fwrite(fileHead, sizeof fileHead, 1, pOut);
-    fflush(pOut);
-    unsigned char head[64], data[4096];
-    UsbmonGet get = {head, data, sizeof data};
-    while (ioctl(iFile, UsbmonTake, &get) == 0) {
-        unsigned time[4], length; // at 16: seconds (8 bytes), microseconds; at 36: captured bytes
-        memcpy(time, head + 16, sizeof time);
-        memcpy(&length, head + 36, sizeof length);
-        unsigned bytes = 64 + (length < sizeof data ? length : sizeof data);
-        const unsigned recordHead[] = {time[0], time[2], bytes, 64 + length};
-        fwrite(recordHead, sizeof recordHead, 1, pOut);
-        fwrite(head, sizeof head, 1, pOut);
-        fwrite(data, bytes - 64, 1, pOut);
-        fflush(pOut);
-    }
-    perror("guest-events: capture");
-    return 1;
-}
 } // namespace
 
 int main(int argc, char** argv)
@@ -205,13 +157,6 @@ int main(int argc, char** argv)
     if (verb == "kill" && argc >= 4) {
         return Kill(atoi(argv[2]), argv + 3);
     }
-    if (verb == "burst" && argc == 4) {
-        return Burst(argv[2], atoi(argv[3]));
-    }
-    if (verb == "capture" && argc == 4) {
-        return Capture(argv[2], argv[3]);
-    }
-    fprintf(stderr, "guest-events: list, watch, led NAME CODE VALUE, kill SIGNAL PID..., burst HIDG COUNT, "
-                    "capture BUS FILE\n");
+    fprintf(stderr, "guest-events: list, watch, led NAME CODE VALUE, kill SIGNAL PID...\n");
     return 2;
 }

@@ -16,7 +16,7 @@ def leds_of_the_system_reach_the_keyboard(guest):
 
 
 def a_capture_made_here_replays_to_what_was_typed(guest):
-    capture = guest.start("guest-events capture 1 /tmp/typed.pcap", "/tmp/log")
+    capture = guest.start("guest-load capture 1 /tmp/typed.pcap", "/tmp/log")
     guest.pull_out()
     guest.until(f'! guest-events list | grep -q "{RAW}"')
     guest.plug_in()  # the driver learns from the enumeration what kind it is

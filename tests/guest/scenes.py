@@ -12,7 +12,7 @@ import traceback
 
 from guest import Failed, Guest
 
-FILES = ("raw", "live", "network", "real")
+FILES = ("raw", "live", "network", "real", "interfaces", "unruly", "machine")
 
 
 def all_scenes():
