@@ -152,9 +152,10 @@ public:
     }
     void AfterPull(unsigned uKeyboard, EmuKeyboard& keyboard) override
     {
-        if (EmuHidOutstandingReads(keyboard.Hid()) != 0)
-            Say(Result::Hung,
-                fmt::format("a read of keyboard {} stays in the driver when it is pulled", uKeyboard));
+        if (EmuHidOutstandingReads(keyboard.Hid()) != 0) // at once: the removal may wait for it
+            SayApart(
+                Said(Result::Hung,
+                     fmt::format("a read of keyboard {} stays in the driver when it is pulled", uKeyboard)));
     }
     Mishap AtEvent(unsigned uKeyboard) override
     {
@@ -255,9 +256,10 @@ private:
     }
 
     // In the copy.
-    void Say(Result result, const std::string& text)
+    void Say(Result result, const std::string& text) { m_says.push_back(Said(result, text)); }
+    static std::string Said(Result result, const std::string& text)
     {
-        m_says.push_back(static_cast<char>('a' + static_cast<int>(result)) + text);
+        return static_cast<char>('a' + static_cast<int>(result)) + text;
     }
 
     [[noreturn]] void Conclude()
