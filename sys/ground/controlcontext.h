@@ -23,6 +23,7 @@ struct ControlContext {
     SiblingLink Ps2Keyboard;
 };
 
+// What the dispatch entries ask, and what those behind them may rely on, as in frame.h. IRQL any.
 inline bool IsControlDevice(PDEVICE_OBJECT device)
 {
     const auto pContext = static_cast<const ControlContext*>(device->DeviceExtension);

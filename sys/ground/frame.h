@@ -94,13 +94,14 @@ template <typename Fields> inline const Fields& FieldsOf(const DeviceContext* pC
     return *reinterpret_cast<const Fields*>(reinterpret_cast<const UCHAR*>(pContext) + Fields::Place);
 }
 
-// The room's fields come from a filter device; any other one stops the host.
+// What the dispatch entries ask. A device whose record is not complete is none yet. IRQL any.
 inline bool IsFilterDevice(PDEVICE_OBJECT device)
 {
     const auto pFrame = static_cast<const FrameFields*>(device->DeviceExtension);
     return pFrame != nullptr && LoadAcquire(pFrame->ulDeviceKind) == FILTER_DEVICE_KIND;
 }
 
+// Behind the entries: any other device stops the host. IRQL any.
 inline DeviceContext* FilterContextOf(PDEVICE_OBJECT device)
 {
     NT_ASSERT(IsFilterDevice(device));
