@@ -94,7 +94,7 @@ TEST_F(Bus, AStackIsToldOfItsOwnInterfaceAndAsksForIt)
     EXPECT_EQ(0x81, m_Interface.ucEndpoint);
     EXPECT_EQ(0x0111, HidHeadOf(m_Interface.configuration).usVersion);
     EXPECT_EQ(13, HidHeadOf(m_Interface.configuration).ucCountry);
-    EXPECT_EQ(65, HidHeadOf(m_Interface.configuration).usReportBytes);
+    EXPECT_EQ(63, HidHeadOf(m_Interface.configuration).usReportBytes);
     EXPECT_EQ(u"USB\\VID_7A3C&PID_0101&MI_01", m_Interface.hardwareId);
     for (uint8_t ucMissing : {2, 3})
         EXPECT_THROW(InterfaceOf(FakeDevice, FakeConfiguration, ucMissing), std::runtime_error);
