@@ -67,17 +67,6 @@ def the_shipped_rules_give_keyboard_and_uhid_to_their_user(guest):
         guest.sh("killall udevd; chown root /dev/uhid")
 
 
-def a_clock_that_jumps_is_not_noticed(guest):
-    guardian = _start(guest)
-    for step in ("2001-01-01 00:00", "2037-01-01 00:00", "2026-01-01 00:00"):
-        guest.sh(f'date -s "{step}"')
-        _types(guest)
-    time.sleep(1)  # longer than the worker's heart may stand still
-    equal(guest.sh(f"kill -0 {guardian}; echo $?"), "0", "the guardian lives")
-    _types(guest)
-    _stop(guest, guardian)
-
-
 def after_the_machine_slept_the_keyboard_types_filtered(guest):
     """Its USB controller has lost everything meanwhile, so the kernel takes the keyboard back when it wakes up, and what is
     typed in this moment is not filtered."""
