@@ -9,13 +9,9 @@
 #include "driver/driver.h"
 
 #include "control/control.h"
-#include "control/fields.h"
 #include "driver/fields.h"
-#include "hotkeys/bufferfields.h"
-#include "hotkeys/fields.h"
 #include "hotkeys/hotkeys.h"
 #include "macro/macro.h"
-#include "macro/parkedfields.h"
 #include "siblings/siblings.h"
 
 namespace
@@ -65,10 +61,10 @@ bool UncountStarted(DeviceContext* pContext)
 NTSTATUS StartKeyboard(PDEVICE_OBJECT device, PIRP pIrp)
 {
     DeviceContext* pContext = FilterContextOf(device);
+    FrameFields& frame = FieldsOf<FrameFields>(pContext);
     USHORT usUnusedRate = 0;
     USHORT usUnusedDelay = 0;
 
-    FrameFields& frame = FieldsOf<FrameFields>(pContext);
     ReadProperty(frame, DevicePropertyDeviceDescription, &FrameFields::DeviceDescription);
     ReadProperty(frame, DevicePropertyHardwareID, &FrameFields::HardwareId);
     ReadProperty(frame, DevicePropertyPhysicalDeviceObjectName, &FrameFields::PhysicalDeviceObjectName);

@@ -4,7 +4,6 @@
 // in the report with its modifiers matched, and that key is always taken out.
 #include "report/report.h"
 
-#include "hotkeys/fields.h"
 #include "hotkeys/hotkeys.h"
 #include "log/events.h"
 #include "log/log.h"

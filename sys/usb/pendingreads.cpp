@@ -33,9 +33,8 @@ namespace
 {
 // One that is not found changes nothing. Returns true when a canceller works on it, who gets it with bLeave.
 // IRQL <= DISPATCH. Lock: takes PendingIrpLock.
-bool TakeOutRead(DeviceContext* pContext, PIRP Irp, bool bLeave)
+bool TakeOutRead(PendingFields& pending, PIRP Irp, bool bLeave)
 {
-    PendingFields& pending = FieldsOf<PendingFields>(pContext);
     LockScope lock(pending.PendingIrpLock);
     ULONG i = 0;
     while (i < pending.ulPendingIrpCount && pending.PendingIrps[i] != Irp) {
@@ -58,9 +57,8 @@ bool TakeOutRead(DeviceContext* pContext, PIRP Irp, bool bLeave)
 }
 
 // IRQL <= DISPATCH. Lock: takes PendingIrpLock.
-bool IsBeingCancelled(DeviceContext* pContext, PIRP Irp)
+bool IsBeingCancelled(PendingFields& pending, PIRP Irp)
 {
-    PendingFields& pending = FieldsOf<PendingFields>(pContext);
     LockScope lock(pending.PendingIrpLock);
     return pending.pCancellingIrp == Irp;
 }
@@ -72,12 +70,12 @@ bool IsBeingCancelled(DeviceContext* pContext, PIRP Irp)
 // IRQL <= DISPATCH. Lock: takes PendingIrpLock. Fails: never.
 bool RemovePendingIrp(PDEVICE_OBJECT device, PIRP Irp)
 {
-    DeviceContext* pContext = FilterContextOf(device);
+    PendingFields& pending = FieldsOf<PendingFields>(device);
     const bool bWasPending = Irp->PendingReturned != FALSE;
-    if (!TakeOutRead(pContext, Irp, bWasPending)) {
+    if (!TakeOutRead(pending, Irp, bWasPending)) {
         return false;
     }
-    while (!bWasPending && IsBeingCancelled(pContext, Irp)) {
+    while (!bWasPending && IsBeingCancelled(pending, Irp)) {
     }
     return bWasPending;
 }
@@ -85,9 +83,8 @@ bool RemovePendingIrp(PDEVICE_OBJECT device, PIRP Irp)
 namespace
 {
 // The oldest pending read, marked as being cancelled; null when there is none or another canceller has it.
-PIRP ClaimPendingRead(DeviceContext* pContext)
+PIRP ClaimPendingRead(PendingFields& pending)
 {
-    PendingFields& pending = FieldsOf<PendingFields>(pContext);
     LockScope lock(pending.PendingIrpLock);
     if (pending.ulPendingIrpCount == 0) {
         InterlockedIncrement(&pending.lMissedCalls); // one on its way down looks again
@@ -101,9 +98,8 @@ PIRP ClaimPendingRead(DeviceContext* pContext)
 }
 
 // Returns true when the read's completion came meanwhile and was left to the canceller.
-bool LetGoOfRead(DeviceContext* pContext)
+bool LetGoOfRead(PendingFields& pending)
 {
-    PendingFields& pending = FieldsOf<PendingFields>(pContext);
     LockScope lock(pending.PendingIrpLock);
     pending.pCancellingIrp = nullptr;
     return pending.ucCancelledCompleted != 0;
@@ -114,12 +110,12 @@ bool LetGoOfRead(DeviceContext* pContext)
 // IRQL <= DISPATCH. Lock: takes PendingIrpLock. Fails: none pending, or one is being called back already.
 bool CancelPendingRead(PDEVICE_OBJECT device)
 {
-    DeviceContext* pContext = FilterContextOf(device);
+    PendingFields& pending = FieldsOf<PendingFields>(device);
     const KIRQL irql = KeRaiseIrqlToDpcLevel(); // somebody may be waiting for the claim's end
-    PIRP Irp = ClaimPendingRead(pContext);
+    PIRP Irp = ClaimPendingRead(pending);
     if (Irp != nullptr) {
         IoCancelIrp(Irp);
-        if (LetGoOfRead(pContext)) {
+        if (LetGoOfRead(pending)) {
             IoCompleteRequest(Irp, IO_KEYBOARD_INCREMENT);
         }
     }
